@@ -62,9 +62,9 @@ MQ_STATIC_ASSERT(offsetof(SecureHeader, userId) == 20, "SecureHeader.userId");
 
 /* The raw (wire) form of a message inside a PcfMessage. */
 typedef struct PcfRawData {
-  void *library0;    /* the message library's */
-  uint8_t *data;     /* MsgHeader, then body */
-  void *aux;         /* the message library's */
+  void* library0;    /* the message library's */
+  uint8_t* data;     /* MsgHeader, then body */
+  void* aux;         /* the message library's */
   uint32_t capacity; /* bytes available at data */
   uint32_t length;   /* bytes of raw message at data, header included */
 } PcfRawData;
@@ -90,25 +90,25 @@ MQ_STATIC_ASSERT(offsetof(PcfMessage, raw) == 60048, "PcfMessage.raw");
 
 /* AlienToNative - convert the MsgHeader at raw->data in place to the host's byte order and character set, as its own
  * bigEndian and asciiText say. raw->length says how many bytes are present; a record that was browsed may say 0. */
-MQ_RUNTIME int AlienToNative(PcfRawData *raw);
+MQ_RUNTIME int AlienToNative(PcfRawData* raw);
 
 /* AlienToNativeExt - convert an envelope in place to native form. */
-MQ_RUNTIME int AlienToNativeExt(SecureHeader *envelope);
+MQ_RUNTIME int AlienToNativeExt(SecureHeader* envelope);
 
 /* AlienPcfToNative - convert the body of a complete message with a native header to the host's form. */
-MQ_RUNTIME int AlienPcfToNative(PcfMessage *msg);
+MQ_RUNTIME int AlienPcfToNative(PcfMessage* msg);
 
 /* RawToPcf - parse the raw form into the record's content, after AlienPcfToNative. */
-MQ_RUNTIME int RawToPcf(PcfMessage *msg);
+MQ_RUNTIME int RawToPcf(PcfMessage* msg);
 
 /* SizePcfMessage - enlarge the record's raw area so that its capacity is at least size bytes. */
-MQ_RUNTIME int SizePcfMessage(PcfMessage *msg, uint32_t size);
+MQ_RUNTIME int SizePcfMessage(PcfMessage* msg, uint32_t size);
 
 /* DumpPcfMessage - write a diagnostic dump of a record that could not be converted or parsed. */
-MQ_RUNTIME void DumpPcfMessage(PcfMessage *msg);
+MQ_RUNTIME void DumpPcfMessage(PcfMessage* msg);
 
 /* VerifyMessage - look over a raw message just before it is signed; the result changes nothing. */
-MQ_RUNTIME int VerifyMessage(PcfRawData *raw);
+MQ_RUNTIME int VerifyMessage(PcfRawData* raw);
 
 /* mqc_sign - produce the bytes to send for a signed message.
  *   context  in      the security context that the caller of the write gave
@@ -116,13 +116,13 @@ MQ_RUNTIME int VerifyMessage(PcfRawData *raw);
  *   out      out     zero-filled write descriptor; receives a data area (CreateBuffer) with length the bytes to send: the
  *                    envelope first, then the signed plain message, msgLength covering all after the envelope
  * After a failure out is fit for DeleteBuffer. */
-MQ_RUNTIME int mqc_sign(void *context, PcfMessage *msg, IoBuffer *out);
+MQ_RUNTIME int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out);
 
 /* mqc_authenticate - nonzero when signedPart carries a valid signature for the envelope.
  *   envelope    in      native form
  *   signedPart  in      a view of the bytes after the envelope: data, length
  *   msg         in/out  the record that holds the envelope and those bytes, not yet converted */
-MQ_RUNTIME int mqc_authenticate(SecureHeader *envelope, IoBuffer *signedPart, PcfMessage *msg);
+MQ_RUNTIME int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* msg);
 
 MQ_END_C
 

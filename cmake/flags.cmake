@@ -1,0 +1,16 @@
+# Flags that the whole build shares, and those of the shared libraries.
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fstack-protector-strong)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+if(MQNODE_SANITIZE)
+  add_compile_options(-fsanitize=${MQNODE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${MQNODE_SANITIZE})
+endif()
+
+# Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from within
+# the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host sees.
+function(mqnode_library_flags target)
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
+    -fno-semantic-interposition -fno-plt -Wconversion)
+endfunction()

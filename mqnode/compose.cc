@@ -1,0 +1,138 @@
+// compose.cc - turns the host's message into a write descriptor, plain or signed, and hands it to delivery.
+// Not here: sending and queueing (deliver.cc), the signature (the companion's mqc_sign).
+// Invariant: the caller's record is read for the last time before delivery starts.
+#include "mqnode/compose.h"
+
+#include <cstring>
+
+#include "mqnode/deliver.h"
+#include "mqnode/node.hh"
+#include "mqnode/wire.hh"
+#include "runtime/text.hh"
+
+namespace {
+
+constexpr size_t kUserLength = sizeof(MsgHeader::userId);
+
+// Whether the raw form can be a message at all: its header is about to be written into it.
+bool IsWritable(const PcfRawData& raw) { return raw.length >= mq::kHeaderLength && raw.length <= MQ_MAX_MESSAGE; }
+
+int Fail(MQNode* node, int code) {
+  node->error = code;
+  return 0;
+}
+
+// Null without memory; the node's error is 11 then.
+IoBuffer* NewDescriptor(MQNode* node) {
+  void* block = nullptr;
+  if (!fNewMemory(&block, sizeof(IoBuffer), "MQNODE")) {
+    node->error = MQ_AGAIN;
+    return nullptr;
+  }
+  return static_cast<IoBuffer*>(block);
+}
+
+int Discard(MQNode* node, IoBuffer* desc, int code) {
+  DeleteBuffer(desc);
+  FreeMemory(desc);
+  return Fail(node, code);
+}
+
+void CopyApplName(MsgHeader* header, const MQNode* node) {
+  memcpy(header->applName, node->applName, sizeof header->applName);
+}
+
+void FillEnvelope(PcfMessage* msg, const MQNode* node) {
+  SecureHeader* const envelope = &msg->secHeader;
+  const MsgHeader* const header = mq::HeaderOf(msg->raw.data);
+  mq::FillForm(envelope);
+  envelope->hdrLength = mq::kEnvelopeLength;
+  envelope->version = mq::kEnvelopeVersion;
+  envelope->msgLength = header->bodyLength + mq::kHeaderLength;
+  memcpy(envelope->userId, node->user, sizeof envelope->userId);
+}
+
+int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContext, int highPriority) {
+  char* const user = mq::HeaderOf(msg->raw.data)->userId;
+  if (user[0] == '\0' || user[0] == ' ') memcpy(user, node->user, kUserLength);
+  return mnSWriteMsg(msg, node, nullptr, user, secure, securityContext, highPriority);
+}
+
+}  // namespace
+
+int mnWriteMsg(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int highPriority) {
+  mq::Trace("mnWriteMsg", node);
+  char userId[kUserLength];  // taken first: user may be the header's own field
+  mq::CopyPadded(userId, sizeof userId, user, sizeof userId);
+  node->error = MQ_OK;
+  PcfRawData* const raw = &msg->raw;
+  if (!IsWritable(*raw)) return Fail(node, MQ_BAD_MESSAGE);
+  mq::FillHeader(raw);
+  MsgHeader* const header = mq::HeaderOf(raw->data);
+  memcpy(header->userId, userId, sizeof userId);
+  CopyApplName(header, node);
+
+  IoBuffer* const desc = NewDescriptor(node);
+  if (desc == nullptr) return 0;
+  desc->length = raw->length;
+  CreateBuffer(desc, raw->length);
+  if (desc->capacity < raw->length) return Discard(node, desc, MQ_AGAIN);
+  memcpy(desc->data, raw->data, raw->length);
+
+  const int result = mnWriteToNode(node, to, desc, highPriority);
+  mq::Trace("mnWriteMsg", node);
+  return result;
+}
+
+int mnSWriteMsgWithPriority(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int secure,
+                            void* securityContext, int highPriority) {
+  mq::Trace("mnSWriteMsg", node);
+  if (!secure) return mnWriteMsg(msg, node, to, user, highPriority);
+  node->error = MQ_OK;
+  PcfRawData* const raw = &msg->raw;
+  if (!IsWritable(*raw)) return Fail(node, MQ_BAD_MESSAGE);
+  mq::FillHeader(raw);
+  FillEnvelope(msg, node);
+  MsgHeader* const header = mq::HeaderOf(raw->data);
+  CopyApplName(header, node);
+  mq::CopyPadded(header->userId, sizeof header->userId, node->user, sizeof header->userId);
+  VerifyMessage(raw);
+
+  IoBuffer* const desc = NewDescriptor(node);
+  if (desc == nullptr) return 0;
+  if (!mqc_sign(securityContext, msg, desc)) return Discard(node, desc, MQ_NOT_SIGNED);
+  desc->received = 0;
+
+  const int result = mnWriteToNode(node, to, desc, highPriority);
+  mq::Trace("mnSWriteMsg", node);
+  return result;
+}
+
+int mnSWriteMsg(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int secure, void* securityContext,
+                int highPriority) {
+  return mnSWriteMsgWithPriority(msg, node, to, user, secure, securityContext, highPriority);
+}
+
+int mnWriteTo(PcfMessage* msg, MQNode* node, SockAddrRec* to) {
+  node->error = MQ_OK;
+  return mnWriteMsg(msg, node, to, node->user, 0);
+}
+
+int mnWrite(PcfMessage* msg, MQNode* node) { return mnWriteTo(msg, node, nullptr); }
+
+int mnSWriteTo(PcfMessage* msg, MQNode* node, SockAddrRec* to, int secure, void* securityContext) {
+  node->error = MQ_OK;
+  return mnSWriteMsg(msg, node, to, node->user, secure, securityContext, 0);
+}
+
+int mnSWrite(PcfMessage* msg, MQNode* node, int secure, void* securityContext) {
+  return mnSWriteTo(msg, node, nullptr, secure, securityContext);
+}
+
+int mnSWriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContext) {
+  return WriteAltUser(msg, node, secure, securityContext, 0);
+}
+
+int mnSWriteAltUserHigh(PcfMessage* msg, MQNode* node, int secure, void* securityContext) {
+  return WriteAltUser(msg, node, secure, securityContext, 1);
+}

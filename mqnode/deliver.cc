@@ -1,0 +1,164 @@
+// deliver.cc - hands write descriptors to the socket, keeps those that it does not take, and counts.
+// Not here: what is in a descriptor (compose.cc), waiting until a socket can take more (wait.cc).
+// Invariant: a descriptor is in the queue or released when a call returns, never both, never neither.
+#include "mqnode/deliver.h"
+
+#include <cstddef>
+
+#include "mqnode/node.hh"
+#include "socksin/transfer.h"
+
+namespace {
+
+// On a datagram node the queue holds these: a descriptor that keeps its destination. As the descriptor comes first,
+// every path that releases one releases the other.
+struct DatagramWrite {
+  IoBuffer io;
+  SockAddrRec to;
+  bool hasDestination;
+};
+static_assert(offsetof(DatagramWrite, io) == 0);
+
+bool IsStream(const MQNode* node) { return node->sock.type == SOCK_TYPE_STREAM; }
+
+void Release(IoBuffer* desc) {
+  DeleteBuffer(desc);
+  FreeMemory(desc);
+}
+
+// Ends a write that cannot be carried further: the descriptor is released, the result is the operation's.
+int Drop(MQNode* node, IoBuffer* desc, int code) {
+  Release(desc);
+  node->error = code;
+  return 0;
+}
+
+void CountDown(MQNode* node) {
+  if (node->writesOutstanding > 0) node->writesOutstanding -= 1;
+}
+
+// Turns a descriptor into one that remembers where it goes; null without memory, desc is unchanged then.
+IoBuffer* KeepDestination(IoBuffer* desc, const SockAddrRec* to) {
+  void* block = nullptr;
+  if (!fNewMemory(&block, sizeof(DatagramWrite), "MQNODE")) return nullptr;
+  auto* const write = static_cast<DatagramWrite*>(block);
+  write->io = *desc;
+  write->hasDestination = to != nullptr;
+  if (to != nullptr) write->to = *to;
+  FreeMemory(desc);
+  return &write->io;
+}
+
+// Puts a descriptor on the queue, which exists. A put cannot report that it had no memory: the depth tells.
+bool Put(Queue* queue, void (*put)(Queue*, void*), IoBuffer* desc) {
+  const int before = Qdepth(queue);
+  put(queue, desc);
+  return Qdepth(queue) > before;
+}
+
+// Queues desc, which the queue then owns; without memory it is released, error is 11 and the result 0.
+int Enqueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc, void (*put)(Queue*, void*)) {
+  IoBuffer* const kept = IsStream(node) ? desc : KeepDestination(desc, to);
+  if (kept == nullptr) return Drop(node, desc, MQ_AGAIN);
+  if (!Put(node->pending, put, kept)) return Drop(node, kept, MQ_AGAIN);
+  node->writesOutstanding += 1;
+  return 1;
+}
+
+// Queues the first write that could not complete.
+int StartQueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc) {
+  node->error = MQ_AGAIN;
+  if (node->pending == nullptr) {
+    node->pending = Qalloc();
+    SetNodeQLimit(node);
+  }
+  if (node->pending == nullptr) return Drop(node, desc, MQ_AGAIN);
+  if (!Enqueue(node, to, desc, Qput)) {
+    if (Qdepth(node->pending) == 0) Qfree(&node->pending);
+    return 0;
+  }
+  mq::Trace("mnWriteToNode", node);
+  return 1;
+}
+
+// Sends a queued descriptor on from where it stopped.
+int SendQueued(MQNode* node, IoBuffer* desc) {
+  if (IsStream(node)) return WriteSocket(&node->sock, desc, nullptr);
+  auto* const write = reinterpret_cast<DatagramWrite*>(desc);
+  return WriteSocket(&node->sock, desc, write->hasDestination ? &write->to : nullptr);
+}
+
+// Puts an unfinished descriptor back where it came from; error is left as it is unless there is no memory for that.
+int PutBack(MQNode* node, IoBuffer* desc) {
+  if (Put(node->pending, Qputhead, desc)) return 1;
+  CountDown(node);
+  return Drop(node, desc, MQ_AGAIN);
+}
+
+int FinishFailed(MQNode* node, IoBuffer* desc) {
+  mq::CopySocketError(node);
+  mq::Trace("mnFinishWrite", node);
+  if (node->error == MQ_AGAIN) return PutBack(node, desc);
+  CountDown(node);
+  return Drop(node, desc, MQ_AGAIN);
+}
+
+}  // namespace
+
+int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
+  node->error = MQ_OK;
+  if (node->writeLimit > 0 && node->writesOutstanding >= node->writeLimit) {
+    Drop(node, desc, MQ_WRITE_LIMIT);
+    mq::Trace("mnWriteToNode", node);
+    return 0;
+  }
+  desc->sent = 0;
+  desc->flags = 0;
+  if (node->pending != nullptr) {
+    const int queued = Enqueue(node, to, desc, highPriority ? QputHigh : Qput);
+    mq::Trace("mnWriteToNode", node);
+    return queued;
+  }
+  const int taken = WriteSocket(&node->sock, desc, to);
+  if (taken && desc->sent >= desc->length) {
+    Release(desc);
+    node->writesCompleted += 1;
+    mq::Trace("mnWriteToNode", node);
+    return 1;
+  }
+  mq::CopySocketError(node);
+  mq::Trace("mnWriteToNode", node);
+  if (taken || node->sock.error == SOCK_WOULD_BLOCK) return StartQueue(node, to, desc);
+  return Drop(node, desc, MQ_AGAIN);
+}
+
+int mnFinishWrite(MQNode* node) {
+  node->error = MQ_OK;
+  if (node->pending == nullptr) return 1;
+  while (Qdepth(node->pending) > 0) {
+    auto* const desc = static_cast<IoBuffer*>(Qget(node->pending));
+    if (desc == nullptr) {
+      node->error = MQ_NO_DESCRIPTOR;
+      return 0;
+    }
+    if (!SendQueued(node, desc)) return FinishFailed(node, desc);
+    if (desc->sent != desc->length) return PutBack(node, desc);
+    Release(desc);
+    node->writesCompleted += 1;
+    CountDown(node);
+  }
+  Qfree(&node->pending);
+  mq::Trace("mnFinishWrite", node);
+  return 1;
+}
+
+int mnIsPendingIO(MQNode* node) { return node->pending != nullptr; }
+
+int IsNodeQReady(MQNode* node) {
+  if (node == nullptr || node->pending == nullptr) return 1;
+  return IsQReady(node->pending);
+}
+
+void SetNodeQLimit(MQNode* node) {
+  if (node != nullptr && node->pending != nullptr) SetQLimit(node->pending, static_cast<int>(node->pendingLimit));
+}

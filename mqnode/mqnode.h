@@ -1,0 +1,34 @@
+/* mqnode.h - everything a host process needs: message nodes, the socket layer below them, the queue.
+ *
+ * A host makes nodes (create.h), opens them (open.h), writes messages (compose.h), reads them (read.h, secure_read.h),
+ * waits on many nodes at once (wait.h), finishes writes that could not complete (deliver.h) and deletes nodes (open.h).
+ * node.h says what holds for all of them. Messages are records of the companion's message library (runtime/message.h);
+ * with the companion of this project, companion/host.h builds them and takes them apart.
+ *
+ * Link or load the companion before libmqnode.so.1. */
+#ifndef MQNODE_MQNODE_MQNODE_H
+#define MQNODE_MQNODE_MQNODE_H
+
+#include "mqnode/compose.h"
+#include "mqnode/create.h"
+#include "mqnode/deliver.h"
+#include "mqnode/identity.h"
+#include "mqnode/node.h"
+#include "mqnode/open.h"
+#include "mqnode/read.h"
+#include "mqnode/secure_read.h"
+#include "mqnode/wait.h"
+#include "queue/queue.h"
+#include "runtime/message.h"
+#include "runtime/runtime.h"
+#include "socksin/alarm.h"
+#include "socksin/connect.h"
+#include "socksin/options.h"
+#include "socksin/record.h"
+#include "socksin/resolve.h"
+#include "socksin/sysinfo.h"
+#include "socksin/transfer.h"
+#include "socksin/wait.h"
+#include "sockutil/sockutil.h"
+
+#endif

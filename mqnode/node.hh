@@ -1,0 +1,18 @@
+// node.hh - what the rooms of the node layer share about a node.
+#pragma once
+
+#include "mqnode/node.h"
+
+namespace mq {
+
+// A receive buffer starts at this size and never shrinks; a datagram must fit in it.
+constexpr uint32_t kReceiveCapacity = 16520;
+
+// Inlined where messages pass; RunTraceMethod is the same for hosts.
+inline void Trace(const char* point, MQNode* node) {
+  if (node->onTrace != nullptr) node->onTrace(point, node);
+}
+
+inline void CopySocketError(MQNode* node) { node->error = node->sock.error; }
+
+}  // namespace mq

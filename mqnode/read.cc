@@ -1,0 +1,227 @@
+// read.cc - gathers messages into the node's receive buffer and hands plain ones to the host.
+// Not here: secure messages (secure_read.cc), one receive (socksin/transfer.cc), conversion (the companion).
+// Invariant: the receive buffer never holds, and is never asked for, more than its capacity.
+#include "mqnode/read.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <cstring>
+
+#include "mqnode/node.hh"
+#include "mqnode/read.hh"
+#include "mqnode/wire.hh"
+#include "socksin/record.hh"
+#include "socksin/transfer.h"
+
+static_assert(mq::kPlainFraming.headerLength == mq::kHeaderLength);
+static_assert(mq::kSecureFraming.headerLength == mq::kEnvelopeLength);
+
+namespace mq {
+namespace {
+
+// Length of an idle buffer: a header on a stream, any one datagram on a datagram node.
+uint32_t IdleLength(const MQNode* node, const Framing& framing) {
+  return IsDatagram(node) ? node->recvBuffer.capacity : framing.headerLength;
+}
+
+bool Reserve(IoBuffer* buf, uint32_t size) {
+  if (buf->capacity < size) SizeBuffer(buf, size);
+  return buf->capacity >= size;
+}
+
+int FailReceive(MQNode* node, const Framing& framing) {
+  CopySocketError(node);
+  const bool reset = node->error != MQ_AGAIN;
+  if (reset && framing.resetBeforeTrace) ResetReceive(node, framing);
+  Trace(framing.gather, node);
+  if (reset && !framing.resetBeforeTrace) ResetReceive(node, framing);
+  return 0;
+}
+
+int FailGather(MQNode* node, const Framing& framing, int code) {
+  node->error = code;
+  Trace(framing.gather, node);
+  ResetReceive(node, framing);
+  return 0;
+}
+
+}  // namespace
+
+void ResetReceive(MQNode* node, const Framing& framing) { ResetBuffer(&node->recvBuffer, IdleLength(node, framing)); }
+
+int FailRead(MQNode* node, const Framing& framing, int code) {
+  node->error = code;
+  Trace(framing.read, node);
+  ResetReceive(node, framing);
+  return 0;
+}
+
+bool StartRead(MQNode* node, const Framing& framing) {
+  IoBuffer* const buf = &node->recvBuffer;
+  if (buf->received != 0) return true;
+  // A node that was closed, or created without memory, has no area.
+  if (buf->capacity < framing.headerLength && !Reserve(buf, kReceiveCapacity)) return false;
+  const uint32_t idle = IdleLength(node, framing);
+  if (buf->length != idle) ResetBuffer(buf, idle);
+  return true;
+}
+
+int Gather(MQNode* node, const Framing& framing) {
+  IoBuffer* const buf = &node->recvBuffer;
+  const bool datagram = IsDatagram(node);
+  node->error = MQ_OK;
+  uint32_t target = datagram ? buf->capacity : buf->length;
+  if (target > buf->capacity) return FailGather(node, framing, MQ_NO_ROOM);
+  while (buf->received < target) {
+    if (!ReadSocket(&node->sock, buf)) return FailReceive(node, framing);
+    if (datagram) buf->length = target = buf->received;
+    if (buf->received >= framing.headerLength && !IsHeader(buf->data, framing.headerLength)) {
+      return FailGather(node, framing, MQ_BAD_MESSAGE);
+    }
+  }
+  return 1;
+}
+
+bool HeaderCompleted(const MQNode* node, const Framing& framing) {
+  return node->recvBuffer.received == framing.headerLength || IsDatagram(node);
+}
+
+int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced) {
+  IoBuffer* const buf = &node->recvBuffer;
+  const uint32_t total = TotalLength(framing.headerLength, announced);
+  if (total == 0) return MQ_BAD_MESSAGE;
+  if (IsDatagram(node) && total != buf->received) return MQ_BAD_MESSAGE;
+  if (!Reserve(buf, total)) return MQ_NO_ROOM;
+  buf->length = total;
+  return MQ_OK;
+}
+
+bool MessageCompleted(const MQNode* node, const Framing& framing) {
+  const IoBuffer& buf = node->recvBuffer;
+  return buf.received > framing.headerLength && buf.received == buf.length;
+}
+
+}  // namespace mq
+
+namespace {
+
+using mq::kHeaderLength;
+using mq::kPlainFraming;
+
+constexpr int kBrowsePauses = 100;
+constexpr timespec kBrowsePause = {0, 10'000'000};  // 10 ms: at most a second in all
+
+// Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail with.
+int ConvertHeader(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  if (buf->received < kHeaderLength) return MQ_BAD_MESSAGE;  // a datagram
+  constexpr size_t kAuxOffset = 18496;
+  PcfRawData raw;
+  raw.data = buf->data;
+  raw.aux = buf->data + kAuxOffset;
+  raw.capacity = buf->capacity;
+  raw.length = buf->received;
+  if (!AlienToNative(&raw)) return MQ_BAD_MESSAGE;
+  return mq::ExpectMessage(node, kPlainFraming, mq::HeaderOf(buf->data)->bodyLength);
+}
+
+// Hands the message that the buffer holds to the host.
+int Deliver(PcfMessage* msg, MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  if (msg->raw.capacity < buf->received && !SizePcfMessage(msg, buf->received)) {
+    return mq::FailRead(node, kPlainFraming, MQ_NO_ROOM);
+  }
+  memcpy(msg->raw.data, buf->data, buf->received);
+  msg->raw.length = buf->received;
+  node->msgsRead += 1;
+  int result = AlienPcfToNative(msg);
+  if (result) result = RawToPcf(msg);
+  if (!result) node->error = MQ_BAD_BODY;
+  memcpy(msg->secHeader.userId, mq::HeaderOf(msg->raw.data)->userId, sizeof msg->secHeader.userId);
+  mq::ResetReceive(node, kPlainFraming);
+  mq::Trace(kPlainFraming.read, node);
+  return result;
+}
+
+bool IsNonBlocking(const SockRec& sock) {
+  const int flags = fcntl(sock.fd, F_GETFL, 0);
+  return flags != -1 && (flags & O_NONBLOCK) != 0;
+}
+
+bool PeerStoppedSending(const SockRec& sock) {
+  pollfd state = {sock.fd, POLLRDHUP, 0};
+  return poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+// Whether a browse that found part of a header looks again: not when the node does not block, nor without end.
+bool PauseBrowse(const SockRec& sock, int looks) {
+  if (looks >= kBrowsePauses || IsNonBlocking(sock)) return false;
+  nanosleep(&kBrowsePause, nullptr);
+  return true;
+}
+
+// Peeks until a whole header is at data; on failure the node's error says why not.
+bool PeekHeader(MQNode* node, uint8_t* data) {
+  SockRec* const sock = &node->sock;
+  bool ended = false;  // the peer sends no more: the next look sees all there will ever be
+  for (int looks = 0;; ++looks) {
+    IoBuffer peek = {data, kHeaderLength, kHeaderLength, MSG_PEEK, 0, 0};
+    if (!ReadSocket(sock, &peek)) break;
+    node->error = MQ_BAD_MESSAGE;
+    if (peek.received >= sizeof(uint32_t) && !mq::IsHeader(data, kHeaderLength)) return false;
+    if (peek.received >= kHeaderLength) return true;
+    if (mq::IsDatagram(node)) return false;  // it does not grow
+    if (ended) {
+      mq::ReportFailure(sock, SOCK_PEER_CLOSED);
+      break;
+    }
+    node->error = MQ_AGAIN;
+    ended = PeerStoppedSending(*sock);
+    if (!ended && !PauseBrowse(*sock, looks)) return false;
+  }
+  mq::CopySocketError(node);
+  return false;
+}
+
+// Converts a peeked header and makes room for its body; on failure the node's error says why not.
+bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
+  PcfRawData* const raw = &msg->raw;
+  node->error = MQ_BAD_MESSAGE;
+  if (!AlienToNative(raw)) {
+    DumpPcfMessage(msg);
+    return false;
+  }
+  const uint32_t bodyLength = mq::HeaderOf(raw->data)->bodyLength;
+  if (uint64_t{kHeaderLength} + bodyLength > MQ_MAX_MESSAGE) return false;
+  node->error = MQ_NO_ROOM;
+  const auto room = static_cast<int32_t>(raw->capacity - kHeaderLength);
+  return static_cast<int32_t>(bodyLength) <= room || SizePcfMessage(msg, bodyLength) != 0;
+}
+
+}  // namespace
+
+int mnReadMsg(MQNode* node) { return mq::Gather(node, kPlainFraming); }
+
+int mnRead(PcfMessage* msg, MQNode* node) {
+  node->error = MQ_OK;
+  if (!mq::StartRead(node, kPlainFraming)) return mq::FailRead(node, kPlainFraming, MQ_NO_ROOM);
+  int result = mq::Gather(node, kPlainFraming);
+  if (result && mq::HeaderCompleted(node, kPlainFraming)) {
+    if (const int code = ConvertHeader(node)) return mq::FailRead(node, kPlainFraming, code);
+    // The nested read finds more than a header asked for, gathers the rest and delivers.
+    if (!mq::IsDatagram(node)) result = mnRead(msg, node);
+  }
+  if (result && mq::MessageCompleted(node, kPlainFraming)) return Deliver(msg, node);
+  mq::Trace(kPlainFraming.read, node);
+  return result;
+}
+
+int mnBrowse(PcfMessage* msg, MQNode* node) {
+  const bool found = PeekHeader(node, msg->raw.data) && ConvertPeeked(msg, node);
+  if (found) node->error = MQ_OK;
+  mq::Trace("mnBrowse", node);
+  return found;
+}

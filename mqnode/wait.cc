@@ -1,0 +1,128 @@
+// wait.cc - lists the sockets of nodes, waits once, and sorts the ready sockets back into nodes.
+// Not here: the wait itself (socksin/wait.cc).
+// Invariant: no array or list is written past what its size or the number of nodes allows.
+#include "mqnode/wait.h"
+
+#include "mqnode/deliver.h"
+#include "mqnode/node.hh"
+
+namespace {
+
+constexpr int kMsecPerSecond = 1000;
+constexpr int kMostSeconds = 2147483;
+
+int Milliseconds(int seconds) {
+  if (seconds < 0) return 0;
+  return (seconds < kMostSeconds ? seconds : kMostSeconds) * kMsecPerSecond;
+}
+
+PostTimeout Timeout(int milliseconds) {
+  const auto count = static_cast<uint32_t>(milliseconds < 0 ? 0 : milliseconds);
+  return {count % kMsecPerSecond, count / kMsecPerSecond};
+}
+
+// Lists the nodes' sockets; when pending is set, those with queued writes in the writable list too.
+void ListSockets(MQNode** nodes, SockPostData* work, bool pending) {
+  const int room = work->size - 1;
+  int sockets = 0;
+  int writable = 0;
+  for (; sockets < room && nodes[sockets] != nullptr; ++sockets) {
+    MQNode* const node = nodes[sockets];
+    work->sockets[sockets] = &node->sock;
+    if (pending && mnIsPendingIO(node)) work->writable[writable++] = &node->sock;
+  }
+  work->sockets[sockets] = nullptr;
+  if (pending) work->writable[writable] = nullptr;
+}
+
+// The node that holds a socket; null when its holder is none.
+MQNode* NodeOf(SockRec* rec) {
+  auto* const node = static_cast<MQNode*>(rec->owner);
+  return node != nullptr && &node->sock == rec ? node : nullptr;
+}
+
+// The two arrays that take nodes with something to accept or to read, and how full they are.
+class ReadyArrays {
+ public:
+  ReadyArrays(MQNode** listen, MQNode** read) : listen_(listen), read_(read) {}
+
+  void Add(SockRec** list, const char* point) {
+    for (; *list != nullptr; ++list) {
+      MQNode* const node = NodeOf(*list);
+      if (node == nullptr) continue;
+      *(node->role == MQ_ROLE_LISTEN ? listen_ : read_)++ = node;
+      mq::Trace(point, node);
+    }
+  }
+
+  void End() { *read_ = *listen_ = nullptr; }
+
+ private:
+  MQNode** listen_;
+  MQNode** read_;
+};
+
+void OpenWritable(SockRec** list, MQNode** writeReady) {
+  for (; *list != nullptr; ++list) {
+    MQNode* const node = NodeOf(*list);
+    if (node == nullptr) continue;
+    *writeReady++ = node;
+    node->openState = 1;
+    mq::Trace("mnNPost::Write", node);
+  }
+  *writeReady = nullptr;
+}
+
+// Runs a wait with a work record of its own; 0 when there is no memory for it.
+template <typename WaitFn>
+int WithOwnRecord(WaitFn wait) {
+  SockPostData work;
+  const int result = InitSocketPostData(&work, SOCK_POST_SIZE) ? wait(&work) : 0;
+  FreeSocketPostData(&work);
+  return result;
+}
+
+}  // namespace
+
+int mnPost(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status) {
+  return WithOwnRecord(
+      [=](SockPostData* work) { return mnPostEx(nodes, listenReady, readReady, seconds, status, work); });
+}
+
+int mnPostEx(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status, SockPostData* work) {
+  return mnPostExMSec(nodes, listenReady, readReady, Milliseconds(seconds), status, work);
+}
+
+int mnPostExMSec(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int milliseconds, int* status,
+                 SockPostData* work) {
+  const PostTimeout timeout = Timeout(milliseconds);
+  ListSockets(nodes, work, false);
+  if (!PostSocket(work, &timeout, status)) return 0;
+  ReadyArrays ready(listenReady, readReady);
+  ready.Add(work->readable, "mnPost::Ready");
+  ready.End();
+  return 1;
+}
+
+int mnNPost(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int seconds, int* status) {
+  return WithOwnRecord(
+      [=](SockPostData* work) { return mnNPostEx(nodes, listenReady, readReady, writeReady, seconds, status, work); });
+}
+
+int mnNPostEx(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int seconds, int* status,
+              SockPostData* work) {
+  return mnNPostExMSec(nodes, listenReady, readReady, writeReady, Milliseconds(seconds), status, work);
+}
+
+int mnNPostExMSec(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int milliseconds,
+                  int* status, SockPostData* work) {
+  const PostTimeout timeout = Timeout(milliseconds);
+  ListSockets(nodes, work, true);
+  if (!NPostSocket(work, &timeout, status)) return 0;
+  ReadyArrays ready(listenReady, readReady);
+  ready.Add(work->readable, "mnNPost::Ready");
+  ready.Add(work->exceptional, "mnNPost::Exception");
+  OpenWritable(work->writable, writeReady);
+  ready.End();
+  return 1;
+}

@@ -1,0 +1,107 @@
+// connect.cc - connects, binds, listens and accepts, and keeps the names in the records in step with what happened.
+// Not here: what a name resolves to (resolve.cc), waiting for a pending connect (wait.cc).
+// Invariant: connected is 1 only after a connect, bind or accept that succeeded.
+#include "socksin/connect.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "runtime/text.hh"
+#include "socksin/record.hh"
+#include "socksin/resolve.h"
+
+namespace {
+
+const sockaddr* Address(const sockaddr_in* in) { return reinterpret_cast<const sockaddr*>(in); }
+
+// Returns the errno of a connect that failed; 0 when it succeeded or the socket was connected already.
+int Connect(SockRec* rec, const SockAddrRec* target, const sockaddr_in* sin) {
+  int code = connect(rec->fd, Address(sin), sizeof *sin) < 0 ? errno : 0;
+  rec->from = *target;
+  rec->name = *target;
+  rec->error = code;
+  if (code == EISCONN) code = 0;
+  if (code == 0) IpAddrToSocketAddr(&rec->from, sin, rec->from.protocol);
+  return code;
+}
+
+// Returns the errno of a bind that failed, else 0.
+int Bind(SockRec* rec, const sockaddr_in* sin) {
+  if (bind(rec->fd, Address(sin), sizeof *sin) == -1) return errno;
+  IpAddrToSocketAddr(&rec->name, sin, rec->name.protocol);
+  return 0;
+}
+
+}  // namespace
+
+int SockAction(SockRec* rec, SockAddrRec* addrRec, int action) {
+  addrRec->host[sizeof addrRec->host - 1] = '\0';
+  addrRec->ip[sizeof addrRec->ip - 1] = '\0';
+  sockaddr_in sin;
+  if (!AddrToIP(rec, addrRec, &sin)) return 0;
+
+  utsname info;
+  GetSysInfo(&info);
+  mq::CopyText(rec->name.host, info.nodename);
+  mq::CopyText(rec->name.protocol, addrRec->protocol);
+
+  int code = 0;
+  if (action == SOCK_ACTION_CONNECT) code = Connect(rec, addrRec, &sin);
+  if (action == SOCK_ACTION_BIND) code = Bind(rec, &sin);
+
+  *addrRec = rec->name;
+  rec->error = code == EINPROGRESS ? SOCK_WOULD_BLOCK : code;
+  return code == 0;
+}
+
+int ConnectSocket(SockRec* rec, SockAddrRec* target) {
+  mq::RunSocketTrace("ConnectSocket:Before", rec);
+  const int result = SockAction(rec, target, SOCK_ACTION_CONNECT);
+  if (!result) mq::CallErrorCallback(rec);
+  rec->connected = static_cast<uint32_t>(result);
+  mq::RunSocketTrace("ConnectSocket:After", rec);
+  return result;
+}
+
+int BindSocketName(SockRec* rec, SockAddrRec* bindAddr) {
+  mq::RunSocketTrace("BindSocket:Before", rec);
+  const int result = SockAction(rec, bindAddr, SOCK_ACTION_BIND);
+  if (result) {
+    rec->name = *bindAddr;
+  } else {
+    mq::CallErrorCallback(rec);
+  }
+  rec->connected = static_cast<uint32_t>(result);
+  mq::RunSocketTrace("BindSocket:After", rec);
+  return result;
+}
+
+int ListenSocket(SockRec* rec, int backlog) {
+  const int result = listen(rec->fd, backlog) == -1 ? mq::ReportFailure(rec, errno) : 1;
+  mq::RunSocketTrace("ListenSocket", rec);
+  return result;
+}
+
+int AcceptClient(SockRec* listener, SockRec* child) {
+  mq::RunSocketTrace("AcceptClient:Before", listener);
+  sockaddr_in peer = {};
+  socklen_t length = sizeof peer;
+  const int fd = accept(listener->fd, reinterpret_cast<sockaddr*>(&peer), &length);
+  if (fd == -1) {
+    mq::ReportFailure(listener, errno);
+    mq::RunSocketTrace("AcceptClient:After", listener);
+    return 0;
+  }
+  InitSocket(child);
+  child->fd = fd;
+  IpAddrToSocketAddr(&child->name, &peer, child->name.protocol);
+  child->domain = listener->domain;
+  child->type = listener->type;
+  child->protocol = listener->protocol;
+  child->connected = 1;
+  mq::RunSocketTrace("AcceptClient:After", listener);
+  mq::RunSocketTrace("AcceptClient:After:Client", child);
+  return 1;
+}
