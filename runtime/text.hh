@@ -19,6 +19,14 @@ void CopyText(char (&field)[N], const char* text) {
   CopyText(field, N, text);
 }
 
+// Copies one field into another; the source need not be terminated.
+template <size_t N, size_t M>
+void CopyField(char (&field)[N], const char (&text)[M]) {
+  const size_t length = strnlen(text, M < N ? M : N - 1);
+  memmove(field, text, length);
+  field[length] = '\0';
+}
+
 // Copies at most limit characters of text and fills the rest of the field with zero bytes; a field no larger than limit
 // may end up without a terminator, as fields on the wire do. Text may lie inside the field's own record, not overlap it.
 inline void CopyPadded(char* field, size_t size, const char* text, size_t limit) {

@@ -44,8 +44,8 @@ int SockAction(SockRec* rec, SockAddrRec* addrRec, int action) {
 
   utsname info;
   GetSysInfo(&info);
-  mq::CopyText(rec->name.host, info.nodename);
-  mq::CopyText(rec->name.protocol, addrRec->protocol);
+  mq::CopyField(rec->name.host, info.nodename);
+  mq::CopyField(rec->name.protocol, addrRec->protocol);
 
   int code = 0;
   if (action == SOCK_ACTION_CONNECT) code = Connect(rec, addrRec, &sin);

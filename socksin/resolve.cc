@@ -66,10 +66,10 @@ bool LookUpHost(SockRec* rec, const char* host, const char* ip, sockaddr_in* out
 bool ResolveHost(SockRec* rec, const SockAddrRec* addrRec, sockaddr_in* out) {
   char host[sizeof addrRec->host];
   char ip[sizeof addrRec->ip + 1];
-  mq::CopyText(host, addrRec->host);
+  mq::CopyField(host, addrRec->host);
   mq::CopyPadded(ip, sizeof ip, addrRec->ip, sizeof addrRec->ip);
   const bool anyAddress = strcmp(host, "*") == 0;
-  if (IsValidIp(ip)) mq::CopyText(host, ip);
+  if (IsValidIp(ip)) mq::CopyField(host, ip);
   if (anyAddress) {
     out->sin_family = static_cast<sa_family_t>(rec->domain);
     out->sin_addr.s_addr = INADDR_ANY;
