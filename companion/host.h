@@ -26,7 +26,8 @@ MQ_BEGIN_C
  *
  * Every allocation of the companion is counted under a tag: blocks of fNewMemory under the tag they were asked with,
  * data areas of IoBuffers under "buffer", raw areas of PcfMessages under "message", records of mqc_message_new under
- * "PcfMessage", signers under "signer", the ring of users under "ring", the memory of seen messages under "replay". */
+ * "PcfMessage", signers under "signer", the ring of users under "ring", the memory of seen messages under "replay", key
+ * files while they are read under "file". */
 
 typedef struct MqcMemory {
   uint64_t live_blocks;  /* allocated and not yet released */
@@ -238,7 +239,8 @@ MQ_RUNTIME uint32_t mqc_ring_count(void);
 MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
 /* mqc_set_replay_limit - how many accepted messages are remembered at once.
- *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed, at most 64 bytes a message
+ *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed: 48 to 96 bytes a message once full,
+ *                 twice that while the table is rebuilt
  * When the memory is full, messages outside the window are forgotten first, then the oldest ones: from then on a message
  * that is no newer than a forgotten one is refused. When that would refuse messages signed right now, the new message is
  * refused instead. A message is never accepted twice by one process.

@@ -1,0 +1,164 @@
+// body.cc - bodies: checked, converted to the host's form, indexed.
+// Not here: headers (header.cc), building a body and reading its parameters (record.cc).
+// Invariant: no byte is read before the lengths that lead to it were checked against raw.length, and nothing is
+// converted before the whole body was checked.
+
+#include "companion/charset.hh"
+#include "companion/message.hh"
+
+namespace mqc {
+namespace {
+
+// One parameter as it stands in raw. Lengths are checked, the value is still in its sender's form.
+struct Param {
+  uint32_t index;
+  uint32_t id;
+  uint32_t type;
+  uint32_t length;
+  uint32_t at;  // of the parameter's head, from the start of raw
+};
+
+bool FailParam(ErrorText error, const Param& param, const char* what, uint32_t number) {
+  return Fail(error, "parameter %u (id %u, type %u): %s %u", param.index, param.id, param.type, what, number);
+}
+
+// Bytes that a value of this length takes in the body; the length is at most MQ_MAX_MESSAGE.
+inline uint32_t StoredLength(uint32_t type, uint32_t length) {
+  return (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~3u;
+}
+
+inline bool LengthFitsType(uint32_t type, uint32_t length) {
+  switch (type) {
+    case MQC_INT32: return length == sizeof(int32_t);
+    case MQC_INT64: return length == sizeof(int64_t);
+    default: return type == MQC_TEXT || type == MQC_BYTES;
+  }
+}
+
+inline bool IsZero(const uint8_t* from, const uint8_t* to) {
+  for (; from < to; ++from) {
+    if (*from != 0) return false;
+  }
+  return true;
+}
+
+// room: bytes of the body behind the parameter's head.
+inline bool CheckParam(const uint8_t* raw, const Param& param, uint32_t room, ErrorText error) {
+  if (param.length > room) return FailParam(error, param, "longer than the body, bytes left:", room);
+  if (!LengthFitsType(param.type, param.length)) {
+    return FailParam(error, param, "unknown type or a length that does not fit it:", param.length);
+  }
+  const uint32_t stored = StoredLength(param.type, param.length);
+  if (stored > room) return FailParam(error, param, "padding beyond the body, bytes left:", room);
+  const uint8_t* value = raw + param.at + kParamHead;
+  if (!IsZero(value + param.length, value + stored)) return FailParam(error, param, "padding is not zero after", param.length);
+  if (param.type == MQC_TEXT && memchr(value, 0, param.length) != nullptr) {
+    return FailParam(error, param, "text with a zero byte among its", param.length);
+  }
+  return true;
+}
+
+// Walks the body of raw, whose integers are in the host's order or, with kSwap, in the other one; every parameter that
+// passes its checks goes to visit(param). Stops at the first fault.
+template <bool kSwap, typename Visit>
+bool WalkBody(const PcfRawData& raw, ErrorText error, Visit visit) {
+  const uint32_t end = raw.length;
+  if (end < kHeader + kBodyHead) return Fail(error, "a body of %u bytes has no room for its head", end - kHeader);
+  const uint32_t count = LoadAs<kSwap>(raw.data + kHeader + 4);
+  if (count > MQC_MAX_PARAMS) return Fail(error, "%u parameters, at most %u can be held", count, MQC_MAX_PARAMS);
+  uint32_t at = kHeader + kBodyHead;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (end - at < kParamHead) return Fail(error, "parameter %u of %u: the body ends in its head", i, count);
+    const uint8_t* head = raw.data + at;
+    const Param param = {i, LoadAs<kSwap>(head), LoadAs<kSwap>(head + 4), LoadAs<kSwap>(head + 8), at};
+    if (!CheckParam(raw.data, param, end - at - kParamHead, error)) return false;
+    visit(param);
+    at += kParamHead + StoredLength(param.type, param.length);
+  }
+  if (at != end) return Fail(error, "%u bytes follow the last parameter", end - at);
+  return true;
+}
+
+void SwapParam(uint8_t* head, uint32_t type) {
+  SwapWord(head);
+  SwapWord(head + 4);
+  SwapWord(head + 8);
+  uint8_t* value = head + kParamHead;
+  if (type == MQC_INT32) SwapWord(value);
+  if (type == MQC_INT64) {
+    uint64_t number;
+    memcpy(&number, value, sizeof(number));
+    number = __builtin_bswap64(number);
+    memcpy(value, &number, sizeof(number));
+  }
+}
+
+// Checks first, so that a body is converted whole or not at all.
+template <bool kSwap>
+bool ConvertBody(PcfRawData& raw, const uint8_t* ebcdic, ErrorText error) {
+  if (!WalkBody<kSwap>(raw, error, [](const Param&) {})) return false;
+  WalkBody<kSwap>(raw, error, [&raw, ebcdic](const Param& param) {
+    uint8_t* head = raw.data + param.at;
+    if (ebcdic != nullptr && param.type == MQC_TEXT) FromEbcdic(head + kParamHead, param.length, ebcdic);
+    if (kSwap) SwapParam(head, param.type);
+  });
+  if (kSwap) {
+    SwapWord(raw.data + kHeader);
+    SwapWord(raw.data + kHeader + 4);
+  }
+  return true;
+}
+
+[[gnu::noinline]] bool ConvertAlienBody(PcfRawData& raw, uint32_t origin, ErrorText error) {
+  if (origin > (kOriginSwapped | kOriginEbcdic)) return Fail(error, "the origin word is %u", origin);
+  const bool is_ebcdic = (origin & kOriginEbcdic) != 0;
+  const uint8_t* ebcdic = is_ebcdic ? EbcdicTable() : nullptr;
+  if (is_ebcdic && ebcdic == nullptr) return Fail(error, "the system's iconv does not know IBM1047");
+  const bool swapped = (origin & kOriginSwapped) != 0;
+  if (!(swapped ? ConvertBody<true>(raw, ebcdic, error) : ConvertBody<false>(raw, ebcdic, error))) return false;
+  Store(raw.data + kAtOrigin, 0);
+  return true;
+}
+
+bool CheckComplete(const PcfRawData& raw, ErrorText error) {
+  if (raw.data == nullptr || raw.length > raw.capacity || raw.length < kHeader) {
+    return Fail(error, "%u bytes in an area of %u are no message", raw.length, raw.capacity);
+  }
+  return CheckNativeHeader(raw.data, raw.length, error);
+}
+
+}  // namespace
+
+bool CheckBody(const PcfRawData& raw, ErrorText error) {
+  return WalkBody<false>(raw, error, [](const Param&) {});
+}
+
+}  // namespace mqc
+
+using namespace mqc;
+
+int AlienPcfToNative(PcfMessage* msg) {
+  Content& content = ContentOf(msg);
+  DropContent(content);
+  if (!CheckComplete(msg->raw, ErrorOf(content))) return 0;
+  const uint32_t origin = Load(msg->raw.data + kAtOrigin);
+  return origin == 0 || ConvertAlienBody(msg->raw, origin, ErrorOf(content));
+}
+
+int RawToPcf(PcfMessage* msg) {
+  Content& content = ContentOf(msg);
+  const ErrorText error = ErrorOf(content);
+  const PcfRawData& raw = msg->raw;
+  DropContent(content);
+  if (!CheckComplete(raw, error)) return 0;
+  if (Load(raw.data + kAtOrigin) != 0) return Fail(error, "the body is still in its sender's form");
+  Entry* entry = content.entries;
+  const bool whole = WalkBody<false>(raw, error, [&entry](const Param& param) {
+    *entry++ = {param.id, param.type, param.at + kParamHead, param.length};
+  });
+  if (!whole) return 0;
+  content.command = Load(raw.data + kHeader);
+  content.count = static_cast<uint32_t>(entry - content.entries);
+  content.ready = kReady;
+  return 1;
+}

@@ -1,0 +1,48 @@
+// buffers.cc - data areas of IoBuffers.
+// Not here: raw areas of messages (record.cc), the account (memory.cc).
+// Invariant: data is null exactly when the record owns no area.
+
+#include <string.h>
+
+#include "companion/memory.hh"
+#include "runtime/runtime.h"
+
+void CreateBuffer(IoBuffer* buf, uint32_t size) {
+  auto* area = static_cast<uint8_t*>(mqc::AllocateArea(size, mqc::tags[mqc::kTagBuffer]));
+  const uint32_t got = area == nullptr ? 0 : size;
+  buf->data = area;
+  buf->length = got;
+  buf->capacity = got;
+  buf->flags = 0;
+  buf->received = 0;
+  buf->sent = 0;
+}
+
+void ResetBuffer(IoBuffer* buf, uint32_t length) {
+  buf->length = length;
+  buf->received = 0;
+  buf->sent = 0;
+}
+
+// Keeps what was received and, for a buffer being sent, what its length covers.
+void SizeBuffer(IoBuffer* buf, uint32_t size) {
+  if (buf->data != nullptr && size <= buf->capacity) return;
+  auto* area = static_cast<uint8_t*>(mqc::AllocateArea(size, mqc::tags[mqc::kTagBuffer]));
+  if (area == nullptr) return;
+  if (buf->data != nullptr) {
+    const uint32_t held = buf->received > buf->length ? buf->received : buf->length;
+    memcpy(area, buf->data, held < buf->capacity ? held : buf->capacity);
+    mqc::Release(buf->data);
+  }
+  buf->data = area;
+  buf->capacity = size;
+}
+
+void DeleteBuffer(IoBuffer* buf) {
+  mqc::Release(buf->data);
+  buf->data = nullptr;
+  buf->length = 0;
+  buf->capacity = 0;
+  buf->received = 0;
+  buf->sent = 0;
+}

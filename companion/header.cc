@@ -1,0 +1,122 @@
+// header.cc - plain headers and envelopes: from any sender's form to the host's.
+// Not here: bodies (body.cc), signatures (sign.cc).
+// Invariant: a header is converted whole or left as it was, and a native one stays as it is.
+
+#include "companion/charset.hh"
+#include "companion/message.hh"
+
+namespace mqc {
+namespace {
+
+thread_local char header_error[kErrorText];
+
+ErrorText HeaderError() {
+  return {header_error, sizeof(header_error)};
+}
+
+struct Form {
+  bool swapped;
+  bool ebcdic;
+};
+
+// Reads the sender's form off a header or envelope whose first word is to be length, and sees that it fits together.
+bool TellForm(const uint8_t* h, uint32_t length, Form* form, ErrorText error) {
+  const uint32_t first = Load(h + kAtLength);
+  form->swapped = first == __builtin_bswap32(length);
+  if (first != length && !form->swapped) return Fail(error, "the first word is %u, not the length %u", first, length);
+  const uint32_t big = form->swapped ? LoadAs<true>(h + kAtBigEndian) : Load(h + kAtBigEndian);
+  const uint32_t ascii = form->swapped ? LoadAs<true>(h + kAtAscii) : Load(h + kAtAscii);
+  if (big > 1) return Fail(error, "the byte order flag is %u, neither 0 nor 1", big);
+  if (ascii > 1) return Fail(error, "the character set flag is %u, neither 0 nor 1", ascii);
+  if ((big != kHostIsBig) != form->swapped) return Fail(error, "the byte order flag contradicts the first word");
+  form->ebcdic = ascii != kHostIsAscii;
+  return true;
+}
+
+// The table for a sender's text; null with form.ebcdic false is right.
+bool NeedTable(const Form& form, const uint8_t** table, ErrorText error) {
+  *table = form.ebcdic ? EbcdicTable() : nullptr;
+  if (form.ebcdic && *table == nullptr) return Fail(error, "the system's iconv does not know IBM1047");
+  return true;
+}
+
+[[gnu::noinline]] bool ConvertHeader(uint8_t* h, const Form& form, ErrorText error) {
+  const uint8_t* table;
+  if (!NeedTable(form, &table, error)) return false;
+  if (form.swapped) {
+    SwapWord(h + kAtLength);
+    SwapWord(h + kAtEncoding);
+    SwapWord(h + kAtBodyLength);
+    SwapWord(h + kAtLast);
+  }
+  if (form.ebcdic) {
+    FromEbcdic(h + kAtUser, kUserField, table);
+    FromEbcdic(h + kAtApplication, sizeof(MsgHeader::applName), table);
+  }
+  Store(h + kAtBigEndian, kHostIsBig);
+  Store(h + kAtAscii, kHostIsAscii);
+  Store(h + kAtOrigin, (form.swapped ? kOriginSwapped : 0) | (form.ebcdic ? kOriginEbcdic : 0));
+  return true;
+}
+
+}  // namespace
+
+bool HeaderToNative(uint8_t* h, ErrorText error) {
+  Form form;
+  if (!TellForm(h, kHeader, &form, error)) return false;
+  if (!form.swapped && !form.ebcdic) return true;
+  return ConvertHeader(h, form, error);
+}
+
+bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error) {
+  Form form;
+  if (!TellForm(h, kHeader, &form, error)) return false;
+  if (form.swapped || form.ebcdic) return Fail(error, "the header is still in its sender's form");
+  const uint32_t body = Load(h + kAtBodyLength);
+  if (length < kHeader || length - kHeader != body) {
+    return Fail(error, "the header says %u bytes of body, the message has %lld", body, (long long)length - kHeader);
+  }
+  const uint32_t encoding = Load(h + kAtEncoding);
+  if (encoding != kEncoding) return Fail(error, "the body's encoding is version %u, not %u", encoding, kEncoding);
+  return true;
+}
+
+}  // namespace mqc
+
+using namespace mqc;
+
+// A browsed record says length 0, whatever it holds: capacity tells whether a header can be there.
+int AlienToNative(PcfRawData* raw) {
+  if (raw->data == nullptr || raw->capacity < kHeader) [[unlikely]] {
+    return Fail(HeaderError(), "no room for a header at %u bytes", raw->capacity);
+  }
+  return HeaderToNative(raw->data, HeaderError());
+}
+
+int AlienToNativeExt(SecureHeader* envelope) {
+  auto* h = reinterpret_cast<uint8_t*>(envelope);
+  Form form;
+  const uint8_t* table;
+  if (!TellForm(h, kEnvelope, &form, HeaderError())) return 0;
+  if (!NeedTable(form, &table, HeaderError())) return 0;
+  if (form.swapped) {
+    SwapWord(h + offsetof(SecureHeader, hdrLength));
+    SwapWord(h + offsetof(SecureHeader, version));
+    SwapWord(h + offsetof(SecureHeader, msgLength));
+  }
+  if (form.ebcdic) FromEbcdic(h + offsetof(SecureHeader, userId), kUserField, table);
+  Store(h + kAtBigEndian, kHostIsBig);
+  Store(h + kAtAscii, kHostIsAscii);
+  return 1;
+}
+
+int VerifyMessage(PcfRawData* raw) {
+  if (raw->data == nullptr || raw->length < kHeader || raw->length > raw->capacity) {
+    return Fail(HeaderError(), "%u bytes in an area of %u are no message", raw->length, raw->capacity);
+  }
+  return CheckNativeHeader(raw->data, raw->length, HeaderError()) && CheckBody(*raw, HeaderError());
+}
+
+const char* mqc_header_error(void) {
+  return header_error;
+}

@@ -1,0 +1,119 @@
+// message.hh - the wire form of a message and the index of its parameters; shared by header.cc, body.cc and record.cc.
+//
+// Header words of the message library (offset, bytes):
+//     4,  4   version of the body's encoding, 1
+//    16, 48   zero when written, not looked at
+//    68,  4   origin: 0 as sent. AlienToNative stores here which parts of the body are still in the sender's form, and
+//             AlienPcfToNative sets it back to 0
+//   132,  4   zero when written, not looked at
+// Body: command, number of parameters, then the parameters: id, type, length, value, zero bytes up to a multiple of 4.
+// At least one zero byte follows a text, so that it can be handed out in place.
+#pragma once
+
+#include <bit>
+#include <stdint.h>
+#include <string.h>
+
+#include "companion/errors.hh"
+#include "companion/host.h"
+#include "runtime/message.h"
+
+namespace mqc {
+
+constexpr uint32_t kHeader = sizeof(MsgHeader);
+constexpr uint32_t kEnvelope = sizeof(SecureHeader);
+constexpr uint32_t kEncoding = 1;
+constexpr uint32_t kBodyHead = 8;
+constexpr uint32_t kParamHead = 12;
+constexpr uint32_t kHostIsBig = std::endian::native == std::endian::big ? 1 : 0;
+constexpr uint32_t kHostIsAscii = 1;
+
+constexpr uint32_t kOriginSwapped = 1;  // integers of the body stand in the other byte order
+constexpr uint32_t kOriginEbcdic = 2;   // text of the body is EBCDIC
+
+// Offsets in a MsgHeader; hdrLength, bigEndian and asciiText stand at the same ones in a SecureHeader.
+constexpr uint32_t kAtLength = offsetof(MsgHeader, hdrLength);
+constexpr uint32_t kAtEncoding = offsetof(MsgHeader, library4);
+constexpr uint32_t kAtBigEndian = offsetof(MsgHeader, bigEndian);
+constexpr uint32_t kAtAscii = offsetof(MsgHeader, asciiText);
+constexpr uint32_t kAtBodyLength = offsetof(MsgHeader, bodyLength);
+constexpr uint32_t kAtOrigin = offsetof(MsgHeader, library68);
+constexpr uint32_t kAtUser = offsetof(MsgHeader, userId);
+constexpr uint32_t kAtApplication = offsetof(MsgHeader, applName);
+constexpr uint32_t kAtLast = offsetof(MsgHeader, library132);
+static_assert(offsetof(SecureHeader, bigEndian) == kAtBigEndian && offsetof(SecureHeader, asciiText) == kAtAscii);
+
+constexpr size_t kUserField = sizeof(MsgHeader::userId);
+
+// Raw areas come from anywhere: no alignment is taken for granted.
+inline uint32_t Load(const uint8_t* at) {
+  uint32_t value;
+  memcpy(&value, at, sizeof(value));
+  return value;
+}
+
+inline void Store(uint8_t* at, uint32_t value) {
+  memcpy(at, &value, sizeof(value));
+}
+
+template <bool kSwap>
+inline uint32_t LoadAs(const uint8_t* at) {
+  return kSwap ? __builtin_bswap32(Load(at)) : Load(at);
+}
+
+inline void SwapWord(uint8_t* at) {
+  Store(at, __builtin_bswap32(Load(at)));
+}
+
+struct Entry {
+  uint32_t id;
+  uint32_t type;
+  uint32_t offset;  // of the value, from the start of raw
+  uint32_t length;
+};
+
+// The parsed content of a record. Valid while ready is kReady; error always is.
+struct Content {
+  uint32_t ready;
+  uint32_t command;
+  uint32_t count;
+  char error[kErrorText];
+  Entry entries[MQC_MAX_PARAMS];
+};
+static_assert(sizeof(Content) <= sizeof(PcfMessage::libraryData) && alignof(Content) == 4);
+
+// A record that a host cleared, or did not, holds no content by accident.
+constexpr uint32_t kReady = 0x4D514331;
+
+inline Content& ContentOf(PcfMessage* msg) {
+  return *reinterpret_cast<Content*>(msg->libraryData);
+}
+
+inline const Content& ContentOf(const PcfMessage* msg) {
+  return *reinterpret_cast<const Content*>(msg->libraryData);
+}
+
+inline ErrorText ErrorOf(Content& content) {
+  return {content.error, sizeof(content.error)};
+}
+
+inline void DropContent(Content& content) {
+  content.ready = 0;
+  content.command = 0;
+  content.count = 0;
+  content.error[0] = '\0';
+}
+
+// Converts the header at h, which is 136 bytes, as AlienToNative does.
+bool HeaderToNative(uint8_t* h, ErrorText error);
+
+// True for a native header of a message that is length bytes long; origin is not looked at.
+bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error);
+
+// True for a body in native form that can be parsed. header is native and says the same length as raw.
+bool CheckBody(const PcfRawData& raw, ErrorText error);
+
+// Makes raw.capacity at least size, keeping the message, or at least the header, that stands there.
+bool GrowRaw(PcfMessage* msg, uint32_t size);
+
+}  // namespace mqc
