@@ -23,15 +23,16 @@ bool FailParam(ErrorText error, const Param& param, const char* what, uint32_t n
 }
 
 // Bytes that a value of this length takes in the body; the length is at most MQ_MAX_MESSAGE.
-inline uint32_t StoredLength(uint32_t type, uint32_t length) {
-  return (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~3u;
-}
+inline uint32_t StoredLength(uint32_t type, uint32_t length) { return (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~3u; }
 
 inline bool LengthFitsType(uint32_t type, uint32_t length) {
   switch (type) {
-    case MQC_INT32: return length == sizeof(int32_t);
-    case MQC_INT64: return length == sizeof(int64_t);
-    default: return type == MQC_TEXT || type == MQC_BYTES;
+    case MQC_INT32:
+      return length == sizeof(int32_t);
+    case MQC_INT64:
+      return length == sizeof(int64_t);
+    default:
+      return type == MQC_TEXT || type == MQC_BYTES;
   }
 }
 
@@ -51,7 +52,8 @@ inline bool CheckParam(const uint8_t* raw, const Param& param, uint32_t room, Er
   const uint32_t stored = StoredLength(param.type, param.length);
   if (stored > room) return FailParam(error, param, "padding beyond the body, bytes left:", room);
   const uint8_t* value = raw + param.at + kParamHead;
-  if (!IsZero(value + param.length, value + stored)) return FailParam(error, param, "padding is not zero after", param.length);
+  if (!IsZero(value + param.length, value + stored))
+    return FailParam(error, param, "padding is not zero after", param.length);
   if (param.type == MQC_TEXT && memchr(value, 0, param.length) != nullptr) {
     return FailParam(error, param, "text with a zero byte among its", param.length);
   }

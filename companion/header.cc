@@ -10,9 +10,7 @@ namespace {
 
 thread_local char header_error[kErrorText];
 
-ErrorText HeaderError() {
-  return {header_error, sizeof(header_error)};
-}
+ErrorText HeaderError() { return {header_error, sizeof(header_error)}; }
 
 struct Form {
   bool swapped;
@@ -117,6 +115,4 @@ int VerifyMessage(PcfRawData* raw) {
   return CheckNativeHeader(raw->data, raw->length, HeaderError()) && CheckBody(*raw, HeaderError());
 }
 
-const char* mqc_header_error(void) {
-  return header_error;
-}
+const char* mqc_header_error(void) { return header_error; }

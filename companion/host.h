@@ -9,7 +9,7 @@
  *   sizes     bytes; times are milliseconds since 1970-01-01 UTC; text is terminated, ASCII or a superset of it
  *   errors    a function with (char *error, size_t size) writes one line without a newline there when it fails, cut to
  *             size, and an empty text when it succeeds; error may be null, size 0
- *   threads   one record is used by one thread at a time; everything process-wide (account, ring, window, clock, log) may
+ *   threads   one record is used by one thread at a time; what is process-wide (account, ring, window, clock, log) may
  *             be used from any thread
  *   blocking  nothing here waits; only the functions that name a file use the file system */
 #ifndef MQNODE_COMPANION_HOST_H
@@ -37,17 +37,17 @@ typedef struct MqcMemory {
 } MqcMemory;
 
 /* mqc_memory - read the account of one tag, or of everything.
- *   tag   in   name of the tag, compared as text; null for everything. The peak of everything is the sum of the peaks of
- *              the tags: never below the true peak
+ *   tag   in   name of the tag, compared as text; null for everything. The peak of everything is the sum of the peaks
+ *              of the tags: never below the true peak
  *   out   out  the counters; all 0 for a tag nobody has used
  * Result   1; 0 when nobody has used the tag
  * Other threads may allocate meanwhile: each counter is right by itself, not all of them for one moment. */
-MQ_RUNTIME int mqc_memory(const char *tag, MqcMemory *out);
+MQ_RUNTIME int mqc_memory(const char* tag, MqcMemory* out);
 
 /* mqc_memory_tag - name of the index-th tag in use, counted from 0; null past the last one.
  * The text lives as long as the process. Tags never go away. At most 64 tags are told apart; blocks with further tags
  * are counted under "(other)", blocks without a tag under "(none)". */
-MQ_RUNTIME const char *mqc_memory_tag(uint32_t index);
+MQ_RUNTIME const char* mqc_memory_tag(uint32_t index);
 
 /* mqc_allocations - allocations attempted since the process began, the failed ones included. */
 MQ_RUNTIME uint64_t mqc_allocations(void);
@@ -56,8 +56,8 @@ MQ_RUNTIME uint64_t mqc_allocations(void);
  *   nth      in  1 the next allocation of any thread, 2 the one after it, and so on; 0 switches failing off
  *   onwards  in  0: that one fails and the switch is off again; nonzero: that one and all after it fail until switched
  *                off
- * Counted are fNewMemory, CreateBuffer, SizeBuffer and SizePcfMessage when they grow, and whatever this header's functions
- * allocate. To walk a whole scenario, let n = 1, 2, 3 ... until a run makes fewer than n allocations. */
+ * Counted are fNewMemory, CreateBuffer, SizeBuffer and SizePcfMessage when they grow, and whatever this header's
+ * functions allocate. To walk a whole scenario, let n = 1, 2, 3 ... until a run makes fewer than n allocations. */
 MQ_RUNTIME void mqc_fail_allocation(uint64_t nth, int onwards);
 
 /* ---- Messages: records ----
@@ -70,45 +70,46 @@ MQ_RUNTIME void mqc_fail_allocation(uint64_t nth, int onwards);
 #define MQC_MAX_PARAMS 3740u
 
 /* mqc_message_new - allocate a record.
- *   capacity  in  first size of the raw area, header included; raised to 136, at most MQ_MAX_MESSAGE. It grows by itself
+ *   capacity  in  first size of the raw area, header included; raised to 136, at most MQ_MAX_MESSAGE; it grows by
+ *                 itself
  * Result   the record, without a message, for mqc_message_free; null without memory */
-MQ_RUNTIME PcfMessage *mqc_message_new(uint32_t capacity);
+MQ_RUNTIME PcfMessage* mqc_message_new(uint32_t capacity);
 
 /* mqc_message_free - release a record of mqc_message_new with its raw area. msg may be null. */
-MQ_RUNTIME void mqc_message_free(PcfMessage *msg);
+MQ_RUNTIME void mqc_message_free(PcfMessage* msg);
 
 /* mqc_message_init - prepare a record that the caller owns: on the stack, in a larger record, static.
- * It has no raw area yet and allocates nothing. mnBrowse needs one: call SizePcfMessage(msg, 136) or more first. What the
- * record held before is neither read nor released. A record of zero bytes is prepared too. */
-MQ_RUNTIME void mqc_message_init(PcfMessage *msg);
+ * It has no raw area yet and allocates nothing. mnBrowse needs one: call SizePcfMessage(msg, 136) or more first. What
+ * the record held before is neither read nor released. A record of zero bytes is prepared too. */
+MQ_RUNTIME void mqc_message_init(PcfMessage* msg);
 
 /* mqc_message_release - release the raw area of a record of mqc_message_init. The record is prepared again. A raw area
  * that the host has put there itself (raw.data, raw.capacity) is not released, here and when it grows. */
-MQ_RUNTIME void mqc_message_release(PcfMessage *msg);
+MQ_RUNTIME void mqc_message_release(PcfMessage* msg);
 
 /* ---- Messages: writing ----
  *
  *   mqc_begin(msg, 7) && mqc_add_text(msg, 1, "hello") && mqc_add_int32(msg, 2, -5) && mnWrite(msg, node)
  *
- * After each successful call raw is a complete message (room of 136 bytes for the header, then the body), fit for any of
- * the write functions. A failed add leaves the message as it was; mqc_message_error says why. */
+ * After each successful call raw is a complete message (room of 136 bytes for the header, then the body), fit for any
+ * of the write functions. A failed add leaves the message as it was; mqc_message_error says why. */
 
 /* mqc_begin - start a new message in the record; what it held is gone.
  *   command  in  what the message is about; its meaning is the hosts' own
  * Result   1; 0 without memory for the raw area */
-MQ_RUNTIME int mqc_begin(PcfMessage *msg, uint32_t command);
+MQ_RUNTIME int mqc_begin(PcfMessage* msg, uint32_t command);
 
 /* mqc_add_... - append one parameter.
  *   id      in  names the parameter; ids may repeat, their order is kept
  *   text    in  terminated; travels in the character set of its sender and arrives in the receiver's
  *   bytes   in  length bytes that arrive as they are; may be null when length is 0
- * Result   1; 0 for a record without a begun or read message, without memory, beyond MQC_MAX_PARAMS parameters or beyond
- *          MQ_MAX_MESSAGE
+ * Result   1; 0 for a record without a begun or read message, without memory, beyond MQC_MAX_PARAMS parameters or
+ *          beyond MQ_MAX_MESSAGE
  * text and bytes may not lie in the record's own raw area: it may move. */
-MQ_RUNTIME int mqc_add_int32(PcfMessage *msg, uint32_t id, int32_t value);
-MQ_RUNTIME int mqc_add_int64(PcfMessage *msg, uint32_t id, int64_t value);
-MQ_RUNTIME int mqc_add_text(PcfMessage *msg, uint32_t id, const char *text);
-MQ_RUNTIME int mqc_add_bytes(PcfMessage *msg, uint32_t id, const void *bytes, uint32_t length);
+MQ_RUNTIME int mqc_add_int32(PcfMessage* msg, uint32_t id, int32_t value);
+MQ_RUNTIME int mqc_add_int64(PcfMessage* msg, uint32_t id, int64_t value);
+MQ_RUNTIME int mqc_add_text(PcfMessage* msg, uint32_t id, const char* text);
+MQ_RUNTIME int mqc_add_bytes(PcfMessage* msg, uint32_t id, const void* bytes, uint32_t length);
 
 /* ---- Messages: reading ----
  *
@@ -122,53 +123,53 @@ typedef struct MqcParam {
   uint32_t type;        /* an MqcType */
   uint32_t length;      /* bytes of the value: 4, 8, length of the text without its terminator, number of bytes */
   int64_t number;       /* MQC_INT32 and MQC_INT64, else 0 */
-  const char *text;     /* MQC_TEXT, terminated, else null */
-  const uint8_t *bytes; /* MQC_BYTES, else null; not aligned beyond 4 bytes */
+  const char* text;     /* MQC_TEXT, terminated, else null */
+  const uint8_t* bytes; /* MQC_BYTES, else null; not aligned beyond 4 bytes */
 } MqcParam;
 
 /* mqc_command - command of the message; 0 for a record without a message. */
-MQ_RUNTIME uint32_t mqc_command(const PcfMessage *msg);
+MQ_RUNTIME uint32_t mqc_command(const PcfMessage* msg);
 
 /* mqc_count - number of parameters; 0 for a record without a message. */
-MQ_RUNTIME uint32_t mqc_count(const PcfMessage *msg);
+MQ_RUNTIME uint32_t mqc_count(const PcfMessage* msg);
 
 /* mqc_param - the index-th parameter, counted from 0.
  * Result   1; 0 when index is not below mqc_count, out is all zero then */
-MQ_RUNTIME int mqc_param(const PcfMessage *msg, uint32_t index, MqcParam *out);
+MQ_RUNTIME int mqc_param(const PcfMessage* msg, uint32_t index, MqcParam* out);
 
 /* mqc_find - the first parameter with this id. Looks at the parameters in order.
  * Result   1; 0 when there is none, out is all zero then */
-MQ_RUNTIME int mqc_find(const PcfMessage *msg, uint32_t id, MqcParam *out);
+MQ_RUNTIME int mqc_find(const PcfMessage* msg, uint32_t id, MqcParam* out);
 
 /* mqc_user - user id in the message's header, as terminated text. Empty for a record without a raw message.
  * The write functions fill it in: before the first write it is empty. */
-MQ_RUNTIME void mqc_user(const PcfMessage *msg, char user[13]);
+MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 
 /* mqc_application - application name in the message's header, as mqc_user. */
-MQ_RUNTIME void mqc_application(const PcfMessage *msg, char application[49]);
+MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 
 /* mqc_sender - who sent the message that was read last: secHeader.userId as terminated text. After a secure read it is
  * the user whose key signed; after a plain read it is what the sender claimed. */
-MQ_RUNTIME void mqc_sender(const PcfMessage *msg, char user[13]);
+MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
 /* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.
  * The text belongs to the record and holds until the next call on it. */
-MQ_RUNTIME const char *mqc_message_error(const PcfMessage *msg);
+MQ_RUNTIME const char* mqc_message_error(const PcfMessage* msg);
 
-/* mqc_header_error - why the last AlienToNative, AlienToNativeExt or VerifyMessage that failed on this thread did; empty
- * when none has. The text holds until the next failure on the thread. */
-MQ_RUNTIME const char *mqc_header_error(void);
+/* mqc_header_error - why the last AlienToNative, AlienToNativeExt or VerifyMessage that failed on this thread did;
+ * empty when none has. The text holds until the next failure on the thread. */
+MQ_RUNTIME const char* mqc_header_error(void);
 
 /* ---- Security ----
  *
  * A signer is the security context of the signed writes: one user and the secret key of that user. A host that reads
- * signed messages keeps the public keys of the users it accepts in the ring, one for the whole process. A signed message
- * carries the time of its signing and a nonce. It is accepted when its user is in the ring, the signature is right, its
- * time is within the window around the receiver's, and it has not been accepted before. */
+ * signed messages keeps the public keys of the users it accepts in the ring, one for the whole process. A signed
+ * message carries the time of its signing and a nonce. It is accepted when its user is in the ring, the signature is
+ * right, its time is within the window around the receiver's, and it has not been accepted before. */
 
-#define MQC_KEY_BYTES 32u  /* a secret key (Ed25519 seed), and a public key */
-#define MQC_KEY_TEXT 65u   /* a key as hexadecimal text with its terminator */
-#define MQC_USER_MAX 12u   /* characters of a user id; printable ASCII without blanks and '#' */
+#define MQC_KEY_BYTES 32u /* a secret key (Ed25519 seed), and a public key */
+#define MQC_KEY_TEXT 65u  /* a key as hexadecimal text with its terminator */
+#define MQC_USER_MAX 12u  /* characters of a user id; printable ASCII without blanks and '#' */
 #define MQC_WINDOW_MAX 86400u
 
 typedef struct MqcSigner MqcSigner;
@@ -182,15 +183,16 @@ MQ_RUNTIME void mqc_key_text(const uint8_t key[MQC_KEY_BYTES], char text[MQC_KEY
 
 /* mqc_key_from_text - a key from exactly 64 hexadecimal digits of either case.
  * Result   1; 0 for any other text, key is all zero then */
-MQ_RUNTIME int mqc_key_from_text(const char *text, uint8_t key[MQC_KEY_BYTES]);
+MQ_RUNTIME int mqc_key_from_text(const char* text, uint8_t key[MQC_KEY_BYTES]);
 
 /* mqc_wipe - overwrite size bytes with zero in a way that the compiler does not remove. */
-MQ_RUNTIME void mqc_wipe(void *place, size_t size);
+MQ_RUNTIME void mqc_wipe(void* place, size_t size);
 
 /* mqc_signer_new - a security context from key bytes. The key is copied; the caller wipes its own.
  *   user  in  at most MQC_USER_MAX characters. It must equal the user of every node that signs with it
  * Result   the signer, for mqc_signer_free; null with an error text */
-MQ_RUNTIME MqcSigner *mqc_signer_new(const char *user, const uint8_t secret_key[MQC_KEY_BYTES], char *error, size_t size);
+MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], char* error,
+                                     size_t size);
 
 /* mqc_signer_load - a security context from a secret key file.
  *   path  in  text; a line is a user, blanks, and 64 hexadecimal digits; empty lines and what follows a '#' are skipped
@@ -198,34 +200,34 @@ MQ_RUNTIME MqcSigner *mqc_signer_new(const char *user, const uint8_t secret_key[
  * Refused, with the reason: a file that its group or others may access, that is no regular file or larger than 65536
  * bytes, a malformed line (named as file:line), no key for the user, more than one.
  * Result   the signer, for mqc_signer_free; null with an error text */
-MQ_RUNTIME MqcSigner *mqc_signer_load(const char *path, const char *user, char *error, size_t size);
+MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
 
 /* mqc_signer_user - user of a signer. The text belongs to the signer. */
-MQ_RUNTIME const char *mqc_signer_user(const MqcSigner *signer);
+MQ_RUNTIME const char* mqc_signer_user(const MqcSigner* signer);
 
 /* mqc_signer_public_key - the public key that belongs to a signer's secret key. */
-MQ_RUNTIME void mqc_signer_public_key(const MqcSigner *signer, uint8_t public_key[MQC_KEY_BYTES]);
+MQ_RUNTIME void mqc_signer_public_key(const MqcSigner* signer, uint8_t public_key[MQC_KEY_BYTES]);
 
 /* mqc_signer_free - wipe and release a signer. signer may be null. No write may be using it. */
-MQ_RUNTIME void mqc_signer_free(MqcSigner *signer);
+MQ_RUNTIME void mqc_signer_free(MqcSigner* signer);
 
 /* mqc_secret_file_write - create a secret key file with one key, access for its owner alone.
  * Result   1; 0 with an error text, also when something with this name exists: nothing is ever overwritten */
-MQ_RUNTIME int mqc_secret_file_write(const char *path, const char *user, const uint8_t secret_key[MQC_KEY_BYTES],
-                                     char *error, size_t size);
+MQ_RUNTIME int mqc_secret_file_write(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES],
+                                     char* error, size_t size);
 
 /* mqc_ring_add - accept messages signed by this user's key. A key that the user had before is replaced.
  * Result   1; 0 with an error text: a user id or a public key that cannot be one, no memory */
-MQ_RUNTIME int mqc_ring_add(const char *user, const uint8_t public_key[MQC_KEY_BYTES], char *error, size_t size);
+MQ_RUNTIME int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char* error, size_t size);
 
-/* mqc_ring_load - add every line of a ring file: a user, blanks, the 64 hexadecimal digits of the public key; empty lines
- * and what follows a '#' are skipped. All or nothing: after a failure the ring is as before.
- * Result   1; 0 with an error text: unreadable or larger than 16777216 bytes, a malformed line or a user twice (named as
- *          file:line), no memory */
-MQ_RUNTIME int mqc_ring_load(const char *path, char *error, size_t size);
+/* mqc_ring_load - add every line of a ring file: a user, blanks, the 64 hexadecimal digits of the public key; empty
+ * lines and what follows a '#' are skipped. All or nothing: after a failure the ring is as before.
+ * Result   1; 0 with an error text: unreadable or larger than 16777216 bytes, a malformed line or a user twice (named
+ *          as file:line), no memory */
+MQ_RUNTIME int mqc_ring_load(const char* path, char* error, size_t size);
 
 /* mqc_ring_remove - accept nothing more from this user. Result 1; 0 when the ring has no such user. */
-MQ_RUNTIME int mqc_ring_remove(const char *user);
+MQ_RUNTIME int mqc_ring_remove(const char* user);
 
 /* mqc_ring_clear - accept nothing more from anybody. What was accepted before is still remembered. */
 MQ_RUNTIME void mqc_ring_clear(void);
@@ -235,15 +237,16 @@ MQ_RUNTIME uint32_t mqc_ring_count(void);
 
 /* mqc_set_window - how far the time of a signed message may lie from the receiver's, before and after it.
  *   seconds  in  1 to MQC_WINDOW_MAX; 300 at first
- * Result   1; 0 for a value outside, nothing changes then. A wider window never revives a message that was forgotten. */
+ * Result   1; 0 for a value outside, nothing changes then
+ * A wider window never revives a message that was forgotten. */
 MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
 /* mqc_set_replay_limit - how many accepted messages are remembered at once.
- *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed: 48 to 96 bytes a message once full,
- *                 twice that while the table is rebuilt
- * When the memory is full, messages outside the window are forgotten first, then the oldest ones: from then on a message
- * that is no newer than a forgotten one is refused. When that would refuse messages signed right now, the new message is
- * refused instead. A message is never accepted twice by one process.
+ *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed: 48 to 96 bytes a message once
+ *                 full, twice that while the table is rebuilt
+ * When the memory is full, messages outside the window are forgotten first, then the oldest ones: from then on a
+ * message that is no newer than a forgotten one is refused. When that would refuse messages signed right now, the new
+ * message is refused instead. A message is never accepted twice by one process.
  * Result   1; 0 for a value outside, nothing changes then. A smaller limit takes effect with the next message. */
 MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
 
@@ -259,10 +262,10 @@ MQ_RUNTIME void mqc_set_clock(MqcClock clock);
 
 /* mqc_sign_error - why the last mqc_sign that failed on this thread did; empty when none has. After a write that
  * ended with node error -1000. */
-MQ_RUNTIME const char *mqc_sign_error(void);
+MQ_RUNTIME const char* mqc_sign_error(void);
 
 /* mqc_authenticate_error - as mqc_sign_error, for mqc_authenticate and node error -1001. */
-MQ_RUNTIME const char *mqc_authenticate_error(void);
+MQ_RUNTIME const char* mqc_authenticate_error(void);
 
 /* ---- Log ---- */
 
@@ -271,7 +274,7 @@ MQ_RUNTIME const char *mqc_authenticate_error(void);
  * Without this call the file that the environment variable MQCOMPANION_LOG names when the companion is loaded is used,
  * and standard error when it names none. A file that cannot be opened: the line goes to standard error.
  * Result   1; 0 when path is too long, nothing changes then. Not while another thread writes to the log. */
-MQ_RUNTIME int mqc_log_to(const char *path);
+MQ_RUNTIME int mqc_log_to(const char* path);
 
 MQ_END_C
 

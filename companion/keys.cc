@@ -24,9 +24,7 @@ static_assert(crypto_sign_SECRETKEYBYTES == sizeof(MqcSigner::secret));
 pthread_once_t sodium_once = PTHREAD_ONCE_INIT;
 bool sodium_ready;
 
-bool IsBlank(char c) {
-  return c == ' ' || c == '\t' || c == '\r';
-}
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
 // Cuts the next word off the text: terminates it and moves *text behind it. Empty when there is none.
 char* NextWord(char** text) {
@@ -81,7 +79,8 @@ bool PickKey(const char* path, const char* user, KeyLine* picked, ErrorText erro
   if (found == 1) return true;
   if (found == 0 && user == nullptr) return Fail(error, "%s: holds no key", path);
   if (found == 0) return Fail(error, "%s: holds no key of user %s", path, user);
-  return Fail(error, user == nullptr ? "%s: holds %u keys, name the user" : "%s: holds %u keys of this user", path, found);
+  return Fail(error, user == nullptr ? "%s: holds %u keys, name the user" : "%s: holds %u keys of this user", path,
+              found);
 }
 
 }  // namespace
@@ -134,9 +133,7 @@ bool KeyFile::Read(int fd, ErrorText error) {
   return true;
 }
 
-size_t KeyFile::MaxKeys() const {
-  return size_ / (2 * MQC_KEY_BYTES + 2) + 1;
-}
+size_t KeyFile::MaxKeys() const { return size_ / (2 * MQC_KEY_BYTES + 2) + 1; }
 
 bool KeyFile::Parse(char* text, KeyLine* line) {
   const char* user = NextWord(&text);
@@ -162,8 +159,8 @@ bool KeyFile::Next(KeyLine* line, ErrorText error) {
     if (!cut && text[strspn(text, " \t\r")] == '\0') continue;
     if (!cut && Parse(text, line)) return true;
     bad_ = true;
-    return Fail(error, "%s:%u: expected a user of 1 to %u characters and a key of %u hexadecimal digits", path_, number_,
-                MQC_USER_MAX, 2 * MQC_KEY_BYTES);
+    return Fail(error, "%s:%u: expected a user of 1 to %u characters and a key of %u hexadecimal digits", path_,
+                number_, MQC_USER_MAX, 2 * MQC_KEY_BYTES);
   }
   return false;
 }
@@ -195,9 +192,7 @@ int mqc_key_from_text(const char* text, uint8_t key[MQC_KEY_BYTES]) {
   return right;
 }
 
-void mqc_wipe(void* place, size_t size) {
-  sodium_memzero(place, size);
-}
+void mqc_wipe(void* place, size_t size) { sodium_memzero(place, size); }
 
 MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], char* error, size_t size) {
   const ErrorText text = {error, size};
@@ -222,9 +217,7 @@ MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size
   return signer;
 }
 
-const char* mqc_signer_user(const MqcSigner* signer) {
-  return signer->user;
-}
+const char* mqc_signer_user(const MqcSigner* signer) { return signer->user; }
 
 void mqc_signer_public_key(const MqcSigner* signer, uint8_t public_key[MQC_KEY_BYTES]) {
   memcpy(public_key, signer->public_key, MQC_KEY_BYTES);

@@ -119,6 +119,4 @@ void LOGMSG(const char* text, int) {
   errno = saved;
 }
 
-int mqc_log_to(const char* path) {
-  return UsePath(path) ? 1 : 0;
-}
+int mqc_log_to(const char* path) { return UsePath(path) ? 1 : 0; }

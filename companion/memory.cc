@@ -12,8 +12,9 @@
 
 namespace mqc {
 
-Tag tags[kTags] = {{.name = "buffer"}, {.name = "message"}, {.name = "PcfMessage"}, {.name = "signer"}, {.name = "ring"},
-                   {.name = "replay"}, {.name = "file"},    {.name = "(none)"},     {.name = "(other)"}};
+Tag tags[kTags] = {{.name = "buffer"}, {.name = "message"}, {.name = "PcfMessage"},
+                   {.name = "signer"}, {.name = "ring"},    {.name = "replay"},
+                   {.name = "file"},   {.name = "(none)"},  {.name = "(other)"}};
 std::atomic<uint64_t> fail_countdown;
 
 namespace {
@@ -35,9 +36,7 @@ inline uint32_t SlotOf(const char* name) {
   return static_cast<uint32_t>((reinterpret_cast<uintptr_t>(name) * 0x9E3779B97F4A7C15u) >> 56);
 }
 
-bool SameName(const Tag& tag, const char* name) {
-  return strncmp(tag.name, name, sizeof(tag.name) - 1) == 0;
-}
+bool SameName(const Tag& tag, const char* name) { return strncmp(tag.name, name, sizeof(tag.name) - 1) == 0; }
 
 Tag* TagByName(const char* name) {
   const uint32_t used = tags_in_use.load(std::memory_order_acquire);
@@ -127,14 +126,13 @@ void RaisePeak(Tag& tag, uint64_t live) {
 int fNewMemory(void** out, uint32_t size, const char* tag) {
   void* block = mqc::Allocate(size, mqc::FindTag(tag));
   *out = block;
-  if (block == nullptr) [[unlikely]] return 0;
+  if (block == nullptr) [[unlikely]]
+    return 0;
   memset(block, 0, size);
   return 1;
 }
 
-void FreeMemory(void* p) {
-  mqc::Release(p);
-}
+void FreeMemory(void* p) { mqc::Release(p); }
 
 int mqc_memory(const char* tag, MqcMemory* out) {
   *out = {};

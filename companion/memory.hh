@@ -76,18 +76,22 @@ inline void* CountBlock(char* block, uint32_t offset, uint32_t size, Tag& tag) {
 
 // Bytes for a record, 16-byte aligned, not cleared. Null without memory.
 inline void* Allocate(uint32_t size, Tag& tag) {
-  if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]] return CountFailure();
+  if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]]
+    return CountFailure();
   char* block = static_cast<char*>(malloc(size + sizeof(BlockHead)));
-  if (block == nullptr) [[unlikely]] return CountFailure();
+  if (block == nullptr) [[unlikely]]
+    return CountFailure();
   return CountBlock(block, sizeof(BlockHead), size, tag);
 }
 
 // Bytes for data, at a multiple of 64, not cleared. Null without memory.
 inline void* AllocateArea(uint32_t size, Tag& tag) {
-  if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]] return CountFailure();
+  if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]]
+    return CountFailure();
   // malloc's 16-byte alignment leaves at most 48 bytes to skip behind the head.
   char* block = static_cast<char*>(malloc(size + kAreaAlignment));
-  if (block == nullptr) [[unlikely]] return CountFailure();
+  if (block == nullptr) [[unlikely]]
+    return CountFailure();
   const uintptr_t start = reinterpret_cast<uintptr_t>(block);
   const uintptr_t area = (start + sizeof(BlockHead) + kAreaAlignment - 1) & ~(kAreaAlignment - 1);
   return CountBlock(block, static_cast<uint32_t>(area - start), size, tag);

@@ -10,9 +10,9 @@
 // At least one zero byte follows a text, so that it can be handed out in place.
 #pragma once
 
-#include <bit>
 #include <stdint.h>
 #include <string.h>
+#include <bit>
 
 #include "companion/errors.hh"
 #include "companion/host.h"
@@ -52,18 +52,14 @@ inline uint32_t Load(const uint8_t* at) {
   return value;
 }
 
-inline void Store(uint8_t* at, uint32_t value) {
-  memcpy(at, &value, sizeof(value));
-}
+inline void Store(uint8_t* at, uint32_t value) { memcpy(at, &value, sizeof(value)); }
 
 template <bool kSwap>
 inline uint32_t LoadAs(const uint8_t* at) {
   return kSwap ? __builtin_bswap32(Load(at)) : Load(at);
 }
 
-inline void SwapWord(uint8_t* at) {
-  Store(at, __builtin_bswap32(Load(at)));
-}
+inline void SwapWord(uint8_t* at) { Store(at, __builtin_bswap32(Load(at))); }
 
 struct Entry {
   uint32_t id;
@@ -85,17 +81,11 @@ static_assert(sizeof(Content) <= sizeof(PcfMessage::libraryData) && alignof(Cont
 // A record that a host cleared, or did not, holds no content by accident.
 constexpr uint32_t kReady = 0x4D514331;
 
-inline Content& ContentOf(PcfMessage* msg) {
-  return *reinterpret_cast<Content*>(msg->libraryData);
-}
+inline Content& ContentOf(PcfMessage* msg) { return *reinterpret_cast<Content*>(msg->libraryData); }
 
-inline const Content& ContentOf(const PcfMessage* msg) {
-  return *reinterpret_cast<const Content*>(msg->libraryData);
-}
+inline const Content& ContentOf(const PcfMessage* msg) { return *reinterpret_cast<const Content*>(msg->libraryData); }
 
-inline ErrorText ErrorOf(Content& content) {
-  return {content.error, sizeof(content.error)};
-}
+inline ErrorText ErrorOf(Content& content) { return {content.error, sizeof(content.error)}; }
 
 inline void DropContent(Content& content) {
   content.ready = 0;

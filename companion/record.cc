@@ -1,7 +1,7 @@
 // record.cc - message records: their raw area, building a message in it, reading its parameters, the dump.
 // Not here: conversion and parsing (header.cc, body.cc).
-// Invariant: raw.library0 equals raw.data exactly when the area is ours to release; while content is ready, the raw form
-// is a complete message and every entry lies inside it.
+// Invariant: raw.library0 equals raw.data exactly when the area is ours to release; while content is ready, the raw
+// form is a complete message and every entry lies inside it.
 
 #include "companion/memory.hh"
 #include "companion/message.hh"
@@ -12,7 +12,7 @@ namespace mqc {
 namespace {
 
 constexpr uint32_t kFirstCapacity = 512;
-constexpr size_t kDumpLine = 32;   // bytes of the message a line of the dump
+constexpr size_t kDumpLine = 32;    // bytes of the message a line of the dump
 constexpr size_t kDumpBytes = 192;  // the header and the start of the body
 
 // Room for more bytes behind the message, doubling what there is.
@@ -76,9 +76,14 @@ void FillParam(const PcfMessage* msg, const Entry& entry, MqcParam* out) {
       out->number = number;
       break;
     }
-    case MQC_INT64: memcpy(&out->number, value, sizeof(out->number)); break;
-    case MQC_TEXT: out->text = reinterpret_cast<const char*>(value); break;
-    default: out->bytes = value;
+    case MQC_INT64:
+      memcpy(&out->number, value, sizeof(out->number));
+      break;
+    case MQC_TEXT:
+      out->text = reinterpret_cast<const char*>(value);
+      break;
+    default:
+      out->bytes = value;
   }
 }
 
@@ -135,9 +140,7 @@ bool GrowRaw(PcfMessage* msg, uint32_t size) {
 
 using namespace mqc;
 
-int SizePcfMessage(PcfMessage* msg, uint32_t size) {
-  return GrowRaw(msg, size);
-}
+int SizePcfMessage(PcfMessage* msg, uint32_t size) { return GrowRaw(msg, size); }
 
 PcfMessage* mqc_message_new(uint32_t capacity) {
   auto* msg = static_cast<PcfMessage*>(Allocate(sizeof(PcfMessage), tags[kTagRecord]));
@@ -241,13 +244,9 @@ void mqc_application(const PcfMessage* msg, char application[49]) {
   if (HasHeader(msg)) CopyField(msg->raw.data + kAtApplication, sizeof(MsgHeader::applName), application);
 }
 
-void mqc_sender(const PcfMessage* msg, char user[13]) {
-  CopyField(msg->secHeader.userId, kUserField, user);
-}
+void mqc_sender(const PcfMessage* msg, char user[13]) { CopyField(msg->secHeader.userId, kUserField, user); }
 
-const char* mqc_message_error(const PcfMessage* msg) {
-  return ContentOf(msg).error;
-}
+const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
 // A few lines whatever the size of the message: what is wrong, then the header and the first bytes of the body.
 void DumpPcfMessage(PcfMessage* msg) {

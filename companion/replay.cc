@@ -57,7 +57,7 @@ uint32_t CountAbove(int64_t time) {
   return above;
 }
 
-// A time such that at least drop entries above from lie at or below it: the end of the step where that many are reached.
+// A time such that at least drop entries above from lie at or below it: the end of the step that reaches that many.
 int64_t TimeToDrop(int64_t from, uint32_t drop) {
   int64_t newest = from + 1;
   for (uint32_t i = 0; i < slots; ++i) newest = std::max(newest, table[i].time);

@@ -1,8 +1,8 @@
 // replay.hh - the memory of accepted messages, so that none is accepted twice.
 //
 // One invariant carries all of it: every accepted message whose time is above the floor is in the table. Whatever is
-// forgotten raises the floor first, and a message at or below the floor is refused. So a wider window, a clock that goes
-// back or a full table may refuse a message too many, but never accept one twice.
+// forgotten raises the floor, and a message at or below the floor is refused. So a wider window, a clock that goes back
+// or a full table may refuse a message too many, but never accept one twice.
 #pragma once
 
 #include <stdint.h>

@@ -39,14 +39,13 @@ KeyLine* NewMembers(uint32_t number) {
 
 // The first member whose user is not below this one.
 uint32_t PlaceOf(const char* user) {
-  const KeyLine* place = std::lower_bound(
-      members, members + count, user, [](const KeyLine& member, const char* name) { return strcmp(member.user, name) < 0; });
+  const KeyLine* place = std::lower_bound(members, members + count, user, [](const KeyLine& member, const char* name) {
+    return strcmp(member.user, name) < 0;
+  });
   return static_cast<uint32_t>(place - members);
 }
 
-bool IsAt(uint32_t place, const char* user) {
-  return place < count && strcmp(members[place].user, user) == 0;
-}
+bool IsAt(uint32_t place, const char* user) { return place < count && strcmp(members[place].user, user) == 0; }
 
 bool Grow(uint32_t number) {
   KeyLine* larger = NewMembers(number);

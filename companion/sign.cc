@@ -114,7 +114,8 @@ bool CheckArrived(const SecureHeader& envelope, const IoBuffer& part, uint32_t* 
   if (!HeaderToNative(header, error)) return false;
   *plain = part.length - kTrailer;
   if (Load(header + kAtBodyLength) != *plain - kHeader) {
-    return Fail(error, "the header says %u bytes of body, there are %u", Load(header + kAtBodyLength), *plain - kHeader);
+    return Fail(error, "the header says %u bytes of body, there are %u", Load(header + kAtBodyLength),
+                *plain - kHeader);
   }
   if (memcmp(header + kAtUser, envelope.userId, kUserField) != 0) {
     return Fail(error, "header and envelope name different users");
@@ -149,11 +150,16 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
                 age < 0 ? "after" : "before", (long long)window);
   }
   switch (RememberMessage(envelope.userId, trailer + kAtNonce, time, {now, window})) {
-    case Replay::kNew: return true;
-    case Replay::kSeen: return Fail(error, "a replay: this message was accepted before");
-    case Replay::kBelowFloor: return Fail(error, "signed %lld ms ago, longer than accepted messages are remembered", age);
-    case Replay::kFull: return Fail(error, "the memory of accepted messages is full");
-    case Replay::kNoMemory: break;
+    case Replay::kNew:
+      return true;
+    case Replay::kSeen:
+      return Fail(error, "a replay: this message was accepted before");
+    case Replay::kBelowFloor:
+      return Fail(error, "signed %lld ms ago, longer than accepted messages are remembered", age);
+    case Replay::kFull:
+      return Fail(error, "the memory of accepted messages is full");
+    case Replay::kNoMemory:
+      break;
   }
   return Fail(error, "no memory to remember accepted messages");
 }
@@ -213,14 +219,8 @@ int mqc_set_window(uint32_t seconds) {
   return 1;
 }
 
-void mqc_set_clock(MqcClock clock) {
-  host_clock.store(clock, std::memory_order_release);
-}
+void mqc_set_clock(MqcClock clock) { host_clock.store(clock, std::memory_order_release); }
 
-const char* mqc_sign_error(void) {
-  return sign_error;
-}
+const char* mqc_sign_error(void) { return sign_error; }
 
-const char* mqc_authenticate_error(void) {
-  return authenticate_error;
-}
+const char* mqc_authenticate_error(void) { return authenticate_error; }

@@ -1,18 +1,16 @@
 // text.cc - the user's name, the three in-place text functions, byte order and character set of the host.
 
-#include <bit>
 #include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+#include <bit>
 
 #include "runtime/runtime.h"
 
 namespace {
 
-bool IsSpace(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
+bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 int CopyName(const char* name, char* buf, int* len) {
   const size_t length = strlen(name);
@@ -61,14 +59,8 @@ void trim_str(char* s) {
   s[length] = '\0';
 }
 
-uint32_t bwlong(uint32_t v) {
-  return __builtin_bswap32(v);
-}
+uint32_t bwlong(uint32_t v) { return __builtin_bswap32(v); }
 
-int IsLtEndian(void) {
-  return std::endian::native == std::endian::little ? 1 : 0;
-}
+int IsLtEndian(void) { return std::endian::native == std::endian::little ? 1 : 0; }
 
-int IsAscText(void) {
-  return 'A' == 0x41 ? 1 : 0;
-}
+int IsAscText(void) { return 'A' == 0x41 ? 1 : 0; }
