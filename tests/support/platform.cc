@@ -1,0 +1,547 @@
+// platform.cc - the interposed system library of the test programs.
+// Invariant: only calls whose caller lies in libmqnode.so are looked at; all others go straight on.
+#include "tests/support/platform.hh"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
+#include <netdb.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <optional>
+
+#include "runtime/runtime.h"
+
+namespace {
+
+struct Rule {
+  std::string name;  // empty: any
+  std::vector<std::string> except;
+  int skip;
+  int count;
+  int code;
+};
+
+struct Service {
+  std::string name;
+  std::string protocol;
+  int port;
+};
+
+struct State {
+  std::vector<Call> records;
+  std::vector<Rule> rules;
+  std::map<std::string, std::deque<size_t>, std::less<>> limits;
+  std::map<std::string, size_t, std::less<>> constant_limits;
+  std::map<std::string, std::vector<std::string>, std::less<>> hosts = {{"localhost", {"127.0.0.1"}}};
+  std::vector<Service> services;
+  std::string node_name;
+  std::optional<time_t> now;
+  std::function<int(const char*)> run_system;
+  std::function<void()> on_pause;
+  bool skip_pauses = false;
+  bool failure_used = false;
+  size_t allocations = 0;
+};
+
+State& Now() {
+  static State state;
+  return state;
+}
+
+uintptr_t library_begin;
+uintptr_t library_end;
+
+int FindLibrary(dl_phdr_info* info, size_t, void*) {
+  if (strstr(info->dlpi_name, "libmqnode.so") == nullptr) return 0;
+  library_begin = info->dlpi_addr;
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const auto& header = info->dlpi_phdr[i];
+    if (header.p_type == PT_LOAD) {
+      library_end = std::max<uintptr_t>(library_end, info->dlpi_addr + header.p_vaddr + header.p_memsz);
+    }
+  }
+  return 1;
+}
+
+__attribute__((constructor)) void FindLibraryAtStart() { dl_iterate_phdr(FindLibrary, nullptr); }
+
+bool InLibrary(const void* caller) {
+  const auto place = reinterpret_cast<uintptr_t>(caller);
+  return place >= library_begin && place < library_end;
+}
+
+template <typename Function>
+Function* Next(Function*& slot, const char* name) {
+  if (slot == nullptr) slot = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+  return slot;
+}
+
+// The errno that a rule wants for this call, if one does.
+std::optional<int> Injected(const char* name) {
+  std::optional<int> code;
+  for (Rule& rule : Now().rules) {
+    if (!rule.name.empty() && rule.name != name) continue;
+    if (std::find(rule.except.begin(), rule.except.end(), name) != rule.except.end()) continue;
+    if (rule.skip > 0) {
+      --rule.skip;
+    } else if (rule.count != 0 && !code) {
+      if (rule.count > 0) --rule.count;
+      code = rule.code;
+    }
+  }
+  if (code) Now().failure_used = true;
+  return code;
+}
+
+size_t Limited(const char* name, size_t size) {
+  State& state = Now();
+  if (const auto all = state.constant_limits.find(name); all != state.constant_limits.end()) {
+    return std::min(size, all->second);
+  }
+  const auto script = state.limits.find(name);
+  if (script == state.limits.end() || script->second.empty()) return size;
+  const size_t limit = script->second.front();
+  script->second.pop_front();
+  return std::min(size, limit);
+}
+
+std::string AddressText(const sockaddr* address) {
+  if (address == nullptr || address->sa_family != AF_INET) return "?";
+  sockaddr_in in;
+  memcpy(&in, address, sizeof in);
+  char quad[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &in.sin_addr, quad, sizeof quad);
+  return std::string(quad) + ":" + std::to_string(ntohs(in.sin_port));
+}
+
+// Runs one call: injected failure or the real thing, then the record. errno is the call's afterwards.
+template <typename Run>
+long Do(Call call, Run run) {
+  const int before = errno;
+  if (const auto code = Injected(call.name.c_str())) {
+    call.result = -1;
+    call.error = *code;
+  } else {
+    errno = before;
+    call.result = static_cast<long>(run());
+    call.error = call.result == -1 ? errno : 0;
+  }
+  const int after = call.result == -1 ? call.error : before;
+  const long result = call.result;
+  Now().records.push_back(std::move(call));
+  errno = after;
+  return result;
+}
+
+// A lookup: found says whether there is an answer. errno stays, unless a failure with a code is injected.
+template <typename Find>
+bool Look(Call call, Find find) {
+  const int before = errno;
+  const auto code = Injected(call.name.c_str());
+  const bool found = !code && find();
+  call.result = found ? 1 : 0;
+  call.error = code.value_or(0);
+  Now().records.push_back(std::move(call));
+  errno = code && *code != 0 ? *code : before;
+  return found;
+}
+
+void Record(Call call) {
+  const int before = errno;
+  Now().records.push_back(std::move(call));
+  errno = before;
+}
+
+void Pause() {
+  const auto run = Now().on_pause;
+  if (run) run();
+}
+
+// The one entry that a lookup hands out, in static storage as the real ones are.
+hostent* HostEntry(const std::string& name, const std::vector<std::string>& quads) {
+  static std::string host_name;
+  static std::vector<in_addr> addresses;
+  static std::vector<char*> list;
+  static char* aliases[] = {nullptr};
+  static hostent entry;
+  host_name = name;
+  addresses.clear();
+  list.clear();
+  for (const auto& quad : quads) addresses.push_back({inet_addr(quad.c_str())});
+  for (auto& address : addresses) list.push_back(reinterpret_cast<char*>(&address));
+  list.push_back(nullptr);
+  entry = {host_name.data(), aliases, AF_INET, sizeof(in_addr), list.data()};
+  return &entry;
+}
+
+servent* ServiceEntry(const Service& service) {
+  static std::string name;
+  static std::string protocol;
+  static char* aliases[] = {nullptr};
+  static servent entry;
+  name = service.name;
+  protocol = service.protocol;
+  entry = {name.data(), aliases, htons(static_cast<uint16_t>(service.port)), protocol.data()};
+  return &entry;
+}
+
+std::string Text(const char* text) { return text != nullptr ? text : "(null)"; }
+
+const char* ErrorName(int code) {
+  const char* const name = strerrorname_np(code);
+  return name != nullptr ? name : "?";
+}
+
+}  // namespace
+
+std::string Call::Text() const {
+  std::string text = name + "(" + detail;
+  if (flags != 0) text += ", flags " + std::to_string(flags);
+  text += ")";
+  if (error != 0) return text + " = -1 " + ErrorName(error);
+  if (name == "socket" || name == "accept") return text + " = fd";
+  return text + " = " + std::to_string(result);
+}
+
+void Platform::Reset() { Now() = State(); }
+
+void Platform::Fail(std::string_view name, int nth, int code, int count) {
+  Now().failure_used = false;
+  Now().rules.push_back({std::string(name), {}, nth - 1, count, code});
+}
+
+void Platform::FailAny(int nth, int code, std::initializer_list<std::string_view> except) {
+  Now().failure_used = false;
+  Now().rules.push_back({"", {except.begin(), except.end()}, nth - 1, 1, code});
+}
+
+void Platform::Limit(std::string_view name, std::vector<size_t> sizes) {
+  Now().limits[std::string(name)] = {sizes.begin(), sizes.end()};
+}
+
+void Platform::LimitAll(std::string_view name, size_t size) { Now().constant_limits[std::string(name)] = size; }
+
+void Platform::AddHost(std::string_view name, std::vector<std::string> quads) {
+  Now().hosts[std::string(name)] = std::move(quads);
+}
+
+void Platform::AddService(std::string_view name, std::string_view protocol, int port) {
+  Now().services.push_back({std::string(name), std::string(protocol), port});
+}
+
+void Platform::SetNodeName(std::string_view name) { Now().node_name = name; }
+void Platform::SetTime(time_t now) { Now().now = now; }
+void Platform::OnSystem(std::function<int(const char*)> run) { Now().run_system = std::move(run); }
+void Platform::OnPause(std::function<void()> run) { Now().on_pause = std::move(run); }
+void Platform::SkipPauses() { Now().skip_pauses = true; }
+
+std::vector<Call> Platform::Records(std::initializer_list<std::string_view> names) {
+  std::vector<Call> chosen;
+  for (const Call& call : Now().records) {
+    if (names.size() == 0 || std::find(names.begin(), names.end(), call.name) != names.end()) chosen.push_back(call);
+  }
+  return chosen;
+}
+
+std::vector<std::string> Platform::Calls(std::initializer_list<std::string_view> names) {
+  std::vector<std::string> texts;
+  for (const Call& call : Records(names)) texts.push_back(call.Text());
+  return texts;
+}
+
+void Platform::Forget() { Now().records.clear(); }
+size_t Platform::Allocations() { return Now().allocations; }
+bool Platform::FailureWasUsed() { return Now().failure_used; }
+
+// The definitions that libmqnode.so binds to. REAL names the next definition; FOREIGN leaves when the caller is not the
+// library.
+#define REAL(name)                                \
+  static decltype(&::name) next_##name = nullptr; \
+  const auto real = Next(next_##name, #name)
+#define FOREIGN(call) \
+  if (!InLibrary(__builtin_return_address(0))) return call
+
+extern "C" {
+
+int socket(int domain, int type, int protocol) noexcept {
+  REAL(socket);
+  FOREIGN(real(domain, type, protocol));
+  const std::string detail = std::to_string(domain) + ", " + std::to_string(type) + ", " + std::to_string(protocol);
+  return static_cast<int>(Do({"socket", detail}, [&] { return real(domain, type, protocol); }));
+}
+
+int connect(int fd, const sockaddr* address, socklen_t length) {
+  REAL(connect);
+  FOREIGN(real(fd, address, length));
+  return static_cast<int>(Do({"connect", AddressText(address), fd}, [&] { return real(fd, address, length); }));
+}
+
+int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+  REAL(bind);
+  FOREIGN(real(fd, address, length));
+  return static_cast<int>(Do({"bind", AddressText(address), fd}, [&] { return real(fd, address, length); }));
+}
+
+int listen(int fd, int backlog) noexcept {
+  REAL(listen);
+  FOREIGN(real(fd, backlog));
+  return static_cast<int>(Do({"listen", std::to_string(backlog), fd}, [&] { return real(fd, backlog); }));
+}
+
+int accept(int fd, sockaddr* address, socklen_t* length) {
+  REAL(accept);
+  FOREIGN(real(fd, address, length));
+  return static_cast<int>(Do({"accept", "", fd}, [&] { return real(fd, address, length); }));
+}
+
+ssize_t send(int fd, const void* data, size_t size, int flags) {
+  REAL(send);
+  FOREIGN(real(fd, data, size, flags));
+  return Do({"send", std::to_string(size), fd, size, flags},
+            [&] { return real(fd, data, Limited("send", size), flags); });
+}
+
+ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length) {
+  REAL(sendto);
+  FOREIGN(real(fd, data, size, flags, to, length));
+  return Do({"sendto", std::to_string(size) + ", " + AddressText(to), fd, size, flags},
+            [&] { return real(fd, data, Limited("sendto", size), flags, to, length); });
+}
+
+ssize_t recvfrom(int fd, void* data, size_t size, int flags, sockaddr* from, socklen_t* length) {
+  REAL(recvfrom);
+  FOREIGN(real(fd, data, size, flags, from, length));
+  return Do({"recvfrom", std::to_string(size), fd, size, flags},
+            [&] { return real(fd, data, Limited("recvfrom", size), flags, from, length); });
+}
+
+int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
+  REAL(select);
+  FOREIGN(real(count, read, write, except, timeout));
+  char limit[48] = "none";
+  if (timeout != nullptr) snprintf(limit, sizeof limit, "%ld.%06lds", timeout->tv_sec, timeout->tv_usec);
+  return static_cast<int>(
+      Do({"select", limit, -1, static_cast<size_t>(count)}, [&] { return real(count, read, write, except, timeout); }));
+}
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
+  REAL(setsockopt);
+  FOREIGN(real(fd, level, option, value, length));
+  std::string detail = std::to_string(level) + ":" + std::to_string(option);
+  for (socklen_t at = 0; at + sizeof(int) <= length; at += sizeof(int)) {
+    int word;
+    memcpy(&word, static_cast<const char*>(value) + at, sizeof word);
+    detail += ", " + std::to_string(word);
+  }
+  return static_cast<int>(
+      Do({"setsockopt", detail, fd, length}, [&] { return real(fd, level, option, value, length); }));
+}
+
+int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
+  REAL(getsockopt);
+  FOREIGN(real(fd, level, option, value, length));
+  const std::string detail = std::to_string(level) + ":" + std::to_string(option);
+  return static_cast<int>(
+      Do({"getsockopt", detail, fd, *length}, [&] { return real(fd, level, option, value, length); }));
+}
+
+// An injected failure leaves the descriptor closed all the same, as the system does.
+int close(int fd) {
+  REAL(close);
+  FOREIGN(real(fd));
+  const int result = real(fd);
+  const int code = errno;
+  return static_cast<int>(Do({"close", "", fd}, [&] {
+    errno = code;
+    return result;
+  }));
+}
+
+int fcntl(int fd, int command, ...) {
+  REAL(fcntl);
+  va_list arguments;
+  va_start(arguments, command);
+  const long argument = va_arg(arguments, long);
+  va_end(arguments);
+  FOREIGN(real(fd, command, argument));
+  const std::string detail = command == F_GETFL   ? "F_GETFL"
+                             : command == F_SETFL ? "F_SETFL, " + std::to_string(static_cast<int>(argument))
+                                                  : std::to_string(command);
+  return static_cast<int>(Do({"fcntl", detail, fd}, [&] { return real(fd, command, argument); }));
+}
+
+hostent* gethostbyname(const char* name) {
+  REAL(gethostbyname);
+  FOREIGN(real(name));
+  hostent* entry = nullptr;
+  Look({"gethostbyname", name}, [&] {
+    const auto host = Now().hosts.find(name);
+    if (host != Now().hosts.end()) entry = HostEntry(host->first, host->second);
+    return entry != nullptr;
+  });
+  return entry;
+}
+
+hostent* gethostbyaddr(const void* address, socklen_t length, int family) {
+  REAL(gethostbyaddr);
+  FOREIGN(real(address, length, family));
+  in_addr in = {};
+  memcpy(&in, address, std::min<size_t>(length, sizeof in));
+  char quad[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &in, quad, sizeof quad);
+  hostent* entry = nullptr;
+  Look({"gethostbyaddr", std::string(quad) + ", " + std::to_string(length) + ", " + std::to_string(family)}, [&] {
+    for (const auto& [name, quads] : Now().hosts) {
+      if (std::find(quads.begin(), quads.end(), quad) != quads.end()) entry = HostEntry(name, quads);
+    }
+    return entry != nullptr;
+  });
+  return entry;
+}
+
+servent* getservbyname(const char* name, const char* protocol) {
+  REAL(getservbyname);
+  FOREIGN(real(name, protocol));
+  servent* entry = nullptr;
+  Look({"getservbyname", Text(name) + ", " + Text(protocol)}, [&] {
+    for (const Service& service : Now().services) {
+      if (service.name == name && service.protocol == protocol) entry = ServiceEntry(service);
+    }
+    return entry != nullptr;
+  });
+  return entry;
+}
+
+servent* getservbyport(int port, const char* protocol) {
+  REAL(getservbyport);
+  FOREIGN(real(port, protocol));
+  const int number = ntohs(static_cast<uint16_t>(port));
+  servent* entry = nullptr;
+  Look({"getservbyport", std::to_string(number) + ", " + Text(protocol)}, [&] {
+    for (const Service& service : Now().services) {
+      if (service.port == number && service.protocol == protocol) entry = ServiceEntry(service);
+    }
+    return entry != nullptr;
+  });
+  return entry;
+}
+
+int uname(utsname* info) noexcept {
+  REAL(uname);
+  FOREIGN(real(info));
+  return static_cast<int>(Do({"uname", ""}, [&] {
+    const int result = real(info);
+    const std::string& name = Now().node_name;
+    if (!name.empty()) info->nodename[name.copy(info->nodename, sizeof info->nodename - 1)] = '\0';
+    return result;
+  }));
+}
+
+int gethostname(char* name, size_t size) noexcept {
+  REAL(gethostname);
+  FOREIGN(real(name, size));
+  return static_cast<int>(Do({"gethostname", std::to_string(size), -1, size}, [&] { return real(name, size); }));
+}
+
+int system(const char* command) {
+  REAL(system);
+  FOREIGN(real(command));
+  return static_cast<int>(Do({"system", Text(command)}, [&] {
+    const auto run = Now().run_system;
+    return run ? run(command) : real(command);
+  }));
+}
+
+unsigned sleep(unsigned seconds) {
+  REAL(sleep);
+  FOREIGN(real(seconds));
+  Pause();
+  Record({"sleep", std::to_string(seconds)});
+  return 0;
+}
+
+int nanosleep(const timespec* wanted, timespec* left) {
+  REAL(nanosleep);
+  FOREIGN(real(wanted, left));
+  Pause();
+  char detail[48];
+  snprintf(detail, sizeof detail, "%ld.%09lds", wanted->tv_sec, wanted->tv_nsec);
+  return static_cast<int>(Do({"nanosleep", detail}, [&] { return Now().skip_pauses ? 0 : real(wanted, left); }));
+}
+
+int poll(pollfd* fds, nfds_t count, int milliseconds) {
+  REAL(poll);
+  FOREIGN(real(fds, count, milliseconds));
+  Pause();
+  return static_cast<int>(Do({"poll", std::to_string(count) + ", " + std::to_string(milliseconds)},
+                             [&] { return real(fds, count, milliseconds); }));
+}
+
+// signal and alarm may be the last thing that an exported function does, and then seem to be called by the test: they
+// are always recorded.
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+  REAL(signal);
+  Record({"signal", std::to_string(number)});
+  return real(number, handler);
+}
+
+unsigned alarm(unsigned seconds) noexcept {
+  REAL(alarm);
+  const unsigned left = real(seconds);
+  Record({.name = "alarm", .detail = std::to_string(seconds), .result = static_cast<long>(left)});
+  return left;
+}
+
+time_t time(time_t* out) noexcept {
+  REAL(time);
+  FOREIGN(real(out));
+  const time_t now = Now().now.value_or(real(nullptr));
+  if (out != nullptr) *out = now;
+  return now;
+}
+
+void LOGMSG(const char* text, int kind) {
+  REAL(LOGMSG);
+  if (InLibrary(__builtin_return_address(0))) {
+    Record({"LOGMSG", Text(text) + ", " + std::to_string(kind)});
+  }
+  real(text, kind);
+}
+
+// The allocator: the sanitizers' own when they are there.
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+__attribute__((weak)) void* __interceptor_malloc(size_t size);
+__attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
+
+void* malloc(size_t size) noexcept {
+  if (InLibrary(__builtin_return_address(0))) {
+    ++Now().allocations;
+    if (Injected("malloc")) return nullptr;
+  }
+  return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) noexcept {
+  if (InLibrary(__builtin_return_address(0))) {
+    ++Now().allocations;
+    if (Injected("calloc")) return nullptr;
+  }
+  return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+}
+
+}  // extern "C"

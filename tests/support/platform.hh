@@ -1,0 +1,74 @@
+// platform.hh - the system library as the tests want it: every call that libmqnode makes is recorded and can be failed,
+// shortened or answered.
+//
+// The test programs define the system calls themselves and libmqnode.so.1 binds to those definitions. A call that comes
+// from the library is recorded, looked up in the scripts below and then passed on; a call from anywhere else (the test
+// itself, GoogleTest, the companion) is passed on untouched. Names are never looked up outside: the library resolves
+// only what AddHost and AddService named ("localhost" is always there), and its sleep returns at once.
+//
+// Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close fcntl
+// gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal alarm
+// LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <functional>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct Call {
+  std::string name;
+  std::string detail;  // the arguments, but for descriptors and addresses in memory
+  int fd = -1;
+  size_t size = 0;  // bytes asked for; select: the descriptor count; listen: the backlog
+  int flags = 0;
+  long result = 0;
+  int error = 0;  // errno when the call failed
+
+  // "recvfrom(136) = 100", "send(36, flags 2) = -1 EAGAIN", "socket(2, 1, 0) = fd", "sleep(5) = 0".
+  std::string Text() const;
+};
+
+class Platform {
+ public:
+  static constexpr int kOnwards = -1;
+
+  // No scripts, no records, nothing faked but name lookups and sleep. The fixture calls it before each test.
+  static void Reset();
+
+  // Makes the nth call of name from now on fail with errno code, and the count - 1 calls after it (kOnwards: all).
+  // Lookups find nothing and set errno only when code is not 0.
+  static void Fail(std::string_view name, int nth, int code, int count = 1);
+  // The same for the nth call of any of the names that a failure can be injected into; with it a whole scenario can be
+  // walked: see WalkCalls in fixture.hh.
+  static void FailAny(int nth, int code, std::initializer_list<std::string_view> except = {});
+
+  // The coming calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; those after them are free.
+  static void Limit(std::string_view name, std::vector<size_t> sizes);
+  // Every call moves at most size bytes.
+  static void LimitAll(std::string_view name, size_t size);
+
+  // Answers of lookups. A host may have several addresses.
+  static void AddHost(std::string_view name, std::vector<std::string> quads);
+  static void AddService(std::string_view name, std::string_view protocol, int port);
+  static void SetNodeName(std::string_view name);  // of uname
+  static void SetTime(time_t now);                 // what time returns
+
+  // Called instead of the shell; its result is system's.
+  static void OnSystem(std::function<int(const char* command)> run);
+  // Called at every sleep, nanosleep or poll that the library makes, before it is carried out.
+  static void OnPause(std::function<void()> run);
+  // nanosleep returns at once.
+  static void SkipPauses();
+
+  // What the library has called since Reset or Forget, all or only the names given.
+  static std::vector<Call> Records(std::initializer_list<std::string_view> names = {});
+  static std::vector<std::string> Calls(std::initializer_list<std::string_view> names = {});
+  static void Forget();
+
+  static size_t Allocations();   // malloc and calloc calls of the library since Reset
+  static bool FailureWasUsed();  // whether any failure was injected since Reset or the last Fail or FailAny
+};
