@@ -105,7 +105,7 @@ bool CheckArrived(const SecureHeader& envelope, const IoBuffer& part, uint32_t* 
   if (envelope.hdrLength != kEnvelope || envelope.version != kVersion) {
     return Fail(error, "an envelope of %u bytes, version %u", envelope.hdrLength, envelope.version);
   }
-  if (part.data == nullptr || part.length != envelope.msgLength) {
+  if (part.length != envelope.msgLength) {
     return Fail(error, "the envelope says %u bytes, there are %u", envelope.msgLength, part.length);
   }
   if (part.length <= kHeader + kTrailer) return Fail(error, "%u bytes have no room for a signature", part.length);
@@ -166,7 +166,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
 
 // What is parsed later is what was signed: the record holds the same bytes as the signed part.
 bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
-  if (raw.data == nullptr || raw.length != part.length || raw.capacity < part.length) {
+  if (raw.data == nullptr || part.data == nullptr || raw.length != part.length || raw.capacity < part.length) {
     return Fail(error, "the record does not hold the %u bytes of the signed part", part.length);
   }
   if (raw.data != part.data && memcmp(raw.data, part.data, part.length) != 0) {

@@ -1,0 +1,1083 @@
+// The companion runtime: the contract that the library relies on, and what hosts call.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <iconv.h>
+#include <signal.h>
+#include <sodium.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "companion/host.h"
+#include "runtime/text.hh"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+MqcMemory Account(const char* tag) {
+  MqcMemory memory;
+  mqc_memory(tag, &memory);
+  return memory;
+}
+
+// A host's record whose raw area is exactly as large as what it holds, so that a sanitizer sees one byte too far.
+class Exact {
+ public:
+  explicit Exact(const Bytes& raw) : area_(new uint8_t[raw.size()]) {
+    mqc_message_init(&msg_);
+    std::copy(raw.begin(), raw.end(), area_.get());
+    msg_.raw.data = area_.get();
+    msg_.raw.capacity = msg_.raw.length = static_cast<uint32_t>(raw.size());
+  }
+  PcfMessage* get() { return &msg_; }
+  // What a plain read does with a message that has arrived.
+  bool Read() { return AlienToNative(&msg_.raw) && AlienPcfToNative(&msg_) && RawToPcf(&msg_); }
+  Bytes raw() const { return Bytes(msg_.raw.data, msg_.raw.data + msg_.raw.length); }
+
+ private:
+  std::unique_ptr<uint8_t[]> area_;
+  PcfMessage msg_;
+};
+
+struct Freer {
+  void operator()(PcfMessage* msg) const { mqc_message_free(msg); }
+  void operator()(MqcSigner* signer) const { mqc_signer_free(signer); }
+};
+using Message = std::unique_ptr<PcfMessage, Freer>;
+using Signer = std::unique_ptr<MqcSigner, Freer>;
+
+// What the library writes into a header before it sends.
+void FillHeader(PcfMessage* msg, const char* user) {
+  auto* header = reinterpret_cast<MsgHeader*>(msg->raw.data);
+  header->bodyLength = msg->raw.length - 136;
+  mq::CopyPadded(header->userId, sizeof(header->userId), user, sizeof(header->userId));
+  mq::CopyPadded(header->applName, sizeof(header->applName), "TESTER", sizeof(header->applName));
+  msg->secHeader = {32, 1, 0, 1, msg->raw.length, {}};
+  memcpy(msg->secHeader.userId, header->userId, sizeof(header->userId));
+}
+
+Bytes RawOf(const PcfMessage* msg) { return Bytes(msg->raw.data, msg->raw.data + msg->raw.length); }
+
+void AddSample(PcfMessage* msg) {
+  ASSERT_TRUE(mqc_begin(msg, 77));
+  ASSERT_TRUE(mqc_add_int32(msg, 1, -5));
+  ASSERT_TRUE(mqc_add_text(msg, 2, "four"));
+  ASSERT_TRUE(mqc_add_int64(msg, 3, INT64_MIN + 1));
+  ASSERT_TRUE(mqc_add_bytes(msg, 4, "\x00\x01\xfe\xff", 4));
+  ASSERT_TRUE(mqc_add_text(msg, 2, ""));
+  ASSERT_TRUE(mqc_add_bytes(msg, 5, nullptr, 0));
+  FillHeader(msg, "alice");
+}
+
+// ---- A sender of any byte order and character set, written from the description of the format ----
+
+struct Form {
+  bool big;
+  bool ebcdic;
+};
+const Form kForms[] = {{false, false}, {false, true}, {true, false}, {true, true}};
+
+std::string ToEbcdic(std::string text) {
+  const iconv_t converter = iconv_open("IBM1047", "ISO-8859-1");
+  std::string out(text.size(), 0);
+  char *from = text.data(), *to = out.data();
+  size_t left = text.size(), room = out.size();
+  EXPECT_EQ(iconv(converter, &from, &left, &to, &room), 0u);
+  iconv_close(converter);
+  return out;
+}
+
+class Encoder {
+ public:
+  explicit Encoder(Form form) : form_(form) {}
+  Encoder& Word(uint32_t value) { return Number(value, 4); }
+  Encoder& Number(uint64_t value, int size) {
+    for (int i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>(value >> 8 * (form_.big ? size - 1 - i : i)));
+    return *this;
+  }
+  Encoder& Zeros(size_t count) {
+    bytes.resize(bytes.size() + count);
+    return *this;
+  }
+  Encoder& Text(const std::string& text, size_t field) {
+    const std::string sent = form_.ebcdic ? ToEbcdic(text) : text;
+    bytes.insert(bytes.end(), sent.begin(), sent.end());
+    return Zeros(field - text.size());
+  }
+  Encoder& Header(uint32_t body, const std::string& user) {
+    Word(136).Word(1).Word(form_.big).Word(!form_.ebcdic).Zeros(48).Word(body).Word(0);
+    return Text(user, 12).Text("TESTER", 48).Word(0);
+  }
+  Encoder& SampleBody() {
+    Word(77).Word(6);
+    Word(1).Word(1).Word(4).Word(static_cast<uint32_t>(-5));
+    Word(2).Word(3).Word(4).Text("four", 8);
+    Word(3).Word(2).Word(8).Number(static_cast<uint64_t>(INT64_MIN) + 1, 8);
+    Word(4).Word(4).Word(4);
+    bytes.insert(bytes.end(), {0, 1, 0xfe, 0xff});
+    Word(2).Word(3).Word(0).Zeros(4);
+    return Word(5).Word(4).Word(0);
+  }
+  Bytes bytes;
+
+ private:
+  Form form_;
+};
+
+constexpr uint32_t kSampleBody = 8 + 16 + 20 + 20 + 16 + 16 + 12;
+
+Bytes SampleFrom(Form form) { return Encoder(form).Header(kSampleBody, "alice").SampleBody().bytes; }
+
+void PutWord(Bytes* raw, size_t at, uint32_t value, bool big) {
+  for (size_t i = 0; i < 4; ++i) (*raw)[at + i] = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
+}
+
+// ---- Memory ----
+
+TEST(Memory, CountsEveryTagByItself) {
+  const MqcMemory all = Account(nullptr);
+  void *a, *b;
+  ASSERT_TRUE(fNewMemory(&a, 100, "T1"));
+  static const char again[] = "T1";  // the same name at another address
+  ASSERT_TRUE(fNewMemory(&b, 30, again));
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(static_cast<char*>(a)[i], 0);
+  memset(a, 1, 100);
+  FreeMemory(a);
+  const MqcMemory tag = Account("T1");
+  EXPECT_EQ(tag.live_blocks, 1u);
+  EXPECT_EQ(tag.total_blocks, 2u);
+  EXPECT_EQ(tag.peak_blocks, 2u);
+  EXPECT_EQ(tag.live_bytes, 30u);
+  EXPECT_EQ(Account(nullptr).live_blocks, all.live_blocks + 1);
+  FreeMemory(b);
+  FreeMemory(nullptr);
+  EXPECT_EQ(Account(nullptr).live_bytes, all.live_bytes);
+  MqcMemory none;
+  EXPECT_FALSE(mqc_memory("never used", &none));
+  EXPECT_EQ(none.total_blocks, 0u);
+}
+
+TEST(Memory, TagsAreListedAndOverflowIntoOther) {
+  static char names[100][8];
+  const uint64_t before = Account(nullptr).total_blocks;
+  for (int i = 0; i < 100; ++i) {
+    snprintf(names[i], sizeof(names[i]), "tag %d", i);
+    void* block;
+    ASSERT_TRUE(fNewMemory(&block, 1, names[i]));
+    FreeMemory(block);
+  }
+  uint64_t listed = 0;
+  uint32_t count = 0;
+  while (const char* tag = mqc_memory_tag(count)) {
+    listed += Account(tag).total_blocks;
+    ++count;
+  }
+  EXPECT_EQ(count, 64u);
+  EXPECT_EQ(Account("tag 0").total_blocks, 1u);
+  EXPECT_GT(Account("(other)").total_blocks, 0u);
+  EXPECT_EQ(listed, Account(nullptr).total_blocks);
+  EXPECT_EQ(listed, before + 100);
+}
+
+TEST(Memory, CountsStayRightAcrossThreads) {
+  const MqcMemory before = Account("buffer");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 2000; ++i) {
+        IoBuffer buf;
+        CreateBuffer(&buf, 64);
+        DeleteBuffer(&buf);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const MqcMemory after = Account("buffer");
+  EXPECT_EQ(after.live_blocks, before.live_blocks);
+  EXPECT_EQ(after.live_bytes, before.live_bytes);
+  EXPECT_EQ(after.total_blocks, before.total_blocks + 8000);
+  EXPECT_LE(after.peak_blocks, std::max(before.peak_blocks, before.live_blocks + 4));
+}
+
+// Everything that a host may do with memory, as one scenario that stops at the first failure.
+bool Scenario(const char* ring_file) {
+  mqc_ring_clear();
+  uint8_t secret[32] = {1}, open_key[32];
+  Signer signer(mqc_signer_new("alice", secret, nullptr, 0));
+  if (!signer) return false;
+  mqc_signer_public_key(signer.get(), open_key);
+  IoBuffer out = {};
+  bool done = mqc_ring_add("alice", open_key, nullptr, 0) && mqc_ring_load(ring_file, nullptr, 0);
+  Message msg(done ? mqc_message_new(0) : nullptr);
+  done = msg && mqc_begin(msg.get(), 1) && mqc_add_bytes(msg.get(), 1, std::string(5000, 'x').data(), 5000);
+  if (done) {
+    FillHeader(msg.get(), "alice");
+    done = mqc_sign(signer.get(), msg.get(), &out);
+  }
+  if (done) {
+    SizeBuffer(&out, 9000);
+    done = out.capacity == 9000;
+  }
+  DeleteBuffer(&out);
+  mqc_ring_clear();
+  return done;
+}
+
+class Folder {
+ public:
+  Folder() { EXPECT_NE(mkdtemp(place_), nullptr); }
+  ~Folder() {
+    for (const std::string& file : files_) unlink(file.c_str());
+    rmdir(place_);
+  }
+  std::string Name(const std::string& name) {
+    files_.push_back(std::string(place_) + "/" + name);
+    return files_.back();
+  }
+  std::string File(const std::string& name, const std::string& text, mode_t mode = 0600) {
+    const std::string path = Name(name);
+    std::ofstream(path, std::ios::binary) << text;
+    chmod(path.c_str(), mode);
+    return path;
+  }
+
+ private:
+  char place_[32] = "/tmp/companion_XXXXXX";
+  std::vector<std::string> files_;
+};
+
+std::string Content(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+struct Keys {
+  uint8_t secret[32], open[32];
+  char secret_text[65], open_text[65];
+  Keys() {
+    EXPECT_TRUE(mqc_generate_key(secret, open));
+    mqc_key_text(secret, secret_text);
+    mqc_key_text(open, open_text);
+  }
+};
+
+TEST(Memory, EveryAllocationMayFail) {
+  Folder folder;
+  const std::string ring = folder.File("ring", std::string("bob ") + Keys().open_text + "\n");
+  ASSERT_TRUE(Scenario(ring.c_str()));
+  for (const int onwards : {0, 1}) {
+    const MqcMemory before = Account(nullptr);
+    uint64_t failed = 0;
+    for (;;) {
+      const uint64_t attempts = mqc_allocations();
+      mqc_fail_allocation(failed + 1, onwards);
+      const bool done = Scenario(ring.c_str());
+      mqc_fail_allocation(0, 0);
+      ASSERT_EQ(Account(nullptr).live_blocks, before.live_blocks) << "allocation " << failed + 1;
+      if (done) {
+        EXPECT_EQ(mqc_allocations() - attempts, failed) << "an allocation that nobody looked at";
+        break;
+      }
+      ++failed;
+      ASSERT_TRUE(Scenario(ring.c_str())) << "after allocation " << failed;
+    }
+    EXPECT_GE(failed, 9u);
+  }
+}
+
+// ---- Buffers ----
+
+TEST(Buffers, KeepTheirContract) {
+  IoBuffer buf = {};
+  CreateBuffer(&buf, 16520);
+  EXPECT_EQ(buf.length, 16520u);
+  EXPECT_EQ(buf.capacity, 16520u);
+  memset(buf.data, 7, 136);
+  const IoBuffer copy = buf;
+  buf.flags = 2;
+  buf.received = buf.sent = 9;
+  CreateBuffer(&buf, 100);  // the copy owns the first area now
+  EXPECT_EQ(copy.data[135], 7);
+  EXPECT_EQ(buf.flags + buf.received + buf.sent, 0u);
+  DeleteBuffer(&buf);
+  buf = copy;
+  buf.flags = 2;
+  ResetBuffer(&buf, 136);
+  buf.received = 136;
+  buf.sent = 3;
+  SizeBuffer(&buf, 20000);
+  EXPECT_EQ(buf.capacity, 20000u);
+  EXPECT_EQ(Bytes(buf.data, buf.data + 136), Bytes(136, 7));
+  EXPECT_EQ(buf.received + buf.length + buf.sent + buf.flags, 136u + 136 + 3 + 2);
+  SizeBuffer(&buf, 10);
+  EXPECT_EQ(buf.capacity, 20000u);
+  const IoBuffer before = buf;
+  mqc_fail_allocation(1, 0);
+  SizeBuffer(&buf, 30000);
+  EXPECT_EQ(memcmp(&before, &buf, sizeof(buf)), 0);
+  ResetBuffer(&buf, 32);
+  EXPECT_EQ(buf.capacity + buf.length + buf.received + buf.sent + buf.flags, 20000u + 32 + 2);
+  for (int twice = 0; twice < 2; ++twice) {
+    DeleteBuffer(&buf);
+    EXPECT_EQ(buf.data, nullptr);
+    EXPECT_EQ(buf.capacity + buf.length + buf.received + buf.sent, 0u);
+  }
+  SizeBuffer(&buf, 50);
+  EXPECT_EQ(buf.capacity, 50u);
+  memset(buf.data, 1, 50);
+  DeleteBuffer(&buf);
+  memset(static_cast<void*>(&buf), 0xff, sizeof(buf));  // what stands in the record is not looked at
+  mqc_fail_allocation(1, 0);
+  CreateBuffer(&buf, 50);
+  EXPECT_EQ(buf.data, nullptr);
+  EXPECT_EQ(buf.capacity + buf.length + buf.received + buf.sent + buf.flags, 0u);
+}
+
+TEST(Buffers, AreasStartAtMultiplesOf64) {
+  for (uint32_t size = 1; size < 3000000; size += size / 3 + 1) {
+    IoBuffer buf;
+    CreateBuffer(&buf, size);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(buf.data) % 64, 0u) << size;
+    memset(buf.data, 1, size);
+    SizeBuffer(&buf, size * 2);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(buf.data) % 64, 0u) << size;
+    memset(buf.data, 1, size * 2);
+    DeleteBuffer(&buf);
+  }
+}
+
+// ---- Text ----
+
+TEST(Text, ChangesInPlace) {
+  struct Row {
+    void (*function)(char*);
+    const char *in, *out;
+  };
+  const Row rows[] = {
+      {strip_spaces, " a b\tc\n ", "abc"},
+      {strip_spaces, "", ""},
+      {strip_spaces, "   ", ""},
+      {strupper, "a[z{\xe4Q9", "A[Z{\xe4Q9"},
+      {trim_str, " \t a b \r\n", "a b"},
+      {trim_str, "   ", ""},
+      {trim_str, "x", "x"},
+  };
+  for (const Row& row : rows) {
+    std::string text = row.in;
+    row.function(text.data());
+    EXPECT_STREQ(text.c_str(), row.out) << "from \"" << row.in << '"';
+  }
+  EXPECT_EQ(bwlong(0x88000000), 136u);
+  EXPECT_TRUE(IsLtEndian() && IsAscText());
+}
+
+TEST(Text, UserNameFitsOrIsRefused) {
+  char name[256];
+  int length = sizeof(name);
+  ASSERT_TRUE(GetUserName(name, &length));
+  EXPECT_EQ(static_cast<size_t>(length), strlen(name));
+  int exact = length + 1;
+  EXPECT_TRUE(GetUserName(name, &exact));
+  EXPECT_EQ(exact, length);
+  EXPECT_FALSE(GetUserName(name, &length)) << "no room for the terminator";
+  int none = 0;
+  EXPECT_FALSE(GetUserName(name, &none));
+}
+
+// ---- Messages ----
+
+void ExpectSample(const PcfMessage* msg) {
+  MqcParam param = {};
+  EXPECT_EQ(mqc_command(msg), 77u);
+  ASSERT_EQ(mqc_count(msg), 6u);
+  ASSERT_TRUE(mqc_param(msg, 0, &param));
+  EXPECT_EQ(param.number, -5);
+  ASSERT_TRUE(mqc_find(msg, 3, &param));
+  EXPECT_EQ(param.number, INT64_MIN + 1);
+  ASSERT_TRUE(mqc_find(msg, 2, &param));
+  EXPECT_STREQ(param.text, "four");
+  ASSERT_TRUE(mqc_find(msg, 4, &param));
+  EXPECT_EQ(Bytes(param.bytes, param.bytes + param.length), (Bytes{0, 1, 0xfe, 0xff}));
+  ASSERT_TRUE(mqc_param(msg, 4, &param));
+  EXPECT_STREQ(param.text, "");
+  ASSERT_TRUE(mqc_param(msg, 5, &param));
+  EXPECT_EQ(param.length, 0u);
+  EXPECT_FALSE(mqc_param(msg, 6, &param));
+  EXPECT_FALSE(mqc_find(msg, 99, &param));
+  EXPECT_EQ(param.id + param.type + param.length, 0u);
+  char user[13], application[49];
+  mqc_user(msg, user);
+  mqc_application(msg, application);
+  EXPECT_STREQ(user, "alice");
+  EXPECT_STREQ(application, "TESTER");
+}
+
+TEST(Message, EverySenderArrivesAsIfItWereTheHost) {
+  Message built(mqc_message_new(0));
+  AddSample(built.get());
+  ExpectSample(built.get());
+  EXPECT_TRUE(VerifyMessage(&built->raw));
+  const Bytes native = RawOf(built.get());
+  for (const Form form : kForms) {
+    SCOPED_TRACE(testing::Message() << "big " << form.big << " ebcdic " << form.ebcdic);
+    Exact arrived(SampleFrom(form));
+    EXPECT_EQ(VerifyMessage(&arrived.get()->raw), !form.big && !form.ebcdic);
+    ASSERT_TRUE(AlienToNative(&arrived.get()->raw)) << mqc_header_error();
+    ASSERT_TRUE(AlienToNative(&arrived.get()->raw)) << "again";
+    ASSERT_EQ(!form.big && !form.ebcdic, RawToPcf(arrived.get())) << "a body in its sender's form is not parsed";
+    ASSERT_TRUE(AlienPcfToNative(arrived.get())) << mqc_message_error(arrived.get());
+    ASSERT_TRUE(AlienPcfToNative(arrived.get())) << "again";
+    ASSERT_TRUE(RawToPcf(arrived.get())) << mqc_message_error(arrived.get());
+    ExpectSample(arrived.get());
+    EXPECT_EQ(arrived.raw(), native);
+  }
+}
+
+TEST(Message, ABrowsedHeaderIsJudgedByTheAreaAlone) {
+  Message msg(mqc_message_new(0));
+  memcpy(msg->raw.data, SampleFrom({true, true}).data(), 136);
+  msg->raw.length = 0;
+  ASSERT_TRUE(AlienToNative(&msg->raw));
+  ASSERT_TRUE(SizePcfMessage(msg.get(), 100000));
+  EXPECT_EQ(reinterpret_cast<MsgHeader*>(msg->raw.data)->bodyLength, kSampleBody) << "the header moves along";
+  PcfRawData small = msg->raw;
+  small.capacity = 135;
+  EXPECT_FALSE(AlienToNative(&small));
+  // The descriptor that a plain read builds over its buffer: two fields are not there to be used.
+  Bytes raw = SampleFrom({true, false});
+  PcfRawData view = {nullptr, raw.data(), raw.data() + 18496, static_cast<uint32_t>(raw.size()), 136};
+  memset(&view.library0, 0x5a, sizeof(view.library0));
+  EXPECT_TRUE(AlienToNative(&view));
+}
+
+TEST(Message, ARecordIsReusedWithoutAllocating) {
+  Message msg(mqc_message_new(1000));
+  AddSample(msg.get());
+  const uint64_t before = mqc_allocations();
+  for (const Form form : kForms) {
+    const Bytes raw = SampleFrom(form);
+    memcpy(msg->raw.data, raw.data(), raw.size());
+    msg->raw.length = static_cast<uint32_t>(raw.size());
+    ASSERT_TRUE(AlienToNative(&msg->raw) && AlienPcfToNative(msg.get()) && RawToPcf(msg.get()));
+    ASSERT_TRUE(mqc_add_int32(msg.get(), 9, 9)) << "a message that was read can be added to";
+    EXPECT_EQ(mqc_count(msg.get()), 7u);
+    AddSample(msg.get());
+  }
+  EXPECT_EQ(mqc_allocations(), before);
+}
+
+TEST(Message, OnlyItsOwnAreaIsReleased) {
+  const uint64_t live = Account("message").live_blocks;
+  uint8_t area[200];
+  PcfMessage msg = {};
+  msg.raw.data = area;
+  msg.raw.capacity = sizeof(area);
+  ASSERT_TRUE(mqc_begin(&msg, 1));
+  EXPECT_EQ(msg.raw.data, area);
+  ASSERT_TRUE(mqc_add_bytes(&msg, 1, std::string(300, 'x').data(), 300));
+  EXPECT_NE(msg.raw.data, area);
+  EXPECT_EQ(Account("message").live_blocks, live + 1);
+  mqc_message_release(&msg);
+  mqc_message_release(&msg);
+  EXPECT_EQ(Account("message").live_blocks, live);
+  EXPECT_FALSE(mqc_add_int32(&msg, 1, 1));
+  EXPECT_STRNE(mqc_message_error(&msg), "");
+}
+
+TEST(Message, HeadersThatContradictThemselvesAreRefused) {
+  struct Row {
+    size_t at;
+    uint32_t value;
+    bool header;  // noticed with the header, else with the body
+  };
+  const Row rows[] = {{0, 135, true},
+                      {0, 137, true},
+                      {8, 2, true},
+                      {12, 2, true},
+                      {12, 0xffffffff, true},
+                      {64, 0, false},
+                      {64, 8, false},
+                      {4, 0, false},
+                      {64, 0xffffffff, false},
+                      {4, 2, false},
+                      {64, kSampleBody + 1, false},
+                      {64, kSampleBody - 1, false}};
+  for (const Form form : kForms) {
+    for (const Row& row : rows) {
+      Bytes raw = SampleFrom(form);
+      PutWord(&raw, row.at, row.value, form.big);
+      Exact arrived(raw);
+      EXPECT_EQ(AlienToNative(&arrived.get()->raw), !row.header) << row.at << " = " << row.value;
+      EXPECT_FALSE(arrived.Read()) << row.at << " = " << row.value;
+      EXPECT_STRNE(row.header ? mqc_header_error() : mqc_message_error(arrived.get()), "");
+    }
+    Bytes raw = SampleFrom(form);
+    PutWord(&raw, 8, !form.big, form.big);
+    EXPECT_FALSE(Exact(raw).Read()) << "the flag contradicts the first word";
+  }
+  Bytes raw = SampleFrom({false, false});
+  PutWord(&raw, 68, 4, false);
+  EXPECT_FALSE(Exact(raw).Read()) << "an origin that does not exist";
+}
+
+// A record that was refused has no parameters, and its raw form was not half converted.
+void ExpectRefused(const Bytes& raw, const testing::Message& what) {
+  Exact arrived(raw);
+  if (AlienToNative(&arrived.get()->raw)) {
+    const Bytes before = arrived.raw();
+    if (AlienPcfToNative(arrived.get())) {
+      EXPECT_FALSE(RawToPcf(arrived.get())) << what;
+    } else {
+      EXPECT_EQ(arrived.raw(), before) << what;
+    }
+    EXPECT_STRNE(mqc_message_error(arrived.get()), "") << what;
+  }
+  EXPECT_EQ(mqc_count(arrived.get()), 0u) << what;
+}
+
+TEST(Message, EveryTruncationIsRefused) {
+  for (const Form form : kForms) {
+    const Bytes whole = SampleFrom(form);
+    for (size_t size = 136; size < whole.size(); ++size) {
+      Bytes cut(whole.begin(), whole.begin() + static_cast<long>(size));
+      ExpectRefused(cut, testing::Message() << "cut at " << size);
+      PutWord(&cut, 64, static_cast<uint32_t>(size - 136), form.big);
+      ExpectRefused(cut, testing::Message() << "cut and announced at " << size);
+    }
+    for (const size_t more : {1, 3, 4, 12}) {
+      Bytes longer = whole;
+      longer.resize(whole.size() + more);
+      PutWord(&longer, 64, static_cast<uint32_t>(longer.size() - 136), form.big);
+      ExpectRefused(longer, testing::Message() << more << " bytes behind");
+    }
+  }
+}
+
+TEST(Message, EveryWrongCountTypeAndLengthIsRefused) {
+  const size_t counts[] = {140};
+  const size_t types[] = {148, 164, 184, 204, 220, 236};
+  const size_t lengths[] = {152, 168, 188, 208, 224, 240};
+  const uint32_t wrong[] = {0x100, 0xfff0, MQ_MAX_MESSAGE, 0x7fffffff, 0x80000000, 0xfffffffc, 0xffffffff};
+  for (const Form form : kForms) {
+    const Bytes whole = SampleFrom(form);
+    const auto refuse = [&](size_t at, uint32_t value) {
+      Bytes raw = whole;
+      PutWord(&raw, at, value, form.big);
+      ExpectRefused(raw, testing::Message() << "word at " << at << " = " << value);
+    };
+    for (const uint32_t value : wrong) {
+      for (const size_t at : counts) refuse(at, value);
+      for (const size_t at : types) refuse(at, value);
+      for (const size_t at : lengths) refuse(at, value);
+    }
+    for (const uint32_t value : {0u, 5u, 7u, MQC_MAX_PARAMS, MQC_MAX_PARAMS + 1}) refuse(140, value);
+    for (const size_t at : types) refuse(at, 0), refuse(at, 5);
+    for (const size_t at : lengths) {
+      for (const uint32_t value : {1u, 2u, 3u, 5u, 7u, 9u, 12u, 16u, 20u}) refuse(at, value);
+    }
+  }
+}
+
+// No single byte may lead a reader out of the message; the sanitizers watch. What is accepted can be walked.
+TEST(Message, NoByteLeadsOutOfTheMessage) {
+  for (const Form form : kForms) {
+    const Bytes whole = SampleFrom(form);
+    for (size_t at = 0; at < whole.size(); ++at) {
+      for (const int value : {0x00, 0x01, 0x04, 0x7f, 0x80, 0xff}) {
+        Bytes raw = whole;
+        raw[at] = static_cast<uint8_t>(value);
+        Exact arrived(raw);
+        if (!arrived.Read()) continue;
+        MqcParam param;
+        for (uint32_t i = 0; i < mqc_count(arrived.get()); ++i) {
+          ASSERT_TRUE(mqc_param(arrived.get(), i, &param));
+          ASSERT_TRUE(param.text == nullptr || strlen(param.text) == param.length);
+          ASSERT_TRUE(param.bytes == nullptr || param.bytes + param.length <= arrived.get()->raw.data + raw.size());
+        }
+      }
+    }
+  }
+}
+
+TEST(Message, OneParameterTooManyIsAnError) {
+  Message msg(mqc_message_new(0));
+  ASSERT_TRUE(mqc_begin(msg.get(), 1));
+  for (uint32_t i = 0; i < MQC_MAX_PARAMS; ++i) ASSERT_TRUE(mqc_add_int32(msg.get(), i, static_cast<int32_t>(i)));
+  FillHeader(msg.get(), "alice");
+  Bytes most = RawOf(msg.get());
+  EXPECT_FALSE(mqc_add_int32(msg.get(), 1, 1));
+  EXPECT_EQ(RawOf(msg.get()), most) << "a failed add leaves the message as it was";
+  EXPECT_EQ(mqc_count(msg.get()), MQC_MAX_PARAMS);
+  Exact arrived(most);
+  ASSERT_TRUE(arrived.Read()) << mqc_message_error(arrived.get());
+  MqcParam last;
+  ASSERT_TRUE(mqc_param(arrived.get(), MQC_MAX_PARAMS - 1, &last));
+  EXPECT_EQ(last.number, MQC_MAX_PARAMS - 1);
+  most.insert(most.end(), most.end() - 16, most.end());
+  PutWord(&most, 64, static_cast<uint32_t>(most.size() - 136), false);
+  PutWord(&most, 140, MQC_MAX_PARAMS + 1, false);
+  ExpectRefused(most, testing::Message() << "one too many");
+}
+
+TEST(Message, SizeIsBounded) {
+  Message msg(mqc_message_new(0));
+  const std::string half(MQ_MAX_MESSAGE / 2, 'x');
+  ASSERT_TRUE(mqc_begin(msg.get(), 1));
+  ASSERT_TRUE(mqc_add_bytes(msg.get(), 1, half.data(), static_cast<uint32_t>(half.size())));
+  EXPECT_FALSE(mqc_add_bytes(msg.get(), 1, half.data(), static_cast<uint32_t>(half.size())));
+  EXPECT_FALSE(mqc_add_bytes(msg.get(), 1, half.data(), 0xffffffff)) << "the length is looked at before the bytes";
+  EXPECT_EQ(mqc_count(msg.get()), 1u);
+  EXPECT_FALSE(SizePcfMessage(msg.get(), MQ_MAX_MESSAGE + 1));
+  EXPECT_EQ(mqc_message_new(MQ_MAX_MESSAGE + 1), nullptr);
+}
+
+// ---- Signatures ----
+
+// A clock that only runs forward: what one test had refused by its age is of no concern to the next.
+std::atomic<int64_t> clock_now{1700000000000};
+int64_t TestClock() { return clock_now; }
+
+class Security : public testing::Test {
+ protected:
+  void SetUp() override {
+    clock_now += 1000000;
+    mqc_set_clock(TestClock);
+    mqc_ring_clear();
+    ASSERT_TRUE(mqc_ring_add("alice", alice_.open, nullptr, 0));
+    ASSERT_TRUE(mqc_ring_add("bob", bob_.open, nullptr, 0));
+    signer_.reset(mqc_signer_new("alice", alice_.secret, nullptr, 0));
+    AddSample(msg_.get());
+  }
+  void TearDown() override {
+    mqc_set_window(300);
+    mqc_set_replay_limit(262144);
+    mqc_ring_clear();
+    mqc_set_clock(nullptr);
+  }
+  Bytes Sign() {
+    IoBuffer out = {};
+    EXPECT_TRUE(mqc_sign(signer_.get(), msg_.get(), &out)) << mqc_sign_error();
+    const Bytes wire(out.data, out.data + out.length);
+    DeleteBuffer(&out);
+    return wire;
+  }
+  // What a secure read does with the bytes of one message.
+  static bool Receive(const Bytes& wire) {
+    SecureHeader envelope;
+    memcpy(&envelope, wire.data(), 32);
+    if (envelope.hdrLength != 32 && envelope.hdrLength != bwlong(32)) return false;
+    if (!AlienToNativeExt(&envelope) || wire.size() != 32u + envelope.msgLength) return false;
+    Exact record(Bytes(wire.begin() + 32, wire.end()));
+    Bytes signed_part(wire.begin() + 32, wire.end());
+    const auto length = static_cast<uint32_t>(signed_part.size());
+    IoBuffer part = {signed_part.data(), length, length, 0, length + 32, 0};
+    PcfMessage* msg = record.get();
+    msg->secHeader = envelope;
+    if (!mqc_authenticate(&msg->secHeader, &part, msg)) {
+      EXPECT_EQ(mqc_count(msg), 0u);
+      return false;
+    }
+    EXPECT_EQ(msg->raw.length + 96, signed_part.size()) << "the trailer is no part of the message";
+    const bool read = AlienToNative(&msg->raw) && AlienPcfToNative(msg) && RawToPcf(msg);
+    EXPECT_TRUE(read) << mqc_message_error(msg);
+    ExpectSample(msg);
+    return read;
+  }
+  static std::string Refusal(const Bytes& wire) { return Receive(wire) ? "" : mqc_authenticate_error(); }
+
+  Keys alice_, bob_;
+  Signer signer_;
+  Message msg_{mqc_message_new(0)};
+};
+
+void ExpectSays(const std::string& text, const char* part) {
+  EXPECT_NE(text.find(part), std::string::npos) << '"' << text << "\" does not say \"" << part << '"';
+}
+
+TEST_F(Security, EveryBitIsCoveredAndNothingIsAcceptedTwice) {
+  const Bytes wire = Sign();
+  ASSERT_EQ(wire.size(), 32 + msg_->raw.length + 96);
+  for (size_t at = 0; at < wire.size(); ++at) {
+    for (int bit = 0; bit < 8; ++bit) {
+      Bytes tampered = wire;
+      tampered[at] = static_cast<uint8_t>(tampered[at] ^ 1 << bit);
+      ASSERT_FALSE(Receive(tampered)) << "bit " << bit << " of byte " << at;
+    }
+  }
+  EXPECT_TRUE(Receive(wire)) << mqc_authenticate_error() << ": a refused message must not be remembered";
+  ExpectSays(Refusal(wire), "replay");
+  EXPECT_NE(wire, Sign()) << "a nonce is used once";
+}
+
+TEST_F(Security, EveryLengthIsRefusedButTheRightOne) {
+  const Bytes wire = Sign();
+  for (size_t size = 32; size <= wire.size() + 4; ++size) {
+    if (size == wire.size()) continue;
+    Bytes other = wire;
+    other.resize(size);
+    EXPECT_FALSE(Receive(other)) << size;
+    PutWord(&other, 16, static_cast<uint32_t>(size - 32), false);
+    EXPECT_FALSE(Receive(other)) << "announced " << size;
+  }
+  EXPECT_TRUE(Receive(wire));
+}
+
+// The same signature holds whatever the byte order and character set of its sender.
+TEST_F(Security, EverySenderCanSign) {
+  for (const Form form : kForms) {
+    const Bytes plain = SampleFrom(form);
+    const auto length = static_cast<uint32_t>(plain.size() + 96);
+    Encoder wire(form);
+    wire.Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(length).Text("alice", 12);
+    Encoder trailer({true, false});
+    trailer.Text("MQSIGN01", 8)
+        .Number(static_cast<uint64_t>(clock_now.load()), 8)
+        .Number(form.big, 8)
+        .Number(form.ebcdic, 8);
+    Encoder covered({true, false});
+    covered.bytes = trailer.bytes;
+    covered.Word(1).Word(length).Text("alice", 12);
+    covered.bytes.insert(covered.bytes.end(), plain.begin(), plain.end());
+    uint8_t open[32], secret[64], signature[64];
+    crypto_sign_seed_keypair(open, secret, alice_.secret);
+    crypto_sign_state state;
+    crypto_sign_init(&state);
+    crypto_sign_update(&state, covered.bytes.data(), covered.bytes.size());
+    crypto_sign_final_create(&state, signature, nullptr, secret);
+    wire.bytes.insert(wire.bytes.end(), plain.begin(), plain.end());
+    wire.bytes.insert(wire.bytes.end(), trailer.bytes.begin(), trailer.bytes.end());
+    wire.bytes.insert(wire.bytes.end(), signature, signature + 64);
+    EXPECT_TRUE(Receive(wire.bytes)) << mqc_authenticate_error() << " big " << form.big << " ebcdic " << form.ebcdic;
+  }
+}
+
+TEST_F(Security, NobodySignsForAnother) {
+  // bob signs well, then claims to be alice; carol is unknown; alice's key is replaced or taken away.
+  signer_.reset(mqc_signer_new("bob", bob_.secret, nullptr, 0));
+  AddSample(msg_.get());
+  FillHeader(msg_.get(), "bob");
+  Bytes wire = Sign();
+  for (const size_t at : {size_t{20}, size_t{32 + 72}}) memcpy(wire.data() + at, "alice", 5);
+  ExpectSays(Refusal(wire), "not user alice's");
+  memcpy(wire.data() + 20, "bob\0", 5);
+  ExpectSays(Refusal(wire), "different users");
+  FillHeader(msg_.get(), "alice");
+  signer_.reset(mqc_signer_new("alice", alice_.secret, nullptr, 0));
+  wire = Sign();
+  ASSERT_TRUE(mqc_ring_remove("alice"));
+  EXPECT_FALSE(mqc_ring_remove("alice"));
+  ExpectSays(Refusal(wire), "not in the ring");
+  ASSERT_TRUE(mqc_ring_add("alice", bob_.open, nullptr, 0));
+  EXPECT_FALSE(Receive(wire));
+  ASSERT_TRUE(mqc_ring_add("alice", alice_.open, nullptr, 0));
+  EXPECT_EQ(mqc_ring_count(), 2u);
+  EXPECT_TRUE(Receive(wire)) << mqc_authenticate_error();
+}
+
+TEST_F(Security, SigningIsRefusedWithAReason) {
+  struct Row {
+    const char* says;
+    std::function<void(PcfMessage*, void**)> spoil;
+  };
+  uint64_t no_signer[40] = {};
+  Signer bob(mqc_signer_new("bob", bob_.secret, nullptr, 0));
+  const Row rows[] = {
+      {"no security context", [](PcfMessage*, void** context) { *context = nullptr; }},
+      {"no signer", [&](PcfMessage*, void** context) { *context = no_signer; }},
+      {"the key is that of bob", [&](PcfMessage*, void** context) { *context = bob.get(); }},
+      {"node's user is al", [](PcfMessage* msg, void**) { msg->secHeader.userId[2] = 0; }},
+      {"are no message", [](PcfMessage* msg, void**) { msg->raw.length = 136; }},
+      {"are no message", [](PcfMessage* msg, void**) { msg->raw.length = msg->raw.capacity + 1; }},
+      {"do not say", [](PcfMessage* msg, void**) { msg->secHeader.msgLength--; }},
+      {"do not say", [](PcfMessage* msg, void**) { reinterpret_cast<MsgHeader*>(msg->raw.data)->bodyLength++; }},
+      {"different users", [](PcfMessage* msg, void**) { msg->raw.data[72] = 'A'; }},
+      {"no memory", [](PcfMessage*, void**) { mqc_fail_allocation(1, 0); }},
+  };
+  for (const Row& row : rows) {
+    AddSample(msg_.get());
+    void* context = signer_.get();
+    IoBuffer out = {};
+    row.spoil(msg_.get(), &context);
+    EXPECT_FALSE(mqc_sign(context, msg_.get(), &out)) << row.says;
+    ExpectSays(mqc_sign_error(), row.says);
+    DeleteBuffer(&out);
+  }
+  AddSample(msg_.get());
+  EXPECT_TRUE(Receive(Sign()));
+}
+
+TEST_F(Security, AgeIsJudgedByTheWindow) {
+  struct Row {
+    int64_t later;
+    const char* says;
+  };
+  ASSERT_FALSE(mqc_set_window(0));
+  ASSERT_FALSE(mqc_set_window(MQC_WINDOW_MAX + 1));
+  ASSERT_TRUE(mqc_set_window(10));
+  for (const Row& row :
+       {Row{10000, ""}, Row{-10000, ""}, Row{10001, "before the present"}, Row{-10001, "after the present"}}) {
+    clock_now += 100000;
+    const Bytes wire = Sign();
+    clock_now += row.later;
+    ExpectSays(Refusal(wire) + row.says, row.says);
+    EXPECT_EQ(Refusal(wire).find("replay") != std::string::npos, row.says[0] == '\0');
+    clock_now += 100000;
+  }
+  const Bytes wire = Sign();
+  mqc_refuse_before(clock_now);
+  ExpectSays(Refusal(wire), "longer than accepted messages are remembered");
+  clock_now += 1;
+  EXPECT_TRUE(Receive(Sign()));
+}
+
+TEST_F(Security, AFullMemoryForgetsButNeverAcceptsTwice) {
+  ASSERT_FALSE(mqc_set_replay_limit(1023));
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  std::vector<Bytes> wires;
+  for (int i = 0; i < 2500; ++i) {
+    clock_now += 50;
+    wires.push_back(Sign());
+    ASSERT_TRUE(Receive(wires.back())) << i << ": " << mqc_authenticate_error();
+  }
+  EXPECT_LE(Account("replay").live_bytes, 1024u * 96);
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  // All of one moment: the memory fills, and what does not fit in is refused.
+  clock_now += 700000;
+  wires.clear();
+  std::string refusal;
+  while (refusal.empty() && wires.size() < 1100) {
+    wires.push_back(Sign());
+    refusal = Refusal(wires.back());
+  }
+  EXPECT_EQ(wires.size(), 1025u);
+  ExpectSays(refusal, "full");
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  // A wider window and a clock that goes back bring nothing back either.
+  clock_now += 400000;
+  EXPECT_TRUE(Receive(Sign()));
+  ASSERT_TRUE(mqc_set_window(MQC_WINDOW_MAX));
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  clock_now -= 400000;
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  clock_now += 400000;
+}
+
+TEST_F(Security, OneOfManyThreadsAcceptsAMessage) {
+  for (int round = 0; round < 20; ++round) {
+    const Bytes wire = Sign();
+    std::atomic<int> accepted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back([&] { accepted += Receive(wire); });
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(accepted, 1);
+  }
+}
+
+// ---- Key files ----
+
+TEST(KeyFiles, AreReadOrRefusedWithTheLine) {
+  Folder folder;
+  const Keys one, two;
+  const std::string alice = std::string("alice ") + one.secret_text + "\n";
+  const std::string bob = std::string("bob\t") + two.secret_text;
+  struct Row {
+    std::string text;
+    mode_t mode;
+    const char* user;
+    const char* says;  // null: taken
+  };
+  const Row rows[] = {
+      {"# keys\n\n  " + alice, 0600, nullptr, nullptr},
+      {alice + bob, 0400, "bob", nullptr},
+      {alice + bob + " # his", 0600, "bob", nullptr},
+      {alice, 0640, nullptr, "chmod 600"},
+      {alice, 0604, nullptr, "chmod 600"},
+      {alice + bob, 0600, nullptr, "2 keys"},
+      {alice + alice, 0600, "alice", "2 keys"},
+      {alice, 0600, "carol", "no key of user carol"},
+      {"# nothing\n", 0600, nullptr, "no key"},
+      {"", 0600, nullptr, "no key"},
+      {alice + "bob\n", 0600, "alice", ":2: expected"},
+      {"\n\nbob 1234\n", 0600, "bob", ":3: expected"},
+      {"abcdefghijklm" + bob.substr(3), 0600, nullptr, ":1: expected"},
+      {bob + "0", 0600, nullptr, ":1: expected"},
+      {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
+      {bob + " more", 0600, nullptr, ":1: expected"},
+      {bob + std::string(1, '\0') + "\n", 0600, nullptr, ":1: expected"},
+      {std::string(65537, '\n'), 0600, nullptr, "at most 65536"},
+  };
+  for (const Row& row : rows) {
+    const std::string path = folder.File("secret", row.text, row.mode);
+    char error[300] = "untouched";
+    Signer signer(mqc_signer_load(path.c_str(), row.user, error, sizeof(error)));
+    EXPECT_EQ(signer == nullptr, row.says != nullptr) << row.text << ": " << error;
+    ExpectSays(error, row.says == nullptr ? "" : row.says);
+    if (row.says != nullptr) ExpectSays(error, path.c_str());
+    EXPECT_EQ(std::string(error).find(std::string(two.secret_text).substr(0, 10)), std::string::npos);
+    EXPECT_EQ(signer != nullptr, error[0] == '\0');
+    unlink(path.c_str());
+  }
+  char error[300];
+  EXPECT_EQ(mqc_signer_load(folder.Name("missing").c_str(), nullptr, error, sizeof(error)), nullptr);
+  ExpectSays(error, "No such file");
+  EXPECT_EQ(mqc_signer_load("/tmp", nullptr, error, sizeof(error)), nullptr);
+  char cut[8];
+  EXPECT_EQ(mqc_signer_load("/", nullptr, cut, sizeof(cut)), nullptr);
+  EXPECT_EQ(strlen(cut), 7u);
+  EXPECT_EQ(mqc_signer_load("/", nullptr, nullptr, 0), nullptr);
+}
+
+TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
+  Folder folder;
+  const Keys keys;
+  const std::string path = folder.Name("secret");
+  char error[300];
+  ASSERT_TRUE(mqc_secret_file_write(path.c_str(), "alice", keys.secret, error, sizeof(error))) << error;
+  struct stat about;
+  ASSERT_EQ(stat(path.c_str(), &about), 0);
+  EXPECT_EQ(about.st_mode & 07777, 0600u);
+  EXPECT_FALSE(mqc_secret_file_write(path.c_str(), "bob", keys.secret, error, sizeof(error)));
+  ExpectSays(error, "exists");
+  Signer signer(mqc_signer_load(path.c_str(), nullptr, error, sizeof(error)));
+  ASSERT_TRUE(signer) << error;
+  EXPECT_STREQ(mqc_signer_user(signer.get()), "alice");
+  uint8_t open[32];
+  mqc_signer_public_key(signer.get(), open);
+  EXPECT_EQ(memcmp(open, keys.open, 32), 0);
+  for (const char* user : {"", "thirteen char", "a b", "a#b", "thirteenchars", "\x80"}) {
+    EXPECT_EQ(mqc_signer_new(user, keys.secret, error, sizeof(error)), nullptr) << user;
+    EXPECT_FALSE(mqc_ring_add(user, keys.open, error, sizeof(error))) << user;
+  }
+}
+
+TEST(KeyFiles, ARingIsLoadedWholeOrNotAtAll) {
+  Folder folder;
+  const Keys one, two;
+  mqc_ring_clear();
+  ASSERT_TRUE(mqc_ring_add("m", one.open, nullptr, 0));
+  const std::string good = std::string("z ") + one.open_text + "\na " + two.open_text + "\nm " + two.open_text + "\n";
+  struct Row {
+    std::string more;
+    const char* says;
+  };
+  const Row rows[] = {{"bad line\n", ":4: expected"},
+                      {std::string("# again\na ") + one.open_text, ":5: user a stands in line 2 already"},
+                      {"q " + std::string(64, 'f'), ":4: this is no public key"},
+                      {"q " + std::string(64, '0'), ":4: this is no public key"}};
+  char error[300];
+  for (const Row& row : rows) {
+    EXPECT_FALSE(mqc_ring_load(folder.File("ring", good + row.more, 0644).c_str(), error, sizeof(error)));
+    ExpectSays(error, row.says);
+    EXPECT_EQ(mqc_ring_count(), 1u);
+  }
+  ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
+  ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
+  EXPECT_EQ(mqc_ring_count(), 3u);
+  for (const char* user : {"a", "m", "z"}) EXPECT_TRUE(mqc_ring_remove(user)) << user;
+  mqc_ring_clear();
+}
+
+// ---- Log ----
+
+class Log : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(mqc_log_to(path_.c_str())); }
+  void TearDown() override { mqc_log_to(nullptr); }
+  std::vector<std::string> Lines() {
+    std::vector<std::string> lines;
+    std::istringstream in(Content(path_));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+  Folder folder_;
+  std::string path_ = folder_.Name("log");
+};
+
+TEST_F(Log, WritesOneLineFromASignalHandler) {
+  struct sigaction action = {}, before;
+  action.sa_handler = [](int) { LOGMSG("1158I from a handler", 1); };
+  sigaction(SIGUSR1, &action, &before);
+  errno = 1234;
+  raise(SIGUSR1);
+  EXPECT_EQ(errno, 1234);
+  sigaction(SIGUSR1, &before, nullptr);
+  LOGMSG("0106W two\nlines\x1b[2J", 1);
+  LOGMSG(std::string(5000, 'x').c_str(), 1);
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 3u);
+  const std::regex form(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (.*))");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(lines[0], match, form)) << lines[0];
+  EXPECT_EQ(match[1], "1158I from a handler");
+  tm date = {};
+  strptime(lines[0].c_str(), "%Y-%m-%dT%H:%M:%S", &date);
+  EXPECT_LT(std::abs(difftime(timegm(&date), time(nullptr))), 5);
+  ASSERT_TRUE(std::regex_match(lines[1], match, form));
+  EXPECT_EQ(match[1], "0106W two.lines.[2J");
+  EXPECT_LE(lines[2].size(), 1023u);
+}
+
+TEST_F(Log, FallsBackToStandardError) {
+  ASSERT_TRUE(mqc_log_to("/nowhere/at/all"));
+  EXPECT_FALSE(mqc_log_to(std::string(1024, 'x').c_str()));
+  testing::internal::CaptureStderr();
+  LOGMSG("1157I one", 1);
+  mqc_log_to(nullptr);
+  LOGMSG("1157I two", 1);
+  const std::string seen = testing::internal::GetCapturedStderr();
+  ExpectSays(seen, " 1157I one\n");
+  ExpectSays(seen, " 1157I two\n");
+  EXPECT_TRUE(Lines().empty());
+}
+
+TEST_F(Log, DumpsAreBoundedWhateverTheyShow) {
+  Message big(mqc_message_new(0));
+  ASSERT_TRUE(mqc_begin(big.get(), 1) && mqc_add_bytes(big.get(), 1, std::string(100000, 'x').data(), 100000));
+  AlienPcfToNative(big.get());
+  DumpPcfMessage(big.get());
+  EXPECT_EQ(Lines().size(), 7u);
+  ExpectSays(Lines()[0], "message of 100156 bytes");
+  ExpectSays(Lines()[1], "dump 000: 88000000");
+  for (const std::string& line : Lines()) EXPECT_LT(line.size(), 400u);
+  PcfMessage empty;
+  mqc_message_init(&empty);
+  DumpPcfMessage(&empty);
+  EXPECT_EQ(Lines().size(), 8u);
+  Exact small(Bytes(10, 0xff));
+  memset(small.get()->secHeader.userId, '\n', 12);
+  DumpPcfMessage(small.get());
+  EXPECT_EQ(Lines().size(), 10u);
+}
+
+// Runs in a process of its own, which loads the companion with the variable set.
+TEST(LogChild, DISABLED_Writes) { LOGMSG("1157I child", 1); }
+
+TEST(LogChild, TheEnvironmentNamesTheFile) {
+  Folder folder;
+  const std::string path = folder.Name("log");
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv("MQCOMPANION_LOG", path.c_str(), 1);
+    execl("/proc/self/exe", "companion_test", "--gtest_filter=LogChild.DISABLED_Writes",
+          "--gtest_also_run_disabled_tests", "--gtest_brief=1", nullptr);
+    _exit(127);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  ExpectSays(Content(path), " 1157I child\n");
+}
+
+}  // namespace
