@@ -1,8 +1,6 @@
 // queue_test.cc - the queue, driven by little scripts and compared as the list that a walk from head to tail sees.
 #include "queue/queue.h"
 
-#include <set>
-
 #include "tests/support/fixture.hh"
 
 namespace {
@@ -40,11 +38,20 @@ class QueueTest : public Fixture {
     std::string gets;
     for (size_t i = 0; i < script.size(); ++i) {
       switch (script[i]) {
-        case '+': Qput(q_, Item(script[++i])); break;
-        case '^': QputHigh(q_, Item(script[++i])); break;
-        case '<': Qputhead(q_, Item(script[++i])); break;
-        case '-': Qremove(q_, Item(script[++i])); break;
-        default: gets += Letter(Qget(q_));
+        case '+':
+          Qput(q_, Item(script[++i]));
+          break;
+        case '^':
+          QputHigh(q_, Item(script[++i]));
+          break;
+        case '<':
+          Qputhead(q_, Item(script[++i]));
+          break;
+        case '-':
+          Qremove(q_, Item(script[++i]));
+          break;
+        default:
+          gets += Letter(Qget(q_));
       }
       Contents(q_);
     }
