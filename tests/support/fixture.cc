@@ -234,6 +234,14 @@ Fixture::Fixture() {
   blocks_ = LiveBlocks();
 }
 
+void Fixture::TearDown() {
+  Trace::on_socket = nullptr;
+  Trace::on_node = nullptr;
+  Trace::on_error = nullptr;
+  Platform::OnSystem(nullptr);
+  Platform::OnPause(nullptr);
+}
+
 Fixture::~Fixture() {
   mqc_fail_allocation(0, 0);
   EXPECT_EQ(OpenDescriptors(), descriptors_) << "descriptors were left open, or closed";

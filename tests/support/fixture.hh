@@ -92,6 +92,9 @@ class Fixture : public ::testing::Test {
   Fixture();
   ~Fixture() override;
 
+  // Drops the hooks of Trace: they mostly refer to what lived in the test's body. Call it when overriding.
+  void TearDown() override;
+
  private:
   Lines descriptors_;
   std::map<std::string, uint64_t> blocks_;
