@@ -1,0 +1,109 @@
+// errors_test.cc - the table of error codes: complete, unambiguous in each place, and true to the system's own names.
+#include "mqnode/errors.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+std::vector<MqErrorInfo> Table() {
+  size_t count = 0;
+  const MqErrorInfo* const table = mq_error_table(&count);
+  return {table, table + count};
+}
+
+const std::vector<unsigned> kPlaces = {MQ_IN_NODE, MQ_IN_SOCKET, MQ_IN_STATUS};
+
+TEST(Errors, EveryEntryIsFoundByCodeInEachOfItsPlacesAndByBothNames) {
+  for (const MqErrorInfo& entry : Table()) {
+    for (const unsigned place : kPlaces) {
+      const MqErrorInfo* const found = mq_error_find(entry.code, place);
+      if ((entry.places & place) == 0 || entry.code == MQ_NO_DESCRIPTOR) continue;
+      ASSERT_NE(found, nullptr) << entry.name;
+      EXPECT_STREQ(found->name, entry.name) << "place " << place << ": one code must have one meaning in one place";
+    }
+    EXPECT_STREQ(mq_error_by_name(entry.name)->name, entry.name);
+    if (entry.alias != nullptr) EXPECT_STREQ(mq_error_by_name(entry.alias)->name, entry.name);
+  }
+}
+
+TEST(Errors, NamesAreUniqueAndTextsAreSingleLines) {
+  std::set<std::string> names;
+  for (const MqErrorInfo& entry : Table()) {
+    EXPECT_TRUE(names.insert(entry.name).second) << entry.name;
+    if (entry.alias != nullptr) EXPECT_TRUE(names.insert(entry.alias).second) << entry.alias;
+    EXPECT_NE(entry.places, 0u) << entry.name;
+    for (const char* text : {entry.meaning, entry.origin, entry.remedy}) {
+      EXPECT_GT(strlen(text), 3u) << entry.name;
+      EXPECT_EQ(strpbrk(text, "\n|"), nullptr) << entry.name << ": breaks a table: " << text;
+    }
+  }
+}
+
+// What the headers' enumerations define must be in the table under that name.
+TEST(Errors, CodesOfTheHeadersAreNamedAsThere) {
+#define ROW(name, place) \
+  { {name, place}, #name }
+  const std::map<std::pair<int, unsigned>, std::string> expected = {
+      ROW(MQ_OK, MQ_IN_NODE),
+      ROW(MQ_AGAIN, MQ_IN_NODE),
+      ROW(MQ_NO_DESCRIPTOR, MQ_IN_NODE),
+      ROW(MQ_BAD_MESSAGE, MQ_IN_NODE),
+      ROW(MQ_NO_ROOM, MQ_IN_NODE),
+      ROW(MQ_BAD_BODY, MQ_IN_NODE),
+      ROW(MQ_NOT_SIGNED, MQ_IN_NODE),
+      ROW(MQ_NOT_AUTHENTIC, MQ_IN_NODE),
+      ROW(MQ_WRITE_LIMIT, MQ_IN_NODE),
+      ROW(SOCK_WOULD_BLOCK, MQ_IN_SOCKET),
+      ROW(SOCK_NO_DESTINATION, MQ_IN_SOCKET),
+      ROW(SOCK_WAIT_TIMEOUT, MQ_IN_STATUS),
+      ROW(SOCK_SERVICE_UNKNOWN, MQ_IN_SOCKET),
+      ROW(SOCK_HOST_UNKNOWN, MQ_IN_SOCKET),
+      ROW(SOCK_PEER_CLOSED, MQ_IN_SOCKET),
+      ROW(ENOBUFS, MQ_IN_SOCKET),
+  };
+#undef ROW
+  for (const auto& [key, name] : expected) {
+    const MqErrorInfo* const found = mq_error_find(key.first, key.second);
+    EXPECT_STREQ(found != nullptr ? found->name : "nothing", name.c_str()) << key.first;
+  }
+}
+
+TEST(Errors, CodesOfTheSystemCarryTheSystemsNames) {
+  const std::set<int> own = {MQ_OK, MQ_AGAIN, MQ_NO_DESCRIPTOR};
+  for (const MqErrorInfo& entry : Table()) {
+    const char* const system = entry.code > 0 ? strerrorname_np(entry.code) : nullptr;
+    if (system == nullptr || (own.count(entry.code) != 0 && strncmp(entry.name, "MQ_", 3) == 0)) continue;
+    EXPECT_STREQ(entry.alias != nullptr ? entry.alias : entry.name, system);
+  }
+}
+
+TEST(Errors, TheTwoCodesWithTwoMeaningsAreBothReached) {
+  for (const int code : {11, 105}) {
+    const MqErrorInfo* const first = mq_error_find(code, MQ_IN_ANY);
+    ASSERT_NE(first, nullptr);
+    const MqErrorInfo* const second = mq_error_next(first);
+    ASSERT_NE(second, nullptr);
+    EXPECT_STREQ(second->name, mq_error_find(code, MQ_IN_SOCKET)->name);
+    EXPECT_EQ(mq_error_next(second), nullptr);
+  }
+}
+
+TEST(Errors, UnknownCodesAndNamesGiveTextsAndNoEntry) {
+  EXPECT_EQ(mq_error_find(9001, MQ_IN_ANY), nullptr);
+  EXPECT_EQ(mq_error_find(SOCK_WAIT_TIMEOUT, MQ_IN_SOCKET), nullptr) << "a timeout is never in a socket record";
+  EXPECT_STREQ(mq_error_name(9001), "unknown code");
+  EXPECT_NE(std::string(mq_error_meaning(9001)), "");
+  EXPECT_NE(std::string(mq_error_remedy(9001)), "");
+  EXPECT_EQ(mq_error_by_name("MQ_"), nullptr);
+  EXPECT_EQ(mq_error_by_name(""), nullptr);
+  EXPECT_STREQ(mq_error_by_name("econnrefused")->name, "ECONNREFUSED");
+}
+
+}  // namespace
