@@ -1,0 +1,36 @@
+/* client.c - sends one command with a text and prints the answer.
+ *   client HOST SERVICE TEXT */
+#include <signal.h>
+
+#include "example.h"
+
+static int ask(MQNode* node, PcfMessage* msg, const char* text) {
+  if (!mnOpen(node)) return failed("connect", node);
+  if (!mqc_begin(msg, COMMAND_ASK) || !mqc_add_text(msg, PARAM_TEXT, text) || !mnWrite(msg, node)) {
+    return failed("write", node);
+  }
+  if (!mnRead(msg, node)) return failed("read", node);
+
+  MqcParam answer;
+  if (mqc_command(msg) != COMMAND_ANSWER || !mqc_find(msg, PARAM_TEXT, &answer) || answer.type != MQC_TEXT) {
+    fprintf(stderr, "not an answer\n");
+    return 0;
+  }
+  return printf("%s\n", answer.text) > 0 && fflush(stdout) == 0;
+}
+
+int main(int argc, char** argv) {
+  SockAddrRec addr;
+  if (argc != 4 || !make_address(&addr, argv[1], argv[2], "tcp")) {
+    fprintf(stderr, "usage: client HOST SERVICE TEXT\n");
+    return 2;
+  }
+  signal(SIGPIPE, SIG_IGN);
+
+  PcfMessage* msg = mqc_message_new(0);
+  MQNode* node = CreateMQNode(&addr, MQ_ROLE_CONNECT);
+  const int ok = msg != NULL && !IsNodeFailed(node) ? ask(node, msg, argv[3]) : failed("create", node);
+  DeleteMQNode(node);
+  mqc_message_free(msg);
+  return ok ? 0 : 1;
+}

@@ -1,0 +1,56 @@
+/* example.h - what the examples share: an address from the command line, the port that was bound, how a failure is told. */
+#ifndef MQNODE_EXAMPLES_EXAMPLE_H
+#define MQNODE_EXAMPLES_EXAMPLE_H
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "companion/host.h"
+#include "mqnode/mqnode.h"
+
+/* What the two sides agree on: the command of a question, of an answer, and the parameter that holds the text. */
+enum { COMMAND_ASK = 1, COMMAND_ANSWER = 2, PARAM_TEXT = 1 };
+
+/* Fills an address. 1; 0 when a text does not fit its field. */
+static inline int make_address(SockAddrRec* addr, const char* host, const char* service, const char* protocol) {
+  memset(addr, 0, sizeof *addr);
+  if (strlen(host) < sizeof addr->host && strlen(service) < sizeof addr->service) {
+    strcpy(addr->host, host);
+    strcpy(addr->service, service);
+    strcpy(addr->protocol, protocol);
+    return 1;
+  }
+  fprintf(stderr, "host or service is too long\n");
+  return 0;
+}
+
+/* Says which operation failed and why. Always 0, so that a caller can fail and tell in one line.
+ * A write that was dropped leaves 11 in the node; what happened is in its socket. */
+static inline int failed(const char* what, const MQNode* node) {
+  if (node == NULL) {
+    fprintf(stderr, "%s: no memory\n", what);
+  } else if (node->sock.error > 0 && node->sock.error < 1000) {
+    fprintf(stderr, "%s: error %d, socket error %d: %s\n", what, node->error, node->sock.error,
+            strerror(node->sock.error));
+  } else {
+    fprintf(stderr, "%s: error %d, socket error %d\n", what, node->error, node->sock.error);
+  }
+  return 0;
+}
+
+/* Prints the port that a node is bound to; the kernel picks one for service 0. 1; 0 when it cannot be told. */
+static inline int print_port(const MQNode* node) {
+  struct sockaddr_in bound;
+  socklen_t size = sizeof bound;
+  if (getsockname(node->sock.fd, (struct sockaddr*)&bound, &size) != 0) return 0;
+  return printf("%d\n", ntohs(bound.sin_port)) > 0 && fflush(stdout) == 0;
+}
+
+/* Whether a read failed because the peer has ended the conversation: it shut its side down (9004) or closed (ECONNRESET). */
+static inline int peer_has_gone(const MQNode* node) {
+  return node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
+}
+
+#endif
