@@ -220,6 +220,7 @@ int mnRead(PcfMessage* msg, MQNode* node) {
 }
 
 int mnBrowse(PcfMessage* msg, MQNode* node) {
+  node->error = MQ_OK;
   const bool found = PeekHeader(node, msg->raw.data) && ConvertPeeked(msg, node);
   if (found) node->error = MQ_OK;
   mq::Trace("mnBrowse", node);
