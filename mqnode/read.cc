@@ -209,6 +209,10 @@ int mnRead(PcfMessage* msg, MQNode* node) {
   node->error = MQ_OK;
   if (!mq::StartRead(node, kPlainFraming)) return mq::FailRead(node, kPlainFraming, MQ_NO_ROOM);
   int result = mq::Gather(node, kPlainFraming);
+  // What was asked for was neither a header nor a message: a part of another framing. Every later read would find it too.
+  if (result && !mq::HeaderCompleted(node, kPlainFraming) && !mq::MessageCompleted(node, kPlainFraming)) {
+    return mq::FailRead(node, kPlainFraming, MQ_BAD_MESSAGE);
+  }
   if (result && mq::HeaderCompleted(node, kPlainFraming)) {
     if (const int code = ConvertHeader(node)) return mq::FailRead(node, kPlainFraming, code);
     // The nested read finds more than a header asked for, gathers the rest and delivers.
