@@ -53,6 +53,8 @@ void FillEnvelope(PcfMessage* msg, const MQNode* node) {
 }
 
 int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContext, int highPriority) {
+  // A record without a message has no header to look at; the write refuses it.
+  if (!IsWritable(msg->raw)) return mnSWriteMsg(msg, node, nullptr, node->user, secure, securityContext, highPriority);
   char* const user = mq::HeaderOf(msg->raw.data)->userId;
   if (user[0] == '\0' || user[0] == ' ') memcpy(user, node->user, kUserLength);
   return mnSWriteMsg(msg, node, nullptr, user, secure, securityContext, highPriority);

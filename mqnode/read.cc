@@ -74,7 +74,7 @@ int Gather(MQNode* node, const Framing& framing) {
   const bool datagram = IsDatagram(node);
   node->error = MQ_OK;
   uint32_t target = datagram ? buf->capacity : buf->length;
-  if (target > buf->capacity) return FailGather(node, framing, MQ_NO_ROOM);
+  if (target > buf->capacity || buf->capacity == 0) return FailGather(node, framing, MQ_NO_ROOM);
   while (buf->received < target) {
     if (!ReadSocket(&node->sock, buf)) return FailReceive(node, framing);
     if (datagram) buf->length = target = buf->received;
