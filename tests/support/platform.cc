@@ -506,6 +506,17 @@ unsigned alarm(unsigned seconds) noexcept {
   return left;
 }
 
+// The number of processors is what the library asks for as the last thing it does: any caller's question can be failed,
+// and without a code errno stays.
+long sysconf(int name) noexcept {
+  REAL(sysconf);
+  if (name != _SC_NPROCESSORS_ONLN || Now().rules.empty()) return real(name);
+  const int before = errno;
+  const auto code = Injected("sysconf");
+  errno = code.value_or(0) != 0 ? *code : before;
+  return code ? -1 : real(name);
+}
+
 time_t time(time_t* out) noexcept {
   REAL(time);
   FOREIGN(real(out));

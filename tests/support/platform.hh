@@ -8,7 +8,8 @@
 //
 // Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close fcntl
 // gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal alarm
-// LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed.
+// LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed, sysconf can be
+// failed.
 #pragma once
 
 #include <cstddef>
