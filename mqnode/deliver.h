@@ -15,19 +15,20 @@ MQ_BEGIN_C
  *   desc          in      the library's from here on, whatever the result; must come from fNewMemory
  *   highPriority  in      nonzero queues with QputHigh, which is Qput: nothing overtakes
  * Result        1 sent (error 0) or queued (error 11, or 0 behind an existing queue); 0 refused or dropped
- * error         0; 11 queued, or dropped when the result is 0: without memory for the queue, or because the socket failed
- *               with the code that node->sock.error holds; -1111 refused by writeLimit. After a drop of a message that
- *               was sent in part the stream is out of step: close the node
- * Trace points  "mnWriteToNode": once; twice for a write that starts the queue, first with the socket's code in error */
+ * error         0; 11 queued, or dropped when the result is 0: without memory for the queue, or because the socket
+ *               failed with the code that node->sock.error holds; -1111 refused by writeLimit. After a drop of a
+ *               message that was sent in part the stream is out of step: close the node
+ * Trace points  "mnWriteToNode": once; twice for a write that starts the queue, first with the socket's code in
+ *               error */
 MQ_API int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority);
 
 /* mnFinishWrite - send what is queued on a node, oldest first, until the queue is empty or the socket is full.
  * Call it when mnNPost lists the node as ready to write.
  * Result        1  the queue is empty (mnIsPendingIO says 0), or the socket took what it could (it says 1: wait again)
- *               0  a queued message was dropped: the socket failed, or there was no memory to put it back; later ones are
- *                  still queued
- * error         0; 11 when the socket is full or a message was dropped, node->sock.error has the socket's code; 105 when
- *               an entry without a descriptor was dropped
+ *               0  a queued message was dropped: the socket failed, or there was no memory to put it back; later ones
+ *                  are still queued
+ * error         0; 11 when the socket is full or a message was dropped, node->sock.error has the socket's code; 105
+ *               when an entry without a descriptor was dropped
  * Trace points  "mnFinishWrite": once for each failed send and once when the queue was emptied */
 MQ_API int mnFinishWrite(MQNode* node);
 

@@ -20,8 +20,8 @@ MQ_API int mnSReadMsg(MQNode* node);
  * Result       nonzero a message was delivered (what RawToPcf returned); 0 none was
  * error        0; 11 unfinished, call again; 2026 bad envelope, or a signed message whose header could not be converted
  *              (counted and dumped then); 2102 msg or the receive buffer cannot be enlarged, the message was dropped;
- *              -1001 the signature does not hold: msg holds the message as it came, and it was counted; 4005 the body could
- *              not be converted or parsed, counted and dumped; the socket's code
+ *              -1001 the signature does not hold: msg holds the message as it came, and it was counted; 4005 the body
+ *              could not be converted or parsed, counted and dumped; the socket's code
  * Trace point  "mnSRead": twice for a stream message that came in one call */
 MQ_API int mnSRead(PcfMessage* msg, MQNode* node, int secure, void* securityContext);
 

@@ -113,8 +113,8 @@ MQ_RUNTIME int VerifyMessage(PcfRawData* raw);
 /* mqc_sign - produce the bytes to send for a signed message.
  *   context  in      the security context that the caller of the write gave
  *   msg      in/out  secHeader and raw filled in
- *   out      out     zero-filled write descriptor; receives a data area (CreateBuffer) with length the bytes to send: the
- *                    envelope first, then the signed plain message, msgLength covering all after the envelope
+ *   out      out     zero-filled write descriptor; receives a data area (CreateBuffer) with length the bytes to send:
+ *                    the envelope first, then the signed plain message, msgLength covering all after the envelope
  * After a failure out is fit for DeleteBuffer. */
 MQ_RUNTIME int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out);
 

@@ -1,7 +1,8 @@
 /* alarm.h - a guard that logs a warning when a blocking operation outlasts a time limit.
  *
  * The guard is SIGALRM and the process's one alarm: one thread at a time may use it, an alarm set elsewhere is replaced
- * by enable_alarm and cancelled by disable_alarm. Pairs do not nest: a second enable_alarm saves AlarmHandler itself. */
+ * by enable_alarm and cancelled by disable_alarm. Pairs do not nest: a second enable_alarm saves AlarmHandler
+ * itself. */
 #ifndef MQNODE_SOCKSIN_ALARM_H
 #define MQNODE_SOCKSIN_ALARM_H
 

@@ -1,7 +1,7 @@
 /* options.h - socket options by a small portable id.
  *
- * The conventions of record.h hold, but for trace points: none runs here. No call blocks. A failure reports the errno of
- * the system call as it is. */
+ * The conventions of record.h hold, but for trace points: none runs here. No call blocks. A failure reports the errno
+ * of the system call as it is. */
 #ifndef MQNODE_SOCKSIN_OPTIONS_H
 #define MQNODE_SOCKSIN_OPTIONS_H
 

@@ -14,8 +14,8 @@ MQ_BEGIN_C
  * Result  1; 0 when uname failed, the record is all zero then */
 MQ_API int GetSysInfo(struct utsname* info);
 
-/* GetSysLabel - append up to three pieces to label, each followed by "::": the system name, "V<version>.R<release>" and,
- * when withMachine is nonzero, the machine. Texts are trimmed; version and release are cut to 48 characters first.
+/* GetSysLabel - append up to three pieces to label, each followed by "::": the system name, "V<version>.R<release>"
+ * and, when withMachine is nonzero, the machine. Texts are trimmed; version and release are cut to 48 characters first.
  *   label  in/out  NUL-terminated text
  *   room   in      bytes still free in label. A piece is appended when its length plus 3 is less than what is left of
  *                  the room, and takes that much of it; one that does not fit is left out and the next is tried */
@@ -31,8 +31,8 @@ MQ_API int GetProcessorCount(void);
  * Result   1 down, 0 up */
 MQ_API int bTcpipNotActive(int verbose);
 
-/* bWaitForTcpip - wait until the network stack is up, without limit: at once when it is, else a check every 5 seconds in
- * cycles of 300 seconds, and 5 seconds more after it came up. Each cycle logs "1157I", the end "1158I".
+/* bWaitForTcpip - wait until the network stack is up, without limit: at once when it is, else a check every 5 seconds
+ * in cycles of 300 seconds, and 5 seconds more after it came up. Each cycle logs "1157I", the end "1158I".
  *   verbose  nonzero: print at every check; zero: only at the first test and at the first check of each later cycle
  *   who      name for the log lines; cut so that a line fits 512 bytes
  * Result   always 0

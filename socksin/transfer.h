@@ -22,8 +22,8 @@ MQ_BEGIN_C
 MQ_API int ReadSocket(SockRec* rec, IoBuffer* buf);
 
 /* WriteSocket - one send from data + sent, of length - sent bytes; on a datagram socket one sendto.
- *   destination  in/out  datagram sockets: resolved on every call, its port is written; null fails like a name that does
- *                        not resolve. Not read on a stream socket
+ *   destination  in/out  datagram sockets: resolved on every call, its port is written; null fails like a name that
+ *                        does not resolve. Not read on a stream socket
  * Result        1 the system took the call, any number of bytes, 0 it did not
  * error         0; errno as for ReadSocket; 89, reported, when the destination is missing or does not resolve
  * Trace points  "WriteSocket:Before", those of AddrToIP on a datagram socket, "WriteSocket:After"

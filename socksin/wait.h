@@ -1,16 +1,16 @@
 /* wait.h - wait on many sockets at once, with one timeout and one select.
  *
- * The work record carries the socket lists in and out; the caller owns it and keeps it for any number of waits, one at a
- * time. Fill sockets (and, for NPostSocket, writable) with at most size - 1 pointers and a null pointer, wait, read the
- * output lists. Every socket of the writable input list must be in sockets too; then no output list can overflow.
+ * The work record carries the socket lists in and out; the caller owns it and keeps it for any number of waits, one at
+ * a time. Fill sockets (and, for NPostSocket, writable) with at most size - 1 pointers and a null pointer, wait, read
+ * the output lists. Every socket of the writable input list must be in sockets too; then no output list can overflow.
  *
  * Results  1 when something was ready: the output lists are filled, in the order of the input lists, and terminated.
  *          0 when the wait failed or timed out: the output lists are untouched, not even terminated
  * status   0; errno of select (EINTR when a signal arrived); 9000 timed out; ENOMEM, see below
  * Blocks   in select, for at most the timeout
- * Memory   a wait allocates nothing while all descriptors are below 1024. With a descriptor of 1024 or more it allocates
- *          descriptor sets sized from the highest one and releases them before it returns; without memory for them the
- *          result is 0 and the status ENOMEM
+ * Memory   a wait allocates nothing while all descriptors are below 1024. With a descriptor of 1024 or more it
+ *          allocates descriptor sets sized from the highest one and releases them before it returns; without memory for
+ *          them the result is 0 and the status ENOMEM
  * A socket whose fd is negative is passed over. */
 #ifndef MQNODE_SOCKSIN_WAIT_H
 #define MQNODE_SOCKSIN_WAIT_H
@@ -61,17 +61,18 @@ MQ_STATIC_ASSERT(offsetof(PostTimeout, sec) == 4, "PostTimeout.sec");
  * Result  1; 0 without memory: release the record with FreeSocketPostData all the same */
 MQ_API int InitSocketPostData(SockPostData* work, int size);
 
-/* FreeSocketPostData - release what the record points to; all its fields are null and 0 afterwards. May be called again,
- * and the record set up again. */
+/* FreeSocketPostData - release what the record points to; all its fields are null and 0 afterwards. May be called
+ * again, and the record set up again. */
 MQ_API void FreeSocketPostData(SockPostData* work);
 
 /* PostSocket - wait for reading and exceptional conditions. A socket that is both is listed as readable only.
  * Trace points  on each listed socket: "PostSocket:Ready", "PostSocket:Exception" */
 MQ_API int PostSocket(SockPostData* work, const PostTimeout* timeout, int* status);
 
-/* NPostSocket - wait for writing too: for the sockets of the writable list, and for stream sockets whose connected is 0,
- * whose non-blocking connect has not completed. Every socket listed as writable has connected 1 afterwards, whether its
- * connect succeeded or not: the first transfer tells. A pending connect that is readable too is listed as readable only.
+/* NPostSocket - wait for writing too: for the sockets of the writable list, and for stream sockets whose connected is
+ * 0, whose non-blocking connect has not completed. Every socket listed as writable has connected 1 afterwards, whether
+ * its connect succeeded or not: the first transfer tells. A pending connect that is readable too is listed as readable
+ * only.
  * Trace points  on each listed socket: "NPostSocket:Write" (waiting writes, first), then in the order of sockets
  *               "NPostSocket:Ready", "NPostSocket:Exception" or "NPostSocket:Write" (completed connects) */
 MQ_API int NPostSocket(SockPostData* work, const PostTimeout* timeout, int* status);
