@@ -18,46 +18,47 @@ struct Param {
   uint32_t at;  // of the parameter's head, from the start of raw
 };
 
-bool FailParam(ErrorText error, const Param& param, const char* what, uint32_t number) {
+[[gnu::cold, gnu::noinline]] bool FailParam(ErrorText error, const Param& param, const char* what, uint32_t number) {
   return Fail(error, "parameter %u (id %u, type %u): %s %u", param.index, param.id, param.type, what, number);
 }
 
 // Bytes that a value of this length takes in the body; the length is at most MQ_MAX_MESSAGE.
 inline uint32_t StoredLength(uint32_t type, uint32_t length) { return (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~3u; }
 
-inline bool LengthFitsType(uint32_t type, uint32_t length) {
-  switch (type) {
-    case MQC_INT32:
-      return length == sizeof(int32_t);
-    case MQC_INT64:
-      return length == sizeof(int64_t);
-    default:
-      return type == MQC_TEXT || type == MQC_BYTES;
-  }
+// True when the bytes from length to stored are zero; there are at most four of them.
+inline bool IsPaddingZero(const uint8_t* value, uint32_t length, uint32_t stored) {
+  const uint32_t padding = stored - length;
+  if (padding == 0) return true;
+  const uint32_t last = LoadAs<kHostIsBig == 1>(value + stored - 4);  // the last byte is the highest
+  return last >> 8 * (4 - padding) == 0;
 }
 
-inline bool IsZero(const uint8_t* from, const uint8_t* to) {
-  for (; from < to; ++from) {
-    if (*from != 0) return false;
-  }
-  return true;
-}
-
-// room: bytes of the body behind the parameter's head.
-inline bool CheckParam(const uint8_t* raw, const Param& param, uint32_t room, ErrorText error) {
-  if (param.length > room) return FailParam(error, param, "longer than the body, bytes left:", room);
-  if (!LengthFitsType(param.type, param.length)) {
-    return FailParam(error, param, "unknown type or a length that does not fit it:", param.length);
-  }
+// room: bytes of the body behind the parameter's head; the length is no more than that.
+inline bool CheckPadded(const uint8_t* value, const Param& param, uint32_t room, ErrorText error) {
   const uint32_t stored = StoredLength(param.type, param.length);
   if (stored > room) return FailParam(error, param, "padding beyond the body, bytes left:", room);
-  const uint8_t* value = raw + param.at + kParamHead;
-  if (!IsZero(value + param.length, value + stored))
+  if (!IsPaddingZero(value, param.length, stored)) {
     return FailParam(error, param, "padding is not zero after", param.length);
+  }
   if (param.type == MQC_TEXT && memchr(value, 0, param.length) != nullptr) {
     return FailParam(error, param, "text with a zero byte among its", param.length);
   }
   return true;
+}
+
+inline bool CheckParam(const uint8_t* value, const Param& param, uint32_t room, ErrorText error) {
+  if (param.length > room) return FailParam(error, param, "longer than the body, bytes left:", room);
+  switch (param.type) {
+    case MQC_INT32:
+      return param.length == sizeof(int32_t) || FailParam(error, param, "an integer of length", param.length);
+    case MQC_INT64:
+      return param.length == sizeof(int64_t) || FailParam(error, param, "an integer of length", param.length);
+    case MQC_TEXT:
+    case MQC_BYTES:
+      return CheckPadded(value, param, room, error);
+    default:
+      return FailParam(error, param, "unknown type, length", param.length);
+  }
 }
 
 // Walks the body of raw, whose integers are in the host's order or, with kSwap, in the other one; every parameter that
@@ -73,7 +74,7 @@ bool WalkBody(const PcfRawData& raw, ErrorText error, Visit visit) {
     if (end - at < kParamHead) return Fail(error, "parameter %u of %u: the body ends in its head", i, count);
     const uint8_t* head = raw.data + at;
     const Param param = {i, LoadAs<kSwap>(head), LoadAs<kSwap>(head + 4), LoadAs<kSwap>(head + 8), at};
-    if (!CheckParam(raw.data, param, end - at - kParamHead, error)) return false;
+    if (!CheckParam(head + kParamHead, param, end - at - kParamHead, error)) return false;
     visit(param);
     at += kParamHead + StoredLength(param.type, param.length);
   }

@@ -61,22 +61,21 @@ bool NeedTable(const Form& form, const uint8_t** table, ErrorText error) {
 
 bool HeaderToNative(uint8_t* h, ErrorText error) {
   Form form;
-  if (!TellForm(h, kHeader, &form, error)) return false;
-  if (!form.swapped && !form.ebcdic) return true;
-  return ConvertHeader(h, form, error);
+  if (IsNative(h, kHeader)) return true;
+  return TellForm(h, kHeader, &form, error) && ConvertHeader(h, form, error);
 }
 
 bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error) {
-  Form form;
-  if (!TellForm(h, kHeader, &form, error)) return false;
-  if (form.swapped || form.ebcdic) return Fail(error, "the header is still in its sender's form");
   const uint32_t body = Load(h + kAtBodyLength);
+  const uint32_t encoding = Load(h + kAtEncoding);
+  Form form;
+  if (!IsNative(h, kHeader)) {
+    return TellForm(h, kHeader, &form, error) && Fail(error, "the header is still in its sender's form");
+  }
   if (length < kHeader || length - kHeader != body) {
     return Fail(error, "the header says %u bytes of body, the message has %lld", body, (long long)length - kHeader);
   }
-  const uint32_t encoding = Load(h + kAtEncoding);
-  if (encoding != kEncoding) return Fail(error, "the body's encoding is version %u, not %u", encoding, kEncoding);
-  return true;
+  return encoding == kEncoding || Fail(error, "the body's encoding is version %u, not %u", encoding, kEncoding);
 }
 
 }  // namespace mqc
@@ -88,13 +87,14 @@ int AlienToNative(PcfRawData* raw) {
   if (raw->data == nullptr || raw->capacity < kHeader) [[unlikely]] {
     return Fail(HeaderError(), "no room for a header at %u bytes", raw->capacity);
   }
-  return HeaderToNative(raw->data, HeaderError());
+  return IsNative(raw->data, kHeader) || HeaderToNative(raw->data, HeaderError());
 }
 
 int AlienToNativeExt(SecureHeader* envelope) {
   auto* h = reinterpret_cast<uint8_t*>(envelope);
   Form form;
   const uint8_t* table;
+  if (IsNative(h, kEnvelope)) return 1;
   if (!TellForm(h, kEnvelope, &form, HeaderError())) return 0;
   if (!NeedTable(form, &table, HeaderError())) return 0;
   if (form.swapped) {

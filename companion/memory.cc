@@ -115,9 +115,10 @@ void* CountFailure() {
   return nullptr;
 }
 
-void RaisePeak(Tag& tag, uint64_t live) {
+void RaisePeak(Tag& tag, int64_t live) {
+  const auto wanted = static_cast<uint64_t>(live);
   uint64_t peak = tag.peak.load(std::memory_order_relaxed);
-  while (live > peak && !tag.peak.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
+  while (wanted > peak && !tag.peak.compare_exchange_weak(peak, wanted, std::memory_order_relaxed)) {
   }
 }
 

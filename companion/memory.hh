@@ -49,28 +49,31 @@ static_assert(sizeof(BlockHead) == 16);
 
 constexpr size_t kAreaAlignment = 64;
 
-bool MustFail();  // counts down; true for the allocation that has to fail
-void* CountFailure();
-void RaisePeak(Tag& tag, uint64_t live);
+[[gnu::cold]] bool MustFail();  // counts down; true for the allocation that has to fail
+[[gnu::cold]] void* CountFailure();
+[[gnu::cold]] void RaisePeak(Tag& tag, int64_t live);
 
-// A process with one thread needs no locked instruction.
-inline uint64_t Add(std::atomic<uint64_t>& counter, uint64_t amount) {
-  if (__libc_single_threaded) {
-    const uint64_t sum = counter.load(std::memory_order_relaxed) + amount;
-    counter.store(sum, std::memory_order_relaxed);
+// Adds one block and its bytes; returns the number of blocks. A process with one thread needs no locked instruction.
+inline uint64_t Add(std::atomic<uint64_t>& blocks, std::atomic<uint64_t>& bytes, uint64_t size) {
+  constexpr auto relaxed = std::memory_order_relaxed;
+  if (__libc_single_threaded) [[likely]] {
+    const uint64_t sum = blocks.load(relaxed) + 1;
+    blocks.store(sum, relaxed);
+    bytes.store(bytes.load(relaxed) + size, relaxed);
     return sum;
   }
-  return counter.fetch_add(amount, std::memory_order_relaxed) + amount;
+  bytes.fetch_add(size, relaxed);
+  return blocks.fetch_add(1, relaxed) + 1;
 }
 
 inline void* CountBlock(char* block, uint32_t offset, uint32_t size, Tag& tag) {
   char* place = block + offset;
   *(reinterpret_cast<BlockHead*>(place) - 1) = {&tag, size, offset};
-  const uint64_t total = Add(tag.total, 1);
-  Add(tag.live_bytes, size);
+  const uint64_t total = Add(tag.total, tag.live_bytes, size);
   // Other threads may have released more meanwhile than this one had seen allocated: the difference is signed.
   const int64_t live = static_cast<int64_t>(total - tag.released.load(std::memory_order_relaxed));
-  if (live > static_cast<int64_t>(tag.peak.load(std::memory_order_relaxed))) RaisePeak(tag, live);
+  if (live > static_cast<int64_t>(tag.peak.load(std::memory_order_relaxed))) [[unlikely]]
+    RaisePeak(tag, live);
   return place;
 }
 
@@ -85,7 +88,7 @@ inline void* Allocate(uint32_t size, Tag& tag) {
 }
 
 // Bytes for data, at a multiple of 64, not cleared. Null without memory.
-inline void* AllocateArea(uint32_t size, Tag& tag) {
+[[gnu::always_inline]] inline void* AllocateArea(uint32_t size, Tag& tag) {
   if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]]
     return CountFailure();
   // malloc's 16-byte alignment leaves at most 48 bytes to skip behind the head.
@@ -101,8 +104,7 @@ inline void* AllocateArea(uint32_t size, Tag& tag) {
 inline void Release(void* place) {
   if (place == nullptr) return;
   const BlockHead head = *(static_cast<BlockHead*>(place) - 1);
-  Add(head.tag->released, 1);
-  Add(head.tag->live_bytes, -static_cast<uint64_t>(head.size));
+  Add(head.tag->released, head.tag->live_bytes, -static_cast<uint64_t>(head.size));
   free(static_cast<char*>(place) - head.offset);
 }
 

@@ -61,6 +61,11 @@ inline uint32_t LoadAs(const uint8_t* at) {
 
 inline void SwapWord(uint8_t* at) { Store(at, __builtin_bswap32(Load(at))); }
 
+// True for a header or envelope of this length that is in the host's form: nothing is to be converted.
+inline bool IsNative(const uint8_t* h, uint32_t length) {
+  return Load(h + kAtLength) == length && Load(h + kAtBigEndian) == kHostIsBig && Load(h + kAtAscii) == kHostIsAscii;
+}
+
 struct Entry {
   uint32_t id;
   uint32_t type;

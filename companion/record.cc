@@ -15,54 +15,46 @@ constexpr uint32_t kFirstCapacity = 512;
 constexpr size_t kDumpLine = 32;    // bytes of the message a line of the dump
 constexpr size_t kDumpBytes = 192;  // the header and the start of the body
 
-// Room for more bytes behind the message, doubling what there is.
-bool MakeRoom(PcfMessage* msg, uint64_t more) {
-  const PcfRawData& raw = msg->raw;
-  const uint64_t need = raw.length + more;
-  if (need <= raw.capacity) return true;
-  if (need > MQ_MAX_MESSAGE) {
-    return Fail(ErrorOf(ContentOf(msg)), "a message of %llu bytes would pass the bound of %u", (unsigned long long)need,
-                MQ_MAX_MESSAGE);
-  }
-  const uint64_t doubled = std::min<uint64_t>(uint64_t{raw.capacity} * 2, MQ_MAX_MESSAGE);
+// Room for need bytes of message, at least double of what there was.
+[[gnu::noinline]] bool GrowMessage(PcfMessage* msg, uint64_t need) {
+  const ErrorText error = ErrorOf(ContentOf(msg));
+  const auto wanted = static_cast<unsigned long long>(need);
+  if (need > MQ_MAX_MESSAGE) return Fail(error, "%llu bytes would pass the bound of %u", wanted, MQ_MAX_MESSAGE);
+  const uint64_t doubled = std::min<uint64_t>(uint64_t{msg->raw.capacity} * 2, MQ_MAX_MESSAGE);
   if (GrowRaw(msg, static_cast<uint32_t>(std::max(need, doubled)))) return true;
-  return Fail(ErrorOf(ContentOf(msg)), "no memory for a message of %llu bytes", (unsigned long long)need);
+  return Fail(error, "no memory for a message of %llu bytes", wanted);
 }
 
-// Writes the parameter's head and padding and enters it in the index. Null with an error text when there is no room;
-// else the place of its value.
-uint8_t* AppendParam(PcfMessage* msg, uint32_t id, MqcType type, uint64_t length) {
-  Content& content = ContentOf(msg);
-  const ErrorText error = ErrorOf(content);
-  content.error[0] = '\0';
-  if (content.ready != kReady) {
-    Fail(error, "the record holds no message to add to");
-    return nullptr;
-  }
+bool CheckForAdding(Content& content) {
+  if (content.ready != kReady) return Fail(ErrorOf(content), "the record holds no message to add to");
   if (content.count == MQC_MAX_PARAMS) {
-    Fail(error, "a message has at most %u parameters", MQC_MAX_PARAMS);
-    return nullptr;
+    return Fail(ErrorOf(content), "a message has at most %u parameters", MQC_MAX_PARAMS);
   }
-  const uint64_t stored = (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~uint64_t{3};
-  if (!MakeRoom(msg, kParamHead + stored)) return nullptr;
+  content.error[0] = '\0';
+  return true;
+}
+
+// Appends the parameter's head, value and padding and enters it in the index. Inline, so that what is known of an
+// integer's length needs no work.
+[[gnu::always_inline]] inline bool AddParam(PcfMessage* msg, uint32_t id, MqcType type, const void* value,
+                                            uint64_t length) {
+  Content& content = ContentOf(msg);
   PcfRawData& raw = msg->raw;
+  if (!CheckForAdding(content)) return false;
+  const uint64_t stored = (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~uint64_t{3};
+  const uint64_t end = raw.length + kParamHead + stored;
+  if (end > raw.capacity && !GrowMessage(msg, end)) return false;
   uint8_t* head = raw.data + raw.length;
   const auto size = static_cast<uint32_t>(length);
   Store(head, id);
   Store(head + 4, type);
   Store(head + 8, size);
-  if (stored != 0) Store(head + kParamHead + stored - 4, 0);
+  if (stored != length) Store(head + kParamHead + stored - 4, 0);
+  if (length != 0) memcpy(head + kParamHead, value, length);
   content.entries[content.count++] = {id, type, raw.length + kParamHead, size};
-  raw.length += kParamHead + static_cast<uint32_t>(stored);
+  raw.length = static_cast<uint32_t>(end);
   Store(raw.data + kAtBodyLength, raw.length - kHeader);
   Store(raw.data + kHeader + 4, content.count);
-  return head + kParamHead;
-}
-
-bool AddParam(PcfMessage* msg, uint32_t id, MqcType type, const void* value, uint64_t length) {
-  uint8_t* place = AppendParam(msg, id, type, length);
-  if (place == nullptr) return false;
-  if (length != 0) memcpy(place, value, length);
   return true;
 }
 
