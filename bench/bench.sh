@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# bench.sh BUILD_DIR ARGS... - runs the benchmarks of a build; mqbench --help says what they take.
+#   bench.sh BUILD_DIR parts ARGS...   single calls, with Google Benchmark (its own arguments)
+set -euo pipefail
+bin=$1/bin
+shift
+if [ "${1:-}" = parts ]; then
+  shift
+  exec "$bin/mqbench_parts" "$@"
+fi
+exec "$bin/mqbench" "$@"

@@ -1,0 +1,70 @@
+// main.cc - what the benchmarks are asked for on the command line.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <csignal>
+#include <set>
+
+#include "bench/sections.hh"
+
+namespace bench {
+
+std::string WorkProgram() {
+  char path[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+  Check(length > 0 && length < PATH_MAX, "readlink /proc/self/exe");
+  return std::string(path, static_cast<size_t>(length)) + "_work";
+}
+
+namespace {
+
+struct Wanted {
+  bool pinned = false;
+  bool free = false;
+  std::set<std::string> sections;
+  bool Has(const char* section) const { return sections.empty() || sections.count(section) != 0; }
+};
+
+void MeasureAll(Report* report, const Settings& settings, const Wanted& wanted) {
+  if (wanted.Has("calls")) MeasureCalls(report);
+  if (wanted.Has("held")) MeasureHeld(report);
+  if (wanted.Has("instructions")) MeasureInstructions(report, settings);
+  PinToOneProcessor();
+  if (wanted.pinned && wanted.Has("exchange")) MeasureExchanges(report, settings, "pinned");
+  if (wanted.Has("wait")) MeasureWaits(report, settings);
+  if (wanted.pinned && wanted.Has("signed")) MeasureSigned(report, settings, "pinned");
+  UnpinProcessor();
+  if (wanted.free && wanted.Has("exchange")) MeasureExchanges(report, settings, "free");
+  if (wanted.free && wanted.Has("signed")) MeasureSigned(report, settings, "free");
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+  CLI::App app("Measures nodes beside bare sockets that make the same system calls and copies.", "bench");
+  bench::Settings settings;
+  bench::Wanted wanted;
+  std::string json;
+  std::vector<std::string> only;
+  app.add_flag("--quick", settings.quick, "a first look: fewer slices");
+  app.add_flag("--pin", wanted.pinned, "only with both processes on one processor (neither: both views)");
+  app.add_flag("--free", wanted.free, "only where the system puts them");
+  app.add_flag("--functions", settings.functions, "instructions function by function");
+  app.add_option("--json", json, "write the figures to this file too");
+  app.add_option("--only", only, "sections to run")
+      ->delimiter(',')
+      ->check(CLI::IsMember({"calls", "held", "instructions", "exchange", "wait", "signed"}));
+  CLI11_PARSE(app, argc, argv);
+  if (!wanted.pinned && !wanted.free) wanted.pinned = wanted.free = true;
+  wanted.sections = {only.begin(), only.end()};
+  settings.exchange = settings.quick ? bench::Effort{0.001, 25} : bench::Effort{0.0015, 250};
+  settings.wait = settings.quick ? bench::Effort{0.0005, 20} : bench::Effort{0.0005, 300};
+  signal(SIGPIPE, SIG_IGN);
+
+  bench::Report report;
+  bench::MeasureAll(&report, settings, wanted);
+  if (!json.empty()) report.WriteJson(json);
+  return 0;
+}

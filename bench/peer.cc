@@ -1,0 +1,110 @@
+// peer.cc - forks the second process, connects each contestant to it, and runs slices.
+// Invariant: outside of Run and the constructor the peer waits for a command, which is no load.
+#include "bench/peer.hh"
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+
+#include "bench/measure.hh"
+
+namespace bench {
+
+Duel::Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body)
+    : contestants_(std::move(contestants)), pattern_(pattern) {
+  int pair[2];
+  Check(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
+  fflush(stdout);
+  peer_ = fork();
+  Check(peer_ != -1, "fork");
+  control_ = pair[peer_ == 0];
+  close(pair[peer_ != 0]);
+  if (peer_ == 0) Obey();
+  for (size_t c = 0; c < size(); ++c) {
+    ends_.push_back(contestants_[c].make(pattern_));
+    Tell({Order::kAccept, static_cast<uint32_t>(c), body});
+    ends_[c]->Connect(static_cast<uint16_t>(Hear()));
+    ends_[c]->Prepare(body);
+    Hear();
+  }
+  for (size_t c = 0; c < size(); ++c) {
+    const std::vector<uint8_t> sent(ends_[c]->Body().begin(), ends_[c]->Body().end());
+    Run(c, 2);
+    Check(std::equal(sent.begin(), sent.end(), ends_[c]->Body().begin(), ends_[c]->Body().end()), "message changed");
+  }
+}
+
+Duel::~Duel() {
+  ends_.clear();
+  close(control_);
+  waitpid(peer_, nullptr, 0);
+}
+
+double Duel::Run(size_t c, size_t count) {
+  End& end = *ends_[c];
+  Tell({Order::kServe, static_cast<uint32_t>(c), count});
+  Hear();
+  const bool both_ways = pattern_ == Pattern::kRoundTrip;
+  if (both_ways) {  // the peer has woken up when its first answer is here
+    end.Write();
+    end.Read();
+  }
+  const double start = Seconds();
+  for (size_t i = 0; i < count; ++i) {
+    end.Write();
+    if (both_ways) end.Read();
+  }
+  if (!both_ways) Hear();
+  return Seconds() - start;
+}
+
+void Duel::Serve(End& end, size_t count) {
+  Answer(0);
+  if (pattern_ == Pattern::kOneWay) {
+    for (size_t i = 0; i < count; ++i) end.Read();
+    return Answer(0);
+  }
+  for (size_t i = 0; i < count + 1; ++i) {
+    end.Read();
+    end.Write();
+  }
+}
+
+void Duel::Obey() {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  for (const Contestant& contestant : contestants_) ends_.push_back(contestant.make(pattern_));
+  Command command;
+  while (recv(control_, &command, sizeof command, MSG_WAITALL) == sizeof command) {
+    End& end = *ends_.at(command.contestant);
+    if (command.order == Order::kServe) {
+      Serve(end, command.count);
+      continue;
+    }
+    Answer(end.Listen());
+    end.Accept();
+    end.Prepare(command.count);
+    Answer(0);
+  }
+  ends_.clear();
+  _exit(0);
+}
+
+void Duel::Tell(const Command& command) {
+  Check(send(control_, &command, sizeof command, MSG_NOSIGNAL) == sizeof command, "the peer is gone");
+}
+
+void Duel::Answer(uint32_t word) {
+  if (send(control_, &word, sizeof word, MSG_NOSIGNAL) != sizeof word) _exit(1);
+}
+
+uint32_t Duel::Hear() {
+  uint32_t word = 0;
+  Check(recv(control_, &word, sizeof word, MSG_WAITALL) == sizeof word, "the peer is gone");
+  return word;
+}
+
+}  // namespace bench

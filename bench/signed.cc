@@ -1,0 +1,99 @@
+// signed.cc - what a signature costs: whole round trips, and the two security functions by themselves.
+#include <fmt/format.h>
+
+#include <cstring>
+
+#include "bench/node_end.hh"
+#include "bench/peer.hh"
+#include "bench/sections.hh"
+
+namespace bench {
+namespace {
+
+constexpr size_t kBodies[] = {64, 1024, 64 * 1024};
+constexpr double kMicro = 1e6;
+constexpr size_t kBatch = 32;
+constexpr uint32_t kEnvelope = sizeof(SecureHeader);
+
+// A message as the signed write hands it to mqc_sign.
+PcfMessage* MessageToSign(size_t body) {
+  PcfMessage* const msg = NewMessage(body);
+  auto* const header = reinterpret_cast<MsgHeader*>(msg->raw.data);
+  const std::string user = mqc_signer_user(SharedSigner());
+  memcpy(header->userId, user.data(), user.size());
+  msg->secHeader = {kEnvelope, 1, header->bigEndian, header->asciiText, msg->raw.length, {}};
+  memcpy(msg->secHeader.userId, header->userId, sizeof header->userId);
+  return msg;
+}
+
+// What the secure read does before it asks for the check.
+IoBuffer Receive(const IoBuffer& sent, PcfMessage* msg) {
+  IoBuffer part = sent;
+  part.data += kEnvelope;
+  part.length -= kEnvelope;
+  memcpy(&msg->secHeader, sent.data, kEnvelope);
+  Check(SizePcfMessage(msg, sent.length), "SizePcfMessage");
+  memcpy(msg->raw.data, part.data, part.length);
+  msg->raw.length = part.length;
+  return part;
+}
+
+struct Cost {
+  double sign;  // seconds
+  double authenticate;
+};
+
+Cost MeasureSignature(size_t body, size_t rounds) {
+  PcfMessage* const msg = MessageToSign(body);
+  PcfMessage* const received = NewMessage(body);
+  std::vector<double> sign;
+  std::vector<double> authenticate;
+  for (size_t round = 0; round < rounds; ++round) {
+    IoBuffer sent[kBatch] = {};
+    const double start = Seconds();
+    for (IoBuffer& desc : sent) Check(mqc_sign(SharedSigner(), msg, &desc), "mqc_sign");
+    sign.push_back((Seconds() - start) / kBatch);
+    double checking = 0;
+    for (IoBuffer& desc : sent) {
+      IoBuffer part = Receive(desc, received);
+      const double begun = Seconds();
+      Check(mqc_authenticate(&received->secHeader, &part, received), "mqc_authenticate");
+      checking += Seconds() - begun;
+      DeleteBuffer(&desc);
+    }
+    authenticate.push_back(checking / kBatch);
+  }
+  mqc_message_free(msg);
+  mqc_message_free(received);
+  return {Median(sign), Median(authenticate)};
+}
+
+}  // namespace
+
+void MeasureSigned(Report* report, const Settings& settings, const std::string& placement) {
+  ShareKeys();
+  Section section = {fmt::format("signed_{}", placement),
+                     fmt::format("Signed round trip, {}: beside a plain one, and the signatures' share", placement),
+                     {"body", "signed us", "plain us", "signed/plain", "+-", "sign us", "authenticate us", "share"},
+                     {},
+                     {"share: of the time of a signed round trip, what two signatures and two checks take"}};
+  for (const size_t body : kBodies) {
+    Duel duel({SignedNodes(), Nodes()}, Pattern::kRoundTrip, body);
+    // The signed ones set the count: a receiver remembers each of their messages.
+    const size_t count = CountFor(settings.exchange.slice, [&](size_t n) { return duel.Run(0, n); });
+    const Samples samples = Interleave(duel.size(), settings.exchange.rounds, [&](size_t c) {
+      return duel.Run(c, count) / static_cast<double>(count);
+    });
+    const Ratio ratio = RatioOfMedians(samples[0], samples[1]);
+    const Cost cost = MeasureSignature(body, settings.exchange.rounds / 4 + 1);
+    const double whole = Median(samples[0]);
+    section.rows.push_back({Text(body < 1024 ? fmt::format("{} B", body) : fmt::format("{} KiB", body / 1024)),
+                            Number(whole * kMicro, 2), Number(Median(samples[1]) * kMicro, 2), Number(ratio.value, 2),
+                            Number(ratio.Spread(), 2), Number(cost.sign * kMicro, 2),
+                            Number(cost.authenticate * kMicro, 2),
+                            Number(2 * (cost.sign + cost.authenticate) / whole, 3)});
+  }
+  report->Add(std::move(section));
+}
+
+}  // namespace bench

@@ -1,0 +1,26 @@
+// waits.hh - the waits that are compared: nodes' ones and the bare calls over the same descriptors.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "mqnode/mqnode.h"
+
+namespace bench {
+
+class Waiter {
+ public:
+  virtual ~Waiter() = default;
+  // Waits until something is ready and returns how many nodes are.
+  virtual size_t Wait() = 0;
+};
+
+struct WaitKind {
+  const char* name;
+  std::unique_ptr<Waiter> (*make)(const std::vector<MQNode*>& nodes);
+};
+
+// mnPostExMSec, mnNPostExMSec, select, poll, epoll, in this order.
+const std::vector<WaitKind>& WaitKinds();
+
+}  // namespace bench
