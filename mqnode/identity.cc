@@ -73,6 +73,7 @@ int GetApplName(char* out, int* len) {
   strip_spaces(name);
   strupper(name);
   *len = static_cast<int>(strnlen(name, kNameLength));
-  memcpy(out, name, kNameLength);
+  // Taking out blanks leaves characters behind the terminator; they are no part of the name.
+  mq::CopyPadded(out, kNameLength, name, kNameLength);
   return 1;
 }
