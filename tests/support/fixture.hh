@@ -84,9 +84,10 @@ class ClosedPort {
   Peer peer_;
 };
 
-// Base of all tests. Before a test: platform, traces and globals as at the start of a process, SIGPIPE ignored, log into
-// a file of the test. After it, once the members of derived fixtures are gone: the same descriptors open as before, no
-// memory of the companion in use that was not before ("ring" and "replay", which live as long as the process, aside).
+// Base of all tests. Before a test: platform, traces and globals as at the start of a process, SIGPIPE ignored, log
+// into a file of the test. After it, once the members of derived fixtures are gone: the same descriptors open as
+// before, no memory of the companion in use that was not before ("ring" and "replay", which live as long as the
+// process, aside).
 class Fixture : public ::testing::Test {
  protected:
   Fixture();
@@ -122,8 +123,9 @@ Lines OpenDescriptors();
 // Live blocks of the companion by tag.
 std::map<std::string, uint64_t> LiveBlocks();
 
-// Runs scenario again and again while the 1st, 2nd, 3rd ... allocation of the companion fails, until one run makes fewer.
-// Returns the number of failures that were walked. The scenario cleans up; after each run the memory is compared.
+// Runs scenario again and again while the 1st, 2nd, 3rd ... allocation of the companion fails, until one run makes
+// fewer. Returns the number of failures that were walked. The scenario cleans up; after each run the memory is
+// compared.
 int WalkAllocations(const std::function<void(int failing)>& scenario);
 // The same for system calls of the library, failing with code.
 int WalkCalls(int code, const std::function<void(int failing)>& scenario,

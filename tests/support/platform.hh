@@ -6,10 +6,10 @@
 // itself, GoogleTest, the companion) is passed on untouched. Names are never looked up outside: the library resolves
 // only what AddHost and AddService named ("localhost" is always there), and its sleep returns at once.
 //
-// Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close fcntl
-// gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal alarm
-// LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed, sysconf can be
-// failed.
+// Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close
+// fcntl gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal
+// alarm LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed, sysconf can
+// be failed.
 #pragma once
 
 #include <cstddef>
