@@ -60,7 +60,7 @@ bool NeedTable(const Form& form, const uint8_t** table, ErrorText error) {
 }  // namespace
 
 bool HeaderToNative(uint8_t* h, ErrorText error) {
-  Form form;
+  Form form = {};
   if (IsNative(h, kHeader)) return true;
   return TellForm(h, kHeader, &form, error) && ConvertHeader(h, form, error);
 }
@@ -68,7 +68,7 @@ bool HeaderToNative(uint8_t* h, ErrorText error) {
 bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error) {
   const uint32_t body = Load(h + kAtBodyLength);
   const uint32_t encoding = Load(h + kAtEncoding);
-  Form form;
+  Form form = {};
   if (!IsNative(h, kHeader)) {
     return TellForm(h, kHeader, &form, error) && Fail(error, "the header is still in its sender's form");
   }
@@ -92,7 +92,7 @@ int AlienToNative(PcfRawData* raw) {
 
 int AlienToNativeExt(SecureHeader* envelope) {
   auto* h = reinterpret_cast<uint8_t*>(envelope);
-  Form form;
+  Form form = {};
   const uint8_t* table;
   if (IsNative(h, kEnvelope)) return 1;
   if (!TellForm(h, kEnvelope, &form, HeaderError())) return 0;

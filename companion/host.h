@@ -252,8 +252,8 @@ MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
 
 /* mqc_refuse_before - refuse every message signed at this time or before, until the process ends.
  * What was accepted is remembered by the process, not across a restart. A host that must not accept once more what its
- * predecessor accepted calls this when it starts, with the present time and what the clocks of its senders may be ahead.
- * A lower value than before changes nothing. */
+ * predecessor accepted calls this when it starts, with the present time plus what the clocks of its senders may be
+ * ahead. A lower value than before changes nothing. */
 MQ_RUNTIME void mqc_refuse_before(int64_t time);
 
 /* mqc_set_clock - take the time for signing and authenticating from this function; null for the system's clock.

@@ -108,7 +108,7 @@ class Encoder {
     return *this;
   }
   Encoder& Zeros(size_t count) {
-    bytes.resize(bytes.size() + count);
+    for (size_t i = 0; i < count; ++i) bytes.push_back(0);
     return *this;
   }
   Encoder& Text(const std::string& text, size_t field) {
