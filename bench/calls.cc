@@ -22,16 +22,26 @@ using Histogram = std::map<long, size_t>;
 
 const char* NameOf(long number) {
   switch (number) {
-    case SYS_sendto: return "send";
-    case SYS_recvfrom: return "recvfrom";
-    case SYS_select: return "select";
-    case SYS_pselect6: return "pselect";
-    case SYS_poll: return "poll";
-    case SYS_epoll_wait: return "epoll_wait";
-    case SYS_brk: return "brk";
-    case SYS_mmap: return "mmap";
-    case SYS_munmap: return "munmap";
-    default: return nullptr;
+    case SYS_sendto:
+      return "send";
+    case SYS_recvfrom:
+      return "recvfrom";
+    case SYS_select:
+      return "select";
+    case SYS_pselect6:
+      return "pselect";
+    case SYS_poll:
+      return "poll";
+    case SYS_epoll_wait:
+      return "epoll_wait";
+    case SYS_brk:
+      return "brk";
+    case SYS_mmap:
+      return "mmap";
+    case SYS_munmap:
+      return "munmap";
+    default:
+      return nullptr;
   }
 }
 
@@ -51,15 +61,19 @@ Histogram Trace(std::vector<std::string> args) {
   bool counting = false;
   int status;
   waitpid(child, &status, 0);
-  const bool traced = WIFSTOPPED(status) && ptrace(PTRACE_SETOPTIONS, child, 0, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) == 0;
-  while (traced && ptrace(PTRACE_SYSCALL, child, 0, 0) == 0 && waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+  const bool traced =
+      WIFSTOPPED(status) && ptrace(PTRACE_SETOPTIONS, child, 0, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) == 0;
+  while (traced && ptrace(PTRACE_SYSCALL, child, 0, 0) == 0 && waitpid(child, &status, 0) == child &&
+         WIFSTOPPED(status)) {
     __ptrace_syscall_info info = {};
     if (WSTOPSIG(status) != (SIGTRAP | 0x80)) continue;
     ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
     if (info.op != PTRACE_SYSCALL_INFO_ENTRY) continue;
     const auto number = static_cast<long>(info.entry.nr);
-    if (number == SYS_getppid) counting = !counting;
-    else if (counting) ++calls[number];
+    if (number == SYS_getppid)
+      counting = !counting;
+    else if (counting)
+      ++calls[number];
   }
   Check(!traced || (WIFEXITED(status) && WEXITSTATUS(status) == 0), "mqbench_work");
   return calls;
@@ -104,11 +118,12 @@ Allocations CountAllocations(const Contestant& contestant) {
 }  // namespace
 
 void MeasureCalls(Report* report) {
-  Section section = {"calls",
-                     "System calls and allocations of one message written and read, 64 B body, and of one wait over 10 nodes",
-                     {"what", "allocations, write", "allocations, read", "system calls"},
-                     {},
-                     {"allocations: of the companion, a record and an area for each message written"}};
+  Section section = {
+      "calls",
+      "System calls and allocations of one message written and read, 64 B body, and of one wait over 10 nodes",
+      {"what", "allocations, write", "allocations, read", "system calls"},
+      {},
+      {"allocations: of the companion, a record and an area for each message written"}};
   const std::string count = std::to_string(kCount);
   for (const Contestant& contestant : {Nodes(), BareSockets()}) {
     const Allocations made = CountAllocations(contestant);

@@ -72,8 +72,10 @@ void Crowd::Obey() {
   Command command;
   while (recv(control_, &command, sizeof command, MSG_WAITALL) == sizeof command) {
     for (size_t i = command.first; i < command.first + command.count; ++i) {
-      if (command.order == 'c') sockets.push_back(ConnectBare(port));
-      else Check(send(sockets.at(i), message.data(), message.size(), 0) == ssize_t(message.size()), "send");
+      if (command.order == 'c')
+        sockets.push_back(ConnectBare(port));
+      else
+        Check(send(sockets.at(i), message.data(), message.size(), 0) == ssize_t(message.size()), "send");
     }
     Check(send(control_, "", 1, MSG_NOSIGNAL) == 1, "the crowd's host is gone");
   }

@@ -21,12 +21,13 @@ void MeasureHeld(Report* report) {
   double open;
   const int found = fscanf(pipe, "%lf %lf %lf %lf", &idle, &read, &asked, &open);
   Check(pclose(pipe) == 0 && found == 4, "mqbench_work held");
-  report->Add({"held",
-               "Connections held at once: memory a node, bytes",
-               {"nodes", "resident, idle", "resident, after a message", "asked for", "allocations"},
-               {{Number(kNodes, 0), Count(idle), Count(read), Count(asked), Number(open, 2)}},
-               {"resident: growth of the process; asked for: node record and receive buffer; the kernel's part is not in "
-                "these"}});
+  report->Add(
+      {"held",
+       "Connections held at once: memory a node, bytes",
+       {"nodes", "resident, idle", "resident, after a message", "asked for", "allocations"},
+       {{Number(kNodes, 0), Count(idle), Count(read), Count(asked), Number(open, 2)}},
+       {"resident: growth of the process; asked for: node record and receive buffer; the kernel's part is not in "
+        "these"}});
 }
 
 }  // namespace bench

@@ -19,7 +19,6 @@ namespace {
 
 struct Profile {
   std::map<std::pair<std::string, std::string>, double> own;  // (library, function): instructions a pass
-  double mallocs = 0;                                         // calls of malloc and its like a pass
 
   double Of(const std::string& library) const {
     double sum = 0;
@@ -39,20 +38,12 @@ std::string LibraryOf(const std::string& object) {
   return file.rfind("lib", 0) == 0 ? file.substr(0, file.find('.')) : "bench";
 }
 
-bool IsAllocator(const std::string& function) {
-  for (const char* name : {"malloc", "calloc", "realloc", "memalign", "aligned_alloc", "posix_memalign"}) {
-    if (function == name) return true;
-  }
-  return false;
-}
-
 // A line of cost belongs to the function named last; the line after "calls=" repeats the callee's cost.
 Profile ReadProfile(const std::string& path, double passes) {
   Profile profile;
   std::ifstream file(path);
   std::string object;
   std::string function;
-  std::string callee;
   std::string line;
   while (std::getline(file, line)) {
     const size_t equals = line.find('=');
@@ -60,12 +51,8 @@ Profile ReadProfile(const std::string& path, double passes) {
     const std::string value = key.empty() ? "" : line.substr(equals + 1);
     if (key == "ob") object = LibraryOf(value);
     if (key == "fn") function = value.substr(0, value.find('\''));
-    if (key == "cfn") callee = value;
-    if (key == "calls") {
-      if (IsAllocator(callee)) profile.mallocs += std::strtod(value.c_str(), nullptr) / passes;
-      std::getline(file, line);
-    }
-    if (!line.empty() && isdigit(static_cast<unsigned char>(line[0])) && key.empty()) {
+    if (key == "calls") std::getline(file, line);
+    if (key.empty() && !line.empty() && isdigit(static_cast<unsigned char>(line[0]))) {
       const size_t blank = line.find(' ');
       if (blank == std::string::npos) continue;
       profile.own[{object, function}] += std::strtod(line.c_str() + blank, nullptr) / passes;
@@ -119,19 +106,18 @@ std::vector<Cell> MessageRow(const char* name, const Profile& profile) {
           Number(profile.Of("libmqnode"), 0),
           Number(profile.Of("libmqcompanion"), 0),
           Number(profile.Of("libc"), 0),
-          Number(profile.Of("bench"), 0),
-          Number(profile.mallocs, 2)};
+          Number(profile.Of("bench"), 0)};
 }
 
 Profile Difference(const Profile& one, const Profile& other) {
   Profile result = one;
   for (const auto& [place, cost] : other.own) result.own[place] -= cost;
-  result.mallocs -= other.mallocs;
   return result;
 }
 
 void AddFunctions(Report* report, const Profile& nodes, const Profile& bare) {
-  Section section = {"instructions_functions", "The same, function by function", {"function", "library", "nodes", "bare"}, {}, {}};
+  Section section = {
+      "instructions_functions", "The same, function by function", {"function", "library", "nodes", "bare"}, {}, {}};
   std::map<std::pair<std::string, std::string>, double> all = nodes.own;
   all.insert(bare.own.begin(), bare.own.end());
   std::vector<std::pair<double, std::pair<std::string, std::string>>> order;
@@ -139,13 +125,15 @@ void AddFunctions(Report* report, const Profile& nodes, const Profile& bare) {
     const auto found = profile.own.find(place);
     return found == profile.own.end() ? 0 : found->second;
   };
-  for (const auto& entry : all) order.emplace_back(std::max(cost(nodes, entry.first), cost(bare, entry.first)), entry.first);
+  for (const auto& entry : all)
+    order.emplace_back(std::max(cost(nodes, entry.first), cost(bare, entry.first)), entry.first);
   std::sort(order.rbegin(), order.rend());
   for (const auto& [most, place] : order) {
     if (most < 0.5) break;
     std::string name = place.second.substr(0, place.second.find('('));
     if (name.size() > 48) name.resize(48);
-    section.rows.push_back({Text(std::move(name)), Text(place.first), Number(cost(nodes, place), 0), Number(cost(bare, place), 0)});
+    section.rows.push_back(
+        {Text(std::move(name)), Text(place.first), Number(cost(nodes, place), 0), Number(cost(bare, place), 0)});
   }
   report->Add(std::move(section));
 }
@@ -177,11 +165,13 @@ void MeasureWaitInstructions(Report* report, bool quick) {
 void MeasureInstructions(Report* report, const Settings& settings) {
   constexpr int kPasses = 1000;
   const Profile nodes = Count({"message", "nodes", "64"}, kPasses);
-  Section section = {"instructions",
-                     "Instructions of one message written and read, 64 B body (aim: nodes at most 350 above bare)",
-                     {"what", "all", "library", "companion", "libc", "bench", "mallocs"},
-                     {},
-                     {}};
+  Section section = {
+      "instructions",
+      "Instructions of one message written and read, 64 B body (aim: nodes at most 350 above bare)",
+      {"what", "all", "library", "companion", "libc", "bench"},
+      {},
+      {"library: libmqnode alone; libc: with the allocations and copies that it and the companion ask for",
+       "bench: the loop, and what the bare sockets' own code does"}};
   if (nodes.own.empty()) {
     section.notes = {"valgrind is missing (package valgrind): no instructions were counted"};
     return report->Add(std::move(section));

@@ -47,9 +47,7 @@ void Check(bool ok, const char* what) {
   if (!ok) Die(what);
 }
 
-double Seconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+double Seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 double Median(std::vector<double> values) {
   Check(!values.empty(), "a median of nothing");

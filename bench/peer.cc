@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <ctime>
 
 #include "bench/measure.hh"
 
@@ -44,7 +45,18 @@ Duel::~Duel() {
   waitpid(peer_, nullptr, 0);
 }
 
-double Duel::Run(size_t c, size_t count) {
+Spent Duel::Now() const {
+  const auto read = [](clockid_t clock) {
+    timespec time = {};
+    Check(clock_gettime(clock, &time) == 0, "clock_gettime");
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+  };
+  clockid_t peer_clock;
+  Check(clock_getcpuclockid(peer_, &peer_clock) == 0, "clock_getcpuclockid");
+  return {Seconds(), read(CLOCK_PROCESS_CPUTIME_ID) + read(peer_clock)};
+}
+
+Spent Duel::Run(size_t c, size_t count) {
   End& end = *ends_[c];
   Tell({Order::kServe, static_cast<uint32_t>(c), count});
   Hear();
@@ -53,13 +65,14 @@ double Duel::Run(size_t c, size_t count) {
     end.Write();
     end.Read();
   }
-  const double start = Seconds();
+  const Spent start = Now();
   for (size_t i = 0; i < count; ++i) {
     end.Write();
     if (both_ways) end.Read();
   }
   if (!both_ways) Hear();
-  return Seconds() - start;
+  const Spent end_time = Now();
+  return {end_time.elapsed - start.elapsed, end_time.processor - start.processor};
 }
 
 void Duel::Serve(End& end, size_t count) {

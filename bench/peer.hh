@@ -10,6 +10,11 @@
 
 namespace bench {
 
+struct Spent {
+  double elapsed;    // seconds
+  double processor;  // seconds that both processes ran, the system's work for them included
+};
+
 // What this process measures, against a peer that was forked from it and so has the same contestants.
 class Duel {
  public:
@@ -21,8 +26,8 @@ class Duel {
   size_t size() const { return contestants_.size(); }
   const char* name(size_t c) const { return contestants_[c].name; }
 
-  // Seconds for count messages of contestant c: there and back, or one way until the peer has read the last one.
-  double Run(size_t c, size_t count);
+  // What count messages of contestant c take: there and back, or one way until the peer has read the last one.
+  Spent Run(size_t c, size_t count);
 
  private:
   enum class Order : uint32_t { kAccept, kServe };
@@ -34,6 +39,7 @@ class Duel {
 
   [[noreturn]] void Obey();
   void Serve(End& end, size_t count);
+  Spent Now() const;
   void Tell(const Command& command);
   void Answer(uint32_t word);
   uint32_t Hear();

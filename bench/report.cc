@@ -40,8 +40,10 @@ std::string Date() {
 void PrintRow(const std::vector<std::string>& cells, const std::vector<size_t>& widths) {
   for (size_t i = 0; i < cells.size(); ++i) {
     // Names to the left, figures to the right.
-    if (i == 0) fmt::print("  {:<{}}", cells[i], widths[i]);
-    else fmt::print("  {:>{}}", cells[i], widths[i]);
+    if (i == 0)
+      fmt::print("  {:<{}}", cells[i], widths[i]);
+    else
+      fmt::print("  {:>{}}", cells[i], widths[i]);
   }
   fmt::print("\n");
 }
@@ -97,8 +99,10 @@ void Report::WriteJson(const std::string& path) const {
     for (const auto& row : section.rows) {
       nlohmann::ordered_json object;
       for (size_t i = 0; i < row.size(); ++i) {
-        if (row[i].number) object[section.columns[i]] = *row[i].number;
-        else object[section.columns[i]] = row[i].text;
+        if (row[i].number)
+          object[section.columns[i]] = *row[i].number;
+        else
+          object[section.columns[i]] = row[i].text;
       }
       list.push_back(std::move(object));
     }

@@ -80,9 +80,9 @@ void MeasureSigned(Report* report, const Settings& settings, const std::string& 
   for (const size_t body : kBodies) {
     Duel duel({SignedNodes(), Nodes()}, Pattern::kRoundTrip, body);
     // The signed ones set the count: a receiver remembers each of their messages.
-    const size_t count = CountFor(settings.exchange.slice, [&](size_t n) { return duel.Run(0, n); });
+    const size_t count = CountFor(settings.exchange.slice, [&](size_t n) { return duel.Run(0, n).elapsed; });
     const Samples samples = Interleave(duel.size(), settings.exchange.rounds, [&](size_t c) {
-      return duel.Run(c, count) / static_cast<double>(count);
+      return duel.Run(c, count).elapsed / static_cast<double>(count);
     });
     const Ratio ratio = RatioOfMedians(samples[0], samples[1]);
     const Cost cost = MeasureSignature(body, settings.exchange.rounds / 4 + 1);

@@ -31,12 +31,13 @@ Samples Wait(const std::vector<MQNode*>& nodes, const Effort& effort) {
 }  // namespace
 
 void MeasureWaits(Report* report, const Settings& settings) {
-  Section section = {"wait",
-                     "One wait over idle nodes and one ready, one processor: time beside a bare select (aim 1.05 or less)",
-                     {"idle nodes"},
-                     {},
-                     {"poll: array filled once; epoll: descriptors registered once; for information",
-                      "2500: descriptors of 1024 and more, the sets are sized from the highest one"}};
+  Section section = {
+      "wait",
+      "One wait over idle nodes and one ready, one processor: time beside a bare select (aim 1.05 or less)",
+      {"idle nodes"},
+      {},
+      {"poll: array filled once; epoll: descriptors registered once; for information",
+       "2500: descriptors of 1024 and more, the sets are sized from the highest one"}};
   for (const WaitKind& kind : WaitKinds()) section.columns.push_back(fmt::format("{} us", kind.name));
   for (const char* column : {"mnPost/select", "+-", "mnNPost/select", "+- mnNPost"}) section.columns.push_back(column);
   Crowd crowd;
