@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <fstream>
 #include <functional>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -142,6 +141,13 @@ Bytes SampleFrom(Form form) { return Encoder(form).Header(kSampleBody, "alice").
 
 void PutWord(Bytes* raw, size_t at, uint32_t value, bool big) {
   for (size_t i = 0; i < 4; ++i) (*raw)[at + i] = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
+}
+
+// The first size bytes, or all of them and zeros.
+Bytes Resized(const Bytes& bytes, size_t size) {
+  Bytes out(size);
+  std::copy_n(bytes.begin(), std::min(size, bytes.size()), out.begin());
+  return out;
 }
 
 // ---- Memory ----
@@ -574,14 +580,13 @@ TEST(Message, EveryTruncationIsRefused) {
   for (const Form form : kForms) {
     const Bytes whole = SampleFrom(form);
     for (size_t size = 136; size < whole.size(); ++size) {
-      Bytes cut(whole.begin(), whole.begin() + static_cast<long>(size));
+      Bytes cut = Resized(whole, size);
       ExpectRefused(cut, testing::Message() << "cut at " << size);
       PutWord(&cut, 64, static_cast<uint32_t>(size - 136), form.big);
       ExpectRefused(cut, testing::Message() << "cut and announced at " << size);
     }
     for (const size_t more : {1, 3, 4, 12}) {
-      Bytes longer = whole;
-      longer.resize(whole.size() + more);
+      Bytes longer = Resized(whole, whole.size() + more);
       PutWord(&longer, 64, static_cast<uint32_t>(longer.size() - 136), form.big);
       ExpectRefused(longer, testing::Message() << more << " bytes behind");
     }
@@ -755,8 +760,7 @@ TEST_F(Security, EveryLengthIsRefusedButTheRightOne) {
   const Bytes wire = Sign();
   for (size_t size = 32; size <= wire.size() + 4; ++size) {
     if (size == wire.size()) continue;
-    Bytes other = wire;
-    other.resize(size);
+    Bytes other = Resized(wire, size);
     EXPECT_FALSE(Receive(other)) << size;
     PutWord(&other, 16, static_cast<uint32_t>(size - 32), false);
     EXPECT_FALSE(Receive(other)) << "announced " << size;
@@ -1047,15 +1051,17 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
   LOGMSG(std::string(5000, 'x').c_str(), 1);
   const auto lines = Lines();
   ASSERT_EQ(lines.size(), 3u);
-  const std::regex form(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (.*))");
-  std::smatch match;
-  ASSERT_TRUE(std::regex_match(lines[0], match, form)) << lines[0];
-  EXPECT_EQ(match[1], "1158I from a handler");
+  const std::string shape = "dddd-dd-ddTdd:dd:dd.dddZ ";
+  for (const std::string& line : lines) {
+    std::string start = line.substr(0, shape.size());
+    for (char& c : start) c = isdigit(static_cast<unsigned char>(c)) ? 'd' : c;
+    EXPECT_EQ(start, shape);
+  }
+  EXPECT_EQ(lines[0].substr(shape.size()), "1158I from a handler");
+  EXPECT_EQ(lines[1].substr(shape.size()), "0106W two.lines.[2J");
   tm date = {};
   strptime(lines[0].c_str(), "%Y-%m-%dT%H:%M:%S", &date);
   EXPECT_LT(std::abs(difftime(timegm(&date), time(nullptr))), 5);
-  ASSERT_TRUE(std::regex_match(lines[1], match, form));
-  EXPECT_EQ(match[1], "0106W two.lines.[2J");
   EXPECT_LE(lines[2].size(), 1023u);
 }
 
