@@ -1,0 +1,518 @@
+// deliver_test.cc - messages composed and delivered: what is on the wire, what waits in the queue, what is counted.
+#include <unistd.h>
+
+#include "tests/support/nodes.hh"
+
+namespace {
+
+// The header that a node of "tester" puts in front of body bytes.
+std::string Header(uint32_t body, std::string_view user = "tester") {
+  std::string header(kHeader, '\0');
+  SetWord(&header, 0, 136);
+  SetWord(&header, 4, 1);  // the message library's
+  SetWord(&header, 12, 1);
+  SetWord(&header, kAtBody, body);
+  header.replace(kAtUser, 12, Field(user, 12));
+  return header.replace(84, 7, "UNKNOWN");
+}
+
+class DeliverTest : public NodeTest {
+ protected:
+  // Each node trace point with the error that it sees.
+  void WatchErrors(MQNode* node) {
+    mnSetTraceCallBack(Trace::OnNode, node);
+    Trace::on_node = [this](std::string_view point, const MQNode* seen) {
+      points_.push_back(std::string(point) + " " + std::to_string(seen->error));
+    };
+    points_.clear();
+  }
+  Lines TakePoints() { return std::exchange(points_, {}); }
+
+  // Writes messages of the given commands, the first of which finds the socket full.
+  void Queue(MQNode* node, std::initializer_list<uint32_t> commands) {
+    Platform::Fail("send", 1, EAGAIN);
+    for (const uint32_t command : commands) {
+      const Message out(command, 4);
+      EXPECT_EQ(mnWrite(out, node), 1);
+    }
+    Platform::Reset();
+    TakePoints();
+  }
+  // The commands of the messages that are on the wire.
+  std::string Arrived(const Peer& peer, size_t count) {
+    std::string commands;
+    for (const std::string bytes = peer.Read(count * 160); commands.size() < count;) {
+      commands += static_cast<char>('0' + WordAt(bytes, commands.size() * 160 + kHeader));
+    }
+    return commands;
+  }
+
+ private:
+  Lines points_;
+};
+
+TEST_F(DeliverTest, PlainBytesOnTheWire) {
+  const Link link = Connect();
+  Message out;
+  mqc_begin(out, 0x01020304);
+  mqc_add_bytes(out, 9, "abcdef", 6);
+  memset(out->raw.data + kAtUser, 'x', 60);  // whatever stood in the fields that the node fills
+  std::string body(28, '\0');
+  SetWord(&body, 0, 0x01020304);
+  SetWord(&body, 4, 1);
+  SetWord(&body, 8, 9);
+  SetWord(&body, 12, MQC_BYTES);
+  SetWord(&body, 16, 6);
+  body.replace(20, 6, "abcdef");
+  EXPECT_EQ(mnWrite(out, link.node), 1);
+  EXPECT_EQ(link.peer.Read(164), Header(28) + body);
+  EXPECT_EQ(mnSWrite(out, link.node, 0, nullptr), 1);
+  EXPECT_EQ(link.peer.Read(164), Header(28) + body) << "unsigned is plain";
+
+  Companion::Now().little = false;
+  Companion::Now().ascii = false;
+  EXPECT_EQ(mnWrite(out, link.node), 1);
+  std::string flags = Header(28);
+  SetWord(&flags, 8, 1);
+  SetWord(&flags, 12, 0);
+  EXPECT_EQ(link.peer.Read(164), flags + body);
+}
+
+// What is no message is refused before anything happens; a raw form of any other length is sent as it is.
+TEST_F(DeliverTest, LengthsOfRawForms) {
+  const Link link = Connect();
+  Message out(1000);
+  WatchErrors(link.node);
+  const uint64_t before = mqc_allocations();
+  for (const uint32_t length : {0u, 135u, MQ_MAX_MESSAGE + 1, 0xFFFFFFFFu}) {
+    out->raw.length = length;
+    for (const auto& write : {mnSWrite, mnSWriteAltUser, mnSWriteAltUserHigh}) {
+      for (const int secure : {0, 1}) {
+        EXPECT_EQ(write(out, link.node, secure, nullptr), 0) << length;
+        EXPECT_EQ(link.node->error, MQ_BAD_MESSAGE);
+      }
+    }
+  }
+  EXPECT_EQ(mqc_allocations(), before);
+  EXPECT_EQ(Platform::Calls(), Lines{});
+  out->raw.length = 1000;
+  EXPECT_EQ(mnWrite(out, link.node), 1);
+  EXPECT_EQ(WordAt(link.peer.Read(1000), kAtBody), 864u);
+  PcfMessage empty;
+  mqc_message_init(&empty);
+  EXPECT_EQ(mnSWriteAltUser(&empty, link.node, 0, nullptr), 0);
+  EXPECT_EQ(link.node->error, MQ_BAD_MESSAGE);
+}
+
+TEST_F(DeliverTest, UserOfTheHeader) {
+  const Link link = Connect();
+  const auto write = [&](const char* user) {
+    return [&link, user](PcfMessage* out) { return mnWriteMsg(out, link.node, nullptr, user, 0); };
+  };
+  const auto alternative = [&](const char* user, int (*fn)(PcfMessage*, MQNode*, int, void*)) {
+    return [&link, user, fn](PcfMessage* out) {
+      memcpy(out->raw.data + kAtUser, Field(user, 12).data(), 12);
+      memset(out->raw.data + 84, 'A', 48);  // directly behind a user of 12 characters
+      return fn(out, link.node, 0, nullptr);
+    };
+  };
+  const struct {
+    std::function<int(PcfMessage*)> write;
+    const char* user;
+  } rows[] = {
+      {write(""), ""},
+      {write("bob"), "bob"},
+      {write("exactly12chr"), "exactly12chr"},
+      {write("fifteencharacte"), "fifteenchara"},
+      {alternative("another", mnSWriteAltUser), "another"},
+      {alternative("anotherof12c", mnSWriteAltUser), "anotherof12c"},
+      {alternative("", mnSWriteAltUser), "tester"},
+      {alternative(" bob", mnSWriteAltUser), "tester"},
+      {alternative("another", mnSWriteAltUserHigh), "another"},
+      {alternative(" ", mnSWriteAltUserHigh), "tester"},
+  };
+  for (const auto& row : rows) {
+    const Message out(1, 4);
+    EXPECT_EQ(row.write(out), 1);
+    EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, row.user)) << row.user;
+  }
+}
+
+// Each entry point clears a stale error before its first trace point or right after it, and traces its own way.
+TEST_F(DeliverTest, TraceOfEachEntryPoint) {
+  const Link link = Connect();
+  MQNode* const node = link.node;
+  const Message out(1, 4);
+  const Lines plain = {"mnWriteMsg 77", "mnWriteToNode 0", "mnWriteMsg 0"};
+  const Lines cleared = {"mnWriteMsg 0", "mnWriteToNode 0", "mnWriteMsg 0"};
+  const Lines secured = {"mnSWriteMsg 77", "mnWriteMsg 77", "mnWriteToNode 0", "mnWriteMsg 0"};
+  const Lines both = {"mnSWriteMsg 0", "mnWriteMsg 0", "mnWriteToNode 0", "mnWriteMsg 0"};
+  const struct {
+    std::function<int()> write;
+    Lines points;
+  } rows[] = {
+      {[&] { return mnWriteMsg(out, node, nullptr, "u", 0); }, plain},
+      {[&] { return mnWriteTo(out, node, nullptr); }, cleared},
+      {[&] { return mnWrite(out, node); }, cleared},
+      {[&] { return mnSWriteMsgWithPriority(out, node, nullptr, "u", 0, nullptr, 0); }, secured},
+      {[&] { return mnSWriteMsg(out, node, nullptr, "u", 0, nullptr, 0); }, secured},
+      {[&] { return mnSWriteTo(out, node, nullptr, 0, nullptr); }, both},
+      {[&] { return mnSWrite(out, node, 0, nullptr); }, both},
+      {[&] { return mnSWriteAltUser(out, node, 0, nullptr); }, secured},
+      {[&] { return mnSWriteAltUserHigh(out, node, 0, nullptr); }, secured},
+  };
+  for (const auto& row : rows) {
+    WatchErrors(node);
+    node->error = 77;
+    EXPECT_EQ(row.write(), 1);
+    EXPECT_EQ(TakePoints(), row.points);
+  }
+  // One whole write with the socket's part of it.
+  Watch(node);
+  EXPECT_EQ(mnWrite(out, node), 1);
+  EXPECT_EQ(Trace::Take(),
+            (Lines{"mnWriteMsg", "WriteSocket:Before", "WriteSocket:After", "mnWriteToNode", "mnWriteMsg"}));
+  EXPECT_EQ(Arrived(link.peer, 10), "1111111111");
+}
+
+TEST_F(DeliverTest, OneWrite) {
+  const struct {
+    const char* what;
+    int limit;  // writeLimit
+    std::vector<size_t> taken;
+    int code;  // of send, 0: none
+    int result;
+    const char* state;
+    int sock_error;
+    Lines points;
+  } rows[] = {
+      {"whole", -1, {}, 0, 1, "error 0, sent 1, outstanding 0, no queue", 0, {"mnWriteToNode 0"}},
+      {"whole, limit 1", 1, {}, 0, 1, "error 0, sent 1, outstanding 0, no queue", 0, {"mnWriteToNode 0"}},
+      {"in part",
+       0,
+       {100},
+       0,
+       1,
+       "error 11, sent 0, outstanding 1, queue 1",
+       0,
+       {"mnWriteToNode 0", "mnWriteToNode 11"}},
+      {"nothing taken",
+       0,
+       {0},
+       0,
+       1,
+       "error 11, sent 0, outstanding 1, queue 1",
+       0,
+       {"mnWriteToNode 0", "mnWriteToNode 11"}},
+      {"full",
+       -1,
+       {},
+       EAGAIN,
+       1,
+       "error 11, sent 0, outstanding 1, queue 1",
+       11,
+       {"mnWriteToNode 11", "mnWriteToNode 11"}},
+      {"in progress",
+       -1,
+       {},
+       EINPROGRESS,
+       1,
+       "error 11, sent 0, outstanding 1, queue 1",
+       11,
+       {"mnWriteToNode 11", "mnWriteToNode 11"}},
+      {"reset", -1, {}, ECONNRESET, 0, "error 11, sent 0, outstanding 0, no queue", ECONNRESET, {"mnWriteToNode 104"}},
+      {"interrupted", -1, {}, EINTR, 0, "error 11, sent 0, outstanding 0, no queue", EINTR, {"mnWriteToNode 4"}},
+  };
+  for (const auto& row : rows) {
+    const Link link = Connect();
+    const Message out(1, 4);
+    link.node->writeLimit = row.limit;
+    Platform::Limit("send", row.taken);
+    if (row.code != 0) Platform::Fail("send", 1, row.code);
+    WatchErrors(link.node);
+    EXPECT_EQ(mnWriteMsg(out, link.node, nullptr, "u", 0), row.result) << row.what;
+    EXPECT_EQ(WriteState(link.node), row.state) << row.what;
+    EXPECT_EQ(link.node->sock.error, row.sock_error) << row.what;
+    Lines points = row.points;
+    points.insert(points.begin(), "mnWriteMsg 0");
+    points.push_back("mnWriteMsg " + std::to_string(link.node->error));
+    EXPECT_EQ(TakePoints(), points) << row.what;
+    Platform::Reset();
+    if (row.result == 0) continue;
+    EXPECT_EQ(mnFinishWrite(link.node), 1);
+    EXPECT_EQ(WriteState(link.node), "error 0, sent 1, outstanding 0, no queue");
+    EXPECT_EQ(Arrived(link.peer, 1), "1") << row.what;
+  }
+}
+
+// Behind a queue nothing is tried and nothing overtakes; the bytes are those of the time of the write.
+TEST_F(DeliverTest, WritesJoinTheQueueInOrder) {
+  const Link link = Connect();
+  Queue(link.node, {1, 2});
+  WatchErrors(link.node);
+  Message third(3, 4);
+  EXPECT_EQ(mnSWriteAltUserHigh(third, link.node, 0, nullptr), 1);
+  third.Put(9, 4);
+  EXPECT_EQ(TakePoints(), (Lines{"mnSWriteMsg 0", "mnWriteMsg 0", "mnWriteToNode 0", "mnWriteMsg 0"}));
+  const Message fourth(4, 4);
+  EXPECT_EQ(mnWrite(fourth, link.node), 1);
+  EXPECT_EQ(Platform::Calls(), Lines{});
+  EXPECT_EQ(WriteState(link.node), "error 0, sent 0, outstanding 4, queue 4");
+  TakePoints();
+  EXPECT_EQ(mnFinishWrite(link.node), 1);
+  EXPECT_EQ(Arrived(link.peer, 4), "1234");
+  EXPECT_EQ(TakePoints(), Lines{"mnFinishWrite 0"});
+  EXPECT_EQ(WriteState(link.node), "error 0, sent 4, outstanding 0, no queue");
+}
+
+TEST_F(DeliverTest, LimitOfOutstandingWrites) {
+  const Link link = Connect();
+  Queue(link.node, {1, 2});
+  link.node->writeLimit = 2;
+  WatchErrors(link.node);
+  const Message out(3, 4);
+  EXPECT_EQ(mnWriteMsg(out, link.node, nullptr, "u", 0), 0);
+  EXPECT_EQ(WriteState(link.node), "error -1111, sent 0, outstanding 2, queue 2");
+  EXPECT_EQ(TakePoints(), (Lines{"mnWriteMsg 0", "mnWriteToNode -1111", "mnWriteMsg -1111"}));
+  EXPECT_EQ(IsNodeFailed(link.node), 0);
+  link.node->writeLimit = 3;
+  EXPECT_EQ(mnWrite(out, link.node), 1);
+  for (const int none : {0, -1, -5}) {
+    link.node->writeLimit = none;
+    EXPECT_EQ(mnWrite(out, link.node), 1);
+  }
+  EXPECT_EQ(mnFinishWrite(link.node), 1);
+  EXPECT_EQ(Arrived(link.peer, 6), "123333");
+}
+
+// Three queued writes of 160 bytes each, and a socket that misbehaves.
+TEST_F(DeliverTest, FinishingThreeWrites) {
+  const struct {
+    const char* what;
+    std::function<void(MQNode*)> script;
+    int result;
+    const char* state;
+    Lines points;
+    const char* arrived;  // when finished afterwards without trouble
+  } rows[] = {
+      {"all", [](MQNode*) {}, 1, "error 0, sent 3, outstanding 0, no queue", {"mnFinishWrite 0"}, "123"},
+      {"first full",
+       [](MQNode*) { Platform::Fail("send", 1, EAGAIN); },
+       1,
+       "error 11, sent 0, outstanding 3, queue 3",
+       {"mnFinishWrite 11"},
+       "123"},
+      {"second full",
+       [](MQNode*) { Platform::Fail("send", 2, EAGAIN); },
+       1,
+       "error 11, sent 1, outstanding 2, queue 2",
+       {"mnFinishWrite 11"},
+       "123"},
+      {"second in part",
+       [](MQNode*) {
+         Platform::Limit("send", {160, 1});
+       },
+       1,
+       "error 0, sent 1, outstanding 2, queue 2",
+       {},
+       "123"},
+      {"second fails",
+       [](MQNode*) { Platform::Fail("send", 2, EPIPE); },
+       0,
+       "error 11, sent 1, outstanding 1, queue 1",
+       {"mnFinishWrite 32"},
+       "13"},
+      {"last fails",
+       [](MQNode*) { Platform::Fail("send", 3, EPIPE); },
+       0,
+       "error 11, sent 2, outstanding 0, queue 0",
+       {"mnFinishWrite 32"},
+       "12"},
+      {"no memory to put back",
+       [](MQNode*) {
+         Platform::Fail("send", 1, EAGAIN);
+         mqc_fail_allocation(1, 0);
+       },
+       0,
+       "error 11, sent 0, outstanding 2, queue 2",
+       {"mnFinishWrite 11"},
+       "23"},
+      {"an empty entry",
+       [](MQNode* node) { Qputhead(node->pending, nullptr); },
+       0,
+       "error 105, sent 0, outstanding 3, queue 3",
+       {},
+       "123"},
+      {"not counted",
+       [](MQNode* node) { node->writesOutstanding = 1; },
+       1,
+       "error 0, sent 3, outstanding 0, no queue",
+       {"mnFinishWrite 0"},
+       "123"},
+      {"not counted, failing",
+       [](MQNode* node) {
+         node->writesOutstanding = 0;
+         Platform::Fail("send", 1, EPIPE);
+       },
+       0,
+       "error 11, sent 0, outstanding 0, queue 2",
+       {"mnFinishWrite 32"},
+       "23"},
+  };
+  for (const auto& row : rows) {
+    const Link link = Connect();
+    Queue(link.node, {1, 2, 3});
+    WatchErrors(link.node);
+    link.node->error = 77;
+    row.script(link.node);
+    EXPECT_EQ(mnFinishWrite(link.node), row.result) << row.what;
+    EXPECT_EQ(WriteState(link.node), row.state) << row.what;
+    EXPECT_EQ(mnIsPendingIO(link.node), link.node->pending != nullptr);
+    EXPECT_EQ(TakePoints(), row.points) << row.what;
+    Platform::Reset();
+    EXPECT_EQ(mnFinishWrite(link.node), 1) << row.what;
+    EXPECT_EQ(mnIsPendingIO(link.node), 0) << row.what;
+    EXPECT_EQ(Arrived(link.peer, strlen(row.arrived)), row.arrived) << row.what;
+  }
+}
+
+TEST_F(DeliverTest, FinishingNothing) {
+  const Link link = Connect();
+  WatchErrors(link.node);
+  link.node->error = 77;
+  EXPECT_EQ(mnFinishWrite(link.node), 1);
+  EXPECT_EQ(WriteState(link.node), "error 0, sent 0, outstanding 0, no queue");
+  EXPECT_EQ(TakePoints(), Lines{});
+  EXPECT_EQ(Platform::Calls(), Lines{});
+  // A queue whose last write was dropped stays until it is finished; a write meanwhile joins it.
+  Queue(link.node, {1});
+  Platform::Fail("send", 1, EPIPE);
+  EXPECT_EQ(mnFinishWrite(link.node), 0);
+  const Message out(2, 4);
+  EXPECT_EQ(mnWrite(out, link.node), 1);
+  EXPECT_EQ(WriteState(link.node), "error 0, sent 0, outstanding 1, queue 1");
+  EXPECT_EQ(mnFinishWrite(link.node), 1);
+  EXPECT_EQ(Arrived(link.peer, 1), "2");
+}
+
+TEST_F(DeliverTest, AdvisoryLimitOfTheQueue) {
+  EXPECT_EQ(IsNodeQReady(nullptr), 1);
+  SetNodeQLimit(nullptr);
+  const Link link = Connect();
+  EXPECT_EQ(IsNodeQReady(link.node), 1);
+  SetNodeQLimit(link.node);
+  const Message out(1, 4);
+  Platform::Fail("send", 1, EAGAIN);
+  for (int i = 1; i <= 101; ++i) {
+    EXPECT_EQ(mnWrite(out, link.node), 1);
+    EXPECT_EQ(IsNodeQReady(link.node), i <= 100) << i;
+  }
+  link.node->pendingLimit = 101;
+  EXPECT_EQ(IsNodeQReady(link.node), 0) << "the queue has the limit that it was created with";
+  SetNodeQLimit(link.node);
+  EXPECT_EQ(IsNodeQReady(link.node), 1);
+}
+
+TEST_F(DeliverTest, DatagramsGoWhereTheyWereSentTo) {
+  const Node node = CreateDatagram();
+  const Peer first = Peer::Datagram();
+  const Peer second = Peer::Datagram();
+  SockAddrRec to_first = AddressOf("127.0.0.1", first.port());
+  SockAddrRec to_second = AddressOf("localhost", second.port());
+  SockAddrRec nowhere = AddressOf("nowhere", 9);
+  const Message out(1, 4);
+  const auto sent = [&] { return std::string("tester") == out.raw().substr(kAtUser, 6); };
+  EXPECT_EQ(mnWriteTo(out, node, &to_first), 1);
+  EXPECT_EQ(mnSWriteTo(out, node, &to_second, 0, nullptr), 1);
+  EXPECT_TRUE(sent());
+  EXPECT_EQ(first.ReadDatagram(), out.raw());
+  EXPECT_EQ(second.ReadDatagram(), out.raw());
+  for (SockAddrRec* to : {static_cast<SockAddrRec*>(nullptr), &nowhere}) {
+    Platform::Forget();
+    EXPECT_EQ(mnWriteTo(out, node, to), 0);
+    EXPECT_EQ(node->sock.error, 89);
+    EXPECT_EQ(WriteState(node), "error 11, sent 2, outstanding 0, no queue");
+    EXPECT_EQ(Platform::Calls({"send", "sendto"}), Lines{});
+  }
+}
+
+TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
+  const Node node = CreateDatagram();
+  const Peer first = Peer::Datagram();
+  const Peer second = Peer::Datagram();
+  Platform::Fail("sendto", 1, EAGAIN);
+  Message out;
+  for (const uint32_t command : {1u, 2u, 3u, 4u}) {
+    // The destination is gone when the datagram is sent.
+    SockAddrRec to = AddressOf("127.0.0.1", command % 2 ? first.port() : second.port());
+    out.Put(command, 4);
+    EXPECT_EQ(mnWriteTo(out, node, command == 3 ? nullptr : &to), 1);
+    memset(&to, 'x', sizeof to);
+  }
+  EXPECT_EQ(WriteState(node), "error 0, sent 0, outstanding 4, queue 4");
+  Platform::Fail("sendto", 2, EAGAIN);
+  EXPECT_EQ(mnFinishWrite(node), 1);
+  EXPECT_EQ(WriteState(node), "error 11, sent 1, outstanding 3, queue 3");
+  EXPECT_EQ(mnFinishWrite(node), 0) << "one was written without a destination";
+  EXPECT_EQ(node->sock.error, 89);
+  EXPECT_EQ(WriteState(node), "error 11, sent 2, outstanding 1, queue 1");
+  EXPECT_EQ(mnFinishWrite(node), 1);
+  EXPECT_EQ(WriteState(node), "error 0, sent 3, outstanding 0, no queue");
+  EXPECT_EQ(WordAt(first.ReadDatagram(), kHeader), 1u);
+  EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 2u);
+  EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 4u);
+}
+
+// A socket that is really full: every byte arrives, in order, however the system cuts it.
+TEST_F(DeliverTest, ManyWritesThroughASmallSocket) {
+  Link link = Connect(kNonBlocking);
+  mnSetBufferSize(link.node, 4096);
+  std::string expected;
+  Message out;
+  for (uint32_t command = 1; command <= 20; ++command) {
+    out.Put(command, command * 10007);
+    ASSERT_EQ(mnWrite(out, link.node), 1);
+    expected += out.raw();
+  }
+  ASSERT_TRUE(mnIsPendingIO(link.node));
+  std::string arrived;
+  while (mnIsPendingIO(link.node)) {
+    char piece[65536];
+    for (ssize_t got; (got = recv(link.peer.fd(), piece, sizeof piece, MSG_DONTWAIT)) > 0;) {
+      arrived.append(piece, static_cast<size_t>(got));
+    }
+    AwaitWritable(link.node->sock.fd);
+    ASSERT_EQ(mnFinishWrite(link.node), 1);
+  }
+  EXPECT_EQ(WriteState(link.node), "error 0, sent 20, outstanding 0, no queue");
+  arrived += link.peer.Read(expected.size() - arrived.size());
+  EXPECT_TRUE(arrived == expected);
+}
+
+// Writes of which some are queued, put back and discarded, while memory runs out somewhere. What is counted is there.
+TEST_F(DeliverTest, EveryAllocationMayFail) {
+  const Message out(1, 4);
+  const Peer peer = Peer::Datagram();
+  SockAddrRec to = AddressOf("127.0.0.1", peer.port());
+  const Link link = Connect();
+  const Node datagrams = CreateDatagram();
+  for (MQNode* node : {static_cast<MQNode*>(link.node), static_cast<MQNode*>(datagrams)}) {
+    const char* const call = node == datagrams ? "sendto" : "send";
+    const int walked = WalkAllocations([&](int failing) {
+      const auto before = static_cast<int>(node->writesCompleted);
+      node->writesOutstanding = 0;
+      Platform::Reset();
+      Platform::Fail(call, 2, EAGAIN);
+      int accepted = 0;
+      for (int i = 0; i < 4; ++i) accepted += mnWriteTo(out, node, &to);
+      EXPECT_EQ(accepted, static_cast<int>(node->writesCompleted) - before + node->writesOutstanding) << failing;
+      Platform::Fail(call, 2, EAGAIN);
+      mnFinishWrite(node);
+      EXPECT_EQ(node->writesOutstanding, node->pending == nullptr ? 0 : Qdepth(node->pending)) << failing;
+      mnClearPeningIO(node);
+    });
+    EXPECT_EQ(walked, node == datagrams ? 16 : 13) << "four writes of two, a queue, three entries, one put back";
+  }
+}
+
+}  // namespace

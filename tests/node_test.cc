@@ -1,0 +1,468 @@
+// node_test.cc - nodes: made, named, configured, opened, closed, deleted.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "tests/support/nodes.hh"
+
+namespace {
+
+// What a creator left in a node.
+std::string Facts(const MQNode* node) {
+  return "role " + std::to_string(node->role) + ", open " + std::to_string(node->openState) + ", error " +
+         std::to_string(node->error) + ", asks " + std::to_string(node->recvBuffer.length) + ", host " + node->host +
+         ", addr " + Text(node->addr);
+}
+
+// What kind of socket, with which options and names: the same row of system calls that the kernel saw.
+TEST_F(NodeTest, CreatorsAreTheirCallsTheirTraceAndTheirFacts) {
+  G_node_trace = Trace::OnNode;
+  G_socket_trace = Trace::OnSocket;
+  SockAddrRec any = AddressOf("*", 0);
+  SockOption keepAlive = {SOCK_OPT_KEEPALIVE, 0, 1};
+  SockRec existing;
+  CreateSocketFromExisting(&existing, Peer::Listen().Release());
+  Trace::Take();
+  const std::string linger = "setsockopt(1:13, 1, 0) = 0";
+  const Lines bind = {"BindSocket:Before", "AddrToIP:Before", "AddrToIP:After", "BindSocket:After"};
+  const auto traced = [&bind](bool bound, bool listening, const char* name) {
+    Lines lines = {"CreateAnySocket"};
+    if (bound) lines.insert(lines.end(), bind.begin(), bind.end());
+    if (listening) lines.push_back("ListenSocket");
+    lines.push_back(name);
+    return lines;
+  };
+  const struct {
+    std::function<MQNode*()> create;
+    Lines calls;
+    Lines trace;
+    const char* facts;
+  } rows[] = {
+      {[&] { return CreateMQNode(&any, 0); },
+       {"socket(2, 1, 0) = fd", "setsockopt(1:2, 0) = 0", linger},
+       traced(false, false, "CreateMQNode"),
+       "role 0, open 0, error 0, asks 136, host *, addr * - 0 tcp 0"},
+      {[&] { return CreateMQNode(&any, 1); },
+       {"socket(2, 1, 0) = fd", "setsockopt(1:2, 0) = 0", linger, "uname() = 0", "bind(0.0.0.0:0) = 0",
+        "listen(5) = 0"},
+       traced(true, true, "CreateMQNode"),
+       "role 1, open 0, error 0, asks 136, host *, addr testnode 0.0.0.0 0 tcp 0"},
+      {[&] { return CreateMQNode(&any, 7); },
+       {"socket(2, 1, 0) = fd", "setsockopt(1:2, 0) = 0", linger},
+       traced(false, false, "CreateMQNode"),
+       "role 7, open 0, error 0, asks 136, host *, addr * - 0 tcp 0"},
+      {[&] { return CreateMQNodeWithOpt(&any, 1, &keepAlive); },
+       {"socket(2, 1, 0) = fd", "setsockopt(1:9, 1) = 0", linger, "uname() = 0", "bind(0.0.0.0:0) = 0",
+        "listen(5) = 0"},
+       traced(true, true, "CreateMQNodeWithOpt"),
+       "role 1, open 0, error 0, asks 136, host *, addr testnode 0.0.0.0 0 tcp 0"},
+      {[&] { return CreateMQNodeWithOpt(&any, 0, nullptr); },
+       {"socket(2, 1, 0) = fd", linger},
+       traced(false, false, "CreateMQNodeWithOpt"),
+       "role 0, open 0, error 0, asks 136, host *, addr * - 0 tcp 0"},
+      {[&] { return CreateUDPMQNodeWithOpt(&any, &keepAlive); },
+       {"socket(2, 2, 0) = fd", "setsockopt(1:9, 1) = 0", linger, "uname() = 0", "bind(0.0.0.0:0) = 0"},
+       traced(true, false, "CreateUDPMQNodeWithOpt"),
+       "role 0, open 1, error 0, asks 16520, host *, addr testnode 0.0.0.0 0 tcp 0"},
+      {[&] { return CreateUDPMQNode(&any); },
+       {"socket(2, 2, 0) = fd", linger, "uname() = 0", "bind(0.0.0.0:0) = 0"},
+       traced(true, false, "CreateUDPMQNodeWithOpt"),
+       "role 0, open 1, error 0, asks 16520, host *, addr testnode 0.0.0.0 0 tcp 0"},
+      {[&] { return CreateAndBindMQNode(&existing, 1); },
+       {},
+       {"CreateAndBindMQNode"},
+       "role 1, open 0, error 0, asks 136, host @, addr - - - - 0"},
+  };
+  for (const auto& row : rows) {
+    Platform::Forget();
+    const Node node(row.create());
+    EXPECT_EQ(Platform::Calls(), row.calls) << row.trace.back();
+    EXPECT_EQ(Trace::Take(), row.trace);
+    EXPECT_EQ(Facts(node), row.facts);
+    EXPECT_EQ(Text(any), "* - 0 tcp 0") << "the caller's address was changed";
+    mnSetTraceCallBack(nullptr, node);
+    OnSocketTrace(&node->sock, nullptr);
+  }
+}
+
+// Every field that does not depend on the creator.
+TEST_F(NodeTest, NewRecord) {
+  const Node node = Create(0, MQ_ROLE_CONNECT);
+  EXPECT_EQ(node->nodeType, 2u);
+  EXPECT_STREQ(node->platform, "UNIX");
+  EXPECT_EQ(node->sock.owner, static_cast<MQNode*>(node));
+  EXPECT_EQ(node->child, nullptr);
+  EXPECT_EQ(WriteState(node), "error 0, sent 0, outstanding 0, no queue");
+  EXPECT_EQ(node->writeLimit, -1);
+  EXPECT_EQ(node->pendingLimit, 100u);
+  EXPECT_EQ(node->recvBuffer.capacity, 16520u);
+  EXPECT_EQ(node->onTrace, nullptr);
+  EXPECT_TRUE(node->opOpen == mnOpen && node->opClose == mnClose && node->opRead == mnRead &&
+              node->opBrowse == mnBrowse && node->opWrite == mnWrite && node->opPost == mnPost);
+  const Peer listener = Peer::Listen();
+  SockRec held;
+  CreateSocketFromExisting(&held, dup(listener.fd()));
+  held.error = 5;
+  const Node over(CreateAndBindMQNode(&held, MQ_ROLE_LISTEN));
+  EXPECT_EQ(over->sock.fd, held.fd);
+  EXPECT_EQ(over->sock.owner, static_cast<MQNode*>(over));
+  EXPECT_EQ(over->error, 0) << "it is not the socket's";
+}
+
+// A creator returns the node with the reason; what comes after a failed step is still attempted, but for the listen.
+TEST_F(NodeTest, CreationFailures) {
+  const Peer taken = Peer::Listen();
+  const auto stream = [](const char* host, const std::string& service, int role) {
+    return [=] {
+      SockAddrRec address = AddressOf(host, service);
+      return CreateMQNode(&address, role);
+    };
+  };
+  const auto datagram = [](const char* host, const char* service) {
+    return [=] {
+      SockAddrRec address = AddressOf(host, service);
+      return CreateUDPMQNode(&address);
+    };
+  };
+  const struct {
+    std::function<MQNode*()> create;
+    const char* failing;
+    int nth;
+    int code;
+    int error;
+    Lines calls;  // those of socket, bind and listen
+  } rows[] = {
+      {stream("*", "0", 1), "socket", 1, EMFILE, EBADF, {"socket(2, 1, 0) = -1 EMFILE", "bind(0.0.0.0:0) = -1 EBADF"}},
+      {stream("*", "0", 0), "setsockopt", 1, ENOMEM, 0, {"socket(2, 1, 0) = fd"}},
+      {stream("*", "0", 0), "setsockopt", 2, ENOMEM, ENOMEM, {"socket(2, 1, 0) = fd"}},
+      {stream("*", "0", 1), "bind", 1, EACCES, EACCES, {"socket(2, 1, 0) = fd", "bind(0.0.0.0:0) = -1 EACCES"}},
+      {stream("*", "0", 1),
+       "listen",
+       1,
+       EINVAL,
+       EINVAL,
+       {"socket(2, 1, 0) = fd", "bind(0.0.0.0:0) = 0", "listen(5) = -1 EINVAL"}},
+      {stream("127.0.0.1", std::to_string(taken.port()), 1),
+       "none",
+       1,
+       0,
+       EADDRINUSE,
+       {"socket(2, 1, 0) = fd", "bind(127.0.0.1:" + std::to_string(taken.port()) + ") = -1 EADDRINUSE"}},
+      {stream("*", "no-such", 1), "none", 1, 0, SOCK_SERVICE_UNKNOWN, {"socket(2, 1, 0) = fd"}},
+      {datagram("*", "0"), "bind", 1, EACCES, EACCES, {"socket(2, 2, 0) = fd", "bind(0.0.0.0:0) = -1 EACCES"}},
+      {datagram("nowhere", "0"), "none", 1, 0, SOCK_HOST_UNKNOWN, {"socket(2, 2, 0) = fd"}},
+  };
+  for (const auto& row : rows) {
+    Platform::Reset();
+    Platform::Fail(row.failing, row.nth, row.code);
+    errno = 0;
+    const Node node(row.create());
+    ASSERT_NE(static_cast<MQNode*>(node), nullptr);
+    EXPECT_EQ(Platform::Calls({"socket", "bind", "listen"}), row.calls);
+    EXPECT_EQ(node->error, row.error) << row.calls.back();
+    EXPECT_EQ(node->openState, 0u);
+  }
+}
+
+TEST_F(NodeTest, UserIsAtMostTwelveCharactersOfTheLogin) {
+  const struct {
+    const char* login;
+    const char* user;
+  } rows[] = {{"bob", "bob"},
+              {"exactly12chr", "exactly12chr"},
+              {"a-login-of-20-letter", "a-login-of-2"},
+              {"", ""},
+              {"a-login-name-that-does-not-fit-into-48-characters", ""}};
+  for (const auto& row : rows) {
+    Companion::Now().user = row.login;
+    const Node node = Create(0, MQ_ROLE_CONNECT);
+    EXPECT_EQ(std::string(node->user, sizeof node->user), Field(row.user, sizeof node->user));
+  }
+  Companion::Now().has_user = false;
+  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->user, 13), Field("", 13));
+}
+
+std::string ScratchPath() { return ::testing::TempDir() + "/" + std::to_string(getpid()); }
+
+// The name and length that GetApplName gives, and whether it ran a command.
+std::string ApplName() {
+  Platform::Forget();
+  char name[49] = "................................................";
+  int length = 48;
+  EXPECT_EQ(GetApplName(name, &length), 1);
+  const std::string field(name, 48);
+  EXPECT_EQ(field.substr(strnlen(name, 48)).find_first_not_of('\0'), std::string::npos) << "not padded with zero bytes";
+  const size_t commands = Platform::Calls({"system"}).size();
+  return field.substr(0, strnlen(name, 48)) + " " + std::to_string(length) + (commands != 0 ? "" : ", nothing run");
+}
+
+TEST_F(NodeTest, ApplicationNameFromWhatTheListingWrote) {
+  setenv("TEVRA_HOME", ::testing::TempDir().c_str(), 1);
+  const std::string fifty = "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwx";
+  const struct {
+    std::string written;
+    const char* name;
+  } rows[] = {
+      {"server\n", "SERVER 6"},
+      {"Server2", "SERVER2 7"},
+      {"", " 0"},
+      {"\n", " 0"},
+      {"first\nsecond\n", "FIRST 5"},
+      {" two words \n", "TWOWORDS 8"},
+      {fifty + "\n", "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV 48"},
+      {std::string(600, 'z'), "ZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZ 48"},
+      // The newline is cut before blanks are taken out, and only behind the last blank.
+      {"a\t\n", "A 1"},
+  };
+  for (const auto& row : rows) {
+    Platform::OnSystem([&row](const char*) {
+      std::ofstream(ScratchPath()) << row.written;
+      return 0;
+    });
+    EXPECT_EQ(ApplName(), row.name);
+    EXPECT_NE(access(ScratchPath().c_str(), F_OK), 0) << "the scratch file was left behind";
+  }
+  const std::string pid = std::to_string(getpid());
+  EXPECT_EQ(Platform::Records({"system"})[0].detail,
+            "ps -p " + pid + " | grep -v CMD | grep -v COMMAND  | awk '{print $4}'  > $TEVRA_HOME/" + pid);
+  Platform::OnSystem([&](const char*) { return std::ofstream(ScratchPath()) << fifty, 0; });
+  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV");
+}
+
+TEST_F(NodeTest, ApplicationNameWithoutAListing) {
+  EXPECT_EQ(ApplName(), "UNKNOWN 0, nothing run");
+  Platform::OnSystem([](const char*) { return 0; });
+  setenv("TEVRA_HOME", "/nonexistent", 1);
+  EXPECT_EQ(ApplName(), "UNKNOWN 0");
+  setenv("TEVRA_HOME", ("/" + std::string(243, 'x')).c_str(), 1);
+  EXPECT_EQ(ApplName(), "UNKNOWN 0") << "244 characters fit";
+  setenv("TEVRA_HOME", ("/" + std::string(244, 'x')).c_str(), 1);
+  EXPECT_EQ(ApplName(), "UNKNOWN 0, nothing run");
+}
+
+TEST_F(NodeTest, ApplicationNameIsThisProgram) {
+  setenv("TEVRA_HOME", ::testing::TempDir().c_str(), 1);
+  std::string command;
+  std::getline(std::ifstream("/proc/self/comm"), command);
+  std::transform(command.begin(), command.end(), command.begin(), toupper);
+  EXPECT_EQ(ApplName(), command + " " + std::to_string(command.size()));
+  EXPECT_NE(access(ScratchPath().c_str(), F_OK), 0);
+  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), Field(command, 48));
+}
+
+TEST_F(NodeTest, ApplicationNameOfTheHost) {
+  SetApplName("short");
+  SetApplName(nullptr);
+  EXPECT_STREQ(G_szApplName, "short");
+  SetApplName(std::string(60, 'n').c_str());
+  EXPECT_EQ(G_szApplName, std::string(48, 'n'));
+  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName), "UNKNOWN") << "nodes do not take it";
+  SetApplName("");
+}
+
+TEST_F(NodeTest, SmallCalls) {
+  EXPECT_EQ(IsNodeFailed(nullptr), 1);
+  Node node = Create(0, MQ_ROLE_CONNECT);
+  for (const auto& [error, failed] : {std::pair{0, 0}, {-1111, 0}, {11, 1}, {-1000, 1}, {2026, 1}}) {
+    node->error = error;
+    EXPECT_EQ(IsNodeFailed(node), failed) << error;
+  }
+  node->sock.error = 42;
+  SetMQNodeError(node);
+  EXPECT_EQ(node->error, 42);
+
+  EXPECT_EQ(mnGSetTraceCallBack(Trace::OnNode), 1);
+  RunTraceMethod("none", node);
+  EXPECT_EQ(mnSetTraceCallBack(Trace::OnNode, node), 1);
+  RunTraceMethod("one", node);
+  EXPECT_EQ(Trace::Take(), Lines{"one"});
+
+  // Both sizes are always tried; the node's error is left alone.
+  for (const auto& [failing, result, code] : {std::tuple{1, 0, 0}, {2, 0, ENOBUFS}, {3, 1, 0}}) {
+    Platform::Reset();
+    Platform::Fail("setsockopt", failing, ENOBUFS);
+    EXPECT_EQ(mnSetBufferSize(node, 65536), result);
+    EXPECT_EQ(node->sock.error, code);
+    EXPECT_EQ(Platform::Calls(),
+              (Lines{failing == 1 ? "setsockopt(1:7, 65536) = -1 ENOBUFS" : "setsockopt(1:7, 65536) = 0",
+                     failing == 2 ? "setsockopt(1:8, 65536) = -1 ENOBUFS" : "setsockopt(1:8, 65536) = 0"}));
+  }
+  EXPECT_EQ(node->error, 42);
+  EXPECT_EQ(Trace::Take(), Lines{});
+}
+
+TEST_F(NodeTest, OpenConnects) {
+  const Peer listener = Peer::Listen(20);
+  const ClosedPort nobody;
+  const auto at = [](const std::string& host, int port) { return AddressOf(host, port); };
+  const Lines connect = {"ConnectSocket:Before", "AddrToIP:Before", "AddrToIP:After"};
+  const struct {
+    SockAddrRec to;
+    Mode mode;
+    std::string outcome;  // result, error, openState
+    bool report;
+  } rows[] = {
+      {at("127.0.0.1", listener.port()), kBlocking, "1, 0, 1", false},
+      {at("localhost", listener.port()), kBlocking, "1, 0, 1", false},
+      {at("127.0.0.1", nobody.port()), kBlocking, "0, 111, 0", true},
+      {at("127.0.0.1", listener.port()), kNonBlocking, "0, 11, 0", true},
+      {at("nowhere", listener.port()), kBlocking, "0, 9003, 0", true},
+      {AddressOf("127.0.0.1", "no-such"), kBlocking, "0, 9002, 0", true},
+  };
+  for (const auto& row : rows) {
+    SockAddrRec to = row.to;
+    const Node node(CreateMQNode(&to, MQ_ROLE_CONNECT));
+    if (row.mode == kNonBlocking) NoblockSocket(&node->sock);
+    Watch(node);
+    node->error = 77;
+    errno = 0;
+    const int result = mnOpen(node);
+    EXPECT_EQ(std::to_string(result) + ", " + std::to_string(node->error) + ", " + std::to_string(node->openState),
+              row.outcome);
+    Lines trace = connect;
+    if (row.report) trace.push_back("onError " + std::to_string(node->error));
+    trace.insert(trace.end(), {"ConnectSocket:After", "mnOpen"});
+    EXPECT_EQ(Trace::Take(), trace);
+  }
+}
+
+TEST_F(NodeTest, OpenOfAnOpenNodeAndOfAnotherRole) {
+  Link link = Connect();
+  Watch(link.node);
+  link.node->error = 77;
+  Platform::Forget();
+  EXPECT_EQ(mnOpen(link.node), 1);
+  EXPECT_EQ(link.node->error, 0);
+  EXPECT_EQ(Trace::Take(), Lines{});
+  // Connected but not known to be open: the system's "already connected" is a success.
+  link.node->openState = 0;
+  EXPECT_EQ(mnOpen(link.node), 1);
+  EXPECT_EQ(link.node->error, 0);
+  Trace::Take();
+  link.node->openState = 0;
+  link.node->role = 2;
+  Platform::Forget();
+  EXPECT_EQ(mnOpen(link.node), 0);
+  EXPECT_EQ(Trace::Take(), Lines{"mnOpen"});
+  EXPECT_EQ(Platform::Calls(), Lines{});
+}
+
+TEST_F(NodeTest, OpenAcceptsIntoChildren) {
+  Node parent = Create(0, MQ_ROLE_LISTEN);
+  Watch(parent);
+  const Peer first = Peer::Connect(PortOf(parent));
+  const Peer second = Peer::Connect(PortOf(parent));
+  parent->error = 77;
+  parent->writeLimit = 3;
+  parent->msgsRead = 9;
+  parent->pending = Qalloc();
+  ResetBuffer(&parent->recvBuffer, 32);
+  MQNode expected = *parent;
+  ASSERT_EQ(mnOpen(parent), 1);
+  EXPECT_EQ(Trace::Take(), (Lines{"AcceptClient:Before", "AcceptClient:After", "mnOpen"}));
+  const Node child(parent->child);
+  // A copy of its parent, queue and receive buffer included, but for these.
+  expected.sock = child->sock;
+  expected.role = MQ_ROLE_CONNECT;
+  expected.openState = 1;
+  expected.error = 0;
+  expected.child = nullptr;
+  EXPECT_EQ(memcmp(&expected, child, sizeof expected), 0);
+  EXPECT_EQ(child->sock.owner, static_cast<MQNode*>(child));
+  EXPECT_EQ(child->sock.onTrace, nullptr);
+  EXPECT_EQ(Text(child->sock.name),
+            "- 127.0.0.1 " + std::to_string(first.port()) + " - " + std::to_string(first.port()));
+  EXPECT_EQ(parent->pending, nullptr);
+  EXPECT_EQ(Facts(parent).substr(0, 40), "role 1, open 0, error 0, asks 136, host ");
+  EXPECT_EQ(parent->recvBuffer.capacity, 16520u);
+  EXPECT_NE(parent->recvBuffer.data, child->recvBuffer.data);
+
+  ASSERT_EQ(mnOpen(parent), 1);
+  const Node other(parent->child);
+  EXPECT_NE(static_cast<MQNode*>(other), static_cast<MQNode*>(child));
+  EXPECT_EQ(other->sock.name.port, static_cast<uint32_t>(second.port()));
+  Trace::Take();
+
+  NoblockSocket(&parent->sock);
+  Trace::Take();
+  EXPECT_EQ(mnOpen(parent), 0);
+  EXPECT_EQ(parent->error, 11);
+  EXPECT_EQ(parent->child, static_cast<MQNode*>(other));
+  EXPECT_EQ(Trace::Take(), (Lines{"AcceptClient:Before", "onError 11", "AcceptClient:After", "mnOpen"}));
+}
+
+TEST_F(NodeTest, NoMemoryForAChildClosesTheConnection) {
+  const Node parent = Create(0, MQ_ROLE_LISTEN);
+  const Peer peer = Peer::Connect(PortOf(parent));
+  mqc_fail_allocation(1, 0);
+  EXPECT_EQ(mnOpen(parent), 1);
+  EXPECT_EQ(parent->child, nullptr);
+  AwaitReadable(peer.fd());
+  char byte;
+  EXPECT_LE(recv(peer.fd(), &byte, 1, 0), 0);
+}
+
+TEST_F(NodeTest, CloseAndDelete) {
+  Link link = Connect();
+  MQNode* const node = link.node;
+  const Message out(1, 4);
+  Platform::Fail("send", 1, EAGAIN);
+  for (int i = 0; i < 3; ++i) mnWrite(out, node);
+  Watch(node);
+  link.node->openState = 1;
+  node->sock.error = 42;
+  EXPECT_EQ(mnClose(node), 1);
+  EXPECT_EQ(Trace::Take(), (Lines{"mnClose", "mnClearPeningIO", "DeleteSocket"}));
+  EXPECT_EQ(WriteState(node), "error 42, sent 0, outstanding 3, no queue");
+  EXPECT_EQ(node->openState, 0u);
+  EXPECT_EQ(node->recvBuffer.data, nullptr);
+
+  mnClearPeningIO(node);
+  EXPECT_EQ(Trace::Take(), Lines{"mnClearPeningIO"});
+  Platform::Forget();
+  link.node.Delete();
+  EXPECT_EQ(Trace::Take(), (Lines{"DeleteMQNode", "mnClose", "mnClearPeningIO", "DeleteSocket"}));
+  EXPECT_EQ(Platform::Calls(), Lines{});
+  EXPECT_EQ(DeleteMQNode(nullptr), 0);
+}
+
+// The number of a closed descriptor goes to the next one who asks: a node must not close it a second time.
+TEST_F(NodeTest, DeleteLeavesADescriptorThatBecameSomebodyElses) {
+  Node node = Create(0, MQ_ROLE_CONNECT);
+  const int number = node->sock.fd;
+  mnClose(node);
+  const Peer other = Peer::Datagram();
+  ASSERT_EQ(other.fd(), number);
+  const Message msg(200);
+  EXPECT_EQ(mnRead(msg, node), 0);
+  EXPECT_EQ(mnReadMsg(node), 0);
+  mnClose(node);
+  node.Delete();
+  EXPECT_NE(fcntl(number, F_GETFD), -1);
+}
+
+// The life of a server and a client, one message each way, as far as it comes. Whatever fails, nothing stays behind.
+void Live(const Message& out, const Message& in) {
+  const Node listener = Create(0, MQ_ROLE_LISTEN);
+  if (listener == nullptr || listener->error != 0) return;
+  const Node client = Create(PortOf(listener), MQ_ROLE_CONNECT);
+  if (client == nullptr || !mnOpen(client) || !mnOpen(listener)) return;
+  const Node server(listener->child);
+  if (server == nullptr) return;
+  if (mnWrite(out, client) && !mnIsPendingIO(client) && mnRead(in, server)) mnWrite(in, server);
+}
+
+TEST_F(NodeTest, EveryAllocationAndEveryCallMayFail) {
+  const Message out(1, 20000);
+  const Message in(200);
+  const int allocations = WalkAllocations([&](int) { Live(out, in); });
+  EXPECT_GE(allocations, 11) << "three nodes, their buffers, two writes and two growing buffers";
+  const int calls = WalkCalls(EIO, [&](int) { Printed([&] { Live(out, in); }); });
+  EXPECT_GE(calls, 19);
+  Live(out, in);
+  EXPECT_EQ(in.Text(), "1:20000 from tester");
+}
+
+}  // namespace
