@@ -33,6 +33,7 @@ readelf -dW "$library" | grep -q SYMBOLIC && fail 'linked with -Bsymbolic: a hos
 section_size() {
   readelf -SW "$library" | awk -v name="$1" '{ sub(/^ *\[ *[0-9]+\]/, "") } $1 == name { print $5 }'
 }
-[ "$(section_size .init_array)" = 000008 ] || fail "static initialisers: .init_array has 0x$(section_size .init_array) bytes"
+initialisers=$(section_size .init_array)
+[ "$initialisers" = 000008 ] || fail "static initialisers: .init_array has 0x$initialisers bytes"
 readelf -SW "$library" | grep -q '\.ctors' && fail 'static initialisers: .ctors'
 exit $status

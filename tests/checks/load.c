@@ -1,5 +1,5 @@
-/* load.c LIBRARY COMPANION - a program that links neither library loads libmqnode.so: without the companion it is told a
- * missing name, after the companion was loaded it works. */
+/* load.c - a program that links neither library loads libmqnode.so: without the companion it is told a missing name,
+ * after the companion was loaded it works. Usage: load LIBRARY COMPANION */
 #include <dlfcn.h>
 #include <stdio.h>
 #include <string.h>
