@@ -9,6 +9,7 @@ namespace {
 
 constexpr size_t kBodies[] = {64, 1024, 16 * 1024, 64 * 1024, 1024 * 1024};
 constexpr double kMicro = 1e6;
+constexpr unsigned kLayouts = 12;
 
 std::string SizeText(size_t bytes) {
   if (bytes >= 1024 * 1024) return fmt::format("{} MiB", bytes / 1024 / 1024);
@@ -21,22 +22,32 @@ struct Exchanges {
   Samples processor;
 };
 
-// Seconds a message, by contestant. The bare sockets are the last contestant: the slice is as many messages as they
-// manage in its time.
-Exchanges Exchange(const std::vector<Contestant>& contestants, Pattern pattern, size_t body, const Effort& effort) {
-  Duel duel(contestants, pattern, body);
+// The bare sockets are the last contestant: a slice is as many messages as they manage in its time.
+void ExchangeIn(Duel& duel, Pattern pattern, const Effort& effort, Exchanges* result) {
   const size_t bare = duel.size() - 1;
   // A stream needs some time to fill its buffers.
   const double slice = pattern == Pattern::kOneWay ? 3 * effort.slice : effort.slice;
   const size_t count = CountFor(slice, [&](size_t n) { return duel.Run(bare, n).elapsed; });
   for (size_t c = 0; c < duel.size(); ++c) duel.Run(c, count);
-  Exchanges result;
-  result.processor.resize(duel.size());
-  result.elapsed = Interleave(duel.size(), effort.rounds, [&](size_t c) {
+  const Samples elapsed = Interleave(duel.size(), effort.rounds / kLayouts, [&](size_t c) {
     const Spent spent = duel.Run(c, count);
-    result.processor[c].push_back(spent.processor / static_cast<double>(count));
+    result->processor[c].push_back(spent.processor / static_cast<double>(count));
     return spent.elapsed / static_cast<double>(count);
   });
+  for (size_t c = 0; c < duel.size(); ++c) {
+    result->elapsed[c].insert(result->elapsed[c].end(), elapsed[c].begin(), elapsed[c].end());
+  }
+}
+
+// Seconds a message, by contestant, over several connections.
+Exchanges Exchange(const std::vector<Contestant>& contestants, Pattern pattern, size_t body, const Effort& effort) {
+  Exchanges result;
+  result.elapsed.resize(contestants.size());
+  result.processor.resize(contestants.size());
+  for (unsigned layout = 0; layout < kLayouts; ++layout) {
+    Duel duel(contestants, pattern, body, layout);
+    ExchangeIn(duel, pattern, effort, &result);
+  }
   return result;
 }
 

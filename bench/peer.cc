@@ -15,8 +15,8 @@
 
 namespace bench {
 
-Duel::Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body)
-    : contestants_(std::move(contestants)), pattern_(pattern) {
+Duel::Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body, unsigned layout)
+    : contestants_(std::move(contestants)), pattern_(pattern), random_(layout) {
   int pair[2];
   Check(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
   fflush(stdout);
@@ -26,7 +26,7 @@ Duel::Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body)
   close(pair[peer_ != 0]);
   if (peer_ == 0) Obey();
   for (size_t c = 0; c < size(); ++c) {
-    ends_.push_back(contestants_[c].make(pattern_));
+    MakeEnd(c);
     Tell({Order::kAccept, static_cast<uint32_t>(c), body});
     ends_[c]->Connect(static_cast<uint16_t>(Hear()));
     ends_[c]->Prepare(body);
@@ -37,6 +37,12 @@ Duel::Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body)
     Run(c, 2);
     Check(std::equal(sent.begin(), sent.end(), ends_[c]->Body().begin(), ends_[c]->Body().end()), "message changed");
   }
+}
+
+void Duel::MakeEnd(size_t c) {
+  constexpr size_t kPage = 4096;
+  spacers_.emplace_back(1 + random_() % (2 * kPage));
+  ends_.push_back(contestants_[c].make(pattern_));
 }
 
 Duel::~Duel() {
@@ -89,7 +95,8 @@ void Duel::Serve(End& end, size_t count) {
 
 void Duel::Obey() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  for (const Contestant& contestant : contestants_) ends_.push_back(contestant.make(pattern_));
+  random_.discard(size());  // places of its own
+  for (size_t c = 0; c < size(); ++c) MakeEnd(c);
   Command command;
   while (recv(control_, &command, sizeof command, MSG_WAITALL) == sizeof command) {
     End& end = *ends_.at(command.contestant);

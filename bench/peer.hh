@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <random>
 #include <vector>
 
 #include "bench/end.hh"
@@ -18,7 +19,9 @@ struct Spent {
 // What this process measures, against a peer that was forked from it and so has the same contestants.
 class Duel {
  public:
-  Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body);
+  // layout picks where in memory the contestants' areas come to lie: a copy can run much slower when its two places are a
+  // little apart modulo 4096, and nobody shall win by that.
+  Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body, unsigned layout);
   ~Duel();
   Duel(const Duel&) = delete;
   Duel& operator=(const Duel&) = delete;
@@ -37,6 +40,7 @@ class Duel {
     uint64_t count;
   };
 
+  void MakeEnd(size_t c);
   [[noreturn]] void Obey();
   void Serve(End& end, size_t count);
   Spent Now() const;
@@ -47,6 +51,8 @@ class Duel {
   const std::vector<Contestant> contestants_;
   const Pattern pattern_;
   std::vector<std::unique_ptr<End>> ends_;
+  std::mt19937 random_;
+  std::vector<std::vector<char>> spacers_;
   int control_ = -1;
   pid_t peer_ = -1;
 };
