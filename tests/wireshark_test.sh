@@ -135,6 +135,27 @@ check_cut() {
   done
 }
 
+# count CAPTURE FILTER [OPTION ...]: packets that the filter finds.
+count() {
+  local capture=$1 filter=$2
+  shift 2
+  shark "$capture" -Y "$filter" "$@" | wc -l
+}
+
+# Of the samples, 4 are signed, just before they were captured.
+check_signatures() {
+  editcap -t -400 samples.pcap early.pcap
+  editcap -t 400 samples.pcap late.pcap
+  mergecap -a -w twice.pcap samples.pcap samples.pcap
+  local row capture filter expected seen
+  for row in 'samples mqnode.trailer 4' 'samples mqnode.expert.replay||mqnode.expert.time 0' 'early mqnode.expert.time 4' \
+             'late mqnode.expert.time 4' 'twice mqnode.expert.replay 4' 'twice frame.number<=9&&mqnode.expert.replay 0'; do
+    read -r capture filter expected <<<"$row"
+    seen="$(count "$capture.pcap" "$filter") $(count "$capture.pcap" "$filter" -2)"
+    [ "$seen" = "$expected $expected" ] || fail "$row: in one pass and in two, seen are $seen"
+  done
+}
+
 # The same search on a script without its one check has to find something, else it finds nothing anywhere.
 check_detector() {
   local good=$script
@@ -147,13 +168,24 @@ check_detector() {
   script=$good
 }
 
+# As the README says it.
+check_install() {
+  local plugins
+  plugins=$(tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p')
+  case $plugins in "$work"/*) ;; *) fail "the plugins of this user would go to '$plugins'"; return ;; esac
+  mkdir -p "$plugins" && cp "$script" "$plugins"
+  [ "$(tshark -r samples.pcap -Y mqnode 2>/dev/null | wc -l)" = 9 ] || fail 'the installed script is not loaded'
+}
+
 check_samples
 echo '== every broken rule by its code and text'
 check_faults broken
 check_faults stumble
 check_mutants
 check_cut
+check_signatures
 check_health
 check_detector
+check_install
 [ "$failures" = 0 ] || { echo "$failures failures"; exit 1; }
 echo 'all seen as expected'

@@ -31,7 +31,8 @@ namespace {
 
 using Bytes = std::string;
 
-constexpr uint16_t kPort = 47110;  // of every receiver in the captures
+constexpr uint16_t kPort = 47110;    // of every receiver in the captures
+constexpr uint16_t kSender = 50000;  // of the first sender
 constexpr int kMutants = 4000;
 constexpr int kMutatedStreams = 150;
 constexpr int kNoise = 500;
@@ -181,11 +182,10 @@ Bytes Signed(Form form, const Bytes& plain, const std::string& user, const Keys&
   return envelope.bytes + plain + head + Bytes(reinterpret_cast<char*>(signature), sizeof signature);
 }
 
-// Longer than any segment.
-Bytes Large() {
+// One parameter of size bytes, a multiple of 4.
+Bytes Large(uint32_t size) {
   const Form native = {false, false};
-  const Bytes bytes(100000, 'x');
-  return Plain(native, Encoder(native).Word(99).Word(1).Word(1).Word(4).Word(100000).Raw(bytes).bytes);
+  return Plain(native, Encoder(native).Word(99).Word(1).Word(1).Word(4).Word(size).Raw(Bytes(size, 'x')).bytes);
 }
 
 bool IsSigned(const Bytes& wire) { return wire.size() >= 4 && (wire[0] == 32 || wire[3] == 32); }
@@ -376,6 +376,7 @@ std::vector<Broken> BrokenMessages() {
       {plain.substr(0, 100), "a datagram of 100 bytes is shorter than a header"},
       {plain.substr(0, plain.size() - 4), "the headers say"},
       {plain + "more", "the headers say"},
+      {Large(17000), "a datagram of 17156 bytes, a node has room for 16520"},
       {With(plain, 4, 2), "the body's encoding is version 2, not 1"},
       {With(plain, 68, 4), "the origin word is 4"},
       {With(plain, 68, 1), "the origin word is 1; senders write 0"},
@@ -407,7 +408,7 @@ void WriteBroken(const std::string& path) {
   Capture capture(path + "broken.pcap");
   std::ofstream seen(path + "broken.txt");
   for (const Broken& broken : BrokenMessages()) {
-    capture.Datagram(broken.wire, 20000);
+    capture.Datagram(broken.wire, kSender);
     seen << judge.Error(broken.wire) << '\t' << broken.says << '\n';
   }
 }
@@ -429,7 +430,7 @@ void WriteStumble(const std::string& path) {
   std::ofstream seen(path + "stumble.txt");
   uint32_t sequence = 1;
   for (const Broken& step : steps) {
-    capture.Segment(step.wire, 20000, &sequence);
+    capture.Segment(step.wire, kSender, &sequence);
     seen << (*step.says ? MQ_BAD_MESSAGE : MQ_OK) << '\t' << step.says << '\n';
   }
 }
@@ -497,7 +498,7 @@ void WriteMutants(const std::string& path, Mutator* mutator) {
   std::ofstream seen(path + "mutants.txt");
   for (int i = 0; i < kMutants; ++i) {
     const Bytes wire = mutator->Mutant();
-    datagrams.Datagram(wire, 20000);
+    datagrams.Datagram(wire, kSender);
     seen << judge.Error(wire) << '\n';
   }
   for (uint16_t i = 0; i < kMutatedStreams; ++i) {
@@ -506,14 +507,14 @@ void WriteMutants(const std::string& path, Mutator* mutator) {
     uint32_t sequence = 1;
     for (size_t at = 0, size; at < stream.size(); at += size) {
       size = 1 + mutator->Below(mutator->Below(2) ? 40 : 1400);
-      streams.Segment(stream.substr(at, size), static_cast<uint16_t>(20000 + i), &sequence);
+      streams.Segment(stream.substr(at, size), static_cast<uint16_t>(kSender + i), &sequence);
     }
   }
   for (uint16_t i = 0; i < kNoise; ++i) {
     const Bytes bytes = mutator->Noise(1 + mutator->Below(400));
     uint32_t sequence = 1;
-    noise.Datagram(bytes, 20000);
-    noise.Segment(bytes, static_cast<uint16_t>(20000 + i), &sequence);
+    noise.Datagram(bytes, kSender);
+    noise.Segment(bytes, static_cast<uint16_t>(kSender + i), &sequence);
   }
 }
 
@@ -521,7 +522,7 @@ void WriteMutants(const std::string& path, Mutator* mutator) {
 
 std::string WriteSamples(const std::string& path, const std::vector<Bytes>& samples) {
   Capture capture(path + "samples.pcap");
-  uint16_t port = 20000;  // each on its own, to be recognised on its own
+  uint16_t port = kSender;  // each on its own, to be recognised on its own
   for (const Bytes& wire : samples) capture.Datagram(wire, port++);
   const std::string seen = ReadAll(samples);
   std::ofstream(path + "samples.txt") << seen;
@@ -535,7 +536,7 @@ void WriteStream(const std::string& path, const std::vector<Bytes>& messages, co
   Bytes stream;
   for (const Bytes& wire : messages) stream += wire;
   uint32_t sequence = 1;
-  for (size_t at = 0; at < stream.size(); at += size) capture.Segment(stream.substr(at, size), 20000, &sequence);
+  for (size_t at = 0; at < stream.size(); at += size) capture.Segment(stream.substr(at, size), kSender, &sequence);
 }
 
 }  // namespace
@@ -554,7 +555,7 @@ int main(int argc, char** argv) {
   WriteMutants(path, &mutator);
 
   for (size_t size : {1, 7}) WriteStream(path, samples, seen, size);
-  const Bytes large = Large();
+  const Bytes large = Large(100000);  // longer than any segment
   seen = ReadAll({large}) + seen;
   samples.insert(samples.begin(), large);
   for (size_t size : {100, 1460, 60000}) WriteStream(path, samples, seen, size);

@@ -16,7 +16,7 @@ local TRAILER = 96
 local MARK = "MQSIGN01"
 local MAX_MESSAGE = 67108864
 local MAX_PARAMS = 3740
-local DATAGRAM_ROOM = 16520  -- receive buffer of a datagram node as created, bytes
+local DATAGRAM_ROOM = 16520  -- longest datagram, unless the receiving host enlarges its node's buffer, bytes
 local WINDOW = 300           -- seconds between signing and receiving that a receiver accepts at first
 local TEXT_SHOWN = 65536     -- bytes of one text in the tree
 local INFO_TEXT = 40         -- bytes of one text in the Info column
@@ -87,7 +87,7 @@ local f = {
   nonce = ProtoField.bytes("mqnode.trailer.nonce", "Nonce"),
   signature = ProtoField.bytes("mqnode.trailer.signature", "Signature"),
 }
-for _, field in pairs(f) do table.insert(mqnode.fields, field) end
+mqnode.fields = f
 
 local function Malformed(name, text)
   return ProtoExpert.new("mqnode.expert." .. name, text, expert.group.MALFORMED, expert.severity.ERROR)
@@ -100,15 +100,15 @@ local x = {
   form = Malformed("form", "The flags of the sender's form contradict"),
   length = Malformed("length", "A length that no message has"),
   size = Malformed("size", "Lengths disagree"),
+  room = Malformed("room", "Longer than a datagram node's buffer"),
   body = Malformed("body", "The body cannot be taken apart"),
   sign = Malformed("signed", "The signed message cannot be authentic"),
   origin = Note("origin", "The origin word is not 0", expert.group.PROTOCOL, expert.severity.WARN),
-  room = Note("room", "Longer than a datagram node's buffer", expert.group.PROTOCOL, expert.severity.WARN),
   time = Note("time", "Signed long before or after the capture", expert.group.SECURITY, expert.severity.WARN),
   replay = Note("replay", "The nonce was seen before", expert.group.SECURITY, expert.severity.WARN),
   cut = Note("cut", "Not all of the message was captured", expert.group.UNDECODED, expert.severity.NOTE),
 }
-for _, info in pairs(x) do table.insert(mqnode.experts, info) end
+mqnode.experts = x
 
 -- ---- Bytes ----
 
@@ -541,10 +541,6 @@ local function ShowMessage(tvb, at, pinfo, root, shape)
   local m = {tvb = tvb, pinfo = pinfo, at = at, params = {}}
   m.item = root:add(mqnode, tvb(at, length))
   if shape.fault then Break(m, m.item, shape.info, BAD_MESSAGE, "%s", shape.fault) end
-  if shape.too_large then
-    m.item:add_proto_expert_info(x.room, string.format(
-      "%d bytes do not fit the %d that a datagram node has room for", shape.present, DATAGRAM_ROOM))
-  end
   if shape.need then
     Captured(m, m.item, at, shape.need)
     AddBytes(m, m.item, f.undecoded, at, shape.present)
@@ -556,6 +552,9 @@ local function ShowMessage(tvb, at, pinfo, root, shape)
     ShowPlain(m, shape)
   else
     ShowSigned(m, shape)
+  end
+  if shape.too_large then
+    Break(m, m.item, x.room, BAD_MESSAGE, "a datagram of %d bytes, a node has room for %d", shape.present, DATAGRAM_ROOM)
   end
   if m.error then m.item:add(f.error, m.error):set_generated() end
   local text = Describe(m, shape)
@@ -570,9 +569,9 @@ local function ShowColumns(pinfo, texts)
   if #texts == 0 then return end
   pinfo.cols.protocol = "mqnode"
   pinfo.cols.info:clear()
-  local before = tostring(pinfo.cols.info)
-  local text = Shorten(table.concat(texts, " | "), INFO_LENGTH)
-  pinfo.cols.info:append((before:find("%S") and before:sub(1, 1) ~= "(" and " | " or "") .. text)
+  local before = tostring(pinfo.cols.info)  -- "(nil)" when nobody wants columns
+  local is_first = before == "" or before == "(nil)"
+  pinfo.cols.info:append((is_first and "" or " | ") .. Shorten(table.concat(texts, " | "), INFO_LENGTH))
   pinfo.cols.info:fence()
 end
 
@@ -615,10 +614,12 @@ end
 
 local PT_UDP = 3
 
-function mqnode.dissector(tvb, pinfo, root)
+local function Dissect(tvb, pinfo, root)
   if pinfo.port_type == PT_UDP then return DissectDatagram(tvb, pinfo, root) end
   return DissectStream(tvb, pinfo, root)
 end
+
+mqnode.dissector = Dissect
 
 -- The first 16 bytes of a message are nearly fixed: that is enough to tell one.
 local function IsMessage(tvb)
@@ -633,7 +634,8 @@ end
 local function Recognise(tvb, pinfo, root)
   if not IsMessage(tvb) then return false end
   pinfo.conversation = mqnode
-  mqnode.dissector(tvb, pinfo, root)
+  -- Not through mqnode.dissector: a second dissector in the way may not ask TCP for more.
+  Dissect(tvb, pinfo, root)
   return true
 end
 
