@@ -137,6 +137,18 @@ void Table::Server() {
   Line("  processor       {:.1f} s", server_.cpuSeconds);
 }
 
+// 11 alone says only that there is more to come.
+const char* ReasonOf(const Event& event) {
+  switch (event.end) {
+    case End::kUnfinished:
+      return ", unfinished";
+    case End::kUnread:
+      return ", unread";
+    default:
+      return "";
+  }
+}
+
 std::string Fate(const RogueResult& result) {
   if (kPortTraits[result.rogue->port].isDatagram) return "no answer";
   if (result.rogue->code == MQ_OK) return result.tally->answers == 0 ? "no answer" : "answered like everybody";
@@ -148,7 +160,7 @@ void Table::Misbehaving() {
   Line("");
   Line("{}", Bold(fmt::format("{:<50}{:<28}{}", "a client that ...", "error at the server", "what it saw")));
   for (const RogueResult& result : verdict_.rogues) {
-    const std::string error = result.event == nullptr ? "none" : Code(result.event->code);
+    const std::string error = result.event == nullptr ? "none" : Code(result.event->code) + ReasonOf(*result.event);
     Line("  {:<48}{:<28}{}{}", result.rogue->name, error, Fate(result),
          result.right ? "" : Styled("31", "   <- not as it should be"));
   }
@@ -216,6 +228,8 @@ Json RogueJson(const RogueResult& result) {
           {"port", kPortTraits[result.rogue->port].name},
           {"code", code},
           {"error", mq_error_name(code)},
+          {"given_up",
+           result.event != nullptr && (result.event->end == End::kUnfinished || result.event->end == End::kUnread)},
           {"cut_off", result.tally->cutOff},
           {"seconds", result.tally->seconds},
           {"answers", result.tally->answers},

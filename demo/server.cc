@@ -17,9 +17,10 @@ namespace {
 
 constexpr int kWaitMsec = 50;
 constexpr double kScanSeconds = 0.1;
-constexpr double kPatience = 2.0;       // a peer that owes something may stand still for this long, seconds
-constexpr double kAbsence = 0.5;        // a scan that comes this late says that the server itself stood still
-constexpr int kDatagramsPerRound = 64;  // so that datagrams do not keep the connections waiting
+constexpr double kPatience = 2.0;  // a peer that owes something may stand still for this long, seconds
+constexpr double kAbsence = 0.5;   // a scan that comes this late says that the server itself stood still
+constexpr int kDatagramBuffer = 4 * 1024 * 1024;
+constexpr int kDatagramsPerRound = 256;  // so that datagrams do not keep the connections waiting
 constexpr int kSpareNodes = 64;
 constexpr uint32_t kReplayMemory = 1u << 20;
 
@@ -101,8 +102,10 @@ bool Server::OpenPort(Port port) {
   NodePtr& node = ports_[port];
   node.reset(traits.isDatagram ? CreateUDPMQNode(&addr) : CreateMQNode(&addr, MQ_ROLE_LISTEN));
   if (IsNodeFailed(node.get()) || !NoblockSocket(&node->sock)) return Fail("listen", node.get());
-  // Accepted connections take over the buffer sizes: small ones, so that large answers have to wait.
-  if (!traits.isDatagram && !mnSetBufferSize(node.get(), kSocketBuffer)) return Fail("buffer size", node.get());
+  // Accepted connections take over the buffer sizes: small ones, so that large answers have to wait. Datagrams of many
+  // clients meet in one buffer: the system gives as much as it allows.
+  if (!mnSetBufferSize(node.get(), traits.isDatagram ? kDatagramBuffer : kSocketBuffer))
+    return Fail("buffer size", node.get());
   shared_.ports[port] = PortOf(node->sock.fd);
   return shared_.ports[port] != 0 || Fail("port", node.get());
 }
@@ -326,8 +329,9 @@ void Server::CountError(int code) {
 }
 
 void Server::Note(Port port, uint32_t peerPort, End end, int code) {
-  if (tally_.eventCount < ServerTally::kMostEvents) tally_.events[tally_.eventCount] = {port, peerPort, end, code};
-  ++tally_.eventCount;
+  const uint32_t count = tally_.eventCount;
+  if (count < ServerTally::kMostEvents) tally_.events[count] = {port, peerPort, end, code};
+  tally_.eventCount = count + 1;  // only now may others look at the event
   CountError(code);
 }
 

@@ -82,11 +82,20 @@ struct ServerTally {
   uint64_t peakBuffers;  // bytes in receive buffers and write descriptors, looked at ten times a second
   uint64_t leftBlocks;   // allocated blocks after the last node was deleted
   double cpuSeconds;
-  uint32_t eventCount;  // may pass kMostEvents
+  std::atomic<uint32_t> eventCount;  // may pass kMostEvents; events before it may be read while the run goes on
   Event events[kMostEvents];
   uint32_t errorCount;
   ErrorTally errors[kMostErrors];
   char failure[256];  // why the server could not go on
+
+  // The first event with this peer; null when there is none.
+  const Event* FindEvent(Port port, uint32_t peerPort) const {
+    const uint32_t count = eventCount;
+    for (uint32_t i = 0; i < count && i < kMostEvents; ++i) {
+      if (events[i].port == port && events[i].peerPort == peerPort) return &events[i];
+    }
+    return nullptr;
+  }
 };
 
 // What a misbehaving client saw.
