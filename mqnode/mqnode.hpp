@@ -1,0 +1,695 @@
+// mqnode.hpp - nodes, messages, signers and waits as C++17 values. Header-only: nothing here is exported.
+//
+//   using namespace mqnode;
+//   Node node = Node::connector({"127.0.0.1", "4711"});
+//   Message msg = Message::create();
+//   if (msg && node.open() && msg.begin(7) && msg.add(1, "how is the weather?") && node.write(msg) && node.read(msg)) {
+//     for (const Param& param : msg.params()) std::cout << param.id() << ": " << param.text() << '\n';
+//   } else if (node.failed()) {
+//     std::cerr << node.status().name() << '\n';
+//   }
+//
+// Every type is a thin face of a record or handle of the C headers, which say what each operation does in full: here
+// stands only what is different. get() gives the pointer, record() the record; any C function may be called on them in
+// between, and nothing is kept beside them. A handle is as large as its pointer, and every operation is the one C call
+// that its comment names: the same system calls, the same allocations.
+//
+// Conventions
+//   Handles     Node, Message and Signer own what they hold, are moved and never copied, and release it at their end.
+//               release() gives it up, reset() replaces it. An empty handle converts to false: no memory, or moved from
+//   References  NodeRef and MessageRef have all operations and own nothing; a handle converts to one. They are
+//               pointers: cheap to copy, and const says nothing about the record
+//   Empty       operations of an empty handle or reference are not allowed, unless their line says otherwise
+//   Results     Result is what the C function returned and the code it left, true for success. What builds messages
+//               returns bool: MessageRef::error says in words what went wrong
+//   Exceptions  everything is noexcept; the header compiles with exceptions and run-time types switched off
+//   Threads     as in C: one record is used by one thread at a time
+#ifndef MQNODE_MQNODE_MQNODE_HPP
+#define MQNODE_MQNODE_MQNODE_HPP
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "companion/host.h"
+#include "mqnode/errors.h"
+#include "mqnode/mqnode.h"
+
+namespace mqnode {
+
+class NodeRef;
+class Node;
+
+// ---- Results ----
+
+// Result - outcome of an operation: what the C function returned and the code that it left. Its texts are those of
+// mqnode/errors.h and live as long as the process.
+class [[nodiscard]] Result {
+ public:
+  // place: MQ_IN_NODE, MQ_IN_SOCKET or MQ_IN_STATUS. cause: the code that says why.
+  constexpr Result(int value, int code, int cause, unsigned place) noexcept
+      : value_(value), code_(code), cause_(cause), place_(place) {}
+  constexpr Result(int value, int code, unsigned place) noexcept : Result(value, code, code, place) {}
+
+  constexpr explicit operator bool() const noexcept { return value_ != 0; }
+  constexpr int value() const noexcept { return value_; }
+
+  // The code where the operation leaves it: the node's error, the socket's, the status of a wait. May be nonzero beside
+  // a success: a write that was queued leaves 11.
+  constexpr int code() const noexcept { return code_; }
+  // The same, but for a write that was dropped: the node says 11 then, and this is what the socket says.
+  constexpr int cause() const noexcept { return cause_; }
+
+  // Not finished, nothing lost: wait and call again. False for a write that was dropped.
+  constexpr bool again() const noexcept { return cause_ == MQ_AGAIN; }
+  // Of a wait: nothing was ready in time.
+  constexpr bool timed_out() const noexcept { return place_ == MQ_IN_STATUS && code_ == SOCK_WAIT_TIMEOUT; }
+  // Of a read: the peer has ended the conversation, in order (9004) or not.
+  constexpr bool peer_gone() const noexcept { return code_ == SOCK_PEER_CLOSED || code_ == ECONNRESET; }
+
+  // The entry of the cause in the table of errors; null for a code that is not in it.
+  const MqErrorInfo* info() const noexcept {
+    const MqErrorInfo* const there = mq_error_find(cause_, place_);
+    return there != nullptr ? there : mq_error_find(cause_, MQ_IN_ANY);
+  }
+  const char* name() const noexcept { return info() != nullptr ? info()->name : mq_error_name(cause_); }
+  const char* meaning() const noexcept { return info() != nullptr ? info()->meaning : mq_error_meaning(cause_); }
+  const char* remedy() const noexcept { return info() != nullptr ? info()->remedy : mq_error_remedy(cause_); }
+
+ private:
+  int value_;
+  int code_;
+  int cause_;
+  unsigned place_;
+};
+
+// ErrorText - one line of text in which signers say why they could not be made; empty after a success.
+struct ErrorText {
+  char text[256] = "";
+  std::string_view view() const noexcept { return text; }
+};
+
+// ---- Views ----
+
+// Bytes - a view of bytes that lie somewhere else. Made from anything contiguous with elements of one byte, but for
+// string literals; converts to std::span<const std::uint8_t> where that exists.
+class Bytes {
+ public:
+  constexpr Bytes() noexcept = default;
+  Bytes(const void* data, std::size_t size) noexcept : data_(static_cast<const std::uint8_t*>(data)), size_(size) {}
+  template <class Range, class Element = std::remove_pointer_t<decltype(std::data(std::declval<const Range&>()))>,
+            std::enable_if_t<sizeof(Element) == 1 && std::is_trivially_copyable_v<std::remove_cv_t<Element>> &&
+                                 !(std::is_array_v<Range> && std::is_same_v<std::remove_cv_t<Element>, char>),
+                             int> = 0>
+  Bytes(const Range& range) noexcept : Bytes(static_cast<const void*>(std::data(range)), std::size(range)) {}
+
+  constexpr const std::uint8_t* data() const noexcept { return data_; }
+  constexpr std::size_t size() const noexcept { return size_; }
+  constexpr bool empty() const noexcept { return size_ == 0; }
+  constexpr const std::uint8_t* begin() const noexcept { return data_; }
+  constexpr const std::uint8_t* end() const noexcept { return data_ + size_; }
+  constexpr std::uint8_t operator[](std::size_t index) const noexcept { return data_[index]; }
+
+ private:
+  const std::uint8_t* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+namespace detail {
+
+// The text of a zero-filled field, which may lack a terminator.
+inline std::string_view text_of(const char* field, std::size_t size) noexcept { return {field, strnlen(field, size)}; }
+
+// Copies text into a field with its terminator, or otherwise when it has no room there or holds a zero byte.
+template <std::size_t size>
+void put_text(char (&field)[size], std::string_view text, std::string_view otherwise) noexcept {
+  const bool fits = text.size() < size && text.find('\0') == std::string_view::npos;
+  const std::string_view chosen = fits ? text : otherwise;
+  if (!chosen.empty()) std::memcpy(field, chosen.data(), chosen.size());
+}
+
+// Stands in a list for a node that was taken out of it; only its address counts.
+inline char removed_place;
+inline MQNode* removed() noexcept { return static_cast<MQNode*>(static_cast<void*>(&removed_place)); }
+
+// Owned - what Node, Message and Signer have in common: they own the pointer that their base holds.
+template <class Ref, auto destroy>
+class Owned : public Ref {
+ public:
+  using Pointer = decltype(std::declval<const Ref&>().get());
+
+  Owned() noexcept = default;
+  explicit Owned(Pointer pointer) noexcept : Ref(pointer) {}
+  Owned(Owned&& other) noexcept : Ref(other.release()) {}
+  Owned& operator=(Owned&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+  Owned(const Owned&) = delete;
+  Owned& operator=(const Owned&) = delete;
+  ~Owned() { reset(); }
+
+  // Gives the record up: the caller's from here on.
+  Pointer release() noexcept { return std::exchange(this->pointer_, nullptr); }
+  // Releases what is held and owns pointer instead. May be called on an empty handle.
+  void reset(Pointer pointer = nullptr) noexcept {
+    const Pointer old = std::exchange(this->pointer_, pointer);
+    if (old != nullptr) destroy(old);
+  }
+};
+
+}  // namespace detail
+
+// ---- Addresses ----
+
+// Address - a SockAddrRec that is filled in one line. The library's own names: host "*" for any address, "@" for the
+// local host, service "0" for a port that the kernel picks.
+// A text that does not fit its field is never cut: an address that does not resolve stands there instead, and the
+// operation that uses it fails with 9002 (service) or 9003 (host).
+struct Address : SockAddrRec {
+  Address() noexcept : SockAddrRec() {}
+  Address(const SockAddrRec& record) noexcept : SockAddrRec(record) {}
+  Address(std::string_view host_text, std::string_view service_text, std::string_view protocol_text = "tcp") noexcept
+      : SockAddrRec() {
+    detail::put_text(host, host_text, "..");
+    detail::put_text(service, service_text, "?");
+    detail::put_text(protocol, protocol_text, "?");
+  }
+};
+
+// ---- Messages ----
+
+// Param - one parameter of a message; false when there was none. The views hold until the record is written to.
+class Param {
+ public:
+  Param() noexcept : param_() {}
+  explicit Param(const MqcParam& param) noexcept : param_(param) {}
+
+  explicit operator bool() const noexcept { return param_.type != 0; }
+  const MqcParam& record() const noexcept { return param_; }
+  std::uint32_t id() const noexcept { return param_.id; }
+  std::uint32_t type() const noexcept { return param_.type; }  // an MqcType
+  bool is_number() const noexcept { return param_.type == MQC_INT32 || param_.type == MQC_INT64; }
+  bool is_text() const noexcept { return param_.type == MQC_TEXT; }
+  bool is_bytes() const noexcept { return param_.type == MQC_BYTES; }
+
+  // 0, an empty text and no bytes for a parameter of another type. The text is terminated behind its end.
+  std::int64_t number() const noexcept { return param_.number; }
+  std::string_view text() const noexcept {
+    return is_text() ? std::string_view(param_.text, param_.length) : std::string_view();
+  }
+  Bytes bytes() const noexcept { return is_bytes() ? Bytes(param_.bytes, param_.length) : Bytes(); }
+
+ private:
+  MqcParam param_;
+};
+
+// Params - the parameters of a message, in order, for a range-for; each is looked up when it is reached.
+class Params {
+ public:
+  class Iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Param;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const Param*;
+    using reference = Param;
+
+    Iterator(const PcfMessage* msg, std::uint32_t index) noexcept : msg_(msg), index_(index) {}
+    Param operator*() const noexcept {
+      MqcParam param;
+      mqc_param(msg_, index_, &param);
+      return Param(param);
+    }
+    Iterator& operator++() noexcept {
+      ++index_;
+      return *this;
+    }
+    Iterator operator++(int) noexcept { return {msg_, index_++}; }
+    bool operator==(const Iterator& other) const noexcept { return index_ == other.index_; }
+    bool operator!=(const Iterator& other) const noexcept { return index_ != other.index_; }
+
+   private:
+    const PcfMessage* msg_;
+    std::uint32_t index_;
+  };
+
+  explicit Params(const PcfMessage* msg) noexcept : msg_(msg) {}
+  Iterator begin() const noexcept { return {msg_, 0}; }
+  Iterator end() const noexcept { return {msg_, size()}; }
+  std::uint32_t size() const noexcept { return mqc_count(msg_); }
+  bool empty() const noexcept { return size() == 0; }
+  // False past the last one.
+  Param operator[](std::uint32_t index) const noexcept { return *Iterator(msg_, index); }
+
+ private:
+  const PcfMessage* msg_;
+};
+
+// MessageRef - a message record, owned elsewhere. companion/host.h describes building and reading.
+class MessageRef {
+ public:
+  MessageRef() noexcept = default;
+  MessageRef(PcfMessage* msg) noexcept : pointer_(msg) {}
+
+  PcfMessage* get() const noexcept { return pointer_; }
+  PcfMessage& record() const noexcept { return *pointer_; }
+  explicit operator bool() const noexcept { return pointer_ != nullptr; }
+
+  // Writing: mqc_begin, mqc_add_int32, mqc_add_int64, mqc_add_text, mqc_add_bytes.
+  [[nodiscard]] bool begin(std::uint32_t command) const noexcept { return mqc_begin(pointer_, command) != 0; }
+  [[nodiscard]] bool add(std::uint32_t id, std::int32_t number) const noexcept {
+    return mqc_add_int32(pointer_, id, number) != 0;
+  }
+  [[nodiscard]] bool add(std::uint32_t id, std::int64_t number) const noexcept {
+    return mqc_add_int64(pointer_, id, number) != 0;
+  }
+  // Text ends at its first zero byte. A std::string_view has no terminator: make a std::string of it.
+  [[nodiscard]] bool add(std::uint32_t id, const char* text) const noexcept {
+    return mqc_add_text(pointer_, id, text) != 0;
+  }
+  [[nodiscard]] bool add(std::uint32_t id, const std::string& text) const noexcept { return add(id, text.c_str()); }
+  [[nodiscard]] bool add(std::uint32_t id, Bytes bytes) const noexcept {
+    const auto length = static_cast<std::uint32_t>(bytes.size() < UINT32_MAX ? bytes.size() : UINT32_MAX);
+    return mqc_add_bytes(pointer_, id, bytes.data(), length) != 0;
+  }
+  // Numbers travel in 32 or 64 bits, signed: say which by converting.
+  template <class Number, std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
+  bool add(std::uint32_t id, Number number) const = delete;
+  bool add(std::uint32_t id, std::string_view text) const = delete;
+
+  // Reading: mqc_command, mqc_param, mqc_find.
+  std::uint32_t command() const noexcept { return mqc_command(pointer_); }
+  Params params() const noexcept { return Params(pointer_); }
+  // The first parameter with this id; false when there is none.
+  Param find(std::uint32_t id) const noexcept {
+    MqcParam param;
+    mqc_find(pointer_, id, &param);
+    return Param(param);
+  }
+  // The value of the first parameter with this id, otherwise when there is none or it is of another type.
+  std::int64_t number_or(std::uint32_t id, std::int64_t otherwise) const noexcept {
+    const Param param = find(id);
+    return param.is_number() ? param.number() : otherwise;
+  }
+  std::string_view text_or(std::uint32_t id, std::string_view otherwise) const noexcept {
+    const Param param = find(id);
+    return param.is_text() ? param.text() : otherwise;
+  }
+
+  // Who sent the message that was read last: after a signed read the user whose key signed, after a plain one what the
+  // sender claimed.
+  std::string_view sender() const noexcept {
+    return detail::text_of(pointer_->secHeader.userId, sizeof pointer_->secHeader.userId);
+  }
+  // User and program in the message's header; empty for a record without a raw message.
+  std::string_view user() const noexcept { return header_text(offsetof(MsgHeader, userId), sizeof(MsgHeader::userId)); }
+  std::string_view application() const noexcept {
+    return header_text(offsetof(MsgHeader, applName), sizeof(MsgHeader::applName));
+  }
+
+  // The raw form, header included. Holds until the record is written to.
+  Bytes raw() const noexcept { return {pointer_->raw.data, pointer_->raw.length}; }
+
+  // Why the last begin, add or read of this record failed; empty when it succeeded.
+  std::string_view error() const noexcept { return mqc_message_error(pointer_); }
+
+ protected:
+  PcfMessage* pointer_ = nullptr;
+
+ private:
+  std::string_view header_text(std::size_t offset, std::size_t size) const noexcept {
+    const PcfRawData& raw = pointer_->raw;
+    if (raw.data == nullptr || raw.capacity < sizeof(MsgHeader) || raw.length < sizeof(MsgHeader)) return {};
+    return detail::text_of(reinterpret_cast<const char*>(raw.data) + offset, size);
+  }
+};
+
+// Message - a message record that it owns.
+class Message : public detail::Owned<MessageRef, mqc_message_free> {
+ public:
+  using Owned::Owned;
+
+  // mqc_message_new. Empty without memory.
+  static Message create(std::uint32_t capacity = 0) noexcept { return Message(mqc_message_new(capacity)); }
+};
+
+// ---- Signers ----
+
+namespace detail {
+
+class SignerRef {
+ public:
+  SignerRef() noexcept = default;
+  explicit SignerRef(MqcSigner* signer) noexcept : pointer_(signer) {}
+  MqcSigner* get() const noexcept { return pointer_; }
+  explicit operator bool() const noexcept { return pointer_ != nullptr; }
+
+  std::string_view user() const noexcept { return mqc_signer_user(pointer_); }
+  void public_key(std::uint8_t (&key)[MQC_KEY_BYTES]) const noexcept { mqc_signer_public_key(pointer_, key); }
+
+ protected:
+  MqcSigner* pointer_ = nullptr;
+};
+
+}  // namespace detail
+
+// Signer - a user and a secret key, which it owns and wipes at its end. No write may be using it then.
+class Signer : public detail::Owned<detail::SignerRef, mqc_signer_free> {
+ public:
+  using Owned::Owned;
+
+  // mqc_signer_new. Empty after a failure, why says which, unless it is null.
+  static Signer create(const char* user, const std::uint8_t (&secret_key)[MQC_KEY_BYTES],
+                       ErrorText* why = nullptr) noexcept {
+    return Signer(mqc_signer_new(user, secret_key, why ? why->text : nullptr, why ? sizeof why->text : 0));
+  }
+  // mqc_signer_load. user null: the only key in the file. Empty after a failure, as above.
+  static Signer load(const char* path, const char* user = nullptr, ErrorText* why = nullptr) noexcept {
+    return Signer(mqc_signer_load(path, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
+  }
+};
+
+// ---- Nodes ----
+
+// NodeRef - a node, owned elsewhere: what a trace callback gets, what a wait lists.
+class NodeRef {
+ public:
+  NodeRef() noexcept = default;
+  NodeRef(MQNode* node) noexcept : pointer_(node) {}
+
+  MQNode* get() const noexcept { return pointer_; }
+  MQNode& record() const noexcept { return *pointer_; }
+  explicit operator bool() const noexcept { return pointer_ != nullptr; }
+  friend bool operator==(NodeRef a, NodeRef b) noexcept { return a.pointer_ == b.pointer_; }
+  friend bool operator!=(NodeRef a, NodeRef b) noexcept { return a.pointer_ != b.pointer_; }
+
+  // mnOpen, of a connecting node.
+  Result open() const noexcept { return outcome(mnOpen(pointer_)); }
+  // mnOpen, of a listening node: child becomes one waiting connection, what it held is released. False with again()
+  // when nothing waits on a non-blocking node; false with ENOMEM when there was no memory for the child and the
+  // connection was closed. child stays as it was then.
+  Result accept(Node& child) const noexcept;
+  // mnClose. Only deleting is of use afterwards.
+  void close() const noexcept { mnClose(pointer_); }
+
+  // mnRead, mnSRead, mnBrowse. Unfinished with again(): what came is kept, call again when there is more.
+  Result read(MessageRef msg) const noexcept { return outcome(mnRead(msg.get(), pointer_)); }
+  Result read_signed(MessageRef msg) const noexcept { return outcome(mnSRead(msg.get(), pointer_, 1, nullptr)); }
+  Result browse(MessageRef msg) const noexcept { return outcome(mnBrowse(msg.get(), pointer_)); }
+
+  // mnWrite, mnSWrite on a stream node; mnWriteTo, mnSWriteTo on a datagram node, where to may not be sender() itself
+  // but a copy. True: sent or queued, the record may be used again.
+  Result write(MessageRef msg) const noexcept { return written(mnWrite(msg.get(), pointer_)); }
+  Result write_to(MessageRef msg, SockAddrRec& to) const noexcept {
+    return written(mnWriteTo(msg.get(), pointer_, &to));
+  }
+  Result write_signed(MessageRef msg, const Signer& signer) const noexcept {
+    return written(mnSWrite(msg.get(), pointer_, 1, signer.get()));
+  }
+  Result write_signed_to(MessageRef msg, SockAddrRec& to, const Signer& signer) const noexcept {
+    return written(mnSWriteTo(msg.get(), pointer_, &to, 1, signer.get()));
+  }
+
+  // mnFinishWrite, mnIsPendingIO, mnClearPeningIO.
+  Result finish_write() const noexcept { return written(mnFinishWrite(pointer_)); }
+  bool has_pending() const noexcept { return mnIsPendingIO(pointer_) != 0; }
+  void discard_pending() const noexcept { mnClearPeningIO(pointer_); }
+
+  // IsNodeFailed: the last operation failed, or is unfinished. True for an empty one too.
+  bool failed() const noexcept { return IsNodeFailed(pointer_) != 0; }
+  // What the last operation left in the node, creation included; of an empty one ENOMEM. True unless failed().
+  Result status() const noexcept { return pointer_ != nullptr ? outcome(!failed()) : Result(0, ENOMEM, MQ_IN_SOCKET); }
+
+  // NoblockSocket or BlockSocket, SetTcpNoDelay, mnSetBufferSize (bytes).
+  Result set_blocking(bool on) const noexcept {
+    return of_socket(on ? BlockSocket(&pointer_->sock) : NoblockSocket(&pointer_->sock));
+  }
+  Result set_no_delay(bool on) const noexcept { return of_socket(SetTcpNoDelay(&pointer_->sock, on ? 1 : 0)); }
+  Result set_buffer_size(std::uint32_t size) const noexcept { return of_socket(mnSetBufferSize(pointer_, size)); }
+  // Most writes that may be outstanding; 0 or less: no limit.
+  void set_write_limit(std::int32_t writes) const noexcept { pointer_->writeLimit = writes; }
+  // mnSetTraceCallBack; null for none.
+  void set_trace(MQNodeTraceFn trace) const noexcept { mnSetTraceCallBack(trace, pointer_); }
+
+  bool is_open() const noexcept { return pointer_->openState != 0; }
+  bool is_listening() const noexcept { return pointer_->role == MQ_ROLE_LISTEN; }
+  int descriptor() const noexcept { return pointer_->sock.fd; }
+  std::string_view host() const noexcept { return detail::text_of(pointer_->host, sizeof pointer_->host); }
+  std::string_view user() const noexcept { return detail::text_of(pointer_->user, sizeof pointer_->user); }
+  std::string_view application() const noexcept {
+    return detail::text_of(pointer_->applName, sizeof pointer_->applName);
+  }
+  // GetFromAddr: who sent the last datagram, or the target of a connect.
+  Address sender() const noexcept { return pointer_->sock.from; }
+  // The port that the socket is bound to, as getsockname says; -1 when it cannot be told.
+  int local_port() const noexcept {
+    sockaddr_in bound = {};
+    socklen_t size = sizeof bound;
+    if (getsockname(descriptor(), reinterpret_cast<sockaddr*>(&bound), &size) != 0) return -1;
+    return ntohs(bound.sin_port);
+  }
+
+ protected:
+  MQNode* pointer_ = nullptr;
+
+ private:
+  // A code that the node took over from its socket is read as the socket's: 105 means another thing in a node.
+  Result outcome(int value) const noexcept {
+    const int code = pointer_->error;
+    return {value, code, code == pointer_->sock.error && code != MQ_AGAIN ? MQ_IN_SOCKET : MQ_IN_NODE};
+  }
+  // A write that was dropped leaves 11 in the node, and the reason in its socket: 0 and 11 there mean no memory.
+  Result written(int value) const noexcept {
+    if (value != 0 || pointer_->error != MQ_AGAIN) return outcome(value);
+    const int reason = pointer_->sock.error;
+    return {value, MQ_AGAIN, reason != 0 && reason != SOCK_WOULD_BLOCK ? reason : ENOMEM, MQ_IN_SOCKET};
+  }
+  Result of_socket(int value) const noexcept { return {value, pointer_->sock.error, MQ_IN_SOCKET}; }
+};
+
+// Node - a node that it owns. A creator gives a node as soon as there was memory for its record, with the outcome of
+// the socket calls in status(): test failed() before use. Creation options stand for the C functions' own: address
+// reuse is off without one.
+class Node : public detail::Owned<NodeRef, DeleteMQNode> {
+ public:
+  using Owned::Owned;
+
+  // CreateMQNode and CreateMQNodeWithOpt: a node that connects to addr when it is opened.
+  static Node connector(Address addr) noexcept { return Node(CreateMQNode(&addr, MQ_ROLE_CONNECT)); }
+  static Node connector(Address addr, SockOption option) noexcept {
+    return Node(CreateMQNodeWithOpt(&addr, MQ_ROLE_CONNECT, &option));
+  }
+  // The same: a node that is bound to addr and listens.
+  static Node listener(Address addr) noexcept { return Node(CreateMQNode(&addr, MQ_ROLE_LISTEN)); }
+  static Node listener(Address addr, SockOption option) noexcept {
+    return Node(CreateMQNodeWithOpt(&addr, MQ_ROLE_LISTEN, &option));
+  }
+  // CreateUDPMQNode and CreateUDPMQNodeWithOpt: a datagram node, bound to addr and open.
+  static Node datagram(Address addr) noexcept { return Node(CreateUDPMQNode(&addr)); }
+  static Node datagram(Address addr, SockOption option) noexcept {
+    return Node(CreateUDPMQNodeWithOpt(&addr, &option));
+  }
+  // CreateAndBindMQNode over an open TCP descriptor, which the node owns from here on; without memory for the node it
+  // stays the caller's. role: MQ_ROLE_CONNECT for a connected one, MQ_ROLE_LISTEN.
+  static Node adopt(int descriptor, int role) noexcept {
+    SockRec sock;
+    CreateSocketFromExisting(&sock, descriptor);
+    return Node(CreateAndBindMQNode(&sock, role));
+  }
+};
+
+inline Result NodeRef::accept(Node& child) const noexcept {
+  const int value = mnOpen(pointer_);
+  if (value == 0) return outcome(0);
+  MQNode* const accepted = std::exchange(pointer_->child, nullptr);
+  if (accepted == nullptr) return {0, ENOMEM, MQ_IN_SOCKET};
+  child.reset(accepted);
+  return {value, MQ_OK, MQ_IN_NODE};
+}
+
+// ---- Waits ----
+
+// Nodes - a null-terminated list of nodes, for a range-for.
+class Nodes {
+ public:
+  struct End {};
+  class Iterator {
+   public:
+    explicit Iterator(MQNode* const* place) noexcept : place_(place) { pass_removed(); }
+    NodeRef operator*() const noexcept { return *place_; }
+    Iterator& operator++() noexcept {
+      ++place_;
+      pass_removed();
+      return *this;
+    }
+    friend bool operator!=(const Iterator& at, End) noexcept { return *at.place_ != nullptr; }
+
+   private:
+    void pass_removed() noexcept {
+      while (*place_ == detail::removed()) ++place_;
+    }
+
+    MQNode* const* place_;
+  };
+
+  explicit Nodes(MQNode* const* first) noexcept : first_(first) {}
+  Iterator begin() const noexcept { return Iterator(first_); }
+  End end() const noexcept { return {}; }
+  bool empty() const noexcept { return !(begin() != end()); }
+  NodeRef front() const noexcept { return *begin(); }  // empty when the list is
+
+ private:
+  MQNode* const* first_;
+};
+
+// WaitSet - the nodes to wait on, the work record of the waits and the lists of what is ready. It owns no node: take a
+// node out (remove) before it is deleted.
+//
+//   for (set.add(listener);;) {
+//     if (const Result ready = set.wait(100ms); !ready && !ready.timed_out()) return ready;
+//     for (NodeRef node : set.writable()) ...
+//     for (NodeRef node : set.readable()) ...
+//     for (NodeRef node : set.listening()) ...
+//   }
+//
+// In a loop over a ready list nodes may be added, and removed and then deleted, the one in hand and any other: a node
+// that was removed disappears from all lists.
+//
+// Memory: the list of nodes grows by doubling in add, the rest once in the wait that follows. A wait after which
+// nothing was added allocates what the C function allocates: nothing while every descriptor is below 1024.
+class WaitSet {
+ public:
+  WaitSet() noexcept = default;
+  WaitSet(WaitSet&& other) noexcept { swap(other); }
+  WaitSet& operator=(WaitSet&& other) noexcept {
+    WaitSet(std::move(other)).swap(*this);
+    return *this;
+  }
+  WaitSet(const WaitSet&) = delete;
+  WaitSet& operator=(const WaitSet&) = delete;
+  ~WaitSet() {
+    FreeSocketPostData(&work_);
+    std::free(ready_);
+    std::free(nodes_);
+  }
+
+  // False without memory. Nodes are listed in the order in which they were added.
+  [[nodiscard]] bool add(NodeRef node) noexcept {
+    if (size_ + 1 >= room_ && !grow()) return false;
+    nodes_[size_++] = node.get();
+    nodes_[size_] = nullptr;
+    return true;
+  }
+
+  // False for a node that is not in the set.
+  bool remove(NodeRef node) noexcept {
+    int at = 0;
+    while (at < size_ && nodes_[at] != node.get()) ++at;
+    if (at == size_) return false;
+    std::memmove(nodes_ + at, nodes_ + at + 1, sizeof *nodes_ * static_cast<std::size_t>(size_ - at));
+    --size_;
+    for (int list = 0; ready_ != nullptr && list < kLists; ++list) {
+      for (MQNode** entry = ready_ + list * ready_room_; *entry != nullptr; ++entry) {
+        if (*entry == node.get()) *entry = detail::removed();
+      }
+    }
+    return true;
+  }
+
+  int size() const noexcept { return size_; }
+  // All nodes. Not to be added to or removed from in a loop over it.
+  Nodes nodes() const noexcept { return Nodes(nodes_ != nullptr ? nodes_ : &kNone); }
+  // The work record, for the C functions; of size 0 before the first wait.
+  SockPostData& record() noexcept { return work_; }
+
+  // mnNPostExMSec: wait until a node can be accepted on, read or written, or the time is over. True: the lists below
+  // say which; else they are empty and the status says why: timed_out(), EINTR after a signal, ENOMEM.
+  Result wait(std::chrono::milliseconds time) noexcept { return wait_for(time, true); }
+  // mnPostExMSec: the same without writing.
+  Result wait_readable(std::chrono::milliseconds time) noexcept { return wait_for(time, false); }
+
+  // The outcome of the last wait: nodes to accept on, to read, to finish writing on or whose connect came to its end.
+  Nodes listening() const noexcept { return Nodes(first_of(kListening)); }
+  Nodes readable() const noexcept { return Nodes(first_of(kReadable)); }
+  Nodes writable() const noexcept { return Nodes(first_of(kWritable)); }
+
+ private:
+  enum { kListening, kReadable, kWritable, kLists };
+  static constexpr int kFirstRoom = 16;
+  static constexpr MQNode* kNone = nullptr;
+
+  MQNode* const* first_of(int list) const noexcept { return ready_ != nullptr ? ready_ + list * ready_room_ : &kNone; }
+
+  void swap(WaitSet& other) noexcept {
+    std::swap(work_, other.work_);
+    std::swap(nodes_, other.nodes_);
+    std::swap(ready_, other.ready_);
+    std::swap(size_, other.size_);
+    std::swap(room_, other.room_);
+    std::swap(ready_room_, other.ready_room_);
+  }
+
+  bool grow() noexcept {
+    if (room_ > INT_MAX / 2) return false;
+    const int room = room_ == 0 ? kFirstRoom : room_ * 2;
+    void* const block = std::realloc(nodes_, sizeof *nodes_ * static_cast<std::size_t>(room));
+    if (block == nullptr) return false;
+    nodes_ = static_cast<MQNode**>(block);
+    if (room_ == 0) nodes_[0] = nullptr;
+    room_ = room;
+    return true;
+  }
+
+  // Makes the lists and the work record as large as the list of nodes. Not done in add: loops over the lists go on.
+  bool prepare() noexcept {
+    if (nodes_ == nullptr && !grow()) return false;
+    if (ready_room_ == room_) return true;
+    std::free(ready_);
+    FreeSocketPostData(&work_);
+    ready_room_ = 0;
+    ready_ = static_cast<MQNode**>(std::calloc(static_cast<std::size_t>(room_) * kLists, sizeof *ready_));
+    if (ready_ == nullptr || !InitSocketPostData(&work_, room_)) return false;
+    ready_room_ = room_;
+    return true;
+  }
+
+  Result wait_for(std::chrono::milliseconds time, bool writing) noexcept {
+    int status = ENOMEM;
+    if (!prepare()) return {0, status, MQ_IN_STATUS};
+    const int most = static_cast<int>(time.count() < 0 ? 0 : time.count() > INT_MAX ? INT_MAX : time.count());
+    MQNode** const listening = ready_;
+    MQNode** const readable = ready_ + ready_room_;
+    MQNode** const writable = ready_ + 2 * ready_room_;
+    *listening = *readable = *writable = nullptr;
+    const int value = writing ? mnNPostExMSec(nodes_, listening, readable, writable, most, &status, &work_)
+                              : mnPostExMSec(nodes_, listening, readable, most, &status, &work_);
+    return {value, status, MQ_IN_STATUS};
+  }
+
+  SockPostData work_ = {};
+  MQNode** nodes_ = nullptr;  // size_ nodes and a null pointer, in room_ entries
+  MQNode** ready_ = nullptr;  // three lists of ready_room_ entries
+  int size_ = 0;
+  int room_ = 0;
+  int ready_room_ = 0;
+};
+
+static_assert(sizeof(Node) == sizeof(MQNode*) && sizeof(Message) == sizeof(PcfMessage*), "a handle is its pointer");
+static_assert(sizeof(Signer) == sizeof(MqcSigner*) && sizeof(Address) == sizeof(SockAddrRec), "nothing is added");
+
+}  // namespace mqnode
+
+#endif
