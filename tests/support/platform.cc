@@ -525,12 +525,13 @@ time_t time(time_t* out) noexcept {
   return now;
 }
 
+// A companion may leave any errno behind.
 void LOGMSG(const char* text, int kind) {
   REAL(LOGMSG);
-  if (InLibrary(__builtin_return_address(0))) {
-    Record({"LOGMSG", Text(text) + ", " + std::to_string(kind)});
-  }
+  FOREIGN(real(text, kind));
+  Record({"LOGMSG", Text(text) + ", " + std::to_string(kind)});
   real(text, kind);
+  errno = EBADMSG;
 }
 
 // The allocator: the sanitizers' own when they are there.
