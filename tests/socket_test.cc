@@ -830,7 +830,7 @@ TEST_F(TransferTest, DatagramsNoteTheirSender) {
   rec_.type = 3;
   rec_.from = {};
   peer_.SendTo(port_, "other");
-  EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "1 0/0 0 10 0");
+  EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "1 0/5 0 10 0");
   EXPECT_EQ(Text(rec_.from), "- - - - 0") << "no type that notes senders";
 }
 
