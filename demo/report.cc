@@ -95,9 +95,10 @@ void Table::Head() {
   Line("");
   Line("{}", Bold("mqdemo: one server with one thread, and everybody at once, on 127.0.0.1"));
   Line(
-      "{} honest clients in {} process{}, {} misbehaving; connected in {:.1f} s, then {:.1f} s of questions and "
+      "{} honest client{} in {} process{}, {} misbehaving; connected in {:.1f} s, then {:.1f} s of questions and "
       "answers",
-      options_.clients, options_.processes, options_.processes == 1 ? "" : "es",
+      options_.clients, Plural(static_cast<uint64_t>(options_.clients)), options_.processes,
+      options_.processes == 1 ? "" : "es",
       std::count_if(verdict_.rogues.begin(), verdict_.rogues.end(),
                     [](const RogueResult& result) { return result.rogue->code != MQ_OK; }),
       course_.connecting, course_.talking);
@@ -178,8 +179,9 @@ void Table::Errors() {
 void Table::Outcome() {
   Line("");
   if (verdict_.problems.empty()) {
-    Line("{} {} questions, {} answers, every one compared byte for byte; nobody honest noticed anything.",
-         Styled("1;32", "All right:"), Grouped(verdict_.all.questions), Grouped(verdict_.all.answers));
+    Line("{} {} question{}, {} answer{}, every one compared byte for byte; nobody honest noticed anything.",
+         Styled("1;32", "All right:"), Grouped(verdict_.all.questions), Plural(verdict_.all.questions),
+         Grouped(verdict_.all.answers), Plural(verdict_.all.answers));
     return;
   }
   Line("{}", Styled("1;31", "Not right:"));

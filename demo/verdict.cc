@@ -29,7 +29,7 @@ void Expect(Problems* problems, std::string_view what, uint64_t is, uint64_t exp
   if (is != expected) problems->push_back(fmt::format("{}: {} instead of {}", what, is, expected));
 }
 
-void CheckClients(const Shared& shared, const Verdict& verdict, const Options& options, Problems* problems) {
+void CheckClients(const Shared& shared, const Options& options, Problems* problems) {
   for (int i = 0; i < options.processes; ++i) {
     const WorkerTally& worker = shared.workers[i];
     if (worker.failures != 0) {
@@ -38,11 +38,6 @@ void CheckClients(const Shared& shared, const Verdict& verdict, const Options& o
     } else if (worker.firstFailure[0] != '\0') {
       problems->push_back(fmt::format("client process {}: {}", i + 1, worker.firstFailure));
     }
-  }
-  Expect(problems, "clients that connected", verdict.all.clients, static_cast<uint64_t>(options.clients));
-  for (int kind = 0; kind < kKinds; ++kind) {
-    const KindTally& tally = verdict.kinds[static_cast<size_t>(kind)];
-    Expect(problems, fmt::format("{}: answers", kKindTraits[kind].name), tally.answers, tally.questions);
   }
 }
 
@@ -69,6 +64,17 @@ void CheckPort(const PortTally& server, const KindTally& clients, int port, Prob
   Expect(problems, fmt::format("{}: answers that the server wrote", name), server.answers, clients.answers);
   Expect(problems, fmt::format("{}: bytes that the server read", name), server.bytesReceived, clients.bytesSent);
   Expect(problems, fmt::format("{}: bytes that the server wrote", name), server.bytesSent, clients.bytesReceived);
+}
+
+void CheckCounts(const Shared& shared, const Verdict& verdict, const Options& options, Problems* problems) {
+  Expect(problems, "clients that connected", verdict.all.clients, static_cast<uint64_t>(options.clients));
+  for (int kind = 0; kind < kKinds; ++kind) {
+    const KindTally& tally = verdict.kinds[static_cast<size_t>(kind)];
+    Expect(problems, fmt::format("{}: answers", kKindTraits[kind].name), tally.answers, tally.questions);
+  }
+  for (int port = 0; port < kPorts; ++port) {
+    CheckPort(shared.server.ports[port], SumOfPort(verdict, port), port, problems);
+  }
 }
 
 RogueResult JudgeRogue(const ServerTally& server, const Rogue& rogue, const RogueTally& tally) {
@@ -139,11 +145,9 @@ Verdict Judge(const Shared& shared, const Options& options, const Course& course
   }
   // What went wrong from outside comes first: it explains the rest, and without it the rest would only repeat it.
   verdict.problems = course.problems;
-  CheckClients(shared, verdict, options, &verdict.problems);
+  CheckClients(shared, options, &verdict.problems);
   if (!course.problems.empty()) return verdict;
-  for (int port = 0; port < kPorts; ++port) {
-    CheckPort(shared.server.ports[port], SumOfPort(verdict, port), port, &verdict.problems);
-  }
+  CheckCounts(shared, verdict, options, &verdict.problems);
   CheckRogues(shared.server, verdict, &verdict.problems);
   CheckServer(shared.server, verdict, options, &verdict.problems);
   return verdict;
