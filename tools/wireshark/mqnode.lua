@@ -93,7 +93,9 @@ local function Malformed(name, text)
   return ProtoExpert.new("mqnode.expert." .. name, text, expert.group.MALFORMED, expert.severity.ERROR)
 end
 
-local function Note(name, text, group, severity) return ProtoExpert.new("mqnode.expert." .. name, text, group, severity) end
+local function Note(name, text, group, severity)
+  return ProtoExpert.new("mqnode.expert." .. name, text, group, severity)
+end
 
 local x = {
   first = Malformed("first_word", "The first word is not the length of a header"),
@@ -213,8 +215,8 @@ end
 
 -- ---- Headers ----
 
--- The form in which a header or an envelope was written: little, ebcdic. With a fault and its expert info when the words
--- contradict. At least 16 bytes of it are held.
+-- The form in which a header or an envelope was written: little, ebcdic. With a fault and its expert info when the
+-- words contradict. At least 16 bytes of it are held.
 local function FormOf(tvb, at, length)
   local form = {little = Word(tvb, at, true) == length}
   if not form.little and Word(tvb, at, false) ~= length then
@@ -315,8 +317,8 @@ local function CheckValue(m, tree, param, Fail)
   end
 end
 
--- Shows the parameter at `at`; room is what the body has behind its head. Returns where the next one begins, nil when the
--- walk ends here.
+-- Shows the parameter at `at`; room is what the body has behind its head. Returns where the next one begins, nil when
+-- the walk ends here.
 local function ShowParam(m, body, index, at, room, form)
   local tvb = m.tvb
   local param = {id = Word(tvb, at, form.little), type = Word(tvb, at + 4, form.little),
@@ -554,7 +556,8 @@ local function ShowMessage(tvb, at, pinfo, root, shape)
     ShowSigned(m, shape)
   end
   if shape.too_large then
-    Break(m, m.item, x.room, BAD_MESSAGE, "a datagram of %d bytes, a node has room for %d", shape.present, DATAGRAM_ROOM)
+    Break(m, m.item, x.room, BAD_MESSAGE, "a datagram of %d bytes, a node has room for %d", shape.present,
+          DATAGRAM_ROOM)
   end
   if m.error then m.item:add(f.error, m.error):set_generated() end
   local text = Describe(m, shape)
@@ -575,10 +578,11 @@ local function ShowColumns(pinfo, texts)
   pinfo.cols.info:fence()
 end
 
--- Whether TCP was asked for the bytes that the message at `at` still lacks.
+-- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) when it
+-- does not reassemble, or when packets were cut.
 local function AskForMore(tvb, at, pinfo, shape)
   local lacking = (shape.need or shape.total or 0) - (tvb:len() - at)
-  if lacking <= 0 or pinfo.can_desegment == 0 or tvb:reported_len() > tvb:len() then return false end
+  if lacking <= 0 or pinfo.can_desegment == 0 then return false end
   pinfo.desegment_offset = at
   pinfo.desegment_len = lacking
   return true
