@@ -78,6 +78,7 @@ bool Print(const std::string& text) {
 
 int RunDemo(const Options& options) {
   signal(SIGPIPE, SIG_IGN);
+  unsetenv("TEVRA_HOME");  // with it every node would start a shell to learn the name of this program
   if (const std::string why = RaiseDescriptorLimit(options); !why.empty()) return Cannot(why);
   Shared* const shared = NewShared();
   if (shared == nullptr) return Cannot("no memory to share between processes");
