@@ -1,0 +1,19 @@
+// address.hh - host and service from the command line, checked and resolved before a node sees them.
+#pragma once
+
+#include <string>
+
+#include "socksin/record.h"
+
+namespace mqcat {
+
+enum class Transport { kTcp, kUdp };
+
+// The record for a node. The host is a name, a dotted quad, "@" (this host) or "*" (any address); the service is a name
+// or a port from 0 to 65535. Throws a Failure that names what does not resolve.
+SockAddrRec MakeAddress(const std::string& host, const std::string& service, Transport transport);
+
+// "127.0.0.1:5000" of a record whose ip and port are set; the host where there is no ip.
+std::string AddressText(const SockAddrRec& address);
+
+}  // namespace mqcat

@@ -1,0 +1,175 @@
+// capture.cc - see capture.hh. Packets are in pcap.cc.
+#include "capture.hh"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <optional>
+
+#include "decode.hh"
+#include "fmt/format.h"
+
+namespace mqcat {
+namespace {
+
+constexpr uint64_t kMaxRepeat = 64u << 20;  // bytes that one '*' stands for
+constexpr std::array<std::array<uint8_t, 4>, 4> kPcapMarks = {
+    {{0xa1, 0xb2, 0xc3, 0xd4}, {0xd4, 0xc3, 0xb2, 0xa1}, {0xa1, 0xb2, 0x3c, 0x4d}, {0x4d, 0x3c, 0xb2, 0xa1}}};
+constexpr std::array<uint8_t, 4> kPcapNgMark = {0x0a, 0x0d, 0x0d, 0x0a};
+
+bool StartsWith(Bytes bytes, const std::array<uint8_t, 4>& mark) {
+  return bytes.size() >= mark.size() && std::equal(mark.begin(), mark.end(), bytes.begin());
+}
+
+bool IsPcap(Bytes file) {
+  return std::any_of(kPcapMarks.begin(), kPcapMarks.end(), [file](const auto& mark) { return StartsWith(file, mark); });
+}
+
+bool IsHexDigits(std::string_view word) {
+  return !word.empty() && word.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
+}
+
+// Cuts the next word off line; gap is the number of blanks in front of it.
+std::string_view NextWord(std::string_view& line, size_t& gap) {
+  gap = std::min(line.find_first_not_of(" \t\r"), line.size());
+  line.remove_prefix(gap);
+  const size_t end = std::min(line.find_first_of(" \t\r"), line.size());
+  const std::string_view word = line.substr(0, end);
+  line.remove_prefix(end);
+  return word;
+}
+
+// An offset ends with ':' or has six digits or more in front of shorter words.
+std::optional<uint64_t> TakeOffset(std::string_view& line) {
+  std::string_view rest = line;
+  size_t gap = 0;
+  std::string_view word = NextWord(rest, gap);
+  const bool marked = word.ends_with(':');
+  if (marked) word.remove_suffix(1);
+  if (!IsHexDigits(word) || word.size() > 16) return std::nullopt;
+  std::string_view after = rest;
+  const std::string_view next = NextWord(after, gap);
+  const bool shorter = word.size() >= 6 && word.size() <= 8 && (next.empty() || next.size() < word.size());
+  if (!marked && !shorter) return std::nullopt;
+  uint64_t offset = 0;
+  std::from_chars(word.data(), word.data() + word.size(), offset, 16);
+  line = rest;
+  return offset;
+}
+
+// Reads a dump line by line.
+class HexReader {
+ public:
+  explicit HexReader(std::vector<uint8_t>& bytes) : bytes_(bytes) {}
+
+  bool Line(std::string_view line) {
+    const size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos || line[first] == '#') return true;
+    if (line.substr(first, 1) == "*") return repeat_ = !last_.empty();
+    const std::optional<uint64_t> offset = TakeOffset(line);
+    if (offset && !base_) base_ = *offset - bytes_.size();
+    if (repeat_ && !Repeat(offset)) return false;
+    return Digits(line, offset.has_value());
+  }
+
+ private:
+  bool Repeat(std::optional<uint64_t> offset) {
+    repeat_ = false;
+    if (!offset) return false;
+    const uint64_t end = *offset - *base_;
+    if (end < bytes_.size() || end - bytes_.size() > kMaxRepeat) return false;
+    while (bytes_.size() < end) {
+      const size_t count = std::min<size_t>(last_.size(), static_cast<size_t>(end) - bytes_.size());
+      bytes_.insert(bytes_.end(), last_.begin(), last_.begin() + static_cast<ptrdiff_t>(count));
+    }
+    return true;
+  }
+
+  // The characters column of a dump begins with a bar, or two blanks behind the digits of a line with an offset.
+  bool Digits(std::string_view line, bool dump) {
+    const size_t before = bytes_.size();
+    for (bool first = true;; first = false) {
+      size_t gap = 0;
+      const std::string_view word = NextWord(line, gap);
+      if (word.empty() || word.front() == '|' || word.front() == '>') break;
+      const auto bytes = IsHexDigits(word) ? FromHex(word) : std::nullopt;
+      if (!bytes) {
+        if (dump && !first && gap >= 2) break;
+        return false;
+      }
+      if (dump && bytes_.size() - before >= 16 && gap >= 2) break;
+      bytes_.insert(bytes_.end(), bytes->begin(), bytes->end());
+    }
+    last_.assign(bytes_.begin() + static_cast<ptrdiff_t>(before), bytes_.end());
+    return true;
+  }
+
+  std::vector<uint8_t>& bytes_;
+  std::vector<uint8_t> last_;
+  std::optional<uint64_t> base_;
+  bool repeat_ = false;
+};
+
+bool IsText(Bytes file) {
+  return std::all_of(file.begin(), file.end(),
+                     [](uint8_t c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\r' || c == '\t'; });
+}
+
+Capture ReadHex(Bytes file) {
+  Capture capture;
+  capture.format = CaptureFormat::kHex;
+  Stream stream;
+  size_t bad_line = 0;
+  if (!ReadHexDump(file, stream.bytes, bad_line)) {
+    capture.faults.push_back(fmt::format("line {} is no hexadecimal dump", bad_line));
+  }
+  capture.streams.push_back(std::move(stream));
+  return capture;
+}
+
+Capture ReadRaw(Bytes file) {
+  Capture capture;
+  capture.streams.push_back({"", false, {file.begin(), file.end()}});
+  return capture;
+}
+
+Capture ReadAny(Bytes file) {
+  if (IsPcap(file)) return ReadPcap(file);
+  if (BeginsMessage(file) || !IsText(file)) return ReadRaw(file);
+  Capture capture = ReadHex(file);
+  return capture.faults.empty() ? capture : ReadRaw(file);
+}
+
+}  // namespace
+
+bool ReadHexDump(Bytes text, std::vector<uint8_t>& bytes, size_t& bad_line) {
+  std::string_view rest(reinterpret_cast<const char*>(text.data()), text.size());
+  HexReader reader(bytes);
+  for (bad_line = 1; !rest.empty(); ++bad_line) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    if (!reader.Line(rest.substr(0, end))) return false;
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return true;
+}
+
+Capture ReadCapture(Bytes file, CaptureFormat format) {
+  if (StartsWith(file, kPcapNgMark) && format != CaptureFormat::kRaw) {
+    Capture capture;
+    capture.format = CaptureFormat::kPcap;
+    capture.faults.push_back("a pcapng file; make a pcap file of it: editcap -F pcap FILE NEWFILE");
+    return capture;
+  }
+  switch (format) {
+    case CaptureFormat::kRaw:
+      return ReadRaw(file);
+    case CaptureFormat::kHex:
+      return ReadHex(file);
+    case CaptureFormat::kPcap:
+      return ReadPcap(file);
+    default:
+      return ReadAny(file);
+  }
+}
+
+}  // namespace mqcat

@@ -1,0 +1,36 @@
+// failure.hh - how a command ends: exit codes by cause, and the exception that carries one with its text.
+#pragma once
+
+#include <string>
+
+namespace mqcat {
+
+// Documented in --help and in the manual page; keep the three together.
+enum ExitCode : int {
+  kExitOk = 0,
+  kExitInternal = 1,       // a fault of mqcat itself
+  kExitUsage = 2,          // the command line is wrong
+  kExitInput = 3,          // a file, or JSON, cannot be read or is malformed
+  kExitConnection = 4,     // name unknown, refused, address in use, lost
+  kExitTimeout = 5,        // no answer in time
+  kExitBadMessage = 6,     // bytes that break the rules of the wire format
+  kExitSecurity = 7,       // keys, signing, authentication
+  kExitOutput = 8,         // the output cannot be written
+  kExitOutputClosed = 9,   // whoever read the output has gone
+  kExitResources = 10,     // memory, descriptors
+  kExitInterrupted = 130,  // SIGINT before the work was done
+};
+
+// Thrown anywhere, caught in main. An empty text ends the program without a word.
+struct Failure {
+  ExitCode code;
+  std::string text;
+};
+
+// "ECONNREFUSED (111): nobody listens on that port": a code of errors.h as it is read in that place.
+std::string CodeText(int code, unsigned place);
+
+// What to do about it, on a line of its own behind the text of a failure.
+std::string RemedyText(int code, unsigned place);
+
+}  // namespace mqcat

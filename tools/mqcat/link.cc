@@ -1,0 +1,218 @@
+// link.cc - see link.hh.
+// A wait is cut into ticks, so that a signal that arrives just before it is seen soon after.
+#include "link.hh"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "fmt/format.h"
+#include "mqnode/errors.h"
+#include "signals.hh"
+
+namespace mqcat {
+namespace {
+
+constexpr auto kTick = std::chrono::milliseconds(200);
+constexpr int kMostPending = 64;          // messages that may wait in a node before a write waits for them
+constexpr uint32_t kMaxDatagram = 16520;  // what a reader takes
+
+// Where the code in node->error is explained: an error that was copied from the socket is the socket's.
+unsigned PlaceOf(const MQNode* node, int code) {
+  const bool copied = code == node->sock.error && code != MQ_AGAIN;
+  return static_cast<unsigned>(copied ? MQ_IN_SOCKET : MQ_IN_NODE);
+}
+
+ExitCode ExitCodeOf(int code) {
+  switch (code) {
+    case MQ_BAD_MESSAGE:
+    case MQ_BAD_BODY:
+      return kExitBadMessage;
+    case MQ_NOT_SIGNED:
+    case MQ_NOT_AUTHENTIC:
+      return kExitSecurity;
+    case MQ_NO_ROOM:
+    case ENOMEM:
+    case EMFILE:
+    case ENFILE:
+      return kExitResources;
+    case ETIMEDOUT:
+      return kExitTimeout;
+    default:
+      return kExitConnection;
+  }
+}
+
+std::string Detail(int code) {
+  switch (code) {
+    case MQ_NOT_SIGNED:
+      return fmt::format("\n  {}", mqc_sign_error());
+    case MQ_NOT_AUTHENTIC:
+      return fmt::format("\n  {}", mqc_authenticate_error());
+    default:
+      return "";
+  }
+}
+
+void SetOption(MQNode* node, int id, int value) {
+  SockOption option = {id, 0, value};
+  SetSocketOptions(&node->sock, &option);
+}
+
+// Closing sends what is on its way instead of throwing it away, as nodes do by themselves.
+void LingerNot(MQNode* node) { SetOption(node, SOCK_OPT_LINGER, 0); }
+
+bool IsLoopback(const SockAddrRec& address) { return strncmp(address.ip, "127.", 4) == 0; }
+
+}  // namespace
+
+Clock::time_point In(double seconds) {
+  constexpr double kYear = 365.0 * 86400;
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(seconds, kYear)));
+}
+
+MessagePtr NewMessage() {
+  MessagePtr msg(mqc_message_new(0));
+  if (msg == nullptr) throw Failure{kExitResources, "no memory for a message"};
+  return msg;
+}
+
+Failure NodeFailure(const std::string& what, const MQNode* node) {
+  const bool dropped = node->error == MQ_AGAIN && node->sock.error != 0 && node->sock.error != SOCK_WOULD_BLOCK;
+  const int code = dropped ? node->sock.error : node->error;
+  const unsigned place = PlaceOf(node, code);
+  return {ExitCodeOf(code),
+          fmt::format("{}: {}{}{}", what, CodeText(code, place), Detail(code), RemedyText(code, place))};
+}
+
+Waiter::Waiter(size_t count) {
+  if (!InitSocketPostData(&work_, static_cast<int>(count) + 1)) {
+    FreeSocketPostData(&work_);
+    throw Failure{kExitResources, fmt::format("no memory to wait on {} nodes", count)};
+  }
+}
+
+void Waiter::Wait(std::vector<MQNode*> nodes, Clock::time_point deadline) {
+  const auto left = std::clamp<Clock::duration>(deadline - Clock::now(), Clock::duration::zero(), kTick);
+  const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+  const size_t room = nodes.size() + 1;
+  for (auto* list : {&listen_, &read_, &write_}) list->assign(room, nullptr);
+  nodes.push_back(nullptr);
+  int status = 0;
+  const int ready = mnNPostExMSec(nodes.data(), listen_.data(), read_.data(), write_.data(),
+                                  static_cast<int>(milliseconds), &status, &work_);
+  for (auto* list : {&listen_, &read_, &write_}) {
+    list->erase(ready ? std::find(list->begin(), list->end(), nullptr) : list->begin(), list->end());
+  }
+  if (ready || status == SOCK_WAIT_TIMEOUT || status == EINTR) return;
+  throw Failure{kExitResources, fmt::format("wait on {} nodes: {}", room - 1, CodeText(status, MQ_IN_STATUS))};
+}
+
+Security LoadSecurity(const std::string& sign, const std::string& user, const std::string& ring) {
+  char error[512];
+  Security security;
+  if (!sign.empty()) {
+    security.signer.reset(mqc_signer_load(sign.c_str(), user.empty() ? nullptr : user.c_str(), error, sizeof error));
+    if (security.signer == nullptr) throw Failure{kExitSecurity, fmt::format("secret key file {}", error)};
+  }
+  if (!ring.empty()) {
+    if (!mqc_ring_load(ring.c_str(), error, sizeof error)) throw Failure{kExitSecurity, fmt::format("ring {}", error)};
+    if (mqc_ring_count() == 0) throw Failure{kExitSecurity, fmt::format("ring {}: holds no key", ring)};
+    security.check = true;
+  }
+  return security;
+}
+
+Link::Link(const SockAddrRec& target, Transport transport, Clock::time_point deadline)
+    : target_(target), target_text_(AddressText(target)), transport_(transport), waiter_(1) {
+  if (transport_ == Transport::kUdp) {
+    SockAddrRec own = MakeAddress(IsLoopback(target) ? "127.0.0.1" : "*", "0", transport);
+    node_.reset(CreateUDPMQNode(&own));
+  } else {
+    node_.reset(CreateMQNode(&target_, MQ_ROLE_CONNECT));
+  }
+  if (node_ == nullptr) throw Failure{kExitResources, "no memory for a node"};
+  if (node_->error != 0) throw NodeFailure(fmt::format("socket for {}", target_text_), node_.get());
+  LingerNot(node_.get());
+  NoblockSocket(&node_->sock);
+  if (transport_ == Transport::kTcp) Connect(deadline);
+}
+
+void Link::Connect(Clock::time_point deadline) {
+  const std::string what = "connect to " + target_text_;
+  if (!mnOpen(node_.get()) && node_->error != MQ_AGAIN) throw NodeFailure(what, node_.get());
+  while (node_->openState == 0) {
+    if (Interrupted()) throw Failure{kExitInterrupted, what + ": interrupted"};
+    if (Clock::now() >= deadline) {
+      throw Failure{kExitTimeout, fmt::format("{}: {}{}", what, CodeText(ETIMEDOUT, MQ_IN_SOCKET),
+                                              RemedyText(ETIMEDOUT, MQ_IN_SOCKET))};
+    }
+    waiter_.Wait({node_.get()}, deadline);
+    if (!waiter_.to_write().empty() || !waiter_.to_read().empty()) FinishConnect();
+  }
+  SetTcpNoDelay(&node_->sock, 1);
+}
+
+// A node that is listed has come to the end of its connect, for better or worse; the socket knows which.
+void Link::FinishConnect() {
+  SockOption outcome = {SOCK_OPT_ERROR, 0, 0};
+  GetSocketOptions(&node_->sock, &outcome);
+  if (outcome.value1 != 0) {
+    node_->sock.error = outcome.value1;
+    node_->error = outcome.value1;
+    throw NodeFailure("connect to " + target_text_, node_.get());
+  }
+  // A node that was readable at once is not marked open by the wait: connecting again succeeds without doing anything.
+  if (node_->openState == 0) mnOpen(node_.get());
+}
+
+void Link::Use(const Security* security) {
+  security_ = security;
+  // A signed message carries the node's user, which must be the signer's.
+  if (security_->signer != nullptr) {
+    snprintf(node_->user, sizeof node_->user, "%s", mqc_signer_user(security_->signer.get()));
+  }
+}
+
+void Link::Flush(Clock::time_point deadline, int most_pending) {
+  while (mnIsPendingIO(node_.get()) && Qdepth(node_->pending) > most_pending) {
+    const std::string what = "send to " + target_text_;
+    if (Interrupted()) throw Failure{kExitInterrupted, what + ": interrupted"};
+    if (Clock::now() >= deadline) {
+      throw Failure{kExitTimeout,
+                    fmt::format("{}: {} messages wait, the peer does not read", what, Qdepth(node_->pending))};
+    }
+    waiter_.Wait({node_.get()}, deadline);
+    if (!waiter_.to_write().empty() && !mnFinishWrite(node_.get())) throw NodeFailure(what, node_.get());
+  }
+}
+
+void Link::Write(PcfMessage* msg, Clock::time_point deadline) {
+  const std::string what = fmt::format("send {} bytes to {}", msg->raw.length, target_text_);
+  const bool datagram = transport_ == Transport::kUdp;
+  if (datagram && msg->raw.length > kMaxDatagram) {
+    throw Failure{kExitInput, fmt::format("{}: a datagram takes a message of at most {} bytes", what, kMaxDatagram)};
+  }
+  Flush(deadline, kMostPending);
+  MqcSigner* const signer = security_ != nullptr ? security_->signer.get() : nullptr;
+  const char* const user = user_.empty() ? node_->user : user_.c_str();
+  if (!mnSWriteMsg(msg, node_.get(), datagram ? &target_ : nullptr, user, signer != nullptr, signer, 0)) {
+    throw NodeFailure(what, node_.get());
+  }
+}
+
+void Link::Drain(Clock::time_point deadline) { Flush(deadline, 0); }
+
+bool Link::Read(PcfMessage* msg, Clock::time_point deadline) {
+  const bool check = security_ != nullptr && security_->check;
+  for (;;) {
+    if (mnSRead(msg, node_.get(), check, nullptr)) return true;
+    if (node_->error != MQ_AGAIN) throw NodeFailure("answer from " + target_text_, node_.get());
+    if (Interrupted() || Clock::now() >= deadline) return false;
+    waiter_.Wait({node_.get()}, deadline);
+    if (!waiter_.to_write().empty()) mnFinishWrite(node_.get());
+  }
+}
+
+}  // namespace mqcat

@@ -1,0 +1,107 @@
+// link.hh - nodes with an owner and a deadline: connect, send and receive without ever blocking for longer than asked.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "address.hh"
+#include "companion/host.h"
+#include "failure.hh"
+#include "mqnode/mqnode.h"
+
+namespace mqcat {
+
+using Clock = std::chrono::steady_clock;
+
+// Seconds from now; far away for a value beyond a year.
+Clock::time_point In(double seconds);
+
+struct NodeDeleter {
+  void operator()(MQNode* node) const { DeleteMQNode(node); }
+};
+using NodePtr = std::unique_ptr<MQNode, NodeDeleter>;
+
+struct SignerDeleter {
+  void operator()(MqcSigner* signer) const { mqc_signer_free(signer); }
+};
+using SignerPtr = std::unique_ptr<MqcSigner, SignerDeleter>;
+
+struct MessageDeleter {
+  void operator()(PcfMessage* msg) const { mqc_message_free(msg); }
+};
+using MessagePtr = std::unique_ptr<PcfMessage, MessageDeleter>;
+
+MessagePtr NewMessage();
+
+// "what TARGET: NAME (code): meaning" with the remedy, from what the node and its socket say; the exit code fits the
+// cause.
+Failure NodeFailure(const std::string& what, const MQNode* node);
+
+// A work record for the waits of up to count nodes.
+class Waiter {
+ public:
+  explicit Waiter(size_t count);
+  ~Waiter() { FreeSocketPostData(&work_); }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+  // Waits until one of the nodes is ready, the deadline or a signal. The lists hold what is ready afterwards. nodes ends
+  // without a null pointer; it is added.
+  void Wait(std::vector<MQNode*> nodes, Clock::time_point deadline);
+
+  const std::vector<MQNode*>& to_accept() const { return listen_; }
+  const std::vector<MQNode*>& to_read() const { return read_; }
+  const std::vector<MQNode*>& to_write() const { return write_; }
+
+ private:
+  SockPostData work_ = {};
+  std::vector<MQNode*> listen_, read_, write_;
+};
+
+// Signs what a node writes, and checks what it reads.
+struct Security {
+  SignerPtr signer;    // null: plain writes
+  bool check = false;  // secure reads, against the process's ring
+};
+
+// Loads a signer (the key of user, or the only one) and a ring; empty paths leave them out.
+Security LoadSecurity(const std::string& sign, const std::string& user, const std::string& ring);
+
+// One connection, or one datagram socket with the peer it talks to. Non-blocking.
+class Link {
+ public:
+  // Connects before the deadline; on UDP binds a free port. Throws a Failure.
+  Link(const SockAddrRec& target, Transport transport, Clock::time_point deadline);
+
+  void Use(const Security* security);
+  void set_user(const std::string& user) { user_ = user; }
+
+  // Writes the message; waits while the peer does not take what was written before. user is that of the header.
+  void Write(PcfMessage* msg, Clock::time_point deadline);
+
+  // Until everything written is with the system.
+  void Drain(Clock::time_point deadline);
+
+  // Reads the next message before the deadline. False when none came; throws a Failure for everything else.
+  bool Read(PcfMessage* msg, Clock::time_point deadline);
+
+  const std::string& target() const { return target_text_; }
+  MQNode* node() { return node_.get(); }
+
+ private:
+  void Connect(Clock::time_point deadline);
+  void FinishConnect();
+  void Flush(Clock::time_point deadline, int most_pending);
+
+  SockAddrRec target_;
+  std::string target_text_;
+  Transport transport_;
+  NodePtr node_;
+  Waiter waiter_;
+  const Security* security_ = nullptr;
+  std::string user_;
+};
+
+}  // namespace mqcat

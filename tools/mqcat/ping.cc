@@ -1,0 +1,241 @@
+// ping.cc - mqcat ping: round trips of messages to a node that sends them back.
+#include <unistd.h>
+
+#include <cmath>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "link.hh"
+#include "message.hh"
+#include "options.hh"
+#include "output.hh"
+#include "rtt.hh"
+#include "signals.hh"
+#include "text.hh"
+
+namespace mqcat {
+namespace {
+
+// A ping: this command; its number, whose it is, and filling.
+constexpr uint32_t kPingCommand = 0x50494e47;
+constexpr uint32_t kNumberId = 1;
+constexpr uint32_t kOwnerId = 2;
+constexpr uint32_t kFillId = 3;
+constexpr uint32_t kMostFill = 16u << 20;
+
+struct Options {
+  std::string host, service;
+  uint64_t count = UINT64_MAX;
+  double interval = 1;
+  uint32_t size = 56;
+  double deadline = 0;  // 0: none
+  double timeout = 1;
+  bool quiet = false;
+  bool json = false;
+  bool udp = false;
+};
+
+double MillisecondsSince(Clock::time_point then) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - then).count();
+}
+
+class Pinger {
+ public:
+  explicit Pinger(const Options& options)
+      : options_(options),
+        link_(MakeAddress(options.host, options.service, TransportOf(options)), TransportOf(options),
+              In(std::max(options.timeout, 1.0))),
+        msg_(NewMessage()),
+        answer_(NewMessage()),
+        fill_(options.size, 0xa5),
+        owner_(static_cast<int64_t>(getpid()) << 32 ^ Clock::now().time_since_epoch().count()) {}
+
+  void Run() {
+    if (!options_.json) Print(fmt::format("PING {} with {} bytes\n", link_.target(), options_.size));
+    const auto end = options_.deadline > 0 ? In(options_.deadline) : Clock::time_point::max();
+    auto next = Clock::now();
+    while (!Interrupted() && Clock::now() < end && !Done()) {
+      if (sent_ < options_.count && Clock::now() >= next) {
+        Send();
+        next += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options_.interval));
+        next = std::max(next, Clock::now() - std::chrono::seconds(1));
+      }
+      Receive(NextMoment(next, end));
+      Forget();
+    }
+  }
+
+  void Finish() {
+    Flush();
+    options_.json ? PrintJsonSummary() : PrintSummary();
+    Flush();
+  }
+
+  // As with ping: 0 when something came back; with both count and deadline only when everything did.
+  ExitCode Result() const {
+    const bool all = options_.deadline > 0 && options_.count != UINT64_MAX;
+    return trips_.count() == 0 || (all && trips_.count() < options_.count) ? kExitTimeout : kExitOk;
+  }
+
+ private:
+  static Transport TransportOf(const Options& options) { return options.udp ? Transport::kUdp : Transport::kTcp; }
+
+  bool Done() const { return sent_ >= options_.count && waiting_.empty(); }
+
+  // The interval is 0: the next one goes out when the last one is back, or lost.
+  Clock::time_point NextMoment(Clock::time_point next, Clock::time_point end) const {
+    Clock::time_point moment = end;
+    const bool flood = options_.interval == 0 && !waiting_.empty();
+    if (sent_ < options_.count && !flood) moment = std::min(moment, next);
+    if (!waiting_.empty()) moment = std::min(moment, waiting_.begin()->second + Timeout());
+    return moment;
+  }
+
+  Clock::duration Timeout() const {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options_.timeout));
+  }
+
+  void Send() {
+    BeginMessage(msg_.get(), kPingCommand);
+    const int built = mqc_add_int64(msg_.get(), kNumberId, static_cast<int64_t>(sent_)) &&
+                      mqc_add_int64(msg_.get(), kOwnerId, owner_) &&
+                      mqc_add_bytes(msg_.get(), kFillId, fill_.data(), static_cast<uint32_t>(fill_.size()));
+    if (!built)
+      throw Failure{kExitInput, fmt::format("ping of {} bytes: {}", fill_.size(), mqc_message_error(msg_.get()))};
+    waiting_[sent_] = Clock::now();
+    link_.Write(msg_.get(), In(std::max(options_.timeout, 1.0)));
+    ++sent_;
+  }
+
+  // Takes answers until the moment has come; at an interval of 0 until one has.
+  void Receive(Clock::time_point moment) {
+    while (link_.Read(answer_.get(), moment)) {
+      Take();
+      if (Done() || options_.interval == 0 || Interrupted()) return;
+    }
+  }
+
+  void Take() {
+    MqcParam number, owner;
+    const bool ours = mqc_command(answer_.get()) == kPingCommand && mqc_find(answer_.get(), kNumberId, &number) &&
+                      mqc_find(answer_.get(), kOwnerId, &owner) && owner.number == owner_;
+    if (!ours) {
+      ++strange_;
+      return;
+    }
+    const auto sequence = static_cast<uint64_t>(number.number);
+    const auto place = waiting_.find(sequence);
+    if (place == waiting_.end()) {
+      ++late_;
+      return;
+    }
+    const double time = MillisecondsSince(place->second);
+    waiting_.erase(place);
+    trips_.Add(time);
+    if (options_.quiet || options_.json) return;
+    Print(
+        fmt::format("{} bytes from {}: seq={} time={:.3f} ms\n", answer_->raw.length, link_.target(), sequence, time));
+    Flush();
+  }
+
+  // What has not come back within the timeout is lost.
+  void Forget() {
+    const auto now = Clock::now();
+    while (!waiting_.empty() && now - waiting_.begin()->second >= Timeout()) {
+      if (!options_.quiet && !options_.json) {
+        Print(fmt::format("no answer from {} within {} s: seq={}\n", link_.target(), options_.timeout,
+                          waiting_.begin()->first));
+        Flush();
+      }
+      waiting_.erase(waiting_.begin());
+    }
+  }
+
+  // What is still on its way when the end comes is not counted as lost.
+  uint64_t Counted() const { return sent_ - waiting_.size(); }
+  double Loss() const {
+    return Counted() == 0 ? 0
+                          : 100.0 * static_cast<double>(Counted() - trips_.count()) / static_cast<double>(Counted());
+  }
+
+  void PrintSummary() const {
+    Print(fmt::format("\n--- {} ping statistics ---\n", link_.target()));
+    Print(fmt::format("{} sent, {} answered, {:.4g}% loss, time {:.0f} ms\n", sent_, trips_.count(), Loss(),
+                      MillisecondsSince(start_)));
+    if (late_ + strange_ != 0) Print(fmt::format("{} late or double, {} of others\n", late_, strange_));
+    if (trips_.count() == 0) return;
+    const std::string text = fmt::format(
+        "rtt min/avg/max/stddev = {:.3f}/{:.3f}/{:.3f}/{:.3f} ms\nrtt p50/p90/p99 = {:.3f}/{:.3f}/{:.3f} ms\n",
+        trips_.min(), trips_.mean(), trips_.max(), trips_.deviation(), trips_.Percentile(50), trips_.Percentile(90),
+        trips_.Percentile(99));
+    const size_t width = OutputWidth();
+    Print(Wrap(text, width) + trips_.HistogramText(width > 62 ? 40 : width > 23 ? width - 22 : 1));
+  }
+
+  void PrintJsonSummary() const {
+    Json json = {
+        {"peer", link_.target()}, {"sent", sent_},        {"answered", trips_.count()},         {"lossPercent", Loss()},
+        {"late", late_},          {"ofOthers", strange_}, {"timeMs", MillisecondsSince(start_)}};
+    if (trips_.count() != 0) {
+      json["rttMs"] = {{"min", trips_.min()},          {"avg", trips_.mean()},         {"max", trips_.max()},
+                       {"stddev", trips_.deviation()}, {"p50", trips_.Percentile(50)}, {"p90", trips_.Percentile(90)},
+                       {"p99", trips_.Percentile(99)}};
+      json["histogram"] = Json::array();
+      for (const auto& bucket : trips_.Histogram()) {
+        json["histogram"].push_back({{"fromMs", bucket.from}, {"toMs", bucket.to}, {"count", bucket.count}});
+      }
+    }
+    Print(json.dump() + "\n");
+  }
+
+  const Options& options_;
+  Link link_;
+  MessagePtr msg_;
+  MessagePtr answer_;
+  std::vector<uint8_t> fill_;
+  int64_t owner_;
+  std::map<uint64_t, Clock::time_point> waiting_;  // by number, when it was sent
+  RoundTrips trips_;
+  uint64_t sent_ = 0;
+  uint64_t late_ = 0;
+  uint64_t strange_ = 0;
+  Clock::time_point start_ = Clock::now();
+};
+
+ExitCode RunPing(const Options& options) {
+  CatchSignals();
+  Pinger pinger(options);
+  try {
+    pinger.Run();
+  } catch (const Failure& failure) {
+    if (failure.code != kExitOutput && failure.code != kExitOutputClosed) pinger.Finish();
+    throw;
+  }
+  pinger.Finish();
+  return pinger.Result();
+}
+
+}  // namespace
+
+void AddPing(CLI::App& app, ExitCode& exit) {
+  auto options = std::make_shared<Options>();
+  CLI::App* const command = app.add_subcommand("ping", "Measure round trips to a node that answers, as listen --echo");
+  command->add_option("HOST", options->host, "Name or dotted quad")->required();
+  command->add_option("SERVICE", options->service, "Port or service name")->required();
+  AddNumber<uint64_t>(*command, "-c,--count", options->count, 1, UINT64_MAX, "Stop after so many");
+  AddSeconds(*command, "-i,--interval", options->interval, 0, 86400,
+             "Time between two (1); 0: as fast as they come back");
+  AddNumber<uint32_t>(*command, "-s,--size", options->size, 0, kMostFill, "Bytes to carry (56)");
+  AddSeconds(*command, "-w,--deadline", options->deadline, 0.001, 86400 * 365.0, "Stop after this time");
+  AddSeconds(*command, "-W,--timeout", options->timeout, 0.001, 86400, "What takes longer is lost (1)");
+  command->add_flag("-q,--quiet", options->quiet, "Only the summary");
+  command->add_flag("--json", options->json, "The summary as one JSON object");
+  command->add_flag("--udp", options->udp, "Datagrams instead of a connection");
+  command->footer(
+      "Ends with 5 when nothing came back. SIGINT stops with a summary.\n\n"
+      "Examples:\n  mqcat ping 127.0.0.1 5000\n  mqcat ping 127.0.0.1 5000 -c 1000 -i 0 -s 4096 -q");
+  command->callback([options, &exit] { exit = RunPing(*options); });
+}
+
+}  // namespace mqcat

@@ -1,0 +1,41 @@
+// rtt.hh - round-trip times: what ping tells of them.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace mqcat {
+
+// Milliseconds. Least, mean, most and deviation are of every sample; percentiles and histogram of all samples up to a
+// million, of an even random choice of a million beyond that.
+class RoundTrips {
+ public:
+  void Add(double milliseconds);
+
+  uint64_t count() const { return count_; }
+  double min() const { return min_; }
+  double max() const { return max_; }
+  double mean() const { return mean_; }
+  double deviation() const;
+
+  // The smallest sample that is not below so many percent of them; 0 without samples.
+  double Percentile(double percent) const;
+
+  // One line a bucket, four buckets a power of ten, bars of at most width characters; no line without samples.
+  struct Bucket {
+    double from, to;
+    uint64_t count;
+  };
+  std::vector<Bucket> Histogram() const;
+  std::string HistogramText(size_t width) const;
+
+ private:
+  std::vector<double> samples_;
+  std::minstd_rand random_;
+  uint64_t count_ = 0;
+  double min_ = 0, max_ = 0, mean_ = 0, squares_ = 0;
+};
+
+}  // namespace mqcat

@@ -1,0 +1,201 @@
+// text.cc - see text.hh.
+#include "text.hh"
+
+#include <iconv.h>
+
+#include <algorithm>
+#include <array>
+
+#include "fmt/format.h"
+
+namespace mqcat {
+namespace {
+
+constexpr char kDigits[] = "0123456789abcdef";
+constexpr size_t kDumpLine = 16;
+constexpr size_t kNarrowest = 12;  // room that wrapped text keeps at least
+
+int DigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+bool IsPrintable(uint8_t c) { return c >= 0x20 && c < 0x7f; }
+
+// Bytes of the UTF-8 character that begins at text[at]; 0 when none does.
+size_t CharacterLength(std::string_view text, size_t at) {
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+  const uint8_t first = byte(at);
+  if (first < 0x80) return 1;
+  const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4 || text.size() - at < length) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if ((byte(at + i) & 0xc0) != 0x80) return 0;
+  }
+  const uint8_t second = byte(at + 1);
+  if ((first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f)) return 0;  // overlong; surrogates
+  if ((first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f)) return 0;  // overlong; beyond U+10FFFF
+  return length;
+}
+
+// U+0080 to U+009F are control characters to a terminal.
+bool IsControl(std::string_view text, size_t at, size_t length) {
+  const auto first = static_cast<uint8_t>(text[at]);
+  if (length == 1) return first < 0x20 || first == 0x7f;
+  return length == 2 && first == 0xc2 && static_cast<uint8_t>(text[at + 1]) < 0xa0;
+}
+
+std::string Escape(char c) {
+  switch (c) {
+    case '\n':
+      return "\\n";
+    case '\r':
+      return "\\r";
+    case '\t':
+      return "\\t";
+    case '"':
+    case '\\':
+      return std::string{'\\', c};
+    default:
+      return fmt::format("\\x{:02x}", static_cast<uint8_t>(c));
+  }
+}
+
+std::string DumpLine(Bytes line, size_t offset) {
+  std::string hex, shown;
+  for (size_t i = 0; i < kDumpLine; ++i) {
+    if (i == kDumpLine / 2) hex += ' ';
+    hex += i < line.size() ? fmt::format("{:02x} ", line[i]) : "   ";
+    if (i < line.size()) shown += IsPrintable(line[i]) ? static_cast<char>(line[i]) : '.';
+  }
+  return fmt::format("{:08x}  {} |{}|\n", offset, hex, shown);
+}
+
+// Where the text of a line begins: behind the last wide gap in its first half, else at its first character.
+size_t HangingIndent(std::string_view line, size_t width) {
+  const size_t first = std::min(line.find_first_not_of(' '), line.size());
+  const size_t gap = line.substr(0, std::min(line.size(), width / 2 + 2)).rfind("  ");
+  size_t indent = gap == std::string_view::npos || gap < first ? first : line.find_first_not_of(' ', gap);
+  if (indent == std::string_view::npos || indent + kNarrowest > width) indent = std::min<size_t>(first, 4);
+  return indent;
+}
+
+void WrapLine(std::string_view line, size_t width, std::string& out) {
+  line = line.substr(0, line.find_last_not_of(' ') + 1);
+  const size_t indent = HangingIndent(line, width);
+  size_t room = width;
+  size_t floor = indent;  // no break before the text of the line begins
+  while (line.size() > room) {
+    size_t cut = line.rfind(' ', room);
+    if (cut == std::string_view::npos || cut < floor) cut = line.find(' ', std::max(room, floor));
+    if (cut == std::string_view::npos) break;
+    out.append(line.substr(0, line.find_last_not_of(' ', cut) + 1)).append("\n").append(indent, ' ');
+    line.remove_prefix(line.find_first_not_of(' ', cut));
+    room = width - indent;
+    floor = 0;
+  }
+  out.append(line).append("\n");
+}
+
+}  // namespace
+
+std::string Hex(Bytes bytes, size_t limit) {
+  std::string out;
+  for (const uint8_t byte : bytes.first(std::min(bytes.size(), limit))) {
+    out += kDigits[byte >> 4];
+    out += kDigits[byte & 15];
+  }
+  if (bytes.size() > limit) out += fmt::format("... ({} bytes)", bytes.size());
+  return out;
+}
+
+std::optional<std::vector<uint8_t>> FromHex(std::string_view digits) {
+  if (digits.size() % 2 != 0) return std::nullopt;
+  std::vector<uint8_t> bytes;
+  bytes.reserve(digits.size() / 2);
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    const int high = DigitValue(digits[i]);
+    const int low = DigitValue(digits[i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes.push_back(static_cast<uint8_t>(high << 4 | low));
+  }
+  return bytes;
+}
+
+std::string HexDump(Bytes bytes) {
+  std::string out;
+  for (size_t at = 0; at < bytes.size(); at += kDumpLine) {
+    out += DumpLine(bytes.subspan(at, std::min(kDumpLine, bytes.size() - at)), at);
+  }
+  return out;
+}
+
+bool IsUtf8(std::string_view text) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = CharacterLength(text, at);
+    if (length == 0 || text[at] == '\0') return false;
+    at += length;
+  }
+  return true;
+}
+
+std::string Quote(std::string_view text, size_t limit) {
+  std::string out = "\"";
+  size_t at = 0;
+  for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
+    const size_t length = CharacterLength(text, at);
+    if (length == 0 || IsControl(text, at, length) || text[at] == '"' || text[at] == '\\') {
+      for (size_t i = 0; i < std::max<size_t>(length, 1); ++i) out += Escape(text[at + i]);
+    } else {
+      out += text.substr(at, length);
+    }
+    at += std::max<size_t>(length, 1);
+  }
+  out += '"';
+  if (at < text.size()) out += fmt::format("... ({} bytes)", text.size());
+  return out;
+}
+
+std::string Plain(std::string_view text) {
+  std::string out;
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = CharacterLength(text, at);
+    if (length == 0 || IsControl(text, at, length)) {
+      out += '?';
+    } else {
+      out += text.substr(at, length);
+    }
+    at += std::max<size_t>(length, 1);
+  }
+  return out;
+}
+
+std::optional<std::string> FromEbcdic(std::string_view text) {
+  const iconv_t converter = iconv_open("UTF-8", "IBM1047");
+  if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
+  std::string in{text};
+  std::string out(text.size() * 2, '\0');  // every character is below U+0100
+  char* from = in.data();
+  char* to = out.data();
+  size_t from_left = in.size();
+  size_t to_left = out.size();
+  const size_t result = iconv(converter, &from, &from_left, &to, &to_left);
+  iconv_close(converter);
+  if (result == static_cast<size_t>(-1)) return std::nullopt;
+  out.resize(out.size() - to_left);
+  return out;
+}
+
+std::string Wrap(std::string_view text, size_t width) {
+  std::string out;
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    WrapLine(text.substr(0, end), width, out);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+  return out;
+}
+
+}  // namespace mqcat
