@@ -45,8 +45,8 @@ TEST_F(ReadTest, TwoPiecesCutAtEveryByte) {
     link.peer.Send(wire.substr(0, cut));
     AwaitReadable(link.node->sock.fd);
     const size_t asked = cut < kHeader ? kHeader : kSize;
-    EXPECT_EQ(Read(link.node), "nothing, error 11, read " + count + ", holds " + std::to_string(cut) + " of " +
-                                   std::to_string(asked));
+    EXPECT_EQ(Read(link.node),
+              "nothing, error 11, read " + count + ", holds " + std::to_string(cut) + " of " + std::to_string(asked));
     EXPECT_EQ(Read(link.node).substr(0, 17), "nothing, error 11") << "nothing new";
     link.peer.Send(wire.substr(cut));
     AwaitReadable(link.node->sock.fd);
@@ -122,8 +122,8 @@ TEST_F(ReadTest, PeerGoneAndSocketFailures) {
     size_t sent;
     int code;  // of the receive that fails; 0: the peer closes
     std::string outcome;
-  } rows[] = {{0, 0, "error 9004"},   {1, 0, "error 9004"},    {135, 0, "error 9004"},
-              {136, 0, "error 9004"}, {159, 0, "error 9004"},  {50, ECONNRESET, "error 104"},
+  } rows[] = {{0, 0, "error 9004"},    {1, 0, "error 9004"},          {135, 0, "error 9004"},
+              {136, 0, "error 9004"},  {159, 0, "error 9004"},        {50, ECONNRESET, "error 104"},
               {150, EINTR, "error 4"}, {150, EINPROGRESS, "error 11"}};
   for (const auto& row : rows) {
     Link link = Connect();
@@ -163,7 +163,8 @@ TEST_F(ReadTest, Traces) {
   EXPECT_EQ(points, (Lines{"mnRead: error 0, read 1, holds 0 of 136", "mnRead: error 0, read 1, holds 0 of 136"}));
   EXPECT_EQ(trace, reads(2, {"mnRead", "mnRead"}));
   std::tie(points, trace) = receive(wire.substr(0, 100));
-  EXPECT_EQ(points, (Lines{"mnReadMsg: error 11, read 1, holds 100 of 136", "mnRead: error 11, read 1, holds 100 of 136"}));
+  EXPECT_EQ(points,
+            (Lines{"mnReadMsg: error 11, read 1, holds 100 of 136", "mnRead: error 11, read 1, holds 100 of 136"}));
   Lines blocked = {"ReadSocket:Before", "onError 11", "ReadSocket:After", "mnReadMsg", "mnRead"};
   EXPECT_EQ(trace, [&] {
     Lines lines = once;
@@ -172,14 +173,16 @@ TEST_F(ReadTest, Traces) {
   }());
   // The rest of the header: the nested read runs dry, and both reads are traced.
   std::tie(points, trace) = receive(wire.substr(100, 40));
-  EXPECT_EQ(points, (Lines{"mnReadMsg: error 11, read 1, holds 140 of 160", "mnRead: error 11, read 1, holds 140 of 160",
-                           "mnRead: error 11, read 1, holds 140 of 160"}));
+  EXPECT_EQ(points,
+            (Lines{"mnReadMsg: error 11, read 1, holds 140 of 160", "mnRead: error 11, read 1, holds 140 of 160",
+                   "mnRead: error 11, read 1, holds 140 of 160"}));
   // The rest of the body: one read, which delivers.
   std::tie(points, trace) = receive(wire.substr(140));
   EXPECT_EQ(trace, reads(1, {"mnRead"}));
   // A wrong first word: traced while the bytes are still there.
   std::tie(points, trace) = receive(std::string(136, 'x'));
-  EXPECT_EQ(points, (Lines{"mnReadMsg: error 2026, read 2, holds 136 of 136", "mnRead: error 2026, read 2, holds 0 of 136"}));
+  EXPECT_EQ(points,
+            (Lines{"mnReadMsg: error 2026, read 2, holds 136 of 136", "mnRead: error 2026, read 2, holds 0 of 136"}));
   EXPECT_EQ(trace, reads(1, {"mnReadMsg", "mnRead"}));
   // A bad length: the read itself notices.
   std::string empty = wire;
@@ -189,7 +192,8 @@ TEST_F(ReadTest, Traces) {
   // A receive that fails: reset first, then traced.
   Platform::Fail("recvfrom", 2, ECONNRESET);
   std::tie(points, trace) = receive(wire.substr(0, 100));
-  EXPECT_EQ(points, (Lines{"mnReadMsg: error 104, read 2, holds 0 of 136", "mnRead: error 104, read 2, holds 0 of 136"}));
+  EXPECT_EQ(points,
+            (Lines{"mnReadMsg: error 104, read 2, holds 0 of 136", "mnRead: error 104, read 2, holds 0 of 136"}));
 }
 
 TEST_F(ReadTest, CompanionFailures) {
@@ -201,13 +205,22 @@ TEST_F(ReadTest, CompanionFailures) {
     const char* user;  // of the record afterwards
   } rows[] = {
       {"AlienToNative", "nothing, error 2026, read 0, holds 0 of 136", {"AlienToNative"}, "none"},
-      {"SizePcfMessage", "nothing, error 2102, read 0, holds 0 of 136", {"AlienToNative", "SizePcfMessage 256"}, "none"},
-      {"AlienPcfToNative", "nothing, error 4005, read 1, holds 0 of 136",
-       {"AlienToNative", "SizePcfMessage 256", "AlienPcfToNative"}, "peer"},
-      {"RawToPcf", "nothing, error 4005, read 1, holds 0 of 136",
-       {"AlienToNative", "SizePcfMessage 256", "AlienPcfToNative", "RawToPcf"}, "peer"},
-      {"none", "4:100 from peer, error 0, read 1, holds 0 of 136",
-       {"AlienToNative", "SizePcfMessage 256", "AlienPcfToNative", "RawToPcf"}, "peer"},
+      {"SizePcfMessage",
+       "nothing, error 2102, read 0, holds 0 of 136",
+       {"AlienToNative", "SizePcfMessage 256"},
+       "none"},
+      {"AlienPcfToNative",
+       "nothing, error 4005, read 1, holds 0 of 136",
+       {"AlienToNative", "SizePcfMessage 256", "AlienPcfToNative"},
+       "peer"},
+      {"RawToPcf",
+       "nothing, error 4005, read 1, holds 0 of 136",
+       {"AlienToNative", "SizePcfMessage 256", "AlienPcfToNative", "RawToPcf"},
+       "peer"},
+      {"none",
+       "4:100 from peer, error 0, read 1, holds 0 of 136",
+       {"AlienToNative", "SizePcfMessage 256", "AlienPcfToNative", "RawToPcf"},
+       "peer"},
   };
   for (const auto& row : rows) {
     const Link link = Connect();
@@ -320,7 +333,8 @@ TEST_F(ReadTest, Datagrams) {
     const bool judged = row.bytes.size() >= kHeader && row.bytes != wrong;
     EXPECT_EQ(!Companion::Now().calls.empty(), judged) << row.what << ": nothing short is converted";
   }
-  EXPECT_EQ(Text(node->sock.from), "- 127.0.0.1 " + std::to_string(peer.port()) + " tcp " + std::to_string(peer.port()));
+  EXPECT_EQ(Text(node->sock.from),
+            "- 127.0.0.1 " + std::to_string(peer.port()) + " tcp " + std::to_string(peer.port()));
 }
 
 TEST_F(ReadTest, TraceOfADatagram) {

@@ -1,0 +1,417 @@
+// secure_test.cc - signed messages written, gathered, authenticated, and everything that must be refused.
+#include "tests/support/nodes.hh"
+
+namespace {
+
+constexpr size_t kEnvelope = 32;
+constexpr size_t kTrailer = 96;                         // what the companion's signature takes
+constexpr size_t kSigned = kEnvelope + 160 + kTrailer;  // a message with 4 bytes
+constexpr char kIdle[] = ", holds 0 of 32";
+constexpr int64_t kNow = 0x0000018BCFE56789;
+
+struct Signer {
+  explicit Signer(const char* user) {
+    uint8_t secret[MQC_KEY_BYTES];
+    EXPECT_TRUE(mqc_generate_key(secret, key));
+    signer = mqc_signer_new(user, secret, nullptr, 0);
+  }
+  ~Signer() { mqc_signer_free(signer); }
+  uint8_t key[MQC_KEY_BYTES];
+  MqcSigner* signer;
+};
+
+class SecureTest : public NodeTest {
+ protected:
+  SecureTest() {
+    mqc_set_clock([]() -> int64_t { return kNow; });
+    mqc_ring_add("tester", signer_.key, nullptr, 0);
+  }
+  ~SecureTest() override {
+    mqc_ring_clear();
+    mqc_set_clock(nullptr);
+  }
+
+  // The bytes of a signed message as a node puts them on the wire.
+  std::string Sign(uint32_t command, size_t bytes = 4) {
+    const Link link = Connect();
+    const Message out(command, bytes);
+    EXPECT_EQ(mnSWrite(out, link.node, 1, signer_.signer), 1);
+    return link.peer.Read(kEnvelope + out->raw.length + kTrailer);
+  }
+  std::string Read(MQNode* node) {
+    Companion::Now().calls.clear();
+    const int result = mnSRead(in_, node, 1, signer_.signer);
+    return (result ? in_.Text() : std::string("nothing")) + ", " + ReadState(node);
+  }
+  // A read of bytes that have just been sent.
+  std::string Read(const Link& link, const std::string& bytes) {
+    link.peer.Send(bytes);
+    AwaitReadable(link.node->sock.fd);
+    return Read(link.node);
+  }
+  void WatchStates(MQNode* node) {
+    mnSetTraceCallBack(Trace::OnNode, node);
+    Trace::on_node = [this](std::string_view point, const MQNode* seen) {
+      points_.push_back(std::string(point) + ": " + ReadState(seen));
+    };
+  }
+  Lines TakePoints() { return std::exchange(points_, {}); }
+
+  Signer signer_{"tester"};
+  Message in_{300};
+
+ private:
+  Lines points_;
+};
+
+TEST_F(SecureTest, BytesOnTheWire) {
+  const Link link = Connect();
+  Message out(7, 4);
+  const std::string body = out.raw().substr(kHeader);
+  memset(&out->secHeader, 'x', sizeof out->secHeader);
+  memset(out->raw.data + kAtUser, 'x', 60);
+  // The user that the caller gives has no say: the signature names who signed.
+  EXPECT_EQ(mnSWriteMsg(out, link.node, nullptr, "somebody", 1, signer_.signer, 0), 1);
+  const std::string wire = link.peer.Read(kSigned);
+
+  std::string envelope(kEnvelope, '\0');
+  SetWord(&envelope, 0, 32);
+  SetWord(&envelope, 4, 1);
+  SetWord(&envelope, 12, 1);
+  SetWord(&envelope, 16, 160 + kTrailer);
+  envelope.replace(20, 6, "tester");
+  std::string header(kHeader, '\0');
+  SetWord(&header, 0, 136);
+  SetWord(&header, 4, 1);
+  SetWord(&header, 12, 1);
+  SetWord(&header, kAtBody, 24);
+  header.replace(kAtUser, 6, "tester").replace(84, 7, "UNKNOWN");
+  EXPECT_EQ(wire.substr(0, kEnvelope), envelope);
+  EXPECT_EQ(wire.substr(kEnvelope, 160), header + body);
+  std::string mark("MQSIGN01\0\0", 10);
+  for (int shift = 40; shift >= 0; shift -= 8) mark += static_cast<char>(kNow >> shift);
+  EXPECT_EQ(wire.substr(kEnvelope + 160, 16), mark) << "then a nonce and the signature";
+  // What the signer is given: the length of the plain message.
+  EXPECT_EQ(out->secHeader.msgLength, 160u);
+}
+
+TEST_F(SecureTest, Delivery) {
+  const Link link = Connect();
+  link.peer.Send(Sign(1) + Sign(2, 100));
+  Platform::Forget();
+  EXPECT_EQ(Read(link.node), std::string("1:4 from tester, error 0, read 1") + kIdle);
+  EXPECT_EQ(Platform::Calls(), (Lines{"recvfrom(32) = 32", "recvfrom(256) = 256"}));
+  EXPECT_EQ(in_->secHeader.hdrLength, 32u);
+  EXPECT_EQ(in_->secHeader.version, 1u);
+  EXPECT_EQ(in_->raw.length, 160u);
+  EXPECT_EQ(Read(link.node), std::string("2:100 from tester, error 0, read 2") + kIdle);
+  EXPECT_EQ(Companion::Now().calls, (Lines{"AlienToNativeExt", "SizePcfMessage 384", "mqc_authenticate",
+                                           "AlienToNative", "AlienPcfToNative", "RawToPcf"}));
+  // An envelope of the other byte order; the signature does not depend on it.
+  std::string foreign = Sign(3);
+  SetWord(&foreign, 8, 1);
+  SwapWords(&foreign, {0, 4, 8, 12, 16});
+  EXPECT_EQ(Read(link, foreign), std::string("3:4 from tester, error 0, read 3") + kIdle);
+  EXPECT_EQ(in_->secHeader.hdrLength, 32u);
+}
+
+TEST_F(SecureTest, TwoPiecesCutAtEveryByte) {
+  const Link link = Connect(kNonBlocking);
+  for (size_t cut = 1; cut < kSigned; ++cut) {
+    const std::string wire = Sign(1);
+    const std::string held = std::to_string(cut) + " of " + std::to_string(cut < kEnvelope ? kEnvelope : kSigned);
+    EXPECT_EQ(Read(link, wire.substr(0, cut)),
+              "nothing, error 11, read " + std::to_string(cut - 1) + ", holds " + held);
+    EXPECT_EQ(Read(link, wire.substr(cut)), "1:4 from tester, error 0, read " + std::to_string(cut) + kIdle);
+  }
+}
+
+TEST_F(SecureTest, Traces) {
+  const Link link = Connect(kNonBlocking);
+  Watch(link.node);
+  WatchStates(link.node);
+  const std::string wire = Sign(1);
+  const struct {
+    const char* what;
+    std::string bytes;
+    int failing;  // receive
+    Lines points;
+  } rows[] = {
+      {"whole", Sign(2), 0, {"mnSRead: error 0, read 1, holds 0 of 32", "mnSRead: error 0, read 1, holds 0 of 32"}},
+      {"part of the envelope",
+       wire.substr(0, 20),
+       0,
+       {"mnSReadMsg: error 11, read 1, holds 20 of 32", "mnSRead: error 11, read 1, holds 20 of 32"}},
+      {"part of the message",
+       wire.substr(20, 50),
+       0,
+       {"mnSReadMsg: error 11, read 1, holds 70 of 288", "mnSRead: error 11, read 1, holds 70 of 288",
+        "mnSRead: error 11, read 1, holds 70 of 288"}},
+      {"the rest", wire.substr(70), 0, {"mnSRead: error 0, read 2, holds 0 of 32"}},
+      {"a plain message",
+       Wire(1, 4).substr(0, 32),
+       0,
+       {"mnSReadMsg: error 2026, read 2, holds 32 of 32", "mnSRead: error 2026, read 2, holds 0 of 32"}},
+      // Traced before the reset, unlike a plain read.
+      {"reset",
+       wire.substr(0, 20),
+       2,
+       {"mnSReadMsg: error 104, read 2, holds 20 of 32", "mnSRead: error 104, read 2, holds 0 of 32"}},
+      {"replayed",
+       wire,
+       0,
+       {"mnSRead: error -1001, read 3, holds 288 of 288", "mnSRead: error -1001, read 3, holds 0 of 32"}},
+  };
+  for (const auto& row : rows) {
+    if (row.failing != 0) Platform::Fail("recvfrom", row.failing, ECONNRESET);
+    Trace::Take();
+    Read(link, row.bytes);
+    EXPECT_EQ(TakePoints(), row.points) << row.what;
+  }
+  EXPECT_EQ(Trace::Take(), (Lines{"ReadSocket:Before", "ReadSocket:After", "ReadSocket:Before", "ReadSocket:After",
+                                  "mnSRead", "mnSRead"}));
+  Message out(1, 4);
+  EXPECT_EQ(mnSWrite(out, link.node, 1, signer_.signer), 1);
+  EXPECT_EQ(Trace::Take(),
+            (Lines{"mnSWriteMsg", "WriteSocket:Before", "WriteSocket:After", "mnWriteToNode", "mnSWriteMsg"}));
+}
+
+// Each function of the companion failing in turn: code, what was called, and the next message is read.
+TEST_F(SecureTest, CompanionFailures) {
+  const struct {
+    const char* failing;
+    const char* outcome;
+    Lines calls;
+    bool in_step;
+  } rows[] = {
+      {"AlienToNativeExt", "nothing, error 2026, read 0", {"AlienToNativeExt"}, false},
+      {"SizePcfMessage", "nothing, error 2102, read 0", {"AlienToNativeExt", "SizePcfMessage 388"}, true},
+      {"mqc_authenticate",
+       "nothing, error -1001, read 1",
+       {"AlienToNativeExt", "SizePcfMessage 388", "mqc_authenticate"},
+       true},
+      {"AlienToNative",
+       "nothing, error 2026, read 1",
+       {"AlienToNativeExt", "SizePcfMessage 388", "mqc_authenticate", "AlienToNative", "DumpPcfMessage"},
+       true},
+      {"AlienPcfToNative",
+       "nothing, error 4005, read 1",
+       {"AlienToNativeExt", "SizePcfMessage 388", "mqc_authenticate", "AlienToNative", "AlienPcfToNative",
+        "DumpPcfMessage"},
+       true},
+      {"RawToPcf",
+       "nothing, error 4005, read 1",
+       {"AlienToNativeExt", "SizePcfMessage 388", "mqc_authenticate", "AlienToNative", "AlienPcfToNative", "RawToPcf",
+        "DumpPcfMessage"},
+       true},
+  };
+  for (const auto& row : rows) {
+    const Link link = Connect();
+    const std::string wire = Sign(1, 104) + Sign(2);
+    PcfMessage small;
+    mqc_message_init(&small);
+    Companion::Now() = {.failing = row.failing, .calls = {}};
+    link.peer.Send(wire);
+    EXPECT_EQ(mnSRead(&small, link.node, 1, nullptr), 0);
+    EXPECT_EQ("nothing, " + ReadState(link.node), std::string(row.outcome) + kIdle) << row.failing;
+    EXPECT_EQ(Companion::Now().calls, row.calls) << row.failing;
+    // After a failed check the record still holds what came.
+    const bool copied = link.node->msgsRead != 0;
+    EXPECT_EQ(std::string(small.secHeader.userId, 12), Field(copied ? "tester" : "", 12)) << row.failing;
+    mqc_message_release(&small);
+    Companion::Now().failing.clear();
+    if (!row.in_step) continue;
+    EXPECT_EQ(Read(link.node).substr(0, 24), "2:4 from tester, error 0") << row.failing;
+  }
+}
+
+TEST_F(SecureTest, WritesThatFail) {
+  const Link link = Connect();
+  const Message out(1, 4);
+  const Signer other("other");
+  const auto blocks = LiveBlocks();
+  Watch(link.node);
+  const struct {
+    void* context;
+    const char* failing;
+    int allocation;
+    int error;
+    Lines calls;
+  } rows[] = {
+      {nullptr, "", 0, MQ_NOT_SIGNED, {"VerifyMessage", "mqc_sign"}},
+      {other.signer, "", 0, MQ_NOT_SIGNED, {"VerifyMessage", "mqc_sign"}},
+      {signer_.signer, "mqc_sign", 0, MQ_NOT_SIGNED, {"VerifyMessage", "mqc_sign"}},
+      {signer_.signer, "", 1, MQ_AGAIN, {"VerifyMessage"}},
+      {signer_.signer, "", 2, MQ_NOT_SIGNED, {"VerifyMessage", "mqc_sign"}},
+  };
+  for (const auto& row : rows) {
+    Companion::Now() = {.failing = row.failing, .calls = {}};
+    mqc_fail_allocation(static_cast<uint64_t>(row.allocation), 0);
+    EXPECT_EQ(mnSWrite(out, link.node, 1, row.context), 0);
+    EXPECT_EQ(link.node->error, row.error);
+    EXPECT_EQ(Companion::Now().calls, row.calls);
+    EXPECT_EQ(Trace::Take(), Lines{"mnSWriteMsg"});
+    EXPECT_EQ(LiveBlocks(), blocks);
+  }
+  EXPECT_EQ(Platform::Calls(), Lines{});
+  Companion::Now().failing = "VerifyMessage";
+  EXPECT_EQ(mnSWrite(out, link.node, 1, signer_.signer), 1) << "its result changes nothing";
+}
+
+// A signed message that had to wait goes out as it was signed.
+TEST_F(SecureTest, QueuedWrites) {
+  const Link link = Connect();
+  Message out(1, 4);
+  Platform::Fail("send", 1, EAGAIN);
+  EXPECT_EQ(mnSWriteAltUserHigh(out, link.node, 1, signer_.signer), 1);
+  EXPECT_EQ(WriteState(link.node), "error 11, sent 0, outstanding 1, queue 1");
+  out.Put(2, 4);
+  EXPECT_EQ(mnSWriteAltUser(out, link.node, 1, signer_.signer), 1);
+  EXPECT_EQ(mnFinishWrite(link.node), 1);
+  const Link reader = Connect();
+  reader.peer.Send(link.peer.Read(2 * kSigned));
+  EXPECT_EQ(Read(reader.node).substr(0, 15), "1:4 from tester");
+  EXPECT_EQ(Read(reader.node).substr(0, 15), "2:4 from tester");
+}
+
+// Every bit of one byte after the other: refused before anything of the message is looked at, and the true message is
+// still accepted afterwards. As datagrams, so that a wrong length shows at once.
+TEST_F(SecureTest, TamperingWithEachByte) {
+  const Node node = CreateDatagram();
+  const Peer peer = Peer::Datagram();
+  const std::string wire = Sign(1);
+  const int port = PortOf(node);
+  for (size_t at = 0; at < wire.size(); ++at) {
+    for (const int bit : {0, 5, 7}) {
+      std::string forged = wire;
+      forged[at] = static_cast<char>(forged[at] ^ 1 << bit);
+      peer.SendTo(port, forged);
+      const std::string outcome = Read(node);
+      // First word, flags and msgLength, but for the flag of another character set, make it a bad message.
+      const bool bad = at < 4 || (at >= 8 && at < 20 && !(at == 12 && bit == 0));
+      EXPECT_EQ(outcome.substr(0, 20), bad ? "nothing, error 2026," : "nothing, error -1001") << at << ", bit " << bit;
+      EXPECT_EQ(Companion::Now().calls, at < 4 ? Lines{}
+                                        : bad  ? Lines{"AlienToNativeExt"}
+                                               : (Lines{"AlienToNativeExt", "mqc_authenticate"}));
+    }
+  }
+  peer.SendTo(port, wire);
+  EXPECT_EQ(Read(node).substr(0, 24), "1:4 from tester, error 0");
+  peer.SendTo(port, wire);
+  EXPECT_EQ(Read(node).substr(0, 20), "nothing, error -1001") << "a replay";
+  EXPECT_STRNE(mqc_authenticate_error(), "");
+}
+
+TEST_F(SecureTest, ForgedUsersAndStrangers) {
+  const Link link = Connect();
+  const Signer mallory("mallory");
+  Companion::Now().user = "mallory";
+  const Link writer = Connect();
+  const auto sign = [&] {
+    const Message out(1, 4);
+    EXPECT_EQ(mnSWrite(out, writer.node, 1, mallory.signer), 1);
+    return writer.peer.Read(kSigned);
+  };
+  EXPECT_EQ(Read(link, sign()), std::string("nothing, error -1001, read 1") + kIdle) << "nobody knows the key";
+  mqc_ring_add("mallory", mallory.key, nullptr, 0);
+  EXPECT_EQ(Read(link, sign()), std::string("1:4 from mallory, error 0, read 2") + kIdle);
+  const std::string as_tester = Field("tester", 12);
+  EXPECT_EQ(Read(link, sign().replace(20, 12, as_tester)), std::string("nothing, error -1001, read 3") + kIdle);
+  EXPECT_EQ(Read(link, sign().replace(kEnvelope + kAtUser, 12, as_tester)),
+            std::string("nothing, error -1001, read 4") + kIdle);
+  EXPECT_EQ(Read(link, sign().replace(20, 12, as_tester).replace(kEnvelope + kAtUser, 12, as_tester)),
+            std::string("nothing, error -1001, read 5") + kIdle);
+  mqc_ring_remove("mallory");
+  EXPECT_EQ(Read(link, sign()), std::string("nothing, error -1001, read 6") + kIdle);
+}
+
+TEST_F(SecureTest, EnvelopesAcceptedAndRefused) {
+  const struct {
+    uint32_t first;
+    uint32_t length;
+    const char* outcome;
+  } rows[] = {
+      {32, 1, "nothing, error 11, read 0, holds 32 of 33"},
+      {32, MQ_MAX_MESSAGE - 32, "nothing, error 11, read 0, holds 32 of 67108864"},
+      {32, MQ_MAX_MESSAGE - 31, "nothing, error 2026, read 0, holds 0 of 32"},
+      {32, 0, "nothing, error 2026, read 0, holds 0 of 32"},
+      {32, 0xFFFFFFFF, "nothing, error 2026, read 0, holds 0 of 32"},
+      {32, 0xFFFFFFE0, "nothing, error 2026, read 0, holds 0 of 32"},
+      {31, 256, "nothing, error 2026, read 0, holds 0 of 32"},
+      {33, 256, "nothing, error 2026, read 0, holds 0 of 32"},
+      {136, 256, "nothing, error 2026, read 0, holds 0 of 32"},
+  };
+  for (const auto& row : rows) {
+    for (const bool foreign : {false, true}) {
+      const Link link = Connect(kNonBlocking);
+      std::string wire = Sign(1).substr(0, kEnvelope);
+      SetWord(&wire, 0, row.first);
+      SetWord(&wire, 16, row.length);
+      if (foreign) {
+        SetWord(&wire, 8, 1);
+        SwapWords(&wire, {0, 4, 8, 12, 16});
+      }
+      EXPECT_EQ(Read(link, wire), row.outcome) << row.first << " " << row.length << " " << foreign;
+      if (link.node->error == MQ_AGAIN) continue;
+      EXPECT_EQ(Read(link, Sign(2)), std::string("2:4 from tester, error 0, read 1") + kIdle) << "out of step";
+    }
+  }
+  // Bytes that are no signed message at all, shorter than any header.
+  const Link link = Connect();
+  std::string shortest = Sign(1).substr(0, kEnvelope) + "x";
+  SetWord(&shortest, 16, 1);
+  EXPECT_EQ(Read(link, shortest), std::string("nothing, error -1001, read 1") + kIdle);
+  std::string longest = Sign(1).substr(0, kEnvelope);
+  SetWord(&longest, 16, 20000);
+  mqc_fail_allocation(1, 0);
+  EXPECT_EQ(Read(link, longest), std::string("nothing, error 2102, read 1") + kIdle);
+}
+
+TEST_F(SecureTest, PeerGone) {
+  for (const size_t part : {0u, 1u, 31u, 32u, 33u, 287u}) {
+    const Link link = Connect();
+    link.peer.Send(Sign(1).substr(0, part));
+    link.peer.Shutdown();
+    EXPECT_EQ(Read(link.node), std::string("nothing, error 9004, read 0") + kIdle) << part;
+  }
+}
+
+TEST_F(SecureTest, DatagramSizes) {
+  const Node node = CreateDatagram();
+  const Peer peer = Peer::Datagram();
+  const std::string wire = Sign(1);
+  for (const std::string& bytes : {wire + "x", wire.substr(0, kSigned - 1), wire.substr(0, 32), wire.substr(0, 31)}) {
+    peer.SendTo(PortOf(node), bytes);
+    EXPECT_EQ(Read(node), "nothing, error 2026, read 0, holds 0 of 16520") << bytes.size();
+  }
+  SockAddrRec to = AddressOf("127.0.0.1", PortOf(node));
+  const Node writer = CreateDatagram();
+  const Message out(5, 4);
+  EXPECT_EQ(mnSWriteTo(out, writer, &to, 1, signer_.signer), 1);
+  EXPECT_EQ(Read(node), "5:4 from tester, error 0, read 1, holds 0 of 16520");
+}
+
+// One stream that changes its framing between messages, and a secure read that is told to read plainly.
+TEST_F(SecureTest, SwitchingFraming) {
+  const Link link = Connect();
+  Watch(link.node);
+  link.peer.Send(Wire(1, 4) + Sign(2) + Wire(3, 4) + Sign(4));
+  for (const auto& [secure, text] :
+       {std::pair{0, "1:4 from peer"}, {1, "2:4 from tester"}, {0, "3:4 from peer"}, {1, "4:4 from tester"}}) {
+    Trace::Take();
+    EXPECT_EQ(mnSRead(in_, link.node, secure, nullptr), 1);
+    EXPECT_EQ(in_.Text(), text);
+    EXPECT_EQ(Trace::Take().back(), secure ? "mnSRead" : "mnRead");
+  }
+  // The plain read of a signed stream, and a part of a plain header met by a secure read.
+  link.peer.Send(Sign(5).substr(0, 136));
+  EXPECT_EQ(mnSRead(in_, link.node, 0, nullptr), 0);
+  EXPECT_EQ(ReadState(link.node), "error 2026, read 4, holds 0 of 136");
+  NoblockSocket(&link.node->sock);
+  link.peer.Send(Wire(6, 4).substr(0, 100));
+  AwaitReadable(link.node->sock.fd);
+  EXPECT_EQ(mnRead(in_, link.node), 0);
+  EXPECT_EQ(Read(link, Wire(6, 4).substr(100, 36)), std::string("nothing, error 2026, read 4") + kIdle);
+}
+
+}  // namespace
