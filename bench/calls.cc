@@ -101,7 +101,8 @@ Allocations CountAllocations(const Contestant& contestant) {
   far->Accept();
   near->Prepare(kBody);
   far->Prepare(kBody);
-  Allocations sum = {};
+  uint64_t written = 0;
+  uint64_t read = 0;
   near->Write();
   far->Read();
   for (size_t i = 0; i < kCount; ++i) {
@@ -109,10 +110,10 @@ Allocations CountAllocations(const Contestant& contestant) {
     near->Write();
     const uint64_t between = mqc_allocations();
     far->Read();
-    sum.write += double(between - before) / kCount;
-    sum.read += double(mqc_allocations() - between) / kCount;
+    written += between - before;
+    read += mqc_allocations() - between;
   }
-  return sum;
+  return {double(written) / kCount, double(read) / kCount};
 }
 
 }  // namespace

@@ -115,6 +115,13 @@ Profile Difference(const Profile& one, const Profile& other) {
   return result;
 }
 
+// A function's name without its arguments and unnamed namespaces.
+std::string BareName(std::string name) {
+  const std::string unnamed = "(anonymous namespace)::";
+  for (size_t at; (at = name.find(unnamed)) != std::string::npos;) name.erase(at, unnamed.size());
+  return name.substr(0, name.find('('));
+}
+
 void AddFunctions(Report* report, const Profile& nodes, const Profile& bare) {
   Section section = {
       "instructions_functions", "The same, function by function", {"function", "library", "nodes", "bare"}, {}, {}};
@@ -130,7 +137,7 @@ void AddFunctions(Report* report, const Profile& nodes, const Profile& bare) {
   std::sort(order.rbegin(), order.rend());
   for (const auto& [most, place] : order) {
     if (most < 0.5) break;
-    std::string name = place.second.substr(0, place.second.find('('));
+    std::string name = BareName(place.second);
     if (name.size() > 48) name.resize(48);
     section.rows.push_back(
         {Text(std::move(name)), Text(place.first), Number(cost(nodes, place), 0), Number(cost(bare, place), 0)});

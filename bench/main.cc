@@ -59,7 +59,7 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   if (!wanted.pinned && !wanted.free) wanted.pinned = wanted.free = true;
   wanted.sections = {only.begin(), only.end()};
-  settings.exchange = settings.quick ? bench::Effort{0.001, 36} : bench::Effort{0.0015, 300};
+  settings.exchange = settings.quick ? bench::Effort{0.001, 24} : bench::Effort{0.0015, 300};
   settings.wait = settings.quick ? bench::Effort{0.0005, 20} : bench::Effort{0.0005, 300};
   signal(SIGPIPE, SIG_IGN);
 
