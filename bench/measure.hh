@@ -1,5 +1,5 @@
-// measure.hh - time, medians, and the one way in which contestants are compared: short slices of each in turn, many times
-// over, so that whatever else the machine does falls on all of them alike.
+// measure.hh - time, medians, and the one way in which contestants are compared: short slices of each in turn, many
+// times over, so that whatever else the machine does falls on all of them alike.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +26,8 @@ struct Ratio {
 };
 Ratio RatioOfMedians(const std::vector<double>& numerator, const std::vector<double>& denominator);
 
-// samples[c][i] is what slice(c) returned the i-th time. In each round the contestants come in a random order and then in
-// that order backwards: two slices of each.
+// samples[c][i] is what slice(c) returned the i-th time. In each round the contestants come in a random order and
+// then in that order backwards: two slices of each.
 using Samples = std::vector<std::vector<double>>;
 Samples Interleave(size_t contestants, size_t rounds, const std::function<double(size_t)>& slice);
 
