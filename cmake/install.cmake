@@ -1,0 +1,48 @@
+# What is installed, in components: library, companion, development, tools (mqcat says in tools/ what is its own).
+# Headers go to include/mqnode-1, pkg-config files (mqnode, mqnode-companion) and the CMake package (mqnode) beside the
+# libraries. Both find their files from where they lie: an installed tree may be moved.
+include(CMakePackageConfigHelpers)
+
+set(MQNODE_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/mqnode-${PROJECT_VERSION_MAJOR})
+set(MQNODE_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/mqnode)
+set(MQNODE_PCDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+foreach(folder mqnode queue runtime sockutil socksin companion)
+  install(DIRECTORY ${folder}/ DESTINATION ${MQNODE_INCLUDEDIR}/${folder} COMPONENT development
+    FILES_MATCHING PATTERN *.h PATTERN *.hpp)
+endforeach()
+
+# In the build tree the headers are found from the top folder, in an installed one from include/mqnode-1.
+set_target_properties(mqnode mqcompanion PROPERTIES
+  INTERFACE_INCLUDE_DIRECTORIES $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+set_target_properties(mqcompanion PROPERTIES EXPORT_NAME companion)
+set_target_properties(mqnode_host PROPERTIES EXPORT_NAME host)
+
+install(TARGETS mqnode EXPORT mqnode
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${MQNODE_INCLUDEDIR})
+install(TARGETS mqcompanion EXPORT mqnode
+  LIBRARY COMPONENT companion NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${MQNODE_INCLUDEDIR})
+install(TARGETS mqnode_host EXPORT mqnode)
+install(EXPORT mqnode FILE mqnode-targets.cmake NAMESPACE mqnode:: DESTINATION ${MQNODE_CMAKEDIR}
+  COMPONENT development)
+
+configure_package_config_file(cmake/mqnode-config.cmake.in ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake
+  INSTALL_DESTINATION ${MQNODE_CMAKEDIR} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake/mqnode-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake ${PROJECT_BINARY_DIR}/cmake/mqnode-config-version.cmake
+  DESTINATION ${MQNODE_CMAKEDIR} COMPONENT development)
+
+file(RELATIVE_PATH MQNODE_PC_PREFIX /prefix/${MQNODE_PCDIR} /prefix)
+string(REGEX REPLACE "/$" "" MQNODE_PC_PREFIX ${MQNODE_PC_PREFIX})
+foreach(name mqnode mqnode-companion)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT development)
+endforeach()
+
+if(MQNODE_BUILD_TESTS)
+  add_test(NAME install COMMAND ${PROJECT_SOURCE_DIR}/tests/install_test.sh ${PROJECT_BINARY_DIR})
+  add_test(NAME checks.abi COMMAND ${PROJECT_SOURCE_DIR}/tests/checks/abi.sh ${PROJECT_BINARY_DIR})
+  set_tests_properties(install checks.abi PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+endif()
