@@ -137,7 +137,8 @@ Capture ReadAny(Bytes file) {
   if (IsPcap(file)) return ReadPcap(file);
   if (BeginsMessage(file) || !IsText(file)) return ReadRaw(file);
   Capture capture = ReadHex(file);
-  return capture.faults.empty() ? capture : ReadRaw(file);
+  const bool is_dump = capture.faults.empty() && (file.empty() || !capture.streams.front().bytes.empty());
+  return is_dump ? capture : ReadRaw(file);
 }
 
 }  // namespace

@@ -2,9 +2,13 @@
 // A wait is cut into ticks, so that a signal that arrives just before it is seen soon after.
 #include "link.hh"
 
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "fmt/format.h"
 #include "mqnode/errors.h"
@@ -14,7 +18,9 @@ namespace mqcat {
 namespace {
 
 constexpr auto kTick = std::chrono::milliseconds(200);
-constexpr int kMostPending = 64;          // messages that may wait in a node before a write waits for them
+constexpr int kMostPending = 64;  // messages that may wait in a node before a write waits for them
+constexpr auto kBreath = std::chrono::milliseconds(1);
+constexpr double kLastMoment = 1;         // seconds for the peer to read the rest and to close
 constexpr uint32_t kMaxDatagram = 16520;  // what a reader takes
 
 // Where the code in node->error is explained: an error that was copied from the socket is the socket's.
@@ -184,7 +190,35 @@ void Link::Flush(Clock::time_point deadline, int most_pending) {
                     fmt::format("{}: {} messages wait, the peer does not read", what, Qdepth(node_->pending))};
     }
     waiter_.Wait({node_.get()}, deadline);
-    if (!waiter_.to_write().empty() && !mnFinishWrite(node_.get())) throw NodeFailure(what, node_.get());
+    if (discard_ && !waiter_.to_read().empty() && !Discard()) {
+      throw Failure{kExitConnection, fmt::format("{}: {}", what, CodeText(SOCK_PEER_CLOSED, MQ_IN_SOCKET))};
+    }
+    if (waiter_.to_write().empty()) {
+      std::this_thread::sleep_for(kBreath);  // an answer that nobody takes yet ends every wait at once
+    } else if (!mnFinishWrite(node_.get())) {
+      throw NodeFailure(what, node_.get());
+    }
+  }
+}
+
+// Throws away what has arrived. False when the connection has come to its end.
+bool Link::Discard() {
+  std::array<char, 65536> place;
+  for (;;) {
+    const ssize_t got = recv(node_->sock.fd, place.data(), place.size(), MSG_DONTWAIT);
+    if (got == 0) return false;
+    if (got < 0) return errno == EAGAIN || errno == EINTR;
+  }
+}
+
+void Link::Close(Clock::time_point deadline) {
+  Drain(deadline);
+  if (transport_ != Transport::kTcp) return;
+  shutdown(node_->sock.fd, SHUT_WR);
+  const auto end = std::min(deadline, In(kLastMoment));
+  while (Clock::now() < end && !Interrupted()) {
+    waiter_.Wait({node_.get()}, end);
+    if (!waiter_.to_read().empty() && !Discard()) return;
   }
 }
 

@@ -84,6 +84,13 @@ class Link {
   // Until everything written is with the system.
   void Drain(Clock::time_point deadline);
 
+  // Answers are not wanted: they are thrown away as they come, so that the peer can go on reading.
+  void DiscardAnswers() { discard_ = true; }
+
+  // Drains, says that nothing more comes, and gives the peer a moment to close: closing at once, with answers unread,
+  // would take back what the peer has not read yet.
+  void Close(Clock::time_point deadline);
+
   // Reads the next message before the deadline. False when none came; throws a Failure for everything else.
   bool Read(PcfMessage* msg, Clock::time_point deadline);
 
@@ -94,6 +101,7 @@ class Link {
   void Connect(Clock::time_point deadline);
   void FinishConnect();
   void Flush(Clock::time_point deadline, int most_pending);
+  bool Discard();
 
   SockAddrRec target_;
   std::string target_text_;
@@ -102,6 +110,7 @@ class Link {
   Waiter waiter_;
   const Security* security_ = nullptr;
   std::string user_;
+  bool discard_ = false;
 };
 
 }  // namespace mqcat

@@ -46,7 +46,8 @@ class HelpFormatter : public CLI::Formatter {
   }
 };
 
-int ParseFailed(const CLI::App& app, const CLI::ParseError& error) {
+// unknown: the first word of the command line, when it is no command.
+int ParseFailed(const CLI::App& app, const CLI::ParseError& error, const std::string& unknown) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
     std::ostringstream out, unused;
     app.exit(error, out, unused);
@@ -56,7 +57,8 @@ int ParseFailed(const CLI::App& app, const CLI::ParseError& error) {
   }
   std::string command = "mqcat";
   for (const CLI::App* used : app.get_subcommands()) command += " " + used->get_name();
-  Note(fmt::format("{}\n  {} --help says more", error.what(), command));
+  const std::string what = unknown.empty() ? error.what() : "no command " + Quote(unknown, 40);
+  Note(fmt::format("{}\n  {} --help says more", what, command));
   return kExitUsage;
 }
 
@@ -71,7 +73,8 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return ParseFailed(app, error);
+    const bool no_command = argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty();
+    return ParseFailed(app, error, no_command ? argv[1] : "");
   }
   Flush();
   return exit;

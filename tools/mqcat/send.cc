@@ -48,6 +48,7 @@ class Sender {
     const SockAddrRec target = MakeAddress(options_.host, options_.service, transport_);
     link_ = std::make_unique<Link>(target, transport_, In(options_.timeout));
     link_->Use(&security_);
+    if (!options_.reply) link_->DiscardAnswers();
     if (options_.sign.empty()) link_->set_user(options_.user);
   }
 
@@ -62,7 +63,7 @@ class Sender {
   }
 
   void Finish() {
-    link_->Drain(In(options_.timeout));
+    link_->Close(In(options_.timeout));
     ShowProgress("");
     Flush();
     if (!options_.quiet) Note(Summary());
