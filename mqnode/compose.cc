@@ -53,10 +53,12 @@ void FillEnvelope(PcfMessage* msg, const MQNode* node) {
 }
 
 int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContext, int highPriority) {
-  // A record without a message has no header to look at; the write refuses it.
-  if (!IsWritable(msg->raw)) return mnSWriteMsg(msg, node, nullptr, node->user, secure, securityContext, highPriority);
-  char* const user = mq::HeaderOf(msg->raw.data)->userId;
-  if (user[0] == '\0' || user[0] == ' ') memcpy(user, node->user, kUserLength);
+  const char* user = node->user;
+  if (IsWritable(msg->raw)) {  // else there is no header to look at, and the write refuses the record
+    char* const own = mq::HeaderOf(msg->raw.data)->userId;
+    if (own[0] == '\0' || own[0] == ' ') memcpy(own, node->user, kUserLength);
+    user = own;
+  }
   return mnSWriteMsg(msg, node, nullptr, user, secure, securityContext, highPriority);
 }
 
@@ -65,7 +67,7 @@ int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContex
 int mnWriteMsg(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int highPriority) {
   mq::Trace("mnWriteMsg", node);
   char userId[kUserLength];  // taken first: user may be the header's own field
-  mq::CopyPadded(userId, sizeof userId, user, sizeof userId);
+  mq::FillField(userId, user);
   node->error = MQ_OK;
   PcfRawData* const raw = &msg->raw;
   if (!IsWritable(*raw)) return Fail(node, MQ_BAD_MESSAGE);
@@ -97,7 +99,7 @@ int mnSWriteMsgWithPriority(PcfMessage* msg, MQNode* node, SockAddrRec* to, cons
   FillEnvelope(msg, node);
   MsgHeader* const header = mq::HeaderOf(raw->data);
   CopyApplName(header, node);
-  mq::CopyPadded(header->userId, sizeof header->userId, node->user, sizeof header->userId);
+  mq::FillField(header->userId, node->user);
   VerifyMessage(raw);
 
   IoBuffer* const desc = NewDescriptor(node);

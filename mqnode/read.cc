@@ -14,23 +14,28 @@
 #include "mqnode/read.hh"
 #include "mqnode/wire.hh"
 #include "socksin/record.hh"
-#include "socksin/transfer.h"
-
-static_assert(mq::kPlainFraming.headerLength == mq::kHeaderLength);
-static_assert(mq::kSecureFraming.headerLength == mq::kEnvelopeLength);
 
 namespace mq {
 namespace {
-
-// Length of an idle buffer: a header on a stream, any one datagram on a datagram node.
-uint32_t IdleLength(const MQNode* node, const Framing& framing) {
-  return IsDatagram(node) ? node->recvBuffer.capacity : framing.headerLength;
-}
 
 bool Reserve(IoBuffer* buf, uint32_t size) {
   if (buf->capacity < size) SizeBuffer(buf, size);
   return buf->capacity >= size;
 }
+
+// What a failure that the caller cannot go on from does to the buffer, in the order that the trace point shows.
+int Leave(MQNode* node, const char* point, int code, const Framing& framing) {
+  node->error = code;
+  Trace(point, node);
+  ResetReceive(node, framing);
+  return 0;
+}
+
+}  // namespace
+
+int FailGather(MQNode* node, const Framing& framing, int code) { return Leave(node, framing.gather, code, framing); }
+
+int FailRead(MQNode* node, const Framing& framing, int code) { return Leave(node, framing.read, code, framing); }
 
 int FailReceive(MQNode* node, const Framing& framing) {
   CopySocketError(node);
@@ -41,52 +46,11 @@ int FailReceive(MQNode* node, const Framing& framing) {
   return 0;
 }
 
-int FailGather(MQNode* node, const Framing& framing, int code) {
-  node->error = code;
-  Trace(framing.gather, node);
-  ResetReceive(node, framing);
-  return 0;
-}
-
-}  // namespace
-
-void ResetReceive(MQNode* node, const Framing& framing) { ResetBuffer(&node->recvBuffer, IdleLength(node, framing)); }
-
-int FailRead(MQNode* node, const Framing& framing, int code) {
-  node->error = code;
-  Trace(framing.read, node);
-  ResetReceive(node, framing);
-  return 0;
-}
-
-bool StartRead(MQNode* node, const Framing& framing) {
+bool Rearm(MQNode* node, const Framing& framing) {
   IoBuffer* const buf = &node->recvBuffer;
-  if (buf->received != 0) return true;
-  // A node that was closed, or created without memory, has no area.
   if (buf->capacity < framing.headerLength && !Reserve(buf, kReceiveCapacity)) return false;
-  const uint32_t idle = IdleLength(node, framing);
-  if (buf->length != idle) ResetBuffer(buf, idle);
+  ResetReceive(node, framing);
   return true;
-}
-
-int Gather(MQNode* node, const Framing& framing) {
-  IoBuffer* const buf = &node->recvBuffer;
-  const bool datagram = IsDatagram(node);
-  node->error = MQ_OK;
-  uint32_t target = datagram ? buf->capacity : buf->length;
-  if (target > buf->capacity || buf->capacity == 0) return FailGather(node, framing, MQ_NO_ROOM);
-  while (buf->received < target) {
-    if (!ReadSocket(&node->sock, buf)) return FailReceive(node, framing);
-    if (datagram) buf->length = target = buf->received;
-    if (buf->received >= framing.headerLength && !IsHeader(buf->data, framing.headerLength)) {
-      return FailGather(node, framing, MQ_BAD_MESSAGE);
-    }
-  }
-  return 1;
-}
-
-bool HeaderCompleted(const MQNode* node, const Framing& framing) {
-  return node->recvBuffer.received == framing.headerLength || IsDatagram(node);
 }
 
 int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced) {
@@ -97,11 +61,6 @@ int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced) {
   if (!Reserve(buf, total)) return MQ_NO_ROOM;
   buf->length = total;
   return MQ_OK;
-}
-
-bool MessageCompleted(const MQNode* node, const Framing& framing) {
-  const IoBuffer& buf = node->recvBuffer;
-  return buf.received > framing.headerLength && buf.received == buf.length;
 }
 
 }  // namespace mq
@@ -117,7 +76,6 @@ constexpr timespec kBrowsePause = {0, 10'000'000};  // 10 ms: at most a second i
 // Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail with.
 int ConvertHeader(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
-  if (buf->received < kHeaderLength) return MQ_BAD_MESSAGE;  // a datagram
   constexpr size_t kAuxOffset = 18496;
   PcfRawData raw;
   raw.data = buf->data;
@@ -203,25 +161,9 @@ bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
 
 }  // namespace
 
-int mnReadMsg(MQNode* node) { return mq::Gather(node, kPlainFraming); }
+int mnReadMsg(MQNode* node) { return mq::Gather<kPlainFraming>(node); }
 
-int mnRead(PcfMessage* msg, MQNode* node) {
-  node->error = MQ_OK;
-  if (!mq::StartRead(node, kPlainFraming)) return mq::FailRead(node, kPlainFraming, MQ_NO_ROOM);
-  int result = mq::Gather(node, kPlainFraming);
-  // What was asked for was neither a header nor a message: a part of another framing. Every later read would find it too.
-  if (result && !mq::HeaderCompleted(node, kPlainFraming) && !mq::MessageCompleted(node, kPlainFraming)) {
-    return mq::FailRead(node, kPlainFraming, MQ_BAD_MESSAGE);
-  }
-  if (result && mq::HeaderCompleted(node, kPlainFraming)) {
-    if (const int code = ConvertHeader(node)) return mq::FailRead(node, kPlainFraming, code);
-    // The nested read finds more than a header asked for, gathers the rest and delivers.
-    if (!mq::IsDatagram(node)) result = mnRead(msg, node);
-  }
-  if (result && mq::MessageCompleted(node, kPlainFraming)) return Deliver(msg, node);
-  mq::Trace(kPlainFraming.read, node);
-  return result;
-}
+int mnRead(PcfMessage* msg, MQNode* node) { return mq::ReadMessage<kPlainFraming, ConvertHeader, Deliver>(msg, node); }
 
 int mnBrowse(PcfMessage* msg, MQNode* node) {
   node->error = MQ_OK;

@@ -1,9 +1,15 @@
-// read.hh - the gather step that the plain and the secure reader share, and what differs between them, as data.
+// read.hh - the reader that plain and secure reads share, and what differs between them, as data.
+//
+// A read runs in two stages on a stream, header and rest, each one gather into the node's receive buffer; between calls
+// that buffer is the whole state. On a datagram node both stages are one datagram. The straight road is inline, so that a
+// message costs few instructions; every failure leaves it through a function of read.cc.
 #pragma once
 
 #include <cstdint>
 
-#include "mqnode/node.h"
+#include "mqnode/node.hh"
+#include "mqnode/wire.hh"
+#include "socksin/transfer.h"
 
 namespace mq {
 
@@ -14,32 +20,84 @@ struct Framing {
   bool resetBeforeTrace;  // order of reset and trace after a receive that failed
 };
 
-inline constexpr Framing kPlainFraming = {136, "mnReadMsg", "mnRead", true};
-inline constexpr Framing kSecureFraming = {32, "mnSReadMsg", "mnSRead", false};
+inline constexpr Framing kPlainFraming = {kHeaderLength, "mnReadMsg", "mnRead", true};
+inline constexpr Framing kSecureFraming = {kEnvelopeLength, "mnSReadMsg", "mnSRead", false};
 
 inline bool IsDatagram(const MQNode* node) { return node->sock.type == SOCK_TYPE_DATAGRAM; }
 
-// Arms the receive buffer for the next message.
-void ResetReceive(MQNode* node, const Framing& framing);
+// Length of an idle buffer: a header on a stream, any one datagram on a datagram node.
+inline uint32_t IdleLength(const MQNode* node, const Framing& framing) {
+  return IsDatagram(node) ? node->recvBuffer.capacity : framing.headerLength;
+}
 
-// Leaves a read with a failure: error, trace point, reset. Always 0.
+// Arms the receive buffer for the next message.
+inline void ResetReceive(MQNode* node, const Framing& framing) {
+  ResetBuffer(&node->recvBuffer, IdleLength(node, framing));
+}
+
+// Leaves a gather or a read with a failure: error, trace point, reset. Always 0.
+int FailGather(MQNode* node, const Framing& framing, int code);
 int FailRead(MQNode* node, const Framing& framing, int code);
 
-// Readies the buffer of a read that starts a message: idle for this framing, with an area that a header fits in. False
-// when there is none.
-bool StartRead(MQNode* node, const Framing& framing);
+// Leaves a gather whose receive failed; what is held stays when the socket would block. Always 0.
+int FailReceive(MQNode* node, const Framing& framing);
 
-// Receives until the buffer holds what it asks for; a datagram node receives one datagram.
-int Gather(MQNode* node, const Framing& framing);
-
-// Whether a gather just completed a header, or brought a whole datagram.
-bool HeaderCompleted(const MQNode* node, const Framing& framing);
+// Readies the buffer of a read that finds it neither idle nor in the middle of a message: it was closed, created without
+// memory, or is idle in the other framing. False when there is no area that a header fits in.
+bool Rearm(MQNode* node, const Framing& framing);
 
 // Makes the buffer ask for the whole message that a converted header announces. Returns 0, or the code with which the
 // read has to fail.
 int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced);
 
-// Whether the buffer holds a whole message.
-bool MessageCompleted(const MQNode* node, const Framing& framing);
+// Receives until the buffer holds what it asks for; a datagram node receives one datagram.
+template <const Framing& kFraming>
+[[gnu::always_inline]] inline int Gather(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  const bool datagram = IsDatagram(node);
+  node->error = MQ_OK;
+  uint32_t target = datagram ? buf->capacity : buf->length;
+  if (target > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
+  while (buf->received < target) {
+    if (!ReadSocket(&node->sock, buf)) return FailReceive(node, kFraming);
+    if (datagram) buf->length = target = buf->received;
+    if (buf->received >= kFraming.headerLength && !IsHeader(buf->data, kFraming.headerLength)) {
+      return FailGather(node, kFraming, MQ_BAD_MESSAGE);
+    }
+  }
+  return 1;
+}
+
+// The second stage: gathers the rest of a message and delivers it.
+template <const Framing& kFraming, auto kDeliver>
+int ReadRest(PcfMessage* msg, MQNode* node) {
+  if (Gather<kFraming>(node)) return kDeliver(msg, node);
+  Trace(kFraming.read, node);
+  return 0;
+}
+
+// Reads one message. kConvert converts a header that has just been gathered and calls ExpectMessage; kDeliver hands the
+// whole message to the host and runs the read's trace point.
+template <const Framing& kFraming, auto kConvert, auto kDeliver>
+int ReadMessage(PcfMessage* msg, MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  node->error = MQ_OK;
+  const bool idle = buf->received == 0;
+  const bool armed = buf->length == kFraming.headerLength && buf->capacity >= kFraming.headerLength;
+  if (idle && !armed && !Rearm(node, kFraming)) return FailRead(node, kFraming, MQ_NO_ROOM);
+  const bool inRest = !idle && buf->length > kFraming.headerLength && !IsDatagram(node);
+  if (inRest) return ReadRest<kFraming, kDeliver>(msg, node);
+
+  int result = Gather<kFraming>(node);
+  if (result) {
+    // A part of another framing is not long enough.
+    const int code = buf->received >= kFraming.headerLength ? kConvert(node) : MQ_BAD_MESSAGE;
+    if (code != MQ_OK) return FailRead(node, kFraming, code);
+    if (IsDatagram(node)) return kDeliver(msg, node);
+    result = ReadRest<kFraming, kDeliver>(msg, node);
+  }
+  Trace(kFraming.read, node);
+  return result;
+}
 
 }  // namespace mq

@@ -19,7 +19,6 @@ using mq::kSecureFraming;
 // with.
 int ConvertEnvelope(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
-  if (buf->received < kEnvelopeLength) return MQ_BAD_MESSAGE;  // a datagram
   SecureHeader* const envelope = mq::EnvelopeOf(buf->data);
   if (!AlienToNativeExt(envelope)) return MQ_BAD_MESSAGE;
   return mq::ExpectMessage(node, kSecureFraming, envelope->msgLength);
@@ -63,19 +62,9 @@ int Deliver(PcfMessage* msg, MQNode* node) {
 
 }  // namespace
 
-int mnSReadMsg(MQNode* node) { return mq::Gather(node, kSecureFraming); }
+int mnSReadMsg(MQNode* node) { return mq::Gather<kSecureFraming>(node); }
 
-int mnSRead(PcfMessage* msg, MQNode* node, int secure, void* securityContext) {
+int mnSRead(PcfMessage* msg, MQNode* node, int secure, void*) {
   if (!secure) return mnRead(msg, node);
-  node->error = MQ_OK;
-  if (!mq::StartRead(node, kSecureFraming)) return mq::FailRead(node, kSecureFraming, MQ_NO_ROOM);
-  int result = mq::Gather(node, kSecureFraming);
-  if (result && mq::HeaderCompleted(node, kSecureFraming)) {
-    if (const int code = ConvertEnvelope(node)) return mq::FailRead(node, kSecureFraming, code);
-    // The nested read finds more than an envelope asked for, gathers the rest and delivers.
-    if (!mq::IsDatagram(node)) result = mnSRead(msg, node, secure, securityContext);
-  }
-  if (result && mq::MessageCompleted(node, kSecureFraming)) return Deliver(msg, node);
-  mq::Trace(kSecureFraming.read, node);
-  return result;
+  return mq::ReadMessage<kSecureFraming, ConvertEnvelope, Deliver>(msg, node);
 }

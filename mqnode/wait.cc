@@ -3,7 +3,6 @@
 // Invariant: no array or list is written past what its size or the number of nodes allows.
 #include "mqnode/wait.h"
 
-#include "mqnode/deliver.h"
 #include "mqnode/node.hh"
 
 namespace {
@@ -21,18 +20,20 @@ PostTimeout Timeout(int milliseconds) {
   return {count % kMsecPerSecond, count / kMsecPerSecond};
 }
 
-// Lists the nodes' sockets; when pending is set, those with queued writes in the writable list too.
-void ListSockets(MQNode** nodes, SockPostData* work, bool pending) {
+// Lists the nodes' sockets; with kPending those with queued writes in the writable list too.
+template <bool kPending>
+void ListSockets(MQNode** nodes, SockPostData* work) {
   const int room = work->size - 1;
-  int sockets = 0;
-  int writable = 0;
-  for (; sockets < room && nodes[sockets] != nullptr; ++sockets) {
-    MQNode* const node = nodes[sockets];
-    work->sockets[sockets] = &node->sock;
-    if (pending && mnIsPendingIO(node)) work->writable[writable++] = &node->sock;
+  SockRec** const list = work->sockets;
+  SockRec** writable = work->writable;
+  int listed = 0;
+  for (; listed < room && nodes[listed] != nullptr; ++listed) {
+    MQNode* const node = nodes[listed];
+    list[listed] = &node->sock;
+    if (kPending && node->pending != nullptr) *writable++ = &node->sock;
   }
-  work->sockets[sockets] = nullptr;
-  if (pending) work->writable[writable] = nullptr;
+  list[listed] = nullptr;
+  if (kPending) *writable = nullptr;
 }
 
 // The node that holds a socket; null when its holder is none.
@@ -96,7 +97,7 @@ int mnPostEx(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int secon
 int mnPostExMSec(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int milliseconds, int* status,
                  SockPostData* work) {
   const PostTimeout timeout = Timeout(milliseconds);
-  ListSockets(nodes, work, false);
+  ListSockets<false>(nodes, work);
   if (!PostSocket(work, &timeout, status)) return 0;
   ReadyArrays ready(listenReady, readReady);
   ready.Add(work->readable, "mnPost::Ready");
@@ -117,7 +118,7 @@ int mnNPostEx(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode**
 int mnNPostExMSec(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int milliseconds,
                   int* status, SockPostData* work) {
   const PostTimeout timeout = Timeout(milliseconds);
-  ListSockets(nodes, work, true);
+  ListSockets<true>(nodes, work);
   if (!NPostSocket(work, &timeout, status)) return 0;
   ReadyArrays ready(listenReady, readReady);
   ready.Add(work->readable, "mnNPost::Ready");

@@ -35,4 +35,11 @@ inline void CopyPadded(char* field, size_t size, const char* text, size_t limit)
   memset(field + length, 0, size - length);
 }
 
+// Fills a short field of a header from text: the same with limit and size one constant, without a call.
+template <size_t N>
+void FillField(char (&field)[N], const char* text) {
+  memset(field, 0, N);
+  for (size_t i = 0; i < N && text[i] != '\0'; ++i) field[i] = text[i];
+}
+
 }  // namespace mq

@@ -43,15 +43,18 @@ struct Family {
 constexpr Family kPost = {false, "PostSocket:Ready", nullptr, "PostSocket:Exception"};
 constexpr Family kNPost = {true, "NPostSocket:Ready", "NPostSocket:Write", "NPostSocket:Exception"};
 
-void Add(Word* set, int fd) {
-  const auto bit = static_cast<unsigned>(fd);
-  set[bit / kWordBits] |= 1UL << (bit % kWordBits);
-}
+// Where a descriptor's bit is in a set.
+struct Place {
+  size_t word;
+  Word bit;
 
-bool Has(const Word* set, int fd) {
-  const auto bit = static_cast<unsigned>(fd);
-  return (set[bit / kWordBits] >> (bit % kWordBits)) & 1;
-}
+  explicit Place(int fd)
+      : word(static_cast<unsigned>(fd) / kWordBits), bit(1UL << (static_cast<unsigned>(fd) % kWordBits)) {}
+};
+
+void Add(Word* set, Place place) { set[place.word] |= place.bit; }
+
+bool Has(const Word* set, Place place) { return (set[place.word] & place.bit) != 0; }
 
 Sets RecordSets(const SockPostData* work) {
   memset(work->readSet, 0, sizeof(fd_set));
@@ -85,20 +88,25 @@ bool AddWaitingWrites(Sets* sets, const SockPostData* work) {
     const int fd = work->writable[i]->fd;
     if (fd < 0) continue;
     if (!Reach(sets, fd)) return false;
-    Add(sets->write, fd);
+    Add(sets->write, Place(fd));
   }
   return true;
 }
 
 bool AddSockets(Sets* sets, const SockPostData* work, bool writes) {
-  for (int i = 0; i < work->size - 1 && work->sockets[i] != nullptr; ++i) {
-    const SockRec* const rec = work->sockets[i];
+  SockRec** const list = work->sockets;
+  const int last = work->size - 1;
+  const bool readable = work->readable != nullptr;
+  const bool exceptional = work->exceptional != nullptr;
+  for (int i = 0; i < last && list[i] != nullptr; ++i) {
+    const SockRec* const rec = list[i];
     const int fd = rec->fd;
     if (fd < 0) continue;
     if (!Reach(sets, fd)) return false;
-    if (work->readable != nullptr) Add(sets->read, fd);
-    if (work->exceptional != nullptr) Add(sets->except, fd);
-    if (writes && rec->connected == 0 && rec->type == SOCK_TYPE_STREAM) Add(sets->write, fd);
+    const Place place(fd);
+    if (readable) Add(sets->read, place);
+    if (exceptional) Add(sets->except, place);
+    if (writes && rec->connected == 0 && rec->type == SOCK_TYPE_STREAM) Add(sets->write, place);
   }
   return true;
 }
@@ -123,7 +131,7 @@ int CollectWaitingWrites(const Sets& sets, SockPostData* work, const char* point
   int kept = 0;
   for (int i = 0; work->writable[i] != nullptr; ++i) {
     SockRec* const rec = work->writable[i];
-    if (sets.Fits(rec->fd) && Has(sets.write, rec->fd)) MarkWritable(rec, work->writable, &kept, point);
+    if (sets.Fits(rec->fd) && Has(sets.write, Place(rec->fd))) MarkWritable(rec, work->writable, &kept, point);
   }
   return kept;
 }
@@ -133,17 +141,19 @@ void Collect(const Sets& sets, SockPostData* work, const Family& family) {
   int readable = 0;
   int exceptional = 0;
   int writable = writes ? CollectWaitingWrites(sets, work, family.write) : 0;
-  for (int i = 0; work->sockets[i] != nullptr; ++i) {
-    SockRec* const rec = work->sockets[i];
-    const int fd = rec->fd;
-    if (!sets.Fits(fd)) continue;  // a trace callback may have closed it or opened another
-    if (Has(sets.read, fd) && work->readable != nullptr) {
+  for (SockRec** next = work->sockets; *next != nullptr; ++next) {
+    SockRec* const rec = *next;
+    if (!sets.Fits(rec->fd)) continue;  // a trace callback may have closed it or opened another
+    const Place place(rec->fd);
+    // Few of many are ready: one look tells that a socket is not.
+    if (((sets.read[place.word] | sets.except[place.word] | sets.write[place.word]) & place.bit) == 0) continue;
+    if (Has(sets.read, place) && work->readable != nullptr) {
       work->readable[readable++] = rec;
       mq::RunSocketTrace(family.ready, rec);
-    } else if (Has(sets.except, fd) && work->exceptional != nullptr) {
+    } else if (Has(sets.except, place) && work->exceptional != nullptr) {
       work->exceptional[exceptional++] = rec;
       mq::RunSocketTrace(family.exception, rec);
-    } else if (writes && Has(sets.write, fd) && rec->connected == 0) {
+    } else if (writes && Has(sets.write, place) && rec->connected == 0) {
       MarkWritable(rec, work->writable, &writable, family.write);
     }
   }
