@@ -10,8 +10,8 @@ namespace {
 // Durations below 16 have a bucket each; from there on the leading bit chooses a row and the next four the step in it.
 int BucketOf(uint64_t value) {
   if (value < Histogram::kSteps) return static_cast<int>(value);
-  const int shift = std::bit_width(value) - 5;
-  const int bucket = (shift + 1) * Histogram::kSteps + static_cast<int>((value >> shift) - Histogram::kSteps);
+  const int shift = static_cast<int>(std::bit_width(value)) - 5;
+  const int bucket = (shift + 1) * Histogram::kSteps + (static_cast<int>(value >> shift) - Histogram::kSteps);
   return std::min(bucket, Histogram::kBuckets - 1);
 }
 
@@ -19,7 +19,7 @@ int BucketOf(uint64_t value) {
 uint64_t HighestOf(int bucket) {
   if (bucket < Histogram::kSteps) return static_cast<uint64_t>(bucket);
   const int shift = bucket / Histogram::kSteps - 1;
-  const auto step = static_cast<uint64_t>(bucket % Histogram::kSteps + Histogram::kSteps);
+  const auto step = static_cast<uint64_t>(bucket) % Histogram::kSteps + Histogram::kSteps;
   return ((step + 1) << shift) - 1;
 }
 

@@ -69,7 +69,8 @@ std::string RaiseDescriptorLimit(const Options& options) {
 
 Shared* NewShared() {
   void* const area = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return area == MAP_FAILED ? nullptr : new (area) Shared{};
+  if (area == MAP_FAILED) return nullptr;
+  return new (area) Shared{};
 }
 
 bool Print(const std::string& text) {
