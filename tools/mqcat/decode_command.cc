@@ -55,11 +55,12 @@ std::string Headline(const Piece& piece, uint64_t number) {
 
 std::string FieldLine(const Field& field, size_t width) {
   const std::string place = fmt::format("  {:>6} {:>4}  ", field.offset, field.size);
-  if (field.meaning.empty() || width >= kNarrow) {
+  if (width >= kNarrow) {
     const std::string meaning = field.meaning.empty() ? "" : "  " + field.meaning;
     return fmt::format("{}{:<20} {}{}\n", place, field.name, field.value, meaning);
   }
-  return fmt::format("  {} {}  {} {}\n         {}\n", field.offset, field.size, field.name, field.value, field.meaning);
+  const std::string meaning = field.meaning.empty() ? "" : fmt::format("    {}\n", field.meaning);
+  return fmt::format("  {} {}  {} {}\n{}", field.offset, field.size, field.name, field.value, meaning);
 }
 
 void PrintText(const Piece& piece, uint64_t number) {
