@@ -79,6 +79,7 @@ class Worker {
   size_t started_ = 0;
   size_t left_;
   bool going_ = false;
+  double beganAt_ = 0;
   double endsAt_ = 0;
   double checkedAt_ = 0;
 };
@@ -177,7 +178,8 @@ void Worker::Connect(Client& client) {
 // All clients of the run are connected: everybody asks as much as may be unanswered at once.
 void Worker::Begin() {
   going_ = true;
-  endsAt_ = Now() + options_.seconds;
+  beganAt_ = Now();
+  endsAt_ = beganAt_ + options_.seconds;
   for (Client& client : clients_) {
     if (client.state != State::kHolding) continue;
     client.state = State::kTalking;
@@ -246,7 +248,9 @@ void Worker::CountAnswer(Client& client, double now) {
   ++tally.answers;
   ++tally_.answers;
   tally.bytesReceived += RawLength(in_.get());
-  if (going_) tally.latency.Add(static_cast<uint64_t>(took * 1e6));
+  if (!going_) return;
+  tally.latency.Add(static_cast<uint64_t>(took * 1e6));
+  tally_.asking = now - beganAt_;
 }
 
 // Asks what may be asked now; leaves when there is nothing more to ask and every answer has come.

@@ -101,12 +101,12 @@ void Table::Head() {
       options_.processes == 1 ? "" : "es",
       std::count_if(verdict_.rogues.begin(), verdict_.rogues.end(),
                     [](const RogueResult& result) { return result.rogue->code != MQ_OK; }),
-      course_.connecting, course_.talking);
+      course_.connecting, verdict_.asking);
 }
 
 void Table::ClientLine(const char* name, const KindTally& tally) {
   Line("  {:<25}{:>6}{:>11}{:>11}{:>12}{:>10}{:>10}{:>10}", name, Grouped(tally.clients), Grouped(tally.answers),
-       Size(tally.bytesSent + tally.bytesReceived), Rate(tally.answers, course_.talking),
+       Size(tally.bytesSent + tally.bytesReceived), Rate(tally.answers, verdict_.asking),
        Duration(tally.latency.Percentile(0.5)), Duration(tally.latency.Percentile(0.99)),
        Duration(tally.latency.longest));
 }
@@ -128,7 +128,7 @@ void Table::Server() {
   Line("  connections     {} at once, {} accepted, {} ended in order, {} dropped", Grouped(server_.peakConnections),
        Grouped(server_.accepted), Grouped(server_.farewells), Grouped(server_.dropped));
   Line("  messages        {} read and written, {}, {} in all", Grouped(server_.messages),
-       Rate(server_.messages, course_.talking), Size(server_.bytes));
+       Rate(server_.messages, verdict_.asking), Size(server_.bytes));
   Line("  pending writes  {} answers did not fit into their sockets at once; at most {} waiting, on {} connection{}",
        Grouped(server_.queued), server_.peakWrites, server_.peakNodes, Plural(server_.peakNodes));
   Line("  waits           {}, with {:.1f} messages each", Grouped(server_.waits),
@@ -276,7 +276,7 @@ std::string TableOf(const Shared& shared, const Options& options, const Course& 
 std::string JsonOf(const Shared& shared, const Options& options, const Course& course, const Verdict& verdict) {
   Json kinds = Json::object();
   for (size_t kind = 0; kind < kKinds; ++kind)
-    kinds[kKindTraits[kind].key] = KindJson(verdict.kinds[kind], course.talking);
+    kinds[kKindTraits[kind].key] = KindJson(verdict.kinds[kind], verdict.asking);
   Json rogues = Json::array();
   for (const RogueResult& result : verdict.rogues) rogues.push_back(RogueJson(result));
   Json errors = Json::object();
@@ -288,8 +288,8 @@ std::string JsonOf(const Shared& shared, const Options& options, const Course& c
                        {"clients", options.clients},
                        {"processes", options.processes},
                        {"connecting_seconds", course.connecting},
-                       {"talking_seconds", course.talking},
-                       {"all", KindJson(verdict.all, course.talking)},
+                       {"asking_seconds", verdict.asking},
+                       {"all", KindJson(verdict.all, verdict.asking)},
                        {"kinds", kinds},
                        {"server", ServerJson(shared.server)},
                        {"misbehaving", rogues},

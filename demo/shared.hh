@@ -30,6 +30,7 @@ struct WorkerTally {
   std::atomic<uint32_t> connected;  // clients that have had a first answer
   std::atomic<uint64_t> answers;
   KindTally kinds[kKinds];
+  double asking;  // seconds from the signal to go to the last answer
   uint32_t failures;
   char firstFailure[256];
 };

@@ -167,8 +167,7 @@ bool Supervisor::Stages() {
   const double connecting = Now();
   if (!StartClients()) return false;
   if (!WaitFor("all clients are connected", kConnectSeconds, [this] { return AllConnected(); })) return false;
-  const double talking = Now();
-  course_.connecting = talking - connecting;
+  course_.connecting = Now() - connecting;
   shared_->go = true;
   if (!StartRogues()) return false;
   const auto over = [this] {
@@ -176,7 +175,6 @@ bool Supervisor::Stages() {
     return OnlyServerLeft();
   };
   if (!WaitFor("all clients have ended", options_.seconds + kEndSeconds, over)) return false;
-  course_.talking = Now() - talking;
   shared_->stop = true;
   return WaitFor("the server has ended", kStopSeconds, [this] {
     Reap();

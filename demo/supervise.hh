@@ -14,7 +14,6 @@ namespace demo {
 // How a run went, as seen from outside of its processes.
 struct Course {
   double connecting = 0;  // seconds until every client was connected
-  double talking = 0;     // seconds from there until the last client had ended
   std::vector<std::string> problems;
 };
 

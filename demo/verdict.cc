@@ -133,6 +133,7 @@ Verdict Judge(const Shared& shared, const Options& options, const Course& course
   Verdict verdict{};
   verdict.kinds.resize(kKinds);
   for (const WorkerTally& worker : shared.workers) {
+    verdict.asking = std::max(verdict.asking, worker.asking);
     for (size_t kind = 0; kind < kKinds; ++kind) {
       Add(&verdict.kinds[kind], worker.kinds[kind]);
       Add(&verdict.all, worker.kinds[kind]);

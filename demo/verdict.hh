@@ -23,6 +23,7 @@ struct RogueResult {
 struct Verdict {
   std::vector<KindTally> kinds;  // over all processes, in the order of kKindTraits
   KindTally all;
+  double asking;  // seconds from the signal to go to the last answer of an honest client
   std::vector<RogueResult> rogues;
   std::vector<std::string> problems;  // empty: all was right
 };
