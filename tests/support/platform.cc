@@ -41,8 +41,19 @@ struct Service {
   int port;
 };
 
+// A line logged, perhaps from a signal handler: kept without allocating, in lines reserved beforehand.
+struct LogLine {
+  size_t position;  // calls recorded before it
+  int kind;
+  char text[640];
+};
+constexpr size_t kLogLines = 64;
+
 struct State {
+  State() { log.reserve(kLogLines); }
+
   std::vector<Call> records;
+  std::vector<LogLine> log;
   std::vector<Rule> rules;
   std::map<std::string, std::deque<size_t>, std::less<>> limits;
   std::map<std::string, size_t, std::less<>> constant_limits;
@@ -251,8 +262,15 @@ void Platform::SkipPauses() { Now().skip_pauses = true; }
 
 std::vector<Call> Platform::Records(std::initializer_list<std::string_view> names) {
   std::vector<Call> chosen;
-  for (const Call& call : Now().records) {
+  const auto choose = [&](const Call& call) {
     if (names.size() == 0 || std::find(names.begin(), names.end(), call.name) != names.end()) chosen.push_back(call);
+  };
+  auto line = Now().log.begin();
+  for (size_t at = 0; at <= Now().records.size(); ++at) {
+    for (; line != Now().log.end() && line->position == at; ++line) {
+      choose({"LOGMSG", std::string(line->text) + ", " + std::to_string(line->kind)});
+    }
+    if (at < Now().records.size()) choose(Now().records[at]);
   }
   return chosen;
 }
@@ -263,7 +281,10 @@ std::vector<std::string> Platform::Calls(std::initializer_list<std::string_view>
   return texts;
 }
 
-void Platform::Forget() { Now().records.clear(); }
+void Platform::Forget() {
+  Now().records.clear();
+  Now().log.clear();
+}
 size_t Platform::Allocations() { return Now().allocations; }
 bool Platform::FailureWasUsed() { return Now().failure_used; }
 
@@ -529,7 +550,10 @@ time_t time(time_t* out) noexcept {
 void LOGMSG(const char* text, int kind) {
   REAL(LOGMSG);
   FOREIGN(real(text, kind));
-  Record({"LOGMSG", Text(text) + ", " + std::to_string(kind)});
+  State& state = Now();
+  if (state.log.size() == kLogLines) abort();
+  state.log.push_back({state.records.size(), kind, {}});
+  memcpy(state.log.back().text, text, std::min(strlen(text), sizeof(LogLine::text) - 1));
   real(text, kind);
   errno = EBADMSG;
 }
