@@ -379,6 +379,14 @@ od -Ax -tx1 plain.bin >od.txt
 for dump in xxd.txt digits.txt od.txt; do row 0 "3 messages, 0 stray bytes, 0 faults" "$mqcat" decode $dump; done
 grep -q '^\*' od.txt || fail "the dump of od has no repeated lines: the case is not tested"
 
+# The example in the documents is a message as it is.
+sed -n '/^0000[0-9a-f]* /p' "$source_dir/docs/wire-format.md" >example.txt
+row 0 '"hello"' "$mqcat" decode example.txt
+for rule in $(sed -n 's/.*part\.Break([^"]*"\([a-z-]*\)".*/\1/p; s/.*part\.size(), "\([a-z-]*\)".*/\1/p' \
+  "$source_dir/tools/mqcat/decode.cc" | sort -u); do
+  grep -qF "| \`$rule\` |" "$source_dir/docs/wire-format.md" || fail "docs/wire-format.md does not know the rule $rule"
+done
+
 # A capture: a connection whose segments come in the wrong order and twice, a datagram, somebody else's packet.
 for link in 1 101 113 0; do
   perl -e '

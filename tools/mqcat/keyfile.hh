@@ -13,8 +13,8 @@ struct KeyLine {
   size_t line = 0;  // counted from 1
 };
 
-// "user key", blanks around allowed, what follows '#' skipped. False for an empty line; a Failure that names where for a
-// malformed one.
+// "user key", blanks around allowed, what follows '#' skipped. False for an empty line; a Failure that names where for
+// a malformed one.
 bool ParseKeyLine(const std::string& text, const std::string& where, KeyLine& out);
 
 // All keys of a ring file.

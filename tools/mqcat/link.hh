@@ -47,8 +47,8 @@ class Waiter {
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
 
-  // Waits until one of the nodes is ready, the deadline or a signal. The lists hold what is ready afterwards. nodes ends
-  // without a null pointer; it is added.
+  // Waits for a tick at most: until one of the nodes is ready, the deadline or a signal. The lists hold what is ready
+  // afterwards. nodes ends without a null pointer; it is added.
   void Wait(std::vector<MQNode*> nodes, Clock::time_point deadline);
 
   const std::vector<MQNode*>& to_accept() const { return listen_; }

@@ -275,8 +275,8 @@ void RunListen(const Options& options) {
   listener.Open();
   try {
     listener.Run();
-  } catch (const Failure&) {
-    Note(listener.Summary());
+  } catch (const Failure& failure) {
+    if (failure.code != kExitOutputClosed) Note(listener.Summary());
     throw;
   }
   Flush();

@@ -1,6 +1,7 @@
 // message.hh - messages from the command line and from JSON, and back to JSON.
 //
-//   {"command": 7, "parameters": [{"id": 1, "type": "text", "value": "hello"}, {"id": 2, "type": "int32", "value": -5}]}
+//   {"command": 7,
+//    "parameters": [{"id": 1, "type": "text", "value": "hello"}, {"id": 2, "type": "int32", "value": -5}]}
 // Types are int32, int64, text and bytes; bytes are hexadecimal digits. Without a type a string is text and a number
 // int32 when it fits, else int64. A text that is no UTF-8 travels as "hex" in place of "value".
 #pragma once
