@@ -241,7 +241,7 @@ void mqc_sender(const PcfMessage* msg, char user[13]) { CopyField(msg->secHeader
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
 // A few lines whatever the size of the message: what is wrong, then the header and the first bytes of the body.
-void DumpPcfMessage(PcfMessage* msg) {
+int DumpPcfMessage(PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   const char* why = ContentOf(msg).error[0] != '\0' ? ContentOf(msg).error : mqc_header_error();
   char user[13];
@@ -250,7 +250,8 @@ void DumpPcfMessage(PcfMessage* msg) {
   snprintf(line, sizeof(line), "1901W message of %u bytes, area %u, sender \"%s\": %s", raw.length, raw.capacity, user,
            why);
   LOGMSG(line, 1);
-  if (raw.data == nullptr) return;
+  if (raw.data == nullptr) return 1;
   const size_t shown = std::min<size_t>({std::max(raw.length, kHeader), raw.capacity, kDumpBytes});
   for (size_t at = 0; at < shown; at += kDumpLine) DumpBytes(raw.data, at, std::min(shown, at + kDumpLine));
+  return 1;
 }

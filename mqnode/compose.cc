@@ -105,6 +105,7 @@ int mnSWriteMsgWithPriority(PcfMessage* msg, MQNode* node, SockAddrRec* to, cons
   IoBuffer* const desc = NewDescriptor(node);
   if (desc == nullptr) return 0;
   if (!mqc_sign(securityContext, msg, desc)) return Discard(node, desc, MQ_NOT_SIGNED);
+  if (desc->length > MQ_MAX_MESSAGE) return Discard(node, desc, MQ_BAD_MESSAGE);
   desc->received = 0;
 
   const int result = mnWriteToNode(node, to, desc, highPriority);

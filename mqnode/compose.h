@@ -9,7 +9,7 @@
  * Result  nonzero: sent or queued (error 11, or 0 behind an existing queue); 0: not written
  * error   0; 11 queued, or not written when the result is 0: without memory, or because the socket failed with the code
  *         in node->sock.error; -1111 refused by writeLimit; -1000 mqc_sign refused; 2026 raw.length is below 136 or
- *         above MQ_MAX_MESSAGE: nothing was touched
+ *         above MQ_MAX_MESSAGE, nothing was touched then, or the signed message would be
  * Blocks  when the node's socket does; on a datagram node also while the destination is looked up
  *
  * Arguments used throughout

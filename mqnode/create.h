@@ -4,8 +4,9 @@
  * bound or made to listen: test node->error, or IsNodeFailed, before use. The caller owns the node: DeleteMQNode.
  *
  * Every node takes the login name (at most 12 characters) and the program's name (identity.h: a shell runs when
- * TEVRA_HOME is set) as its identity, and G_node_trace as its trace callback. Sockets of nodes linger for zero seconds:
- * closing throws away what was not sent. They block until NoblockSocket(&node->sock).
+ * TEVRA_HOME is set) as its identity, and G_node_trace as its trace callback. Sockets made here linger for zero
+ * seconds, closing throws away what was not sent, and they block until NoblockSocket(&node->sock); a socket that the
+ * caller brings keeps its options and mode.
  *
  * Arguments
  *   addr  in  where to connect, or what to bind: host ("*" any address, "@" local host) or ip, service and protocol;
@@ -13,7 +14,8 @@
  *   role  in  0 connecting, 1 listening; another value makes a node that mnOpen does nothing with
  *   opt   in  an option for the socket, null for none
  * Result       the node; null without memory for its record
- * error        the outcome of the last socket call: an errno value, 9002 and 9003 for a name that does not resolve
+ * error        the outcome of the last socket call: an errno value, for a name that does not resolve errno or
+ *              9002 and 9003
  * Trace point  the creator's name, at the end; "CreateUDPMQNodeWithOpt" for both datagram creators
  * Blocks       while a name is looked up, and while the shell runs */
 #ifndef MQNODE_MQNODE_CREATE_H

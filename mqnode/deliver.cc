@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "mqnode/node.hh"
+#include "socksin/record.hh"
 #include "socksin/transfer.h"
 
 namespace {
@@ -114,6 +115,13 @@ int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriorit
   }
   desc->sent = 0;
   desc->flags = 0;
+  if (node->pending != nullptr && to == nullptr && !IsStream(node)) {
+    // It could never be sent.
+    mq::ReportFailure(&node->sock, SOCK_NO_DESTINATION);
+    Drop(node, desc, MQ_AGAIN);
+    mq::Trace("mnWriteToNode", node);
+    return 0;
+  }
   if (node->pending != nullptr) {
     const int queued = Enqueue(node, to, desc, highPriority ? QputHigh : Qput);
     mq::Trace("mnWriteToNode", node);

@@ -10,8 +10,8 @@
 MQ_BEGIN_C
 
 /* mnWriteToNode - send a write descriptor, or queue it when the socket does not take all of it.
- *   to            in/out  destination on a datagram node, null for none; a queued datagram keeps its own copy. Not read
- *                         on a stream node
+ *   to            in/out  destination on a datagram node; a queued datagram keeps its own copy. Null fails there with
+ *                         89 in node->sock.error, reported. Not read on a stream node
  *   desc          in      the library's from here on, whatever the result; must come from fNewMemory
  *   highPriority  in      nonzero queues with QputHigh, which is Qput: nothing overtakes
  * Result        1 sent (error 0) or queued (error 11, or 0 behind an existing queue); 0 refused or dropped
@@ -27,8 +27,9 @@ MQ_API int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int high
  * Result        1  the queue is empty (mnIsPendingIO says 0), or the socket took what it could (it says 1: wait again)
  *               0  a queued message was dropped: the socket failed, or there was no memory to put it back; later ones
  *                  are still queued
- * error         0; 11 when the socket is full or a message was dropped, node->sock.error has the socket's code; 105
- *               when an entry without a descriptor was dropped
+ * error         0; 11 when the socket is full or a message was dropped, node->sock.error has the socket's code; 0
+ *               beside result 1 when the socket took a part and the rest is still queued; 105 when an entry without a
+ *               descriptor was dropped
  * Trace points  "mnFinishWrite": once for each failed send and once when the queue was emptied */
 MQ_API int mnFinishWrite(MQNode* node);
 

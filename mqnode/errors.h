@@ -45,8 +45,11 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
       {MQ_OK, kAll, "MQ_OK", NULL, "no error", "every operation that succeeded", "nothing to do"},
       {MQ_AGAIN, MQ_IN_NODE, "MQ_AGAIN", NULL, "not finished: the operation would block, or a write was dropped",
        "mnRead, mnSRead, mnBrowse, mnOpen and the writes; mnFinishWrite",
-       "a read or an open: wait with mnNPost and call again; a write with result 1: it is queued, mnFinishWrite sends "
-       "it; a write with result 0: it is lost, node->sock.error says why (0: there was no memory)"},
+       "a read: wait and call again; an open: wait with mnNPost, a node listed for reading only has failed or has "
+       "data; "
+       "a write with result 1: it is queued, mnFinishWrite sends it; a write with result 0: it is lost, "
+       "node->sock.error "
+       "says why unless there was no memory (0, 11, or what it was before)"},
       {MQ_NO_DESCRIPTOR, MQ_IN_NODE, "MQ_NO_DESCRIPTOR", NULL, "a queued entry without a write descriptor was dropped",
        "mnFinishWrite; 105 from any other operation is the socket's ENOBUFS",
        "do not put entries into node->pending by hand; call mnFinishWrite again for the rest of the queue"},
@@ -78,15 +81,18 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
       {SOCK_HOST_UNKNOWN, kBoth, "SOCK_HOST_UNKNOWN", NULL, "the host does not resolve to an IPv4 address",
        "creating and opening nodes, ConnectSocket, BindSocketName",
        "check the spelling and the resolver (getent ahostsv4 HOST), or use a dotted quad"},
-      {SOCK_PEER_CLOSED, kBoth, "SOCK_PEER_CLOSED", NULL, "the peer closed the connection",
-       "mnRead, mnSRead, ReadSocket", "delete the node; connect again if there is more to say"},
+      {SOCK_PEER_CLOSED, kBoth, "SOCK_PEER_CLOSED", NULL,
+       "the peer closed the connection; on a datagram node: an empty datagram came", "mnRead, mnSRead, ReadSocket",
+       "a stream node: delete it, connect again if there is more to say; a datagram node: read on"},
       {EPERM, kBoth, "EPERM", NULL, "the system does not permit it", "connect, send: a firewall rule of this host",
        "look at the host's packet filter"},
       {ENOENT, kBoth, "ENOENT", NULL, "a file was missing while a name was looked up",
        "the look-up of a host or service name, in place of 9002 and 9003",
        "check host and service; a port number and a dotted quad need no look-up"},
       {EINTR, kAll, "EINTR", NULL, "a signal arrived while waiting", "waits and calls on blocking sockets",
-       "handle the signal, then call again"},
+       "a wait: call again. A read or write of a blocking node has lost what was gathered, or the message: close the "
+       "node, "
+       "and install handlers with SA_RESTART"},
       {EBADF, kAll, "EBADF", NULL, "the descriptor is not open", "any call on a socket that was closed elsewhere",
        "find who closed the descriptor; a closed node can only be deleted"},
       {EAGAIN, MQ_IN_SOCKET, "SOCK_WOULD_BLOCK", "EAGAIN", "it would block, or a connect is in progress",
@@ -123,7 +129,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "WriteSocket, and so mnWriteTo and the other writes on datagram nodes",
        "pass a destination whose host and service resolve; mnWrite passes none and serves streams only"},
       {EMSGSIZE, kBoth, "EMSGSIZE", NULL, "the datagram is too long", "writes on datagram nodes",
-       "keep messages on datagram nodes below 16520 bytes, which is all that a reader takes, or use a stream"},
+       "keep messages on datagram nodes to at most 16520 bytes, which is all that a reader takes, or use a stream"},
       {EPROTOTYPE, kBoth, "EPROTOTYPE", NULL, "protocol and socket type do not fit", "CreateAnySocket",
        "use CreateSocket or CreateUDPSocket"},
       {ENOPROTOOPT, kBoth, "ENOPROTOOPT", NULL, "the system does not know this option here",

@@ -1,6 +1,6 @@
 // identity.cc - finds the program's name in the process listing.
 // Not here: the user's name, the companion's; where the names go in a message (compose.cc).
-// Invariant: exactly 48 bytes of the caller's area are written beyond those it asked to clear.
+// Invariant: of the caller's area only its first 48 bytes and those it asked to clear are written.
 #include "mqnode/identity.h"
 
 #include <unistd.h>

@@ -18,8 +18,9 @@ extern MQ_API char G_szApplName[49];
 MQ_API void SetApplName(const char* name);
 
 /* GetApplName - the calling program's command name in upper case, without blanks.
- *   out     out     at least 48 bytes; "UNKNOWN" when TEVRA_HOME is not set or longer than 244 characters, or the
- *                   scratch file cannot be opened. A name of 48 characters fills it without a terminator
+ *   out     out     at least 48 bytes, and as many as len says; "UNKNOWN" when TEVRA_HOME is not set or longer than 244
+ *                   characters, or the scratch file cannot be opened. A name of 48 characters fills it without a
+ *                   terminator
  *   len     in/out  bytes of out to clear first; then the length of the name, 0 for "UNKNOWN"
  * Always 1. Starts a shell and waits for it when TEVRA_HOME is set. */
 MQ_API int GetApplName(char* out, int* len);

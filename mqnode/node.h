@@ -6,7 +6,8 @@
  *              of the socket layer (an errno value, 9002, 9003, 9004, 89) or one of the codes below. mqnode/errors.h
  *              knows them all by name, with what to do.
  *   Trace      a trace point calls node->onTrace, when set, with the operation's name and the node. Trace points of the
- *              socket layer run on the socket's own callback in between.
+ *              socket layer run on the socket's own callback in between. A callback looks, and may set callbacks and
+ *              limits; it must not open, close, delete, read, write or finish its node, nor any node of a running wait.
  *   Pointers   required and not checked, unless a function says otherwise.
  *   Ownership  the caller owns every node it creates or accepts, until DeleteMQNode.
  *   Threads    one node, its messages and a wait record are used by one thread at a time. No locks. Creation also goes

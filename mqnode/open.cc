@@ -12,12 +12,14 @@ namespace {
 // Makes the child of an accepted connection from a copy of its parent. Without memory the connection has no holder and
 // is closed; child is null then.
 void MakeChild(MQNode* parent, SockRec* accepted) {
-  parent->child = nullptr;
-  if (!fNewMemory(reinterpret_cast<void**>(&parent->child), sizeof(MQNode), "MQNode")) {
+  void* block = nullptr;
+  const int allocated = fNewMemory(&block, sizeof(MQNode), "MQNode");
+  auto* const child = static_cast<MQNode*>(block);
+  parent->child = child;
+  if (!allocated) {
     DeleteSocket(accepted);
     return;
   }
-  MQNode* const child = parent->child;
   *child = *parent;
   child->sock = *accepted;
   child->sock.owner = child;

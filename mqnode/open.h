@@ -15,7 +15,8 @@ MQ_BEGIN_C
  *              accepted, 0 not, also for a role that is neither 0 nor 1. Result 1 with child null: there was no memory
  *              for the child, and the connection was closed
  * error        0 or the socket's code: 11 while a non-blocking connect is in progress (mnNPost completes it) or when
- *              nothing waits to be accepted; 9002 and 9003 for a name that does not resolve; an errno value. After an
+ *              nothing waits to be accepted; for a name that does not resolve errno or 9002 and 9003; an
+ *              errno value. After an
  *              accept that succeeded, what the listening socket's last failure left: trust the result
  * Trace point  "mnOpen"
  * Blocks       when the socket does, and while a name is looked up */
@@ -29,7 +30,8 @@ MQ_API int mnOpen(MQNode* node);
  * Unsent data is thrown away: nodes linger for zero seconds. */
 MQ_API int mnClose(MQNode* node);
 
-/* mnClearPeningIO - discard the queued writes. writesOutstanding and writesCompleted keep their values.
+/* mnClearPeningIO - discard the queued writes. writesOutstanding and writesCompleted keep their values: with a
+ * writeLimit, set writesOutstanding to 0 to write on.
  * Trace point  "mnClearPeningIO" */
 MQ_API void mnClearPeningIO(MQNode* node);
 

@@ -73,13 +73,14 @@ using mq::kPlainFraming;
 constexpr int kBrowsePauses = 100;
 constexpr timespec kBrowsePause = {0, 10'000'000};  // 10 ms: at most a second in all
 
-// Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail with.
+// Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail
+// with.
 int ConvertHeader(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   constexpr size_t kAuxOffset = 18496;
   PcfRawData raw;
   raw.data = buf->data;
-  raw.aux = buf->data + kAuxOffset;
+  raw.aux = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(buf->data) + kAuxOffset);  // beyond the area
   raw.capacity = buf->capacity;
   raw.length = buf->received;
   if (!AlienToNative(&raw)) return MQ_BAD_MESSAGE;

@@ -3,10 +3,13 @@
  * A read may come back before its message is whole: it keeps what it gathered in the node's receive buffer and reports
  * 11; the next call goes on. Every other failure drops what was gathered, and nothing resynchronises a stream: after
  * 2026 close the node. A read takes at most two receives when the data is there, never reads past its message, and
- * grows the receive buffer only for a message that is larger than any before.
+ * grows the receive buffer only for a message that is larger than any before. A signal that interrupts a blocking read
+ * (EINTR) drops what was gathered: install handlers with SA_RESTART.
  *
  * Only messages of 137 bytes to MQ_MAX_MESSAGE are delivered. A stream message without a body is a bad message, after
- * which the stream is still in step; a datagram must be exactly as long as it says. */
+ * which the stream is still in step; a datagram must be exactly as long as it says (one longer than the receive buffer
+ * is judged by the part that fits). A plain read and a browse belong on a node that is not in the middle of a message
+ * of the other framing; a browse also not in the middle of a plain one. */
 #ifndef MQNODE_MQNODE_READ_H
 #define MQNODE_MQNODE_READ_H
 
@@ -27,9 +30,10 @@ MQ_API int mnReadMsg(MQNode* node);
  *   msg     in/out  receives the raw message, enlarged when it must be, parsed by the message library; its
  *                   secHeader.userId receives the sender's user id
  * Result       nonzero a message was delivered (what RawToPcf returned); 0 none was
- * error        0; 11 unfinished, call again; 2026 bad message; 2102 msg or the receive buffer cannot be enlarged, the
- *              message was dropped; 4005 the body could not be converted or parsed, msg holds the raw message and it
- *              was counted; the socket's code, 9004 when the peer closed the connection
+ * error        0; 11 unfinished, call again; 2026 bad message; 2102 msg cannot be enlarged and the message was dropped,
+ *              or the receive buffer cannot and the body is still in the stream: close the node; 4005 the body could
+ *              not be converted or parsed, msg holds the raw message and it was counted; the socket's code, 9004 when
+ *              the peer closed the connection, on a datagram node when an empty datagram came
  * Trace point  "mnRead": twice for a stream message that came in one call */
 MQ_API int mnRead(PcfMessage* msg, MQNode* node);
 
@@ -39,8 +43,8 @@ MQ_API int mnRead(PcfMessage* msg, MQNode* node);
  * pauses for at most a second and then reports 11. A datagram shorter than a header is reported as a bad message, which
  * a read then discards.
  * Result       1 the header is there and msg can hold the body; 0 not
- * error        0; 11; 2026 no header, an impossible length, or it could not be converted (dumped then); 2102 msg cannot
- *              be enlarged; the socket's code, 9004 when the peer closed the connection
+ * error        0; 11; 2026 no header, a length beyond the bound, or it could not be converted (dumped then); 2102 msg
+ *              cannot be enlarged; the socket's code, 9004 when the peer closed the connection
  * Trace point  "mnBrowse" */
 MQ_API int mnBrowse(PcfMessage* msg, MQNode* node);
 

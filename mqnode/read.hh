@@ -1,8 +1,8 @@
 // read.hh - the reader that plain and secure reads share, and what differs between them, as data.
 //
 // A read runs in two stages on a stream, header and rest, each one gather into the node's receive buffer; between calls
-// that buffer is the whole state. On a datagram node both stages are one datagram. The straight road is inline, so that a
-// message costs few instructions; every failure leaves it through a function of read.cc.
+// that buffer is the whole state. On a datagram node both stages are one datagram. The straight road is inline, so that
+// a message costs few instructions; every failure leaves it through a function of read.cc.
 #pragma once
 
 #include <cstdint>
@@ -42,8 +42,8 @@ int FailRead(MQNode* node, const Framing& framing, int code);
 // Leaves a gather whose receive failed; what is held stays when the socket would block. Always 0.
 int FailReceive(MQNode* node, const Framing& framing);
 
-// Readies the buffer of a read that finds it neither idle nor in the middle of a message: it was closed, created without
-// memory, or is idle in the other framing. False when there is no area that a header fits in.
+// Readies the buffer of a read that finds it neither idle nor in the middle of a message: it was closed, created
+// without memory, or is idle in the other framing. False when there is no area that a header fits in.
 bool Rearm(MQNode* node, const Framing& framing);
 
 // Makes the buffer ask for the whole message that a converted header announces. Returns 0, or the code with which the
@@ -56,16 +56,17 @@ template <const Framing& kFraming>
   IoBuffer* const buf = &node->recvBuffer;
   const bool datagram = IsDatagram(node);
   node->error = MQ_OK;
-  uint32_t target = datagram ? buf->capacity : buf->length;
-  if (target > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
-  while (buf->received < target) {
-    if (!ReadSocket(&node->sock, buf)) return FailReceive(node, kFraming);
-    if (datagram) buf->length = target = buf->received;
+  if (datagram && buf->received == 0) buf->length = buf->capacity;
+  if (buf->length > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
+  for (;;) {
+    // What is held may have been gathered in the other framing.
     if (buf->received >= kFraming.headerLength && !IsHeader(buf->data, kFraming.headerLength)) {
       return FailGather(node, kFraming, MQ_BAD_MESSAGE);
     }
+    if (buf->received >= buf->length) return 1;
+    if (!ReadSocket(&node->sock, buf)) return FailReceive(node, kFraming);
+    if (datagram) buf->length = buf->received;
   }
-  return 1;
 }
 
 // The second stage: gathers the rest of a message and delivers it.

@@ -11,8 +11,9 @@
  *   listenReady   out  listening nodes with a connection to accept: mnOpen each
  *   readReady     out  other nodes with something to read: data, a closed peer or an error. mnNPost also lists nodes
  *                      with an exceptional condition here, or in listenReady, after the readable ones
- *   writeReady    out  mnNPost: nodes with queued writes that can go on (mnFinishWrite), then nodes whose connect came
- *                      to its end, which are open now; the first transfer tells whether the connect succeeded
+ *   writeReady    out  mnNPost: nodes with queued writes that can go on (mnFinishWrite), then nodes whose connect
+ *                      completed, which are open now. A node whose connect failed, or whose peer has sent already, is
+ *                      in readReady only and stays as it is: read from it, and the error or the data tells
  *                 Each array has room for one entry more than there are nodes, keeps the order of nodes and is ended by
  *                 a null pointer; read it only after result 1
  *   seconds, milliseconds  0 polls; negative counts as 0; seconds above 2147483 count as that

@@ -9,7 +9,8 @@
  * that: it must be the header's length, as read or with its four bytes reversed.
  *
  * Hosts hold every message in a PcfMessage, a record of the companion's message library. The library reads and writes
- * only the fields named here. The functions below return nonzero for success and 0 for failure. */
+ * only the fields named here; raw.data starts at a multiple of 4 bytes. The functions below return nonzero for success
+ * and 0 for failure. */
 #ifndef MQNODE_RUNTIME_MESSAGE_H
 #define MQNODE_RUNTIME_MESSAGE_H
 
@@ -105,7 +106,7 @@ MQ_RUNTIME int RawToPcf(PcfMessage* msg);
 MQ_RUNTIME int SizePcfMessage(PcfMessage* msg, uint32_t size);
 
 /* DumpPcfMessage - write a diagnostic dump of a record that could not be converted or parsed. */
-MQ_RUNTIME void DumpPcfMessage(PcfMessage* msg);
+MQ_RUNTIME int DumpPcfMessage(PcfMessage* msg);
 
 /* VerifyMessage - look over a raw message just before it is signed; the result changes nothing. */
 MQ_RUNTIME int VerifyMessage(PcfRawData* raw);

@@ -28,7 +28,8 @@ void CopyField(char (&field)[N], const char (&text)[M]) {
 }
 
 // Copies at most limit characters of text and fills the rest of the field with zero bytes; a field no larger than limit
-// may end up without a terminator, as fields on the wire do. Text may lie inside the field's own record, not overlap it.
+// may end up without a terminator, as fields on the wire do. Text may lie inside the field's own record, not overlap
+// it.
 inline void CopyPadded(char* field, size_t size, const char* text, size_t limit) {
   const size_t length = strnlen(text, limit);
   memcpy(field, text, length);

@@ -41,8 +41,8 @@ MQ_API int ListenSocket(SockRec* rec, int backlog);
 
 /* AcceptClient - accept one connection into child.
  *   child  out  untouched on failure. On success reset, then the new descriptor, the client's ip, service and port as
- *               name, the listener's domain, type and protocol, connected 1; no callbacks. Blocking mode and options
- *               are the system's defaults
+ *               name, the listener's domain, type and protocol, connected 1; no callbacks. The descriptor is
+ *               blocking and has the options that the system hands down from the listener, linger among them
  * error         errno on the listener, reported there; left alone on success
  * Trace points  "AcceptClient:Before" and "AcceptClient:After" on the listener; "AcceptClient:After:Client" on the
  *               child, which has no trace callback at that moment */

@@ -88,7 +88,8 @@ int bTcpipNotActive(int verbose) {
   if (result >= 0) return 0;
   if (verbose) {
     const time_t now = time(nullptr);
-    printf("Date: %s", ctime(&now));
+    const char* const date = ctime(&now);
+    printf("Date: %s", date != nullptr ? date : "\n");
     printf("SOCKSIN: bTcpipNotActive() = %s; gethostname() RC(%d) errno(%d) nodename(%s)\n", "ITRUE", result, code,
            name);
   }

@@ -18,6 +18,7 @@ namespace {
 using Word = unsigned long;
 constexpr size_t kWordBits = 64;
 constexpr int kUsecPerMsec = 1000;
+constexpr int kMostDescriptors = 1 << 28;  // no process has so many
 
 // The three sets of one wait.
 struct Sets {
@@ -66,6 +67,7 @@ Sets RecordSets(const SockPostData* work) {
 
 // Moves the sets into a larger block, with room for fd and as much again.
 bool Grow(Sets* sets, int fd) {
+  if (fd >= kMostDescriptors) return false;
   const size_t words = static_cast<size_t>(fd) * 2 / kWordBits + 1;
   auto* const block = static_cast<Word*>(calloc(words * 3, sizeof(Word)));
   if (block == nullptr) return false;
@@ -79,8 +81,9 @@ bool Grow(Sets* sets, int fd) {
 
 // Makes fd, which is not negative, a descriptor that the sets can hold.
 bool Reach(Sets* sets, int fd) {
+  if (!sets->Fits(fd) && !Grow(sets, fd)) return false;
   if (fd > sets->highest) sets->highest = fd;
-  return sets->Fits(fd) || Grow(sets, fd);
+  return true;
 }
 
 bool AddWaitingWrites(Sets* sets, const SockPostData* work) {
