@@ -7,8 +7,8 @@
 
 namespace demo {
 
-// Runs the clients whose number is process modulo options.processes. Returns the exit code of the process: 0 when each of
-// them got every answer it was owed; the tally's firstFailure says what went wrong.
+// Runs the clients whose number is process modulo options.processes. Returns the exit code of the process: 0 when each
+// of them got every answer it was owed; the tally's firstFailure says what went wrong.
 int RunClients(Shared* shared, int process, const Author& author, const Keys& keys, const Options& options);
 
 }  // namespace demo

@@ -1,13 +1,13 @@
-/* example.h - what the examples share: an address from the command line, the port that was bound, how a failure is told. */
+/* example.h - what the examples share: filling an address, telling the port that was bound, telling of a failure. */
 #ifndef MQNODE_EXAMPLES_EXAMPLE_H
 #define MQNODE_EXAMPLES_EXAMPLE_H
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "companion/host.h"
+#include "mqnode/errors.h"
 #include "mqnode/mqnode.h"
 
 /* What the two sides agree on: the command of a question, of an answer, and the parameter that holds the text. */
@@ -31,12 +31,10 @@ static inline int make_address(SockAddrRec* addr, const char* host, const char* 
 static inline int failed(const char* what, const MQNode* node) {
   if (node == NULL) {
     fprintf(stderr, "%s: no memory\n", what);
-  } else if (node->sock.error > 0 && node->sock.error < 1000) {
-    fprintf(stderr, "%s: error %d, socket error %d: %s\n", what, node->error, node->sock.error,
-            strerror(node->sock.error));
-  } else {
-    fprintf(stderr, "%s: error %d, socket error %d\n", what, node->error, node->sock.error);
+    return 0;
   }
+  const int code = node->error == MQ_AGAIN ? node->sock.error : node->error;
+  fprintf(stderr, "%s: %s: %s; %s\n", what, mq_error_name(code), mq_error_meaning(code), mq_error_remedy(code));
   return 0;
 }
 
@@ -48,7 +46,7 @@ static inline int print_port(const MQNode* node) {
   return printf("%d\n", ntohs(bound.sin_port)) > 0 && fflush(stdout) == 0;
 }
 
-/* Whether a read failed because the peer has ended the conversation: it shut its side down (9004) or closed (ECONNRESET). */
+/* Whether a read failed because the peer has ended the conversation: it shut down (9004) or closed (ECONNRESET). */
 static inline int peer_has_gone(const MQNode* node) {
   return node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
 }

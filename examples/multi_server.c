@@ -1,5 +1,6 @@
 /* multi_server.c - answers many clients in one loop, until SIGINT or SIGTERM.
- *   multi_server HOST SERVICE [CLIENTS]      service 0 lets the kernel pick. The port is printed. CLIENTS: most at once */
+ *   multi_server HOST SERVICE [CLIENTS]
+ * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. */
 #include <signal.h>
 #include <stdlib.h>
 

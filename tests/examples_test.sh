@@ -70,7 +70,7 @@ test_pair() {
 
 test_arguments() {
   local name
-  for name in server client multi_server keys signed_server signed_client datagram_server datagram_client; do
+  for name in server client multi_server cpp_server keys signed_server signed_client datagram_server datagram_client; do
     case $name in keys) run 2 usage keys one two ;; *) run 2 usage "$name" 127.0.0.1 ;; esac
   done
   run 2 usage multi_server 127.0.0.1 0 1001
@@ -88,10 +88,10 @@ test_port_in_use() {
   ends 'the first server' 0
 }
 
-# More clients than the server takes at once, one after the other and together; a client that sends nonsense costs nobody
+# test_many PROGRAM [CLIENTS]: more clients than the server takes at once; a client that sends nonsense costs nobody
 # else anything; a server that is told to stop stops.
 test_many() {
-  listening many multi_server 127.0.0.1 0 2
+  listening many "$1" 127.0.0.1 0 "${@:2}"
   local server=$pid i clients=()
   for i in {1..8}; do
     timeout 60 "$bin/client" 127.0.0.1 "$port" "number $i" >"$work/many.$i" 2>&1 &
@@ -159,13 +159,14 @@ test_demo() {
   local report=$work/report.json
   timeout 100 "$bin/mqdemo" --clients 46 --messages 30 --seconds 3 --json >"$report" 2>"$work/demo.err" ||
     fail "the demonstration: $(tail -n 5 "$work/demo.err") $(grep -A9 '"problems"' "$report")"
-  says "$report" '"ok": true' '"problems": []' '"blocks_left": 0' '"MQ_NOT_AUTHENTIC"' '"MQ_BAD_MESSAGE"' '"MQ_BAD_BODY"' \
-    '"MQ_WRITE_LIMIT"' '"SOCK_PEER_CLOSED"' '"given_up": true'
+  says "$report" '"ok": true' '"problems": []' '"blocks_left": 0' '"MQ_NOT_AUTHENTIC"' '"MQ_BAD_MESSAGE"' \
+    '"MQ_BAD_BODY"' '"MQ_WRITE_LIMIT"' '"SOCK_PEER_CLOSED"' '"given_up": true'
   ! grep -q '"as_expected": false' "$report" || fail 'somebody was not treated as expected'
   [ "$(grep -c '"as_expected": true' "$report")" = 16 ] || fail 'not all who misbehave are in the report'
   [ ! -s "$work/demo.err" ] || fail "a progress line without a terminal: $(cat "$work/demo.err")"
 
-  timeout 100 "$bin/mqdemo" --clients 6 --processes 1 --messages 5 --honest-only >"$work/table" 2>&1 || fail 'honest only'
+  timeout 100 "$bin/mqdemo" --clients 6 --processes 1 --messages 5 --honest-only >"$work/table" 2>&1 ||
+    fail 'honest only'
   says "$work/table" 'All right: 30 questions, 30 answers' 'UDP signed' 'errors by name' none
 }
 
@@ -201,7 +202,7 @@ test_demo_refuses() {
   [ $? = 2 ] && grep -q 'cannot write' "$work/full" || fail 'a report that cannot be written is not told'
 }
 
-# Every block of C in the guide is, line by line, in one of the examples; indented blocks lie in a list.
+# Every block of C and C++ in the guide is, line by line, in one of the examples; indented blocks lie in a list.
 test_guide() {
   local guide=$tree/docs/guide.md block='' inside=0 count=0 indent='' line file found
   while IFS= read -r line; do
@@ -209,7 +210,7 @@ test_guide() {
       inside=1 block='' indent=${BASH_REMATCH[1]}
     elif ((inside)) && [[ $line == "$indent"'```' ]]; then
       inside=0 found=0 count=$((count + 1))
-      for file in "$tree"/examples/*.[ch]; do
+      for file in "$tree"/examples/*.{c,cc,h}; do
         [[ $'\n'$(<"$file")$'\n' == *$'\n'"$block"* ]] && found=1
       done
       ((found)) || fail "the guide has code that no example has: $block"
@@ -223,7 +224,8 @@ test_guide() {
 test_pair
 test_arguments
 test_port_in_use
-test_many
+test_many multi_server 2
+test_many cpp_server
 test_signed
 test_datagrams
 test_demo
