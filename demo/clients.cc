@@ -1,8 +1,8 @@
 // clients.cc - many honest clients in one process and one thread, waiting on all their nodes at once.
 //
 // A client connects, asks a first question and, once it has the answer, waits until all clients of the run are
-// connected. Then it asks and compares until its time is over, says that it has nothing more to send, and waits for the server to
-// close. One client at a time connects in each process: the queue of a listening node has room for five.
+// connected. Then it asks and compares until its time is over, says that it has nothing more to send, and waits for the
+// server to close. One client at a time connects in each process: the queue of a listening node has room for five.
 #include "demo/clients.hh"
 
 #include <sys/socket.h>
