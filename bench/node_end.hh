@@ -17,8 +17,8 @@ MQNode* AcceptNode(MQNode* listener);
 // A message with a body of this size, 20 bytes or more: one parameter. For mqc_message_free.
 PcfMessage* NewMessage(size_t body);
 
-// Makes a pair of keys for the user that nodes of this process carry, and has the ring accept it. Before the first fork,
-// so that both processes have them. Further calls do nothing.
+// Makes a pair of keys for the user that nodes of this process carry, and has the ring accept it. Before the first
+// fork, so that both processes have them. Further calls do nothing.
 void ShareKeys();
 MqcSigner* SharedSigner();
 

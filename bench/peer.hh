@@ -19,8 +19,8 @@ struct Spent {
 // What this process measures, against a peer that was forked from it and so has the same contestants.
 class Duel {
  public:
-  // layout picks where in memory the contestants' areas come to lie: a copy can run much slower when its two places are a
-  // little apart modulo 4096, and nobody shall win by that.
+  // layout picks where in memory the contestants' areas come to lie: a copy can run much slower when its two places are
+  // a little apart modulo 4096, and nobody shall win by that.
   Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body, unsigned layout);
   ~Duel();
   Duel(const Duel&) = delete;

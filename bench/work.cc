@@ -1,7 +1,8 @@
 // work.cc - does a known amount of work, for the counts of instructions, system calls and memory.
 //   mqbench_work message CONTESTANT BODY COUNT   messages written and read by two ends in this process
 //   mqbench_work wait KIND NODES COUNT           waits over idle nodes and one ready
-//   mqbench_work held NODES                      prints resident bytes a node, idle and after a message, bytes asked for
+//   mqbench_work held NODES                      prints resident bytes a node, idle and after a message, bytes asked
+//   for
 //                                                and allocations a node
 // The counted work is done in mqbench_pass, between two calls of getppid.
 #include <sys/syscall.h>

@@ -7,8 +7,9 @@ if(MQNODE_SANITIZE)
   add_link_options(-fsanitize=${MQNODE_SANITIZE})
 endif()
 
-# Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from within
-# the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host sees.
+# Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from
+# within the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host
+# sees.
 function(mqnode_library_flags target)
   set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>

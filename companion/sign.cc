@@ -78,11 +78,10 @@ bool IsFieldOf(const char* user, const char field[kUserField]) {
   return memcmp(filled, field, kUserField) == 0;
 }
 
-bool CheckForSigning(const MqcSigner* signer, const PcfMessage& msg, ErrorText error) {
-  if (signer == nullptr) return Fail(error, "no security context was given");
-  if (signer->mark != kSignerMark) return Fail(error, "the security context is no signer");
-  if (!IsFieldOf(signer->user, msg.secHeader.userId)) {
-    return Fail(error, "the node's user is %.12s, the key is that of %s", msg.secHeader.userId, signer->user);
+bool CheckForSigning(const MqcSigner& signer, const PcfMessage& msg, ErrorText error) {
+  if (signer.mark != kSignerMark) return Fail(error, "the security context is no signer");
+  if (!IsFieldOf(signer.user, msg.secHeader.userId)) {
+    return Fail(error, "the node's user is %.12s, the key is that of %s", msg.secHeader.userId, signer.user);
   }
   const PcfRawData& raw = msg.raw;
   if (raw.data == nullptr || raw.length <= kHeader || raw.length > raw.capacity) {
@@ -184,7 +183,11 @@ int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out) {
   const ErrorText error = {sign_error, sizeof(sign_error)};
   const auto* signer = static_cast<const MqcSigner*>(context);
   const PcfRawData& raw = msg->raw;
-  if (!CheckForSigning(signer, *msg, error)) return 0;
+  if (signer == nullptr) {
+    Fail(error, "no security context was given");
+    return 0;
+  }
+  if (!CheckForSigning(*signer, *msg, error)) return 0;
   CreateBuffer(out, kEnvelope + raw.length + kTrailer);
   if (out->data == nullptr) return Fail(error, "no memory to sign a message of %u bytes", raw.length);
   SecureHeader envelope = msg->secHeader;

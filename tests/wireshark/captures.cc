@@ -1,8 +1,8 @@
 // captures.cc - writes the captures that tests/wireshark_test.sh looks at, and beside each what has to be seen in it.
 //   wireshark_captures DIRECTORY SEED
 //
-// NAME.pcap is a capture of raw IPv4 packets. What has to be seen was found out by the library itself: every message, good
-// or bad, was read by a node, over a socket pair or over 127.0.0.1.
+// NAME.pcap is a capture of raw IPv4 packets. What has to be seen was found out by the library itself: every message,
+// good or bad, was read by a node, over a socket pair or over 127.0.0.1.
 //   samples, stream-N   .txt: a line a value, field TAB value, in the order of the messages. stream-N has segments of N
 //                       bytes
 //   broken, stumble     .txt: a line a message, node error TAB a part of the expert info, which may be empty
@@ -413,8 +413,8 @@ void WriteBroken(const std::string& path) {
   }
 }
 
-// A stream whose reader is kept in step by what follows each fault: a header alone is dropped, what is no message is over
-// at the end of its segment.
+// A stream whose reader is kept in step by what follows each fault: a header alone is dropped, what is no message is
+// over at the end of its segment.
 void WriteStumble(const std::string& path) {
   const Form native = {false, false};
   const Bytes plain = Plain(native, Body(native, "text"));
