@@ -154,7 +154,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
       {ECONNABORTED, kBoth, "ECONNABORTED", NULL, "the connection was given up before it was accepted",
        "accept, receive", "accept the next connection"},
       {ECONNRESET, kBoth, "ECONNRESET", NULL, "the peer reset the connection",
-       "send, receive; a node that closes with unsent data resets, because it lingers for zero seconds",
+       "send, receive; a node resets whenever it closes, because it lingers for zero seconds",
        "delete the node and connect again; what was not read is lost"},
       {ENOBUFS, kBoth, "ENOBUFS", NULL, "the system has no buffers left for the network", "send, connect, accept",
        "slow down, then try again"},

@@ -20,6 +20,8 @@
  *   status        out  0; errno of select (EINTR: a signal came); 9000 timed out; untouched when a plain form has no
  *                      memory
  *   work          in   from InitSocketPostData, with all its lists
+ * A node may be in readReady and in writeReady of one wait: close it (mnClose) where it fails, and delete closed nodes
+ * once both arrays were walked.
  * Result        1 something was ready; 0 failed, timed out, or no memory: the arrays are untouched
  * error         no node's error is set
  * Trace points  on each listed node: "mnPost::Ready"; "mnNPost::Ready", "mnNPost::Exception", "mnNPost::Write". Those

@@ -12,7 +12,7 @@
 
 MQ_BEGIN_C
 
-/* AddrToIP - resolve a socket name.
+/* AddrToIP - resolve a socket name. A port above 65535 is taken modulo 65536 in out, and as it is in port.
  *   rec      in/out  domain is read, error is written; onError is not called, the caller reports
  *   addrRec  in/out  host, ip, service and protocol are read; port is written once the service resolved
  *   out      out     zeroed, then family, port and address
