@@ -3,9 +3,17 @@
 # libraries. Both find their files from where they lie: an installed tree may be moved.
 include(CMakePackageConfigHelpers)
 
+# On Debian libraries lie in a folder of their architecture, here under every prefix, so that packages can be made from
+# any build.
+set(libdir ${CMAKE_INSTALL_LIBDIR})
+if(libdir STREQUAL lib AND CMAKE_LIBRARY_ARCHITECTURE AND EXISTS /etc/debian_version)
+  set(libdir lib/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()
+set(MQNODE_LIBDIR ${libdir} CACHE STRING "Where libraries are installed, below the prefix")
+
 set(MQNODE_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/mqnode-${PROJECT_VERSION_MAJOR})
-set(MQNODE_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/mqnode)
-set(MQNODE_PCDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(MQNODE_CMAKEDIR ${MQNODE_LIBDIR}/cmake/mqnode)
+set(MQNODE_PCDIR ${MQNODE_LIBDIR}/pkgconfig)
 
 foreach(folder mqnode queue runtime sockutil socksin companion)
   install(DIRECTORY ${folder}/ DESTINATION ${MQNODE_INCLUDEDIR}/${folder} COMPONENT development
@@ -19,10 +27,10 @@ set_target_properties(mqcompanion PROPERTIES EXPORT_NAME companion)
 set_target_properties(mqnode_host PROPERTIES EXPORT_NAME host)
 
 install(TARGETS mqnode EXPORT mqnode
-  LIBRARY COMPONENT library NAMELINK_COMPONENT development
+  LIBRARY DESTINATION ${MQNODE_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${MQNODE_INCLUDEDIR})
 install(TARGETS mqcompanion EXPORT mqnode
-  LIBRARY COMPONENT companion NAMELINK_COMPONENT development
+  LIBRARY DESTINATION ${MQNODE_LIBDIR} COMPONENT companion NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${MQNODE_INCLUDEDIR})
 install(TARGETS mqnode_host EXPORT mqnode)
 install(EXPORT mqnode FILE mqnode-targets.cmake NAMESPACE mqnode:: DESTINATION ${MQNODE_CMAKEDIR}
