@@ -70,7 +70,7 @@ stop() {
 # Waits until a file holds as many lines with this text.
 await() {
   local i
-  for ((i = 0; i < 250; i++)); do
+  for ((i = 0; i < 1000; i++)); do
     [ "$(grep -cF -e "$3" "$1")" -ge "$2" ] && return
     sleep 0.02
   done

@@ -2,6 +2,8 @@
 // A wait is cut into ticks, so that a signal that arrives just before it is seen soon after.
 #include "link.hh"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -20,7 +22,7 @@ namespace {
 constexpr auto kTick = std::chrono::milliseconds(200);
 constexpr int kMostPending = 64;  // messages that may wait in a node before a write waits for them
 constexpr auto kBreath = std::chrono::milliseconds(1);
-constexpr double kLastMoment = 1;         // seconds for the peer to read the rest and to close
+constexpr double kLastMoment = 1;         // seconds without a sign of the peer, when everything is with its system
 constexpr uint32_t kMaxDatagram = 16520;  // what a reader takes
 
 // Where the code in node->error is explained: an error that was copied from the socket is the socket's.
@@ -211,14 +213,26 @@ bool Link::Discard() {
   }
 }
 
+// Bytes that the peer's system has not confirmed.
+int Link::Unconfirmed() const {
+  int bytes = 0;
+  return ioctl(node_->sock.fd, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+}
+
 void Link::Close(Clock::time_point deadline) {
   Drain(deadline);
   if (transport_ != Transport::kTcp) return;
   shutdown(node_->sock.fd, SHUT_WR);
-  const auto end = std::min(deadline, In(kLastMoment));
-  while (Clock::now() < end && !Interrupted()) {
-    waiter_.Wait({node_.get()}, end);
-    if (!waiter_.to_read().empty() && !Discard()) return;
+  auto quiet = In(kLastMoment);  // since the last sign of life
+  while (!Interrupted() && Clock::now() < deadline && Clock::now() < quiet) {
+    waiter_.Wait({node_.get()}, deadline);
+    const bool readable = !waiter_.to_read().empty();
+    if (readable && !Discard()) return;
+    if (readable || Unconfirmed() != 0) quiet = In(kLastMoment);
+  }
+  if (const int left = Unconfirmed(); left != 0 && !Interrupted()) {
+    throw Failure{kExitTimeout,
+                  fmt::format("send to {}: the peer does not read, {} bytes are not confirmed", target_text_, left)};
   }
 }
 

@@ -87,8 +87,8 @@ class Link {
   // Answers are not wanted: they are thrown away as they come, so that the peer can go on reading.
   void DiscardAnswers() { discard_ = true; }
 
-  // Drains, says that nothing more comes, and gives the peer a moment to close: closing at once, with answers unread,
-  // would take back what the peer has not read yet.
+  // Drains, says that nothing more comes, and waits for the peer to close, or to have everything and be quiet: closing
+  // at once, with answers unread, would take back what is still on its way.
   void Close(Clock::time_point deadline);
 
   // Reads the next message before the deadline. False when none came; throws a Failure for everything else.
@@ -102,6 +102,7 @@ class Link {
   void FinishConnect();
   void Flush(Clock::time_point deadline, int most_pending);
   bool Discard();
+  int Unconfirmed() const;
 
   SockAddrRec target_;
   std::string target_text_;
