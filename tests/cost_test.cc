@@ -79,7 +79,8 @@ TEST_F(CostTest, Datagrams) {
     EXPECT_EQ(Cost([&] { ASSERT_EQ(mnWriteTo(out, node, &to), 1); }),
               (Lines{"sendto(1160, " + place + ") = 1160", "2 allocations, 0 blocks"}));
     const Lines cost = Cost([&] { ASSERT_EQ(mnRead(in_, node), 1); });
-    if (grown) EXPECT_EQ(cost, (Lines{"recvfrom(16520) = 1160", "0 allocations, 0 blocks"}));
+    if (!grown) continue;
+    EXPECT_EQ(cost, (Lines{"recvfrom(16520) = 1160", "0 allocations, 0 blocks"}));
   }
 }
 

@@ -27,7 +27,7 @@ struct Companion {
     return now;
   }
   static bool Fails(const std::string& name, const std::string& detail = "") {
-    Now().calls.push_back(name + detail);
+    Now().calls.push_back(detail.empty() ? name : name + " " + detail);
     return Now().failing == name;
   }
 };
@@ -65,7 +65,7 @@ inline __attribute__((used)) int RawToPcf(PcfMessage* msg) {
   PASS_ON(RawToPcf, msg);
 }
 inline __attribute__((used)) int SizePcfMessage(PcfMessage* msg, uint32_t size) {
-  if (Companion::Fails("SizePcfMessage", " " + std::to_string(size))) return 0;
+  if (Companion::Fails("SizePcfMessage", std::to_string(size))) return 0;
   PASS_ON(SizePcfMessage, msg, size);
 }
 inline __attribute__((used)) int DumpPcfMessage(PcfMessage*) {
