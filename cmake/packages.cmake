@@ -103,8 +103,3 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
 
 include(CPack)
-
-if(MQNODE_BUILD_TESTS)
-  add_test(NAME packages COMMAND ${PROJECT_SOURCE_DIR}/tests/packages_test.sh ${PROJECT_BINARY_DIR})
-  set_tests_properties(packages PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77 RUN_SERIAL ON)
-endif()
