@@ -54,7 +54,8 @@ typedef int (*MQNodeFn)(MQNode* node);
 typedef int (*MQMessageFn)(PcfMessage* msg, MQNode* node);
 typedef int (*MQPostFn)(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status);
 
-/* Callers may read any field, and set writeLimit and pendingLimit. */
+/* Callers may read any field, and set writeLimit and pendingLimit. A host that writes as another user than its login
+ * puts that user, zero-padded, into user before it writes. */
 struct MQNode {
   uint32_t nodeType;         /* 2 */
   uint32_t role;             /* 0 connecting or datagram, 1 listening */
