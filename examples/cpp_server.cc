@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdio>
 #include <unordered_map>
-#include <utility>
 
 #include "example.h"
 #include "mqnode/mqnode.hpp"
@@ -55,12 +54,11 @@ class Server {
   // Takes in every connection that waits, while there is room. Without room the listener leaves the set until a client
   // has gone: or the wait would come back at once, for nothing.
   void Accept() {
-    Node client;
-    while (clients_.size() < kMostClients && listener_.accept(client)) {
+    for (Node client; clients_.size() < kMostClients && listener_.accept(client);) {
       client.set_write_limit(kMostQueued);
       if (!client.set_blocking(false) || !set_.add(client)) continue;
       MQNode* const key = client.get();
-      clients_.emplace(key, std::move(client));
+      clients_.emplace(key, client.release());
     }
     const int error = listener_.record().error;
     const bool full = clients_.size() == kMostClients || error == EMFILE || error == ENFILE;

@@ -198,7 +198,7 @@ TEST_F(FaceTest, HandlesOwnWhatTheyHold) {
   Message other = Filled();
   other = std::move(msg);
   msg.reset(mqc_message_new(0));
-  EXPECT_TRUE(msg && other && other.command() == 7);
+  EXPECT_TRUE(other && other.command() == 7 && msg);
 }
 
 TEST_F(FaceTest, AcceptReplacesTheChild) {

@@ -35,19 +35,24 @@ diff <(find mqnode queue runtime sockutil socksin companion -name '*.h' -o -name
 # The companion stands before the library, however the packages are asked for.
 for packages in mqnode-companion 'mqnode-companion mqnode' 'mqnode mqnode-companion'; do
   # shellcheck disable=SC2086
-  order=$(pkg-config --libs $packages | grep -oE -- '-lmq[a-z]+' | tr '\n' ' ')
+  order=$(pkg-config --libs $packages | grep -oE -- '-lmq[a-z]+' | awk '!seen[$0]++' | tr '\n' ' ')
   [ "$order" = '-lmqcompanion -lmqnode ' ] || fail "pkg-config --libs $packages: $order"
 done
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 [ "$(pkg-config --modversion mqnode)" = "$version" ] || fail "pkg-config says version $(pkg-config --modversion mqnode)"
 
-# The outside project: a client in C, a server in C++, and a unit in C++17 that uses the face without exceptions.
+# The outside project: a client in C, a server in C++, the face in C++17 without exceptions, and a host that calls
+# nothing in the companion, linked by a linker that drops what it finds unused.
 outside=$place/outside
 mkdir "$outside"
 cp examples/client.c examples/cpp_server.cc examples/example.h "$outside"
 cat >"$outside/face.cc" <<'SOURCE'
 #include <mqnode/mqnode.hpp>
 int main() { return mqnode::Message::create().begin(1) && mqnode::WaitSet().readable().empty() ? 0 : 1; }
+SOURCE
+cat >"$outside/bare.c" <<'SOURCE'
+#include <mqnode/mqnode.h>
+int main(void) { return DeleteMQNode(NULL); }
 SOURCE
 cat >"$outside/CMakeLists.txt" <<'PROJECT'
 cmake_minimum_required(VERSION 3.13)
@@ -60,6 +65,8 @@ add_executable(server cpp_server.cc)
 target_link_libraries(server mqnode::host)
 add_executable(face face.cc)
 target_link_libraries(face mqnode::host)
+add_executable(bare bare.c)
+target_link_libraries(bare mqnode::host)
 PROJECT
 
 by_pkg_config() {
@@ -71,16 +78,19 @@ by_pkg_config() {
   quietly "${CC:-cc}" -std=gnu11 "${warnings[@]}" client.c -o pkg-config/client "${flags[@]}"
   quietly "${CXX:-c++}" -std=c++17 "${warnings[@]}" cpp_server.cc -o pkg-config/server "${flags[@]}"
   quietly "${CXX:-c++}" -std=c++17 "${warnings[@]}" -fno-exceptions -fno-rtti face.cc -o pkg-config/face "${flags[@]}"
+  quietly "${CC:-cc}" -Wl,--as-needed bare.c -o pkg-config/bare "${flags[@]}"
 }
 
 by_find_package() {
-  quietly cmake -S "$outside" -B "$outside/find_package" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"
+  quietly cmake -S "$outside" -B "$outside/find_package" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed
   quietly cmake --build "$outside/find_package"
 }
 
 # talk FOLDER: its client asks, its server answers. The server says its port as its first line.
 talk() {
   "$1/face" || fail "$1/face: exit code $?"
+  "$1/bare" || fail "$1/bare, which calls nothing in the companion: exit code $?"
   readelf -d "$1/client" | grep -oE 'libmq[a-z]+\.so\.1' | tr '\n' ' ' | grep -qx 'libmqcompanion.so.1 libmqnode.so.1 ' ||
     fail "$1/client does not load the companion before the library"
   mkfifo "$1/port"
