@@ -5,7 +5,10 @@
 set -euo pipefail
 build=$(cd "$1" && pwd)
 cd "$(dirname "$0")/.."
-grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt" && { echo 'install: built with sanitizers, skipped'; exit 77; }
+if grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt"; then
+  echo 'install: built with sanitizers, skipped'
+  exit 77
+fi
 
 place=$(mktemp -d)
 server=
@@ -91,8 +94,9 @@ by_find_package() {
 talk() {
   "$1/face" || fail "$1/face: exit code $?"
   "$1/bare" || fail "$1/bare, which calls nothing in the companion: exit code $?"
-  readelf -d "$1/client" | grep -oE 'libmq[a-z]+\.so\.1' | tr '\n' ' ' | grep -qx 'libmqcompanion.so.1 libmqnode.so.1 ' ||
-    fail "$1/client does not load the companion before the library"
+  local loads
+  loads=$(readelf -d "$1/client" | grep -oE 'libmq[a-z]+\.so\.1' | tr '\n' ' ')
+  [ "$loads" = 'libmqcompanion.so.1 libmqnode.so.1 ' ] || fail "$1/client loads $loads"
   mkfifo "$1/port"
   "$1/server" 127.0.0.1 0 >"$1/port" &
   server=$!

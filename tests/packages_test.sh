@@ -7,7 +7,10 @@ build=$(cd "$1" && pwd)
 for tool in lintian dpkg-shlibdeps cpack; do
   command -v "$tool" >/dev/null || { echo "packages: no $tool, skipped"; exit 77; }
 done
-grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt" && { echo 'packages: built with sanitizers, skipped'; exit 77; }
+if grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt"; then
+  echo 'packages: built with sanitizers, skipped'
+  exit 77
+fi
 
 place=$(mktemp -d)
 trap 'rm -rf "$place"' EXIT
