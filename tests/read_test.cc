@@ -72,8 +72,8 @@ TEST_F(ReadTest, MessagesInOneSegmentAreReadOneByOne) {
                                       "recvfrom(120) = 120", "recvfrom(136) = 136", "recvfrom(24) = 24"}));
 }
 
-// Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are a header
-// again.
+// Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are
+// a header again.
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   const struct {
     uint32_t first;
