@@ -216,7 +216,7 @@ start echo --echo --format quiet
 row 0 "5 sent, 5 answered, 0% loss" "$mqcat" ping 127.0.0.1 "$port" -c 5 -i 0.01
 grep -q "seq=4 time=" out.txt && grep -q "rtt p50/p90/p99" out.txt && grep -q "####" out.txt || fail "ping: $(cat out.txt)"
 row 0 '"answered":3' "$mqcat" ping 127.0.0.1 "$port" -c 3 -i 0 -s 100000 --json
-timeout -s INT 0.5 "$mqcat" ping 127.0.0.1 "$port" -i 0.05 -q >out.txt
+timeout --foreground -s INT 0.5 "$mqcat" ping 127.0.0.1 "$port" -i 0.05 -q >out.txt
 grep -q "ping statistics" out.txt || fail "no summary of an interrupted ping"
 row 0 "answered" "$mqcat" ping 127.0.0.1 "$port" -w 0.2 -i 0.05 -q
 stop echo 0 "messages"
