@@ -44,6 +44,14 @@ struct Family {
 constexpr Family kPost = {false, "PostSocket:Ready", nullptr, "PostSocket:Exception"};
 constexpr Family kNPost = {true, "NPostSocket:Ready", "NPostSocket:Write", "NPostSocket:Exception"};
 
+// The descriptors of the first sockets, as the sets were built from them. Most sockets of a wait are not ready: with
+// these at hand, collecting need not visit their records, each of which lies on a page of its own.
+constexpr int kKnown = SOCK_POST_SIZE - 1;
+struct Known {
+  int count = 0;
+  int fd[kKnown];
+};
+
 // Where a descriptor's bit is in a set.
 struct Place {
   size_t word;
@@ -96,7 +104,7 @@ bool AddWaitingWrites(Sets* sets, const SockPostData* work) {
   return true;
 }
 
-bool AddSockets(Sets* sets, const SockPostData* work, bool writes) {
+bool AddSockets(Sets* sets, const SockPostData* work, bool writes, Known* known) {
   SockRec** const list = work->sockets;
   const int last = work->size - 1;
   const bool readable = work->readable != nullptr;
@@ -104,6 +112,7 @@ bool AddSockets(Sets* sets, const SockPostData* work, bool writes) {
   for (int i = 0; i < last && list[i] != nullptr; ++i) {
     const SockRec* const rec = list[i];
     const int fd = rec->fd;
+    if (i < kKnown) known->fd[known->count++] = fd;
     if (fd < 0) continue;
     if (!Reach(sets, fd)) return false;
     const Place place(fd);
@@ -139,17 +148,18 @@ int CollectWaitingWrites(const Sets& sets, SockPostData* work, const char* point
   return kept;
 }
 
-void Collect(const Sets& sets, SockPostData* work, const Family& family) {
+void Collect(const Sets& sets, SockPostData* work, const Family& family, const Known& known) {
   const bool writes = family.writes && work->writable != nullptr;
   int readable = 0;
   int exceptional = 0;
   int writable = writes ? CollectWaitingWrites(sets, work, family.write) : 0;
-  for (SockRec** next = work->sockets; *next != nullptr; ++next) {
-    SockRec* const rec = *next;
-    if (!sets.Fits(rec->fd)) continue;  // a trace callback may have closed it or opened another
-    const Place place(rec->fd);
-    // Few of many are ready: one look tells that a socket is not.
+  for (int i = 0; work->sockets[i] != nullptr; ++i) {
+    const int fd = i < known.count ? known.fd[i] : work->sockets[i]->fd;
+    if (!sets.Fits(fd)) continue;
+    const Place place(fd);
     if (((sets.read[place.word] | sets.except[place.word] | sets.write[place.word]) & place.bit) == 0) continue;
+    SockRec* const rec = work->sockets[i];
+    if (rec->fd != fd) continue;  // a trace callback has closed it or opened another
     if (Has(sets.read, place) && work->readable != nullptr) {
       work->readable[readable++] = rec;
       mq::RunSocketTrace(family.ready, rec);
@@ -169,11 +179,12 @@ int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Fami
   *status = 0;
   const bool writes = family.writes && work->writable != nullptr;
   Sets sets = RecordSets(work);
+  Known known;
   int result = 0;
-  if ((writes && !AddWaitingWrites(&sets, work)) || !AddSockets(&sets, work, writes)) {
+  if ((writes && !AddWaitingWrites(&sets, work)) || !AddSockets(&sets, work, writes, &known)) {
     *status = ENOMEM;
   } else if (Select(&sets, timeout, status)) {
-    Collect(sets, work, family);
+    Collect(sets, work, family, known);
     result = 1;
   }
   free(sets.block);
