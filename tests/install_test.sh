@@ -114,4 +114,4 @@ by_find_package
 talk "$outside/pkg-config"
 talk "$outside/find_package"
 
-"$prefix/bin/mqcat" --version | grep -qF "$version" || fail 'the installed mqcat does not run'
+"$prefix/bin/mqcat" --version | grep >/dev/null -F "$version" || fail 'the installed mqcat does not run'

@@ -38,7 +38,7 @@ holds() {
   [ "$count" = "$2" ] || fail "$1 has $count files like $3 instead of $2"
 }
 depends() {
-  dpkg-deb -f "$1.deb" Depends | grep -qE "$2" || fail "$1 does not depend on $2: $(dpkg-deb -f "$1.deb" Depends)"
+  dpkg-deb -f "$1.deb" Depends | grep >/dev/null -E "$2" || fail "$1 does not depend on $2: $(dpkg-deb -f "$1.deb" Depends)"
 }
 for library in libmqnode libmqcompanion; do
   holds ${library}1 2 '/usr/lib/.*\.so\.1(\.0\.0)?$'
@@ -55,7 +55,7 @@ holds libmqnode-dev 1 '/cmake/mqnode/mqnode-config\.cmake$'
 holds mqnode-tools 1 '/usr/bin/mqcat$'
 holds mqnode-tools 1 '/man1/mqcat\.1\.gz$'
 holds mqnode-tools 1 '/bash-completion/completions/mqcat$'
-dpkg-deb -f libmqnode1.deb Depends | grep -qE 'sodium|stdc|gcc' && fail 'libmqnode1 depends on more than libc'
+dpkg-deb -f libmqnode1.deb Depends | grep >/dev/null -E 'sodium|stdc|gcc' && fail 'libmqnode1 depends on more than libc'
 
 # Unpacked over one another they make a tree in which the tool runs.
 for package in ./*.deb; do dpkg-deb -x "$package" root; done

@@ -5,7 +5,7 @@ set -euo pipefail
 library=$1
 cd "$(dirname "$0")/../.."
 
-if nm -D --undefined-only "$library" | grep -qE '__(asan|ubsan|tsan)_'; then
+if nm -D --undefined-only "$library" | grep >/dev/null -E '__(asan|ubsan|tsan)_'; then
   echo 'dependencies: built with sanitizers, skipped'
   exit 77
 fi
@@ -26,8 +26,8 @@ offered=$(grep -hoE '^MQ_RUNTIME [^(]*' runtime/*.h | sed 's/.*[ *]//' | sort)
 unknown=$(comm -23 <(printf '%s\n' "$undefined") <(printf '%s\n' "$offered") | tr '\n' ' ')
 [ -z "$unknown" ] || fail "names that neither libc nor the companion's headers offer: $unknown"
 
-readelf -dW "$library" | grep -qE 'BIND_NOW|FLAGS.*NOW' || fail 'names are not bound when it is loaded (-z now)'
-readelf -dW "$library" | grep -q SYMBOLIC && fail 'linked with -Bsymbolic: a host could not replace the globals'
+readelf -dW "$library" | grep >/dev/null -E 'BIND_NOW|FLAGS.*NOW' || fail 'names are not bound when it is loaded (-z now)'
+readelf -dW "$library" | grep >/dev/null SYMBOLIC && fail 'linked with -Bsymbolic: a host could not replace the globals'
 
 # One entry of 8 bytes: the compiler's own frame_dummy.
 section_size() {
@@ -35,5 +35,5 @@ section_size() {
 }
 initialisers=$(section_size .init_array)
 [ "$initialisers" = 000008 ] || fail "static initialisers: .init_array has 0x$initialisers bytes"
-readelf -SW "$library" | grep -q '\.ctors' && fail 'static initialisers: .ctors'
+readelf -SW "$library" | grep >/dev/null '\.ctors' && fail 'static initialisers: .ctors'
 exit $status
