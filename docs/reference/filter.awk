@@ -104,6 +104,6 @@ comment != "" && !going_on { say_comment() }
     line = substr(line, 1, RSTART - 1) "/**< " escaped(trailing) " */"
   }
   print line
-  going_on = line !~ /[;}]( *\/\*\*<.*)?$/
+  going_on = line !~ /^ *$|^#|^MQ_(BEGIN|END)_C|[;{}:]( *\/\*\*<.*)?$/
   if (slashes || line ~ /[{]( *\/\*\*<.*)?$/) comment = ""
 }

@@ -141,6 +141,7 @@ function see_also(header, name, members, file,   all, n, i, line, shown) {
 
 # The comment of the declarations that follow, or that were announced by an earlier one, or the header's own.
 function keep_group(   text) {
+  if (comment ~ /^Internal:/) names = declarations = types = ""
   if (names == "") return
   text = comment
   if (text == "" && (names in announced)) text = announced[names]
