@@ -23,8 +23,8 @@ exported=$(sed -n 's/^    \([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' exports.map)
 for name in $exported; do
   page=$pages/$name.3
   [ -s "$page" ] || { fail "$name is exported and has no manual page"; continue; }
-  section "$page" NAME | grep >/dev/null -E "(^|, )$name(,.*)? \\\\- [^ ]" || fail "$name.3: NAME does not say what it is"
-  section "$page" SYNOPSIS | tr -d '\n' | grep >/dev/null -E "[ *]$name[(;[]" || fail "$name.3: SYNOPSIS does not declare it"
+  section "$page" NAME | grep >/dev/null -E "(^|, )${name}(,.*)? \\\\- [^ ]" || fail "$name.3: what is it?"
+  section "$page" SYNOPSIS | tr -d '\n' | grep >/dev/null -E "[ *]${name}[(;[]" || fail "$name.3: not declared"
   section "$page" DESCRIPTION | grep >/dev/null '[a-z]' || fail "$name.3: DESCRIPTION is empty"
 done
 
