@@ -306,9 +306,7 @@ void Worker::Fail(Client& client, const char* doing, const char* reason) {
 }
 
 void Worker::FailNode(Client& client, const char* doing) {
-  const MQNode* const node = client.node.get();
-  Fail(client, doing,
-       node == nullptr ? "no memory" : mq_error_name(node->error == MQ_AGAIN ? node->sock.error : node->error));
+  Fail(client, doing, mq_error_name(mq_node_cause(client.node.get(), nullptr)));
 }
 
 }  // namespace

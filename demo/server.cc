@@ -87,12 +87,10 @@ class Server {
   uint32_t writesWaiting_ = 0, nodesWaiting_ = 0;
 };
 
-// What made an operation fail: for a write that was dropped the node says 11, and its socket why.
-int CauseOf(const MQNode* node) { return node->error == MQ_AGAIN ? node->sock.error : node->error; }
+int CauseOf(const MQNode* node) { return mq_node_cause(node, nullptr); }
 
 bool Server::Fail(const char* what, const MQNode* node) {
-  snprintf(tally_.failure, sizeof tally_.failure, "%s: %s", what,
-           node == nullptr ? "no memory" : mq_error_name(CauseOf(node)));
+  snprintf(tally_.failure, sizeof tally_.failure, "%s: %s", what, mq_error_name(CauseOf(node)));
   return false;
 }
 

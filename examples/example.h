@@ -26,14 +26,11 @@ static inline int make_address(SockAddrRec* addr, const char* host, const char* 
   return 0;
 }
 
-/* Says which operation failed and why. Always 0, so that a caller can fail and tell in one line.
- * A write that was dropped leaves 11 in the node; what happened is in its socket. */
+/* Says which operation failed and why. Always 0, so that a caller can fail and tell in one line. When the node has no
+ * part in it, there was no memory for a message record, a parameter or an accepted node. */
 static inline int failed(const char* what, const MQNode* node) {
-  if (node == NULL) {
-    fprintf(stderr, "%s: no memory\n", what);
-    return 0;
-  }
-  const int code = node->error == MQ_AGAIN ? node->sock.error : node->error;
+  const int cause = mq_node_cause(node, NULL);
+  const int code = cause != MQ_OK ? cause : ENOMEM;
   fprintf(stderr, "%s: %s: %s; %s\n", what, mq_error_name(code), mq_error_meaning(code), mq_error_remedy(code));
   return 0;
 }

@@ -4,14 +4,15 @@
  * are constants that live as long as the process.
  *
  * A code is read in one of three places, and two codes mean different things in two of them:
- *   node->error              any operation on a node                             MQ_IN_NODE
- *   sock.error               any operation on a socket record, a node's too      MQ_IN_SOCKET
- *   the status word of a wait                                                    MQ_IN_STATUS
+ *   node->error   of any operation on a node: MQ_IN_NODE
+ *   sock.error    of any operation on a socket record, a node's too: MQ_IN_SOCKET
+ *   status        the word that a wait fills: MQ_IN_STATUS
  *   11    in a node: go on later (MQ_AGAIN); in a socket: it would block (EAGAIN)
  *   105   in a node, after mnFinishWrite: MQ_NO_DESCRIPTOR; in a socket, and copied from there: ENOBUFS
  * Give the place where you know it: mq_error_find(code, MQ_IN_SOCKET). MQ_IN_ANY takes the first entry of the table.
  *
- *   if (!mnOpen(node)) fprintf(stderr, "open: %s: %s\n", mq_error_name(node->error), mq_error_remedy(node->error));
+ *   const int code = mq_node_cause(node, NULL);
+ *   fprintf(stderr, "open: %s: %s; %s\n", mq_error_name(code), mq_error_meaning(code), mq_error_remedy(code));
  *
  * docs/errors.md is this table as a page. */
 #ifndef MQNODE_MQNODE_ERRORS_H
@@ -23,6 +24,8 @@
 
 #include "mqnode/node.h"
 #include "socksin/record.h"
+
+// NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
 /* Where a code is read; values of MqErrorInfo.places are sums of these. */
 enum { MQ_IN_ANY = 0, MQ_IN_NODE = 1, MQ_IN_SOCKET = 2, MQ_IN_STATUS = 4 };
@@ -236,5 +239,21 @@ static inline const char* mq_error_remedy(int code) {
   const MqErrorInfo* const entry = mq_error_find(code, MQ_IN_ANY);
   return entry != NULL ? entry->remedy : "look it up with errno; if it is not one, the record was overwritten";
 }
+
+/* mq_node_cause - the code that says why the last operation on a node failed: node->error, but for a write that was
+ * dropped, which leaves 11 there, the code of its socket.
+ *   node    in   null stands for a node that there was no memory for: ENOMEM
+ *   place   out  where the code is to be looked up, MQ_IN_NODE or MQ_IN_SOCKET; may be null
+ * Result   11 when neither says more: the operation can go on later or, of a write with result 0, there was no memory */
+static inline int mq_node_cause(const MQNode* node, unsigned* place) {
+  const int own = node != NULL ? node->error : ENOMEM;
+  const int below = node != NULL ? node->sock.error : ENOMEM;
+  const int dropped = own == MQ_AGAIN && below != 0 && below != SOCK_WOULD_BLOCK;
+  /* A code that the node took over from its socket means what it means there. */
+  if (place != NULL) *place = dropped || (own == below && own != MQ_AGAIN) ? MQ_IN_SOCKET : MQ_IN_NODE;
+  return dropped ? below : own;
+}
+
+// NOLINTEND(modernize-use-nullptr)
 
 #endif

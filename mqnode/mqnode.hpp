@@ -474,8 +474,8 @@ class NodeRef {
   // A write that was dropped leaves 11 in the node, and the reason in its socket: 0 and 11 there mean no memory.
   Result written(int value) const noexcept {
     if (value != 0 || pointer_->error != MQ_AGAIN) return outcome(value);
-    const int reason = pointer_->sock.error;
-    return {value, MQ_AGAIN, reason != 0 && reason != SOCK_WOULD_BLOCK ? reason : ENOMEM, MQ_IN_SOCKET};
+    const int cause = mq_node_cause(pointer_, nullptr);
+    return {value, MQ_AGAIN, cause != MQ_AGAIN ? cause : ENOMEM, MQ_IN_SOCKET};
   }
   Result of_socket(int value) const noexcept { return {value, pointer_->sock.error, MQ_IN_SOCKET}; }
 };

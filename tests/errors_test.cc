@@ -96,6 +96,29 @@ TEST(Errors, TheTwoCodesWithTwoMeaningsAreBothReached) {
   }
 }
 
+TEST(Errors, TheCauseOfANodesFailureIsItsOwnOrOfADroppedWriteItsSockets) {
+  const struct {
+    int node, sock, cause;
+    unsigned place;
+  } rows[] = {{MQ_OK, 0, MQ_OK, MQ_IN_SOCKET},
+              {MQ_BAD_MESSAGE, 0, MQ_BAD_MESSAGE, MQ_IN_NODE},
+              {ECONNRESET, ECONNRESET, ECONNRESET, MQ_IN_SOCKET},
+              {ENOBUFS, ENOBUFS, ENOBUFS, MQ_IN_SOCKET},
+              {MQ_NO_DESCRIPTOR, 0, MQ_NO_DESCRIPTOR, MQ_IN_NODE},
+              {MQ_AGAIN, EPIPE, EPIPE, MQ_IN_SOCKET},
+              {MQ_AGAIN, 0, MQ_AGAIN, MQ_IN_NODE},
+              {MQ_AGAIN, SOCK_WOULD_BLOCK, MQ_AGAIN, MQ_IN_NODE}};
+  for (const auto& row : rows) {
+    MQNode node{};
+    node.error = row.node;
+    node.sock.error = row.sock;
+    unsigned place = 0;
+    EXPECT_EQ(mq_node_cause(&node, &place), row.cause) << row.node << " over " << row.sock;
+    EXPECT_EQ(place, row.place) << row.node << " over " << row.sock;
+  }
+  EXPECT_EQ(mq_node_cause(nullptr, nullptr), ENOMEM);
+}
+
 TEST(Errors, UnknownCodesAndNamesGiveTextsAndNoEntry) {
   EXPECT_EQ(mq_error_find(9001, MQ_IN_ANY), nullptr);
   EXPECT_EQ(mq_error_find(SOCK_WAIT_TIMEOUT, MQ_IN_SOCKET), nullptr) << "a timeout is never in a socket record";

@@ -67,7 +67,8 @@ class HexReader {
     if (first == std::string_view::npos || line[first] == '#') return true;
     if (line.substr(first, 1) == "*") return repeat_ = !last_.empty();
     const std::optional<uint64_t> offset = TakeOffset(line);
-    if (offset && !base_) base_ = *offset - bytes_.size();
+    if (offset && !has_base_) base_ = *offset - bytes_.size();
+    has_base_ = has_base_ || offset;
     if (repeat_ && !Repeat(offset)) return false;
     return Digits(line, offset.has_value());
   }
@@ -76,7 +77,7 @@ class HexReader {
   bool Repeat(std::optional<uint64_t> offset) {
     repeat_ = false;
     if (!offset) return false;
-    const uint64_t end = *offset - *base_;
+    const uint64_t end = *offset - base_;
     if (end < bytes_.size() || end - bytes_.size() > kMaxRepeat) return false;
     while (bytes_.size() < end) {
       const size_t count = std::min<size_t>(last_.size(), static_cast<size_t>(end) - bytes_.size());
@@ -106,7 +107,8 @@ class HexReader {
 
   std::vector<uint8_t>& bytes_;
   std::vector<uint8_t> last_;
-  std::optional<uint64_t> base_;
+  bool has_base_ = false;
+  uint64_t base_ = 0;  // offset that the dump gives its first byte
   bool repeat_ = false;
 };
 

@@ -25,12 +25,6 @@ constexpr auto kBreath = std::chrono::milliseconds(1);
 constexpr double kLastMoment = 1;         // seconds without a sign of the peer, when everything is with its system
 constexpr uint32_t kMaxDatagram = 16520;  // what a reader takes
 
-// Where the code in node->error is explained: an error that was copied from the socket is the socket's.
-unsigned PlaceOf(const MQNode* node, int code) {
-  const bool copied = code == node->sock.error && code != MQ_AGAIN;
-  return static_cast<unsigned>(copied ? MQ_IN_SOCKET : MQ_IN_NODE);
-}
-
 ExitCode ExitCodeOf(int code) {
   switch (code) {
     case MQ_BAD_MESSAGE:
@@ -87,9 +81,8 @@ MessagePtr NewMessage() {
 }
 
 Failure NodeFailure(const std::string& what, const MQNode* node) {
-  const bool dropped = node->error == MQ_AGAIN && node->sock.error != 0 && node->sock.error != SOCK_WOULD_BLOCK;
-  const int code = dropped ? node->sock.error : node->error;
-  const unsigned place = PlaceOf(node, code);
+  unsigned place = MQ_IN_ANY;
+  const int code = mq_node_cause(node, &place);
   return {ExitCodeOf(code),
           fmt::format("{}: {}{}{}", what, CodeText(code, place), Detail(code), RemedyText(code, place))};
 }
