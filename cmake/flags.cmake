@@ -9,9 +9,9 @@ endif()
 
 # Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from
 # within the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host
-# sees.
+# sees. Records are filled from registers: collecting their fields in a vector register first costs more than it saves.
 function(mqnode_library_flags target)
   set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
-    -fno-semantic-interposition -fno-plt -Wconversion)
+    -fno-semantic-interposition -fno-plt -fno-tree-slp-vectorize -Wconversion)
 endfunction()

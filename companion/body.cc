@@ -18,7 +18,8 @@ struct Param {
   uint32_t at;  // of the parameter's head, from the start of raw
 };
 
-[[gnu::cold, gnu::noinline]] bool FailParam(ErrorText error, const Param& param, const char* what, uint32_t number) {
+// Takes the parameter by value: a reference would keep every parameter of every body in memory.
+[[gnu::cold, gnu::noinline]] bool FailParam(ErrorText error, Param param, const char* what, uint32_t number) {
   return Fail(error, "parameter %u (id %u, type %u): %s %u", param.index, param.id, param.type, what, number);
 }
 
@@ -127,7 +128,23 @@ bool CheckComplete(const PcfRawData& raw, ErrorText error) {
   if (raw.data == nullptr || raw.length > raw.capacity || raw.length < kHeader) {
     return Fail(error, "%u bytes in an area of %u are no message", raw.length, raw.capacity);
   }
-  return CheckNativeHeader(raw.data, raw.length, error);
+  return IsNativeMessage(raw.data, raw.length) || CheckNativeHeader(raw.data, raw.length, error);
+}
+
+// The straight road: a whole message of which nothing is to be converted.
+inline bool IsConverted(const PcfRawData& raw) {
+  return raw.data != nullptr && raw.length >= kHeader && raw.length <= raw.capacity &&
+         IsNativeMessage(raw.data, raw.length) && Load(raw.data + kAtOrigin) == 0;
+}
+
+[[gnu::cold, gnu::noinline]] int FailUnconverted(const PcfRawData& raw, ErrorText error) {
+  return CheckComplete(raw, error) && Fail(error, "the body is still in its sender's form");
+}
+
+[[gnu::noinline]] int ConvertOther(PcfRawData& raw, ErrorText error) {
+  if (!CheckComplete(raw, error)) return 0;
+  const uint32_t origin = Load(raw.data + kAtOrigin);
+  return origin == 0 || ConvertAlienBody(raw, origin, error);
 }
 
 }  // namespace
@@ -143,9 +160,7 @@ using namespace mqc;
 int AlienPcfToNative(PcfMessage* msg) {
   Content& content = ContentOf(msg);
   DropContent(content);
-  if (!CheckComplete(msg->raw, ErrorOf(content))) return 0;
-  const uint32_t origin = Load(msg->raw.data + kAtOrigin);
-  return origin == 0 || ConvertAlienBody(msg->raw, origin, ErrorOf(content));
+  return IsConverted(msg->raw) ? 1 : ConvertOther(msg->raw, ErrorOf(content));
 }
 
 int RawToPcf(PcfMessage* msg) {
@@ -153,15 +168,15 @@ int RawToPcf(PcfMessage* msg) {
   const ErrorText error = ErrorOf(content);
   const PcfRawData& raw = msg->raw;
   DropContent(content);
-  if (!CheckComplete(raw, error)) return 0;
-  if (Load(raw.data + kAtOrigin) != 0) return Fail(error, "the body is still in its sender's form");
-  Entry* entry = content.entries;
-  const bool whole = WalkBody<false>(raw, error, [&entry](const Param& param) {
-    *entry++ = {param.id, param.type, param.at + kParamHead, param.length};
+  if (!IsConverted(raw)) [[unlikely]]
+    return FailUnconverted(raw, error);
+  Entry* const entries = content.entries;
+  const bool whole = WalkBody<false>(raw, error, [entries](const Param& param) {
+    entries[param.index] = {param.id, param.type, param.at + kParamHead, param.length};
   });
   if (!whole) return 0;
   content.command = Load(raw.data + kHeader);
-  content.count = static_cast<uint32_t>(entry - content.entries);
+  content.count = Load(raw.data + kHeader + 4);
   content.ready = kReady;
   return 1;
 }

@@ -7,15 +7,27 @@
 #include "companion/memory.hh"
 #include "runtime/runtime.h"
 
+namespace {
+
+using mqc::Kind;
+
+inline void Fill(IoBuffer* buf, void* area, uint32_t size) {
+  *buf = {static_cast<uint8_t*>(area), size, size, 0, 0, 0};
+}
+
+[[gnu::noinline]] void CreateNew(IoBuffer* buf, uint32_t size, uint16_t shelf) {
+  void* area = mqc::AllocateNew<Kind::kArea>(size, mqc::tags[mqc::kTagBuffer], shelf);
+  Fill(buf, area, area == nullptr ? 0 : size);
+}
+
+}  // namespace
+
 void CreateBuffer(IoBuffer* buf, uint32_t size) {
-  auto* area = static_cast<uint8_t*>(mqc::AllocateArea(size, mqc::tags[mqc::kTagBuffer]));
-  const uint32_t got = area == nullptr ? 0 : size;
-  buf->data = area;
-  buf->length = got;
-  buf->capacity = got;
-  buf->flags = 0;
-  buf->received = 0;
-  buf->sent = 0;
+  const uint16_t shelf = mqc::ShelfFor<Kind::kArea>(size);
+  void* area = mqc::TakeKept(size, mqc::tags[mqc::kTagBuffer], shelf);
+  if (area == nullptr) [[unlikely]]
+    return CreateNew(buf, size, shelf);
+  Fill(buf, area, size);
 }
 
 void ResetBuffer(IoBuffer* buf, uint32_t length) {
@@ -27,7 +39,7 @@ void ResetBuffer(IoBuffer* buf, uint32_t length) {
 // Keeps what was received and, for a buffer being sent, what its length covers.
 void SizeBuffer(IoBuffer* buf, uint32_t size) {
   if (buf->data != nullptr && size <= buf->capacity) return;
-  auto* area = static_cast<uint8_t*>(mqc::AllocateArea(size, mqc::tags[mqc::kTagBuffer]));
+  auto* area = static_cast<uint8_t*>(mqc::Allocate<Kind::kArea>(size, mqc::tags[mqc::kTagBuffer]));
   if (area == nullptr) return;
   if (buf->data != nullptr) {
     const uint32_t held = buf->received > buf->length ? buf->received : buf->length;

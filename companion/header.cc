@@ -57,6 +57,12 @@ bool NeedTable(const Form& form, const uint8_t** table, ErrorText error) {
   return true;
 }
 
+[[gnu::cold, gnu::noinline]] int FailRoom(const PcfRawData* raw) {
+  return Fail(HeaderError(), "no room for a header at %u bytes", raw->capacity);
+}
+
+[[gnu::noinline]] int ConvertAlienHeader(PcfRawData* raw) { return HeaderToNative(raw->data, HeaderError()); }
+
 }  // namespace
 
 bool HeaderToNative(uint8_t* h, ErrorText error) {
@@ -84,10 +90,9 @@ using namespace mqc;
 
 // A browsed record says length 0, whatever it holds: capacity tells whether a header can be there.
 int AlienToNative(PcfRawData* raw) {
-  if (raw->data == nullptr || raw->capacity < kHeader) [[unlikely]] {
-    return Fail(HeaderError(), "no room for a header at %u bytes", raw->capacity);
-  }
-  return IsNative(raw->data, kHeader) || HeaderToNative(raw->data, HeaderError());
+  if (raw->data == nullptr || raw->capacity < kHeader) [[unlikely]]
+    return FailRoom(raw);
+  return IsNative(raw->data, kHeader) ? 1 : ConvertAlienHeader(raw);
 }
 
 int AlienToNativeExt(SecureHeader* envelope) {

@@ -117,7 +117,7 @@ bool KeyFile::Open(const char* path, bool secret, size_t max_size, ErrorText err
 
 bool KeyFile::Read(int fd, ErrorText error) {
   const size_t room = size_;
-  bytes_ = static_cast<char*>(Allocate(static_cast<uint32_t>(room + 1), tags[kTagFile]));
+  bytes_ = static_cast<char*>(Allocate<Kind::kRecord>(static_cast<uint32_t>(room + 1), tags[kTagFile]));
   if (bytes_ == nullptr) return Fail(error, "%s: no memory to read it", path_);
   size_t held = 0;
   while (held < room) {
@@ -199,7 +199,7 @@ MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[MQC_KEY_BYT
   Clear(text);
   if (!HaveSodium()) return Fail(text, "the system gives no randomness"), nullptr;
   if (!IsUser(user)) return Fail(text, "\"%.40s\" cannot be a user id", user), nullptr;
-  auto* signer = static_cast<MqcSigner*>(Allocate(sizeof(MqcSigner), tags[kTagSigner]));
+  auto* signer = static_cast<MqcSigner*>(Allocate<Kind::kRecord>(sizeof(MqcSigner), tags[kTagSigner]));
   if (signer == nullptr) return Fail(text, "no memory for a signer"), nullptr;
   memset(signer, 0, sizeof(*signer));
   signer->mark = kSignerMark;

@@ -7,6 +7,8 @@
 #include <pthread.h>
 #include <string.h>
 
+#include <atomic>
+
 #include "companion/host.h"
 #include "runtime/runtime.h"
 
@@ -15,7 +17,8 @@ namespace mqc {
 Tag tags[kTags] = {{.name = "buffer"}, {.name = "message"}, {.name = "PcfMessage"},
                    {.name = "signer"}, {.name = "ring"},    {.name = "replay"},
                    {.name = "file"},   {.name = "(none)"},  {.name = "(other)"}};
-std::atomic<uint64_t> fail_countdown;
+uint64_t fail_countdown;
+void* shelves[1 + 2 * kShelvesOfAKind];
 
 namespace {
 
@@ -31,6 +34,7 @@ struct TagSlot {
 };
 constexpr uint32_t kSlots = 256;
 TagSlot tag_slots[kSlots];
+TagSlot no_slot = {nullptr, &tags[kTagNone]};
 
 inline uint32_t SlotOf(const char* name) {
   return static_cast<uint32_t>((reinterpret_cast<uintptr_t>(name) * 0x9E3779B97F4A7C15u) >> 56);
@@ -82,30 +86,41 @@ Tag* NewTag(const char* name) {
   return *tag;
 }
 
-inline Tag& FindTag(const char* name) {
+// The slot that was looked for last: most records are descriptors of writes.
+std::atomic<const TagSlot*> recent_slot = &no_slot;
+
+Tag& FindTag(const char* name) {
   const TagSlot& slot = tag_slots[SlotOf(name)];
-  if (name != nullptr && slot.key.load(std::memory_order_acquire) == name) return *slot.tag;
-  return LearnTag(name);
+  if (name == nullptr || slot.key.load(std::memory_order_acquire) != name) return LearnTag(name);
+  recent_slot.store(&slot, std::memory_order_release);
+  return *slot.tag;
+}
+
+[[gnu::noinline]] int NewMemory(void** out, uint32_t size, const char* tag) {
+  void* block = Allocate<Kind::kRecord>(size, FindTag(tag));
+  *out = block;
+  if (block == nullptr) return 0;
+  memset(block, 0, size);
+  return 1;
 }
 
 void AddAccount(const Tag& tag, MqcMemory* sum) {
-  // Released first: a block is counted as allocated before it can be counted as released.
-  const uint64_t released = tag.released.load(std::memory_order_acquire);
-  const uint64_t total = tag.total.load(std::memory_order_relaxed);
-  sum->live_blocks += total - released;
-  sum->total_blocks += total;
-  sum->peak_blocks += tag.peak.load(std::memory_order_relaxed);
-  sum->live_bytes += tag.live_bytes.load(std::memory_order_relaxed);
+  sum->live_blocks += __atomic_load_n(&tag.live, __ATOMIC_RELAXED);
+  sum->total_blocks += __atomic_load_n(&tag.total, __ATOMIC_RELAXED);
+  sum->peak_blocks += __atomic_load_n(&tag.peak, __ATOMIC_RELAXED);
+  sum->live_bytes += __atomic_load_n(&tag.live_bytes, __ATOMIC_RELAXED);
 }
 
 }  // namespace
 
 bool MustFail() {
-  uint64_t left = fail_countdown.load(std::memory_order_relaxed);
+  uint64_t left = __atomic_load_n(&fail_countdown, __ATOMIC_RELAXED);
   while (left != 0) {
     const bool last = left == 1;
     if (last && fail_onwards.load(std::memory_order_relaxed)) return true;
-    if (fail_countdown.compare_exchange_weak(left, left - 1, std::memory_order_relaxed)) return last;
+    if (__atomic_compare_exchange_n(&fail_countdown, &left, left - 1, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+      return last;
+    }
   }
   return false;
 }
@@ -115,21 +130,40 @@ void* CountFailure() {
   return nullptr;
 }
 
-void RaisePeak(Tag& tag, int64_t live) {
-  const auto wanted = static_cast<uint64_t>(live);
-  uint64_t peak = tag.peak.load(std::memory_order_relaxed);
-  while (wanted > peak && !tag.peak.compare_exchange_weak(peak, wanted, std::memory_order_relaxed)) {
+void CountIn(Tag& tag, uint64_t size) {
+  if (__libc_single_threaded) return CountInAlone(tag, size);
+  __atomic_fetch_add(&tag.total, 1, __ATOMIC_RELAXED);
+  __atomic_fetch_add(&tag.live_bytes, size, __ATOMIC_RELAXED);
+  const uint64_t live = __atomic_add_fetch(&tag.live, 1, __ATOMIC_RELAXED);
+  uint64_t peak = __atomic_load_n(&tag.peak, __ATOMIC_RELAXED);
+  while (live > peak &&
+         !__atomic_compare_exchange_n(&tag.peak, &peak, live, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
   }
+}
+
+void ReleaseOther(void* place) {
+  const BlockHead head = HeadOf(place);
+  if (__libc_single_threaded) {
+    CountOutAlone(*head.tag, head.size);
+  } else {
+    __atomic_fetch_sub(&head.tag->live_bytes, head.size, __ATOMIC_RELAXED);
+    __atomic_fetch_sub(&head.tag->live, 1, __ATOMIC_RELAXED);
+  }
+  free(static_cast<char*>(place) - head.offset);
 }
 
 }  // namespace mqc
 
+// The straight road is that of a write's descriptor.
 int fNewMemory(void** out, uint32_t size, const char* tag) {
-  void* block = mqc::Allocate(size, mqc::FindTag(tag));
-  *out = block;
+  const mqc::TagSlot& slot = *mqc::recent_slot.load(std::memory_order_acquire);
+  if (size != sizeof(IoBuffer) || slot.key.load(std::memory_order_relaxed) != tag)
+    return mqc::NewMemory(out, size, tag);
+  void* block = mqc::TakeKept(sizeof(IoBuffer), *slot.tag, mqc::ShelfFor<mqc::Kind::kRecord>(sizeof(IoBuffer)));
   if (block == nullptr) [[unlikely]]
-    return 0;
-  memset(block, 0, size);
+    return mqc::NewMemory(out, size, tag);
+  memset(block, 0, sizeof(IoBuffer));
+  *out = block;
   return 1;
 }
 
@@ -160,5 +194,5 @@ uint64_t mqc_allocations(void) {
 
 void mqc_fail_allocation(uint64_t nth, int onwards) {
   mqc::fail_onwards.store(onwards != 0, std::memory_order_relaxed);
-  mqc::fail_countdown.store(nth, std::memory_order_relaxed);
+  __atomic_store_n(&mqc::fail_countdown, nth, __ATOMIC_RELAXED);
 }

@@ -3,23 +3,26 @@
 // A block is a malloc block with a 16-byte head in front of the bytes handed out. Blocks of records start 16 bytes into
 // the malloc block; areas start at the next multiple of 64, so that no area begins a few bytes behind a page boundary:
 // a copy from a page's start to such a place runs many times slower on common processors.
-// Counting takes no lock. A tag's counters only ever grow, but for live_bytes.
+// Counting takes no lock.
+//
+// A released block of up to 2 KiB stays on a shelf for the next allocation that rounds up to the same multiple of 64:
+// the descriptor and the data of a short message cost no visit to malloc. A shelf holds one block; shelves are used
+// while the process has one thread, and in release builds only, so that what looks for misuse of memory sees it all.
 #pragma once
 
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/single_threaded.h>
 
-#include <atomic>
-
 namespace mqc {
 
+// Plain words: a process with one thread adds to them without a locked instruction, others with atomic ones.
 struct alignas(64) Tag {
   char name[32] = {};  // empty while the tag is not in use
-  std::atomic<uint64_t> total = 0;
-  std::atomic<uint64_t> released = 0;
-  std::atomic<uint64_t> peak = 0;
-  std::atomic<uint64_t> live_bytes = 0;
+  uint64_t total = 0;  // blocks allocated so far
+  uint64_t live = 0;   // blocks not released yet
+  uint64_t live_bytes = 0;
+  uint64_t peak = 0;  // of live
 };
 
 // The companion's own tags come first in the table.
@@ -38,74 +41,108 @@ enum TagIndex : uint32_t {
 constexpr uint32_t kTags = 64;
 
 extern Tag tags[kTags];
-extern std::atomic<uint64_t> fail_countdown;  // 0: no allocation is to fail
+extern uint64_t fail_countdown;  // 0: no allocation is to fail
 
 struct BlockHead {
   Tag* tag;
   uint32_t size;    // as asked for
-  uint32_t offset;  // from the malloc block to the bytes handed out
+  uint16_t offset;  // from the malloc block to the bytes handed out
+  uint16_t shelf;   // where the block may stay when it is released; 0 for none
 };
 static_assert(sizeof(BlockHead) == 16);
 
 constexpr size_t kAreaAlignment = 64;
 
+// Shelves for malloc blocks of up to kShelfStep, twice that and so on: first those of records, then those of areas.
+#ifdef MQC_SHELVES
+constexpr uint32_t kShelvesOfAKind = 32;
+#else
+constexpr uint32_t kShelvesOfAKind = 0;
+#endif
+constexpr size_t kShelfStep = 64;
+extern void* shelves[1 + 2 * kShelvesOfAKind];  // what was handed out; the first is always null
+
+inline BlockHead& HeadOf(void* place) { return *(static_cast<BlockHead*>(place) - 1); }
+
 [[gnu::cold]] bool MustFail();  // counts down; true for the allocation that has to fail
 [[gnu::cold]] void* CountFailure();
-[[gnu::cold]] void RaisePeak(Tag& tag, int64_t live);
-
-// Adds one block and its bytes; returns the number of blocks. A process with one thread needs no locked instruction.
-inline uint64_t Add(std::atomic<uint64_t>& blocks, std::atomic<uint64_t>& bytes, uint64_t size) {
-  constexpr auto relaxed = std::memory_order_relaxed;
-  if (__libc_single_threaded) [[likely]] {
-    const uint64_t sum = blocks.load(relaxed) + 1;
-    blocks.store(sum, relaxed);
-    bytes.store(bytes.load(relaxed) + size, relaxed);
-    return sum;
-  }
-  bytes.fetch_add(size, relaxed);
-  return blocks.fetch_add(1, relaxed) + 1;
+// Alone: in a process with one thread.
+inline void CountInAlone(Tag& tag, uint64_t size) {
+  tag.total += 1;
+  tag.live_bytes += size;
+  tag.live += 1;
+  if (tag.live > tag.peak) [[unlikely]]
+    tag.peak = tag.live;
 }
 
-inline void* CountBlock(char* block, uint32_t offset, uint32_t size, Tag& tag) {
-  char* place = block + offset;
-  *(reinterpret_cast<BlockHead*>(place) - 1) = {&tag, size, offset};
-  const uint64_t total = Add(tag.total, tag.live_bytes, size);
-  // Other threads may have released more meanwhile than this one had seen allocated: the difference is signed.
-  const int64_t live = static_cast<int64_t>(total - tag.released.load(std::memory_order_relaxed));
-  if (live > static_cast<int64_t>(tag.peak.load(std::memory_order_relaxed))) [[unlikely]]
-    RaisePeak(tag, live);
+inline void CountOutAlone(Tag& tag, uint64_t size) {
+  tag.live_bytes -= size;
+  tag.live -= 1;
+}
+
+void CountIn(Tag& tag, uint64_t size);
+
+enum class Kind : uint32_t { kRecord, kArea };
+
+// What a malloc block for size bytes takes. malloc's 16-byte alignment leaves at most 48 bytes to skip behind the head
+// of an area.
+template <Kind kKind>
+constexpr size_t BlockBytes(uint32_t size) {
+  return size_t{size} + (kKind == Kind::kArea ? kAreaAlignment : sizeof(BlockHead));
+}
+
+template <Kind kKind>
+inline uint16_t ShelfFor(uint32_t size) {
+  const size_t step = (BlockBytes<kKind>(size) - 1) / kShelfStep;
+  const uint32_t first = kKind == Kind::kArea ? 1 + kShelvesOfAKind : 1;
+  return step < kShelvesOfAKind ? static_cast<uint16_t>(first + step) : 0;
+}
+
+// A block from malloc, which is to be kept on that shelf later. Null without memory.
+template <Kind kKind>
+[[gnu::noinline]] void* AllocateNew(uint32_t size, Tag& tag, uint16_t shelf) {
+  if (__atomic_load_n(&fail_countdown, __ATOMIC_RELAXED) != 0 && MustFail()) return CountFailure();
+  const size_t bytes = BlockBytes<kKind>(size);
+  char* block = static_cast<char*>(malloc(shelf != 0 ? (bytes + kShelfStep - 1) & ~(kShelfStep - 1) : bytes));
+  if (block == nullptr) return CountFailure();
+  const uintptr_t start = reinterpret_cast<uintptr_t>(block);
+  const uintptr_t area = (start + sizeof(BlockHead) + kAreaAlignment - 1) & ~(kAreaAlignment - 1);
+  const auto offset = static_cast<uint16_t>(kKind == Kind::kArea ? area - start : sizeof(BlockHead));
+  HeadOf(block + offset) = {&tag, size, offset, shelf};
+  CountIn(tag, size);
+  return block + offset;
+}
+
+// The block on that shelf; null when there is none, or when threads or a failure that is asked for stand in the way.
+inline void* TakeKept(uint32_t size, Tag& tag, uint16_t shelf) {
+  void* place = shelves[shelf];
+  if (place == nullptr || !__libc_single_threaded || fail_countdown != 0) [[unlikely]]
+    return nullptr;
+  shelves[shelf] = nullptr;
+  HeadOf(place).tag = &tag;
+  HeadOf(place).size = size;
+  CountInAlone(tag, size);
   return place;
 }
 
-// Bytes for a record, 16-byte aligned, not cleared. Null without memory.
+// Bytes, not cleared: for a record at a multiple of 16, for an area at a multiple of 64. Null without memory.
+template <Kind kKind>
 inline void* Allocate(uint32_t size, Tag& tag) {
-  if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]]
-    return CountFailure();
-  char* block = static_cast<char*>(malloc(size + sizeof(BlockHead)));
-  if (block == nullptr) [[unlikely]]
-    return CountFailure();
-  return CountBlock(block, sizeof(BlockHead), size, tag);
+  const uint16_t shelf = ShelfFor<kKind>(size);
+  void* place = TakeKept(size, tag, shelf);
+  return place != nullptr ? place : AllocateNew<kKind>(size, tag, shelf);
 }
 
-// Bytes for data, at a multiple of 64, not cleared. Null without memory.
-[[gnu::always_inline]] inline void* AllocateArea(uint32_t size, Tag& tag) {
-  if (fail_countdown.load(std::memory_order_relaxed) != 0 && MustFail()) [[unlikely]]
-    return CountFailure();
-  // malloc's 16-byte alignment leaves at most 48 bytes to skip behind the head.
-  char* block = static_cast<char*>(malloc(size + kAreaAlignment));
-  if (block == nullptr) [[unlikely]]
-    return CountFailure();
-  const uintptr_t start = reinterpret_cast<uintptr_t>(block);
-  const uintptr_t area = (start + sizeof(BlockHead) + kAreaAlignment - 1) & ~(kAreaAlignment - 1);
-  return CountBlock(block, static_cast<uint32_t>(area - start), size, tag);
-}
+[[gnu::noinline]] void ReleaseOther(void* place);  // one that no shelf takes, or that threads share
 
 // Releases a block of either kind; place may be null.
-inline void Release(void* place) {
+[[gnu::always_inline]] inline void Release(void* place) {
   if (place == nullptr) return;
-  const BlockHead head = *(static_cast<BlockHead*>(place) - 1);
-  Add(head.tag->released, head.tag->live_bytes, -static_cast<uint64_t>(head.size));
-  free(static_cast<char*>(place) - head.offset);
+  const BlockHead& head = HeadOf(place);
+  if (!__libc_single_threaded || head.shelf == 0 || shelves[head.shelf] != nullptr) [[unlikely]]
+    return ReleaseOther(place);
+  shelves[head.shelf] = place;
+  CountOutAlone(*head.tag, head.size);
 }
 
 }  // namespace mqc

@@ -66,6 +66,11 @@ inline bool IsNative(const uint8_t* h, uint32_t length) {
   return Load(h + kAtLength) == length && Load(h + kAtBigEndian) == kHostIsBig && Load(h + kAtAscii) == kHostIsAscii;
 }
 
+// True for the header of a message of length bytes that needs no conversion and fits its body.
+inline bool IsNativeMessage(const uint8_t* h, uint32_t length) {
+  return IsNative(h, kHeader) && Load(h + kAtBodyLength) == length - kHeader && Load(h + kAtEncoding) == kEncoding;
+}
+
 struct Entry {
   uint32_t id;
   uint32_t type;

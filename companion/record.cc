@@ -114,7 +114,7 @@ bool GrowRaw(PcfMessage* msg, uint32_t size) {
   PcfRawData& raw = msg->raw;
   if (raw.data != nullptr && raw.capacity >= size) return true;
   if (size > MQ_MAX_MESSAGE) return false;
-  auto* area = static_cast<uint8_t*>(AllocateArea(size, tags[kTagMessage]));
+  auto* area = static_cast<uint8_t*>(Allocate<Kind::kArea>(size, tags[kTagMessage]));
   if (area == nullptr) return false;
   if (raw.data != nullptr) {
     // A browsed header counts in no length.
@@ -135,7 +135,7 @@ using namespace mqc;
 int SizePcfMessage(PcfMessage* msg, uint32_t size) { return GrowRaw(msg, size); }
 
 PcfMessage* mqc_message_new(uint32_t capacity) {
-  auto* msg = static_cast<PcfMessage*>(Allocate(sizeof(PcfMessage), tags[kTagRecord]));
+  auto* msg = static_cast<PcfMessage*>(Allocate<Kind::kRecord>(sizeof(PcfMessage), tags[kTagRecord]));
   if (msg == nullptr) return nullptr;
   mqc_message_init(msg);
   if (GrowRaw(msg, std::max(capacity, kHeader))) return msg;

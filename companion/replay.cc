@@ -76,7 +76,8 @@ int64_t TimeToDrop(int64_t from, uint32_t drop) {
 
 // Moves the entries above the new floor into a table of this size.
 bool Rebuild(uint32_t size, int64_t new_floor) {
-  auto* fresh = static_cast<Seen*>(Allocate(static_cast<uint32_t>(size * sizeof(Seen)), tags[kTagReplay]));
+  auto* fresh =
+      static_cast<Seen*>(Allocate<Kind::kRecord>(static_cast<uint32_t>(size * sizeof(Seen)), tags[kTagReplay]));
   if (fresh == nullptr) return false;
   memset(fresh, 0, size * sizeof(Seen));
   uint32_t moved = 0;

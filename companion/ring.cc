@@ -34,7 +34,8 @@ class Locked {
 
 KeyLine* NewMembers(uint32_t number) {
   if (number > UINT32_MAX / sizeof(KeyLine)) return nullptr;
-  return static_cast<KeyLine*>(Allocate(static_cast<uint32_t>(number * sizeof(KeyLine)), tags[kTagRing]));
+  return static_cast<KeyLine*>(
+      Allocate<Kind::kRecord>(static_cast<uint32_t>(number * sizeof(KeyLine)), tags[kTagRing]));
 }
 
 // The first member whose user is not below this one.
