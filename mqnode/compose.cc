@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "mqnode/deliver.h"
+#include "mqnode/deliver.hh"
 #include "mqnode/node.hh"
 #include "mqnode/wire.hh"
 #include "runtime/text.hh"
@@ -33,13 +33,19 @@ IoBuffer* NewDescriptor(MQNode* node) {
 }
 
 int Discard(MQNode* node, IoBuffer* desc, int code) {
-  DeleteBuffer(desc);
-  FreeMemory(desc);
+  mq::Release(desc);
   return Fail(node, code);
 }
 
 void CopyApplName(MsgHeader* header, const MQNode* node) {
   memcpy(header->applName, node->applName, sizeof header->applName);
+}
+
+// The user may be the header's own field.
+[[gnu::noinline]] void FillUser(MsgHeader* header, const char* user) {
+  char userId[kUserLength];
+  mq::FillField(userId, user);
+  memcpy(header->userId, userId, sizeof userId);
 }
 
 void FillEnvelope(PcfMessage* msg, const MQNode* node) {
@@ -66,14 +72,16 @@ int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContex
 
 int mnWriteMsg(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int highPriority) {
   mq::Trace("mnWriteMsg", node);
-  char userId[kUserLength];  // taken first: user may be the header's own field
-  mq::FillField(userId, user);
   node->error = MQ_OK;
   PcfRawData* const raw = &msg->raw;
   if (!IsWritable(*raw)) return Fail(node, MQ_BAD_MESSAGE);
   mq::FillHeader(raw);
   MsgHeader* const header = mq::HeaderOf(raw->data);
-  memcpy(header->userId, userId, sizeof userId);
+  if (user == node->user) {
+    memcpy(header->userId, node->user, kUserLength);  // zero-padded
+  } else {
+    FillUser(header, user);
+  }
   CopyApplName(header, node);
 
   IoBuffer* const desc = NewDescriptor(node);
@@ -83,7 +91,7 @@ int mnWriteMsg(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user,
   if (desc->capacity < raw->length) return Discard(node, desc, MQ_AGAIN);
   memcpy(desc->data, raw->data, raw->length);
 
-  const int result = mnWriteToNode(node, to, desc, highPriority);
+  const int result = mq::WriteToNode(node, to, desc, highPriority);
   mq::Trace("mnWriteMsg", node);
   return result;
 }
@@ -108,7 +116,7 @@ int mnSWriteMsgWithPriority(PcfMessage* msg, MQNode* node, SockAddrRec* to, cons
   if (desc->length > MQ_MAX_MESSAGE) return Discard(node, desc, MQ_BAD_MESSAGE);
   desc->received = 0;
 
-  const int result = mnWriteToNode(node, to, desc, highPriority);
+  const int result = mq::WriteToNode(node, to, desc, highPriority);
   mq::Trace("mnSWriteMsg", node);
   return result;
 }

@@ -5,9 +5,7 @@
 
 #include <cstddef>
 
-#include "mqnode/node.hh"
-#include "socksin/record.hh"
-#include "socksin/transfer.h"
+#include "mqnode/deliver.hh"
 
 namespace {
 
@@ -22,14 +20,9 @@ static_assert(offsetof(DatagramWrite, io) == 0);
 
 bool IsStream(const MQNode* node) { return node->sock.type == SOCK_TYPE_STREAM; }
 
-void Release(IoBuffer* desc) {
-  DeleteBuffer(desc);
-  FreeMemory(desc);
-}
-
 // Ends a write that cannot be carried further: the descriptor is released, the result is the operation's.
 int Drop(MQNode* node, IoBuffer* desc, int code) {
-  Release(desc);
+  mq::Release(desc);
   node->error = code;
   return 0;
 }
@@ -106,38 +99,36 @@ int FinishFailed(MQNode* node, IoBuffer* desc) {
 
 }  // namespace
 
-int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
-  node->error = MQ_OK;
+namespace mq {
+
+int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
+  int queued = 0;
   if (node->writeLimit > 0 && node->writesOutstanding >= node->writeLimit) {
     Drop(node, desc, MQ_WRITE_LIMIT);
-    mq::Trace("mnWriteToNode", node);
-    return 0;
-  }
-  desc->sent = 0;
-  desc->flags = 0;
-  if (node->pending != nullptr && to == nullptr && !IsStream(node)) {
+  } else if (to == nullptr && !IsStream(node)) {
     // It could never be sent.
-    mq::ReportFailure(&node->sock, SOCK_NO_DESTINATION);
+    ReportFailure(&node->sock, SOCK_NO_DESTINATION);
     Drop(node, desc, MQ_AGAIN);
-    mq::Trace("mnWriteToNode", node);
-    return 0;
+  } else {
+    desc->sent = 0;
+    desc->flags = 0;
+    queued = Enqueue(node, to, desc, highPriority ? QputHigh : Qput);
   }
-  if (node->pending != nullptr) {
-    const int queued = Enqueue(node, to, desc, highPriority ? QputHigh : Qput);
-    mq::Trace("mnWriteToNode", node);
-    return queued;
-  }
-  const int taken = WriteSocket(&node->sock, desc, to);
-  if (taken && desc->sent >= desc->length) {
-    Release(desc);
-    node->writesCompleted += 1;
-    mq::Trace("mnWriteToNode", node);
-    return 1;
-  }
-  mq::CopySocketError(node);
-  mq::Trace("mnWriteToNode", node);
+  Trace("mnWriteToNode", node);
+  return queued;
+}
+
+int WriteUnfinished(MQNode* node, SockAddrRec* to, IoBuffer* desc, int taken) {
+  CopySocketError(node);
+  Trace("mnWriteToNode", node);
   if (taken || node->sock.error == SOCK_WOULD_BLOCK) return StartQueue(node, to, desc);
   return Drop(node, desc, MQ_AGAIN);
+}
+
+}  // namespace mq
+
+int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
+  return mq::WriteToNode(node, to, desc, highPriority);
 }
 
 int mnFinishWrite(MQNode* node) {
@@ -151,7 +142,7 @@ int mnFinishWrite(MQNode* node) {
     }
     if (!SendQueued(node, desc)) return FinishFailed(node, desc);
     if (desc->sent != desc->length) return PutBack(node, desc);
-    Release(desc);
+    mq::Release(desc);
     node->writesCompleted += 1;
     CountDown(node);
   }

@@ -18,11 +18,6 @@
 namespace mq {
 namespace {
 
-bool Reserve(IoBuffer* buf, uint32_t size) {
-  if (buf->capacity < size) SizeBuffer(buf, size);
-  return buf->capacity >= size;
-}
-
 // What a failure that the caller cannot go on from does to the buffer, in the order that the trace point shows.
 int Leave(MQNode* node, const char* point, int code, const Framing& framing) {
   node->error = code;
@@ -53,16 +48,6 @@ bool Rearm(MQNode* node, const Framing& framing) {
   return true;
 }
 
-int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced) {
-  IoBuffer* const buf = &node->recvBuffer;
-  const uint32_t total = TotalLength(framing.headerLength, announced);
-  if (total == 0) return MQ_BAD_MESSAGE;
-  if (IsDatagram(node) && total != buf->received) return MQ_BAD_MESSAGE;
-  if (!Reserve(buf, total)) return MQ_NO_ROOM;
-  buf->length = total;
-  return MQ_OK;
-}
-
 }  // namespace mq
 
 namespace {
@@ -75,7 +60,7 @@ constexpr timespec kBrowsePause = {0, 10'000'000};  // 10 ms: at most a second i
 
 // Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail
 // with.
-int ConvertHeader(MQNode* node) {
+[[gnu::always_inline]] inline int ConvertHeader(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   constexpr size_t kAuxOffset = 18496;
   PcfRawData raw;
@@ -88,7 +73,7 @@ int ConvertHeader(MQNode* node) {
 }
 
 // Hands the message that the buffer holds to the host.
-int Deliver(PcfMessage* msg, MQNode* node) {
+[[gnu::always_inline]] inline int Deliver(PcfMessage* msg, MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   if (msg->raw.capacity < buf->received && !SizePcfMessage(msg, buf->received)) {
     return mq::FailRead(node, kPlainFraming, MQ_NO_ROOM);
@@ -103,6 +88,10 @@ int Deliver(PcfMessage* msg, MQNode* node) {
   mq::ResetReceive(node, kPlainFraming);
   mq::Trace(kPlainFraming.read, node);
   return result;
+}
+
+[[gnu::noinline]] int ReadDatagram(PcfMessage* msg, MQNode* node) {
+  return mq::ReadMessage<kPlainFraming, SOCK_TYPE_DATAGRAM, ConvertHeader, Deliver>(msg, node);
 }
 
 bool IsNonBlocking(const SockRec& sock) {
@@ -162,9 +151,12 @@ bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
 
 }  // namespace
 
-int mnReadMsg(MQNode* node) { return mq::Gather<kPlainFraming>(node); }
+int mnReadMsg(MQNode* node) { return mq::GatherAny<kPlainFraming>(node); }
 
-int mnRead(PcfMessage* msg, MQNode* node) { return mq::ReadMessage<kPlainFraming, ConvertHeader, Deliver>(msg, node); }
+int mnRead(PcfMessage* msg, MQNode* node) {
+  if (mq::IsDatagram(node)) return ReadDatagram(msg, node);
+  return mq::ReadMessage<kPlainFraming, SOCK_TYPE_STREAM, ConvertHeader, Deliver>(msg, node);
+}
 
 int mnBrowse(PcfMessage* msg, MQNode* node) {
   node->error = MQ_OK;

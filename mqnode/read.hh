@@ -9,7 +9,7 @@
 
 #include "mqnode/node.hh"
 #include "mqnode/wire.hh"
-#include "socksin/transfer.h"
+#include "socksin/transfer.hh"
 
 namespace mq {
 
@@ -46,17 +46,30 @@ int FailReceive(MQNode* node, const Framing& framing);
 // without memory, or is idle in the other framing. False when there is no area that a header fits in.
 bool Rearm(MQNode* node, const Framing& framing);
 
+inline bool Reserve(IoBuffer* buf, uint32_t size) {
+  if (buf->capacity < size) SizeBuffer(buf, size);
+  return buf->capacity >= size;
+}
+
 // Makes the buffer ask for the whole message that a converted header announces. Returns 0, or the code with which the
 // read has to fail.
-int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced);
-
-// Receives until the buffer holds what it asks for; a datagram node receives one datagram.
-template <const Framing& kFraming>
-[[gnu::always_inline]] inline int Gather(MQNode* node) {
+inline int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced) {
   IoBuffer* const buf = &node->recvBuffer;
-  const bool datagram = IsDatagram(node);
+  const uint32_t total = TotalLength(framing.headerLength, announced);
+  if (total == 0) return MQ_BAD_MESSAGE;
+  if (IsDatagram(node) && total != buf->received) return MQ_BAD_MESSAGE;
+  if (!Reserve(buf, total)) return MQ_NO_ROOM;
+  buf->length = total;
+  return MQ_OK;
+}
+
+// Receives until the buffer holds what it asks for; on a datagram node one datagram, unless one is held already.
+template <const Framing& kFraming, uint32_t kType>
+[[gnu::always_inline]] inline int Gather(MQNode* node) {
+  constexpr bool kDatagram = kType == SOCK_TYPE_DATAGRAM;
+  IoBuffer* const buf = &node->recvBuffer;
   node->error = MQ_OK;
-  if (datagram && buf->received == 0) buf->length = buf->capacity;
+  if (kDatagram && buf->received == 0) buf->length = buf->capacity;
   if (buf->length > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
   for (;;) {
     // What is held may have been gathered in the other framing.
@@ -64,41 +77,50 @@ template <const Framing& kFraming>
       return FailGather(node, kFraming, MQ_BAD_MESSAGE);
     }
     if (buf->received >= buf->length) return 1;
-    if (!ReadSocket(&node->sock, buf)) return FailReceive(node, kFraming);
-    if (datagram) buf->length = buf->received;
+    if (!Receive<kType>(&node->sock, buf)) return FailReceive(node, kFraming);
+    if (kDatagram) buf->length = buf->received;
   }
 }
 
-// The second stage: gathers the rest of a message and delivers it.
-template <const Framing& kFraming, auto kDeliver>
-int ReadRest(PcfMessage* msg, MQNode* node) {
-  if (Gather<kFraming>(node)) return kDeliver(msg, node);
-  Trace(kFraming.read, node);
-  return 0;
+template <const Framing& kFraming>
+int GatherAny(MQNode* node) {
+  return IsDatagram(node) ? Gather<kFraming, SOCK_TYPE_DATAGRAM>(node) : Gather<kFraming, SOCK_TYPE_STREAM>(node);
+}
+
+// The second stage on a stream: ExpectMessage has made the buffer ask for the rest of a message whose header it holds.
+template <const Framing& kFraming>
+[[gnu::always_inline]] inline int GatherRest(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  while (buf->received < buf->length) {
+    if (!Receive<SOCK_TYPE_STREAM>(&node->sock, buf)) return FailReceive(node, kFraming);
+  }
+  return 1;
+}
+
+inline int EndRead(MQNode* node, const Framing& framing, int result) {
+  Trace(framing.read, node);
+  return result;
 }
 
 // Reads one message. kConvert converts a header that has just been gathered and calls ExpectMessage; kDeliver hands the
-// whole message to the host and runs the read's trace point.
-template <const Framing& kFraming, auto kConvert, auto kDeliver>
-int ReadMessage(PcfMessage* msg, MQNode* node) {
+// whole message to the host and runs the read's trace point, which a message read in two stages runs once more.
+template <const Framing& kFraming, uint32_t kType, auto kConvert, auto kDeliver>
+[[gnu::always_inline]] inline int ReadMessage(PcfMessage* msg, MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   node->error = MQ_OK;
   const bool idle = buf->received == 0;
   const bool armed = buf->length == kFraming.headerLength && buf->capacity >= kFraming.headerLength;
   if (idle && !armed && !Rearm(node, kFraming)) return FailRead(node, kFraming, MQ_NO_ROOM);
-  const bool inRest = !idle && buf->length > kFraming.headerLength && !IsDatagram(node);
-  if (inRest) return ReadRest<kFraming, kDeliver>(msg, node);
+  const bool inRest = !idle && buf->length > kFraming.headerLength && kType == SOCK_TYPE_STREAM;
+  if (!Gather<kFraming, kType>(node)) return EndRead(node, kFraming, 0);
+  if (inRest) return kDeliver(msg, node);
 
-  int result = Gather<kFraming>(node);
-  if (result) {
-    // A part of another framing is not long enough.
-    const int code = buf->received >= kFraming.headerLength ? kConvert(node) : MQ_BAD_MESSAGE;
-    if (code != MQ_OK) return FailRead(node, kFraming, code);
-    if (IsDatagram(node)) return kDeliver(msg, node);
-    result = ReadRest<kFraming, kDeliver>(msg, node);
-  }
-  Trace(kFraming.read, node);
-  return result;
+  // A part of another framing is not long enough.
+  const int code = buf->received >= kFraming.headerLength ? kConvert(node) : MQ_BAD_MESSAGE;
+  if (code != MQ_OK) return FailRead(node, kFraming, code);
+  if (kType == SOCK_TYPE_DATAGRAM) return kDeliver(msg, node);
+  const int result = GatherRest<kFraming>(node) ? kDeliver(msg, node) : EndRead(node, kFraming, 0);
+  return EndRead(node, kFraming, result);
 }
 
 }  // namespace mq

@@ -62,9 +62,12 @@ int Deliver(PcfMessage* msg, MQNode* node) {
 
 }  // namespace
 
-int mnSReadMsg(MQNode* node) { return mq::Gather<kSecureFraming>(node); }
+int mnSReadMsg(MQNode* node) { return mq::GatherAny<kSecureFraming>(node); }
 
 int mnSRead(PcfMessage* msg, MQNode* node, int secure, void*) {
   if (!secure) return mnRead(msg, node);
-  return mq::ReadMessage<kSecureFraming, ConvertEnvelope, Deliver>(msg, node);
+  if (mq::IsDatagram(node)) {
+    return mq::ReadMessage<kSecureFraming, SOCK_TYPE_DATAGRAM, ConvertEnvelope, Deliver>(msg, node);
+  }
+  return mq::ReadMessage<kSecureFraming, SOCK_TYPE_STREAM, ConvertEnvelope, Deliver>(msg, node);
 }

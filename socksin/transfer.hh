@@ -1,0 +1,66 @@
+// transfer.hh - one receive and one send, inline for the road of a message: what ReadSocket and WriteSocket do.
+// Invariant: rec->buffer is set exactly between the two trace points of a call.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "socksin/record.hh"
+#include "socksin/resolve.h"
+#include "socksin/transfer.h"
+
+namespace mq {
+
+inline void BeginTransfer(SockRec* rec, IoBuffer* buf, const char* point) {
+  rec->buffer = buf;
+  RunSocketTrace(point, rec);
+}
+
+inline int EndTransfer(SockRec* rec, const char* point, int result) {
+  RunSocketTrace(point, rec);
+  rec->buffer = nullptr;
+  return result;
+}
+
+// Ends a transfer that moved nothing. Always 0.
+int FailTransfer(SockRec* rec, const char* point, int code);
+
+// sendto to a destination that is resolved first; as send, with errno 89 when there is none.
+ssize_t SendTo(SockRec* rec, const IoBuffer* buf, SockAddrRec* destination);
+
+// kType: the record's.
+template <uint32_t kType>
+[[gnu::always_inline]] inline int Receive(SockRec* rec, IoBuffer* buf) {
+  constexpr const char* kAfter = "ReadSocket:After";
+  BeginTransfer(rec, buf, "ReadSocket:Before");
+  sockaddr_in peer;
+  if (kType == SOCK_TYPE_DATAGRAM) peer = {};
+  socklen_t peerLength = sizeof peer;
+  const ssize_t got = recvfrom(rec->fd, buf->data + buf->received, buf->length - buf->received,
+                               static_cast<int>(buf->flags), reinterpret_cast<sockaddr*>(&peer), &peerLength);
+  if (got <= 0) [[unlikely]]
+    return FailTransfer(rec, kAfter, got == 0 ? SOCK_PEER_CLOSED : errno);
+  rec->error = 0;
+  buf->received += static_cast<uint32_t>(got);
+  rec->bytesReceived += static_cast<uint64_t>(got);
+  if (kType == SOCK_TYPE_DATAGRAM && peerLength != 0) IpAddrToSocketAddr(&rec->from, &peer, rec->from.protocol);
+  return EndTransfer(rec, kAfter, 1);
+}
+
+[[gnu::always_inline]] inline int Send(SockRec* rec, IoBuffer* buf, SockAddrRec* destination) {
+  constexpr const char* kAfter = "WriteSocket:After";
+  BeginTransfer(rec, buf, "WriteSocket:Before");
+  const ssize_t taken = rec->type == SOCK_TYPE_STREAM ? send(rec->fd, buf->data + buf->sent, buf->length - buf->sent,
+                                                             static_cast<int>(buf->flags))
+                                                      : SendTo(rec, buf, destination);
+  if (taken < 0) [[unlikely]]
+    return FailTransfer(rec, kAfter, errno);
+  rec->error = 0;
+  buf->sent += static_cast<uint32_t>(taken);
+  rec->bytesSent += static_cast<uint64_t>(taken);
+  return EndTransfer(rec, kAfter, 1);
+}
+
+}  // namespace mq
