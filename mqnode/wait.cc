@@ -23,16 +23,15 @@ PostTimeout Timeout(int milliseconds) {
 // Lists the nodes' sockets; with kPending those with queued writes in the writable list too.
 template <bool kPending>
 void ListSockets(MQNode** nodes, SockPostData* work) {
-  const int room = work->size - 1;
-  SockRec** const list = work->sockets;
+  MQNode** const last = nodes + (work->size - 1);
+  SockRec** list = work->sockets;
   SockRec** writable = work->writable;
-  int listed = 0;
-  for (; listed < room && nodes[listed] != nullptr; ++listed) {
-    MQNode* const node = nodes[listed];
-    list[listed] = &node->sock;
-    if (kPending && node->pending != nullptr) *writable++ = &node->sock;
+  for (; nodes < last && *nodes != nullptr; ++nodes) {
+    SockRec* const sock = &(*nodes)->sock;
+    *list++ = sock;
+    if (kPending && (*nodes)->pending != nullptr) *writable++ = sock;
   }
-  list[listed] = nullptr;
+  *list = nullptr;
   if (kPending) *writable = nullptr;
 }
 

@@ -6,6 +6,7 @@
 
 #include <sys/select.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -20,11 +21,12 @@ constexpr size_t kWordBits = 64;
 constexpr int kUsecPerMsec = 1000;
 constexpr int kMostDescriptors = 1 << 28;  // no process has so many
 
-// The three sets of one wait.
+// The three sets of one wait, and room for their union.
 struct Sets {
   Word* read;
   Word* write;
   Word* except;
+  Word* any;
   size_t bits;  // descriptors below this fit
   int highest;  // highest descriptor seen
   void* block;  // the sets' own memory, null while they are the record's
@@ -44,12 +46,12 @@ struct Family {
 constexpr Family kPost = {false, "PostSocket:Ready", nullptr, "PostSocket:Exception"};
 constexpr Family kNPost = {true, "NPostSocket:Ready", "NPostSocket:Write", "NPostSocket:Exception"};
 
-// The descriptors of the first sockets, as the sets were built from them. Most sockets of a wait are not ready: with
-// these at hand, collecting need not visit their records, each of which lies on a page of its own.
-constexpr int kKnown = SOCK_POST_SIZE - 1;
-struct Known {
-  int count = 0;
+// What a wait keeps on the stack. Most sockets of a wait are not ready: with the descriptors of the first ones at hand,
+// collecting need not visit their records, each of which lies on a page of its own.
+constexpr size_t kKnown = SOCK_POST_SIZE - 1;
+struct Scratch {
   int fd[kKnown];
+  Word any[FD_SETSIZE / kWordBits];
 };
 
 // Where a descriptor's bit is in a set.
@@ -65,25 +67,28 @@ void Add(Word* set, Place place) { set[place.word] |= place.bit; }
 
 bool Has(const Word* set, Place place) { return (set[place.word] & place.bit) != 0; }
 
-Sets RecordSets(const SockPostData* work) {
+// The same, in fewer instructions where it is asked for each socket of a wait.
+bool HasDescriptor(const Word* set, size_t fd) { return (set[fd / kWordBits] >> (fd % kWordBits) & 1) != 0; }
+
+Sets RecordSets(const SockPostData* work, Scratch* scratch) {
   memset(work->readSet, 0, sizeof(fd_set));
   memset(work->exceptSet, 0, sizeof(fd_set));
   memset(work->writeSet, 0, sizeof(fd_set));
   const auto words = [](fd_set* set) { return reinterpret_cast<Word*>(set); };
-  return {words(work->readSet), words(work->writeSet), words(work->exceptSet), FD_SETSIZE, 0, nullptr};
+  return {words(work->readSet), words(work->writeSet), words(work->exceptSet), scratch->any, FD_SETSIZE, 0, nullptr};
 }
 
 // Moves the sets into a larger block, with room for fd and as much again.
 bool Grow(Sets* sets, int fd) {
   if (fd >= kMostDescriptors) return false;
   const size_t words = static_cast<size_t>(fd) * 2 / kWordBits + 1;
-  auto* const block = static_cast<Word*>(calloc(words * 3, sizeof(Word)));
+  auto* const block = static_cast<Word*>(calloc(words * 4, sizeof(Word)));
   if (block == nullptr) return false;
   const size_t used = sets->bits / kWordBits * sizeof(Word);
   const Word* const old[] = {sets->read, sets->write, sets->except};
   for (size_t i = 0; i < 3; ++i) memcpy(block + i * words, old[i], used);
   free(sets->block);
-  *sets = {block, block + words, block + 2 * words, words * kWordBits, sets->highest, block};
+  *sets = {block, block + words, block + 2 * words, block + 3 * words, words * kWordBits, sets->highest, block};
   return true;
 }
 
@@ -104,23 +109,60 @@ bool AddWaitingWrites(Sets* sets, const SockPostData* work) {
   return true;
 }
 
-bool AddSockets(Sets* sets, const SockPostData* work, bool writes, Known* known) {
-  SockRec** const list = work->sockets;
-  const int last = work->size - 1;
-  const bool readable = work->readable != nullptr;
-  const bool exceptional = work->exceptional != nullptr;
-  for (int i = 0; i < last && list[i] != nullptr; ++i) {
-    const SockRec* const rec = list[i];
+// A socket that is not connected yet is writable once it is.
+bool Connects(const SockRec* rec) { return rec->connected == 0 && rec->type == SOCK_TYPE_STREAM; }
+
+// Adds the sockets from index to before last to the sets and notes their descriptors in fds, up to the first that does
+// not fit; returns the index of that one, of the end of the list, or last. This runs for each socket of each wait: what
+// it needs stays in registers.
+template <bool kWrites>
+size_t AddFitting(Sets* sets, SockRec* const* list, size_t index, size_t last, int* fds) {
+  const Sets known = *sets;
+  int highest = known.highest;
+  for (; index < last && list[index] != nullptr; ++index) {
+    const SockRec* const rec = list[index];
     const int fd = rec->fd;
-    if (i < kKnown) known->fd[known->count++] = fd;
-    if (fd < 0) continue;
-    if (!Reach(sets, fd)) return false;
+    if (!known.Fits(fd)) break;
+    fds[index] = fd;
+    highest = fd > highest ? fd : highest;
     const Place place(fd);
-    if (readable) Add(sets->read, place);
-    if (exceptional) Add(sets->except, place);
-    if (writes && rec->connected == 0 && rec->type == SOCK_TYPE_STREAM) Add(sets->write, place);
+    Add(known.read, place);
+    Add(known.except, place);
+    if (kWrites && Connects(rec)) Add(known.write, place);
   }
+  sets->highest = highest;
+  return index;
+}
+
+// Any one socket; false without memory.
+template <bool kWrites>
+bool AddSocket(Sets* sets, const SockRec* rec) {
+  if (rec->fd < 0) return true;
+  if (!Reach(sets, rec->fd)) return false;
+  const Place place(rec->fd);
+  Add(sets->read, place);
+  Add(sets->except, place);
+  if (kWrites && Connects(rec)) Add(sets->write, place);
   return true;
+}
+
+// Adds all sockets; returns how many there are, or -1 without memory.
+template <bool kWrites>
+int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch) {
+  SockRec* const* const list = work->sockets;
+  const size_t last = work->size > 0 ? static_cast<size_t>(work->size - 1) : 0;
+  size_t index = 0;
+  for (;; ++index) {
+    index = AddFitting<kWrites>(sets, list, index, std::min(last, kKnown), scratch->fd);
+    if (index >= last || list[index] == nullptr) break;
+    if (!AddSocket<kWrites>(sets, list[index])) return -1;
+    if (index < kKnown) scratch->fd[index] = list[index]->fd;
+  }
+  // Nobody asked.
+  const size_t used = (static_cast<size_t>(sets->highest) / kWordBits + 1) * sizeof(Word);
+  if (work->readable == nullptr) memset(sets->read, 0, used);
+  if (work->exceptional == nullptr) memset(sets->except, 0, used);
+  return static_cast<int>(index);
 }
 
 bool Select(Sets* sets, const PostTimeout* timeout, int* status) {
@@ -148,43 +190,68 @@ int CollectWaitingWrites(const Sets& sets, SockPostData* work, const char* point
   return kept;
 }
 
-void Collect(const Sets& sets, SockPostData* work, const Family& family, const Known& known) {
-  const bool writes = family.writes && work->writable != nullptr;
+void Unite(const Sets& sets) {
+  const size_t words = static_cast<size_t>(sets.highest) / kWordBits + 1;
+  for (size_t i = 0; i < words; ++i) sets.any[i] = sets.read[i] | sets.write[i] | sets.except[i];
+}
+
+// The lists that a wait fills, and how full they are.
+struct Ready {
   int readable = 0;
   int exceptional = 0;
-  int writable = writes ? CollectWaitingWrites(sets, work, family.write) : 0;
-  for (int i = 0; work->sockets[i] != nullptr; ++i) {
-    const int fd = i < known.count ? known.fd[i] : work->sockets[i]->fd;
-    if (!sets.Fits(fd)) continue;
-    const Place place(fd);
-    if (((sets.read[place.word] | sets.except[place.word] | sets.write[place.word]) & place.bit) == 0) continue;
-    SockRec* const rec = work->sockets[i];
-    if (rec->fd != fd) continue;  // a trace callback has closed it or opened another
-    if (Has(sets.read, place) && work->readable != nullptr) {
-      work->readable[readable++] = rec;
-      mq::RunSocketTrace(family.ready, rec);
-    } else if (Has(sets.except, place) && work->exceptional != nullptr) {
-      work->exceptional[exceptional++] = rec;
-      mq::RunSocketTrace(family.exception, rec);
-    } else if (writes && Has(sets.write, place) && rec->connected == 0) {
-      MarkWritable(rec, work->writable, &writable, family.write);
-    }
+  int writable = 0;
+};
+
+void CollectOne(const Sets& sets, SockPostData* work, const Family& family, SockRec* rec, Ready* ready) {
+  const Place place(rec->fd);
+  if (Has(sets.read, place) && work->readable != nullptr) {
+    work->readable[ready->readable++] = rec;
+    mq::RunSocketTrace(family.ready, rec);
+  } else if (Has(sets.except, place) && work->exceptional != nullptr) {
+    work->exceptional[ready->exceptional++] = rec;
+    mq::RunSocketTrace(family.exception, rec);
+  } else if (family.writes && work->writable != nullptr && Has(sets.write, place) && rec->connected == 0) {
+    MarkWritable(rec, work->writable, &ready->writable, family.write);
   }
-  if (work->exceptional != nullptr) work->exceptional[exceptional] = nullptr;
-  if (work->readable != nullptr) work->readable[readable] = nullptr;
-  if (writes) work->writable[writable] = nullptr;
+}
+
+void Collect(const Sets& sets, SockPostData* work, const Family& family, const Scratch& scratch, size_t count) {
+  const bool writes = family.writes && work->writable != nullptr;
+  Ready ready;
+  if (writes) ready.writable = CollectWaitingWrites(sets, work, family.write);
+  Unite(sets);
+  const Word* const any = sets.any;
+  const size_t bits = sets.bits;
+  const size_t known = std::min(count, kKnown);
+  for (size_t i = 0; i < known; ++i) {
+    const auto fd = static_cast<size_t>(scratch.fd[i]);
+    if (fd >= bits || !HasDescriptor(any, fd)) continue;
+    SockRec* const rec = work->sockets[i];
+    if (rec->fd == scratch.fd[i]) CollectOne(sets, work, family, rec, &ready);  // else a trace callback changed it
+  }
+  for (size_t i = known; i < count; ++i) {
+    SockRec* const rec = work->sockets[i];
+    if (sets.Fits(rec->fd)) CollectOne(sets, work, family, rec, &ready);
+  }
+  if (work->exceptional != nullptr) work->exceptional[ready.exceptional] = nullptr;
+  if (work->readable != nullptr) work->readable[ready.readable] = nullptr;
+  if (writes) work->writable[ready.writable] = nullptr;
 }
 
 int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Family& family) {
   *status = 0;
   const bool writes = family.writes && work->writable != nullptr;
-  Sets sets = RecordSets(work);
-  Known known;
+  Scratch scratch;
+  Sets sets = RecordSets(work, &scratch);
+  const bool added = !writes || AddWaitingWrites(&sets, work);
+  const int count = !added   ? -1
+                    : writes ? AddSockets<true>(&sets, work, &scratch)
+                             : AddSockets<false>(&sets, work, &scratch);
   int result = 0;
-  if ((writes && !AddWaitingWrites(&sets, work)) || !AddSockets(&sets, work, writes, &known)) {
+  if (count < 0) {
     *status = ENOMEM;
   } else if (Select(&sets, timeout, status)) {
-    Collect(sets, work, family, known);
+    Collect(sets, work, family, scratch, static_cast<size_t>(count));
     result = 1;
   }
   free(sets.block);
