@@ -149,7 +149,12 @@ void ReleaseOther(void* place) {
     __atomic_fetch_sub(&head.tag->live_bytes, head.size, __ATOMIC_RELAXED);
     __atomic_fetch_sub(&head.tag->live, 1, __ATOMIC_RELAXED);
   }
-  free(static_cast<char*>(place) - head.offset);
+  if (head.offset > kAreaAlignment) {
+    constexpr uint32_t kHead = sizeof(BlockHead);
+    GiveToPool(static_cast<char*>(place) - kHead, head.offset - kHead);
+  } else {
+    free(static_cast<char*>(place) - head.offset);
+  }
 }
 
 }  // namespace mqc

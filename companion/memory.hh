@@ -8,6 +8,9 @@
 // A released block of up to 2 KiB stays on a shelf for the next allocation that rounds up to the same multiple of 64:
 // the descriptor and the data of a short message cost no visit to malloc. A shelf holds one block; shelves are used
 // while the process has one thread, and in release builds only, so that what looks for misuse of memory sees it all.
+//
+// Records of 1 to 2 KiB, nodes above all, lie side by side in chunks (pool.cc), also in release builds only: a wait
+// looks into every node, and nodes that lie among their 16 KiB receive areas cost it a page each.
 #pragma once
 
 #include <stdint.h>
@@ -46,7 +49,7 @@ extern uint64_t fail_countdown;  // 0: no allocation is to fail
 struct BlockHead {
   Tag* tag;
   uint32_t size;    // as asked for
-  uint16_t offset;  // from the malloc block to the bytes handed out
+  uint16_t offset;  // from the malloc block to the bytes handed out; more than kAreaAlignment in a chunk
   uint16_t shelf;   // where the block may stay when it is released; 0 for none
 };
 static_assert(sizeof(BlockHead) == 16);
@@ -98,19 +101,32 @@ inline uint16_t ShelfFor(uint32_t size) {
   return step < kShelvesOfAKind ? static_cast<uint16_t>(first + step) : 0;
 }
 
-// A block from malloc, which is to be kept on that shelf later. Null without memory.
+constexpr uint16_t kFirstPooled = 17;  // shelf of the smallest records that lie in chunks
+
+inline bool IsPooled(Kind kind, uint16_t shelf) {
+  return kind == Kind::kRecord && shelf >= kFirstPooled && shelf <= kShelvesOfAKind;
+}
+
+// A block of that shelf's size in a chunk, offset bytes from its start. Null without memory.
+char* TakeFromPool(uint16_t shelf, uint32_t* offset);
+void GiveToPool(char* block, uint32_t offset);
+
+// A block that is to be kept on that shelf later. Null without memory.
 template <Kind kKind>
 [[gnu::noinline]] void* AllocateNew(uint32_t size, Tag& tag, uint16_t shelf) {
   if (__atomic_load_n(&fail_countdown, __ATOMIC_RELAXED) != 0 && MustFail()) return CountFailure();
-  const size_t bytes = BlockBytes<kKind>(size);
-  char* block = static_cast<char*>(malloc(shelf != 0 ? (bytes + kShelfStep - 1) & ~(kShelfStep - 1) : bytes));
+  const size_t bytes =
+      shelf != 0 ? (BlockBytes<kKind>(size) + kShelfStep - 1) & ~(kShelfStep - 1) : BlockBytes<kKind>(size);
+  uint32_t before = 0;  // bytes of a chunk before the block
+  const bool pooled = IsPooled(kKind, shelf);
+  char* block = pooled ? TakeFromPool(shelf, &before) : static_cast<char*>(malloc(bytes));
   if (block == nullptr) return CountFailure();
   const uintptr_t start = reinterpret_cast<uintptr_t>(block);
   const uintptr_t area = (start + sizeof(BlockHead) + kAreaAlignment - 1) & ~(kAreaAlignment - 1);
-  const auto offset = static_cast<uint16_t>(kKind == Kind::kArea ? area - start : sizeof(BlockHead));
-  HeadOf(block + offset) = {&tag, size, offset, shelf};
+  char* place = block + (kKind == Kind::kArea ? area - start : sizeof(BlockHead));
+  HeadOf(place) = {&tag, size, static_cast<uint16_t>(before + (place - block)), shelf};
   CountIn(tag, size);
-  return block + offset;
+  return place;
 }
 
 // The block on that shelf; null when there is none, or when threads or a failure that is asked for stand in the way.

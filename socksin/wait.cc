@@ -70,12 +70,18 @@ bool Has(const Word* set, Place place) { return (set[place.word] & place.bit) !=
 // The same, in fewer instructions where it is asked for each socket of a wait.
 bool HasDescriptor(const Word* set, size_t fd) { return (set[fd / kWordBits] >> (fd % kWordBits) & 1) != 0; }
 
+// Word by word: the compiler's own way of clearing so few bytes takes longer to start than to do.
+Word* Cleared(fd_set* set) {
+  Word* const words = reinterpret_cast<Word*>(set);
+  for (size_t i = 0; i < FD_SETSIZE / kWordBits; i += 4) {
+    words[i] = words[i + 1] = words[i + 2] = words[i + 3] = 0;
+  }
+  return words;
+}
+
 Sets RecordSets(const SockPostData* work, Scratch* scratch) {
-  memset(work->readSet, 0, sizeof(fd_set));
-  memset(work->exceptSet, 0, sizeof(fd_set));
-  memset(work->writeSet, 0, sizeof(fd_set));
-  const auto words = [](fd_set* set) { return reinterpret_cast<Word*>(set); };
-  return {words(work->readSet), words(work->writeSet), words(work->exceptSet), scratch->any, FD_SETSIZE, 0, nullptr};
+  return {
+      Cleared(work->readSet), Cleared(work->writeSet), Cleared(work->exceptSet), scratch->any, FD_SETSIZE, 0, nullptr};
 }
 
 // Moves the sets into a larger block, with room for fd and as much again.

@@ -225,6 +225,39 @@ TEST(Memory, CountsStayRightAcrossThreads) {
   EXPECT_LE(after.peak_blocks, std::max(before.peak_blocks, before.live_blocks + 4));
 }
 
+// Blocks are kept for reuse and lie in chunks: whatever the order of their release, none overlaps another.
+TEST(Memory, BlocksStayApartInAnyOrderOfRelease) {
+  struct Block {
+    void* place;
+    uint32_t size;
+    uint8_t fill;
+  };
+  const MqcMemory before = Account("T2");
+  std::vector<Block> blocks;
+  std::mt19937 random(1);
+  for (int step = 0; step < 20000; ++step) {
+    if (blocks.size() < 150 && random() % 5 < 3) {
+      const uint32_t size = random() % 3 == 0 ? 1944 : random() % 2300;
+      Block block = {nullptr, size, static_cast<uint8_t>(step)};
+      ASSERT_TRUE(fNewMemory(&block.place, size, "T2"));
+      const auto* bytes = static_cast<const uint8_t*>(block.place);
+      ASSERT_EQ(std::count(bytes, bytes + size, 0), size);
+      memset(block.place, block.fill, size);
+      blocks.push_back(block);
+    } else if (!blocks.empty()) {
+      Block& block = blocks[random() % blocks.size()];
+      const auto* bytes = static_cast<const uint8_t*>(block.place);
+      ASSERT_EQ(std::count(bytes, bytes + block.size, block.fill), block.size);
+      FreeMemory(block.place);
+      block = blocks.back();
+      blocks.pop_back();
+    }
+  }
+  for (const Block& block : blocks) FreeMemory(block.place);
+  EXPECT_EQ(Account("T2").live_blocks, before.live_blocks);
+  EXPECT_EQ(Account("T2").live_bytes, before.live_bytes);
+}
+
 TEST(Memory, FailsOnceOrFromThereOn) {
   for (const int onwards : {0, 1}) {
     std::string outcome;
