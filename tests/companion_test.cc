@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <sstream>
 #include <thread>
 #include <vector>
