@@ -12,7 +12,7 @@
 namespace mqcat {
 namespace {
 
-constexpr uint64_t kMaxRepeat = 64u << 20;  // bytes that one '*' stands for
+constexpr uint64_t kMaxRepeat = 64u << 20;  // bytes that all '*' of a dump stand for
 constexpr std::array<std::array<uint8_t, 4>, 4> kPcapMarks = {
     {{0xa1, 0xb2, 0xc3, 0xd4}, {0xd4, 0xc3, 0xb2, 0xa1}, {0xa1, 0xb2, 0x3c, 0x4d}, {0x4d, 0x3c, 0xb2, 0xa1}}};
 constexpr std::array<uint8_t, 4> kPcapNgMark = {0x0a, 0x0d, 0x0d, 0x0a};
@@ -65,24 +65,23 @@ class HexReader {
   bool Line(std::string_view line) {
     const size_t first = line.find_first_not_of(" \t\r");
     if (first == std::string_view::npos || line[first] == '#') return true;
-    if (line.substr(first, 1) == "*") return repeat_ = !last_.empty();
+    if (line.substr(first, 1) == "*") return repeat_ = last_ != 0;
     const std::optional<uint64_t> offset = TakeOffset(line);
     if (offset && !has_base_) base_ = *offset - bytes_.size();
     has_base_ = has_base_ || offset;
-    if (repeat_ && !Repeat(offset)) return false;
+    if (repeat_ && !(offset && RepeatTo(*offset - base_))) return false;
     return Digits(line, offset.has_value());
   }
 
  private:
-  bool Repeat(std::optional<uint64_t> offset) {
+  // The bytes of the line before, which are the last ones, once more and again until there are end bytes.
+  bool RepeatTo(uint64_t end) {
     repeat_ = false;
-    if (!offset) return false;
-    const uint64_t end = *offset - base_;
-    if (end < bytes_.size() || end - bytes_.size() > kMaxRepeat) return false;
-    while (bytes_.size() < end) {
-      const size_t count = std::min<size_t>(last_.size(), static_cast<size_t>(end) - bytes_.size());
-      bytes_.insert(bytes_.end(), last_.begin(), last_.begin() + static_cast<ptrdiff_t>(count));
-    }
+    const size_t begin = bytes_.size();
+    if (end < begin || end - begin > room_) return false;
+    room_ -= end - begin;
+    bytes_.resize(static_cast<size_t>(end));
+    for (size_t i = begin; i < bytes_.size(); ++i) bytes_[i] = bytes_[i - last_];
     return true;
   }
 
@@ -101,14 +100,15 @@ class HexReader {
       if (dump && bytes_.size() - before >= 16 && gap >= 2) break;
       bytes_.insert(bytes_.end(), bytes->begin(), bytes->end());
     }
-    last_.assign(bytes_.begin() + static_cast<ptrdiff_t>(before), bytes_.end());
+    last_ = bytes_.size() - before;
     return true;
   }
 
   std::vector<uint8_t>& bytes_;
-  std::vector<uint8_t> last_;
+  uint64_t base_ = 0;  // offset of the first byte, once a line has one
   bool has_base_ = false;
-  uint64_t base_ = 0;  // offset that the dump gives its first byte
+  size_t last_ = 0;  // bytes of the line before
+  uint64_t room_ = kMaxRepeat;
   bool repeat_ = false;
 };
 

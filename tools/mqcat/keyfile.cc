@@ -111,13 +111,14 @@ bool PutKey(std::vector<std::string>& lines, const std::string& path, const KeyL
 
 bool ParseKeyLine(const std::string& text, const std::string& where, KeyLine& out) {
   const std::string line = text.substr(0, text.find('#'));
+  const bool cut = text.find('\0') != std::string::npos;
   size_t at = 0;
   out.user = NextWord(line, at);
-  if (out.user.empty()) return false;
+  if (out.user.empty() && !cut) return false;
   out.key = NextWord(line, at);
   uint8_t key[MQC_KEY_BYTES];
   const bool right = IsUser(out.user) && NextWord(line, at).empty() && mqc_key_from_text(out.key.c_str(), key);
-  if (!right || line.find('\0') != std::string::npos) {
+  if (!right || cut) {
     throw Failure{kExitSecurity, fmt::format("{}: expected a user of 1 to {} characters and a key of {} hexadecimal "
                                              "digits",
                                              where, MQC_USER_MAX, 2 * MQC_KEY_BYTES)};
