@@ -9,7 +9,6 @@
 //   mutants             .txt: the node error, a line a datagram
 //   mutated, noise      streams cut anywhere, and bytes that mean nothing: nothing to be seen but no failure
 #include <arpa/inet.h>
-#include <iconv.h>
 #include <sodium.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -26,22 +25,17 @@
 
 #include "companion/host.h"
 #include "mqnode/mqnode.h"
+#include "tests/support/sender.hh"
 
 namespace {
 
-using Bytes = std::string;
+using namespace sender;
 
 constexpr uint16_t kPort = 47110;    // of every receiver in the captures
 constexpr uint16_t kSender = 50000;  // of the first sender
 constexpr int kMutants = 4000;
 constexpr int kMutatedStreams = 150;
 constexpr int kNoise = 500;
-
-void Check(bool good, const char* what) {
-  if (good) return;
-  perror(what);
-  exit(1);
-}
 
 // ---- Captures ----
 
@@ -91,64 +85,6 @@ class Capture {
 
 // ---- Senders ----
 
-struct Form {
-  bool big;
-  bool ebcdic;
-};
-
-std::string Convert(std::string text, const char* from, const char* to) {
-  const iconv_t converter = iconv_open(to, from);
-  Check(converter != reinterpret_cast<iconv_t>(-1), "iconv_open");
-  std::string out(text.size() * 2, 0);
-  char *in = text.data(), *at = out.data();
-  size_t left = text.size(), room = out.size();
-  Check(iconv(converter, &in, &left, &at, &room) == 0, "iconv");
-  iconv_close(converter);
-  out.resize(out.size() - room);
-  return out;
-}
-
-// A sender of any byte order and character set, written from the description of the format.
-class Encoder {
- public:
-  explicit Encoder(Form form) : form_(form) {}
-  Encoder& Word(uint32_t value) { return Number(value, 4); }
-  Encoder& Number(uint64_t value, int size) {
-    for (int i = 0; i < size; ++i) bytes += static_cast<char>(value >> 8 * (form_.big ? size - 1 - i : i));
-    return *this;
-  }
-  Encoder& Raw(const Bytes& raw) {
-    bytes += raw;
-    return *this;
-  }
-  Encoder& Text(const std::string& latin, size_t field) {
-    bytes += form_.ebcdic ? Convert(latin, "ISO-8859-1", "IBM1047") : latin;
-    return Raw(Bytes(field - latin.size(), 0));
-  }
-  Encoder& Header(size_t body, const std::string& user) {
-    Word(136).Word(1).Word(form_.big).Word(!form_.ebcdic).Raw(Bytes(48, 0)).Word(static_cast<uint32_t>(body)).Word(0);
-    return Text(user, 12).Text("foreign sender", 48).Word(0);
-  }
-  Bytes bytes;
-
- private:
-  Form form_;
-};
-
-Bytes Plain(Form form, const Bytes& body, const std::string& user = "moritz") {
-  return Encoder(form).Header(body.size(), user).Raw(body).bytes;
-}
-
-Bytes Body(Form form, const std::string& text) {
-  Encoder body(form);
-  body.Word(77).Word(5);
-  body.Word(1).Word(3).Word(static_cast<uint32_t>(text.size())).Text(text, (text.size() + 4) / 4 * 4);
-  body.Word(2).Word(1).Word(4).Word(static_cast<uint32_t>(-5));
-  body.Word(3).Word(2).Word(8).Number(static_cast<uint64_t>(INT64_MIN) + 1, 8);
-  body.Word(4).Word(4).Word(3).Raw(Bytes("\x00\xfe\xff\x00", 4));
-  return body.Word(1).Word(3).Word(0).Word(0).bytes;
-}
-
 struct Keys {
   uint8_t secret[64], pub[32], seed[32];
 };
@@ -177,9 +113,7 @@ Bytes Signed(Form form, const Bytes& plain, const std::string& user, const Keys&
   crypto_sign_init(&state);
   crypto_sign_update(&state, reinterpret_cast<const uint8_t*>(digest.data()), digest.size());
   crypto_sign_final_create(&state, signature, nullptr, keys.secret);
-  Encoder envelope(form);
-  envelope.Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(length).Text(user, 12);
-  return envelope.bytes + plain + head + Bytes(reinterpret_cast<char*>(signature), sizeof signature);
+  return Enveloped(form, plain, user, head + Bytes(reinterpret_cast<char*>(signature), sizeof signature));
 }
 
 // One parameter of size bytes, a multiple of 4.
