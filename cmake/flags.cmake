@@ -6,6 +6,10 @@ if(MQNODE_SANITIZE)
   add_compile_options(-fsanitize=${MQNODE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MQNODE_SANITIZE})
 endif()
+if(MQNODE_FUZZ)
+  # Both need the type information that the libraries are built without.
+  add_compile_options(-fsanitize=fuzzer-no-link -fno-sanitize=vptr,function)
+endif()
 
 # Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from
 # within the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host

@@ -1,0 +1,89 @@
+// authenticate.cc - the verifier. Bytes that were signed for the fuzzer are accepted once, when decode finds nothing
+// wrong with envelope and trailer; bytes that were not, never.
+#include <algorithm>
+#include <cstring>
+
+#include "tests/fuzz/message.hh"
+#include "tests/fuzz/sealing.hh"
+
+namespace {
+
+enum Option : uint8_t { kSealed = 1, kFit = 2, kOtherBytes = 4 };
+constexpr size_t kEnvelope = sizeof(SecureHeader);
+constexpr size_t kTrailer = 96;
+constexpr size_t kSmallest = kEnvelope + sizeof(MsgHeader) + 1 + kTrailer;
+constexpr int kWindow = 300;
+
+// Rules whose breaking a verifier does not see, or lets pass: what is in the body is looked at later.
+const char* const kPassed[] = {"encoding-version", "origin-word",      "body-head",      "parameter-count",
+                               "parameter-head",   "parameter-length", "parameter-type", "parameter-padding",
+                               "text-zero-byte",   "body-rest"};
+
+void StoreAs(bool big, uint8_t* at, size_t value) {
+  for (size_t i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
+}
+
+// Lets envelope and header announce what is there, each in the byte order of its first word.
+void Fit(std::vector<uint8_t>& bytes) {
+  if (bytes.size() < kSmallest) return;
+  uint8_t* const header = bytes.data() + kEnvelope;
+  StoreAs(bytes[0] == 0, bytes.data() + offsetof(SecureHeader, msgLength), bytes.size() - kEnvelope);
+  StoreAs(header[0] == 0, header + offsetof(MsgHeader, bodyLength),
+          bytes.size() - kEnvelope - sizeof(MsgHeader) - kTrailer);
+}
+
+// What the verifier says about these bytes, as a reader asks it. Other bytes in the record are never accepted.
+bool Authenticate(const SecureHeader& native, fuzz::Bytes part, bool other) {
+  std::vector<uint8_t> bytes = fuzz::Copy(part);
+  fuzz::Record record(part);
+  if (other && !part.empty()) record->raw.data[part.size() / 2] ^= 1;
+  const auto length = static_cast<uint32_t>(part.size());
+  IoBuffer view = {bytes.data(), length, length, 0, length, 0};
+  record->secHeader = native;
+  const int result = mqc_authenticate(&record->secHeader, &view, record);
+  HOLDS(fuzz::Same(part, bytes));
+  HOLDS(mqc_count(record) == 0);
+  HOLDS(record->raw.length == part.size() - (result ? kTrailer : 0));
+  HOLDS(result || *mqc_authenticate_error() != '\0');
+  HOLDS(!result || !other);
+  return result != 0;
+}
+
+void Check(fuzz::Bytes message, std::optional<int> sealed, bool other) {
+  SecureHeader native = {};
+  memcpy(&native, message.data(), kEnvelope);
+  if (!AlienToNativeExt(&native)) {
+    HOLDS(*mqc_header_error() != '\0');
+    return;
+  }
+  std::set<std::string> broken = fuzz::BrokenRules(message);
+  const bool user_only = broken.erase("zero-fill") != 0;  // of the users it is seen, of the program it is not
+  for (const char* rule : kPassed) broken.erase(rule);
+  const bool fresh = sealed && std::abs(*sealed) <= kWindow;
+  const bool alice = strncmp(native.userId, "alice", sizeof native.userId) == 0;
+  const bool acceptable = fresh && alice && broken.empty();
+
+  const fuzz::Bytes part = message.subspan(kEnvelope);
+  const bool accepted = Authenticate(native, part, other);
+  HOLDS(!accepted || acceptable);
+  HOLDS(accepted || !acceptable || user_only || other);
+  if (!accepted) return;
+  HOLDS(!Authenticate(native, part, false));
+  HOLDS(strncmp(mqc_authenticate_error(), "a replay", 8) == 0);
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::Input input(data, size);
+  const uint8_t options = input.Byte();
+  std::vector<uint8_t> message = fuzz::Copy(input.Rest());
+  if (message.size() < kEnvelope) return 0;
+  fuzz::BeginSigned();
+  const fuzz::Account account;
+  if ((options & kFit) != 0) Fit(message);
+  std::optional<int> sealed;
+  if ((options & kSealed) != 0) sealed = fuzz::Seal(message);
+  Check(message, sealed, (options & kOtherBytes) != 0);
+  return 0;
+}

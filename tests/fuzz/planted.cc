@@ -1,0 +1,12 @@
+// planted.cc - a fault that has to be found: behind four comparisons a byte beyond a block is read. ./run fuzz fails
+// when it is not found in time, and the tests fail when the sanitizer does not report the input that reaches it.
+#include "tests/fuzz/fuzz.hh"
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  constexpr std::string_view kMark = "mq!";
+  const std::vector<uint8_t> bytes(data, data + size);
+  if (size < 8 || fuzz::TextOf(bytes).substr(0, kMark.size()) != kMark) return 0;
+  const volatile uint8_t* const block = bytes.data();
+  if (block[kMark.size()] > size) static_cast<void>(block[size]);
+  return 0;
+}
