@@ -1,5 +1,5 @@
-// convert.cc - the companion's conversion and parser, against themselves and against what mqcat decode makes of the same
-// bytes: a message is delivered when decode finds no rule broken, and only then.
+// convert.cc - the companion's conversion and parser, against themselves and against what mqcat decode makes of the
+// same bytes: a message is delivered when decode finds no rule broken, and only then.
 #include <cstring>
 
 #include "tests/fuzz/message.hh"

@@ -1,5 +1,5 @@
 // reader.hh - reads what arrives on a wire to its end, message by message, and sees after each call that everything
-// agrees: result, error and counters, what was taken off the wire and what was delivered, where the next message begins.
+// agrees: result, error and counters, what was taken off the wire, what was delivered, where the next message begins.
 #pragma once
 
 #include "companion/host.h"
@@ -8,8 +8,8 @@
 
 namespace fuzz {
 
-// A node over a wire, and a message to read into. Of the allocations that the library makes, number failing fails; 0 for
-// none.
+// A node over a wire, and a message to read into. Of the allocations that the library makes, number failing fails; 0
+// for none.
 class Reader {
  public:
   Reader(const Arrivals& arrivals, int failing);

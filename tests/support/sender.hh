@@ -1,5 +1,5 @@
-// sender.hh - a sender of any byte order and character set, written from the description of the format alone: nothing of
-// the library or its companion is in it.
+// sender.hh - a sender of any byte order and character set, written from the description of the format alone: nothing
+// of the library or its companion is in it.
 #pragma once
 
 #include <iconv.h>
