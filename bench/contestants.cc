@@ -1,9 +1,23 @@
-// contestants.cc - the list of contestants. Comparisons with other systems join it when the build has found them.
+// contestants.cc - the lists of contestants.
 #include "bench/end.hh"
 
 namespace bench {
 
 std::vector<Contestant> Contestants() { return {Nodes(), BareSockets()}; }
+
+std::vector<Contestant> OtherContestants() {
+  std::vector<Contestant> others;
+#ifdef MQBENCH_ZMQ
+  others.push_back(Zmq());
+#endif
+#ifdef MQBENCH_NNG
+  others.push_back(Nng());
+#endif
+  if (others.empty()) return others;
+  others.insert(others.begin(), Nodes());
+  others.push_back(BareSockets());
+  return others;
+}
 
 std::vector<uint8_t> SomeBytes(size_t size) {
   std::vector<uint8_t> bytes(size);

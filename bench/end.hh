@@ -40,9 +40,14 @@ struct Contestant {
 Contestant Nodes();
 Contestant SignedNodes();
 Contestant BareSockets();
+Contestant Zmq();  // where the build has found libzmq
+Contestant Nng();  // where the build has found nng
 
 // Those that are measured beside bare sockets, which come last.
 std::vector<Contestant> Contestants();
+
+// The same with the other libraries that the build has found; empty without any.
+std::vector<Contestant> OtherContestants();
 
 // Sockets of every contestant get buffers of this size, both ways, and send small segments at once.
 constexpr int kSocketBuffer = 256 * 1024;

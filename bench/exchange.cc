@@ -1,4 +1,6 @@
 // exchange.cc - messages between two processes, nodes and other contestants beside bare sockets.
+#include "bench/exchange.hh"
+
 #include <fmt/format.h>
 
 #include "bench/peer.hh"
@@ -7,20 +9,7 @@
 namespace bench {
 namespace {
 
-constexpr size_t kBodies[] = {64, 1024, 16 * 1024, 64 * 1024, 1024 * 1024};
 constexpr double kMicro = 1e6;
-constexpr unsigned kLayouts = 12;
-
-std::string SizeText(size_t bytes) {
-  if (bytes >= 1024 * 1024) return fmt::format("{} MiB", bytes / 1024 / 1024);
-  if (bytes >= 1024) return fmt::format("{} KiB", bytes / 1024);
-  return fmt::format("{} B", bytes);
-}
-
-struct Exchanges {
-  Samples elapsed;
-  Samples processor;
-};
 
 // The bare sockets are the last contestant: a slice is as many messages as they manage in its time.
 void ExchangeIn(Duel& duel, Pattern pattern, const Effort& effort, Exchanges* result) {
@@ -29,27 +18,38 @@ void ExchangeIn(Duel& duel, Pattern pattern, const Effort& effort, Exchanges* re
   const double slice = pattern == Pattern::kOneWay ? 3 * effort.slice : effort.slice;
   const size_t count = CountFor(slice, [&](size_t n) { return duel.Run(bare, n).elapsed; });
   for (size_t c = 0; c < duel.size(); ++c) duel.Run(c, count);
-  const Samples elapsed = Interleave(duel.size(), effort.rounds / kLayouts, [&](size_t c) {
+  const Samples elapsed = Interleave(duel.size(), effort.rounds, [&](size_t c) {
     const Spent spent = duel.Run(c, count);
     result->processor[c].push_back(spent.processor / static_cast<double>(count));
     return spent.elapsed / static_cast<double>(count);
   });
-  for (size_t c = 0; c < duel.size(); ++c) {
-    result->elapsed[c].insert(result->elapsed[c].end(), elapsed[c].begin(), elapsed[c].end());
-  }
+  result->elapsed = elapsed;
 }
 
-// Seconds a message, by contestant, over several connections.
-Exchanges Exchange(const std::vector<Contestant>& contestants, Pattern pattern, size_t body, const Effort& effort) {
+}  // namespace
+
+std::string SizeText(size_t bytes) {
+  if (bytes >= 1024 * 1024) return fmt::format("{} MiB", bytes / 1024 / 1024);
+  if (bytes >= 1024) return fmt::format("{} KiB", bytes / 1024);
+  return fmt::format("{} B", bytes);
+}
+
+Exchanges ExchangeOnce(const std::vector<Contestant>& contestants, Pattern pattern, size_t body, const Effort& effort,
+                       unsigned layout) {
   Exchanges result;
   result.elapsed.resize(contestants.size());
   result.processor.resize(contestants.size());
-  for (unsigned layout = 0; layout < kLayouts; ++layout) {
-    Duel duel(contestants, pattern, body, layout);
-    ExchangeIn(duel, pattern, effort, &result);
-  }
+  Duel duel(contestants, pattern, body, layout);
+  ExchangeIn(duel, pattern, effort, &result);
   return result;
 }
+
+void Append(Samples* all, const Samples& more) {
+  all->resize(more.size());
+  for (size_t c = 0; c < more.size(); ++c) (*all)[c].insert((*all)[c].end(), more[c].begin(), more[c].end());
+}
+
+namespace {
 
 // The columns of the contestants beside bare sockets: as elapsed time says, and as processor time says.
 void AddRatios(std::vector<Cell>* row, const Samples& samples, bool of_rates) {
@@ -81,7 +81,12 @@ void Measure(Report* report, const Settings& settings, const std::string& placem
   }
   section.notes = {"cpu: the same ratio of the time that the two processes ran, without what others ran in between"};
   for (const size_t body : kBodies) {
-    const Exchanges exchanges = Exchange(contestants, pattern, body, settings.exchange);
+    Exchanges exchanges;
+    for (unsigned layout = 0; layout < kLayouts; ++layout) {
+      const Exchanges more = ExchangeOnce(contestants, pattern, body, settings.exchange, layout);
+      Append(&exchanges.elapsed, more.elapsed);
+      Append(&exchanges.processor, more.processor);
+    }
     std::vector<Cell> row = {Text(SizeText(body))};
     for (const auto& times : exchanges.elapsed) row.push_back(Number(Median(times) * kMicro, 2));
     AddRatios(&row, exchanges.elapsed, one_way);

@@ -34,9 +34,12 @@ void MeasureAll(Report* report, const Settings& settings, const Wanted& wanted) 
   if (wanted.pinned && wanted.Has("exchange")) MeasureExchanges(report, settings, "pinned");
   if (wanted.Has("wait")) MeasureWaits(report, settings);
   if (wanted.pinned && wanted.Has("signed")) MeasureSigned(report, settings, "pinned");
+  if (wanted.pinned && wanted.Has("others")) MeasureOthers(report, settings, "pinned");
   UnpinProcessor();
   if (wanted.free && wanted.Has("exchange")) MeasureExchanges(report, settings, "free");
   if (wanted.free && wanted.Has("signed")) MeasureSigned(report, settings, "free");
+  if (wanted.free && wanted.Has("others")) MeasureOthers(report, settings, "free");
+  Summarise(report);
 }
 
 }  // namespace
@@ -47,24 +50,31 @@ int main(int argc, char** argv) {
   bench::Settings settings;
   bench::Wanted wanted;
   std::string json;
+  std::string markdown;
+  std::string plots;
   std::vector<std::string> only;
   app.add_flag("--quick", settings.quick, "a first look: fewer slices");
   app.add_flag("--pin", wanted.pinned, "only with both processes on one processor (neither: both views)");
   app.add_flag("--free", wanted.free, "only where the system puts them");
   app.add_flag("--functions", settings.functions, "instructions function by function");
   app.add_option("--json", json, "write the figures to this file too");
+  app.add_option("--markdown", markdown, "write the tables to this file as Markdown");
+  app.add_option("--plots", plots, "draw pictures (SVG) into this folder")->check(CLI::ExistingDirectory);
   app.add_option("--only", only, "sections to run")
       ->delimiter(',')
-      ->check(CLI::IsMember({"calls", "held", "instructions", "exchange", "wait", "signed"}));
+      ->check(CLI::IsMember({"calls", "held", "instructions", "exchange", "wait", "signed", "others"}));
   CLI11_PARSE(app, argc, argv);
   if (!wanted.pinned && !wanted.free) wanted.pinned = wanted.free = true;
   wanted.sections = {only.begin(), only.end()};
-  settings.exchange = settings.quick ? bench::Effort{0.001, 24} : bench::Effort{0.0015, 300};
+  settings.exchange = settings.quick ? bench::Effort{0.001, 2} : bench::Effort{0.0015, 25};
+  settings.others = settings.quick ? bench::Effort{0.002, 2} : bench::Effort{0.002, 10};
   settings.wait = settings.quick ? bench::Effort{0.0005, 20} : bench::Effort{0.0005, 300};
   signal(SIGPIPE, SIG_IGN);
 
   bench::Report report;
   bench::MeasureAll(&report, settings, wanted);
   if (!json.empty()) report.WriteJson(json);
+  if (!markdown.empty()) report.WriteMarkdown(markdown);
+  if (!plots.empty()) bench::DrawPlots(report, plots);
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -76,6 +77,12 @@ Cell Count(double value) {
   return {digits, value};
 }
 
+std::optional<double> Section::Figure(size_t row, const std::string& column) const {
+  const auto at = std::find(columns.begin(), columns.end(), column);
+  if (at == columns.end() || row >= rows.size()) return {};
+  return rows[row].at(static_cast<size_t>(at - columns.begin())).number;
+}
+
 Report::Report() {
   utsname system;
   uname(&system);
@@ -89,6 +96,31 @@ Report::Report() {
 void Report::Add(Section section) {
   Print(section);
   sections_.push_back(std::move(section));
+}
+
+const Section* Report::Find(const std::string& id) const {
+  for (const Section& section : sections_) {
+    if (section.id == id) return &section;
+  }
+  return nullptr;
+}
+
+void Report::WriteMarkdown(const std::string& path) const {
+  std::ofstream file(path);
+  for (const auto& [name, value] : facts_) file << fmt::format("{}: {}  \n", name, value);
+  for (const Section& section : sections_) {
+    file << fmt::format("\n### {}\n\n|", section.title);
+    for (const std::string& column : section.columns) file << fmt::format(" {} |", column);
+    file << "\n|---|";
+    for (size_t i = 1; i < section.columns.size(); ++i) file << "---:|";
+    for (const auto& row : section.rows) {
+      file << "\n|";
+      for (const Cell& cell : row) file << fmt::format(" {} |", cell.text);
+    }
+    file << "\n";
+    for (const std::string& note : section.notes) file << fmt::format("\n{}\n", note);
+  }
+  if (!file.flush()) Die("cannot write " + path);
 }
 
 void Report::WriteJson(const std::string& path) const {

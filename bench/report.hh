@@ -21,6 +21,9 @@ struct Section {
   std::vector<std::string> columns;
   std::vector<std::vector<Cell>> rows;
   std::vector<std::string> notes;
+
+  // The figure in that row's column; none when there is no such column or no figure in it.
+  std::optional<double> Figure(size_t row, const std::string& column) const;
 };
 
 class Report {
@@ -29,6 +32,11 @@ class Report {
   // Prints the section at once and keeps it for the file.
   void Add(Section section);
   void WriteJson(const std::string& path) const;
+  void WriteMarkdown(const std::string& path) const;
+
+  // Null when the section was not measured.
+  const Section* Find(const std::string& id) const;
+  const std::string& fact(size_t i) const { return facts_.at(i).second; }
 
  private:
   std::vector<std::pair<std::string, std::string>> facts_;

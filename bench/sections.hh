@@ -13,11 +13,15 @@ struct Settings {
   bool quick = false;
   bool functions = false;  // instructions function by function too
   Effort exchange;
+  Effort others;
   Effort wait;
 };
 
 // Round trips and one-way streams between two processes. placement says where they run, for the titles.
 void MeasureExchanges(Report* report, const Settings& settings, const std::string& placement);
+
+// The same beside other messaging libraries, where the build has found them.
+void MeasureOthers(Report* report, const Settings& settings, const std::string& placement);
 
 // Signed round trips beside plain ones, and the signature by itself.
 void MeasureSigned(Report* report, const Settings& settings, const std::string& placement);
@@ -33,6 +37,12 @@ void MeasureCalls(Report* report);
 
 // User-space instructions of one message and of one wait; needs valgrind.
 void MeasureInstructions(Report* report, const Settings& settings);
+
+// Every figure that has an aim, with the aim and whether it is met, from what the report holds.
+void Summarise(Report* report);
+
+// Draws what the report holds into folder, one SVG file for each picture.
+void DrawPlots(const Report& report, const std::string& folder);
 
 // The program that does the work of the last three; it stands beside this one.
 std::string WorkProgram();

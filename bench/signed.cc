@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "bench/exchange.hh"
 #include "bench/node_end.hh"
 #include "bench/peer.hh"
 #include "bench/sections.hh"
@@ -10,7 +11,7 @@
 namespace bench {
 namespace {
 
-constexpr size_t kBodies[] = {64, 1024, 64 * 1024};
+constexpr size_t kSignedBodies[] = {64, 1024, 64 * 1024};
 constexpr double kMicro = 1e6;
 constexpr uint32_t kEnvelope = sizeof(SecureHeader);
 
@@ -73,15 +74,15 @@ void MeasureSigned(Report* report, const Settings& settings, const std::string& 
                      {"body", "signed us", "plain us", "signed/plain", "+-", "sign us", "authenticate us", "share"},
                      {},
                      {"share: of the time of a signed round trip, what two signatures and two checks take"}};
-  for (const size_t body : kBodies) {
+  for (const size_t body : kSignedBodies) {
     Duel duel({SignedNodes(), Nodes()}, Pattern::kRoundTrip, body, 0);
     // The signed ones set the count: a receiver remembers each of their messages.
     const size_t count = CountFor(settings.exchange.slice, [&](size_t n) { return duel.Run(0, n).elapsed; });
-    const Samples samples = Interleave(duel.size(), settings.exchange.rounds, [&](size_t c) {
+    const Samples samples = Interleave(duel.size(), settings.exchange.rounds * kLayouts, [&](size_t c) {
       return duel.Run(c, count).elapsed / static_cast<double>(count);
     });
     const Ratio ratio = RatioOfMedians(samples[0], samples[1]);
-    const Cost cost = MeasureSignature(body, 4 * settings.exchange.rounds);
+    const Cost cost = MeasureSignature(body, 4 * settings.exchange.rounds * kLayouts);
     const double whole = Median(samples[0]);
     section.rows.push_back({Text(body < 1024 ? fmt::format("{} B", body) : fmt::format("{} KiB", body / 1024)),
                             Number(whole * kMicro, 2), Number(Median(samples[1]) * kMicro, 2), Number(ratio.value, 2),

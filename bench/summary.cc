@@ -1,0 +1,62 @@
+// summary.cc - the figures that have an aim, in one table.
+#include <fmt/format.h>
+
+#include "bench/sections.hh"
+
+namespace bench {
+namespace {
+
+struct Aim {
+  const char* section;
+  const char* column;
+  const char* spread;  // column; null when the figure does not scatter
+  bool at_least;
+  double limit;
+  int decimals;
+  int row;  // -1: every row, each named by its first cell
+  const char* what;
+};
+
+constexpr Aim kAims[] = {
+    {"round_trip_pinned", "nodes/bare", "+-", false, 1.03, 3, -1, "round trip, time beside bare sockets"},
+    {"one_way_pinned", "nodes/bare", "+-", true, 0.97, 3, -1, "one way, rate beside bare sockets"},
+    {"wait", "mnPost/select", "+-", false, 1.05, 3, -1, "mnPost, time beside a bare select, idle nodes"},
+    {"wait", "mnNPost/select", "+- mnNPost", false, 1.05, 3, -1, "mnNPost, time beside a bare select, idle nodes"},
+    {"instructions", "all", nullptr, false, 350, 0, 2, "instructions a message above bare sockets"},
+    {"instructions_wait", "a node, from 10 to 410", nullptr, false, 45, 1, 0, "instructions a node in a wait, mnPost"},
+    {"instructions_wait", "a node, from 10 to 410", nullptr, false, 45, 1, 1, "instructions a node in a wait, mnNPost"},
+};
+
+// Met also when the aim lies within the figure's scatter, which is said.
+std::string Verdict(const Aim& aim, double figure, double spread) {
+  const double beyond = aim.at_least ? aim.limit - figure : figure - aim.limit;
+  if (beyond <= 0) return "yes";
+  return beyond <= spread ? "within +-" : "no";
+}
+
+void AddRow(Section* table, const Section& from, const Aim& aim, size_t row) {
+  const std::optional<double> figure = from.Figure(row, aim.column);
+  if (!figure) return;
+  const double spread = aim.spread == nullptr ? 0 : from.Figure(row, aim.spread).value_or(0);
+  const std::string name = aim.row == -1 ? fmt::format("{}: {}", aim.what, from.rows[row][0].text) : aim.what;
+  table->rows.push_back({Text(name), Number(*figure, aim.decimals),
+                         aim.spread == nullptr ? Text("") : Number(spread, 3),
+                         Text(fmt::format("{} {:g}", aim.at_least ? "at least" : "at most", aim.limit)),
+                         Text(Verdict(aim, *figure, spread))});
+}
+
+}  // namespace
+
+void Summarise(Report* report) {
+  Section table = {"summary", "Figures and their aims", {"what", "figure", "+-", "aim", "met"}, {}, {}};
+  for (const Aim& aim : kAims) {
+    const Section* const from = report->Find(aim.section);
+    if (from == nullptr) continue;
+    const size_t first = aim.row == -1 ? 0 : static_cast<size_t>(aim.row);
+    const size_t last = aim.row == -1 ? from->rows.size() : first + 1;
+    for (size_t row = first; row < last; ++row) AddRow(&table, *from, aim, row);
+  }
+  if (!table.rows.empty()) report->Add(std::move(table));
+}
+
+}  // namespace bench
