@@ -37,9 +37,15 @@ char* NextWord(char** text) {
   return start;
 }
 
+// "PATH: No such file or directory (ENOENT)".
+bool FailSystem(ErrorText error, const char* path, int code) {
+  const char* const name = strerrorname_np(code);
+  return Fail(error, "%s: %s (%s)", path, strerror(code), name != nullptr ? name : "?");
+}
+
 bool CheckFile(int fd, const char* path, bool secret, size_t max_size, size_t* size, ErrorText error) {
   struct stat about;
-  if (fstat(fd, &about) != 0) return Fail(error, "%s: %s", path, strerror(errno));
+  if (fstat(fd, &about) != 0) return FailSystem(error, path, errno);
   if (!S_ISREG(about.st_mode)) return Fail(error, "%s: not a regular file", path);
   if (secret && (about.st_mode & 077) != 0) {
     return Fail(error, "%s: its group or others have access to this secret key (mode %04o); chmod 600 it", path,
@@ -109,7 +115,7 @@ bool KeyFile::Open(const char* path, bool secret, size_t max_size, ErrorText err
   path_ = path;
   // A pipe of this name must not block; CheckFile refuses it.
   const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) return Fail(error, "%s: %s", path, strerror(errno));
+  if (fd < 0) return FailSystem(error, path, errno);
   const bool whole = CheckFile(fd, path, secret, max_size, &size_, error) && Read(fd, error);
   close(fd);
   return whole;
@@ -123,7 +129,7 @@ bool KeyFile::Read(int fd, ErrorText error) {
   while (held < room) {
     const ssize_t got = read(fd, bytes_ + held, room - held);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return Fail(error, "%s: %s", path_, strerror(errno));
+    if (got < 0) return FailSystem(error, path_, errno);
     if (got == 0) break;
     held += static_cast<size_t>(got);
   }
@@ -198,7 +204,7 @@ MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[MQC_KEY_BYT
   const ErrorText text = {error, size};
   Clear(text);
   if (!HaveSodium()) return Fail(text, "the system gives no randomness"), nullptr;
-  if (!IsUser(user)) return Fail(text, "\"%.40s\" cannot be a user id", user), nullptr;
+  if (!IsUser(user)) return Fail(text, kNotUser, user), nullptr;
   auto* signer = static_cast<MqcSigner*>(Allocate<Kind::kRecord>(sizeof(MqcSigner), tags[kTagSigner]));
   if (signer == nullptr) return Fail(text, "no memory for a signer"), nullptr;
   memset(signer, 0, sizeof(*signer));
@@ -233,9 +239,9 @@ int mqc_secret_file_write(const char* path, const char* user, const uint8_t secr
                           size_t size) {
   const ErrorText text = {error, size};
   Clear(text);
-  if (!IsUser(user)) return Fail(text, "\"%.40s\" cannot be a user id", user);
+  if (!IsUser(user)) return Fail(text, kNotUser, user);
   const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return Fail(text, "%s: %s", path, strerror(errno));
+  if (fd < 0) return FailSystem(text, path, errno);
   char digits[MQC_KEY_TEXT];
   char line[MQC_USER_MAX + MQC_KEY_TEXT + 3];
   mqc_key_text(secret_key, digits);
@@ -247,5 +253,5 @@ int mqc_secret_file_write(const char* path, const char* user, const uint8_t secr
   written = close(fd) == 0 && written;
   if (written) return 1;
   unlink(path);
-  return Fail(text, "%s: %s", path, strerror(code));
+  return FailSystem(text, path, code);
 }

@@ -24,6 +24,7 @@ bool HaveSodium();
 
 // True for 1 to 12 printable ASCII characters, no blank, no '#'.
 bool IsUser(const char* user);
+constexpr char kNotUser[] = "\"%.40s\" is no user: 1 to 12 printable ASCII characters, without blanks and #";
 
 struct KeyLine {
   char user[MQC_USER_MAX + 1];

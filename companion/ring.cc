@@ -137,7 +137,7 @@ using namespace mqc;
 int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char* error, size_t size) {
   const ErrorText text = {error, size};
   Clear(text);
-  if (!IsUser(user)) return Fail(text, "\"%.40s\" cannot be a user id", user);
+  if (!IsUser(user)) return Fail(text, kNotUser, user);
   if (!IsPublicKey(public_key)) return Fail(text, "the key of user %s is no public key", user);
   KeyLine line = {};
   memcpy(line.user, user, strlen(user) + 1);

@@ -134,6 +134,7 @@ row 2 "no such record" "$mqcat" abi Node
 
 # ---- Where output goes ----
 
+row 8 "EBADF" bash -c '"$0" explain --all >&-' "$mqcat"
 row 8 "ENOSPC" bash -c '"$0" explain --all >/dev/full' "$mqcat"
 # Who reads the head of a long output closes the pipe: no word, an exit code of its own.
 "$mqcat" abi 2>pipe.err | true
@@ -170,7 +171,11 @@ row 0 "sent 20000 messages" "$mqcat" send localhost "$port" -c 1 --repeat 20000
 row 0 "3 answered" "$mqcat" send @ "$port" -c 1 --repeat 3 --interval 0.01 --reply --user bob
 grep -q '"user":"bob"' json.out || fail "--user did not arrive"
 await json.out 20009 '"command"'
+row 3 "EBADF" bash -c '"$0" send 127.0.0.1 "$1" <&-' "$mqcat" "$port"
+row 3 "0 sent, 0 answered, 0% loss" "$mqcat" ping 127.0.0.1 "$port" --udp -s 20000
+row 1 "not an answer" "$build/bin/client" 127.0.0.1 "$port" "this node resets when it closes"
 stop json 0 "messages, "
+same "what a listener says of its clients' ends" "$(grep -c ECONNRESET json.err)" 0
 
 start plain --count 3
 row 4 "EADDRINUSE" "$mqcat" listen "$port"
@@ -198,7 +203,7 @@ row 0 "2 messages, 0 stray bytes, 0 faults" "$mqcat" decode hex.out
 
 # Many clients at once, and one that does not read its answers.
 start many --echo --format quiet
-"$mqcat" send 127.0.0.1 "$port" -c 1 --file big.bin --repeat 200 --timeout 1 -q 2>/dev/null &
+"$mqcat" send 127.0.0.1 "$port" -c 1 --file big.bin --repeat 200 --timeout 3 -q 2>/dev/null &
 greedy=$!
 clients=()
 for i in {1..8}; do
@@ -363,7 +368,7 @@ done
 
 # It goes on behind what is broken: noise between messages, a message with lost bytes, a length that swallows the next.
 (cat plain.bin; printf 'noise\0\210\0\0'; cat signed.bin big-endian.bin) >noise.bin
-row 6 "6 messages, 9 stray bytes, 1 faults" "$mqcat" decode noise.bin
+row 6 "6 messages, 9 stray bytes, 1 fault" "$mqcat" decode noise.bin
 one=$(($(stat -c %s plain.bin) / 3))
 (head -c $((one - 5)) plain.bin; cat plain.bin) >lost.bin
 row 6 "4 messages" "$mqcat" decode lost.bin

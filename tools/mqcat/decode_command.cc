@@ -141,7 +141,8 @@ ExitCode RunDecode(const Options& options) {
   for (const std::string& note : capture.notes) Note(note);
   for (const std::string& fault : capture.faults) Note(fmt::format("{}: {}", options.file, fault));
   if (options.format == "text") {
-    Print(fmt::format("{} messages, {} stray bytes, {} faults\n", totals.messages, totals.stray_bytes, totals.faults));
+    Print(Count(totals.messages, "message") + ", " + Count(totals.stray_bytes, "stray byte") + ", " +
+          Count(totals.faults, "fault") + "\n");
   }
   if (!capture.faults.empty()) return kExitInput;
   return totals.faults == 0 ? kExitOk : kExitBadMessage;

@@ -119,9 +119,11 @@ bool ParseKeyLine(const std::string& text, const std::string& where, KeyLine& ou
   uint8_t key[MQC_KEY_BYTES];
   const bool right = IsUser(out.user) && NextWord(line, at).empty() && mqc_key_from_text(out.key.c_str(), key);
   if (!right || cut) {
-    throw Failure{kExitSecurity, fmt::format("{}: expected a user of 1 to {} characters and a key of {} hexadecimal "
-                                             "digits",
-                                             where, MQC_USER_MAX, 2 * MQC_KEY_BYTES)};
+    // The key is not shown: it may be a secret one that stands in the wrong place.
+    throw Failure{kExitSecurity,
+                  fmt::format("{}: user {} with {} characters: expected a user of 1 to {} characters and a key of {} "
+                              "hexadecimal digits",
+                              where, Quote(out.user, 40), out.key.size(), MQC_USER_MAX, 2 * MQC_KEY_BYTES)};
   }
   char canonical[MQC_KEY_TEXT];
   mqc_key_text(key, canonical);

@@ -15,6 +15,7 @@
 #include "fmt/format.h"
 #include "mqnode/errors.h"
 #include "signals.hh"
+#include "text.hh"
 
 namespace mqcat {
 namespace {
@@ -45,15 +46,9 @@ ExitCode ExitCodeOf(int code) {
   }
 }
 
-std::string Detail(int code) {
-  switch (code) {
-    case MQ_NOT_SIGNED:
-      return fmt::format("\n  {}", mqc_sign_error());
-    case MQ_NOT_AUTHENTIC:
-      return fmt::format("\n  {}", mqc_authenticate_error());
-    default:
-      return "";
-  }
+std::string ReasonOf(int code) {
+  if (code == MQ_NOT_SIGNED) return mqc_sign_error();
+  return code == MQ_NOT_AUTHENTIC ? mqc_authenticate_error() : "";
 }
 
 void SetOption(MQNode* node, int id, int value) {
@@ -80,11 +75,12 @@ MessagePtr NewMessage() {
   return msg;
 }
 
-Failure NodeFailure(const std::string& what, const MQNode* node) {
+Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason) {
   unsigned place = MQ_IN_ANY;
   const int code = mq_node_cause(node, &place);
+  const std::string why = reason.empty() ? ReasonOf(code) : reason;
   return {ExitCodeOf(code),
-          fmt::format("{}: {}{}{}", what, CodeText(code, place), Detail(code), RemedyText(code, place))};
+          fmt::format("{}: {}{}", what, CodeText(code, place), why.empty() ? RemedyText(code, place) : "\n  " + why)};
 }
 
 Waiter::Waiter(size_t count) {
@@ -181,8 +177,8 @@ void Link::Flush(Clock::time_point deadline, int most_pending) {
     const std::string what = "send to " + target_text_;
     if (Interrupted()) throw Failure{kExitInterrupted, what + ": interrupted"};
     if (Clock::now() >= deadline) {
-      throw Failure{kExitTimeout,
-                    fmt::format("{}: {} messages wait, the peer does not read", what, Qdepth(node_->pending))};
+      throw Failure{kExitTimeout, fmt::format("{}: {} wait, the peer does not read", what,
+                                              Count(static_cast<uint64_t>(Qdepth(node_->pending)), "message"))};
     }
     waiter_.Wait({node_.get()}, deadline);
     if (discard_ && !waiter_.to_read().empty() && !Discard()) {
@@ -224,8 +220,8 @@ void Link::Close(Clock::time_point deadline) {
     if (readable || Unconfirmed() != 0) quiet = In(kLastMoment);
   }
   if (const int left = Unconfirmed(); left != 0 && !Interrupted()) {
-    throw Failure{kExitTimeout,
-                  fmt::format("send to {}: the peer does not read, {} bytes are not confirmed", target_text_, left)};
+    throw Failure{kExitTimeout, fmt::format("send to {}: the peer does not read, {} not confirmed", target_text_,
+                                            Count(static_cast<uint64_t>(left), "byte"))};
   }
 }
 

@@ -13,6 +13,7 @@
 #include "output.hh"
 #include "show.hh"
 #include "signals.hh"
+#include "text.hh"
 
 namespace mqcat {
 namespace {
@@ -92,12 +93,11 @@ class Listener {
   }
 
   std::string Summary() const {
-    std::string text =
-        fmt::format("{} message{}, {} bytes", totals_.messages, totals_.messages == 1 ? "" : "s", totals_.bytes);
-    if (!options_.udp) text += fmt::format(", {} client{}", totals_.clients, totals_.clients == 1 ? "" : "s");
+    std::string text = Count(totals_.messages, "message") + ", " + Count(totals_.bytes, "byte");
+    if (!options_.udp) text += ", " + Count(totals_.clients, "client");
     if (totals_.refused != 0) text += fmt::format(", {} not authentic", totals_.refused);
     if (totals_.faulty != 0) text += fmt::format(", {} faulty", totals_.faulty);
-    if (totals_.answers_lost != 0) text += fmt::format(", {} answers not delivered", totals_.answers_lost);
+    if (totals_.answers_lost != 0) text += ", " + Count(totals_.answers_lost, "answer") + " not delivered";
     const std::chrono::duration<double> time = Clock::now() - start_;
     return text + fmt::format(", {:.1f} s", time.count());
   }
@@ -193,13 +193,17 @@ class Listener {
       case SOCK_PEER_CLOSED:
         done = true;
         return false;
+      case ECONNRESET:
+        // Nodes reset when they close: only what was cut off is worth a word.
+        if (!options_.udp && node->recvBuffer.received == 0) return !(done = true);
+        return ReadFailed(node, peer, done);
       case MQ_NOT_AUTHENTIC:
         ++totals_.refused;
         Note(NodeFailure("message from " + peer, node).text);
         return true;
       case MQ_BAD_BODY:
         ++totals_.faulty;
-        Note(fmt::format("{}\n  {}", NodeFailure("message from " + peer, node).text, mqc_message_error(msg_.get())));
+        Note(NodeFailure("message from " + peer, node, mqc_message_error(msg_.get())).text);
         return true;
       default:
         return ReadFailed(node, peer, done);
@@ -209,7 +213,7 @@ class Listener {
   // After a bad message a stream is out of step; datagrams stand for themselves.
   bool ReadFailed(MQNode* node, const std::string& peer, bool& done) {
     if (node->error == MQ_BAD_MESSAGE) ++totals_.faulty;
-    Note(NodeFailure("message from " + peer, node).text + FramingHint(node) + (options_.udp ? "" : "\n  closed"));
+    Note(NodeFailure("message from " + peer, node, FramingHint(node)).text + (options_.udp ? "" : "\n  closed"));
     done = true;
     return options_.udp;
   }
@@ -219,9 +223,8 @@ class Listener {
     if (node->error != MQ_BAD_MESSAGE || node->recvBuffer.data == nullptr) return "";
     uint32_t first = 0;
     memcpy(&first, node->recvBuffer.data, sizeof first);
-    if (!security_.check && (first == 32 || first == bwlong(32))) return "\n  it is signed: --ring FILE reads it";
-    if (security_.check && (first == 136 || first == bwlong(136)))
-      return "\n  it is not signed: without --ring it is read";
+    if (!security_.check && (first == 32 || first == bwlong(32))) return "it is signed: --ring FILE reads it";
+    if (security_.check && (first == 136 || first == bwlong(136))) return "it is not signed: without --ring it is read";
     return "";
   }
 

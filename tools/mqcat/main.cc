@@ -1,4 +1,7 @@
 // main.cc - the command line of mqcat. Every command is a file of its own (options.hh names them).
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <exception>
 #include <memory>
@@ -80,12 +83,21 @@ int Run(int argc, char** argv) {
   return exit;
 }
 
+// A stream that the caller has closed stays unusable: a socket in its place would be taken for it. Opened the wrong way
+// round, so that reading and writing fail.
+void KeepStreamsTaken() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
 }  // namespace
 }  // namespace mqcat
 
 int main(int argc, char** argv) {
   using namespace mqcat;
   signal(SIGPIPE, SIG_IGN);
+  KeepStreamsTaken();
   try {
     try {
       return Run(argc, argv);

@@ -36,6 +36,9 @@ struct Options {
   bool udp = false;
 };
 
+// For JSON: whole nanoseconds, so that a figure has no more digits than it is worth.
+double Rounded(double milliseconds) { return std::round(milliseconds * 1e6) / 1e6; }
+
 double MillisecondsSince(Clock::time_point then) {
   return std::chrono::duration<double, std::milli>(Clock::now() - then).count();
 }
@@ -65,6 +68,9 @@ class Pinger {
       Forget();
     }
   }
+
+  // The connection has come to its end: nothing that is on its way comes back.
+  void Fail() { waiting_.clear(); }
 
   void Finish() {
     Flush();
@@ -103,9 +109,9 @@ class Pinger {
                       mqc_add_bytes(msg_.get(), kFillId, fill_.data(), static_cast<uint32_t>(fill_.size()));
     if (!built)
       throw Failure{kExitInput, fmt::format("ping of {} bytes: {}", fill_.size(), mqc_message_error(msg_.get()))};
-    waiting_[sent_] = Clock::now();
+    const auto now = Clock::now();
     link_.Write(msg_.get(), In(std::max(options_.timeout, 1.0)));
-    ++sent_;
+    waiting_[sent_++] = now;
   }
 
   // Takes answers until the moment has come; at an interval of 0 until one has.
@@ -161,8 +167,9 @@ class Pinger {
 
   void PrintSummary() const {
     Print(fmt::format("\n--- {} ping statistics ---\n", link_.target()));
-    Print(fmt::format("{} sent, {} answered, {:.4g}% loss, time {:.0f} ms\n", sent_, trips_.count(), Loss(),
-                      MillisecondsSince(start_)));
+    const std::string under_way = waiting_.empty() ? "" : fmt::format(", {} on the way", waiting_.size());
+    Print(fmt::format("{} sent, {} answered{}, {:.4g}% loss, time {:.0f} ms\n", sent_, trips_.count(), under_way,
+                      Loss(), MillisecondsSince(start_)));
     if (late_ + strange_ != 0) Print(fmt::format("{} late or double, {} of others\n", late_, strange_));
     if (trips_.count() == 0) return;
     const std::string text = fmt::format(
@@ -174,16 +181,22 @@ class Pinger {
   }
 
   void PrintJsonSummary() const {
-    Json json = {
-        {"peer", link_.target()}, {"sent", sent_},        {"answered", trips_.count()},         {"lossPercent", Loss()},
-        {"late", late_},          {"ofOthers", strange_}, {"timeMs", MillisecondsSince(start_)}};
+    Json json = {{"peer", link_.target()},
+                 {"sent", sent_},
+                 {"answered", trips_.count()},
+                 {"lossPercent", Rounded(Loss())},
+                 {"late", late_},
+                 {"ofOthers", strange_},
+                 {"timeMs", Rounded(MillisecondsSince(start_))}};
     if (trips_.count() != 0) {
-      json["rttMs"] = {{"min", trips_.min()},          {"avg", trips_.mean()},         {"max", trips_.max()},
-                       {"stddev", trips_.deviation()}, {"p50", trips_.Percentile(50)}, {"p90", trips_.Percentile(90)},
-                       {"p99", trips_.Percentile(99)}};
+      json["rttMs"] = {{"min", Rounded(trips_.min())},          {"avg", Rounded(trips_.mean())},
+                       {"max", Rounded(trips_.max())},          {"stddev", Rounded(trips_.deviation())},
+                       {"p50", Rounded(trips_.Percentile(50))}, {"p90", Rounded(trips_.Percentile(90))},
+                       {"p99", Rounded(trips_.Percentile(99))}};
       json["histogram"] = Json::array();
       for (const auto& bucket : trips_.Histogram()) {
-        json["histogram"].push_back({{"fromMs", bucket.from}, {"toMs", bucket.to}, {"count", bucket.count}});
+        json["histogram"].push_back(
+            {{"fromMs", Rounded(bucket.from)}, {"toMs", Rounded(bucket.to)}, {"count", bucket.count}});
       }
     }
     Print(json.dump() + "\n");
@@ -209,6 +222,7 @@ ExitCode RunPing(const Options& options) {
   try {
     pinger.Run();
   } catch (const Failure& failure) {
+    pinger.Fail();
     if (failure.code != kExitOutput && failure.code != kExitOutputClosed) pinger.Finish();
     throw;
   }

@@ -11,6 +11,7 @@
 #include "output.hh"
 #include "show.hh"
 #include "signals.hh"
+#include "text.hh"
 
 namespace mqcat {
 namespace {
@@ -70,7 +71,7 @@ class Sender {
   }
 
   std::string Summary() const {
-    std::string text = fmt::format("sent {} message{}, {} bytes", sent_, sent_ == 1 ? "" : "s", bytes_);
+    std::string text = "sent " + Count(sent_, "message") + ", " + Count(bytes_, "byte");
     if (link_) text += " to " + link_->target();
     if (options_.reply) text += fmt::format("; {} answered", answered_);
     return text;
@@ -111,7 +112,7 @@ class Sender {
     if (options_.quiet || now - start_ < kProgressAfter || now - shown_ < kProgressEvery || !NotesAreOnTerminal())
       return;
     shown_ = now;
-    ShowProgress(fmt::format("{} messages, {} bytes", sent_, bytes_));
+    ShowProgress(Count(sent_, "message") + ", " + Count(bytes_, "byte"));
   }
 
   const Options& options_;

@@ -37,9 +37,9 @@ std::string Sender(const PcfMessage* msg) {
 }
 
 std::string Headline(const PcfMessage* msg, const std::string& peer, bool is_signed) {
-  return fmt::format("{} {} {} {} with {}, command {}, {} parameter{}, {} bytes", LocalTime(), peer,
+  return fmt::format("{} {} {} {} with {}, command {}, {}, {} bytes", LocalTime(), peer,
                      is_signed ? "signed by" : "from", Quote(Sender(msg)), Quote(Application(msg)), mqc_command(msg),
-                     mqc_count(msg), mqc_count(msg) == 1 ? "" : "s", msg->raw.length);
+                     Count(mqc_count(msg), "parameter"), msg->raw.length);
 }
 
 std::string ParamText(const MqcParam& param) {

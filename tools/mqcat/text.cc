@@ -188,6 +188,10 @@ std::optional<std::string> FromEbcdic(std::string_view text) {
   return out;
 }
 
+std::string Count(uint64_t number, std::string_view what) {
+  return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
+}
+
 std::string Wrap(std::string_view text, size_t width) {
   std::string out;
   while (!text.empty()) {

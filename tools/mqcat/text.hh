@@ -37,6 +37,9 @@ std::string Plain(std::string_view text);
 // EBCDIC (IBM1047) as UTF-8; nothing when the system's iconv does not know it.
 std::optional<std::string> FromEbcdic(std::string_view text);
 
+// "1 message", "2 messages".
+std::string Count(uint64_t number, std::string_view what);
+
 // Breaks lines longer than width at blanks; continued lines are indented as the text of their line is, which begins
 // behind the last run of two or more blanks, or at the first character.
 std::string Wrap(std::string_view text, size_t width);
