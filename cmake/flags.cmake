@@ -11,6 +11,20 @@ if(MQNODE_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link -fno-sanitize=vptr,function)
 endif()
 
+# What such a build makes needs more than a plain one and is neither installed nor packed.
+set(MQNODE_INSTRUMENTED OFF)
+if(MQNODE_SANITIZE OR MQNODE_COVERAGE)
+  set(MQNODE_INSTRUMENTED ON)
+endif()
+
+# Counts branches in a library. Several processes and threads count at once.
+function(mqnode_count_branches target)
+  if(MQNODE_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic -Dalways_inline=noinline)
+    target_link_options(${target} PRIVATE --coverage)
+  endif()
+endfunction()
+
 # Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from
 # within the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host
 # sees. Records are filled from registers: collecting their fields in a vector register first costs more than it saves.
@@ -18,4 +32,5 @@ function(mqnode_library_flags target)
   set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
     -fno-semantic-interposition -fno-plt -fno-tree-slp-vectorize -Wconversion)
+  mqnode_count_branches(${target})
 endfunction()

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # dependencies.sh LIBRARY - libmqnode.so needs libc.so.6 and nothing else, takes every other name from the companion's
-# headers, and runs nothing when it is loaded. A build with sanitizers is skipped (exit 77).
+# headers, and runs nothing when it is loaded. A build with sanitizers or coverage is skipped (exit 77).
 set -euo pipefail
 library=$1
 cd "$(dirname "$0")/../.."
 
-if nm -D --undefined-only "$library" | grep >/dev/null -E '__(asan|ubsan|tsan)_'; then
-  echo 'dependencies: built with sanitizers, skipped'
+if nm "$library" | grep >/dev/null -E '__(asan|ubsan|tsan|gcov)_'; then
+  echo 'dependencies: built with sanitizers or coverage, skipped'
   exit 77
 fi
 
