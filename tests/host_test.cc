@@ -153,6 +153,9 @@ TEST_F(NetworkTest, NotActiveIsPrintedWhenAskedFor) {
     EXPECT_EQ(Printed([&] { EXPECT_EQ(bTcpipNotActive(row.verbose), row.result); }), row.printed);
   }
   EXPECT_EQ(Platform::Calls().front(), "gethostname(255) = 0");
+  Platform::SetTime(kNoDate);
+  DownFor(1);
+  EXPECT_EQ(Printed([] { bTcpipNotActive(1); }), "Date: \n" + lines_.substr(lines_.find("SOCKSIN")));
 }
 
 const char kUp[] = "gethostname(255) = 0";

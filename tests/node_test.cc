@@ -131,6 +131,11 @@ TEST_F(NodeTest, CreationFailures) {
     EXPECT_EQ(node->error, row.error) << row.calls;
     EXPECT_EQ(node->openState, 0u);
   }
+  SockRec sock;
+  CreateSocketFromExisting(&sock, taken.fd());
+  mqc_fail_allocation(1, 0);
+  EXPECT_EQ(CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT), nullptr);
+  EXPECT_EQ(sock.owner, nullptr);
 }
 
 TEST_F(NodeTest, UserIsAtMostTwelveCharactersOfTheLogin) {
@@ -207,6 +212,10 @@ TEST_F(NodeTest, ApplicationNameWithoutAListing) {
   EXPECT_EQ(ApplName(), "UNKNOWN 0") << "244 characters fit";
   setenv("TEVRA_HOME", ("/" + std::string(244, 'x')).c_str(), 1);
   EXPECT_EQ(ApplName(), "UNKNOWN 0, nothing run");
+  char name[9] = "12345678";
+  int length = 0;
+  EXPECT_EQ(GetApplName(name, &length), 1) << "8 bytes are written whatever the length says";
+  EXPECT_EQ(std::string(name), "UNKNOWN");
 }
 
 TEST_F(NodeTest, ApplicationNameIsThisProgram) {
@@ -377,6 +386,7 @@ TEST_F(NodeTest, CloseAndDelete) {
   const Message out(1, 4);
   Platform::Fail("send", 1, EAGAIN);
   for (int i = 0; i < 3; ++i) mnWrite(out, node);
+  Qput(node->pending, nullptr);
   Watch(node);
   link.node->openState = 1;
   node->sock.error = 42;

@@ -251,6 +251,9 @@ TEST_F(ReadTest, NoMemoryForALongMessage) {
   EXPECT_EQ(Platform::Calls(), Lines{});
   EXPECT_EQ(mnRead(in_, bare), 0);
   EXPECT_EQ(bare->error, ENOTCONN);
+  DeleteBuffer(&bare->recvBuffer);
+  EXPECT_EQ(mnReadMsg(bare), 0);
+  EXPECT_EQ(bare->error, MQ_NO_ROOM) << "the length that a buffer without an area asks for is 0";
 }
 
 TEST_F(ReadTest, Datagrams) {
@@ -418,6 +421,13 @@ TEST_F(ReadTest, BrowseOfPartOfAHeader) {
     Platform::Forget();
     EXPECT_EQ(Browse(link.node), "0, 11, read 1, held 0/136");
     EXPECT_EQ(Platform::Calls({"nanosleep"}), Lines{});
+
+    // Whether it blocks cannot be told: it pauses.
+    Platform::Fail("fcntl", 1, EBADF, Platform::kOnwards);
+    Platform::Forget();
+    EXPECT_EQ(Browse(link.node), "0, 11, read 1, held 0/136");
+    EXPECT_EQ(Platform::Calls({"nanosleep"}).size(), 100u);
+    Platform::Reset();
 
     // The peer will send no more.
     BlockSocket(&link.node->sock);

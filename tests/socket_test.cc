@@ -162,6 +162,11 @@ TEST_F(SocketTest, DeleteClosesOnceAndOnlyWhatItHolds) {
     EXPECT_EQ(memcmp(&rec, &expected, sizeof rec), 0);
     EXPECT_EQ(Trace::Take(), (Lines{"DeleteSocket", "DeleteSocket"}));
   }
+  Platform::SetTime(kNoDate);
+  SockRec rec;
+  CreateSocketFromExisting(&rec, 64999);
+  EXPECT_EQ(Printed([&] { DeleteSocket(&rec); }),
+            "??:??:?? SOCKSIN::DeleteSocket close(64999) failed RC(-1) errno(9)\n");
 }
 
 TEST_F(SocketTest, BlockingModeChangesNoOtherFlag) {
@@ -233,6 +238,7 @@ std::string Text(const sockaddr_in& address) {
 TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
   Platform::AddHost("box.example", {"10.9.8.7", "10.9.8.8"});
   Platform::AddHost("9box", {"10.9.8.9"});
+  Platform::AddHost("bare", {});
   Platform::AddService("echo", "tcp", 7);
   constexpr int kKept = 77;  // what error holds when it is left alone
   const struct {
@@ -268,6 +274,7 @@ TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
       // looked up; then the ip field in a short form
       {"box.example", "", "1", 0, 1, kKept, 1, "2 10.9.8.7:1", {"gethostbyname(box.example) = 1"}},
       {"nobody", "10.1", "1", 0, 1, kKept, 1, "2 10.0.0.1:1", {"gethostbyname(nobody) = 0"}},
+      {"bare", "10.1", "1", 0, 1, kKept, 1, "2 10.0.0.1:1", {"gethostbyname(bare) = 1"}},
       {"nobody", "1.2.3.4.5", "1", 0, 0, 9003, 1, nullptr, {"gethostbyname(nobody) = 0"}},
       {"nobody", "x", "1", 0, 0, 9003, 1, nullptr, {"gethostbyname(nobody) = 0"}},
       {"nobody", "", "1", EAGAIN, 0, EAGAIN, 1, nullptr, {"gethostbyname(nobody) = 0"}},
@@ -384,6 +391,7 @@ TEST_F(SocketTest, MappingsAskTheResolverAndKeepWithinTheirBuffers) {
   const std::string long_service(40, 's');
   Platform::AddHost("box.example", {"10.9.8.7", "10.9.8.8"});
   Platform::AddHost(long_host, {"255.255.255.254"});
+  Platform::AddHost("bare", {});
   Platform::AddService("echo", "udp", 7);
   Platform::AddService(long_service, "tcp", 9);
   sockaddr_in in = {};
@@ -417,6 +425,7 @@ TEST_F(SocketTest, MappingsAskTheResolverAndKeepWithinTheirBuffers) {
   EXPECT_EQ(ResolveHostName("box.example", quad.text), 1);
   EXPECT_EQ(quad.Text(), "10.9.8.7");
   EXPECT_EQ(ResolveHostName("nobody", quad.text), 0);
+  EXPECT_EQ(ResolveHostName("bare", quad.text), 0);
   EXPECT_EQ(quad.Text(), "10.9.8.7") << "untouched when the name does not resolve";
 
   EXPECT_EQ(Platform::Calls(), (Lines{
@@ -428,6 +437,7 @@ TEST_F(SocketTest, MappingsAskTheResolverAndKeepWithinTheirBuffers) {
                                    "getservbyport(9, tcp) = 1",
                                    "gethostbyname(box.example) = 1",
                                    "gethostbyname(nobody) = 0",
+                                   "gethostbyname(bare) = 1",
                                }));
 }
 

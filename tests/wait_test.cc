@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -277,6 +278,19 @@ TEST_F(WaitTest, ASocketListedTwiceIsReportedTwice) {
   int status = 77;
   EXPECT_EQ(NPostSocket(&work_, &kPatient, &status), 1);
   EXPECT_EQ(List(work_.readable) + " " + List(work_.writable), "aa aa");
+}
+
+// More sockets than a wait keeps at hand.
+TEST_F(WaitTest, AListMayBeLongerThanThePlainForms) {
+  constexpr int kMany = SOCK_POST_SIZE + 10;
+  Size(kMany + 1);
+  MakeAll("r .");
+  std::fill_n(work_.sockets, kMany, &sockets_[1]);
+  for (const int at : {0, kMany - 2, kMany - 1}) work_.sockets[at] = &sockets_[0];
+  work_.sockets[kMany] = nullptr;
+  int status = 77;
+  EXPECT_EQ(PostSocket(&work_, &kPatient, &status), 1);
+  EXPECT_EQ(List(work_.readable), "aaa");
 }
 
 TEST_F(WaitTest, EntriesBehindTheTerminatorStay) {

@@ -16,9 +16,13 @@
 #include <ctime>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// A time whose year no date has: ctime answers null.
+constexpr time_t kNoDate = std::numeric_limits<time_t>::max();
 
 struct Call {
   std::string name;
