@@ -1,11 +1,15 @@
 // The companion runtime: the contract that the library relies on, and what hosts call.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <iconv.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sodium.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,9 +26,62 @@
 #include "companion/host.h"
 #include "runtime/text.hh"
 
+// The system as the companion finds it: another time of day, a user without an entry or with this name, an iconv that
+// knows no EBCDIC.
+struct System {
+  const timespec* time = nullptr;
+  bool has_user = true;
+  const char* user = nullptr;
+  bool has_ebcdic = true;
+};
+static System host_system;
+
+template <typename Function>
+static Function* Next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
+  if (host_system.time == nullptr || clock != CLOCK_REALTIME) {
+    return static_cast<int>(syscall(SYS_clock_gettime, clock, out));
+  }
+  *out = *host_system.time;
+  return 0;
+}
+
+extern "C" int getpwuid_r(uid_t uid, passwd* entry, char* place, size_t size, passwd** found) {
+  const int result = Next<decltype(getpwuid_r)>("getpwuid_r")(uid, entry, place, size, found);
+  if (!host_system.has_user) *found = nullptr;
+  if (host_system.user != nullptr && *found != nullptr) entry->pw_name = const_cast<char*>(host_system.user);
+  return result;
+}
+
+extern "C" iconv_t iconv_open(const char* to, const char* from) {
+  if (!host_system.has_ebcdic) return reinterpret_cast<iconv_t>(-1);
+  return Next<decltype(iconv_open)>("iconv_open")(to, from);
+}
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+void ExpectSays(const std::string& text, const char* part) {
+  EXPECT_NE(text.find(part), std::string::npos) << '"' << text << "\" does not say \"" << part << '"';
+}
+
+// Runs a disabled test in a process of its own, with one more variable in its environment.
+void RunAlone(const std::string& test, const char* variable = "MQ_NONE", const std::string& value = "") {
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv(variable, value.c_str(), 1);
+    execl("/proc/self/exe", "companion_test", ("--gtest_filter=" + test).c_str(), "--gtest_also_run_disabled_tests",
+          "--gtest_brief=1", nullptr);
+    _exit(127);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
 
 MqcMemory Account(const char* tag) {
   MqcMemory memory;
@@ -206,6 +263,25 @@ TEST(Memory, TagsAreListedAndOverflowIntoOther) {
   EXPECT_EQ(listed, before + 100);
 }
 
+// More places than are remembered: each is told by its text then. No tag at all is one too.
+TEST(Memory, TagsAreToldByTheirText) {
+  static char places[300][4];
+  const uint64_t before = Account("T1").total_blocks, none = Account("(none)").total_blocks;
+  const auto allocate = [](const char* tag) {
+    void* block;
+    EXPECT_TRUE(fNewMemory(&block, 1, tag));
+    FreeMemory(block);
+  };
+  for (char* const place : places) {
+    strcpy(place, "T1");
+    allocate(place);
+    allocate(place);
+  }
+  EXPECT_EQ(Account("T1").total_blocks, before + 600);
+  allocate(nullptr);
+  EXPECT_EQ(Account("(none)").total_blocks, none + 1);
+}
+
 TEST(Memory, CountsStayRightAcrossThreads) {
   const MqcMemory before = Account("buffer");
   std::vector<std::thread> threads;
@@ -374,6 +450,11 @@ TEST(Buffers, KeepTheirContract) {
   CreateBuffer(&buf, 100);  // the copy owns the first area now
   EXPECT_EQ(copy.data[135], 7);
   EXPECT_EQ(buf.flags + buf.received + buf.sent, 0u);
+  buf.received = 100;
+  buf.length = 10;
+  buf.data[99] = 3;
+  SizeBuffer(&buf, 200);
+  EXPECT_EQ(buf.data[99], 3) << "what was received stays, whatever the length";
   DeleteBuffer(&buf);
   buf = copy;
   buf.flags = 2;
@@ -457,6 +538,30 @@ TEST(Text, UserNameFitsOrIsRefused) {
   EXPECT_FALSE(GetUserName(name, &length)) << "no room for the terminator";
   int none = 0;
   EXPECT_FALSE(GetUserName(name, &none));
+  // Without an entry, as in many containers, LOGNAME tells.
+  const struct {
+    bool entry;
+    const char* user;
+    const char* logname;
+    const char* name;  // null: cannot be told
+  } rows[] = {{true, "entry", "logname", "entry"},
+              {true, "", "logname", nullptr},
+              {false, nullptr, "logname", "logname"},
+              {false, nullptr, "", nullptr},
+              {false, nullptr, nullptr, nullptr}};
+  const char* const old = getenv("LOGNAME");
+  const std::string kept = old != nullptr ? old : "";
+  for (const auto& row : rows) {
+    host_system = {.has_user = row.entry, .user = row.user};
+    row.logname != nullptr ? setenv("LOGNAME", row.logname, 1) : unsetenv("LOGNAME");
+    length = sizeof(name);
+    ASSERT_EQ(GetUserName(name, &length), row.name != nullptr);
+    if (row.name != nullptr) {
+      EXPECT_STREQ(name, row.name);
+    }
+  }
+  host_system = {};
+  if (old != nullptr) setenv("LOGNAME", kept.c_str(), 1);
 }
 
 // ---- Messages ----
@@ -525,6 +630,71 @@ TEST(Message, ABrowsedHeaderIsJudgedByTheAreaAlone) {
   EXPECT_TRUE(AlienToNative(&view));
 }
 
+// Records whose area, or what they say of it, can hold no message: no function reads it.
+TEST(Message, RecordsWithoutAMessageAreRefused) {
+  const Bytes sample = SampleFrom({false, false});
+  const auto size = static_cast<uint32_t>(sample.size());
+  const struct {
+    bool data;
+    uint32_t capacity;
+    uint32_t length;
+  } rows[] = {{false, size, size}, {true, size - 1, size}, {true, size, 135}, {true, 135, 135}};
+  for (const auto& row : rows) {
+    Exact exact(sample);
+    PcfMessage* const msg = exact.get();
+    ASSERT_TRUE(exact.Read());
+    uint8_t* const area = msg->raw.data;
+    msg->raw = {nullptr, row.data ? area : nullptr, nullptr, row.capacity, row.length};
+    MqcParam param;
+    EXPECT_EQ(mqc_param(msg, 5, &param), row.data && row.length == size) << "the last parameter is within the length";
+    EXPECT_FALSE(VerifyMessage(&msg->raw));
+    EXPECT_EQ(AlienToNative(&msg->raw), row.data && row.capacity >= 136);
+    char user[13], application[49];
+    mqc_user(msg, user);
+    mqc_application(msg, application);
+    EXPECT_EQ(std::string(user) + application, row.data && row.length == size ? "aliceTESTER" : "");
+    EXPECT_FALSE(RawToPcf(msg));
+    EXPECT_FALSE(AlienPcfToNative(msg));
+    EXPECT_EQ(mqc_command(msg) + mqc_count(msg), 0u);
+  }
+  Bytes broken = sample;
+  PutWord(&broken, 140, 7, false);
+  EXPECT_FALSE(VerifyMessage(&Exact(broken).get()->raw)) << "a parameter more than there is";
+  EXPECT_STRNE(mqc_header_error(), "");
+  mqc_message_free(nullptr);
+}
+
+// Runs in a process of its own: the table is made once.
+TEST(MessageChild, DISABLED_WithoutEbcdic) {
+  struct Arriving {
+    Form form;
+    Bytes message, envelope;
+  };
+  std::vector<Arriving> all;
+  for (const Form form : kForms) {
+    Encoder envelope(form);
+    envelope.Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(200).Text("alice", 12);
+    all.push_back({form, SampleFrom(form), envelope.bytes});
+  }
+  Bytes body = all[0].message;
+  PutWord(&body, 68, 2, false);  // its text is still EBCDIC
+  host_system.has_ebcdic = false;
+  for (Arriving& arriving : all) {
+    EXPECT_EQ(Exact(arriving.message).Read(), !arriving.form.ebcdic);
+    const Bytes before = arriving.envelope;
+    EXPECT_EQ(AlienToNativeExt(reinterpret_cast<SecureHeader*>(arriving.envelope.data())), !arriving.form.ebcdic);
+    if (arriving.form.ebcdic) {
+      EXPECT_EQ(arriving.envelope, before);
+    }
+  }
+  ExpectSays(mqc_header_error(), "IBM1047");
+  Exact record(body);
+  EXPECT_FALSE(AlienPcfToNative(record.get()));
+  ExpectSays(mqc_message_error(record.get()), "IBM1047");
+}
+
+TEST(Message, WithoutEbcdicOnlyAsciiArrives) { RunAlone("MessageChild.DISABLED_WithoutEbcdic"); }
+
 TEST(Message, ARecordIsReusedWithoutAllocating) {
   Message msg(mqc_message_new(1000));
   AddSample(msg.get());
@@ -549,6 +719,16 @@ TEST(Message, OnlyItsOwnAreaIsReleased) {
   msg.raw.capacity = sizeof(area);
   ASSERT_TRUE(mqc_begin(&msg, 1));
   EXPECT_EQ(msg.raw.data, area);
+  mqc_message_release(&msg);
+  EXPECT_EQ(msg.raw.data, nullptr);
+  msg.raw.data = area;
+  msg.raw.capacity = 100;
+  ASSERT_TRUE(mqc_begin(&msg, 1));
+  EXPECT_NE(msg.raw.data, area) << "too small for any message";
+  mqc_message_release(&msg);
+  msg.raw.data = area;
+  msg.raw.capacity = sizeof(area);
+  ASSERT_TRUE(mqc_begin(&msg, 1));
   ASSERT_TRUE(mqc_add_bytes(&msg, 1, std::string(300, 'x').data(), 300));
   EXPECT_NE(msg.raw.data, area);
   EXPECT_EQ(Account("message").live_blocks, live + 1);
@@ -771,10 +951,6 @@ class Security : public testing::Test {
   Message msg_{mqc_message_new(0)};
 };
 
-void ExpectSays(const std::string& text, const char* part) {
-  EXPECT_NE(text.find(part), std::string::npos) << '"' << text << "\" does not say \"" << part << '"';
-}
-
 TEST_F(Security, EveryBitIsCoveredAndNothingIsAcceptedTwice) {
   const Bytes wire = Sign();
   ASSERT_EQ(wire.size(), 32 + msg_->raw.length + 96);
@@ -867,6 +1043,11 @@ TEST_F(Security, SigningIsRefusedWithAReason) {
       {"the key is that of bob", [&](PcfMessage*, void** context) { *context = bob.get(); }},
       {"node's user is al", [](PcfMessage* msg, void**) { msg->secHeader.userId[2] = 0; }},
       {"are no message", [](PcfMessage* msg, void**) { msg->raw.length = 136; }},
+      {"passes the bound",
+       [](PcfMessage* msg, void**) {
+         ASSERT_TRUE(SizePcfMessage(msg, MQ_MAX_MESSAGE));
+         msg->raw.length = MQ_MAX_MESSAGE - 127;
+       }},
       {"are no message", [](PcfMessage* msg, void**) { msg->raw.length = msg->raw.capacity + 1; }},
       {"do not say", [](PcfMessage* msg, void**) { msg->secHeader.msgLength--; }},
       {"do not say", [](PcfMessage* msg, void**) { reinterpret_cast<MsgHeader*>(msg->raw.data)->bodyLength++; }},
@@ -884,6 +1065,37 @@ TEST_F(Security, SigningIsRefusedWithAReason) {
   }
   AddSample(msg_.get());
   EXPECT_TRUE(Receive(Sign()));
+}
+
+// What a host may hand to the check without having looked at it.
+TEST_F(Security, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
+  struct Row {
+    const char* says;
+    std::function<void(PcfMessage*, IoBuffer*)> spoil;
+  };
+  const Row rows[] = {
+      {"an envelope of 33", [](PcfMessage* msg, IoBuffer*) { msg->secHeader.hdrLength = 33; }},
+      {"version 2", [](PcfMessage* msg, IoBuffer*) { msg->secHeader.version = 2; }},
+      {"the envelope says", [](PcfMessage* msg, IoBuffer*) { msg->secHeader.msgLength++; }},
+      {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.data = nullptr; }},
+      {"does not hold", [](PcfMessage*, IoBuffer* part) { part->data = nullptr; }},
+      {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.length--; }},
+      {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.capacity--; }},
+      {"other bytes", [](PcfMessage* msg, IoBuffer*) { msg->raw.data[150] ^= 1; }},
+      {"", [](PcfMessage* msg, IoBuffer* part) { part->data = msg->raw.data; }},
+  };
+  for (const Row& row : rows) {
+    const Bytes wire = Sign();
+    Bytes bytes(wire.begin() + 32, wire.end());
+    Exact record(bytes);
+    PcfMessage* const msg = record.get();
+    memcpy(&msg->secHeader, wire.data(), 32);
+    const auto length = static_cast<uint32_t>(bytes.size());
+    IoBuffer part = {bytes.data(), length, length, 0, length + 32, 0};
+    row.spoil(msg, &part);
+    EXPECT_EQ(mqc_authenticate(&msg->secHeader, &part, msg), row.says[0] == '\0');
+    ExpectSays(mqc_authenticate_error(), row.says);
+  }
 }
 
 TEST_F(Security, AgeIsJudgedByTheWindow) {
@@ -942,6 +1154,42 @@ TEST_F(Security, AFullMemoryForgetsButNeverAcceptsTwice) {
   clock_now += 400000;
 }
 
+// The memory grows with what it holds, obeys a limit that was lowered, and takes nothing when it cannot grow.
+TEST_F(Security, TheMemoryGrowsAndShrinks) {
+  std::vector<Bytes> wires;
+  const auto accept = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      clock_now += 1;
+      wires.push_back(Sign());
+      ASSERT_EQ(Refusal(wires.back()), "");
+    }
+  };
+  ASSERT_FALSE(mqc_set_replay_limit(16777217));
+  accept(5000);
+  const uint64_t grown = Account("replay").live_bytes;
+  EXPECT_GE(grown, 5000u * 48);
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  accept(1);
+  EXPECT_LT(Account("replay").live_bytes, grown);
+  // One that was signed before those that are forgotten now comes too late.
+  const int64_t now = clock_now;
+  clock_now = now - 4900;
+  const Bytes late = Sign();
+  clock_now = now;
+  ExpectSays(Refusal(late), "longer than accepted messages are remembered");
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  std::string refusal;
+  for (int i = 0; i < 1024 && refusal.empty(); ++i) {
+    clock_now += 1;
+    wires.push_back(Sign());
+    mqc_fail_allocation(1, 0);
+    refusal = Refusal(wires.back());
+    mqc_fail_allocation(0, 0);
+  }
+  ExpectSays(refusal, "no memory");
+  EXPECT_TRUE(Receive(wires.back())) << "what was refused for want of memory was not remembered";
+}
+
 TEST_F(Security, OneOfManyThreadsAcceptsAMessage) {
   for (int round = 0; round < 20; ++round) {
     const Bytes wire = Sign();
@@ -969,6 +1217,7 @@ TEST(KeyFiles, AreReadOrRefusedWithTheLine) {
   const Row rows[] = {
       {"# keys\n\n  " + alice, 0600, nullptr, nullptr},
       {alice + bob, 0400, "bob", nullptr},
+      {alice.substr(0, alice.size() - 1) + "\r\n" + bob + "\r", 0600, "alice", nullptr},
       {alice + bob + " # his", 0600, "bob", nullptr},
       {alice, 0640, nullptr, "chmod 600"},
       {alice, 0604, nullptr, "chmod 600"},
@@ -1005,6 +1254,8 @@ TEST(KeyFiles, AreReadOrRefusedWithTheLine) {
   EXPECT_EQ(mqc_signer_load("/", nullptr, cut, sizeof(cut)), nullptr);
   EXPECT_EQ(strlen(cut), 7u);
   EXPECT_EQ(mqc_signer_load("/", nullptr, nullptr, 0), nullptr);
+  EXPECT_EQ(mqc_signer_load("/", nullptr, cut, 0), nullptr);
+  EXPECT_EQ(strlen(cut), 7u) << "a place of no size is not written to";
 }
 
 TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
@@ -1024,7 +1275,19 @@ TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   uint8_t open[32];
   mqc_signer_public_key(signer.get(), open);
   EXPECT_EQ(memcmp(open, keys.open, 32), 0);
-  for (const char* user : {"", "thirteen char", "a b", "a#b", "thirteenchars", "\x80"}) {
+  // A disk that takes no more leaves no part of a key behind.
+  const std::string full = folder.Name("full");
+  rlimit old;
+  getrlimit(RLIMIT_FSIZE, &old);
+  const rlimit small = {10, old.rlim_max};
+  const auto before = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_FALSE(mqc_secret_file_write(full.c_str(), "alice", keys.secret, error, sizeof(error)));
+  setrlimit(RLIMIT_FSIZE, &old);
+  signal(SIGXFSZ, before);
+  ExpectSays(error, "File too large");
+  EXPECT_NE(access(full.c_str(), F_OK), 0);
+  for (const char* user : {"", "thirteen char", "a b", "a#b", "thirteenchars", "\x80", "\x7f"}) {
     EXPECT_EQ(mqc_signer_new(user, keys.secret, error, sizeof(error)), nullptr) << user;
     EXPECT_FALSE(mqc_ring_add(user, keys.open, error, sizeof(error))) << user;
   }
@@ -1054,6 +1317,15 @@ TEST(KeyFiles, ARingIsLoadedWholeOrNotAtAll) {
   ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
   EXPECT_EQ(mqc_ring_count(), 3u);
   for (const char* user : {"a", "m", "z"}) EXPECT_TRUE(mqc_ring_remove(user)) << user;
+  // More users than the first area holds, around those of the file, in any order.
+  ASSERT_FALSE(mqc_ring_add("n", reinterpret_cast<const uint8_t*>(std::string(32, '\xff').data()), nullptr, 0));
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_TRUE(mqc_ring_add(("zz" + std::to_string(i * 7 % 40)).c_str(), one.open, nullptr, 0));
+  }
+  ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
+  EXPECT_EQ(mqc_ring_count(), 43u);
+  for (int i = 0; i < 40; ++i) EXPECT_TRUE(mqc_ring_remove(("zz" + std::to_string(i)).c_str()));
+  for (const char* user : {"a", "m", "z"}) EXPECT_TRUE(mqc_ring_remove(user)) << user;
   mqc_ring_clear();
 }
 
@@ -1081,7 +1353,7 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
   raise(SIGUSR1);
   EXPECT_EQ(errno, 1234);
   sigaction(SIGUSR1, &before, nullptr);
-  LOGMSG("0106W two\nlines\x1b[2J", 1);
+  LOGMSG("0106W two\nlines\x1b[2J\x7f", 1);
   LOGMSG(std::string(5000, 'x').c_str(), 1);
   const auto lines = Lines();
   ASSERT_EQ(lines.size(), 3u);
@@ -1092,7 +1364,7 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
     EXPECT_EQ(start, shape);
   }
   EXPECT_EQ(lines[0].substr(shape.size()), "1158I from a handler");
-  EXPECT_EQ(lines[1].substr(shape.size()), "0106W two.lines.[2J");
+  EXPECT_EQ(lines[1].substr(shape.size()), "0106W two.lines.[2J.");
   tm date = {};
   strptime(lines[0].c_str(), "%Y-%m-%dT%H:%M:%S", &date);
   EXPECT_LT(std::abs(difftime(timegm(&date), time(nullptr))), 5);
@@ -1106,7 +1378,7 @@ TEST_F(Log, FallsBackToStandardError) {
   errno = 1234;
   LOGMSG("1157I one", 1);
   EXPECT_EQ(errno, 1234);
-  mqc_log_to(nullptr);
+  mqc_log_to("");
   LOGMSG("1157I two", 1);
   const std::string seen = testing::internal::GetCapturedStderr();
   ExpectSays(seen, " 1157I one\n");
@@ -1131,6 +1403,9 @@ TEST_F(Log, DumpsAreBoundedWhateverTheyShow) {
   memset(small.get()->secHeader.userId, '\n', 12);
   DumpPcfMessage(small.get());
   EXPECT_EQ(Lines().size(), 10u);
+  EXPECT_FALSE(RawToPcf(small.get()));
+  DumpPcfMessage(small.get());
+  ExpectSays(Lines()[10], mqc_message_error(small.get()));
 }
 
 // Runs in a process of its own, which loads the companion with the variable set.
@@ -1139,17 +1414,34 @@ TEST(LogChild, DISABLED_Writes) { LOGMSG("1157I child", 1); }
 TEST(LogChild, TheEnvironmentNamesTheFile) {
   Folder folder;
   const std::string path = folder.Name("log");
-  const pid_t child = fork();
-  if (child == 0) {
-    setenv("MQCOMPANION_LOG", path.c_str(), 1);
-    execl("/proc/self/exe", "companion_test", "--gtest_filter=LogChild.DISABLED_Writes",
-          "--gtest_also_run_disabled_tests", "--gtest_brief=1", nullptr);
-    _exit(127);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", path);
   ExpectSays(Content(path), " 1157I child\n");
+  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", std::string(1024, 'x'));  // too long: standard error
+}
+
+// Every kind of year, and every day on which a month or a year begins or ends.
+TEST_F(Log, WritesTheDateOfAnyDay) {
+  std::string expected;
+  for (const int year : {1970, 1972, 1999, 2000, 2024, 2026, 2099, 2100, 2400}) {
+    for (int month = 0; month < 12; ++month) {
+      for (const int day : {0, 1, 28, 29}) {
+        tm date = {};
+        date.tm_year = year - 1900;
+        date.tm_mon = month;
+        date.tm_mday = day;
+        const timespec at = {timegm(&date) + 86399, 7000000};
+        if (at.tv_sec < 0) continue;
+        host_system.time = &at;
+        LOGMSG("x", 1);
+        host_system.time = nullptr;
+        char line[64];
+        gmtime_r(&at.tv_sec, &date);
+        strftime(line, sizeof(line), "%Y-%m-%dT%H:%M:%S.007Z x\n", &date);
+        expected += line;
+      }
+    }
+  }
+  EXPECT_EQ(Content(path_), expected);
 }
 
 }  // namespace
