@@ -27,12 +27,14 @@
 #include "runtime/text.hh"
 
 // The system as the companion finds it: another time of day, a user without an entry or with this name, an iconv that
-// knows no EBCDIC.
+// knows no EBCDIC, files that cannot be read or written at once.
 struct System {
   const timespec* time = nullptr;
   bool has_user = true;
   const char* user = nullptr;
+  int user_code = 0;
   bool has_ebcdic = true;
+  std::vector<int> transfers;  // what the coming reads and writes fail with; 0: they move nothing
 };
 static System host_system;
 
@@ -52,9 +54,20 @@ extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
 extern "C" int getpwuid_r(uid_t uid, passwd* entry, char* place, size_t size, passwd** found) {
   const int result = Next<decltype(getpwuid_r)>("getpwuid_r")(uid, entry, place, size, found);
   if (!host_system.has_user) *found = nullptr;
+  if (host_system.user_code != 0) return host_system.user_code;
   if (host_system.user != nullptr && *found != nullptr) entry->pw_name = const_cast<char*>(host_system.user);
   return result;
 }
+
+template <typename Data>
+static ssize_t Transfer(const char* name, int fd, Data* data, size_t size) {
+  if (host_system.transfers.empty()) return Next<ssize_t(int, Data*, size_t)>(name)(fd, data, size);
+  errno = host_system.transfers.front();
+  host_system.transfers.erase(host_system.transfers.begin());
+  return errno != 0 ? -1 : 0;
+}
+extern "C" ssize_t read(int fd, void* data, size_t size) { return Transfer("read", fd, data, size); }
+extern "C" ssize_t write(int fd, const void* data, size_t size) { return Transfer("write", fd, data, size); }
 
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
   if (!host_system.has_ebcdic) return reinterpret_cast<iconv_t>(-1);
@@ -544,15 +557,16 @@ TEST(Text, UserNameFitsOrIsRefused) {
     const char* user;
     const char* logname;
     const char* name;  // null: cannot be told
-  } rows[] = {{true, "entry", "logname", "entry"},
-              {true, "", "logname", nullptr},
-              {false, nullptr, "logname", "logname"},
-              {false, nullptr, "", nullptr},
-              {false, nullptr, nullptr, nullptr}};
+  } rows[] = {{true, "entry", "logname", "entry"}, {true, "", "logname", nullptr},
+              {true, nullptr, "failed", "failed"}, {false, nullptr, "logname", "logname"},
+              {false, nullptr, "", nullptr},       {false, nullptr, nullptr, nullptr}};
   const char* const old = getenv("LOGNAME");
   const std::string kept = old != nullptr ? old : "";
   for (const auto& row : rows) {
-    host_system = {.has_user = row.entry, .user = row.user};
+    host_system = {.has_user = row.entry,
+                   .user = row.user,
+                   .user_code = row.entry && row.user == nullptr ? EIO : 0,
+                   .transfers = {}};
     row.logname != nullptr ? setenv("LOGNAME", row.logname, 1) : unsetenv("LOGNAME");
     length = sizeof(name);
     ASSERT_EQ(GetUserName(name, &length), row.name != nullptr);
@@ -661,6 +675,11 @@ TEST(Message, RecordsWithoutAMessageAreRefused) {
   PutWord(&broken, 140, 7, false);
   EXPECT_FALSE(VerifyMessage(&Exact(broken).get()->raw)) << "a parameter more than there is";
   EXPECT_STRNE(mqc_header_error(), "");
+  PutWord(&broken, 0, 135, false);
+  Exact headless(broken);
+  EXPECT_FALSE(VerifyMessage(&headless.get()->raw));
+  EXPECT_FALSE(RawToPcf(headless.get()));
+  ExpectSays(mqc_message_error(headless.get()), "the first word is 135");
   mqc_message_free(nullptr);
 }
 
@@ -721,6 +740,8 @@ TEST(Message, OnlyItsOwnAreaIsReleased) {
   EXPECT_EQ(msg.raw.data, area);
   mqc_message_release(&msg);
   EXPECT_EQ(msg.raw.data, nullptr);
+  ASSERT_TRUE(mqc_begin(&msg, 1)) << "a record without an area takes one";
+  mqc_message_release(&msg);
   msg.raw.data = area;
   msg.raw.capacity = 100;
   ASSERT_TRUE(mqc_begin(&msg, 1));
@@ -1063,6 +1084,12 @@ TEST_F(Security, SigningIsRefusedWithAReason) {
     ExpectSays(mqc_sign_error(), row.says);
     DeleteBuffer(&out);
   }
+  PcfMessage empty;
+  mqc_message_init(&empty);
+  memcpy(empty.secHeader.userId, "alice", 5);
+  IoBuffer out = {};
+  EXPECT_FALSE(mqc_sign(signer_.get(), &empty, &out));
+  ExpectSays(mqc_sign_error(), "are no message");
   AddSample(msg_.get());
   EXPECT_TRUE(Receive(Sign()));
 }
@@ -1082,6 +1109,11 @@ TEST_F(Security, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
       {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.length--; }},
       {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.capacity--; }},
       {"other bytes", [](PcfMessage* msg, IoBuffer*) { msg->raw.data[150] ^= 1; }},
+      {"cannot be one",
+       [](PcfMessage* msg, IoBuffer* part) {
+         for (uint8_t* user : {msg->raw.data + 72, part->data + 72}) memcpy(user, "alice\0x", 7);
+         memcpy(msg->secHeader.userId, "alice\0x", 7);
+       }},
       {"", [](PcfMessage* msg, IoBuffer* part) { part->data = msg->raw.data; }},
   };
   for (const Row& row : rows) {
@@ -1169,14 +1201,16 @@ TEST_F(Security, TheMemoryGrowsAndShrinks) {
   const uint64_t grown = Account("replay").live_bytes;
   EXPECT_GE(grown, 5000u * 48);
   ASSERT_TRUE(mqc_set_replay_limit(1024));
-  accept(1);
-  EXPECT_LT(Account("replay").live_bytes, grown);
-  // One that was signed before those that are forgotten now comes too late.
+  // One that was signed before those that are forgotten now comes too late, also when it is what they are forgotten for.
   const int64_t now = clock_now;
   clock_now = now - 4900;
   const Bytes late = Sign();
   clock_now = now;
-  ExpectSays(Refusal(late), "longer than accepted messages are remembered");
+  for (int i = 0; i < 2; ++i) {
+    ExpectSays(Refusal(late), "longer than accepted messages are remembered");
+    accept(1);
+    EXPECT_LT(Account("replay").live_bytes, grown);
+  }
   for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
   std::string refusal;
   for (int i = 0; i < 1024 && refusal.empty(); ++i) {
@@ -1275,6 +1309,18 @@ TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   uint8_t open[32];
   mqc_signer_public_key(signer.get(), open);
   EXPECT_EQ(memcmp(open, keys.open, 32), 0);
+  // Interrupted transfers go on; others fail, and leave nothing behind.
+  const std::string other = folder.Name("other");
+  for (const auto& [code, says] : {std::pair{EINTR, ""}, {EIO, "Input/output error"}, {0, ""}}) {
+    host_system.transfers = {code};
+    EXPECT_EQ(mqc_secret_file_write(other.c_str(), "alice", keys.secret, error, sizeof(error)), code == EINTR) << code;
+    ExpectSays(error, says);
+    EXPECT_EQ(unlink(other.c_str()) == 0, code == EINTR);
+    host_system.transfers = {code};
+    signer.reset(mqc_signer_load(path.c_str(), nullptr, error, sizeof(error)));
+    EXPECT_EQ(signer != nullptr, code == EINTR) << code;
+    ExpectSays(error, code == 0 ? "expected" : says);
+  }
   // A disk that takes no more leaves no part of a key behind.
   const std::string full = folder.Name("full");
   rlimit old;
@@ -1355,8 +1401,12 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
   sigaction(SIGUSR1, &before, nullptr);
   LOGMSG("0106W two\nlines\x1b[2J\x7f", 1);
   LOGMSG(std::string(5000, 'x').c_str(), 1);
+  for (const int code : {EINTR, EIO}) {
+    host_system.transfers = {code};
+    LOGMSG("0106W interrupted, or lost", 1);
+  }
   const auto lines = Lines();
-  ASSERT_EQ(lines.size(), 3u);
+  ASSERT_EQ(lines.size(), 4u);
   const std::string shape = "dddd-dd-ddTdd:dd:dd.dddZ ";
   for (const std::string& line : lines) {
     std::string start = line.substr(0, shape.size());
