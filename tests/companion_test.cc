@@ -1201,7 +1201,7 @@ TEST_F(Security, TheMemoryGrowsAndShrinks) {
   const uint64_t grown = Account("replay").live_bytes;
   EXPECT_GE(grown, 5000u * 48);
   ASSERT_TRUE(mqc_set_replay_limit(1024));
-  // One that was signed before those that are forgotten now comes too late, also when it is what they are forgotten for.
+  // One that was signed before those that are forgotten now comes too late, even if it is what they are forgotten for.
   const int64_t now = clock_now;
   clock_now = now - 4900;
   const Bytes late = Sign();

@@ -420,8 +420,7 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 3u);
 }
 
-// An error callback may change what it finds: a datagram for nowhere that "would block" waits, and is dropped for what it
-// is.
+// An error callback may change what it finds: a datagram for nowhere that "would block" waits, and is dropped later.
 TEST_F(DeliverTest, ACallbackThatTurnsNoDestinationIntoWouldBlock) {
   const Node node = CreateDatagram();
   const Message out(1, 4);

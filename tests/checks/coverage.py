@@ -15,7 +15,7 @@ TABLES = {
 
 def read_reasons(path):
     """{(file, source text): [(fewest, most branches not taken), reason]}; the form of the file is told at its top."""
-    reasons, waiting = {}, []
+    reasons, waiting, file = {}, [], ""
     for number, line in enumerate(Path(path).read_text().splitlines(), 1):
         if not line.strip() or line.startswith("#"):
             continue
@@ -25,16 +25,15 @@ def read_reasons(path):
             continue
         if waiting and reasons[waiting[-1]][1]:
             waiting = []
-        try:
-            file, missed, text = line.split(": ", 2)
-            key = (file, text.strip())
-            if key in reasons:
-                raise ValueError("stands here already")
-            numbers = [int(number) for number in missed.split("..")]
-            reasons[key] = [(numbers[0], numbers[-1]), ""]
-        except ValueError as error:
-            sys.exit(f"{path}:{number}: {error}; wanted is 'FILE: NUMBER: SOURCE TEXT'")
-        waiting.append(key)
+        if " | " not in line:
+            file = line
+            continue
+        missed, text = line.split(" | ", 1)
+        if (file, text) in reasons:
+            sys.exit(f"{path}:{number}: stands here already")
+        numbers = [int(count) for count in missed.split("..")]
+        reasons[file, text] = [(numbers[0], numbers[-1]), ""]
+        waiting.append((file, text))
     unfounded = [key for key, (_, reason) in reasons.items() if not reason]
     if unfounded:
         sys.exit(f"{path}: without a reason: {unfounded}")
