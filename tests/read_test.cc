@@ -305,6 +305,21 @@ TEST_F(ReadTest, Datagrams) {
             "- 127.0.0.1 " + std::to_string(peer.port()) + " tcp " + std::to_string(peer.port()));
 }
 
+// The gather step alone keeps what it has, a datagram too.
+TEST_F(ReadTest, GatheredOnce) {
+  const Node node = CreateDatagram();
+  const Peer peer = Peer::Datagram();
+  const std::string wire = Wire(1, 4);
+  peer.SendTo(PortOf(node), wire);
+  peer.SendTo(PortOf(node), Wire(2, 4));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(mnReadMsg(node), 1);
+    EXPECT_EQ(ReadState(node), "0, read 0, held 160/160");
+    EXPECT_EQ(memcmp(node->recvBuffer.data, wire.data(), kSize), 0);
+  }
+  EXPECT_EQ(Read(node), "1:4 from peer, 0, read 1, held 0/16520");
+}
+
 TEST_F(ReadTest, TraceOfADatagram) {
   const Node node = CreateDatagram();
   const Peer peer = Peer::Datagram();

@@ -267,6 +267,10 @@ TEST_F(WaitTest, AListMayBeExactlyFull) {
   Size(1);
   MakeAll("");
   EXPECT_EQ(Wait(Family::kNPost, kPoll), "0 9000 | ? | - | ?");
+  Size(0);
+  int status = 77;
+  EXPECT_EQ(NPostSocket(&work_, &kPoll, &status), 0);
+  EXPECT_EQ(status, SOCK_WAIT_TIMEOUT) << "no list is looked into";
 }
 
 TEST_F(WaitTest, ASocketListedTwiceIsReportedTwice) {
@@ -284,8 +288,9 @@ TEST_F(WaitTest, ASocketListedTwiceIsReportedTwice) {
 TEST_F(WaitTest, AListMayBeLongerThanThePlainForms) {
   constexpr int kMany = SOCK_POST_SIZE + 10;
   Size(kMany + 1);
-  MakeAll("r .");
+  MakeAll("r . -");
   std::fill_n(work_.sockets, kMany, &sockets_[1]);
+  work_.sockets[kMany - 3] = &sockets_[2];
   for (const int at : {0, kMany - 2, kMany - 1}) work_.sockets[at] = &sockets_[0];
   work_.sockets[kMany] = nullptr;
   int status = 77;
@@ -516,6 +521,7 @@ TEST_F(HighDescriptorTest, AreWaitedOnLikeOthers) {
       {Family::kPost, ". .", {1087, 2048}, "0 9000 | ? | ? | ?"},
       {Family::kNPost, "fw .w .u rw ru", {1030, 2100, 1023, kHighest, 1024}, "1 0 | de | bdc | -"},
       {Family::kNPost, ".w", {kHighest}, "1 0 | - | a | -"},
+      {Family::kNPost, ".u ru .", {1500, kHighest, 1024}, "1 0 | b | a | -"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.result);
