@@ -244,7 +244,7 @@ static inline const char* mq_error_remedy(int code) {
  * dropped, which leaves 11 there, the code of its socket.
  *   node    in   null stands for a node that there was no memory for: ENOMEM
  *   place   out  where the code is to be looked up, MQ_IN_NODE or MQ_IN_SOCKET; may be null
- * Result   11 when neither says more: the operation can go on later or, of a write with result 0, there was no memory */
+ * Result   11 when neither says more: the operation can go on later, or a write with result 0 had no memory */
 static inline int mq_node_cause(const MQNode* node, unsigned* place) {
   const int own = node != NULL ? node->error : ENOMEM;
   const int below = node != NULL ? node->sock.error : ENOMEM;
