@@ -17,10 +17,7 @@ static int ask(MQNode* node, SockAddrRec* server, PcfMessage* msg, const char* t
     if (!mqc_begin(msg, COMMAND_ASK) || !mqc_add_text(msg, PARAM_TEXT, text) || !mnWriteTo(msg, node, server)) {
       return failed("write", node);
     }
-    MqcParam answer;
-    if (receive(node, msg) && mqc_find(msg, PARAM_TEXT, &answer) && answer.type == MQC_TEXT) {
-      return printf("%s\n", answer.text) > 0 && fflush(stdout) == 0;
-    }
+    if (receive(node, msg)) return print_answer(msg);
   }
   fprintf(stderr, "no answer\n");
   return 0;

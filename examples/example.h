@@ -1,4 +1,4 @@
-/* example.h - what the examples share: filling an address, telling the port that was bound, telling of a failure. */
+/* example.h - what the examples share: filling an address, telling of a failure, printing a port and an answer. */
 #ifndef MQNODE_EXAMPLES_EXAMPLE_H
 #define MQNODE_EXAMPLES_EXAMPLE_H
 
@@ -33,6 +33,16 @@ static inline int failed(const char* what, const MQNode* node) {
   const int code = cause != MQ_OK ? cause : ENOMEM;
   fprintf(stderr, "%s: %s: %s; %s\n", what, mq_error_name(code), mq_error_meaning(code), mq_error_remedy(code));
   return 0;
+}
+
+/* Prints the text of an answer. 1; 0 when the message is none, or cannot be printed. */
+static inline int print_answer(const PcfMessage* msg) {
+  MqcParam answer;
+  if (mqc_command(msg) != COMMAND_ANSWER || !mqc_find(msg, PARAM_TEXT, &answer) || answer.type != MQC_TEXT) {
+    fprintf(stderr, "not an answer\n");
+    return 0;
+  }
+  return printf("%s\n", answer.text) > 0 && fflush(stdout) == 0;
 }
 
 /* Prints the port that a node is bound to; the kernel picks one for service 0. 1; 0 when it cannot be told. */

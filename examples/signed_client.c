@@ -10,14 +10,7 @@ static int ask(MQNode* node, PcfMessage* msg, MqcSigner* signer, const char* tex
     if (node->error == MQ_NOT_SIGNED) fprintf(stderr, "not signed: %s\n", mqc_sign_error());
     return failed("write", node);
   }
-  if (!mnRead(msg, node)) return failed("read", node);
-
-  MqcParam answer;
-  if (mqc_command(msg) != COMMAND_ANSWER || !mqc_find(msg, PARAM_TEXT, &answer) || answer.type != MQC_TEXT) {
-    fprintf(stderr, "not an answer\n");
-    return 0;
-  }
-  return printf("%s\n", answer.text) > 0 && fflush(stdout) == 0;
+  return mnRead(msg, node) ? print_answer(msg) : failed("read", node);
 }
 
 int main(int argc, char** argv) {

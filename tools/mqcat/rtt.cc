@@ -62,7 +62,8 @@ std::string RoundTrips::HistogramText(size_t width) const {
   std::string text;
   for (const Bucket& bucket : buckets) {
     const size_t bar = static_cast<size_t>(bucket.count * std::max<size_t>(width, 1) / most);
-    text += fmt::format("  {:>8.3f} ms {:>7} {}\n", bucket.from, bucket.count, std::string(bar, '#'));
+    text +=
+        fmt::format("  {:>8.3f} ms {:>7}{}{}\n", bucket.from, bucket.count, bar == 0 ? "" : " ", std::string(bar, '#'));
   }
   return text;
 }
