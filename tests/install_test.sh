@@ -48,7 +48,7 @@ version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 # nothing in the companion, linked by a linker that drops what it finds unused.
 outside=$place/outside
 mkdir "$outside"
-cp examples/client.c examples/cpp_server.cc examples/example.h "$outside"
+cp examples/client.c examples/cpp_server.cc examples/example.h examples/limits.h "$outside"
 cat >"$outside/face.cc" <<'SOURCE'
 #include <mqnode/mqnode.hpp>
 int main() { return mqnode::Message::create().begin(1) && mqnode::WaitSet().readable().empty() ? 0 : 1; }

@@ -1,0 +1,298 @@
+// main.cc - mqhostile: each attack on a server of its own, honest clients meanwhile, a table, the exit code.
+#include <fmt/format.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <future>
+#include <nlohmann/json.hpp>
+
+#include "tests/hostile/attacks.hh"
+#include "tests/hostile/exchange.hh"
+#include "tests/hostile/server.hh"
+
+namespace {
+
+using namespace hostile;
+
+constexpr int kExitHit = 1;
+constexpr int kExitCannot = 2;
+constexpr rlim_t kDescriptors = 8192;
+constexpr double kCalmShare = 0.5;      // of the time of an attack: how long the honest clients are measured before it
+constexpr double kRestSeconds = 0.3;    // the server is at rest when it used little of the processor for so long
+constexpr double kRestShare = 0.2;      // of a processor
+constexpr int kPatienceSeconds = 30;    // for what must come about, on any machine, however busy
+constexpr long kMostPeakKb = 64 << 10;  // that an attack may make the server take, beyond what it had before
+constexpr long kMostGrowthKb = 16 << 10;  // that may be left afterwards: what a heap does not give back
+
+struct Options {
+  std::vector<std::string> attacks;
+  std::string server;
+  double seconds = 3;
+  bool together = false;
+  bool list = false;
+  bool json = false;
+};
+
+struct Outcome {
+  const Attack* attack;
+  Trips calm, under;          // of the steady client
+  Trips newcomers;            // during the attack
+  Usage before, held, after;  // held: the attackers are quiet but still there
+  double rest = 0;            // share of a processor that it used then
+  size_t dropped = 0;         // lines in its log
+  std::vector<std::string> faults;
+};
+
+void Sleep(double seconds) { usleep(static_cast<useconds_t>(seconds * 1e6)); }
+
+bool Await(const std::function<bool()>& done) {
+  for (int i = 0; i < kPatienceSeconds * 50; ++i) {
+    if (done()) return true;
+    Sleep(0.02);
+  }
+  return false;
+}
+
+// One attack from beginning to end.
+class Trial {
+ public:
+  Trial(const Attack& attack, const Options& options)
+      : attack_(attack), seconds_(options.seconds), server_(options.server, attack.descriptors) {
+    outcome_.attack = &attack;
+  }
+
+  Outcome Run() {
+    if (server_.port() == 0) {
+      Fault("the server does not start: " + server_.Log());
+      return std::move(outcome_);
+    }
+    Besiege();
+    if (const std::string why = server_.Stop(); !why.empty()) Fault("the server: " + why + "\n" + Tail(server_.Log()));
+    const std::string log = server_.Log();
+    outcome_.dropped = static_cast<size_t>(std::ranges::count(log, '\n'));
+    if (log.find(attack_.log) == std::string::npos) Fault(fmt::format("its log does not say '{}'", attack_.log));
+    return std::move(outcome_);
+  }
+
+ private:
+  void Fault(std::string what) { outcome_.faults.push_back(std::move(what)); }
+  static std::string Tail(const std::string& text) { return text.substr(text.size() - std::min(text.size(), 4000ul)); }
+
+  void Besiege() {
+    Exchange steady(server_.port(), Exchange::kSteady);
+    if (!Await([&] { return steady.Take().times.total > 0; })) {
+      return Fault("the honest client gets no answer");
+    }
+    Exchange newcomer(server_.port(), Exchange::kNewcomer);
+    Sleep(seconds_ * kCalmShare);
+    outcome_.calm = steady.Take();
+    newcomer.Take();
+    outcome_.before = AtRest(steady, newcomer);
+    {
+      Arena arena(server_.port(), seconds_);
+      attack_.run(arena);
+      outcome_.faults = arena.faults;
+      outcome_.under = steady.Take();
+      outcome_.newcomers = newcomer.Take();
+      outcome_.held = AtRest(steady, newcomer);
+    }
+    Judge(steady, newcomer);
+  }
+
+  // What the server uses while nobody asks anything. A server that spins never comes to rest.
+  Usage AtRest(Exchange& steady, Exchange& newcomer) {
+    newcomer.Pause();  // first: it may take long, and the server drops who is idle when it needs the place
+    steady.Pause();
+    Usage usage;
+    const bool rests = Await([&] {
+      const double before = server_.Look().cpuSeconds;
+      Sleep(kRestSeconds);
+      usage = server_.Look();
+      outcome_.rest = (usage.cpuSeconds - before) / kRestSeconds;
+      return outcome_.rest < kRestShare;
+    });
+    steady.Resume();
+    newcomer.Resume();
+    if (!rests) Fault(fmt::format("it spins: {:.0f} % of a processor with nothing to do", outcome_.rest * 100));
+    return usage;
+  }
+
+  void Judge(Exchange& steady, Exchange& newcomer) {
+    const double rest = outcome_.rest;
+    const int had = outcome_.before.descriptors;
+    if (!Await([&] { return server_.Look().descriptors <= had + 1; })) Fault("descriptors are not given back");
+    newcomer.Take();
+    Trips later;
+    if (!Await([&] { return (later = newcomer.Take()).times.total > 0; })) {
+      Fault("no newcomer is served after the attack: " + later.firstFailure);
+    }
+    outcome_.after = AtRest(steady, newcomer);
+    outcome_.rest = rest;
+    for (const Trips& trips : {outcome_.under, steady.Take()}) {
+      if (trips.failures != 0) Fault("the honest client: " + trips.firstFailure);
+    }
+    if (outcome_.under.times.total == 0) Fault("the honest client got no answer during the attack");
+    if (outcome_.newcomers.failures != 0 && !attack_.crowds) Fault("a newcomer: " + outcome_.newcomers.firstFailure);
+    const long peak = outcome_.after.peakKb - outcome_.before.residentKb;
+    const long growth = outcome_.after.residentKb - outcome_.before.residentKb;
+    if (peak > kMostPeakKb) Fault(fmt::format("it took {} KiB of memory", peak));
+    if (growth > kMostGrowthKb) Fault(fmt::format("it keeps {} KiB of memory", growth));
+  }
+
+  const Attack& attack_;
+  const double seconds_;
+  Server server_;
+  Outcome outcome_;
+};
+
+double Msec(uint64_t microseconds) { return static_cast<double>(microseconds) / 1000; }
+
+std::string TableOf(const std::vector<Outcome>& outcomes) {
+  std::string text =
+      fmt::format("{:<14}{:>18}{:>18}{:>12}{:>15}{:>14}{:>6}{:>7}  {}\n{:<14}{:>18}{:>18}{:>12}{:>15}{:>14}\n",
+                  "attack", "honest, calm", "under attack", "newcomers", "server RSS", "descriptors", "rest", "log",
+                  "verdict", "", "p50 / p99 ms", "p50 / p99 ms", "longest ms", "peak / end KiB", "peak / end");
+  for (const Outcome& it : outcomes) {
+    const auto times = [](const Trips& trips) {
+      return fmt::format("{:.2f} / {:.2f}", Msec(trips.times.Percentile(0.5)), Msec(trips.times.Percentile(0.99)));
+    };
+    text += fmt::format("{:<14}{:>18}{:>18}{:>12.1f}{:>15}{:>14}{:>5.0f}%{:>7}  {}\n", it.attack->name, times(it.calm),
+                        times(it.under), Msec(it.newcomers.times.longest),
+                        fmt::format("{} / {}", it.after.peakKb, it.after.residentKb),
+                        fmt::format("{} / {}", it.held.descriptors, it.after.descriptors), it.rest * 100, it.dropped,
+                        it.faults.empty() ? "withstood" : "HIT");
+    for (const std::string& fault : it.faults) text += fmt::format("    {}\n", fault);
+  }
+  return text;
+}
+
+std::string JsonOf(const std::vector<Outcome>& outcomes) {
+  using nlohmann::ordered_json;
+  const auto trips = [](const Trips& from) {
+    return ordered_json{{"answers", from.times.total},
+                        {"failures", from.failures},
+                        {"p50_ms", Msec(from.times.Percentile(0.5))},
+                        {"p99_ms", Msec(from.times.Percentile(0.99))},
+                        {"longest_ms", Msec(from.times.longest)}};
+  };
+  const auto usage = [](const Usage& from) {
+    return ordered_json{{"resident_kib", from.residentKb},
+                        {"peak_kib", from.peakKb},
+                        {"descriptors", from.descriptors},
+                        {"cpu_seconds", from.cpuSeconds}};
+  };
+  ordered_json list = ordered_json::array();
+  for (const Outcome& it : outcomes) {
+    list.push_back({{"attack", it.attack->name},
+                    {"what", it.attack->what},
+                    {"withstood", it.faults.empty()},
+                    {"calm", trips(it.calm)},
+                    {"under_attack", trips(it.under)},
+                    {"newcomers", trips(it.newcomers)},
+                    {"server_before", usage(it.before)},
+                    {"server_held", usage(it.held)},
+                    {"server_after", usage(it.after)},
+                    {"cpu_share_at_rest", it.rest},
+                    {"log_lines", it.dropped},
+                    {"faults", it.faults}});
+  }
+  return list.dump(2) + "\n";
+}
+
+void Describe(CLI::App* app, Options* options) {
+  app->description(
+      "Hostile peers against a server of the examples, over real sockets on 127.0.0.1. Each attack has a server of its "
+      "own;\nhonest clients go on meanwhile and are measured without and with it.");
+  app->add_option("--attack", options->attacks, "only this one; may be repeated")->expected(1);
+  app->add_flag("--list", options->list, "say what the attacks are, and end");
+  app->add_option("--seconds", options->seconds, "length of each attack, 0.1 to 600; some need a little more")
+      ->check(CLI::Range(0.1, 600.0))
+      ->capture_default_str();
+  app->add_option("--server", options->server, "the program to attack, called with HOST SERVICE CLIENTS SECONDS")
+      ->default_str("multi_server beside this program");
+  app->add_flag("--together", options->together, "all attacks at the same time: quick, but then the times say little");
+  app->add_flag("--json", options->json, "report as JSON");
+  app->footer("Exit code: 0 every attack was withstood, 1 one was not, 2 it could not be run.");
+}
+
+std::vector<const Attack*> Choose(const Options& options) {
+  std::vector<const Attack*> chosen;
+  for (const Attack& attack : Attacks()) {
+    if (options.attacks.empty() || std::ranges::count(options.attacks, attack.name) != 0) chosen.push_back(&attack);
+  }
+  for (const std::string& name : options.attacks) {
+    if (std::ranges::none_of(Attacks(), [&](const Attack& attack) { return name == attack.name; })) {
+      throw CLI::ValidationError("--attack", "there is no '" + name + "'; --list says what there is");
+    }
+  }
+  return chosen;
+}
+
+// Room for the attackers; and memory that the address sanitizer keeps for a while would hide whether the servers give
+// theirs back.
+void Prepare() {
+  signal(SIGPIPE, SIG_IGN);
+  unsetenv("TEVRA_HOME");  // with it every node would start a shell to learn the name of this program
+  const char* const set = getenv("ASAN_OPTIONS");
+  setenv("ASAN_OPTIONS", fmt::format("{}:quarantine_size_mb=1", set != nullptr ? set : "").c_str(), 1);
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::max(limit.rlim_cur, std::min(kDescriptors, limit.rlim_max));
+  if (limit.rlim_cur < kDescriptors || setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    throw std::runtime_error(fmt::format("needs {} open files (ulimit -Hn)", kDescriptors));
+  }
+}
+
+std::vector<Outcome> Try(const std::vector<const Attack*>& attacks, const Options& options) {
+  std::vector<std::future<Outcome>> trials;
+  std::vector<Outcome> outcomes;
+  for (const Attack* attack : attacks) {
+    trials.push_back(std::async(options.together ? std::launch::async : std::launch::deferred,
+                                [=, &options] { return Trial(*attack, options).Run(); }));
+  }
+  for (size_t i = 0; i < trials.size(); ++i) {
+    if (isatty(STDERR_FILENO)) fmt::print(stderr, "\r\x1b[K{}: {} ", attacks[i]->name, attacks[i]->what);
+    outcomes.push_back(trials[i].get());
+  }
+  if (isatty(STDERR_FILENO)) fmt::print(stderr, "\r\x1b[K");
+  return outcomes;
+}
+
+int Run(Options options) {
+  const std::vector<const Attack*> chosen = Choose(options);
+  if (options.list) {
+    for (const Attack* attack : chosen) fmt::print("{:<14}{}\n", attack->name, attack->what);
+    return 0;
+  }
+  if (options.server.empty()) {
+    options.server = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "multi_server";
+  }
+  Prepare();
+  const std::vector<Outcome> outcomes = Try(chosen, options);
+  fmt::print("{}", options.json ? JsonOf(outcomes) : TableOf(outcomes));
+  const bool hit = std::ranges::any_of(outcomes, [](const Outcome& outcome) { return !outcome.faults.empty(); });
+  return hit ? kExitHit : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app;
+  Describe(&app, &options);
+  try {
+    app.parse(argc, argv);
+    return Run(options);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kExitCannot;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "mqhostile: {}\n", error.what());
+    return kExitCannot;
+  }
+}
