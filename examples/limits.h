@@ -52,8 +52,8 @@ static inline int is_too_long(const MQNode* node) {
   return (swapped ? __builtin_bswap32(header.bodyLength) : header.bodyLength) > MOST_LENGTH;
 }
 
-/* Looks at a client, once a second: whether it has owed something, or been idle, for too long. A byte now and then is no
- * progress, a whole message is. Who has never asked owes a question. */
+/* Looks at a client, once a second: whether it has owed something, or been idle, for too long. A byte now and then is
+ * no progress, a whole message is. Who has never asked owes a question. */
 static inline const char* overdue(Watch* watch, const MQNode* node, int patience, int in_need) {
   const uint32_t done = node->msgsRead + node->writesCompleted;
   const int owes = is_midway(node) || node->msgsRead == 0;

@@ -1,7 +1,7 @@
 /* multi_server.c - answers many clients in one loop, until SIGINT or SIGTERM.
  *   multi_server HOST SERVICE [CLIENTS [SECONDS]]
- * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: patience with a client that
- * owes something. What is bounded stands in limits.h; who is dropped is told on standard error. */
+ * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: patience with a client
+ * that owes something. What is bounded stands in limits.h; who is dropped is told on standard error. */
 #include <signal.h>
 #include <stdlib.h>
 
