@@ -1,7 +1,11 @@
 # Flags that the whole build shares, and those of the shared libraries.
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fstack-protector-strong)
+# What makes a fault harder to use; tests/checks/hardening.sh looks at the outcome and says what is left out.
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fstack-protector-strong -fstack-clash-protection)
 add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+if(NOT MQNODE_SANITIZE)
+  add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>")
+endif()
 if(MQNODE_SANITIZE)
   add_compile_options(-fsanitize=${MQNODE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MQNODE_SANITIZE})

@@ -211,7 +211,7 @@ constexpr uint32_t kSampleBody = 8 + 16 + 20 + 20 + 16 + 16 + 12;
 Bytes SampleFrom(Form form) { return Encoder(form).Header(kSampleBody, "alice").SampleBody().bytes; }
 
 void PutWord(Bytes* raw, size_t at, uint32_t value, bool big) {
-  for (size_t i = 0; i < 4; ++i) (*raw)[at + i] = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
+  for (size_t i = 0; i < 4; ++i) raw->at(at + i) = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
 }
 
 // The first size bytes, or all of them and zeros.

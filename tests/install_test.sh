@@ -31,6 +31,8 @@ lib=$(dirname "$pc")
 export PKG_CONFIG_PATH=$pc LD_LIBRARY_PATH=$lib
 ! grep -rIlE "$build|$PWD|$place" "$prefix" || fail 'installed files name a folder of this machine, see above'
 
+tests/checks/hardening.sh "$lib"/libmq*.so.? "$prefix/bin/mqcat"
+
 # Every public header, and nothing else.
 diff <(find mqnode queue runtime sockutil socksin companion -name '*.h' -o -name '*.hpp' | sort) \
   <(cd "$prefix/include/mqnode-1" && find . -type f | sed 's,^\./,,' | sort) || fail 'not the public headers, see above'
