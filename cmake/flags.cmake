@@ -10,14 +10,14 @@ if(MQNODE_SANITIZE)
   add_compile_options(-fsanitize=${MQNODE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MQNODE_SANITIZE})
 endif()
-if(MQNODE_FUZZ)
+if(MQNODE_FUZZ AND MQNODE_SANITIZE)
   # Both need the type information that the libraries are built without.
   add_compile_options(-fsanitize=fuzzer-no-link -fno-sanitize=vptr,function)
 endif()
 
 # What such a build makes needs more than a plain one and is neither installed nor packed.
 set(MQNODE_INSTRUMENTED OFF)
-if(MQNODE_SANITIZE OR MQNODE_COVERAGE)
+if(MQNODE_SANITIZE OR MQNODE_COVERAGE OR MQNODE_FUZZ)
   set(MQNODE_INSTRUMENTED ON)
 endif()
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# fuzz.sh BUILD_DIR [--seconds N] [--choose N] [TARGET ...] - see usage; ./run fuzz builds first.
+# fuzz.sh BUILD_DIR [ARGUMENT ...] - see usage; ./run fuzz builds first, BUILD_DIR-coverage too when that is wanted.
 set -euo pipefail
 usage() {
   cat <<'TEXT'
-usage: ./run fuzz [--seconds N] [--choose N] [TARGET ...]
+usage: ./run fuzz [--seconds N] [--coverage] [--choose N] [TARGET ...]
 
 Feeds invented inputs to everything that bytes or texts from outside reach, under the address and undefined-behaviour
 sanitizers, one target after another:
@@ -13,6 +13,7 @@ sanitizers, one target after another:
   planted                                       a fault that has to be found, else the fuzzers find nothing
 
   --seconds N   seconds in all, shared equally by the targets; at least one each (60)
+  --coverage    afterwards build once more and print what all that was learnt reaches of each source: regions, branches
   --choose N    afterwards put the N inputs that together reach most edges into tests/fuzz/corpus/TARGET, in place of
                 all but the found-* ones; before, copy a finding there as found-SOMETHING
 
@@ -26,7 +27,7 @@ TEXT
 build=$(cd "$1" && pwd)
 shift
 here=$(cd "$(dirname "$0")" && pwd)
-seconds=60 choose=0 targets=()
+seconds=60 choose=0 coverage=0 targets=()
 while (($#)); do
   case $1 in
     --seconds | --choose)
@@ -34,6 +35,7 @@ while (($#)); do
       if [ "$1" = --seconds ]; then seconds=$2; else choose=$2; fi
       shift 2
       ;;
+    --coverage) coverage=1; shift ;;
     -h | --help) usage; exit ;;
     *)
       [ -d "$here/corpus/$1" ] || { printf "fuzz: unknown target '%s'; see --help\n" "$1" >&2; exit 2; }
@@ -52,7 +54,7 @@ mkdir -p "$build"/{findings,corpus,logs}
 "$build/bin/fuzz_seeds" "$build/seeds"
 
 # Edges reached, and edges in all, of the functions entered; functions of the tests and of other projects left out.
-coverage() {
+edges() {
   "$build/bin/fuzz_$1" "${limits[@]}" -runs=0 -print_coverage=1 "$build/corpus/$1" 2>&1 |
     awk '/^COVERED_FUNC/ && !/\/tests\// && !/\/usr\// { split($5, edges, "/"); reached += edges[1]; all += edges[2] }
          END { printf "%d of %d", reached, all }'
@@ -87,6 +89,23 @@ choose_inputs() {
   rm -rf "$scratch"
 }
 
+# What the inputs of all targets reach of the sources that they enter, counted by the compiler in a build without
+# sanitizers: their checks are no branches of the code.
+report_coverage() {
+  local built=$build-coverage target
+  rm -rf "$built/profiles"
+  mkdir "$built/profiles"
+  for target in "${targets[@]}"; do
+    LLVM_PROFILE_FILE=$built/profiles/$target "$built/bin/fuzz_$target" "$build/corpus/$target" >"$built/replay.log" 2>&1
+  done
+  llvm-profdata merge -o "$built/all.profile" "$built"/profiles/*
+  printf '\n%-28s %8s %8s\n' source regions branches
+  llvm-cov report "$built/lib/libmqnode.so" -object "$built/lib/libmqcompanion.so" \
+    -object "$built/bin/fuzz_${targets[0]}" -instr-profile="$built/all.profile" \
+    -ignore-filename-regex='/usr/|/tests/' 2>"$built/report.log" |
+    awk 'NF == 13 && $2 > $3 && $1 != "TOTAL" { printf "%-28s %8s %8s\n", $1, $4, $13 }'
+}
+
 # Fuzzes a target for its share. Sets status to what the fuzzer ended with.
 fuzz() {
   local target=$1 corpus=$build/corpus/$1
@@ -117,9 +136,10 @@ for target in "${targets[@]}"; do
     verdict=none
     ((choose == 0)) || choose_inputs "$target"
   fi
-  printf '%-14s %12s %9s %7s %14s  %s\n' "$target" "${executions:-?}" "${rate:-?}" "$inputs" "$(coverage "$target")" \
+  printf '%-14s %12s %9s %7s %14s  %s\n' "$target" "${executions:-?}" "${rate:-?}" "$inputs" "$(edges "$target")" \
     "$verdict"
 done
+((coverage == 0)) || report_coverage
 if ((failed)); then
   printf 'fuzz: findings, the inputs are in %s\n' "$build/findings" >&2
   exit 1

@@ -7,12 +7,16 @@
 
 #include <optional>
 
+#include "companion/host.h"
 #include "tests/fuzz/fuzz.hh"
 
 namespace fuzz {
 
 // Readies the verifier for an execution: the ring holds alice and bob, the clock stands still.
 void BeginSigned();
+
+// A signer with alice's key, for mqc_signer_free.
+MqcSigner* NewSigner();
 
 // Signs a message that begins with its envelope and is as long as the envelope says. The last two bytes of the
 // trailer's time are seconds, before or after the present, as the input has them; mark, header and body stay.

@@ -80,6 +80,7 @@ void PutMessages(const char* top) {
     browse.Put(name, Text("\xf4", 1) + Arriving(form.big, 0, cuts, message + message));
     convert.Put(name, Text("\1\0", 2) + message);
     authenticate.Put(name, Text("\3", 1) + signature);
+    authenticate.Put(name + "-to-sign", Text("\x8", 1) + Enveloped(form, message, kAlice, ""));
     decode.Put(name, Text("\0", 1) + message + "?" + signature);
   }
 }

@@ -327,10 +327,15 @@ Outcome DecodePlain(Part& part, const Piece& piece) {
   return {end, piece.faults.size() > before};
 }
 
+std::string UserAt(const Part& part, uint64_t at, bool ebcdic) {
+  const Bytes field = part.Range(at, 12);
+  const std::string raw(field.begin(), field.end());
+  return ebcdic ? FromEbcdic(raw).value_or(raw) : raw;
+}
+
+// Envelope and header state their character sets each for itself.
 void CheckUsers(Part& part) {
-  const Bytes envelope = part.Range(20, 12);
-  const Bytes header = part.Range(kEnvelope + 72, 12);
-  if (!std::equal(envelope.begin(), envelope.end(), header.begin())) {
+  if (UserAt(part, 20, part.At(12) == 0) != UserAt(part, kEnvelope + 72, part.ebcdic())) {
     part.Break(kEnvelope + 72, "user-mismatch", "header and envelope name different users");
   }
 }
