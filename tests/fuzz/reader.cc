@@ -173,7 +173,7 @@ void ReadTwice(const uint8_t* data, size_t size, bool secure, bool datagram) {
   const auto begin = [&] {
     std::copy(given.begin(), given.end(), bytes.begin());
     BeginSigned();
-    if ((options & kSealed) == 0) return;
+    if (!secure || (options & kSealed) == 0) return;
     if (!datagram) return SealStream(bytes);
     Seal(bytes);
   };
