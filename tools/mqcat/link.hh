@@ -35,8 +35,8 @@ using MessagePtr = std::unique_ptr<PcfMessage, MessageDeleter>;
 
 MessagePtr NewMessage();
 
-// "what TARGET: NAME (code): meaning", from what the node and its socket say; the exit code fits the cause. On a line of
-// its own follows the reason when it is known, from the caller or from signing and authentication, else the remedy.
+// "what TARGET: NAME (code): meaning", from what the node and its socket say; the exit code fits the cause. On a line
+// of its own follows the reason when it is known, from the caller or from signing and authentication, else the remedy.
 Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason = "");
 
 // A work record for the waits of up to count nodes.
