@@ -53,7 +53,7 @@ int SockAction(SockRec* rec, SockAddrRec* addrRec, int action) {
 
   *addrRec = rec->name;
   rec->error = code == EINPROGRESS ? SOCK_WOULD_BLOCK : code;
-  return code == 0;
+  return code == 0 || code == EISCONN;
 }
 
 int ConnectSocket(SockRec* rec, SockAddrRec* target) {

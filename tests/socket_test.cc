@@ -522,6 +522,8 @@ TEST_F(SocketTest, BindFailureLeavesTheNodeNameBehind) {
   Platform::Fail("bind", 1, EINPROGRESS);
   name = AddressOf("127.0.0.1", "1", "proto");
   EXPECT_EQ(State(BindSocketName(&rec_, &name), rec_), "0 11/5 0");
+  Platform::Fail("bind", 1, EISCONN);
+  EXPECT_EQ(State(BindSocketName(&rec_, &name), rec_), "1 106/5 1") << "already connected never fails";
 }
 
 TEST_F(SocketTest, UnresolvedNamesChangeNothingElse) {
