@@ -155,7 +155,7 @@ inline void* Allocate(uint32_t size, Tag& tag) {
 [[gnu::always_inline]] inline void Release(void* place) {
   if (place == nullptr) return;
   const BlockHead& head = HeadOf(place);
-  if (!__libc_single_threaded || head.shelf == 0 || shelves[head.shelf] != nullptr) [[unlikely]]
+  if (kShelvesOfAKind == 0 || !__libc_single_threaded || head.shelf == 0 || shelves[head.shelf] != nullptr) [[unlikely]]
     return ReleaseOther(place);
   shelves[head.shelf] = place;
   CountOutAlone(*head.tag, head.size);

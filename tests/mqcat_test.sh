@@ -84,6 +84,19 @@ row 0 "mqcat 1." "$mqcat" --version
 row 2 "command is required" "$mqcat"
 row 2 'no command "lisen"' "$mqcat" lisen 5000
 for command in listen send ping decode keys explain abi; do row 0 "Example" "$mqcat" $command --help; done
+# What the help names, the manual page and the completion name, too.
+options=$(for command in listen send ping decode 'keys add' 'keys list' explain abi; do
+  # shellcheck disable=SC2086
+  "$mqcat" $command --help | sed -n '/^Options/,/^$/s/^  \(-.,\)\?\(--[a-z-]*\).*/\2/p'
+done | sort -u)
+[ "$(wc -l <<<"$options")" -gt 20 ] || fail "the help has few options: $options"
+sed 's/\\-/-/g' "$source_dir/tools/mqcat/mqcat.1" >manual.txt
+for option in $options; do
+  for page in manual.txt "$source_dir/tools/mqcat/mqcat.bash"; do
+    cases=$((cases + 1))
+    grep -qE -e "$option([^a-z-]|\$)" "$page" || fail "$(basename "$page") does not know $option"
+  done
+done
 row 2 "PLACE" "$mqcat" listen
 row 2 "SERVICE" "$mqcat" send 127.0.0.1
 row 2 "not a port from 0 to 65535" "$mqcat" send 127.0.0.1 65536 -c 1
@@ -100,6 +113,7 @@ row 2 "not a time from" "$mqcat" send 127.0.0.1 5000 -c 1 --timeout -1
 row 2 "--format" "$mqcat" listen 0 --format xml
 row 2 "give the message once" "$mqcat" send 127.0.0.1 5000 -c 1 --json '{}'
 row 2 "expected ID=TEXT" "$mqcat" send 127.0.0.1 5000 -c 1 -p hello
+row 2 "a user has 1 to 12 characters" "$mqcat" send 127.0.0.1 5000 -c 1 --user thirteenchars
 row 2 "is not an id" "$mqcat" send 127.0.0.1 5000 -c 1 -p x=1
 row 2 "is none of int32" "$mqcat" send 127.0.0.1 5000 -c 1 -p 1:int=1
 row 3 "does not fit int32" "$mqcat" send 127.0.0.1 5000 -c 1 -p 1:int32=2147483648

@@ -204,7 +204,12 @@ void AddSendingOptions(CLI::App& command, Options& options) {
              "Longest wait for a connection, an answer, a full peer");
   command.add_option("--sign", options.sign, "Sign with the secret key in this file")->type_name("KEYFILE");
   command.add_option("--ring", options.ring, "Answers must be signed by a user of this ring")->type_name("FILE");
-  command.add_option("--user", options.user, "User of the message, or of the key in the file")->type_name("USER");
+  command.add_option("--user", options.user, "User of the message, or of the key in the file")
+      ->check([](const std::string& user) {
+        const bool fits = !user.empty() && user.size() <= MQC_USER_MAX;
+        return fits ? "" : fmt::format("{}: a user has 1 to {} characters", Quote(user, 40), MQC_USER_MAX);
+      })
+      ->type_name("USER");
   command.add_flag("--udp", options.udp, "Datagrams instead of a connection");
   command.add_option("--format", options.format, "Answers as text, json, hex, raw or quiet")
       ->check(CLI::IsMember({"text", "json", "hex", "raw", "quiet"}))
