@@ -124,10 +124,12 @@ row 3 "EISDIR" "$mqcat" send 127.0.0.1 5000 -c 1 --file 4=.
 row 3 "not JSON" "$mqcat" send 127.0.0.1 5000 --json '{"command":'
 row 3 '"command" is missing' "$mqcat" send 127.0.0.1 5000 --json '{}'
 row 3 'key "paramters"' "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"paramters":[]}'
-row 3 "an array is not a whole number" "$mqcat" send 127.0.0.1 5000 --json "{\"command\":$(printf '[%.0s' {1..9999})$(printf ']%.0s' {1..9999})}"
+row 3 "an array is not a whole number" "$mqcat" send 127.0.0.1 5000 \
+  --json "{\"command\":$(printf '[%.0s' {1..9999})$(printf ']%.0s' {1..9999})}"
 row 3 "is not a whole number from 0" "$mqcat" send 127.0.0.1 5000 --json '{"command":-1}'
 row 3 "zero character" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parameters":[{"id":1,"value":"a\u0000b"}]}'
-row 3 "parameter 0, value: 1e+300" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parameters":[{"id":1,"value":1e300}]}'
+row 3 "parameter 0, value: 1e+300" "$mqcat" send 127.0.0.1 5000 \
+  --json '{"command":1,"parameters":[{"id":1,"value":1e300}]}'
 
 # ---- explain, abi ----
 
@@ -152,7 +154,8 @@ row 8 "EBADF" bash -c '"$0" explain --all >&-' "$mqcat"
 row 8 "ENOSPC" bash -c '"$0" explain --all >/dev/full' "$mqcat"
 # Who reads the head of a long output closes the pipe: no word, an exit code of its own.
 "$mqcat" abi 2>pipe.err | true
-same "exit code when the reader has gone" "$(bash -c '"$0" decode --full /dev/stdin <"$1" 2>pipe.err | true; echo "${PIPESTATUS[0]}"' \
+same "exit code when the reader has gone" \
+  "$(bash -c '"$0" decode --full /dev/stdin <"$1" 2>pipe.err | true; echo "${PIPESTATUS[0]}"' \
   "$mqcat" <(head -c 3000000 /dev/zero))" 9
 same "words when the reader has gone" "$(cat pipe.err)" ""
 for width in 1 20 40; do
@@ -168,7 +171,10 @@ fi
 # ---- send and listen ----
 
 start json --format json --echo
-message='{"command":4294967295,"parameters":[{"id":1,"type":"text","value":"grüß \"Gott\"\n"},{"id":4294967295,"type":"int32","value":-2147483648},{"id":0,"type":"int64","value":9223372036854775807},{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","hex":"fffe41"},{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""}]}'
+message='{"command":4294967295,"parameters":[{"id":1,"type":"text","value":"grüß \"Gott\"\n"},'
+message+='{"id":4294967295,"type":"int32","value":-2147483648},{"id":0,"type":"int64","value":9223372036854775807},'
+message+='{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","hex":"fffe41"},'
+message+='{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""}]}'
 row 0 '"signed":false' "$mqcat" send 127.0.0.1 "$port" --json "$message" --reply --format json
 same "JSON comes back as it went" "$(sed 's/.*\("command":.*\)/{\1/' out.txt)" "$message"
 cp out.txt round.json
@@ -233,7 +239,8 @@ stop many 0 "10 clients"
 
 start echo --echo --format quiet
 row 0 "5 sent, 5 answered, 0% loss" "$mqcat" ping 127.0.0.1 "$port" -c 5 -i 0.01
-grep -q "seq=4 time=" out.txt && grep -q "rtt p50/p90/p99" out.txt && grep -q "####" out.txt || fail "ping: $(cat out.txt)"
+grep -q "seq=4 time=" out.txt && grep -q "rtt p50/p90/p99" out.txt && grep -q "####" out.txt ||
+  fail "ping: $(cat out.txt)"
 row 0 '"answered":3' "$mqcat" ping 127.0.0.1 "$port" -c 3 -i 0 -s 100000 --json
 timeout --foreground -s INT 0.5 "$mqcat" ping 127.0.0.1 "$port" -i 0.05 -q >out.txt
 grep -q "ping statistics" out.txt || fail "no summary of an interrupted ping"
@@ -386,7 +393,8 @@ row 6 "6 messages, 9 stray bytes, 1 fault" "$mqcat" decode noise.bin
 one=$(($(stat -c %s plain.bin) / 3))
 (head -c $((one - 5)) plain.bin; cat plain.bin) >lost.bin
 row 6 "4 messages" "$mqcat" decode lost.bin
-bytes 'my $m = message("V", 1, "u", text("V", 1, "t")); my $n = $m; substr($n, 64, 4) = pack("V", 1000); $n . $m . $m' >longer.bin
+bytes 'my $m = message("V", 1, "u", text("V", 1, "t"));
+  my $n = $m; substr($n, 64, 4) = pack("V", 1000); $n . $m . $m' >longer.bin
 row 6 "3 messages" "$mqcat" decode longer.bin
 
 # Dumps as other tools write them.

@@ -38,7 +38,8 @@ holds() {
   [ "$count" = "$2" ] || fail "$1 has $count files like $3 instead of $2"
 }
 depends() {
-  dpkg-deb -f "$1.deb" Depends | grep >/dev/null -E "$2" || fail "$1 does not depend on $2: $(dpkg-deb -f "$1.deb" Depends)"
+  dpkg-deb -f "$1.deb" Depends | grep >/dev/null -E "$2" ||
+    fail "$1 does not depend on $2: $(dpkg-deb -f "$1.deb" Depends)"
 }
 for library in libmqnode libmqcompanion; do
   holds ${library}1 2 '/usr/lib/.*\.so\.1(\.0\.0)?$'
