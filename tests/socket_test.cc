@@ -523,6 +523,7 @@ TEST_F(SocketTest, BindFailureLeavesTheNodeNameBehind) {
   name = AddressOf("127.0.0.1", "1", "proto");
   EXPECT_EQ(State(BindSocketName(&rec_, &name), rec_), "0 11/5 0");
   Platform::Fail("bind", 1, EISCONN);
+  name = AddressOf("127.0.0.1", "1", "proto");
   EXPECT_EQ(State(BindSocketName(&rec_, &name), rec_), "1 106/5 1") << "already connected never fails";
 }
 
