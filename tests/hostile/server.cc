@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kStartMsec = 20000;
 constexpr int kStopSeconds = 30;
-constexpr const char* kPatience = "2";  // seconds that the server waits for a client that owes something
+constexpr const char* kPatience = "4";  // seconds that the server waits for a client that owes something
 constexpr const char* kMostClients = "1000";
 
 [[noreturn]] void Become(const std::string& program, rlim_t descriptors, int out, int log) {
