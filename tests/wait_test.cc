@@ -1,17 +1,15 @@
 // wait_test.cc - the readiness wait over real sockets. Cases are written as the state of each socket and read as the
 // lists that came back.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <deque>
+#include <span>
 #include <sstream>
 
 #include "tests/support/fixture.hh"
@@ -53,32 +51,15 @@ class WaitTest : public Fixture {
     Peer& peer = peers_.emplace_back();
     const bool none = states.find('-') != std::string::npos;
     SockRec& rec = Add(none ? -1 : Connected(&peer));
-    for (const char letter : states) {
-      switch (letter) {
-        case 'r':
-          peer.Send("data");
-          break;
-        case 'x':
-          peer.SendUrgent('!');
-          break;
-        case 'f':
-          Fill(rec.fd);
-          break;
-        case 'w':
-          writers_.push_back(&rec);
-          break;
-        case 'u':
-          rec.connected = 0;
-          break;
-        case 'd':
-          rec.type = SOCK_TYPE_DATAGRAM;
-          break;
-        default:
-          break;
-      }
-    }
-    if (states.find('x') != std::string::npos) AwaitUrgent(rec.fd);
-    if (states.find('r') != std::string::npos) AwaitReadable(rec.fd);
+    const auto has = [&states](char letter) { return states.find(letter) != std::string::npos; };
+    if (has('r')) peer.Send("data");
+    if (has('x')) peer.SendUrgent('!');
+    if (has('f')) Fill(rec.fd);
+    if (has('w')) writers_.push_back(&rec);
+    if (has('u')) rec.connected = 0;
+    if (has('d')) rec.type = SOCK_TYPE_DATAGRAM;
+    if (has('x')) AwaitUrgent(rec.fd);
+    if (has('r')) AwaitReadable(rec.fd);
   }
   void MakeAll(const char* states) {
     for (SockRec& rec : sockets_) DeleteSocket(&rec);
@@ -130,6 +111,22 @@ class WaitTest : public Fixture {
     return flags;
   }
 
+  struct Row {
+    const char* states;
+    const char* result;
+    const char* connected;
+    Lines trace;
+  };
+  void Check(Family family, std::span<const Row> rows) {
+    for (const Row& row : rows) {
+      SCOPED_TRACE(row.states);
+      MakeAll(row.states);
+      EXPECT_EQ(Wait(family, kPoll), row.result);
+      EXPECT_EQ(ConnectedFlags(), row.connected);
+      EXPECT_EQ(Trace::Take(), row.trace);
+    }
+  }
+
   // Moves a socket's descriptor to this number.
   static void MoveTo(SockRec& rec, int number) {
     ASSERT_EQ(dup2(rec.fd, number), number);
@@ -162,13 +159,6 @@ class WaitTest : public Fixture {
   std::vector<SockRec*> writers_;
 };
 
-struct Row {
-  const char* states;
-  const char* result;
-  const char* connected;
-  Lines trace;
-};
-
 TEST_F(WaitTest, PostListsReadableAndExceptional) {
   const Row rows[] = {
       {"r", "1 0 | a | ? | -", "1", {"a PostSocket:Ready"}},
@@ -183,13 +173,7 @@ TEST_F(WaitTest, PostListsReadableAndExceptional) {
       {"- -", "0 9000 | ? | ? | ?", "11", {}},
       {"", "0 9000 | ? | ? | ?", "", {}},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.states);
-    MakeAll(row.states);
-    EXPECT_EQ(Wait(Family::kPost, kPoll), row.result);
-    EXPECT_EQ(ConnectedFlags(), row.connected);
-    EXPECT_EQ(Trace::Take(), row.trace);
-  }
+  Check(Family::kPost, rows);
 }
 
 TEST_F(WaitTest, NPostListsWritesToo) {
@@ -219,13 +203,7 @@ TEST_F(WaitTest, NPostListsWritesToo) {
        {"d NPostSocket:Write", "a NPostSocket:Write", "c NPostSocket:Ready", "e NPostSocket:Ready",
         "f NPostSocket:Exception"}},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.states);
-    MakeAll(row.states);
-    EXPECT_EQ(Wait(Family::kNPost, kPoll), row.result);
-    EXPECT_EQ(ConnectedFlags(), row.connected);
-    EXPECT_EQ(Trace::Take(), row.trace);
-  }
+  Check(Family::kNPost, rows);
 }
 
 TEST_F(WaitTest, AnAbsentListIsNotWatched) {
@@ -344,17 +322,6 @@ TEST_F(WaitTest, TimeoutAndDescriptorCountReachSelect) {
   EXPECT_EQ(List(work_.writable), "a");
 }
 
-TEST_F(WaitTest, ATimeoutLastsAsLongAsItSays) {
-  MakeAll(".");
-  for (const Family family : {Family::kPost, Family::kNPost}) {
-    const auto start = std::chrono::steady_clock::now();
-    Wait(family, {20, 0});
-    const auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(took, std::chrono::milliseconds(20));
-    EXPECT_LT(took, std::chrono::seconds(5));
-  }
-}
-
 TEST_F(WaitTest, AFailedSelectTouchesNoList) {
   MakeAll("rwu r");
   for (const int code : {EINTR, ENOMEM}) {
@@ -371,82 +338,6 @@ TEST_F(WaitTest, AFailedSelectTouchesNoList) {
   Add(closed);
   EXPECT_EQ(Wait(Family::kPost), "0 9 | ? | ? | ?") << "a descriptor that was closed elsewhere";
   sockets_.pop_back();
-}
-
-volatile sig_atomic_t alarms;
-
-TEST_F(WaitTest, ASignalEndsTheWait) {
-  MakeAll(".");
-  struct sigaction count = {};
-  struct sigaction before;
-  count.sa_handler = [](int) { alarms = alarms + 1; };
-  count.sa_flags = SA_RESTART;
-  ASSERT_EQ(sigaction(SIGALRM, &count, &before), 0);
-  // Again and again, so that a signal before the wait has begun is not the last one.
-  const itimerval soon = {{0, 10000}, {0, 10000}};
-  setitimer(ITIMER_REAL, &soon, nullptr);
-  EXPECT_EQ(Wait(Family::kPost), "0 4 | ? | ? | ?");
-  EXPECT_EQ(Wait(Family::kNPost), "0 4 | ? | - | ?");
-  const itimerval never = {};
-  setitimer(ITIMER_REAL, &never, nullptr);
-  sigaction(SIGALRM, &before, nullptr);
-  EXPECT_GE(alarms, 2);
-}
-
-// ---- Connects ----
-
-class PendingConnectTest : public WaitTest {
- protected:
-  // A stream socket whose non-blocking connect is on its way.
-  SockRec& StartConnect(int port) {
-    SockRec& rec = Add(-1);
-    CreateSocket(&rec);
-    OnSocketTrace(&rec, Trace::OnSocket);
-    NoblockSocket(&rec);
-    SockAddrRec target = AddressOf("127.0.0.1", port);
-    EXPECT_EQ(ConnectSocket(&rec, &target), 0);
-    EXPECT_EQ(rec.error, 11);
-    EXPECT_EQ(rec.connected, 0u);
-    return rec;
-  }
-};
-
-TEST_F(PendingConnectTest, CompletedIsWritableOnce) {
-  const Peer listener = Peer::Listen();
-  StartConnect(listener.port());
-  EXPECT_EQ(Wait(Family::kNPost), "1 0 | - | a | -");
-  EXPECT_EQ(ConnectedFlags(), "1");
-  EXPECT_EQ(Trace::Take(), Lines{"a NPostSocket:Write"});
-  EXPECT_EQ(Wait(Family::kNPost, kPoll), "0 9000 | ? | - | ?") << "no longer watched for writing";
-}
-
-TEST_F(PendingConnectTest, ReadableTooIsOnlyReadable) {
-  const Peer listener = Peer::Listen();
-  SockRec& rec = StartConnect(listener.port());
-  const Peer peer = listener.Accept();
-  peer.Send("early");
-  AwaitReadable(rec.fd);
-  EXPECT_EQ(Wait(Family::kNPost), "1 0 | a | - | -");
-  EXPECT_EQ(ConnectedFlags(), "0");
-}
-
-TEST_F(PendingConnectTest, RefusedIsReportedAndTheFirstTransferTells) {
-  const ClosedPort closed;
-  SockRec& rec = StartConnect(closed.port());
-  EXPECT_EQ(Wait(Family::kNPost), "1 0 | a | - | -");
-  EXPECT_EQ(ConnectedFlags(), "0");
-  uint8_t byte = 0;
-  IoBuffer in = {&byte, 1, 1, 0, 0, 0};
-  EXPECT_EQ(ReadSocket(&rec, &in), 0);
-  EXPECT_EQ(rec.error, ECONNREFUSED);
-
-  StartConnect(closed.port());
-  DeleteSocket(&rec);
-  SockRec** const readable = work_.readable;
-  work_.readable = nullptr;
-  EXPECT_EQ(Wait(Family::kNPost), "1 0 | none | b | -") << "writable, whatever became of the connect";
-  EXPECT_EQ(ConnectedFlags(), "01");
-  work_.readable = readable;
 }
 
 // ---- Trace callbacks ----
