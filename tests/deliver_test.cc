@@ -455,32 +455,6 @@ TEST_F(DeliverTest, ACallbackThatWritesToItsNode) {
   }
 }
 
-// A socket that is really full: every byte arrives, in order, however the system cuts it.
-TEST_F(DeliverTest, ManyWritesThroughASmallSocket) {
-  Link link = Connect(kNonBlocking);
-  mnSetBufferSize(link.node, 4096);
-  std::string expected;
-  Message out;
-  for (uint32_t command = 1; command <= 20; ++command) {
-    out.Put(command, command * 10007);
-    ASSERT_EQ(mnWrite(out, link.node), 1);
-    expected += out.raw();
-  }
-  ASSERT_TRUE(mnIsPendingIO(link.node));
-  std::string arrived;
-  while (mnIsPendingIO(link.node)) {
-    char piece[65536];
-    for (ssize_t got; (got = recv(link.peer.fd(), piece, sizeof piece, MSG_DONTWAIT)) > 0;) {
-      arrived.append(piece, static_cast<size_t>(got));
-    }
-    AwaitWritable(link.node->sock.fd);
-    ASSERT_EQ(mnFinishWrite(link.node), 1);
-  }
-  EXPECT_EQ(WriteState(link.node), "0, sent 20, out 0");
-  arrived += link.peer.Read(expected.size() - arrived.size());
-  EXPECT_TRUE(arrived == expected);
-}
-
 // Writes of which some are queued, put back and discarded, while memory runs out somewhere. What is counted is there.
 TEST_F(DeliverTest, EveryAllocationMayFail) {
   const Message out(1, 4);
