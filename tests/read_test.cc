@@ -52,16 +52,6 @@ TEST_F(ReadTest, TwoPiecesCutAtEveryByte) {
   }
 }
 
-TEST_F(ReadTest, PiecesOfEverySize) {
-  for (const size_t size : {1, 3, 135, 137, 150, 1000}) {
-    const Link link = Connect();
-    Platform::LimitAll("recvfrom", size);
-    link.peer.Send(Wire(6, 300) + Foreign(Wire(7, 4)));
-    EXPECT_EQ(Read(link.node), "6:300 from peer, 0, read 1, held 0/136") << size;
-    EXPECT_EQ(Read(link.node), "7:4 from peer, 0, read 2, held 0/136") << size;
-  }
-}
-
 TEST_F(ReadTest, MessagesInOneSegmentAreReadOneByOne) {
   const Link link = Connect();
   link.peer.Send(Wire(1, 4) + Wire(2, 100) + Foreign(Wire(3, 4)));
@@ -207,16 +197,6 @@ TEST_F(ReadTest, CompanionFailures) {
     EXPECT_EQ(mnRead(in_, link.node), 1) << row.failing;
     EXPECT_EQ(in_.Text(), "5:4 from peer");
   }
-}
-
-TEST_F(ReadTest, BodyThatNobodyUnderstandsIsConsumed) {
-  const Link link = Connect();
-  std::string wire = Wire(1, 4);
-  SetWord(&wire, kHeader + 4, 9);  // more parameters than there are
-  link.peer.Send(wire + Wire(2, 4));
-  EXPECT_EQ(Read(link.node), "nothing, 4005, read 1, held 0/136");
-  EXPECT_EQ(Companion::Now().calls.back(), "RawToPcf") << "a plain read dumps nothing";
-  EXPECT_EQ(Read(link.node), "2:4 from peer, 0, read 2, held 0/136");
 }
 
 TEST_F(ReadTest, ReceiveBufferGrowsForLongMessagesAlone) {
