@@ -3,10 +3,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <iconv.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sodium.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -25,6 +23,7 @@
 
 #include "companion/host.h"
 #include "runtime/text.hh"
+#include "tests/support/sender.hh"
 
 // The system as the companion finds it: another time of day, a user without an entry or with this name, an iconv that
 // knows no EBCDIC, files that cannot be read or written at once.
@@ -133,7 +132,7 @@ void FillHeader(PcfMessage* msg, const char* user) {
   auto* header = reinterpret_cast<MsgHeader*>(msg->raw.data);
   header->bodyLength = msg->raw.length - 136;
   mq::CopyPadded(header->userId, sizeof(header->userId), user, sizeof(header->userId));
-  mq::CopyPadded(header->applName, sizeof(header->applName), "TESTER", sizeof(header->applName));
+  mq::CopyPadded(header->applName, sizeof(header->applName), "foreign sender", sizeof(header->applName));
   msg->secHeader = {32, 1, 0, 1, msg->raw.length, {}};
   memcpy(msg->secHeader.userId, header->userId, sizeof(header->userId));
 }
@@ -151,64 +150,24 @@ void AddSample(PcfMessage* msg) {
   FillHeader(msg, "alice");
 }
 
-// ---- A sender of any byte order and character set, written from the description of the format ----
+// ---- The same from a sender of any byte order and character set ----
 
-struct Form {
-  bool big;
-  bool ebcdic;
-};
+using sender::Encoder;
+using sender::Form;
 const Form kForms[] = {{false, false}, {false, true}, {true, false}, {true, true}};
 
-std::string ToEbcdic(std::string text) {
-  const iconv_t converter = iconv_open("IBM1047", "ISO-8859-1");
-  std::string out(text.size(), 0);
-  char *from = text.data(), *to = out.data();
-  size_t left = text.size(), room = out.size();
-  EXPECT_EQ(iconv(converter, &from, &left, &to, &room), 0u);
-  iconv_close(converter);
-  return out;
-}
-
-class Encoder {
- public:
-  explicit Encoder(Form form) : form_(form) {}
-  Encoder& Word(uint32_t value) { return Number(value, 4); }
-  Encoder& Number(uint64_t value, int size) {
-    for (int i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>(value >> 8 * (form_.big ? size - 1 - i : i)));
-    return *this;
-  }
-  Encoder& Zeros(size_t count) {
-    for (size_t i = 0; i < count; ++i) bytes.push_back(0);
-    return *this;
-  }
-  Encoder& Text(const std::string& text, size_t field) {
-    const std::string sent = form_.ebcdic ? ToEbcdic(text) : text;
-    bytes.insert(bytes.end(), sent.begin(), sent.end());
-    return Zeros(field - text.size());
-  }
-  Encoder& Header(uint32_t body, const std::string& user) {
-    Word(136).Word(1).Word(form_.big).Word(!form_.ebcdic).Zeros(48).Word(body).Word(0);
-    return Text(user, 12).Text("TESTER", 48).Word(0);
-  }
-  Encoder& SampleBody() {
-    Word(77).Word(6);
-    Word(1).Word(1).Word(4).Word(static_cast<uint32_t>(-5));
-    Word(2).Word(3).Word(4).Text("four", 8);
-    Word(3).Word(2).Word(8).Number(static_cast<uint64_t>(INT64_MIN) + 1, 8);
-    Word(4).Word(4).Word(4);
-    bytes.insert(bytes.end(), {0, 1, 0xfe, 0xff});
-    Word(2).Word(3).Word(0).Zeros(4);
-    return Word(5).Word(4).Word(0);
-  }
-  Bytes bytes;
-
- private:
-  Form form_;
-};
+Bytes Raw(const std::string& bytes) { return Bytes(bytes.begin(), bytes.end()); }
 
 constexpr uint32_t kSampleBody = 8 + 16 + 20 + 20 + 16 + 16 + 12;
 
-Bytes SampleFrom(Form form) { return Encoder(form).Header(kSampleBody, "alice").SampleBody().bytes; }
+Bytes SampleFrom(Form form) {
+  Encoder body(form);
+  body.Word(77).Word(6).Word(1).Word(1).Word(4).Word(static_cast<uint32_t>(-5)).Word(2).Word(3).Word(4).Text("four", 8);
+  body.Word(3).Word(2).Word(8).Number(static_cast<uint64_t>(INT64_MIN) + 1, 8);
+  body.Word(4).Word(4).Word(4).Raw(std::string("\x00\x01\xfe\xff", 4));
+  body.Word(2).Word(3).Word(0).Word(0).Word(5).Word(4).Word(0);
+  return Raw(sender::Plain(form, body.bytes, "alice"));
+}
 
 void PutWord(Bytes* raw, size_t at, uint32_t value, bool big) {
   for (size_t i = 0; i < 4; ++i) raw->at(at + i) = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
@@ -603,7 +562,7 @@ void ExpectSample(const PcfMessage* msg) {
   mqc_user(msg, user);
   mqc_application(msg, application);
   EXPECT_STREQ(user, "alice");
-  EXPECT_STREQ(application, "TESTER");
+  EXPECT_STREQ(application, "foreign sender");
 }
 
 TEST(Message, EverySenderArrivesAsIfItWereTheHost) {
@@ -666,7 +625,7 @@ TEST(Message, RecordsWithoutAMessageAreRefused) {
     char user[13], application[49];
     mqc_user(msg, user);
     mqc_application(msg, application);
-    EXPECT_EQ(std::string(user) + application, row.data && row.length == size ? "aliceTESTER" : "");
+    EXPECT_EQ(std::string(user) + application, row.data && row.length == size ? "aliceforeign sender" : "");
     EXPECT_FALSE(RawToPcf(msg));
     EXPECT_FALSE(AlienPcfToNative(msg));
     EXPECT_EQ(mqc_command(msg) + mqc_count(msg), 0u);
@@ -691,9 +650,7 @@ TEST(MessageChild, DISABLED_WithoutEbcdic) {
   };
   std::vector<Arriving> all;
   for (const Form form : kForms) {
-    Encoder envelope(form);
-    envelope.Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(200).Text("alice", 12);
-    all.push_back({form, SampleFrom(form), envelope.bytes});
+    all.push_back({form, SampleFrom(form), Raw(sender::Enveloped(form, "", "alice", ""))});
   }
   Bytes body = all[0].message;
   PutWord(&body, 68, 2, false);  // its text is still EBCDIC
@@ -853,27 +810,6 @@ TEST(Message, EveryWrongCountTypeAndLengthIsRefused) {
   }
 }
 
-// No single byte may lead a reader out of the message; the sanitizers watch. What is accepted can be walked.
-TEST(Message, NoByteLeadsOutOfTheMessage) {
-  for (const Form form : kForms) {
-    const Bytes whole = SampleFrom(form);
-    for (size_t at = 0; at < whole.size(); ++at) {
-      for (const int value : {0x00, 0x01, 0x04, 0x7f, 0x80, 0xff}) {
-        Bytes raw = whole;
-        raw[at] = static_cast<uint8_t>(value);
-        Exact arrived(raw);
-        if (!arrived.Read()) continue;
-        MqcParam param;
-        for (uint32_t i = 0; i < mqc_count(arrived.get()); ++i) {
-          ASSERT_TRUE(mqc_param(arrived.get(), i, &param));
-          ASSERT_TRUE(param.text == nullptr || strlen(param.text) == param.length);
-          ASSERT_TRUE(param.bytes == nullptr || param.bytes + param.length <= arrived.get()->raw.data + raw.size());
-        }
-      }
-    }
-  }
-}
-
 TEST(Message, OneParameterTooManyIsAnError) {
   Message msg(mqc_message_new(1006));  // the 54th parameter ends two bytes behind this area
   ASSERT_TRUE(mqc_begin(msg.get(), 1));
@@ -987,44 +923,14 @@ TEST_F(Security, EveryBitIsCoveredAndNothingIsAcceptedTwice) {
   EXPECT_NE(wire, Sign()) << "a nonce is used once";
 }
 
-TEST_F(Security, EveryLengthIsRefusedButTheRightOne) {
-  const Bytes wire = Sign();
-  for (size_t size = 32; size <= wire.size() + 4; ++size) {
-    if (size == wire.size()) continue;
-    Bytes other = Resized(wire, size);
-    EXPECT_FALSE(Receive(other)) << size;
-    PutWord(&other, 16, static_cast<uint32_t>(size - 32), false);
-    EXPECT_FALSE(Receive(other)) << "announced " << size;
-  }
-  EXPECT_TRUE(Receive(wire));
-}
-
 // The same signature holds whatever the byte order and character set of its sender.
 TEST_F(Security, EverySenderCanSign) {
   for (const Form form : kForms) {
     const Bytes plain = SampleFrom(form);
-    const auto length = static_cast<uint32_t>(plain.size() + 96);
-    Encoder wire(form);
-    wire.Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(length).Text("alice", 12);
-    Encoder trailer({true, false});
-    trailer.Text("MQSIGN01", 8)
-        .Number(static_cast<uint64_t>(clock_now.load()), 8)
-        .Number(form.big + 2 * form.ebcdic, 8)
-        .Number(static_cast<uint64_t>(clock_now.load()), 8);
-    Encoder covered({true, false});
-    covered.bytes = trailer.bytes;
-    covered.Word(1).Word(length).Text("alice", 12);
-    covered.bytes.insert(covered.bytes.end(), plain.begin(), plain.end());
-    uint8_t open[32], secret[64], signature[64];
-    crypto_sign_seed_keypair(open, secret, alice_.secret);
-    crypto_sign_state state;
-    crypto_sign_init(&state);
-    crypto_sign_update(&state, covered.bytes.data(), covered.bytes.size());
-    crypto_sign_final_create(&state, signature, nullptr, secret);
-    wire.bytes.insert(wire.bytes.end(), plain.begin(), plain.end());
-    wire.bytes.insert(wire.bytes.end(), trailer.bytes.begin(), trailer.bytes.end());
-    wire.bytes.insert(wire.bytes.end(), signature, signature + 64);
-    EXPECT_TRUE(Receive(wire.bytes)) << mqc_authenticate_error() << " big " << form.big << " ebcdic " << form.ebcdic;
+    const std::string nonce = {static_cast<char>(form.big), static_cast<char>(form.ebcdic)};
+    const std::string wire = sender::Signed(form, std::string(plain.begin(), plain.end()), "alice", alice_.secret,
+                                            static_cast<uint64_t>(clock_now.load()), nonce);
+    EXPECT_TRUE(Receive(Raw(wire))) << mqc_authenticate_error() << " big " << form.big << " ebcdic " << form.ebcdic;
   }
 }
 
@@ -1469,29 +1375,20 @@ TEST(LogChild, TheEnvironmentNamesTheFile) {
   RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", std::string(1024, 'x'));  // too long: standard error
 }
 
-// Every kind of year, and every day on which a month or a year begins or ends.
+// The last second of every day until 2105.
 TEST_F(Log, WritesTheDateOfAnyDay) {
   std::string expected;
-  for (const int year : {1970, 1972, 1999, 2000, 2024, 2026, 2099, 2100, 2400}) {
-    for (int month = 0; month < 12; ++month) {
-      for (const int day : {0, 1, 28, 29}) {
-        tm date = {};
-        date.tm_year = year - 1900;
-        date.tm_mon = month;
-        date.tm_mday = day;
-        const timespec at = {timegm(&date) + 86399, 7000000};
-        if (at.tv_sec < 0) continue;
-        host_system.time = &at;
-        LOGMSG("x", 1);
-        host_system.time = nullptr;
-        char line[64];
-        gmtime_r(&at.tv_sec, &date);
-        strftime(line, sizeof(line), "%Y-%m-%dT%H:%M:%S.007Z x\n", &date);
-        expected += line;
-      }
-    }
+  for (time_t last = 86399; last < time_t{135} * 366 * 86400; last += 86400) {
+    const timespec at = {last, 7000000};
+    host_system.time = &at;
+    LOGMSG("x", 1);
+    host_system.time = nullptr;
+    char line[64];
+    tm date;
+    strftime(line, sizeof(line), "%Y-%m-%dT%H:%M:%S.007Z x\n", gmtime_r(&last, &date));
+    expected += line;
   }
-  EXPECT_EQ(Content(path_), expected);
+  EXPECT_TRUE(Content(path_) == expected);
 }
 
 }  // namespace

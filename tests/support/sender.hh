@@ -3,6 +3,7 @@
 #pragma once
 
 #include <iconv.h>
+#include <sodium.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -82,6 +83,22 @@ inline Bytes Enveloped(Form form, const Bytes& plain, const std::string& user, c
   envelope.Word(32).Word(1).Word(form.big).Word(!form.ebcdic);
   envelope.Word(static_cast<uint32_t>(plain.size() + trailer.size())).Text(user, 12);
   return envelope.bytes + plain + trailer;
+}
+
+// A message signed with the key of this seed, of 32 bytes; a nonce of up to 16 bytes is filled up with zeros.
+inline Bytes Signed(Form form, const Bytes& plain, const std::string& user, const uint8_t* seed, uint64_t milliseconds,
+                    Bytes nonce) {
+  nonce.resize(16);
+  const Bytes head = Encoder({true, false}).Raw("MQSIGN01").Number(milliseconds, 8).Raw(nonce).bytes;
+  const auto length = static_cast<uint32_t>(plain.size() + 96);
+  const Bytes covered = head + Encoder({true, false}).Word(1).Word(length).Text(user, 12).bytes + plain;
+  uint8_t open[32], secret[64], signature[64];
+  Check(crypto_sign_seed_keypair(open, secret, seed) == 0, "crypto_sign_seed_keypair");
+  crypto_sign_state state;
+  crypto_sign_init(&state);
+  crypto_sign_update(&state, reinterpret_cast<const uint8_t*>(covered.data()), covered.size());
+  crypto_sign_final_create(&state, signature, nullptr, secret);
+  return Enveloped(form, plain, user, head + Bytes(reinterpret_cast<char*>(signature), sizeof signature));
 }
 
 }  // namespace sender
