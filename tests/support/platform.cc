@@ -145,7 +145,7 @@ std::string AddressText(const sockaddr* address) {
 
 // Runs one call: injected failure or the real thing, then the record. errno is the call's afterwards.
 template <typename Run>
-long Do(Call call, Run run) {
+auto Do(Call call, Run run) -> decltype(run()) {
   const int before = errno;
   if (const auto code = Injected(call.name.c_str())) {
     call.result = -1;
@@ -156,7 +156,7 @@ long Do(Call call, Run run) {
     call.error = call.result == -1 ? errno : 0;
   }
   const int after = call.result == -1 ? call.error : before;
-  const long result = call.result;
+  const auto result = static_cast<decltype(run())>(call.result);
   Now().records.push_back(std::move(call));
   errno = after;
   return result;
@@ -203,15 +203,20 @@ hostent* HostEntry(const std::string& name, const std::vector<std::string>& quad
   return &entry;
 }
 
-servent* ServiceEntry(const Service& service) {
-  static std::string name;
-  static std::string protocol;
+// The last service that fits.
+template <typename Fits>
+servent* LookService(Call call, Fits fits) {
+  static Service found;
   static char* aliases[] = {nullptr};
   static servent entry;
-  name = service.name;
-  protocol = service.protocol;
-  entry = {name.data(), aliases, htons(static_cast<uint16_t>(service.port)), protocol.data()};
-  return &entry;
+  const bool any = Look(std::move(call), [&] {
+    const auto& all = Now().services;
+    const auto last = std::find_if(all.rbegin(), all.rend(), fits);
+    if (last != all.rend()) found = *last;
+    return last != all.rend();
+  });
+  entry = {found.name.data(), aliases, htons(static_cast<uint16_t>(found.port)), found.protocol.data()};
+  return any ? &entry : nullptr;
 }
 
 std::string Text(const char* text) { return text != nullptr ? text : "(null)"; }
@@ -293,107 +298,93 @@ size_t Platform::Allocations() { return Now().allocations; }
 bool Platform::FailureWasUsed() { return Now().failure_used; }
 
 // The definitions that libmqnode.so binds to. REAL names the next definition; FOREIGN leaves when the caller is not the
-// library.
+// library; ENTER does both.
 #define REAL(name)                                \
   static decltype(&::name) next_##name = nullptr; \
   const auto real = Next(next_##name, #name)
 #define FOREIGN(call) \
   if (!InLibrary(__builtin_return_address(0))) return call
+#define ENTER(name, ...) \
+  REAL(name);            \
+  FOREIGN(real(__VA_ARGS__))
 
 extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
-  REAL(socket);
-  FOREIGN(real(domain, type, protocol));
+  ENTER(socket, domain, type, protocol);
   const std::string detail = std::to_string(domain) + ", " + std::to_string(type) + ", " + std::to_string(protocol);
-  return static_cast<int>(Do({"socket", detail}, [&] { return real(domain, type, protocol); }));
+  return Do({"socket", detail}, [&] { return real(domain, type, protocol); });
 }
 
 int connect(int fd, const sockaddr* address, socklen_t length) {
-  REAL(connect);
-  FOREIGN(real(fd, address, length));
-  return static_cast<int>(Do({"connect", AddressText(address), fd}, [&] { return real(fd, address, length); }));
+  ENTER(connect, fd, address, length);
+  return Do({"connect", AddressText(address), fd}, [&] { return real(fd, address, length); });
 }
 
 int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-  REAL(bind);
-  FOREIGN(real(fd, address, length));
-  return static_cast<int>(Do({"bind", AddressText(address), fd}, [&] { return real(fd, address, length); }));
+  ENTER(bind, fd, address, length);
+  return Do({"bind", AddressText(address), fd}, [&] { return real(fd, address, length); });
 }
 
 int listen(int fd, int backlog) noexcept {
-  REAL(listen);
-  FOREIGN(real(fd, backlog));
-  return static_cast<int>(Do({"listen", std::to_string(backlog), fd}, [&] { return real(fd, backlog); }));
+  ENTER(listen, fd, backlog);
+  return Do({"listen", std::to_string(backlog), fd}, [&] { return real(fd, backlog); });
 }
 
 int accept(int fd, sockaddr* address, socklen_t* length) {
-  REAL(accept);
-  FOREIGN(real(fd, address, length));
-  return static_cast<int>(Do({"accept", "", fd}, [&] { return real(fd, address, length); }));
+  ENTER(accept, fd, address, length);
+  return Do({"accept", "", fd}, [&] { return real(fd, address, length); });
 }
 
 ssize_t send(int fd, const void* data, size_t size, int flags) {
-  REAL(send);
-  FOREIGN(real(fd, data, size, flags));
+  ENTER(send, fd, data, size, flags);
   return Do({"send", std::to_string(size), fd, size, flags},
             [&] { return real(fd, data, Limited("send", size), flags); });
 }
 
 ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length) {
-  REAL(sendto);
-  FOREIGN(real(fd, data, size, flags, to, length));
+  ENTER(sendto, fd, data, size, flags, to, length);
   return Do({"sendto", std::to_string(size) + ", " + AddressText(to), fd, size, flags},
             [&] { return real(fd, data, Limited("sendto", size), flags, to, length); });
 }
 
 ssize_t recvfrom(int fd, void* data, size_t size, int flags, sockaddr* from, socklen_t* length) {
-  REAL(recvfrom);
-  FOREIGN(real(fd, data, size, flags, from, length));
+  ENTER(recvfrom, fd, data, size, flags, from, length);
   return Do({"recvfrom", std::to_string(size), fd, size, flags},
             [&] { return real(fd, data, Limited("recvfrom", size), flags, from, length); });
 }
 
 int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
-  REAL(select);
-  FOREIGN(real(count, read, write, except, timeout));
+  ENTER(select, count, read, write, except, timeout);
   char limit[48] = "none";
   if (timeout != nullptr) snprintf(limit, sizeof limit, "%ld.%06lds", timeout->tv_sec, timeout->tv_usec);
-  return static_cast<int>(
-      Do({"select", limit, -1, static_cast<size_t>(count)}, [&] { return real(count, read, write, except, timeout); }));
+  return Do({"select", limit, -1, static_cast<size_t>(count)},
+            [&] { return real(count, read, write, except, timeout); });
 }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
-  REAL(setsockopt);
-  FOREIGN(real(fd, level, option, value, length));
+  ENTER(setsockopt, fd, level, option, value, length);
   std::string detail = std::to_string(level) + ":" + std::to_string(option);
   for (socklen_t at = 0; at + sizeof(int) <= length; at += sizeof(int)) {
     int word;
     memcpy(&word, static_cast<const char*>(value) + at, sizeof word);
     detail += ", " + std::to_string(word);
   }
-  return static_cast<int>(
-      Do({"setsockopt", detail, fd, length}, [&] { return real(fd, level, option, value, length); }));
+  return Do({"setsockopt", detail, fd, length}, [&] { return real(fd, level, option, value, length); });
 }
 
 int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
-  REAL(getsockopt);
-  FOREIGN(real(fd, level, option, value, length));
+  ENTER(getsockopt, fd, level, option, value, length);
   const std::string detail = std::to_string(level) + ":" + std::to_string(option);
-  return static_cast<int>(
-      Do({"getsockopt", detail, fd, *length}, [&] { return real(fd, level, option, value, length); }));
+  return Do({"getsockopt", detail, fd, *length}, [&] { return real(fd, level, option, value, length); });
 }
 
 // An injected failure leaves the descriptor closed all the same, as the system does.
 int close(int fd) {
-  REAL(close);
-  FOREIGN(real(fd));
+  ENTER(close, fd);
   const int result = real(fd);
   const int code = errno;
-  return static_cast<int>(Do({"close", "", fd}, [&] {
-    errno = code;
-    return result;
-  }));
+  return Do({"close", "", fd}, [&] { return errno = code, result; });
 }
 
 int fcntl(int fd, int command, ...) {
@@ -406,12 +397,11 @@ int fcntl(int fd, int command, ...) {
   const std::string detail = command == F_GETFL   ? "F_GETFL"
                              : command == F_SETFL ? "F_SETFL, " + std::to_string(static_cast<int>(argument))
                                                   : std::to_string(command);
-  return static_cast<int>(Do({"fcntl", detail, fd}, [&] { return real(fd, command, argument); }));
+  return Do({"fcntl", detail, fd}, [&] { return real(fd, command, argument); });
 }
 
 hostent* gethostbyname(const char* name) {
-  REAL(gethostbyname);
-  FOREIGN(real(name));
+  ENTER(gethostbyname, name);
   hostent* entry = nullptr;
   Look({"gethostbyname", name}, [&] {
     const auto host = Now().hosts.find(name);
@@ -422,8 +412,7 @@ hostent* gethostbyname(const char* name) {
 }
 
 hostent* gethostbyaddr(const void* address, socklen_t length, int family) {
-  REAL(gethostbyaddr);
-  FOREIGN(real(address, length, family));
+  ENTER(gethostbyaddr, address, length, family);
   in_addr in = {};
   memcpy(&in, address, std::min<size_t>(length, sizeof in));
   char quad[INET_ADDRSTRLEN];
@@ -439,81 +428,61 @@ hostent* gethostbyaddr(const void* address, socklen_t length, int family) {
 }
 
 servent* getservbyname(const char* name, const char* protocol) {
-  REAL(getservbyname);
-  FOREIGN(real(name, protocol));
-  servent* entry = nullptr;
-  Look({"getservbyname", Text(name) + ", " + Text(protocol)}, [&] {
-    for (const Service& service : Now().services) {
-      if (service.name == name && service.protocol == protocol) entry = ServiceEntry(service);
-    }
-    return entry != nullptr;
-  });
-  return entry;
+  ENTER(getservbyname, name, protocol);
+  return LookService({"getservbyname", Text(name) + ", " + Text(protocol)},
+                     [&](const Service& service) { return service.name == name && service.protocol == protocol; });
 }
 
 servent* getservbyport(int port, const char* protocol) {
-  REAL(getservbyport);
-  FOREIGN(real(port, protocol));
+  ENTER(getservbyport, port, protocol);
   const int number = ntohs(static_cast<uint16_t>(port));
-  servent* entry = nullptr;
-  Look({"getservbyport", std::to_string(number) + ", " + Text(protocol)}, [&] {
-    for (const Service& service : Now().services) {
-      if (service.port == number && service.protocol == protocol) entry = ServiceEntry(service);
-    }
-    return entry != nullptr;
-  });
-  return entry;
+  return LookService({"getservbyport", std::to_string(number) + ", " + Text(protocol)},
+                     [&](const Service& service) { return service.port == number && service.protocol == protocol; });
 }
 
 int uname(utsname* info) noexcept {
-  REAL(uname);
-  FOREIGN(real(info));
-  return static_cast<int>(Do({"uname", ""}, [&] {
+  ENTER(uname, info);
+  return Do({"uname", ""}, [&] {
     const int result = real(info);
     const std::string& name = Now().node_name;
     if (!name.empty()) info->nodename[name.copy(info->nodename, sizeof info->nodename - 1)] = '\0';
     return result;
-  }));
+  });
 }
 
 int gethostname(char* name, size_t size) noexcept {
-  REAL(gethostname);
-  FOREIGN(real(name, size));
-  return static_cast<int>(Do({"gethostname", std::to_string(size), -1, size}, [&] { return real(name, size); }));
+  ENTER(gethostname, name, size);
+  return Do({"gethostname", std::to_string(size), -1, size}, [&] { return real(name, size); });
 }
 
 int system(const char* command) {
-  REAL(system);
-  FOREIGN(real(command));
-  return static_cast<int>(Do({"system", Text(command)}, [&] {
+  ENTER(system, command);
+  return Do({"system", Text(command)}, [&] {
     const auto run = Now().run_system;
     return run ? run(command) : real(command);
-  }));
+  });
 }
 
 unsigned sleep(unsigned seconds) {
-  REAL(sleep);
-  FOREIGN(real(seconds));
+  ENTER(sleep, seconds);
   Pause();
   Record({"sleep", std::to_string(seconds)});
   return 0;
 }
 
 int nanosleep(const timespec* wanted, timespec* left) {
-  REAL(nanosleep);
-  FOREIGN(real(wanted, left));
+  ENTER(nanosleep, wanted, left);
   Pause();
   char detail[48];
   snprintf(detail, sizeof detail, "%ld.%09lds", wanted->tv_sec, wanted->tv_nsec);
-  return static_cast<int>(Do({"nanosleep", detail}, [&] { return Now().skip_pauses ? 0 : real(wanted, left); }));
+  return Do({"nanosleep", detail}, [&] { return Now().skip_pauses ? 0 : real(wanted, left); });
 }
 
 int poll(pollfd* fds, nfds_t count, int milliseconds) {
-  REAL(poll);
-  FOREIGN(real(fds, count, milliseconds));
+  ENTER(poll, fds, count, milliseconds);
   Pause();
-  return static_cast<int>(Do({"poll", std::to_string(count) + ", " + std::to_string(milliseconds)},
-                             [&] { return real(fds, count, milliseconds); }));
+  return Do({"poll", std::to_string(count) + ", " + std::to_string(milliseconds)},
+            [&] { return real(fds, count, milliseconds); });
 }
 
 // signal and alarm may be the last thing that an exported function does, and then seem to be called by the test: they
@@ -543,8 +512,7 @@ long sysconf(int name) noexcept {
 }
 
 time_t time(time_t* out) noexcept {
-  REAL(time);
-  FOREIGN(real(out));
+  ENTER(time, out);
   const time_t now = Now().now.value_or(real(nullptr));
   if (out != nullptr) *out = now;
   return now;
@@ -552,8 +520,7 @@ time_t time(time_t* out) noexcept {
 
 // A companion may leave any errno behind.
 void LOGMSG(const char* text, int kind) {
-  REAL(LOGMSG);
-  FOREIGN(real(text, kind));
+  ENTER(LOGMSG, text, kind);
   State& state = Now();
   if (state.log.size() == kLogLines) abort();
   state.log.push_back({state.records.size(), kind, {}});
