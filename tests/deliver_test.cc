@@ -2,32 +2,19 @@
 #include <unistd.h>
 
 #include "tests/support/nodes.hh"
+#include "tests/support/sender.hh"
 
 namespace {
 
+using sender::Encoder;
+
 // The header that a node of "tester" puts in front of body bytes.
-std::string Header(uint32_t body, std::string_view user = "tester") {
-  std::string header(kHeader, '\0');
-  SetWord(&header, 0, 136);
-  SetWord(&header, 4, 1);  // the message library's
-  SetWord(&header, 12, 1);
-  SetWord(&header, kAtBody, body);
-  header.replace(kAtUser, 12, Field(user, 12));
-  return header.replace(84, 7, "UNKNOWN");
+std::string Header(uint32_t body, const std::string& user = "tester") {
+  return Encoder({false, false}).Header(body, user, "UNKNOWN").bytes;
 }
 
 class DeliverTest : public NodeTest {
  protected:
-  // Each node trace point with the error that it sees.
-  void WatchErrors(MQNode* node) {
-    mnSetTraceCallBack(Trace::OnNode, node);
-    Trace::on_node = [this](std::string_view point, const MQNode* seen) {
-      points_.push_back(std::string(point) + " " + std::to_string(seen->error));
-    };
-    points_.clear();
-  }
-  std::string TakePoints() { return Joined(std::exchange(points_, {})); }
-
   // Writes messages of the given commands, the first of which finds the socket full.
   void Queue(MQNode* node, std::initializer_list<uint32_t> commands) {
     Platform::Fail("send", 1, EAGAIN);
@@ -46,9 +33,6 @@ class DeliverTest : public NodeTest {
     }
     return commands;
   }
-
- private:
-  Lines points_;
 };
 
 TEST_F(DeliverTest, PlainBytesOnTheWire) {
@@ -57,13 +41,8 @@ TEST_F(DeliverTest, PlainBytesOnTheWire) {
   mqc_begin(out, 0x01020304);
   mqc_add_bytes(out, 9, "abcdef", 6);
   memset(out->raw.data + kAtUser, 'x', 60);  // whatever stood in the fields that the node fills
-  std::string body(28, '\0');
-  SetWord(&body, 0, 0x01020304);
-  SetWord(&body, 4, 1);
-  SetWord(&body, 8, 9);
-  SetWord(&body, 12, MQC_BYTES);
-  SetWord(&body, 16, 6);
-  body.replace(20, 6, "abcdef");
+  const std::string body =
+      Encoder({false, false}).Word(0x01020304).Word(1).Word(9).Word(MQC_BYTES).Word(6).Text("abcdef", 8).bytes;
   EXPECT_EQ(mnWrite(out, link.node), 1);
   EXPECT_EQ(link.peer.Read(164), Header(28) + body);
   EXPECT_EQ(mnSWrite(out, link.node, 0, nullptr), 1);
@@ -179,8 +158,7 @@ TEST_F(DeliverTest, OneWrite) {
     int limit;  // writeLimit
     std::vector<size_t> taken;
     int code;  // of send, 0: none
-    const char* outcome;
-    const char* points;
+    const char *outcome, *points;
   } rows[] = {
       {-1, {}, 0, "1: 0, sent 1, out 0", "mnWriteToNode 0; mnWriteMsg 0"},
       {1, {}, 0, "1: 0, sent 1, out 0", "mnWriteToNode 0; mnWriteMsg 0"},
@@ -291,10 +269,8 @@ TEST_F(DeliverTest, LimitOfOutstandingWrites) {
 TEST_F(DeliverTest, FinishingThreeWrites) {
   const struct {
     const char* what;
-    int nth;
-    int code;
-    const char* outcome;
-    const char* points;
+    int nth, code;
+    const char *outcome, *points;
     const char* arrived;  // when finished afterwards without trouble
     std::function<void(MQNode*)> prepare = [](MQNode*) {};
   } rows[] = {

@@ -55,11 +55,7 @@ class NodeWaitTest : public NodeTest {
     }
     if (state == 'x') {
       peers_.back().SendUrgent('!');
-      fd_set urgent;
-      FD_ZERO(&urgent);
-      FD_SET(node->sock.fd, &urgent);
-      timeval patience = {10, 0};
-      EXPECT_EQ(select(node->sock.fd + 1, nullptr, nullptr, &urgent, &patience), 1);
+      AwaitUrgent(node->sock.fd);
     }
     if (state == 'r' || state == 'Q') peers_.back().Send("data");
     if (state == '-') mnClose(node);
@@ -126,9 +122,7 @@ class NodeWaitTest : public NodeTest {
 
 TEST_F(NodeWaitTest, SortsReadyNodesIntoTheirArrays) {
   const struct {
-    const char* states;
-    const char* post;
-    const char* npost;
+    const char *states, *post, *npost;
   } rows[] = {
       {"", "0 9000", "0 9000"},
       {"i.", "0 9000", "0 9000"},

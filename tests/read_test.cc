@@ -20,19 +20,7 @@ class ReadTest : public NodeTest {
     const int result = mnBrowse(in_, node);
     return std::to_string(result) + ", " + ReadState(node);
   }
-  // Node trace points with the state that each sees.
-  void WatchStates(MQNode* node) {
-    mnSetTraceCallBack(Trace::OnNode, node);
-    Trace::on_node = [this](std::string_view point, const MQNode* seen) {
-      points_.push_back(std::string(point) + ": " + ReadState(seen));
-    };
-  }
-  Lines TakePoints() { return std::exchange(points_, {}); }
-
   Message in_{200};
-
- private:
-  Lines points_;
 };
 
 // Whatever the first piece is, it is kept, and the next read goes on behind it.
@@ -66,8 +54,7 @@ TEST_F(ReadTest, MessagesInOneSegmentAreReadOneByOne) {
 // a header again.
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   const struct {
-    uint32_t first;
-    uint32_t body;
+    uint32_t first, body;
     const char* left;
     const char* calls;  // only a header that is recognised gets converted
   } rows[] = {
@@ -160,16 +147,14 @@ TEST_F(ReadTest, Traces) {
     link.peer.Send(row.bytes);
     AwaitReadable(link.node->sock.fd);
     Read(link.node);
-    EXPECT_EQ(Joined(TakePoints()), row.points) << row.what;
+    EXPECT_EQ(TakePoints(), row.points) << row.what;
     EXPECT_EQ(Joined(Trace::Take()), row.trace) << row.what;
   }
 }
 
 TEST_F(ReadTest, CompanionFailures) {
   const struct {
-    const char* failing;
-    const char* left;
-    const char* calls;
+    const char *failing, *left, *calls;
     const char* user;  // of the record afterwards
   } rows[] = {
       {"AlienToNative", "2026, read 0, held 0/136", "AlienToNative", "none"},
@@ -216,7 +201,7 @@ TEST_F(ReadTest, NoMemoryForALongMessage) {
   mqc_fail_allocation(1, 0);
   WatchStates(link.node);
   EXPECT_EQ(Read(link.node), "nothing, 2102, read 0, held 0/136");
-  EXPECT_EQ(Joined(TakePoints()), "mnRead: 2102, read 0, held 136/136") << "known before anything more is gathered";
+  EXPECT_EQ(TakePoints(), "mnRead: 2102, read 0, held 136/136") << "known before anything more is gathered";
   EXPECT_EQ(link.node->recvBuffer.capacity, 16520u);
   // A node that never got a buffer takes one with its first read; without memory it fails and can be read later.
   mqc_fail_allocation(2, 0);
@@ -362,9 +347,7 @@ TEST_F(ReadTest, BrowseOfWhatIsNoMessage) {
   };
   const struct {
     std::string bytes;
-    const char* failing;
-    const char* outcome;
-    const char* calls;
+    const char *failing, *outcome, *calls;
   } rows[] = {
       {header(136, 64), "SizePcfMessage", "1, 0", "AlienToNative"},
       {header(136, 65), "SizePcfMessage", "0, 2102", "AlienToNative; SizePcfMessage 65"},

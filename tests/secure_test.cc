@@ -1,5 +1,6 @@
 // secure_test.cc - signed messages written, gathered, authenticated, and everything that must be refused.
 #include "tests/support/nodes.hh"
+#include "tests/support/sender.hh"
 
 namespace {
 
@@ -48,19 +49,8 @@ class SecureTest : public NodeTest {
     AwaitReadable(link.node->sock.fd);
     return Read(link.node);
   }
-  void WatchStates(MQNode* node) {
-    mnSetTraceCallBack(Trace::OnNode, node);
-    Trace::on_node = [this](std::string_view point, const MQNode* seen) {
-      points_.push_back(std::string(point) + ": " + ReadState(seen));
-    };
-  }
-  Lines TakePoints() { return std::exchange(points_, {}); }
-
   Signer signer_{"tester"};
   Message in_{300};
-
- private:
-  Lines points_;
 };
 
 TEST_F(SecureTest, BytesOnTheWire) {
@@ -73,23 +63,13 @@ TEST_F(SecureTest, BytesOnTheWire) {
   EXPECT_EQ(mnSWriteMsg(out, link.node, nullptr, "somebody", 1, signer_.signer, 0), 1);
   const std::string wire = link.peer.Read(kSigned);
 
-  std::string envelope(kEnvelope, '\0');
-  SetWord(&envelope, 0, 32);
-  SetWord(&envelope, 4, 1);
-  SetWord(&envelope, 12, 1);
-  SetWord(&envelope, 16, 160 + kTrailer);
-  envelope.replace(20, 6, "tester");
-  std::string header(kHeader, '\0');
-  SetWord(&header, 0, 136);
-  SetWord(&header, 4, 1);
-  SetWord(&header, 12, 1);
-  SetWord(&header, kAtBody, 24);
-  header.replace(kAtUser, 6, "tester").replace(84, 7, "UNKNOWN");
-  EXPECT_EQ(wire.substr(0, kEnvelope), envelope);
-  EXPECT_EQ(wire.substr(kEnvelope, 160), header + body);
-  std::string mark("MQSIGN01\0\0", 10);
-  for (int shift = 40; shift >= 0; shift -= 8) mark += static_cast<char>(kNow >> shift);
-  EXPECT_EQ(wire.substr(kEnvelope + 160, 16), mark) << "then a nonce and the signature";
+  const sender::Form native = {false, false};
+  const std::string plain = sender::Encoder(native).Header(24, "tester", "UNKNOWN").bytes + body;
+  std::string trailer("MQSIGN01\0\0", 10);
+  for (int shift = 40; shift >= 0; shift -= 8) trailer += static_cast<char>(kNow >> shift);
+  trailer.resize(kTrailer);
+  EXPECT_EQ(wire.substr(0, kSigned - 80), sender::Enveloped(native, plain, "tester", trailer).substr(0, kSigned - 80))
+      << "a nonce and the signature follow";
   // What the signer is given: the length of the plain message.
   EXPECT_EQ(out->secHeader.msgLength, 160u);
 }
@@ -151,7 +131,7 @@ TEST_F(SecureTest, Traces) {
     if (row.failing != 0) Platform::Fail("recvfrom", row.failing, ECONNRESET);
     Trace::Take();
     Read(link, row.bytes);
-    EXPECT_EQ(Joined(TakePoints()), row.points) << row.what;
+    EXPECT_EQ(TakePoints(), row.points) << row.what;
   }
   EXPECT_EQ(Joined(Trace::Take()),
             "ReadSocket:Before; ReadSocket:After; ReadSocket:Before; ReadSocket:After; mnSRead; mnSRead");
@@ -165,8 +145,7 @@ TEST_F(SecureTest, CompanionFailures) {
   const std::string gathered = "AlienToNativeExt; SizePcfMessage 388";
   const std::string authentic = gathered + "; mqc_authenticate; AlienToNative";
   const struct {
-    const char* failing;
-    const char* left;
+    const char *failing, *left;
     std::string calls;
   } rows[] = {
       {"AlienToNativeExt", "2026, read 0, held 0/32", "AlienToNativeExt"},
@@ -205,8 +184,7 @@ TEST_F(SecureTest, WritesThatFail) {
   const struct {
     void* context;
     const char* failing;
-    int allocation;
-    int error;
+    int allocation, error;
     Lines calls;
   } rows[] = {
       {nullptr, "", 0, MQ_NOT_SIGNED, {"VerifyMessage", "mqc_sign"}},
@@ -247,8 +225,7 @@ TEST_F(SecureTest, QueuedWrites) {
 
 TEST_F(SecureTest, EnvelopesAcceptedAndRefused) {
   const struct {
-    uint32_t first;
-    uint32_t length;
+    uint32_t first, length;
     const char* outcome;
   } rows[] = {
       {32, 1, "nothing, 11, read 0, held 32/33"},

@@ -112,9 +112,7 @@ class WaitTest : public Fixture {
   }
 
   struct Row {
-    const char* states;
-    const char* result;
-    const char* connected;
+    const char *states, *result, *connected;
     Lines trace;
   };
   void Check(Family family, std::span<const Row> rows) {
@@ -144,13 +142,6 @@ class WaitTest : public Fixture {
     const std::string piece(1 << 16, 'f');
     while (send(fd, piece.data(), piece.size(), MSG_DONTWAIT) > 0) {
     }
-  }
-  static void AwaitUrgent(int fd) {
-    fd_set except;
-    FD_ZERO(&except);
-    FD_SET(fd, &except);
-    timeval patience = {10, 0};
-    ASSERT_EQ(select(fd + 1, nullptr, nullptr, &except, &patience), 1);
   }
 
   SockPostData work_;
@@ -210,8 +201,7 @@ TEST_F(WaitTest, AnAbsentListIsNotWatched) {
   const struct {
     Family family;
     const char* absent;  // r, w, x
-    const char* states;
-    const char* result;
+    const char *states, *result;
   } rows[] = {
       {Family::kPost, "r", "r rx", "1 0 | none | ? | b"},
       {Family::kPost, "x", "rx x", "1 0 | a | ? | none"},

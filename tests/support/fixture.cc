@@ -288,6 +288,7 @@ std::string Text(const SockAddrRec& address) {
 }
 
 void AwaitReadable(int fd) { Await(fd, POLLIN); }
+void AwaitUrgent(int fd) { Await(fd, POLLPRI); }
 void AwaitWritable(int fd) { Await(fd, POLLOUT); }
 
 Lines OpenDescriptors() {

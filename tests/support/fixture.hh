@@ -114,8 +114,9 @@ SockAddrRec AddressOf(std::string_view host, std::string_view service, std::stri
 // "host ip service protocol port", with "-" for what is empty.
 std::string Text(const SockAddrRec& address);
 
-// Waits, at most ten seconds, until the descriptor is readable or writable.
+// Waits, at most ten seconds, until the descriptor is readable, has urgent data, is writable.
 void AwaitReadable(int fd);
+void AwaitUrgent(int fd);
 void AwaitWritable(int fd);
 
 // Open descriptors as "number -> what".

@@ -251,4 +251,24 @@ class NodeTest : public Fixture {
     OnSocketError(&node->sock, Trace::OnError);
     Trace::Take();
   }
+
+  // Each node trace point goes to the list of TakePoints, with what it sees: "mnRead: 0, read 1, held 0/136".
+  void WatchStates(MQNode* node) {
+    WatchPoints(node, [](const MQNode* seen) { return std::string(": ").append(ReadState(seen)); });
+  }
+  void WatchErrors(MQNode* node) {
+    WatchPoints(node, [](const MQNode* seen) { return std::string(" ").append(std::to_string(seen->error)); });
+  }
+  std::string TakePoints() { return Joined(std::exchange(points_, {})); }
+
+ private:
+  void WatchPoints(MQNode* node, std::string (*see)(const MQNode*)) {
+    mnSetTraceCallBack(Trace::OnNode, node);
+    Trace::on_node = [this, see](std::string_view point, MQNode* seen) {
+      points_.push_back(std::string(point) + see(seen));
+    };
+    points_.clear();
+  }
+
+  Lines points_;
 };

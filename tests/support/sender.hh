@@ -53,9 +53,9 @@ class Encoder {
     bytes += form_.ebcdic ? Convert(latin, "ISO-8859-1", "IBM1047") : latin;
     return Raw(Bytes(field - latin.size(), 0));
   }
-  Encoder& Header(size_t body, const std::string& user) {
+  Encoder& Header(size_t body, const std::string& user, const std::string& application = "foreign sender") {
     Word(136).Word(1).Word(form_.big).Word(!form_.ebcdic).Raw(Bytes(48, 0)).Word(static_cast<uint32_t>(body)).Word(0);
-    return Text(user, 12).Text("foreign sender", 48).Word(0);
+    return Text(user, 12).Text(application, 48).Word(0);
   }
   Bytes bytes;
 
