@@ -513,8 +513,7 @@ TEST(Text, UserNameFitsOrIsRefused) {
   // Without an entry, as in many containers, LOGNAME tells.
   const struct {
     bool entry;
-    const char* user;
-    const char* logname;
+    const char *user, *logname;
     const char* name;  // null: cannot be told
   } rows[] = {{true, "entry", "logname", "entry"}, {true, "", "logname", nullptr},
               {true, nullptr, "failed", "failed"}, {false, nullptr, "logname", "logname"},
@@ -609,8 +608,7 @@ TEST(Message, RecordsWithoutAMessageAreRefused) {
   const auto size = static_cast<uint32_t>(sample.size());
   const struct {
     bool data;
-    uint32_t capacity;
-    uint32_t length;
+    uint32_t capacity, length;
   } rows[] = {{false, size, size}, {true, size - 1, size}, {true, size, 135}, {true, 135, 135}};
   for (const auto& row : rows) {
     Exact exact(sample);
@@ -1006,10 +1004,15 @@ TEST_F(Security, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
     const char* says;
     std::function<void(PcfMessage*, IoBuffer*)> spoil;
   };
+  const auto shorten = [](PcfMessage* msg, IoBuffer* part, uint32_t length) {
+    msg->raw.length = part->length = msg->secHeader.msgLength = length;
+  };
   const Row rows[] = {
       {"an envelope of 33", [](PcfMessage* msg, IoBuffer*) { msg->secHeader.hdrLength = 33; }},
       {"version 2", [](PcfMessage* msg, IoBuffer*) { msg->secHeader.version = 2; }},
       {"the envelope says", [](PcfMessage* msg, IoBuffer*) { msg->secHeader.msgLength++; }},
+      {"no room for a signature", [&](PcfMessage* msg, IoBuffer* part) { shorten(msg, part, 136 + 96); }},
+      {"the header says", [&](PcfMessage* msg, IoBuffer* part) { shorten(msg, part, 136 + 96 + 1); }},
       {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.data = nullptr; }},
       {"does not hold", [](PcfMessage*, IoBuffer* part) { part->data = nullptr; }},
       {"does not hold", [](PcfMessage* msg, IoBuffer*) { msg->raw.length--; }},
