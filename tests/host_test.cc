@@ -53,8 +53,7 @@ TEST_F(HostTest, LabelAppendsWhatFits) {
   const struct {
     const utsname& info;
     const char* before;
-    int room;
-    int with_machine;
+    int room, with_machine;
     std::string after;
   } rows[] = {
       {plain, "", 100, 1, "S::V5.R3::M::"},
@@ -143,9 +142,7 @@ class NetworkTest : public HostTest {
 
 TEST_F(NetworkTest, NotActiveIsPrintedWhenAskedFor) {
   const struct {
-    int down;
-    int verbose;
-    int result;
+    int down, verbose, result;
     std::string printed;
   } rows[] = {{0, 1, 0, ""}, {0, 0, 0, ""}, {1, 0, 1, ""}, {1, 1, 1, lines_}, {1, -1, 1, lines_}};
   for (const auto& row : rows) {
@@ -180,8 +177,7 @@ Lines WaitCalls(int down) {
 
 TEST_F(NetworkTest, WaitsInCyclesAndSaysSo) {
   const struct {
-    int down;
-    int verbose;
+    int down, verbose;
     int prints;  // how many checks print
   } rows[] = {
       {0, 0, 0},

@@ -38,9 +38,7 @@ TEST_F(NodeTest, CreatorsAreTheirCallsTheirTraceAndTheirFacts) {
   const std::string open = "role 0, open 1, error 0, asks 16520, host *, addr testnode 0.0.0.0 0 tcp 0";
   const struct {
     std::function<MQNode*()> create;
-    std::string calls;
-    std::string trace;
-    std::string facts;
+    std::string calls, trace, facts;
   } rows[] = {
       {[&] { return CreateMQNode(&any, 0); }, stream + no_reuse + linger, made + "CreateMQNode",
        "role 0, " + closed + "* - 0 tcp 0"},
@@ -105,9 +103,7 @@ TEST_F(NodeTest, CreationFailures) {
     std::string service;
     int role;  // -1: a datagram node
     const char* failing;
-    int nth;
-    int code;
-    int error;
+    int nth, code, error;
     std::string calls;  // of socket, bind and listen
   } rows[] = {
       {"*", "0", 1, "socket", 1, EMFILE, EBADF, "socket(2, 1, 0) = -1 EMFILE; bind(0.0.0.0:0) = -1 EBADF"},
@@ -140,8 +136,7 @@ TEST_F(NodeTest, CreationFailures) {
 
 TEST_F(NodeTest, UserIsAtMostTwelveCharactersOfTheLogin) {
   const struct {
-    const char* login;
-    const char* user;
+    const char *login, *user;
   } rows[] = {{"bob", "bob"},
               {"exactly12chr", "exactly12chr"},
               {"a-login-of-20-letter", "a-login-of-2"},

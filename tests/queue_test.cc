@@ -63,9 +63,7 @@ class QueueTest : public Fixture {
 
 TEST_F(QueueTest, OrderOfWhatGoesInAndComesOut) {
   const struct {
-    const char* script;
-    const char* gets;
-    const char* left;
+    const char *script, *gets, *left;
   } rows[] = {
       {".", "-", ""},
       {"+a+b<c...", "cab", ""},
@@ -110,9 +108,7 @@ TEST_F(QueueTest, CursorWalksFromHeadToTailAndStaysAtTheEnd) {
 
 TEST_F(QueueTest, LimitOnlyAnswersIsQReady) {
   const struct {
-    int limit;
-    int count;
-    int ready;
+    int limit, count, ready;
   } rows[] = {{-1, 0, 1}, {-1, 3, 1}, {0, 0, 1}, {0, 1, 0}, {2, 2, 1}, {2, 3, 0}, {-2, 0, 0}, {-2, 1, 0}};
   EXPECT_EQ(GetQLimit(q_), -1);
   for (const auto& row : rows) {

@@ -229,12 +229,9 @@ TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
   Platform::AddService("echo", "tcp", 7);
   constexpr int kKept = 77;  // what error holds when it is left alone
   const struct {
-    const char* host;
-    const char* ip;
-    const char* service;
+    const char *host, *ip, *service;
     int pending;  // errno before the call
-    int result;
-    int error;
+    int result, error;
     uint32_t port;
     const char* address;
     Lines calls;
@@ -506,8 +503,7 @@ TEST_F(SocketTest, UnresolvedNamesChangeNothingElse) {
     const Lines& trace;
   } acts[] = {{ConnectSocket, kConnectTrace}, {BindSocketName, kBindTrace}};
   const struct {
-    const char* host;
-    const char* service;
+    const char *host, *service;
     int error;
     const char* name_after;
   } rows[] = {{"127.0.0.1", "nothing", 9002, "127.0.0.1 - nothing tcp 0"}, {"nobody", "7", 9003, "nobody - 7 tcp 7"}};
@@ -855,10 +851,7 @@ TEST_F(SocketTest, OptionsAreReadIntoTheFirstValue) {
   SockOption broadcast = {5, 0, 1};
   SockOption linger = {4, 7, 1};
   ASSERT_TRUE(SetSocketOptions(&rec_, &broadcast) && SetSocketOptions(&rec_, &linger));
-  const struct {
-    int id;
-    int value;
-  } rows[] = {{9, 2}, {5, 1}, {4, 1}, {10, 0}};
+  const struct { int id, value; } rows[] = {{9, 2}, {5, 1}, {4, 1}, {10, 0}};
   for (const auto& row : rows) {
     SockOption option = {row.id, -5, 33};
     rec_.error = 77;
