@@ -10,8 +10,13 @@
  *              limits; it must not open, close, delete, read, write or finish its node, nor any node of a running wait.
  *   Pointers   required and not checked, unless a function says otherwise.
  *   Ownership  the caller owns every node it creates or accepts, until DeleteMQNode.
- *   Threads    one node, its messages and a wait record are used by one thread at a time. No locks. Creation also goes
- *              through process-wide things: the resolver, and a scratch file named by the process id.
+ *   Threads    one node, its messages and a wait record are used by one thread at a time, different ones by different
+ *              threads at once. No locks. What belongs to the process is not covered by that:
+ *                before other threads use nodes   mnGSetTraceCallBack and the globals G_node_trace, G_socket_trace;
+ *                                                 SetApplName; the environment
+ *                by one thread at a time          whatever looks a name up (socksin/record.h): mnOpen, creation and
+ *                                                 datagram writes with other names than numbers, "*"; creation while
+ *                                                 TEVRA_HOME is set, which writes a file named by the process id
  *   Blocking   a call blocks when the node's socket does (NoblockSocket(&node->sock) changes that), and while a name is
  *              looked up.
  *   SIGPIPE    sending to a closed peer raises it; a host that does not want to end there ignores the signal. */

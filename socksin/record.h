@@ -8,7 +8,11 @@
  *   Trace      a trace point calls rec->onTrace, when set, with a fixed name and the record.
  *   Pointers   required and not checked, unless a function says otherwise.
  *   Ownership  a SockRec belongs to whoever holds it, by value; the layer never allocates or frees one.
- *   Threads    one thread at a time uses a record. No locks. */
+ *   Threads    one thread at a time uses a record. No locks. G_socket_trace is set before other threads use records.
+ *              Lookups are for one thread at a time in the whole process, since the system library keeps their answers
+ *              in one place. Nothing is looked up for the host "*" or one that begins with a digit, for a dotted quad in
+ *              ip, and for services that begin with a digit. So are the lines that DeleteSocket and bTcpipNotActive
+ *              print, with a time of day from there. */
 #ifndef MQNODE_SOCKSIN_RECORD_H
 #define MQNODE_SOCKSIN_RECORD_H
 

@@ -16,9 +16,11 @@
 #include <cerrno>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "companion/host.h"
@@ -33,7 +35,7 @@ struct System {
   const char* user = nullptr;
   int user_code = 0;
   bool has_ebcdic = true;
-  std::vector<int> transfers;  // what the coming reads and writes fail with; 0: they move nothing
+  std::optional<int> transfer;  // what the next read or write fails with; 0: it moves nothing
 };
 static System host_system;
 
@@ -58,15 +60,14 @@ extern "C" int getpwuid_r(uid_t uid, passwd* entry, char* place, size_t size, pa
   return result;
 }
 
-template <typename Data>
-static ssize_t Transfer(const char* name, int fd, Data* data, size_t size) {
-  if (host_system.transfers.empty()) return Next<ssize_t(int, Data*, size_t)>(name)(fd, data, size);
-  errno = host_system.transfers.front();
-  host_system.transfers.erase(host_system.transfers.begin());
-  return errno != 0 ? -1 : 0;
+static ssize_t Transfer(long number, int fd, const void* data, size_t size) {
+  const auto code = std::exchange(host_system.transfer, std::nullopt);
+  if (!code) return syscall(number, fd, data, size);
+  errno = *code;
+  return *code != 0 ? -1 : 0;
 }
-extern "C" ssize_t read(int fd, void* data, size_t size) { return Transfer("read", fd, data, size); }
-extern "C" ssize_t write(int fd, const void* data, size_t size) { return Transfer("write", fd, data, size); }
+extern "C" ssize_t read(int fd, void* data, size_t size) { return Transfer(SYS_read, fd, data, size); }
+extern "C" ssize_t write(int fd, const void* data, size_t size) { return Transfer(SYS_write, fd, data, size); }
 
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
   if (!host_system.has_ebcdic) return reinterpret_cast<iconv_t>(-1);
@@ -524,7 +525,7 @@ TEST(Text, UserNameFitsOrIsRefused) {
     host_system = {.has_user = row.entry,
                    .user = row.user,
                    .user_code = row.entry && row.user == nullptr ? EIO : 0,
-                   .transfers = {}};
+                   .transfer = {}};
     row.logname != nullptr ? setenv("LOGNAME", row.logname, 1) : unsetenv("LOGNAME");
     length = sizeof(name);
     ASSERT_EQ(GetUserName(name, &length), row.name != nullptr);
@@ -1221,11 +1222,11 @@ TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   // Interrupted transfers go on; others fail, and leave nothing behind.
   const std::string other = folder.Name("other");
   for (const auto& [code, says] : {std::pair{EINTR, ""}, {EIO, "Input/output error"}, {0, ""}}) {
-    host_system.transfers = {code};
+    host_system.transfer = code;
     EXPECT_EQ(mqc_secret_file_write(other.c_str(), "alice", keys.secret, error, sizeof(error)), code == EINTR) << code;
     ExpectSays(error, says);
     EXPECT_EQ(unlink(other.c_str()) == 0, code == EINTR);
-    host_system.transfers = {code};
+    host_system.transfer = code;
     signer.reset(mqc_signer_load(path.c_str(), nullptr, error, sizeof(error)));
     EXPECT_EQ(signer != nullptr, code == EINTR) << code;
     ExpectSays(error, code == 0 ? "expected" : says);
@@ -1311,7 +1312,7 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
   LOGMSG("0106W two\nlines\x1b[2J\x7f", 1);
   LOGMSG(std::string(5000, 'x').c_str(), 1);
   for (const int code : {EINTR, EIO}) {
-    host_system.transfers = {code};
+    host_system.transfer = code;
     LOGMSG("0106W interrupted, or lost", 1);
   }
   const auto lines = Lines();

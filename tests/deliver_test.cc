@@ -396,41 +396,6 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 3u);
 }
 
-// An error callback may change what it finds: a datagram for nowhere that "would block" waits, and is dropped later.
-TEST_F(DeliverTest, ACallbackThatTurnsNoDestinationIntoWouldBlock) {
-  const Node node = CreateDatagram();
-  const Message out(1, 4);
-  OnSocketError(&node->sock, [](SockRec* rec) { return static_cast<int>(rec->error = SOCK_WOULD_BLOCK); });
-  EXPECT_EQ(mnWrite(out, node), 1);
-  EXPECT_EQ(WriteState(node), "11, sent 0, out 1, queue 1");
-  OnSocketError(&node->sock, nullptr);
-  EXPECT_EQ(mnFinishWrite(node), 0);
-  EXPECT_EQ(node->sock.error, SOCK_NO_DESTINATION);
-  EXPECT_EQ(WriteState(node), "11, sent 0, out 0, queue 0");
-}
-
-// A trace callback that writes to its own node finds the socket full too: its message is the first of the queue, and
-// the one that it was called for joins it, or, without memory, is the only one gone.
-TEST_F(DeliverTest, ACallbackThatWritesToItsNode) {
-  for (const bool memory : {true, false}) {
-    const Link link = Connect();
-    const Message out(1, 4);
-    const Message inner(2, 4);
-    mnSetTraceCallBack(Trace::OnNode, link.node);
-    bool inside = false;
-    Trace::on_node = [&](std::string_view point, MQNode* node) {
-      if (point != "mnWriteToNode" || std::exchange(inside, true)) return;
-      EXPECT_EQ(mnWrite(inner, node), 1);
-      if (!memory) mqc_fail_allocation(1, 0);
-    };
-    Platform::Fail("send", 1, EAGAIN, 2);
-    EXPECT_EQ(mnWrite(out, link.node), memory);
-    EXPECT_EQ(WriteState(link.node), memory ? "11, sent 0, out 2, queue 2" : "11, sent 0, out 1, queue 1");
-    EXPECT_EQ(mnFinishWrite(link.node), 1);
-    EXPECT_EQ(Arrived(link.peer, memory ? 2 : 1), memory ? "21" : "2");
-  }
-}
-
 // Writes of which some are queued, put back and discarded, while memory runs out somewhere. What is counted is there.
 TEST_F(DeliverTest, EveryAllocationMayFail) {
   const Message out(1, 4);

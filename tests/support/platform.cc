@@ -92,8 +92,6 @@ int FindLibrary(dl_phdr_info* info, size_t, void*) {
   return 1;
 }
 
-__attribute__((constructor)) void FindLibraryAtStart() { dl_iterate_phdr(FindLibrary, nullptr); }
-
 bool InLibrary(const void* caller) {
   const auto place = reinterpret_cast<uintptr_t>(caller);
   return place >= library_begin && place < library_end;
@@ -103,6 +101,14 @@ template <typename Function>
 Function* Next(Function*& slot, const char* name) {
   if (slot == nullptr) slot = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
   return slot;
+}
+
+// Looked up at the start: a signal handler may be the first to write a line.
+decltype(&::LOGMSG) next_log;
+
+__attribute__((constructor)) void FindAtStart() {
+  dl_iterate_phdr(FindLibrary, nullptr);
+  Next(next_log, "LOGMSG");
 }
 
 // The errno that a rule wants for this call, if one does.
@@ -520,12 +526,12 @@ time_t time(time_t* out) noexcept {
 
 // A companion may leave any errno behind.
 void LOGMSG(const char* text, int kind) {
-  ENTER(LOGMSG, text, kind);
+  if (!InLibrary(__builtin_return_address(0))) return next_log(text, kind);
   State& state = Now();
   if (state.log.size() == kLogLines) abort();
   state.log.push_back({state.records.size(), kind, {}});
   memcpy(state.log.back().text, text, std::min(strlen(text), sizeof(LogLine::text) - 1));
-  real(text, kind);
+  next_log(text, kind);
   errno = EBADMSG;
 }
 
