@@ -9,10 +9,10 @@
  *   Pointers   required and not checked, unless a function says otherwise.
  *   Ownership  a SockRec belongs to whoever holds it, by value; the layer never allocates or frees one.
  *   Threads    one thread at a time uses a record. No locks. G_socket_trace is set before other threads use records.
- *              Lookups are for one thread at a time in the whole process, since the system library keeps their answers
- *              in one place. Nothing is looked up for the host "*" or one that begins with a digit, for a dotted quad in
- *              ip, and for services that begin with a digit. So are the lines that DeleteSocket and bTcpipNotActive
- *              print, with a time of day from there. */
+ *              Names are looked up by one thread at a time in the whole process, since the system library keeps its
+ *              answers in one place; so it does with the time of day in lines that DeleteSocket and bTcpipNotActive
+ *              print. Nothing is looked up for the host "*", a host that begins with a digit, a dotted quad in ip, and
+ *              services that begin with a digit. */
 #ifndef MQNODE_SOCKSIN_RECORD_H
 #define MQNODE_SOCKSIN_RECORD_H
 
