@@ -526,7 +526,7 @@ time_t time(time_t* out) noexcept {
 
 // A companion may leave any errno behind.
 void LOGMSG(const char* text, int kind) {
-  if (!InLibrary(__builtin_return_address(0))) return next_log(text, kind);
+  FOREIGN(next_log(text, kind));
   State& state = Now();
   if (state.log.size() == kLogLines) abort();
   state.log.push_back({state.records.size(), kind, {}});
