@@ -66,36 +66,50 @@ struct State {
   bool skip_pauses = false;
   bool failure_used = false;
   size_t allocations = 0;
+  std::map<std::string, size_t, std::less<>> counts;
+  size_t injections = 0;
 };
 
-uintptr_t library_begin;
-uintptr_t library_end;
+struct Place {
+  const char* name;
+  uintptr_t begin;
+  uintptr_t end;
+};
+Place library = {"libmqnode.so", 0, 0};
+Place companion = {"libmqcompanion.so", 0, 0};
+// Blocks that the library has from malloc and calloc; null where there is none.
+void* library_blocks[64];
+
+constexpr char kCompanionMalloc[] = "companion malloc";
 
 State& Now() {
   static State state;
   // What the library's destructors call at the end of the process, as they do in a coverage build, goes past.
   static const struct End {
-    ~End() { library_end = 0; }
+    ~End() { library.end = companion.end = 0; }
   } end;
   return state;
 }
 
-int FindLibrary(dl_phdr_info* info, size_t, void*) {
-  if (strstr(info->dlpi_name, "libmqnode.so") == nullptr) return 0;
-  library_begin = info->dlpi_addr;
-  for (int i = 0; i < info->dlpi_phnum; ++i) {
-    const auto& header = info->dlpi_phdr[i];
-    if (header.p_type == PT_LOAD) {
-      library_end = std::max<uintptr_t>(library_end, info->dlpi_addr + header.p_vaddr + header.p_memsz);
+int FindPlaces(dl_phdr_info* info, size_t, void*) {
+  for (Place* place : {&library, &companion}) {
+    if (strstr(info->dlpi_name, place->name) == nullptr) continue;
+    place->begin = info->dlpi_addr;
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+      const auto& header = info->dlpi_phdr[i];
+      if (header.p_type != PT_LOAD) continue;
+      place->end = std::max<uintptr_t>(place->end, info->dlpi_addr + header.p_vaddr + header.p_memsz);
     }
   }
-  return 1;
+  return 0;
 }
 
-bool InLibrary(const void* caller) {
-  const auto place = reinterpret_cast<uintptr_t>(caller);
-  return place >= library_begin && place < library_end;
+bool IsIn(const Place& place, const void* caller) {
+  const auto address = reinterpret_cast<uintptr_t>(caller);
+  return address >= place.begin && address < place.end;
 }
+
+bool InLibrary(const void* caller) { return IsIn(library, caller); }
 
 template <typename Function>
 Function* Next(Function*& slot, const char* name) {
@@ -107,15 +121,17 @@ Function* Next(Function*& slot, const char* name) {
 decltype(&::LOGMSG) next_log;
 
 __attribute__((constructor)) void FindAtStart() {
-  dl_iterate_phdr(FindLibrary, nullptr);
+  dl_iterate_phdr(FindPlaces, nullptr);
   Next(next_log, "LOGMSG");
 }
 
 // The errno that a rule wants for this call, if one does.
 std::optional<int> Injected(const char* name) {
   std::optional<int> code;
+  const auto count = Now().counts.find(name);
+  count != Now().counts.end() ? void(++count->second) : void(Now().counts[name] = 1);
   for (Rule& rule : Now().rules) {
-    if (!rule.name.empty() && rule.name != name) continue;
+    if (rule.name.empty() ? strcmp(name, kCompanionMalloc) == 0 : rule.name != name) continue;
     if (std::find(rule.except.begin(), rule.except.end(), name) != rule.except.end()) continue;
     if (rule.skip > 0) {
       --rule.skip;
@@ -124,7 +140,10 @@ std::optional<int> Injected(const char* name) {
       code = rule.code;
     }
   }
-  if (code) Now().failure_used = true;
+  if (code) {
+    Now().failure_used = true;
+    Now().injections += 1;
+  }
   return code;
 }
 
@@ -154,8 +173,9 @@ template <typename Run>
 auto Do(Call call, Run run) -> decltype(run()) {
   const int before = errno;
   if (const auto code = Injected(call.name.c_str())) {
-    call.result = -1;
-    call.error = *code;
+    call.injected = true;
+    call.result = *code == Platform::kZero ? 0 : -1;
+    call.error = *code == Platform::kZero ? 0 : *code;
   } else {
     errno = before;
     call.result = static_cast<long>(run());
@@ -176,9 +196,25 @@ bool Look(Call call, Find find) {
   const bool found = !code && find();
   call.result = found ? 1 : 0;
   call.error = code.value_or(0);
+  call.injected = code.has_value();
   Now().records.push_back(std::move(call));
   errno = code && *code != 0 ? *code : before;
   return found;
+}
+
+// Notes that the library has a block, or no longer has it.
+void Exchange(void* from, void* to) {
+  void** const place = std::find(std::begin(library_blocks), std::end(library_blocks), from);
+  if (place != std::end(library_blocks)) *place = to;
+}
+
+// An allocation of the library's or the companion's that has to fail.
+bool Refused(const char* name) {
+  if (name != kCompanionMalloc) ++Now().allocations;
+  const int before = errno;
+  const auto code = Injected(name);
+  errno = code ? ENOMEM : before;
+  return code.has_value();
 }
 
 void Record(Call call) {
@@ -255,6 +291,8 @@ void Platform::FailAny(int nth, int code, std::initializer_list<std::string_view
   Now().rules.push_back({"", {except.begin(), except.end()}, nth - 1, 1, code});
 }
 
+void Platform::Mend() { Now().rules.clear(); }
+
 void Platform::Limit(std::string_view name, std::vector<size_t> sizes) {
   Now().limits[std::string(name)] = {sizes.begin(), sizes.end()};
 }
@@ -299,6 +337,12 @@ std::vector<std::string> Platform::Calls(std::initializer_list<std::string_view>
 void Platform::Forget() {
   Now().records.clear();
   Now().log.clear();
+}
+std::map<std::string, size_t, std::less<>> Platform::Counts() { return Now().counts; }
+void Platform::ResetCounts() { Now().counts.clear(); }
+size_t Platform::Injections() { return Now().injections; }
+long Platform::LibraryBlocks() {
+  return std::count_if(std::begin(library_blocks), std::end(library_blocks), [](void* b) { return b != nullptr; });
 }
 size_t Platform::Allocations() { return Now().allocations; }
 bool Platform::FailureWasUsed() { return Now().failure_used; }
@@ -510,11 +554,41 @@ unsigned alarm(unsigned seconds) noexcept {
 // and without a code errno stays.
 long sysconf(int name) noexcept {
   REAL(sysconf);
-  if (name != _SC_NPROCESSORS_ONLN || Now().rules.empty()) return real(name);
+  if (name != _SC_NPROCESSORS_ONLN || library.end == 0) return real(name);
   const int before = errno;
   const auto code = Injected("sysconf");
   errno = code.value_or(0) != 0 ? *code : before;
   return code ? -1 : real(name);
+}
+
+// What the library does with files answers a lookup's way: there or not.
+FILE* fopen(const char* path, const char* mode) {
+  REAL(fopen);
+  FOREIGN(real(path, mode));
+  FILE* file = nullptr;
+  Look({"fopen", mode}, [&] { return (file = real(path, mode)) != nullptr; });
+  return file;
+}
+
+char* fgets(char* line, int size, FILE* file) {
+  REAL(fgets);
+  FOREIGN(real(line, size, file));
+  char* read = nullptr;
+  Look({"fgets", std::to_string(size)}, [&] { return (read = real(line, size, file)) != nullptr; });
+  return read;
+}
+
+int fclose(FILE* file) {
+  REAL(fclose);
+  FOREIGN(real(file));
+  const int result = real(file);
+  return static_cast<int>(Do({"fclose", ""}, [&] { return result; }));
+}
+
+int remove(const char* path) noexcept {
+  REAL(remove);
+  FOREIGN(real(path));
+  return static_cast<int>(Do({"remove", ""}, [&] { return real(path); }));
 }
 
 time_t time(time_t* out) noexcept {
@@ -538,23 +612,32 @@ void LOGMSG(const char* text, int kind) {
 // The allocator: the sanitizers' own when they are there.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
+void __libc_free(void* block);
 __attribute__((weak)) void* __interceptor_malloc(size_t size);
 __attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
+__attribute__((weak)) void __interceptor_free(void* block);
 
 void* malloc(size_t size) noexcept {
-  if (InLibrary(__builtin_return_address(0))) {
-    ++Now().allocations;
-    if (Injected("malloc")) return nullptr;
-  }
-  return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
+  const void* const caller = __builtin_return_address(0);
+  const bool counted = InLibrary(caller);
+  if (counted ? Refused("malloc") : IsIn(companion, caller) && Refused(kCompanionMalloc)) return nullptr;
+  void* const block = __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
+  if (counted) Exchange(nullptr, block);
+  return block;
 }
 
 void* calloc(size_t count, size_t size) noexcept {
-  if (InLibrary(__builtin_return_address(0))) {
-    ++Now().allocations;
-    if (Injected("calloc")) return nullptr;
-  }
-  return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+  const bool counted = InLibrary(__builtin_return_address(0));
+  if (counted && Refused("calloc")) return nullptr;
+  void* const block = __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+  if (counted) Exchange(nullptr, block);
+  return block;
+}
+
+void free(void* block) noexcept {
+  // The caller does not tell: what the companion frees last may seem to be freed by the library.
+  if (block != nullptr) Exchange(block, nullptr);
+  return __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
 }
 
 }  // extern "C"

@@ -8,8 +8,8 @@
 //
 // Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close
 // fcntl gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal
-// alarm LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed, sysconf can
-// be failed.
+// alarm LOGMSG (recorded only) time (answered by SetTime). malloc, calloc, fopen, fgets, fclose, remove and sysconf are
+// counted and can be failed, and so are the mallocs of the companion, under the name "companion malloc".
 #pragma once
 
 #include <cstddef>
@@ -17,6 +17,7 @@
 #include <functional>
 #include <initializer_list>
 #include <limits>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,7 @@ struct Call {
   int flags = 0;
   long result = 0;
   int error = 0;  // errno when the call failed
+  bool injected = false;
 
   // "recvfrom(136) = 100", "send(36, flags 2) = -1 EAGAIN", "socket(2, 1, 0) = fd", "sleep(5) = 0".
   std::string Text() const;
@@ -40,6 +42,7 @@ struct Call {
 class Platform {
  public:
   static constexpr int kOnwards = -1;
+  static constexpr int kZero = -1;  // in place of an errno: the call returns 0 and does nothing
 
   // No scripts, no records, nothing faked but name lookups and sleep. The fixture calls it before each test.
   static void Reset();
@@ -50,6 +53,9 @@ class Platform {
   // The same for the nth call of any of the names that a failure can be injected into; with it a whole scenario can be
   // walked: see WalkCalls in fixture.hh.
   static void FailAny(int nth, int code, std::initializer_list<std::string_view> except = {});
+
+  // No failures from now on.
+  static void Mend();
 
   // The coming calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; those after them are free.
   static void Limit(std::string_view name, std::vector<size_t> sizes);
@@ -74,6 +80,10 @@ class Platform {
   static std::vector<std::string> Calls(std::initializer_list<std::string_view> names = {});
   static void Forget();
 
+  static std::map<std::string, size_t, std::less<>> Counts();  // calls that a failure can be injected into, since Reset
+  static void ResetCounts();
+  static size_t Injections();    // failures injected since Reset
+  static long LibraryBlocks();   // blocks that the library has from malloc and calloc now, since the process began
   static size_t Allocations();   // malloc and calloc calls of the library since Reset
   static bool FailureWasUsed();  // whether any failure was injected since Reset or the last Fail or FailAny
 };
