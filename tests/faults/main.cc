@@ -35,8 +35,7 @@ struct Options {
   bool verbose = false;
 
   // A part of the table was asked for: what nobody calls is no fault then.
-  bool narrowed() const { return !scenario.empty() || !call.empty() || !code.empty() || nth != 0; }
-  bool single() const { return cut_send != 0 || cut_receive != 0; }
+  bool narrowed() const { return !scenario.empty() || !call.empty(); }
 };
 
 // What is counted and tried of one scenario.
@@ -66,6 +65,15 @@ void List() {
   }
 }
 
+// The scenario with nothing failing, cut as the options say.
+Situation NothingFails(const Row& row, const Options& options) {
+  Situation situation;
+  situation.scenario = row.scenario;
+  situation.cut_send = options.cut_send;
+  situation.cut_receive = options.cut_receive;
+  return situation;
+}
+
 // Runs every scenario clean and counts its calls; false when one fell.
 bool Count(std::vector<Row>* rows, const Options& options) {
   bool whole = true;
@@ -73,9 +81,7 @@ bool Count(std::vector<Row>* rows, const Options& options) {
       rows->size(), options.jobs, options.seconds,
       [&](size_t i) {
         Counts counts;
-        Situation clean;
-        clean.scenario = (*rows)[i].scenario;
-        std::string text = Try(clean, &counts);
+        std::string text = Try(NothingFails((*rows)[i], options), &counts);
         for (const auto& [name, count] : counts) text += "count " + std::to_string(count) + " " + name + "\n";
         return text;
       },
@@ -124,50 +130,51 @@ size_t CheckCalls(const std::vector<Row>& rows) {
   return fell;
 }
 
-std::vector<Situation> Situations(const std::vector<Row>& rows, const Options& options) {
-  std::vector<Situation> all;
-  Situation next;
-  for (const Row& row : rows) {
-    next = {};
-    next.scenario = row.scenario;
-    next.cut_send = options.cut_send;
-    next.cut_receive = options.cut_receive;
-    for (const FailingCall& call : FailingCalls()) {
-      next.call = call.name;
-      const auto count = row.counts.find(call.name);
-      if (count == row.counts.end() || (!options.call.empty() && options.call != call.name)) continue;
-      for (next.nth = 1; next.nth <= std::max(count->second, options.nth); ++next.nth) {
-        if (options.nth != 0 && next.nth != options.nth) continue;
-        for (const int code : call.codes) {
-          next.code = code;
-          if (!options.code.empty() && CodeName(code) != options.code) continue;
-          for (const bool onwards : {false, true}) {
-            next.onwards = onwards;
-            if (onwards ? !options.once : !options.onwards) all.push_back(next);
-          }
+bool IsChosen(const Situation& situation, const Options& options) {
+  return (options.call.empty() || situation.call == options.call) &&
+         (options.nth == 0 || situation.nth == options.nth) &&
+         (options.code.empty() || CodeName(situation.code) == options.code) &&
+         !(situation.onwards ? options.once : options.onwards);
+}
+
+void AddFailures(const Row& row, const Options& options, std::vector<Situation>* all) {
+  Situation next = NothingFails(row, options);
+  for (const FailingCall& call : FailingCalls()) {
+    const auto count = row.counts.find(call.name);
+    if (count == row.counts.end()) continue;
+    next.call = call.name;
+    for (next.nth = 1; next.nth <= count->second; ++next.nth) {
+      for (const int code : call.codes) {
+        next.code = code;
+        for (const bool onwards : {false, true}) {
+          next.onwards = onwards;
+          if (IsChosen(next, options)) all->push_back(next);
         }
       }
     }
-    if (options.single() || !options.call.empty() || !row.scenario->streams) continue;
-    for (const size_t cut : kCuts) {
-      for (int which = 1; which <= 3; ++which) {
-        next = {};
-        next.scenario = row.scenario;
-        next.cut_send = which & 1 ? cut : 0;
-        next.cut_receive = which & 2 ? cut : 0;
-        all.push_back(next);
-      }
+  }
+}
+
+void AddCuts(const Row& row, const Options& options, std::vector<Situation>* all) {
+  for (const size_t cut : kCuts) {
+    for (int which = 1; which <= 3; ++which) {
+      Situation next = NothingFails(row, options);
+      next.cut_send = which & 1 ? cut : 0;
+      next.cut_receive = which & 2 ? cut : 0;
+      all->push_back(next);
     }
   }
-  if (options.single() && options.call.empty()) {
-    all.clear();
-    for (const Row& row : rows) {
-      Situation cut;
-      cut.scenario = row.scenario;
-      cut.cut_send = options.cut_send;
-      cut.cut_receive = options.cut_receive;
-      all.push_back(cut);
-    }
+}
+
+std::vector<Situation> Situations(const std::vector<Row>& rows, const Options& options) {
+  const bool cut = options.cut_send != 0 || options.cut_receive != 0;
+  const bool fails =
+      !options.call.empty() || options.nth != 0 || !options.code.empty() || options.once || options.onwards;
+  std::vector<Situation> all;
+  for (const Row& row : rows) {
+    if (fails || !cut) AddFailures(row, options, &all);
+    if (!fails && cut) all.push_back(NothingFails(row, options));
+    if (!fails && !cut && row.scenario->streams) AddCuts(row, options, &all);
   }
   std::vector<Situation> chosen;
   for (size_t i = 0; i < all.size(); i += options.every) chosen.push_back(all[i]);
@@ -209,6 +216,7 @@ int Run(const Options& options) {
   if (!Count(&rows, options)) return 1;
   size_t fell = options.narrowed() ? 0 : CheckCalls(rows);
   const std::vector<Situation> situations = Situations(rows, options);
+  if (situations.empty()) printf("no situation is like that; --list and --verbose tell which there are\n");
   RunInChildren(
       situations.size(), options.jobs, options.seconds, [&](size_t i) { return Try(situations[i], nullptr); },
       [&](size_t i, const std::string& said, const std::string& ended) {
