@@ -534,8 +534,8 @@ void Host::FinishAll(Link* link, int end) {
   }
 }
 
-// Finishes what can go on, reads what can be read. The waits that do not watch writing are not waited in while something
-// is queued.
+// Finishes what can go on, reads what can be read. The waits that do not watch writing only poll while something is
+// queued.
 void Host::Round(const std::vector<Link*>& links, int form) {
   const bool watches_writes = form >= 3;
   std::vector<std::pair<Link*, int>> ends;

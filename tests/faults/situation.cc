@@ -55,7 +55,7 @@ std::string RunOnce(const Situation& situation, Host::Run run, const std::string
   {
     Host host(run);
     const uint64_t allocations = mqc_allocations();
-    Platform::ResetCounts();
+    Platform::StartCounting();
     Arm(situation);
     situation.scenario->run(&host);
     Platform::Mend();

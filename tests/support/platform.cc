@@ -80,7 +80,9 @@ Place companion = {"libmqcompanion.so", 0, 0};
 // Blocks that the library has from malloc and calloc; null where there is none.
 void* library_blocks[64];
 
+// What the companion allocates is looked at once counting began: it may be used by many threads.
 constexpr char kCompanionMalloc[] = "companion malloc";
+bool counting;
 
 State& Now() {
   static State state;
@@ -128,8 +130,7 @@ __attribute__((constructor)) void FindAtStart() {
 // The errno that a rule wants for this call, if one does.
 std::optional<int> Injected(const char* name) {
   std::optional<int> code;
-  const auto count = Now().counts.find(name);
-  count != Now().counts.end() ? void(++count->second) : void(Now().counts[name] = 1);
+  ++Now().counts[name];
   for (Rule& rule : Now().rules) {
     if (rule.name.empty() ? strcmp(name, kCompanionMalloc) == 0 : rule.name != name) continue;
     if (std::find(rule.except.begin(), rule.except.end(), name) != rule.except.end()) continue;
@@ -339,7 +340,10 @@ void Platform::Forget() {
   Now().log.clear();
 }
 std::map<std::string, size_t, std::less<>> Platform::Counts() { return Now().counts; }
-void Platform::ResetCounts() { Now().counts.clear(); }
+void Platform::StartCounting() {
+  Now().counts.clear();
+  counting = true;
+}
 size_t Platform::Injections() { return Now().injections; }
 long Platform::LibraryBlocks() {
   return std::count_if(std::begin(library_blocks), std::end(library_blocks), [](void* b) { return b != nullptr; });
@@ -563,31 +567,27 @@ long sysconf(int name) noexcept {
 
 // What the library does with files answers a lookup's way: there or not.
 FILE* fopen(const char* path, const char* mode) {
-  REAL(fopen);
-  FOREIGN(real(path, mode));
+  ENTER(fopen, path, mode);
   FILE* file = nullptr;
   Look({"fopen", mode}, [&] { return (file = real(path, mode)) != nullptr; });
   return file;
 }
 
 char* fgets(char* line, int size, FILE* file) {
-  REAL(fgets);
-  FOREIGN(real(line, size, file));
+  ENTER(fgets, line, size, file);
   char* read = nullptr;
   Look({"fgets", std::to_string(size)}, [&] { return (read = real(line, size, file)) != nullptr; });
   return read;
 }
 
 int fclose(FILE* file) {
-  REAL(fclose);
-  FOREIGN(real(file));
+  ENTER(fclose, file);
   const int result = real(file);
   return static_cast<int>(Do({"fclose", ""}, [&] { return result; }));
 }
 
 int remove(const char* path) noexcept {
-  REAL(remove);
-  FOREIGN(real(path));
+  ENTER(remove, path);
   return static_cast<int>(Do({"remove", ""}, [&] { return real(path); }));
 }
 
@@ -620,7 +620,7 @@ __attribute__((weak)) void __interceptor_free(void* block);
 void* malloc(size_t size) noexcept {
   const void* const caller = __builtin_return_address(0);
   const bool counted = InLibrary(caller);
-  if (counted ? Refused("malloc") : IsIn(companion, caller) && Refused(kCompanionMalloc)) return nullptr;
+  if (counted ? Refused("malloc") : counting && IsIn(companion, caller) && Refused(kCompanionMalloc)) return nullptr;
   void* const block = __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
   if (counted) Exchange(nullptr, block);
   return block;

@@ -9,7 +9,8 @@
 // Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close
 // fcntl gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal
 // alarm LOGMSG (recorded only) time (answered by SetTime). malloc, calloc, fopen, fgets, fclose, remove and sysconf are
-// counted and can be failed, and so are the mallocs of the companion, under the name "companion malloc".
+// counted and can be failed, and so are the mallocs of the companion, under the name "companion malloc",
+// once StartCounting was called.
 #pragma once
 
 #include <cstddef>
@@ -80,8 +81,10 @@ class Platform {
   static std::vector<std::string> Calls(std::initializer_list<std::string_view> names = {});
   static void Forget();
 
-  static std::map<std::string, size_t, std::less<>> Counts();  // calls that a failure can be injected into, since Reset
-  static void ResetCounts();
+  // Calls that a failure can be injected into. In a process that has begun to count, which has one thread, the mallocs
+  // of the companion are among them.
+  static void StartCounting();
+  static std::map<std::string, size_t, std::less<>> Counts();
   static size_t Injections();    // failures injected since Reset
   static long LibraryBlocks();   // blocks that the library has from malloc and calloc now, since the process began
   static size_t Allocations();   // malloc and calloc calls of the library since Reset
