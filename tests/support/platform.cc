@@ -558,7 +558,7 @@ unsigned alarm(unsigned seconds) noexcept {
 // and without a code errno stays.
 long sysconf(int name) noexcept {
   REAL(sysconf);
-  if (name != _SC_NPROCESSORS_ONLN || library.end == 0) return real(name);
+  if (name != _SC_NPROCESSORS_ONLN || (!counting && Now().rules.empty())) return real(name);
   const int before = errno;
   const auto code = Injected("sysconf");
   errno = code.value_or(0) != 0 ? *code : before;
