@@ -60,14 +60,16 @@ extern "C" int getpwuid_r(uid_t uid, passwd* entry, char* place, size_t size, pa
   return result;
 }
 
-static ssize_t Transfer(long number, int fd, const void* data, size_t size) {
+static ssize_t Transfer(long number, int fd, void* data, size_t size) {
   const auto code = std::exchange(host_system.transfer, std::nullopt);
   if (!code) return syscall(number, fd, data, size);
   errno = *code;
   return *code != 0 ? -1 : 0;
 }
 extern "C" ssize_t read(int fd, void* data, size_t size) { return Transfer(SYS_read, fd, data, size); }
-extern "C" ssize_t write(int fd, const void* data, size_t size) { return Transfer(SYS_write, fd, data, size); }
+extern "C" ssize_t write(int fd, const void* data, size_t size) {
+  return Transfer(SYS_write, fd, const_cast<void*>(data), size);
+}
 
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
   if (!host_system.has_ebcdic) return reinterpret_cast<iconv_t>(-1);
@@ -87,8 +89,8 @@ void RunAlone(const std::string& test, const char* variable = "MQ_NONE", const s
   const pid_t child = fork();
   if (child == 0) {
     setenv(variable, value.c_str(), 1);
-    execl("/proc/self/exe", "companion_test", ("--gtest_filter=" + test).c_str(), "--gtest_also_run_disabled_tests",
-          "--gtest_brief=1", nullptr);
+    execl(program_invocation_name, "companion_test", ("--gtest_filter=" + test).c_str(),
+          "--gtest_also_run_disabled_tests", "--gtest_brief=1", nullptr);
     _exit(127);
   }
   int status = -1;

@@ -75,6 +75,7 @@ TEST_F(DeliverTest, LengthsOfRawForms) {
   EXPECT_EQ(mqc_allocations(), before);
   EXPECT_EQ(Platform::Calls(), Lines{});
   out->raw.length = 1000;
+  memset(out->raw.data, 'x', 1000);
   EXPECT_EQ(mnWrite(out, link.node), 1);
   EXPECT_EQ(WordAt(link.peer.Read(1000), kAtBody), 864u);
   PcfMessage empty;

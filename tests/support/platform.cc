@@ -262,6 +262,18 @@ servent* LookService(Call call, Fits fits) {
   return any ? &entry : nullptr;
 }
 
+// While next is looked up, and only then, libc's own serves.
+template <typename Function>
+Function* Allocator(Function*& next, const char* name, Function* sanitizers, Function* libcs) {
+  static bool looking = false;
+  if (sanitizers != nullptr) return sanitizers;
+  if (next != nullptr || looking) return next != nullptr ? next : libcs;
+  looking = true;
+  Next(next, name);
+  looking = false;
+  return next;
+}
+
 std::string Text(const char* text) { return text != nullptr ? text : "(null)"; }
 
 const char* ErrorName(int code) {
@@ -609,7 +621,7 @@ void LOGMSG(const char* text, int kind) {
   errno = EBADMSG;
 }
 
-// The allocator: the sanitizers' own when they are there.
+// The allocator: the sanitizers' own when they are there; else the next one, which may be valgrind's.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void __libc_free(void* block);
@@ -621,7 +633,8 @@ void* malloc(size_t size) noexcept {
   const void* const caller = __builtin_return_address(0);
   const bool counted = InLibrary(caller);
   if (counted ? Refused("malloc") : counting && IsIn(companion, caller) && Refused(kCompanionMalloc)) return nullptr;
-  void* const block = __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
+  static decltype(&__libc_malloc) next = nullptr;
+  void* const block = Allocator(next, "malloc", __interceptor_malloc, __libc_malloc)(size);
   if (counted) Exchange(nullptr, block);
   return block;
 }
@@ -629,7 +642,8 @@ void* malloc(size_t size) noexcept {
 void* calloc(size_t count, size_t size) noexcept {
   const bool counted = InLibrary(__builtin_return_address(0));
   if (counted && Refused("calloc")) return nullptr;
-  void* const block = __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+  static decltype(&__libc_calloc) next = nullptr;
+  void* const block = Allocator(next, "calloc", __interceptor_calloc, __libc_calloc)(count, size);
   if (counted) Exchange(nullptr, block);
   return block;
 }
@@ -637,7 +651,8 @@ void* calloc(size_t count, size_t size) noexcept {
 void free(void* block) noexcept {
   // The caller does not tell: what the companion frees last may seem to be freed by the library.
   if (block != nullptr) Exchange(block, nullptr);
-  return __interceptor_free != nullptr ? __interceptor_free(block) : __libc_free(block);
+  static decltype(&__libc_free) next = nullptr;
+  Allocator(next, "free", __interceptor_free, __libc_free)(block);
 }
 
 }  // extern "C"
