@@ -62,6 +62,7 @@ check_tidy() {
   return 1
 }
 
+# cppcheck knows libc by tables of its own; the headers of the system are not read, and it need not say so.
 check_cppcheck() {
   libraries | xargs -0 cppcheck --quiet --enable=warning,performance,portability --inline-suppr --std=c++20 \
     --error-exitcode=1 --suppress=missingIncludeSystem -I . -j "$(nproc)"
@@ -81,6 +82,15 @@ check_analyzer() {
     tracked 'examples/*.c' 'tests/checks/*.c' | analyze "gcc -std=gnu11"
 }
 
+# What a checker is told to pass over has its reason beside it: "NOLINT(check): why".
+check_suppressions() {
+  local bare
+  bare=$(sources | xargs -0 grep -nE 'NOLINT|cppcheck-suppress|pragma.*diagnostic' |
+    grep -vE 'NOLINTEND|(NOLINT[A-Z]*\([^)]*\)|cppcheck-suppress [A-Za-z]+|diagnostic.*//): [A-Za-z]') || return 0
+  printf 'without a reason:\n%s\n' "$bare"
+  return 1
+}
+
 check_scripts() {
   local script status=0
   while IFS= read -r -d '' script; do
@@ -95,6 +105,7 @@ step 'format (clang-format)' check_format
 step 'lines of at most 120 columns' check_line_length
 step 'no path of one machine' check_paths
 step 'shell scripts' check_scripts
+step 'suppressions with reasons' check_suppressions
 step 'exported names' tests/checks/exports.sh "$library"
 step 'needed libraries and names' tests/checks/dependencies.sh "$library"
 step 'headers alone, as C11 and C++17' tests/checks/headers.sh
