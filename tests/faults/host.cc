@@ -63,6 +63,8 @@ void DropFront(Flow* flow) {
   flow->items.pop_front();
 }
 
+bool WatchesWrites(int form) { return form >= 3; }
+
 int reports;
 
 int CountReport(SockRec*) { return ++reports; }
@@ -138,6 +140,24 @@ int Host::Do(Op op, const std::function<Came()>& run, End* end) {
   return came.result;
 }
 
+int Host::DoOn(Op op, MQNode* node, const std::function<int()>& run, End* end) {
+  const auto come = [&] {
+    const int result = run();
+    return Came{result, node->error, node->sock.error};
+  };
+  return Do(op, come, end);
+}
+
+MQNode* Host::Create(const std::function<MQNode*()>& make) {
+  MQNode* node = nullptr;
+  Do(Op::kCreate, [&] {
+    node = make();
+    return node != nullptr ? Came{1, node->error} : Came{0, 0};
+  });
+  if (node != nullptr && IsNodeFailed(node)) Delete(&node);
+  return node;
+}
+
 // Takes what the calls moved into the model. False when the node's totals say something else.
 bool Host::Settle(End* end) {
   int failures = 0;
@@ -194,12 +214,7 @@ MQNode* Host::Listener(const char* name, const char* service) {
   MQNode* node = nullptr;
   Twice("a listener", [&] {
     SockAddrRec address = AddressOf(name, service);
-    Do(Op::kCreate, [&] {
-      node = CreateMQNode(&address, MQ_ROLE_LISTEN);
-      return node != nullptr ? Came{1, node->error} : Came{0, 0};
-    });
-    if (node != nullptr && IsNodeFailed(node)) Delete(&node);
-    return node != nullptr;
+    return (node = Create([&] { return CreateMQNode(&address, MQ_ROLE_LISTEN); })) != nullptr;
   });
   return node;
 }
@@ -227,15 +242,9 @@ bool Host::Connect(Link* link, MQNode* listener, bool blocking) {
 bool Host::Open(Link* link, MQNode* listener, bool blocking) {
   End& client = link->ends[0];
   SockAddrRec address = AddressOf("127.0.0.1", PortOf(listener->sock.fd));
-  Do(Op::kCreate, [&] {
-    client.node = CreateMQNode(&address, MQ_ROLE_CONNECT);
-    return client.node != nullptr ? Came{1, client.node->error} : Came{0, 0};
-  });
-  if (client.node == nullptr || IsNodeFailed(client.node) || !Prepare(&client, blocking)) return false;
-  const int opened = Do(Op::kConnect, [&] {
-    const int result = mnOpen(client.node);
-    return Came{result, client.node->error};
-  });
+  client.node = Create([&] { return CreateMQNode(&address, MQ_ROLE_CONNECT); });
+  if (client.node == nullptr || !Prepare(&client, blocking)) return false;
+  const int opened = DoOn(Op::kConnect, client.node, [&] { return mnOpen(client.node); });
   if (!opened && client.node->error != MQ_AGAIN) return false;
   if (!opened && blocking) return false;
   for (int round = 0; round < kPatience; ++round) {
@@ -244,10 +253,7 @@ bool Host::Open(Link* link, MQNode* listener, bool blocking) {
     if (child.node == nullptr) nodes.push_back(listener);
     if (!Wait(kNPostForm, nodes)) continue;
     if (!read_ready.empty()) {  // nobody has written yet: the connect failed, and reading tells why
-      Do(Op::kRead, [&] {
-        const int result = mnRead(in_, client.node);
-        return Came{result, client.node->error};
-      });
+      DoOn(Op::kRead, client.node, [&] { return mnRead(in_, client.node); });
       return false;
     }
     if (!listen_ready.empty()) Accept(link, listener);
@@ -260,11 +266,7 @@ bool Host::Open(Link* link, MQNode* listener, bool blocking) {
 
 // Accepts the link's own connection. False when there is none yet.
 bool Host::Accept(Link* link, MQNode* listener) {
-  const int accepted = Do(Op::kAccept, [&] {
-    const int result = mnOpen(listener);
-    return Came{result, listener->error};
-  });
-  if (!accepted) return false;
+  if (!DoOn(Op::kAccept, listener, [&] { return mnOpen(listener); })) return false;
   MQNode* child = listener->child;
   listener->child = nullptr;
   if (child == nullptr) return false;  // no memory; the connection is closed
@@ -307,13 +309,8 @@ bool Host::Adopt(Link* link, int first, int second) {
     SockRec sock;
     CreateSocketFromExisting(&sock, fds[i]);
     sock.connected = 1;
-    Twice("a node over a descriptor", [&] {
-      Do(Op::kCreate, [&] {
-        end.node = CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT);
-        return end.node != nullptr ? Came{1, end.node->error} : Came{0, 0};
-      });
-      return end.node != nullptr;
-    });
+    Twice("a node over a descriptor",
+          [&] { return (end.node = Create([&] { return CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT); })) != nullptr; });
     if (end.node == nullptr) DeleteSocket(&sock);
     end = {end.node, &link->flows[i], &link->flows[1 - i]};
     link->open = (i == 0 || link->open) && end.node != nullptr && Twice("a mode", [&] { return Prepare(&end, false); });
@@ -341,13 +338,8 @@ bool Host::WriteOnce(Link* link, int which, size_t size) {
   const uint64_t wire = link->secure ? plain + 128 : plain;
   SockAddrRec to = AddressOf("127.0.0.1", link->ends[1 - which].port);
   const bool queued = end.node->pending != nullptr;
-  const int taken = Do(
-      Op::kWrite,
-      [&] {
-        const int result = mnSWriteTo(out_, end.node, link->datagram ? &to : nullptr, link->secure, Signer());
-        return Came{result, end.node->error, end.node->sock.error};
-      },
-      &end);
+  const auto write = [&] { return mnSWriteTo(out_, end.node, link->datagram ? &to : nullptr, link->secure, Signer()); };
+  const int taken = DoOn(Op::kWrite, end.node, write, &end);
   if (taken) flow.items.push_back({number_, wire});
   if (!taken && !queued && end.node->pending != nullptr) Fell("a write that failed left a queue behind");
   if (flow.sent > Total(flow)) {
@@ -365,13 +357,8 @@ bool Host::WriteOnce(Link* link, int which, size_t size) {
 bool Host::Finish(Link* link, int which) {
   End& end = link->ends[which];
   Flow& flow = *end.out;
-  const int finished = Do(
-      Op::kFinish,
-      [&] {
-        const int result = mnFinishWrite(end.node);
-        return Came{result, end.node->error, end.node->sock.error};
-      },
-      &end);
+  const int finished = DoOn(
+      Op::kFinish, end.node, [&] { return mnFinishWrite(end.node); }, &end);
   while (flow.whole < flow.items.size() && flow.sent >= Boundary(flow) + flow.items[flow.whole].size) {
     flow.whole += 1;
     end.completed += 1;
@@ -395,59 +382,44 @@ bool Host::Finish(Link* link, int which) {
   return finished;
 }
 
+// A read that has given a message must have given the next one, whole.
+void Host::CheckDelivered(const Flow& flow, bool whole) {
+  char sender[13];
+  mqc_sender(in_, sender);
+  if (!whole) return Fell("a message was delivered that was not sent, or not all of it");
+  if (!Holds(in_, flow.items.front().number)) Fell("a message is altered, twice there, or out of order");
+  if (strcmp(sender, kUser) != 0) Fell("a message came from " + std::string(sender));
+}
+
 bool Host::Read(Link* link, int which) {
   End& end = link->ends[which];
   Flow& flow = *end.in;
-  const int read = Do(
-      Op::kRead,
-      [&] {
-        const int result = mnSRead(in_, end.node, link->secure, nullptr);
-        return Came{result, end.node->error};
-      },
-      &end);
+  const auto from_node = [&] { return mnSRead(in_, end.node, link->secure, nullptr); };
+  const int read = DoOn(Op::kRead, end.node, from_node, &end);
   const int error = end.node->error;
   const bool whole = flow.whole > 0 && flow.received == flow.items.front().size;
-  if (read) {
-    char sender[13];
-    mqc_sender(in_, sender);
-    if (!whole) {
-      Fell("a message was delivered that was not sent, or not all of it");
-      Lost(link, "a connection");
-      return false;
-    }
-    if (!Holds(in_, flow.items.front().number)) Fell("a message is altered, twice there, or out of order");
-    if (strcmp(sender, kUser) != 0) Fell("a message came from " + std::string(sender));
-    end.read += 1;
-    DropFront(&flow);
-  } else if (whole) {
-    if (error != MQ_NO_ROOM && error != MQ_NOT_AUTHENTIC) {
+  if (read) CheckDelivered(flow, whole);
+  if (whole) {
+    if (!read && error != MQ_NO_ROOM && error != MQ_NOT_AUTHENTIC) {
       Fell(Number("error after a lost message", error, static_cast<int>(MQ_NO_ROOM)));
     }
-    end.read += error == MQ_NOT_AUTHENTIC;
-    Lose("a read dropped a message");
+    if (!read) Lose("a read dropped a message");
+    end.read += read || error == MQ_NOT_AUTHENTIC;
     DropFront(&flow);
   } else if (error == MQ_AGAIN) {
     if (end.node->recvBuffer.received != flow.received) Fell("an unfinished read did not keep what it gathered");
   } else {
     if (end.node->recvBuffer.received != 0) Fell("a read that failed keeps what it gathered");
-    if (flow.received != 0) {
-      Lost(link, "a read dropped a part of a message");
-      return false;
-    }
+    if (flow.received != 0) Lost(link, "a read dropped a part of a message");
   }
-  CheckCounters(end);
+  if (link->open) CheckCounters(end);
   return read != 0;
 }
 
 bool Host::Browse(Link* link, int which) {
   End& end = link->ends[which];
-  const int found = Do(
-      Op::kBrowse,
-      [&] {
-        const int result = mnBrowse(peek_, end.node);
-        return Came{result, end.node->error};
-      },
-      &end);
+  const int found = DoOn(
+      Op::kBrowse, end.node, [&] { return mnBrowse(peek_, end.node); }, &end);
   uint32_t body = 0;
   memcpy(&body, peek_->raw.data + offsetof(MsgHeader, bodyLength), sizeof body);
   if (found && (end.in->items.empty() || body + sizeof(MsgHeader) != end.in->items.front().size)) {
@@ -477,41 +449,40 @@ bool Host::ReadAll(Link* link, int end) {
   return true;
 }
 
+// The wait of that number on nodes, which end with a null pointer.
+int Host::WaitBy(int form, MQNode** nodes, MQNode** listen, MQNode** read, MQNode** write, int seconds, int* status) {
+  switch (form) {
+    case 0:
+      return mnPost(nodes, listen, read, seconds, status);
+    case 1:
+      return mnPostEx(nodes, listen, read, seconds, status, &work_);
+    case 2:
+      return mnPostExMSec(nodes, listen, read, seconds * 1000, status, &work_);
+    case 3:
+      return mnNPost(nodes, listen, read, write, seconds, status);
+    case 4:
+      return mnNPostEx(nodes, listen, read, write, seconds, status, &work_);
+    default:
+      return mnNPostExMSec(nodes, listen, read, write, seconds * 1000, status, &work_);
+  }
+}
+
 bool Host::Wait(int form, const std::vector<MQNode*>& nodes, int seconds) {
   std::vector<MQNode*> list = nodes;
   list.push_back(nullptr);
   auto* const untouched = reinterpret_cast<MQNode*>(this);
   std::vector<MQNode*> lists[3];
   for (auto& each : lists) each.assign(list.size(), untouched);
-  MQNode** const l = lists[0].data();
-  MQNode** const r = lists[1].data();
-  MQNode** const w = lists[2].data();
   int status = kUntouched;
-  const auto wait = [&] {
-    switch (form) {
-      case 0:
-        return mnPost(list.data(), l, r, seconds, &status);
-      case 1:
-        return mnPostEx(list.data(), l, r, seconds, &status, &work_);
-      case 2:
-        return mnPostExMSec(list.data(), l, r, seconds * 1000, &status, &work_);
-      case 3:
-        return mnNPost(list.data(), l, r, w, seconds, &status);
-      case 4:
-        return mnNPostEx(list.data(), l, r, w, seconds, &status, &work_);
-      default:
-        return mnNPostExMSec(list.data(), l, r, w, seconds * 1000, &status, &work_);
-    }
-  };
   const int ready = Do(Op::kWait, [&] {
-    const int result = wait();
+    const int result = WaitBy(form, list.data(), lists[0].data(), lists[1].data(), lists[2].data(), seconds, &status);
     return Came{result, status};
   });
   timed_out_ = status == SOCK_WAIT_TIMEOUT && seconds > 0;
   std::vector<MQNode*>* const found[] = {&listen_ready, &read_ready, &write_ready};
   for (int i = 0; i < 3; ++i) {
     found[i]->clear();
-    if (!ready || (i == 2 && form < 3)) {
+    if (!ready || (i == 2 && !WatchesWrites(form))) {
       if (lists[i][0] != untouched) Fell("a wait without a result wrote into its arrays");
       continue;
     }
@@ -537,7 +508,7 @@ void Host::FinishAll(Link* link, int end) {
 // Finishes what can go on, reads what can be read. The waits that do not watch writing only poll while something is
 // queued.
 void Host::Round(const std::vector<Link*>& links, int form) {
-  const bool watches_writes = form >= 3;
+  const bool watches_writes = WatchesWrites(form);
   std::vector<std::pair<Link*, int>> ends;
   std::vector<MQNode*> nodes;
   int seconds = 1;

@@ -89,6 +89,10 @@ class Host {
 
   // Runs one operation and judges it.
   int Do(Op op, const std::function<Came()>& run, End* end = nullptr);
+  // One on a node: result, and the errors of the node and its socket.
+  int DoOn(Op op, MQNode* node, const std::function<int()>& run, End* end = nullptr);
+  // Runs a creator. A node that has failed is deleted; null then.
+  MQNode* Create(const std::function<MQNode*()>& make);
   // Runs attempt until it returns true, at most twice.
   bool Twice(const char* what, const std::function<bool()>& attempt);
 
@@ -102,6 +106,8 @@ class Host {
  private:
   bool Settle(End* end);
   void CheckCounters(const End& end);
+  void CheckDelivered(const Flow& flow, bool whole);
+  int WaitBy(int form, MQNode** nodes, MQNode** listen, MQNode** read, MQNode** write, int seconds, int* status);
   bool Accept(Link* link, MQNode* listener);
   bool Open(Link* link, MQNode* listener, bool blocking);
   bool Prepare(End* end, bool blocking);

@@ -167,11 +167,7 @@ void BrowsePieces(Host* host) {
   SockRec sock;
   CreateSocketFromExisting(&sock, fds[0]);
   const Peer peer = Peer::Adopt(fds[1]);
-  MQNode* node = nullptr;
-  host->Do(Op::kCreate, [&] {
-    node = CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT);
-    return node != nullptr ? Came{1, node->error} : Came{0, 0};
-  });
+  MQNode* node = host->Create([&] { return CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT); });
   if (node == nullptr) {
     DeleteSocket(&sock);
     return;
@@ -185,10 +181,7 @@ void BrowsePieces(Host* host) {
     peer.Send(bytes.substr(0, 10));
     pauses = 0;
     after_pauses = [&] { peer.Send(bytes.substr(10)); };
-    host->Do(Op::kBrowse, [&] {
-      const int result = mnBrowse(msg, node);
-      return Came{result, node->error};
-    });
+    host->DoOn(Op::kBrowse, node, [&] { return mnBrowse(msg, node); });
     after_pauses = nullptr;
     mqc_message_free(msg);
   }

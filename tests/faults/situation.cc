@@ -87,9 +87,14 @@ std::string Try(const Situation& situation, Counts* counts) {
                         : situation.onwards    ? Host::Run::kOnwards
                                                : Host::Run::kOnce;
   const std::string fell = RunOnce(situation, run, "", counts);
+  MqcMemory all;
+  mqc_memory(nullptr, &all);
+  const bool failed = Platform::Injections() != 0 || mqc_allocations() != all.total_blocks;
   Situation clean;
   clean.scenario = situation.scenario;
-  return fell + RunOnce(clean, Host::Run::kClean, "in the clean run after it: ", nullptr);
+  const std::string after = RunOnce(clean, Host::Run::kClean, "in the clean run after it: ", nullptr);
+  const bool reached = failed || situation.call.empty();
+  return fell + after + (reached || !(fell + after).empty() ? "" : kNotReached);
 }
 
 }  // namespace faults

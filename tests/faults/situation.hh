@@ -25,6 +25,9 @@ struct Situation {
 // Calls of a scenario by name.
 using Counts = std::map<std::string, uint64_t, std::less<>>;
 
+// What Try returns when the scenario made too few calls this time, so that nothing failed.
+constexpr char kNotReached[] = "not reached\n";
+
 // Runs the situation in this process, looks for what it left behind, then runs the scenario once clean and looks again.
 // Returns what fell, a line each; counts gets the calls of the first run.
 std::string Try(const Situation& situation, Counts* counts);
