@@ -15,7 +15,7 @@ constexpr double kMicro = 1e6;
 void ExchangeIn(Duel& duel, Pattern pattern, const Effort& effort, Exchanges* result) {
   const size_t bare = duel.size() - 1;
   // A stream needs some time to fill its buffers.
-  const double slice = pattern == Pattern::kOneWay ? 3 * effort.slice : effort.slice;
+  const double slice = pattern == Pattern::kRoundTrip ? effort.slice : 3 * effort.slice;
   const size_t count = CountFor(slice, [&](size_t n) { return duel.Run(bare, n).elapsed; });
   for (size_t c = 0; c < duel.size(); ++c) duel.Run(c, count);
   const Samples elapsed = Interleave(duel.size(), effort.rounds, [&](size_t c) {
@@ -63,7 +63,7 @@ void AddRatios(std::vector<Cell>* row, const Samples& samples, bool of_rates) {
 }
 
 void Measure(Report* report, const Settings& settings, const std::string& placement, Pattern pattern) {
-  const bool one_way = pattern == Pattern::kOneWay;
+  const bool one_way = pattern != Pattern::kRoundTrip;
   const std::vector<Contestant> contestants = Contestants();
   const size_t bare = contestants.size() - 1;
   Section section;
@@ -100,7 +100,7 @@ void Measure(Report* report, const Settings& settings, const std::string& placem
 
 void MeasureExchanges(Report* report, const Settings& settings, const std::string& placement) {
   Measure(report, settings, placement, Pattern::kRoundTrip);
-  Measure(report, settings, placement, Pattern::kOneWay);
+  Measure(report, settings, placement, Pattern::kPacedOneWay);
 }
 
 }  // namespace bench

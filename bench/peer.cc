@@ -14,6 +14,13 @@
 #include "bench/measure.hh"
 
 namespace bench {
+namespace {
+
+// Messages of a paced stream.
+constexpr size_t kGroup = 128;
+constexpr size_t kAhead = 2 * kGroup;
+
+}  // namespace
 
 Duel::Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body, unsigned layout)
     : contestants_(std::move(contestants)), pattern_(pattern), random_(layout) {
@@ -73,6 +80,7 @@ Spent Duel::Run(size_t c, size_t count) {
   }
   const Spent start = Now();
   for (size_t i = 0; i < count; ++i) {
+    if (pattern_ == Pattern::kPacedOneWay && i >= kAhead && i % kGroup == 0) Hear();
     end.Write();
     if (both_ways) end.Read();
   }
@@ -83,8 +91,11 @@ Spent Duel::Run(size_t c, size_t count) {
 
 void Duel::Serve(End& end, size_t count) {
   Answer(0);
-  if (pattern_ == Pattern::kOneWay) {
-    for (size_t i = 0; i < count; ++i) end.Read();
+  if (pattern_ != Pattern::kRoundTrip) {
+    for (size_t i = 0; i < count; ++i) {
+      end.Read();
+      if (pattern_ == Pattern::kPacedOneWay && (i + 1) % kGroup == 0 && i + 1 + kAhead - kGroup < count) Answer(0);
+    }
     return Answer(0);
   }
   for (size_t i = 0; i < count + 1; ++i) {

@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t kIdle[] = {10, 100, 1000, 2500};
 constexpr size_t kSelect = 2;  // in WaitKinds
+constexpr size_t kRecords = 5;
 constexpr double kMicro = 1e6;
 
 Samples Wait(const std::vector<MQNode*>& nodes, const Effort& effort) {
@@ -36,10 +37,14 @@ void MeasureWaits(Report* report, const Settings& settings) {
       "One wait over idle nodes and one ready, one processor: time beside a bare select (aim 1.05 or less)",
       {"idle nodes"},
       {},
-      {"poll: array filled once; epoll: descriptors registered once; for information",
+      {"select: descriptors in one array; records: the same select, each descriptor in its connection's record",
+       "poll: array filled once; epoll: descriptors registered once; for information",
        "2500: descriptors of 1024 and more, the sets are sized from the highest one"}};
   for (const WaitKind& kind : WaitKinds()) section.columns.push_back(fmt::format("{} us", kind.name));
-  for (const char* column : {"mnPost/select", "+-", "mnNPost/select", "+- mnNPost"}) section.columns.push_back(column);
+  for (const char* column :
+       {"mnPost/select", "+-", "mnNPost/select", "+- mnNPost", "mnPost/records", "mnNPost/records"}) {
+    section.columns.push_back(column);
+  }
   Crowd crowd;
   for (const size_t idle : kIdle) {
     crowd.Grow(idle + 1);
@@ -56,6 +61,7 @@ void MeasureWaits(Report* report, const Settings& settings) {
       row.push_back(Number(ratio.value, 3));
       row.push_back(Number(ratio.Spread(), 3));
     }
+    for (size_t w = 0; w < kSelect; ++w) row.push_back(Number(RatioOfMedians(samples[w], samples[kRecords]).value, 3));
     section.rows.push_back(std::move(row));
   }
   report->Add(std::move(section));

@@ -67,11 +67,35 @@ class NPostWaiter : public NodeWaiter {
   }
 };
 
+// Descriptors in one array, which is as near as they can be.
+class DescriptorArray {
+ public:
+  explicit DescriptorArray(const std::vector<MQNode*>& nodes) : fds_(DescriptorsOf(nodes)) {}
+  size_t size() const { return fds_.size(); }
+  int operator[](size_t i) const { return fds_[i]; }
+
+ private:
+  const std::vector<int> fds_;
+};
+
+// Each descriptor in the record of its connection, where a program with more to know of a connection has it.
+class DescriptorsInRecords {
+ public:
+  explicit DescriptorsInRecords(const std::vector<MQNode*>& nodes) : nodes_(nodes) {}
+  size_t size() const { return nodes_.size(); }
+  int operator[](size_t i) const { return nodes_[i]->sock.fd; }
+
+ private:
+  const std::vector<MQNode*> nodes_;
+};
+
 // Three sets as a node wait has them, cleared, filled and walked each time; what is ready goes into a list.
+template <typename Descriptors>
 class SelectWaiter : public Waiter {
  public:
-  explicit SelectWaiter(const std::vector<MQNode*>& nodes) : fds_(DescriptorsOf(nodes)), ready_(nodes.size()) {
-    const int highest = *std::max_element(fds_.begin(), fds_.end());
+  explicit SelectWaiter(const std::vector<MQNode*>& nodes) : fds_(nodes), seen_(nodes.size()), ready_(nodes.size()) {
+    int highest = 0;
+    for (size_t i = 0; i < fds_.size(); ++i) highest = std::max(highest, fds_[i]);
     words_ = std::max<size_t>(FD_SETSIZE, static_cast<size_t>(highest) + kBits) / kBits;
     for (auto& set : sets_) set.resize(words_);
   }
@@ -80,7 +104,8 @@ class SelectWaiter : public Waiter {
     Word* const read = sets_[0].data();
     Word* const except = sets_[2].data();
     int highest = 0;
-    for (const int fd : fds_) {
+    for (size_t i = 0; i < fds_.size(); ++i) {
+      const int fd = seen_[i] = fds_[i];
       Add(read, fd);
       Add(except, fd);
       if (fd > highest) highest = fd;
@@ -88,7 +113,7 @@ class SelectWaiter : public Waiter {
     timeval limit = {kTimeoutMsec / 1000, kTimeoutMsec % 1000 * 1000};
     if (select(highest + 1, SetOf(0), SetOf(1), SetOf(2), &limit) <= 0) Die("select");
     size_t count = 0;
-    for (const int fd : fds_) {
+    for (const int fd : seen_) {
       if (Has(read, fd) || Has(except, fd)) ready_[count++] = fd;
     }
     return count;
@@ -101,7 +126,8 @@ class SelectWaiter : public Waiter {
   static bool Has(const Word* set, int fd) { return (set[unsigned(fd) / kBits] >> (unsigned(fd) % kBits)) & 1; }
   fd_set* SetOf(size_t i) { return reinterpret_cast<fd_set*>(sets_[i].data()); }
 
-  const std::vector<int> fds_;
+  const Descriptors fds_;
+  std::vector<int> seen_;
   std::vector<int> ready_;
   std::vector<Word> sets_[3];
   size_t words_;
@@ -161,9 +187,10 @@ std::unique_ptr<Waiter> Make(const std::vector<MQNode*>& nodes) {
 const std::vector<WaitKind>& WaitKinds() {
   static const std::vector<WaitKind> kinds = {{"mnPost", Make<PostWaiter>},
                                               {"mnNPost", Make<NPostWaiter>},
-                                              {"select", Make<SelectWaiter>},
+                                              {"select", Make<SelectWaiter<DescriptorArray>>},
                                               {"poll", Make<PollWaiter>},
-                                              {"epoll", Make<EpollWaiter>}};
+                                              {"epoll", Make<EpollWaiter>},
+                                              {"records", Make<SelectWaiter<DescriptorsInRecords>>}};
   return kinds;
 }
 
