@@ -18,6 +18,7 @@ constexpr double kLeft = 64;
 constexpr double kRight = 16;
 constexpr double kTop = 86;
 constexpr double kBottom = 36;
+constexpr double kLegend = 65.5;
 constexpr const char* kColours[] = {"#2f6db5", "#b09a52", "#5a9a6b", "#a85b7b", "#7a7f87"};
 
 std::string Escaped(const std::string& text) {
@@ -64,8 +65,10 @@ class Drawing {
   static const char* Colour(size_t s) { return kColours[s % std::size(kColours)]; }
 
   void Label(double x, double y, const std::string& text, const char* anchor, int size, const char* colour) {
-    out_ += fmt::format("<text x=\"{:.1f}\" y=\"{:.1f}\" text-anchor=\"{}\" font-size=\"{}\" fill=\"{}\">{}</text>\n",
-                        x, y, anchor, size, colour, Escaped(text));
+    out_ += fmt::format(
+        "<text x=\"{:.1f}\" y=\"{:.1f}\" text-anchor=\"{}\" font-size=\"{}\" fill=\"{}\" paint-order=\"stroke\" "
+        "stroke=\"#ffffff\" stroke-width=\"3\">{}</text>\n",
+        x, y, anchor, size, colour, Escaped(text));
   }
 
   void Rule(double y, const char* style) {
@@ -100,7 +103,7 @@ class Drawing {
 
   void Guide() {
     Rule(Y(*chart_.guide), "stroke=\"#b03a3a\" stroke-width=\"1.5\" stroke-dasharray=\"6 4\"");
-    Label(kWidth - kRight, Y(*chart_.guide) - 5, chart_.guide_name, "end", 12, "#b03a3a");
+    Label(kWidth - kRight, kLegend, "- - " + chart_.guide_name, "end", 12, "#b03a3a");
   }
 
   void Bars(size_t s) {
@@ -131,7 +134,7 @@ class Drawing {
     double x = kLeft;
     for (size_t i = 0; i < s; ++i) x += 34 + 7.2 * static_cast<double>(chart_.series[i].name.size());
     out_ += fmt::format("<rect x=\"{:.1f}\" y=\"55\" width=\"12\" height=\"12\" fill=\"{}\"/>\n", x, Colour(s));
-    Label(x + 18, 65.5, chart_.series[s].name, "start", 12, "#1f2d3d");
+    Label(x + 18, kLegend, chart_.series[s].name, "start", 12, "#1f2d3d");
   }
 
   const Chart& chart_;
