@@ -214,7 +214,7 @@ void Describe(CLI::App* app, Options* options) {
   app->description(
       "Hostile peers against a server of the examples, over real sockets on 127.0.0.1. Each attack has a server of its "
       "own;\nhonest clients go on meanwhile and are measured without and with it.");
-  app->add_option("--attack", options->attacks, "only this one; may be repeated")->expected(1);
+  app->add_option("--attack", options->attacks, "only this one; may be repeated")->allow_extra_args(false);
   app->add_flag("--list", options->list, "say what the attacks are, and end");
   app->add_option("--seconds", options->seconds, "length of each attack, 0.1 to 600; some need a little more")
       ->check(CLI::Range(0.1, 600.0))
