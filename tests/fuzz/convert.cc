@@ -6,7 +6,7 @@
 
 namespace {
 
-enum Option : uint8_t { kFit = 1, kDump = 2 };
+enum Option : uint8_t { kFit = 1, kDump = 2, kSpare = 4 };  // from kSpare on: the spare bytes
 constexpr size_t kHeader = sizeof(MsgHeader);
 constexpr size_t kAtBodyLength = offsetof(MsgHeader, bodyLength);
 constexpr uint64_t kMostFailing = 4;
@@ -70,7 +70,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::set<std::string> broken = fuzz::BrokenRules(bytes);
   broken.erase("zero-fill");                              // passed on
   const bool unclear = broken.erase("origin-word") != 0;  // the body may be read in another form
-  fuzz::Record record(bytes);
+  fuzz::Record record(bytes, options / kSpare);
   const bool delivered = Deliver(record);
   HOLDS(unclear || delivered == (broken.empty() && bytes.size() > kHeader));
   if (delivered) {

@@ -37,10 +37,12 @@ bool Add(PcfMessage* copy, const MqcParam& param) {
 
 }  // namespace
 
-Record::Record(Bytes raw) : area_(Copy(raw)), msg_(mqc_message_new(0)) {
+Record::Record(Bytes raw, size_t spare) : area_(raw.size() + spare), msg_(mqc_message_new(0)) {
+  std::copy(raw.begin(), raw.end(), area_.begin());
   mqc_message_release(msg_);
   msg_->raw.data = area_.data();
-  msg_->raw.capacity = msg_->raw.length = static_cast<uint32_t>(raw.size());
+  msg_->raw.capacity = static_cast<uint32_t>(area_.size());
+  msg_->raw.length = static_cast<uint32_t>(raw.size());
 }
 
 void CheckDelivered(const PcfMessage* msg) {

@@ -8,10 +8,10 @@
 
 namespace fuzz {
 
-// A record over an area of exactly the size of its message.
+// A record over an area of exactly the size of its message and the spare bytes behind it.
 class Record {
  public:
-  explicit Record(Bytes raw);
+  explicit Record(Bytes raw, size_t spare = 0);
   ~Record() { mqc_message_free(msg_); }
   Record(const Record&) = delete;
   Record& operator=(const Record&) = delete;

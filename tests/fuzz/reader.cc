@@ -137,7 +137,7 @@ void Reader::CheckState(int result) const {
   const IoBuffer& buffer = node_->recvBuffer;
   HOLDS((result != 0) == (node_->error == 0));
   HOLDS(IsNodeFailed(node_) == (result == 0));
-  HOLDS(buffer.received <= buffer.capacity);
+  HOLDS(buffer.received <= buffer.capacity && buffer.length <= MQ_MAX_MESSAGE);
   HOLDS(buffer.length <= buffer.capacity || buffer.received == 0);
   HOLDS(node_->sock.buffer == nullptr);
   if (node_->sock.type == SOCK_TYPE_STREAM) HOLDS(node_->sock.bytesReceived >= wire_.taken());

@@ -34,10 +34,14 @@ Bytes Text(const char* text, size_t size) { return Bytes(text, size); }
 
 Bytes Message(Form form) { return Plain(form, Body(form, "how is the weather?"), kAlice); }
 
-// With the time of the present and a nonce of zeros.
-Bytes SignedMessage(Form form) {
-  return Enveloped(form, Message(form), kAlice, Text("MQSIGN01", 8) + Bytes(8 + 16 + 64, '\0'));
+// Signed so many seconds off the present, with a nonce of zeros.
+Bytes SignedMessage(Form form, int seconds = 0) {
+  const Bytes time = Encoder({true, false}).Number(static_cast<uint64_t>(seconds), 8).bytes;
+  return Enveloped(form, Message(form), kAlice, Text("MQSIGN01", 8) + time + Bytes(16 + 64, '\0'));
 }
+
+// Announces a body of this size, and has none.
+Bytes Announcing(uint64_t size) { return Encoder(kForms[0]).Header(size, kAlice).bytes; }
 
 // Options, failing allocation, number of cuts, cuts; see reader.hh.
 Bytes Arriving(int options, int failing, const Bytes& cuts, const Bytes& bytes) {
@@ -78,10 +82,25 @@ void PutMessages(const char* top) {
     datagrams.Put(name, Arriving(0, 0, Bytes(1, static_cast<char>(message.size())), message + message));
     datagrams.Put(name + "-signed", Arriving(0x88, 0, "", signature));
     browse.Put(name, Text("\xf4", 1) + Arriving(form.big, 0, cuts, message + message));
-    convert.Put(name, Text("\1\0", 2) + message);
+    convert.Put(name, Bytes(1, static_cast<char>(1 + 16 * 4)) + Bytes(1, '\0') + message);  // spare: 16
     authenticate.Put(name, Text("\3", 1) + signature);
     authenticate.Put(name + "-to-sign", Text("\x8", 1) + Enveloped(form, message, kAlice, ""));
     decode.Put(name, Text("\0", 1) + message + "?" + signature);
+  }
+}
+
+// On both sides of every bound.
+void PutBounds(const char* top) {
+  const Folder plain(top, "plain_read"), browse(top, "browse"), authenticate(top, "authenticate");
+  constexpr uint64_t kMost = (64u << 20) - 136;
+  for (const uint64_t size : {uint64_t{0}, kMost, kMost + 1, uint64_t{UINT32_MAX}}) {
+    const std::string name = "announces-" + std::to_string(size);
+    plain.Put(name, Arriving(4, 0, "", Announcing(size)));
+    browse.Put(name, Text("\0", 1) + Arriving(4, 0, "", Announcing(size)));
+  }
+  for (const int seconds : {-301, -300, 300, 301}) {
+    const Bytes message = SignedMessage(kForms[0], seconds);
+    authenticate.Put(std::to_string(seconds) + "-seconds-off", Text("\1", 1) + message);
   }
 }
 
@@ -89,6 +108,7 @@ void PutTexts(const char* top) {
   const Folder keys(top, "keys"), capture(top, "capture"), address(top, "address"), planted(top, "planted");
   const Bytes key = "d04ab232742bb4ab3a1368bd4615e4e6d0224ab71a016baf8520a332c9778737";  // a point of the curve
   keys.Put("one", Text("\0", 1) + "# a comment\nalice " + key + "\n");
+  keys.Put("second-cut", Text("\0", 1) + "alice " + key + "\nb 1");
   keys.Put("two", Text("\0", 1) + "\talice " + key + " # hers\r\n\nbob " + key);
   capture.Put("pcap", Text("\3", 1) + Pcap(Message(kForms[1])));
   capture.Put("hex", Text("\2", 1) +
@@ -105,6 +125,7 @@ void PutTexts(const char* top) {
 int main(int argc, char** argv) {
   if (argc != 2) return fputs("usage: fuzz_seeds DIRECTORY\n", stderr), 2;
   PutMessages(argv[1]);
+  PutBounds(argv[1]);
   PutTexts(argv[1]);
   return 0;
 }
