@@ -27,9 +27,9 @@ constexpr size_t kApplNameLength = sizeof(MQNode::applName);
 void TakeUser(MQNode* node) {
   char login[kLoginSize];
   int length = sizeof login;
+  constexpr int kMost = sizeof node->user - 1;
   if (!GetUserName(login, &length) || length < 0) return;
-  const size_t most = sizeof node->user - 1;
-  mq::CopyPadded(node->user, sizeof node->user, login, static_cast<size_t>(length) < most ? length : most);
+  mq::CopyPadded(node->user, sizeof node->user, login, static_cast<size_t>(length < kMost ? length : kMost));
 }
 
 void TakeApplName(MQNode* node) {
