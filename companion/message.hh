@@ -52,6 +52,17 @@ inline uint32_t Load(const uint8_t* at) {
   return value;
 }
 
+// Two words that stand one behind the other, for one comparison instead of two.
+inline uint64_t LoadPair(const uint8_t* at) {
+  uint64_t value;
+  memcpy(&value, at, sizeof(value));
+  return value;
+}
+
+constexpr uint64_t Pair(uint32_t first, uint32_t second) {
+  return kHostIsBig == 1 ? uint64_t{first} << 32 | second : uint64_t{second} << 32 | first;
+}
+
 inline void Store(uint8_t* at, uint32_t value) { memcpy(at, &value, sizeof(value)); }
 
 template <bool kSwap>
@@ -63,12 +74,15 @@ inline void SwapWord(uint8_t* at) { Store(at, __builtin_bswap32(Load(at))); }
 
 // True for a header or envelope of this length that is in the host's form: nothing is to be converted.
 inline bool IsNative(const uint8_t* h, uint32_t length) {
-  return Load(h + kAtLength) == length && Load(h + kAtBigEndian) == kHostIsBig && Load(h + kAtAscii) == kHostIsAscii;
+  static_assert(kAtAscii == kAtBigEndian + 4);
+  return Load(h + kAtLength) == length && LoadPair(h + kAtBigEndian) == Pair(kHostIsBig, kHostIsAscii);
 }
 
 // True for the header of a message of length bytes that needs no conversion and fits its body.
 inline bool IsNativeMessage(const uint8_t* h, uint32_t length) {
-  return IsNative(h, kHeader) && Load(h + kAtBodyLength) == length - kHeader && Load(h + kAtEncoding) == kEncoding;
+  static_assert(kAtEncoding == kAtLength + 4);
+  return LoadPair(h + kAtLength) == Pair(kHeader, kEncoding) &&
+         LoadPair(h + kAtBigEndian) == Pair(kHostIsBig, kHostIsAscii) && Load(h + kAtBodyLength) == length - kHeader;
 }
 
 struct Entry {

@@ -52,9 +52,12 @@ template <uint32_t kType>
 [[gnu::always_inline]] inline int Send(SockRec* rec, IoBuffer* buf, SockAddrRec* destination) {
   constexpr const char* kAfter = "WriteSocket:After";
   BeginTransfer(rec, buf, "WriteSocket:Before");
-  const ssize_t taken = rec->type == SOCK_TYPE_STREAM ? send(rec->fd, buf->data + buf->sent, buf->length - buf->sent,
-                                                             static_cast<int>(buf->flags))
-                                                      : SendTo(rec, buf, destination);
+  ssize_t taken;
+  if (rec->type == SOCK_TYPE_STREAM) [[likely]] {
+    taken = send(rec->fd, buf->data + buf->sent, buf->length - buf->sent, static_cast<int>(buf->flags));
+  } else {
+    taken = SendTo(rec, buf, destination);
+  }
   if (taken < 0) [[unlikely]]
     return FailTransfer(rec, kAfter, errno);
   rec->error = 0;

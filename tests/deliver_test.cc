@@ -116,6 +116,14 @@ TEST_F(DeliverTest, UserOfTheHeader) {
     EXPECT_EQ(row.write(out), 1);
     EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, row.user)) << row.user;
   }
+  // A host that writes into the node's field may leave something behind its text.
+  for (size_t length = 0; length <= 12; ++length) {
+    memset(link.node->user, 'x', 12);
+    link.node->user[length] = '\0';
+    const Message out(1, 4);
+    EXPECT_EQ(mnWrite(out, link.node), 1);
+    EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, std::string(length, 'x'))) << length;
+  }
 }
 
 // Each entry point clears a stale error before its first trace point or right after it, and traces its own way.
