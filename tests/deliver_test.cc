@@ -405,30 +405,4 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 3u);
 }
 
-// Writes of which some are queued, put back and discarded, while memory runs out somewhere. What is counted is there.
-TEST_F(DeliverTest, EveryAllocationMayFail) {
-  const Message out(1, 4);
-  const Peer peer = Peer::Datagram();
-  SockAddrRec to = AddressOf("127.0.0.1", peer.port());
-  const Link link = Connect();
-  const Node datagrams = CreateDatagram();
-  for (MQNode* node : {static_cast<MQNode*>(link.node), static_cast<MQNode*>(datagrams)}) {
-    const char* const call = node == datagrams ? "sendto" : "send";
-    const int walked = WalkAllocations([&](int failing) {
-      const auto before = static_cast<int>(node->writesCompleted);
-      node->writesOutstanding = 0;
-      Platform::Reset();
-      Platform::Fail(call, 2, EAGAIN);
-      int accepted = 0;
-      for (int i = 0; i < 4; ++i) accepted += mnWriteTo(out, node, &to);
-      EXPECT_EQ(accepted, static_cast<int>(node->writesCompleted) - before + node->writesOutstanding) << failing;
-      Platform::Fail(call, 2, EAGAIN);
-      mnFinishWrite(node);
-      EXPECT_EQ(node->writesOutstanding, node->pending == nullptr ? 0 : Qdepth(node->pending)) << failing;
-      mnClearPeningIO(node);
-    });
-    EXPECT_EQ(walked, node == datagrams ? 16 : 13) << "four writes of two, a queue, three entries, one put back";
-  }
-}
-
 }  // namespace

@@ -415,26 +415,4 @@ TEST_F(NodeTest, DeleteLeavesADescriptorThatBecameSomebodyElses) {
   EXPECT_NE(fcntl(number, F_GETFD), -1);
 }
 
-// The life of a server and a client, one message each way, as far as it comes. Whatever fails, nothing stays behind.
-void Live(const Message& out, const Message& in) {
-  const Node listener = Create(0, MQ_ROLE_LISTEN);
-  if (listener == nullptr || listener->error != 0) return;
-  const Node client = Create(PortOf(listener), MQ_ROLE_CONNECT);
-  if (client == nullptr || !mnOpen(client) || !mnOpen(listener)) return;
-  const Node server(listener->child);
-  if (server == nullptr) return;
-  if (mnWrite(out, client) && !mnIsPendingIO(client) && mnRead(in, server)) mnWrite(in, server);
-}
-
-TEST_F(NodeTest, EveryAllocationAndEveryCallMayFail) {
-  const Message out(1, 20000);
-  const Message in(200);
-  const int allocations = WalkAllocations([&](int) { Live(out, in); });
-  EXPECT_GE(allocations, 11) << "three nodes, their buffers, two writes and two growing buffers";
-  const int calls = WalkCalls(EIO, [&](int) { Printed([&] { Live(out, in); }); });
-  EXPECT_GE(calls, 19);
-  Live(out, in);
-  EXPECT_EQ(in.Text(), "1:20000 from tester");
-}
-
 }  // namespace

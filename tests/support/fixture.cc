@@ -318,31 +318,3 @@ std::map<std::string, uint64_t> LiveBlocks() {
   }
   return blocks;
 }
-
-int WalkAllocations(const std::function<void(int failing)>& scenario) {
-  const auto blocks = LiveBlocks();
-  for (int n = 1;; ++n) {
-    const uint64_t before = mqc_allocations();
-    mqc_fail_allocation(static_cast<uint64_t>(n), 0);
-    scenario(n);
-    mqc_fail_allocation(0, 0);
-    EXPECT_EQ(LiveBlocks(), blocks) << "after allocation " << n << " failed";
-    if (mqc_allocations() - before < static_cast<uint64_t>(n)) return n - 1;
-  }
-}
-
-int WalkCalls(int code, const std::function<void(int failing)>& scenario,
-              std::initializer_list<std::string_view> except) {
-  const auto blocks = LiveBlocks();
-  const Lines descriptors = OpenDescriptors();
-  for (int n = 1;; ++n) {
-    Platform::Reset();
-    Platform::FailAny(n, code, except);
-    scenario(n);
-    const bool used = Platform::FailureWasUsed();
-    Platform::Reset();
-    EXPECT_EQ(LiveBlocks(), blocks) << "after call " << n << " failed";
-    EXPECT_EQ(OpenDescriptors(), descriptors) << "after call " << n << " failed";
-    if (!used) return n - 1;
-  }
-}

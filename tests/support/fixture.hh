@@ -123,11 +123,3 @@ void AwaitWritable(int fd);
 Lines OpenDescriptors();
 // Live blocks of the companion by tag.
 std::map<std::string, uint64_t> LiveBlocks();
-
-// Runs scenario again and again while the 1st, 2nd, 3rd ... allocation of the companion fails, until one run makes
-// fewer. Returns the number of failures that were walked. The scenario cleans up; after each run the memory is
-// compared.
-int WalkAllocations(const std::function<void(int failing)>& scenario);
-// The same for system calls of the library, failing with code.
-int WalkCalls(int code, const std::function<void(int failing)>& scenario,
-              std::initializer_list<std::string_view> except = {});
