@@ -28,8 +28,7 @@
 namespace {
 
 struct Rule {
-  std::string name;  // empty: any
-  std::vector<std::string> except;
+  std::string name;
   int skip;
   int count;
   int code;
@@ -132,8 +131,7 @@ std::optional<int> Injected(const char* name) {
   std::optional<int> code;
   ++Now().counts[name];
   for (Rule& rule : Now().rules) {
-    if (rule.name.empty() ? strcmp(name, kCompanionMalloc) == 0 : rule.name != name) continue;
-    if (std::find(rule.except.begin(), rule.except.end(), name) != rule.except.end()) continue;
+    if (rule.name != name) continue;
     if (rule.skip > 0) {
       --rule.skip;
     } else if (rule.count != 0 && !code) {
@@ -296,12 +294,7 @@ void Platform::Reset() { Now() = State(); }
 
 void Platform::Fail(std::string_view name, int nth, int code, int count) {
   Now().failure_used = false;
-  Now().rules.push_back({std::string(name), {}, nth - 1, count, code});
-}
-
-void Platform::FailAny(int nth, int code, std::initializer_list<std::string_view> except) {
-  Now().failure_used = false;
-  Now().rules.push_back({"", {except.begin(), except.end()}, nth - 1, 1, code});
+  Now().rules.push_back({std::string(name), nth - 1, count, code});
 }
 
 void Platform::Mend() { Now().rules.clear(); }

@@ -51,10 +51,6 @@ class Platform {
   // Makes the nth call of name from now on fail with errno code, and the count - 1 calls after it (kOnwards: all).
   // Lookups find nothing and set errno only when code is not 0.
   static void Fail(std::string_view name, int nth, int code, int count = 1);
-  // The same for the nth call of any of the names that a failure can be injected into; with it a whole scenario can be
-  // walked: see WalkCalls in fixture.hh.
-  static void FailAny(int nth, int code, std::initializer_list<std::string_view> except = {});
-
   // No failures from now on.
   static void Mend();
 
@@ -88,5 +84,5 @@ class Platform {
   static size_t Injections();    // failures injected since Reset
   static long LibraryBlocks();   // blocks that the library has from malloc and calloc now, since the process began
   static size_t Allocations();   // malloc and calloc calls of the library since Reset
-  static bool FailureWasUsed();  // whether any failure was injected since Reset or the last Fail or FailAny
+  static bool FailureWasUsed();  // whether any failure was injected since Reset or the last Fail
 };
