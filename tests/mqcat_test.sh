@@ -163,9 +163,11 @@ for width in 1 20 40; do
   [ "$widest" -le 72 ] || fail "explain is $widest wide at COLUMNS=$width"
   row 0 "Usage" env COLUMNS=$width "$mqcat" send --help
 done
-if command -v script >/dev/null; then
+if script -qec true /dev/null >/dev/null 2>&1; then
   row 0 "Usage" script -qec "stty cols 40; '$mqcat' listen --help" /dev/null
   awk 'length > 41' out.txt | grep -q . && fail "help does not fit 40 columns: $(awk 'length > 41' out.txt | head -n 3)"
+else
+  echo "left out: help on a terminal, for script(1) is not here or gets no pseudo-terminal"
 fi
 
 # ---- send and listen ----
