@@ -10,8 +10,9 @@
 
 namespace bench {
 
-// A paced writer is at most a few groups of messages ahead of the reader. Small messages that fill a receive buffer make
-// the kernel drop some of them and wait until they are sent again, and a figure says no more than how often that was.
+// A paced writer is at most a few groups of messages ahead of the reader. Small messages that fill a receive buffer
+// make the kernel drop some of them and wait until they are sent again, and a figure says no more than how often that
+// was.
 enum class Pattern { kRoundTrip, kOneWay, kPacedOneWay };
 
 class End {
