@@ -60,23 +60,26 @@ class Server {
     Watch watch;
   };
 
-  // Takes in every connection that waits, while there is room. Without room, a descriptor or memory the listener leaves
-  // the set until a client has gone or a second is over: or the wait would come back at once, for nothing.
+  // Takes in connections that wait, while there is room; those that go on waiting make the next wait come back at once.
+  // Without room, a descriptor or memory the listener leaves the set until a client has gone or a second is over: or
+  // the wait would come back at once, for nothing.
   void Accept() {
-    while (clients_.size() < most_) {
+    for (int i = 0; i < MOST_ACCEPTED && clients_.size() < most_; ++i) {
       Node client;
       if (const Result result = listener_.accept(client); !result) {
         if (result.again() || result.code() == ECONNABORTED) return;
         if (may_tell(&teller_)) Tell("accept", result);
-        break;
+        return StopAccepting();
       }
       client.set_write_limit(MOST_QUEUED);
       if (!client.set_blocking(false) || !set_.add(client)) continue;
       MQNode* const key = client.get();
       clients_.emplace(key, Client{std::move(client), Watch()});
     }
-    accepting_ = !set_.remove(listener_);
+    if (clients_.size() == most_) StopAccepting();
   }
+
+  void StopAccepting() { accepting_ = !set_.remove(listener_); }
 
   // Reads what there is of a message and answers a whole one. Drops a client that is not to be served any more.
   void Serve(NodeRef node) {

@@ -13,6 +13,7 @@ enum {
   MOST_QUEUED = 16,      /* answers that wait for a client: it costs no more than these, and a question */
   SOCKET_BUFFER = 65536, /* bytes, each direction: what the system holds for a client is bounded too */
   BACKLOG = 128,         /* connections that wait to be accepted; a node's own five are few for a crowd */
+  MOST_ACCEPTED = 32,    /* connections taken in at once: those who are here are served in between */
   PATIENCE = 10,         /* seconds, with a client that owes something */
   IDLE = 600,            /* seconds, with a client that owes nothing */
   PATIENCE_IN_NEED = 2,  /* the same while there is no room for others; not below 2, the first second may be short */

@@ -55,9 +55,9 @@ static int serve(Server* server, MQNode* node) {
          tell_drop(&server->teller, node, mq_error_name(mq_node_cause(node, NULL)));
 }
 
-/* Takes in every connection that waits, while there is room. */
+/* Takes in connections that wait, while there is room. Those that go on waiting make the next wait come back at once. */
 static void accept_clients(Server* server, MQNode* listener) {
-  while (server->count < server->most) {
+  for (int i = 0; i < MOST_ACCEPTED && server->count < server->most; ++i) {
     if (!mnOpen(listener)) {
       /* Without a descriptor the connection stays in the queue, and the wait would come back at once, for nothing. */
       server->accepting = listener->error == MQ_AGAIN || listener->error == ECONNABORTED;
