@@ -55,7 +55,7 @@ static int serve(Server* server, MQNode* node) {
          tell_drop(&server->teller, node, mq_error_name(mq_node_cause(node, NULL)));
 }
 
-/* Takes in connections that wait, while there is room. Those that go on waiting make the next wait come back at once. */
+/* Takes in connections that wait, while there is room; those left waiting make the next wait come back at once. */
 static void accept_clients(Server* server, MQNode* listener) {
   for (int i = 0; i < MOST_ACCEPTED && server->count < server->most; ++i) {
     if (!mnOpen(listener)) {
