@@ -577,9 +577,10 @@ TEST(Message, EverySenderArrivesAsIfItWereTheHost) {
     SCOPED_TRACE(testing::Message() << "big " << form.big << " ebcdic " << form.ebcdic);
     Exact arrived(SampleFrom(form));
     EXPECT_EQ(VerifyMessage(&arrived.get()->raw), !form.big && !form.ebcdic);
+    ASSERT_EQ(!form.big && !form.ebcdic, RawToPcf(arrived.get())) << "nothing of a sender's form is parsed";
     ASSERT_TRUE(AlienToNative(&arrived.get()->raw)) << mqc_header_error();
     ASSERT_TRUE(AlienToNative(&arrived.get()->raw)) << "again";
-    ASSERT_EQ(!form.big && !form.ebcdic, RawToPcf(arrived.get())) << "a body in its sender's form is not parsed";
+    ASSERT_EQ(!form.big && !form.ebcdic, RawToPcf(arrived.get())) << "nor is a body behind a converted header";
     ASSERT_TRUE(AlienPcfToNative(arrived.get())) << mqc_message_error(arrived.get());
     ASSERT_TRUE(AlienPcfToNative(arrived.get())) << "again";
     ASSERT_TRUE(RawToPcf(arrived.get())) << mqc_message_error(arrived.get());
