@@ -193,29 +193,6 @@ const bool tag_taken = [] {
   return got;
 }();
 
-TEST(Memory, CountsEveryTagByItself) {
-  const MqcMemory all = Account(nullptr), before = Account("T1");
-  void *a, *b;
-  ASSERT_TRUE(fNewMemory(&a, 100, "T1"));
-  static const char again[] = "T1";  // the same name at another address
-  ASSERT_TRUE(fNewMemory(&b, 30, again));
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(static_cast<char*>(a)[i], 0);
-  memset(a, 1, 100);
-  FreeMemory(a);
-  const MqcMemory tag = Account("T1");
-  EXPECT_EQ(tag.live_blocks, 1u);
-  EXPECT_EQ(tag.total_blocks, before.total_blocks + 2);
-  EXPECT_EQ(tag.peak_blocks, 2u);
-  EXPECT_EQ(tag.live_bytes, 30u);
-  EXPECT_EQ(Account(nullptr).live_blocks, all.live_blocks + 1);
-  FreeMemory(b);
-  FreeMemory(nullptr);
-  EXPECT_EQ(Account(nullptr).live_bytes, all.live_bytes);
-  MqcMemory none;
-  EXPECT_FALSE(mqc_memory("never used", &none));
-  EXPECT_EQ(none.total_blocks, 0u);
-}
-
 TEST(Memory, TagsAreListedAndOverflowIntoOther) {
   static char names[100][8];
   const uint64_t before = Account(nullptr).total_blocks;
@@ -257,26 +234,6 @@ TEST(Memory, TagsAreToldByTheirText) {
   EXPECT_EQ(Account("(none)").total_blocks, none + 1);
 }
 
-TEST(Memory, CountsStayRightAcrossThreads) {
-  const MqcMemory before = Account("buffer");
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([] {
-      for (int i = 0; i < 2000; ++i) {
-        IoBuffer buf;
-        CreateBuffer(&buf, 64);
-        DeleteBuffer(&buf);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  const MqcMemory after = Account("buffer");
-  EXPECT_EQ(after.live_blocks, before.live_blocks);
-  EXPECT_EQ(after.live_bytes, before.live_bytes);
-  EXPECT_EQ(after.total_blocks, before.total_blocks + 8000);
-  EXPECT_LE(after.peak_blocks, std::max(before.peak_blocks, before.live_blocks + 4));
-}
-
 // Blocks are kept for reuse and lie in chunks: whatever the order of their release, none overlaps another.
 TEST(Memory, BlocksStayApartInAnyOrderOfRelease) {
   struct Block {
@@ -308,21 +265,6 @@ TEST(Memory, BlocksStayApartInAnyOrderOfRelease) {
   for (const Block& block : blocks) FreeMemory(block.place);
   EXPECT_EQ(Account("T2").live_blocks, before.live_blocks);
   EXPECT_EQ(Account("T2").live_bytes, before.live_bytes);
-}
-
-TEST(Memory, FailsOnceOrFromThereOn) {
-  for (const int onwards : {0, 1}) {
-    std::string outcome;
-    mqc_fail_allocation(2, onwards);
-    for (int i = 0; i < 4; ++i) {
-      void* block;
-      outcome += fNewMemory(&block, 1, "T1") ? 'y' : 'n';
-      EXPECT_EQ(block == nullptr, outcome.back() == 'n');
-      FreeMemory(block);
-    }
-    EXPECT_EQ(outcome, onwards ? "ynnn" : "ynyy");
-    mqc_fail_allocation(0, 0);
-  }
 }
 
 // Everything that a host may do with memory, as one scenario that stops at the first failure.
@@ -673,22 +615,6 @@ TEST(MessageChild, DISABLED_WithoutEbcdic) {
 
 TEST(Message, WithoutEbcdicOnlyAsciiArrives) { RunAlone("MessageChild.DISABLED_WithoutEbcdic"); }
 
-TEST(Message, ARecordIsReusedWithoutAllocating) {
-  Message msg(mqc_message_new(1000));
-  AddSample(msg.get());
-  const uint64_t before = mqc_allocations();
-  for (const Form form : kForms) {
-    const Bytes raw = SampleFrom(form);
-    memcpy(msg->raw.data, raw.data(), raw.size());
-    msg->raw.length = static_cast<uint32_t>(raw.size());
-    ASSERT_TRUE(AlienToNative(&msg->raw) && AlienPcfToNative(msg.get()) && RawToPcf(msg.get()));
-    ASSERT_TRUE(mqc_add_int32(msg.get(), 9, 9)) << "a message that was read can be added to";
-    EXPECT_EQ(mqc_count(msg.get()), 7u);
-    AddSample(msg.get());
-  }
-  EXPECT_EQ(mqc_allocations(), before);
-}
-
 TEST(Message, OnlyItsOwnAreaIsReleased) {
   const uint64_t live = Account("message").live_blocks;
   uint8_t area[200];
@@ -923,17 +849,6 @@ TEST_F(Security, EveryBitIsCoveredAndNothingIsAcceptedTwice) {
   EXPECT_TRUE(Receive(wire)) << mqc_authenticate_error() << ": a refused message must not be remembered";
   ExpectSays(Refusal(wire), "replay");
   EXPECT_NE(wire, Sign()) << "a nonce is used once";
-}
-
-// The same signature holds whatever the byte order and character set of its sender.
-TEST_F(Security, EverySenderCanSign) {
-  for (const Form form : kForms) {
-    const Bytes plain = SampleFrom(form);
-    const std::string nonce = {static_cast<char>(form.big), static_cast<char>(form.ebcdic)};
-    const std::string wire = sender::Signed(form, std::string(plain.begin(), plain.end()), "alice", alice_.secret,
-                                            static_cast<uint64_t>(clock_now.load()), nonce);
-    EXPECT_TRUE(Receive(Raw(wire))) << mqc_authenticate_error() << " big " << form.big << " ebcdic " << form.ebcdic;
-  }
 }
 
 TEST_F(Security, NobodySignsForAnother) {

@@ -197,24 +197,6 @@ TEST_F(DeliverTest, OneWrite) {
   }
 }
 
-// A write that finds no memory for its place in the queue is gone, and so is a queue that was made for it alone.
-TEST_F(DeliverTest, NoMemoryToQueue) {
-  const Link link = Connect();
-  const Message out(1, 4);
-  for (const int failing : {3, 4}) {  // the queue, the entry
-    WatchErrors(link.node);
-    Platform::Fail("send", 1, EAGAIN);
-    mqc_fail_allocation(static_cast<uint64_t>(failing), 0);
-    EXPECT_EQ(mnWrite(out, link.node), 0);
-    EXPECT_EQ(WriteState(link.node), "11, sent 0, out 0");
-    EXPECT_EQ(TakePoints(), "mnWriteMsg 0; mnWriteToNode 11; mnWriteMsg 11") << failing;
-  }
-  Queue(link.node, {1});
-  mqc_fail_allocation(3, 0);
-  EXPECT_EQ(mnWrite(out, link.node), 0);
-  EXPECT_EQ(WriteState(link.node), "11, sent 0, out 1, queue 1");
-}
-
 // A descriptor of the caller's own: it is sent whole, whatever it was used for before, and never by the library again.
 TEST_F(DeliverTest, DescriptorsStartAfresh) {
   const Link link = Connect();

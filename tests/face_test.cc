@@ -224,17 +224,6 @@ TEST_F(FaceTest, AcceptReplacesTheChild) {
   EXPECT_TRUE(!none && none.code() == ENOMEM && !none.again());
 }
 
-TEST_F(FaceTest, AdoptsADescriptor) {
-  const Peer listener = Peer::Listen();
-  Peer client = Peer::Connect(listener.port());
-  const Peer server = listener.Accept();
-  const Node node = Node::adopt(client.Release(), MQ_ROLE_CONNECT);
-  const Message msg = Filled();
-  ASSERT_TRUE(node.write(msg));
-  EXPECT_EQ(server.Read(msg.raw().size()).size(), msg.raw().size());
-  EXPECT_EQ(node.host(), "@");
-}
-
 // ---- Results ----
 
 std::string Told(const Result& result) {
@@ -358,36 +347,6 @@ TEST_F(FaceTest, SignedMessagesSayWhoSigned) {
 
 // ---- Nodes ----
 
-TEST_F(FaceTest, DatagramsAreAnsweredToTheirSender) {
-  const Message msg = Filled();
-  const Node client = Node::datagram(Local(0));
-  const Node server = Node::datagram(Local(0), {SOCK_OPT_REUSEADDR, 0, 1});
-  Address there = Local(server.local_port());
-  ASSERT_TRUE(client.write_to(msg, there) && server.read(msg));
-  Address back = server.sender();
-  EXPECT_EQ(back.port, static_cast<uint32_t>(client.local_port()));
-  ASSERT_TRUE(msg.begin(8) && msg.add(1, "answer") && server.write_to(msg, back) && client.browse(msg));
-  ASSERT_TRUE(client.read(msg));
-  EXPECT_EQ(msg.text_or(1, ""), "answer");
-  EXPECT_STREQ(client.write(msg).name(), "SOCK_NO_DESTINATION");
-}
-
-TEST_F(FaceTest, SettingsReachTheSocket) {
-  const Node node = Node::connector(Local(9), {SOCK_OPT_KEEPALIVE, 0, 1});
-  Platform::Forget();
-  node.set_trace(Trace::OnNode);
-  EXPECT_TRUE(node.set_no_delay(true) && node.set_blocking(false) && node.set_blocking(true));
-  EXPECT_TRUE(node.set_buffer_size(65536));
-  EXPECT_EQ(Platform::Records({"setsockopt"}).size(), 3u);
-  EXPECT_EQ(Platform::Records({"fcntl"}).size(), 4u);
-  Platform::Fail("setsockopt", 1, EINVAL);
-  EXPECT_STREQ(node.set_no_delay(true).name(), "EINVAL");
-  node.close();
-  EXPECT_EQ(Trace::Take(), (Lines{"mnClose", "mnClearPeningIO"}));
-  EXPECT_TRUE(!node.is_open() && !node.is_listening());
-  EXPECT_EQ(node.local_port(), -1);
-}
-
 // ---- Waits ----
 
 class FaceWaitTest : public FaceTest {
@@ -410,11 +369,6 @@ class FaceWaitTest : public FaceTest {
   std::vector<Pair> pairs_;
   WaitSet set_;
 };
-
-TEST_F(FaceWaitTest, AnEmptyOneTimesOut) {
-  EXPECT_EQ(Told(set_.wait(-1ms)), "failed 9000 SOCK_WAIT_TIMEOUT, timed out");
-  EXPECT_TRUE(set_.readable().empty() && set_.nodes().empty() && !set_.remove(Node()));
-}
 
 // More nodes than there is room for at first, added between waits and in a loop over the ready ones.
 TEST_F(FaceWaitTest, GrowsAlsoInALoop) {
@@ -459,33 +413,6 @@ TEST_F(FaceWaitTest, RemovedNodesAreGoneFromAllLists) {
   EXPECT_EQ(Listed(set_.readable()), "0 5 ");
   EXPECT_EQ(Listed(set_.nodes()), "0 5 ");
   EXPECT_TRUE(set_.remove(pairs_[0].server) && set_.readable().front() == pairs_[5].server);
-}
-
-TEST_F(FaceWaitTest, WritersAndListenersAreListed) {
-  AddReady();
-  Pair& pair = pairs_[0];
-  const Message msg = Filled();
-  Platform::Fail("send", 1, EAGAIN);
-  ASSERT_TRUE(pair.server.set_blocking(false) && pair.server.write(msg).again() && set_.add(pair.listener));
-  const Node second = Node::connector(Local(pair.listener.local_port()));
-  ASSERT_TRUE(second.open());
-  ASSERT_TRUE(set_.wait(5s));
-  EXPECT_EQ(Listed(set_.writable()), "0 ");
-  EXPECT_EQ(set_.listening().front(), pair.listener);
-  EXPECT_TRUE(set_.writable().front().finish_write());
-}
-
-TEST_F(FaceWaitTest, WithoutMemoryNothingIsListed) {
-  AddReady();
-  ASSERT_TRUE(set_.wait(5s));
-  for (int i = 1; i < 17; ++i) AddReady();
-  Platform::Fail("malloc", 1, ENOMEM);
-  Platform::Fail("calloc", 1, ENOMEM);
-  EXPECT_EQ(Told(set_.wait(5s)), "failed 12 ENOMEM");
-  EXPECT_TRUE(set_.readable().empty() && set_.writable().empty() && set_.listening().empty());
-  Platform::Reset();
-  EXPECT_TRUE(set_.wait(5s));
-  EXPECT_FALSE(set_.readable().empty());
 }
 
 }  // namespace

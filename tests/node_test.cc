@@ -364,17 +364,6 @@ TEST_F(NodeTest, OpenAcceptsIntoChildren) {
   EXPECT_EQ(Trace::Take(), (Lines{"AcceptClient:Before", "onError 11", "AcceptClient:After", "mnOpen"}));
 }
 
-TEST_F(NodeTest, NoMemoryForAChildClosesTheConnection) {
-  const Node parent = Create(0, MQ_ROLE_LISTEN);
-  const Peer peer = Peer::Connect(PortOf(parent));
-  mqc_fail_allocation(1, 0);
-  EXPECT_EQ(mnOpen(parent), 1);
-  EXPECT_EQ(parent->child, nullptr);
-  AwaitReadable(peer.fd());
-  char byte;
-  EXPECT_LE(recv(peer.fd(), &byte, 1, 0), 0);
-}
-
 TEST_F(NodeTest, CloseAndDelete) {
   Link link = Connect();
   MQNode* const node = link.node;

@@ -250,43 +250,6 @@ TEST_F(NodeWaitTest, Timeouts) {
   }
 }
 
-TEST_F(NodeWaitTest, FailuresTouchNothing) {
-  Make("rlqc");
-  for (const int code : {EINTR, EBADF, ENOMEM}) {
-    for (const Family family : {kPost, kNPost}) {
-      Platform::Reset();
-      Platform::Fail("select", 1, code);
-      EXPECT_EQ(Wait(family), "0 " + std::to_string(code));
-    }
-  }
-  EXPECT_EQ(nodes_[3]->openState, 0u);
-  EXPECT_EQ(nodes_[0]->error, 0);
-  EXPECT_EQ(Trace::Take(), Lines{});
-}
-
-// The plain forms allocate their record, seven blocks, and give it back; without one of them nothing is touched.
-TEST_F(NodeWaitTest, PlainFormsWithoutMemory) {
-  Make("rc");
-  MQNode* list[] = {nodes_[0], nodes_[1], nullptr};
-  for (int failing = 1; failing <= 8; ++failing) {
-    MQNode none;
-    Arrays arrays(3, &none);
-    int status = 77;
-    Platform::Reset();
-    Platform::Fail("malloc", failing, ENOMEM);
-    EXPECT_EQ(mnPost(list, arrays.listen.data(), arrays.read.data(), 0, &status), failing == 8);
-    Platform::Reset();
-    Platform::Fail("malloc", failing, ENOMEM);
-    EXPECT_EQ(arrays.Untouched(&none), failing != 8);
-    Arrays more(3, &none);
-    EXPECT_EQ(mnNPost(list, more.listen.data(), more.read.data(), more.write.data(), 0, &status), failing == 8);
-    EXPECT_EQ(more.Untouched(&none), failing != 8);
-    EXPECT_EQ(status, failing == 8 ? 0 : 77);
-    if (failing < 8) continue;
-    EXPECT_EQ(Names(arrays.read) + Names(more.read) + Names(more.write), "aab");
-  }
-}
-
 // Nodes past the size of the record are not waited on: 2512 in a plain form, n - 1 in a record of size n.
 TEST_F(NodeWaitTest, MoreNodesThanARecordTakes) {
   Make("rr");

@@ -161,14 +161,4 @@ TEST_F(QueueTest, EachRecordHasItsTagAndQfreeReleasesItems) {
   EXPECT_EQ(LiveBlocks(), released);
 }
 
-TEST_F(QueueTest, WithoutMemoryNothingChanges) {
-  Run("+a+b");
-  mqc_fail_allocation(1, 1);
-  EXPECT_EQ(Printed([&] { Run("+c^d<e"); }), "");
-  EXPECT_EQ(Qalloc(), nullptr);
-  mqc_fail_allocation(0, 0);
-  EXPECT_EQ(Contents(q_), "ab");
-  EXPECT_EQ(Run("+c..."), "abc");
-}
-
 }  // namespace

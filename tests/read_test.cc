@@ -23,33 +23,6 @@ class ReadTest : public NodeTest {
   Message in_{200};
 };
 
-// Whatever the first piece is, it is kept, and the next read goes on behind it.
-TEST_F(ReadTest, TwoPiecesCutAtEveryByte) {
-  const Link link = Connect(kNonBlocking);
-  const std::string wire = Wire(5, 4);
-  for (size_t cut = 1; cut < kSize; ++cut) {
-    link.peer.Send(wire.substr(0, cut));
-    AwaitReadable(link.node->sock.fd);
-    const std::string partly = "nothing, 11, read " + std::to_string(cut - 1) + ", held " + std::to_string(cut) +
-                               (cut < kHeader ? "/136" : "/160");
-    EXPECT_EQ(Read(link.node), partly);
-    EXPECT_EQ(Read(link.node), partly) << "nothing new";
-    link.peer.Send(wire.substr(cut));
-    AwaitReadable(link.node->sock.fd);
-    EXPECT_EQ(Read(link.node), "5:4 from peer, 0, read " + std::to_string(cut) + ", held 0/136");
-  }
-}
-
-TEST_F(ReadTest, MessagesInOneSegmentAreReadOneByOne) {
-  const Link link = Connect();
-  link.peer.Send(Wire(1, 4) + Wire(2, 100) + Foreign(Wire(3, 4)));
-  EXPECT_EQ(Read(link.node), "1:4 from peer, 0, read 1, held 0/136");
-  EXPECT_EQ(Read(link.node), "2:100 from peer, 0, read 2, held 0/136");
-  EXPECT_EQ(Read(link.node), "3:4 from peer, 0, read 3, held 0/136");
-  EXPECT_EQ(Platform::Calls(), (Lines{"recvfrom(136) = 136", "recvfrom(24) = 24", "recvfrom(136) = 136",
-                                      "recvfrom(120) = 120", "recvfrom(136) = 136", "recvfrom(24) = 24"}));
-}
-
 // Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are
 // a header again.
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
@@ -87,26 +60,6 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
       AwaitReadable(link.node->sock.fd);
       EXPECT_EQ(Read(link.node), "2:4 from peer, 0, read 1, held 0/136");
     }
-  }
-}
-
-TEST_F(ReadTest, PeerGoneAndSocketFailures) {
-  const struct {
-    size_t sent;
-    int code;  // of the receive that fails; 0: the peer closes
-    const char* left;
-  } rows[] = {
-      {0, 0, "9004, read 0, held 0/136"},    {1, 0, "9004, read 0, held 0/136"},
-      {135, 0, "9004, read 0, held 0/136"},  {136, 0, "9004, read 0, held 0/136"},
-      {159, 0, "9004, read 0, held 0/136"},  {50, ECONNRESET, "104, read 0, held 0/136"},
-      {150, EINTR, "4, read 0, held 0/136"}, {150, EINPROGRESS, "11, read 0, held 150/160"},
-  };
-  for (const auto& row : rows) {
-    Link link = Connect();
-    Platform::Reset();
-    link.peer.Send(Wire(1, 4).substr(0, row.sent));
-    row.code == 0 ? link.peer.Shutdown() : Platform::Fail("recvfrom", row.sent > kHeader ? 3 : 2, row.code);
-    EXPECT_EQ(Read(link.node), std::string("nothing, ") + row.left) << row.sent;
   }
 }
 

@@ -94,16 +94,6 @@ TEST_F(SecureTest, Delivery) {
   EXPECT_EQ(in_->secHeader.hdrLength, 32u);
 }
 
-TEST_F(SecureTest, TwoPiecesCutAtEveryByte) {
-  const Link link = Connect(kNonBlocking);
-  for (size_t cut = 1; cut < kSigned; ++cut) {
-    const std::string wire = Sign(1);
-    EXPECT_EQ(Read(link, wire.substr(0, cut)), "nothing, 11, read " + std::to_string(cut - 1) + ", held " +
-                                                   std::to_string(cut) + (cut < kEnvelope ? "/32" : "/288"));
-    EXPECT_EQ(Read(link, wire.substr(cut)), "1:4 from tester, 0, read " + std::to_string(cut) + ", held 0/32");
-  }
-}
-
 TEST_F(SecureTest, Traces) {
   const Link link = Connect(kNonBlocking);
   Watch(link.node);
@@ -207,22 +197,6 @@ TEST_F(SecureTest, WritesThatFail) {
   EXPECT_EQ(mnSWrite(out, link.node, 1, signer_.signer), 1) << "its result changes nothing";
 }
 
-// A signed message that had to wait goes out as it was signed.
-TEST_F(SecureTest, QueuedWrites) {
-  const Link link = Connect();
-  Message out(1, 4);
-  Platform::Fail("send", 1, EAGAIN);
-  EXPECT_EQ(mnSWriteAltUserHigh(out, link.node, 1, signer_.signer), 1);
-  EXPECT_EQ(WriteState(link.node), "11, sent 0, out 1, queue 1");
-  out.Put(2, 4);
-  EXPECT_EQ(mnSWriteAltUser(out, link.node, 1, signer_.signer), 1);
-  EXPECT_EQ(mnFinishWrite(link.node), 1);
-  const Link reader = Connect();
-  reader.peer.Send(link.peer.Read(2 * kSigned));
-  EXPECT_EQ(Read(reader.node), "1:4 from tester, 0, read 1, held 0/32");
-  EXPECT_EQ(Read(reader.node), "2:4 from tester, 0, read 2, held 0/32");
-}
-
 TEST_F(SecureTest, EnvelopesAcceptedAndRefused) {
   const struct {
     uint32_t first, length;
@@ -262,15 +236,6 @@ TEST_F(SecureTest, EnvelopesAcceptedAndRefused) {
   SetWord(&longest, 16, 20000);
   mqc_fail_allocation(1, 0);
   EXPECT_EQ(Read(link, longest), "nothing, 2102, read 1, held 0/32");
-}
-
-TEST_F(SecureTest, PeerGone) {
-  for (const size_t part : {0u, 1u, 31u, 32u, 33u, 287u}) {
-    const Link link = Connect();
-    link.peer.Send(Sign(1).substr(0, part));
-    link.peer.Shutdown();
-    EXPECT_EQ(Read(link.node), "nothing, 9004, read 0, held 0/32") << part;
-  }
 }
 
 TEST_F(SecureTest, DatagramSizes) {

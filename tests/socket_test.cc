@@ -107,15 +107,6 @@ TEST_F(SocketTest, CreationResetsTheRecordAndTakesTheDefaultTrace) {
   }
 }
 
-TEST_F(SocketTest, CreationFailureIsReported) {
-  Platform::Fail("socket", 1, EMFILE);
-  SockRec rec;
-  memset(&rec, 0x5a, sizeof rec);
-  EXPECT_EQ(State(CreateSocket(&rec), rec), "0 24/0 0");
-  EXPECT_EQ(rec.fd, -1);
-  EXPECT_EQ(Trace::Take(), Lines{"CreateAnySocket"});
-}
-
 TEST_F(SocketTest, DeleteClosesOnceAndOnlyWhatItHolds) {
   Platform::SetTime(Noon());
   const int open = socket(AF_INET, SOCK_STREAM, 0);
@@ -685,18 +676,6 @@ TEST_F(TransferTest, FailuresMoveAndCountNothing) {
     }
   }
   EXPECT_EQ(rec_.bytesReceived + rec_.bytesSent, 0u);
-}
-
-TEST_F(TransferTest, ReadTellsAClosedPeerFromAReset) {
-  Connect();
-  peer_.Close();
-  Bytes in(8);
-  EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "0 9004/5 0 0 0");
-  EXPECT_EQ(Trace::Take(), Failed(kReadTrace, 9004));
-  Connect();
-  peer_.Reset();
-  AwaitReadable(rec_.fd);
-  EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "0 104/5 0 0 0");
 }
 
 TEST_F(TransferTest, PeekedBytesCountAndStay) {

@@ -428,14 +428,6 @@ TEST_F(HighDescriptorTest, NoMemoryForTheSetsIsEnomem) {
   }
 }
 
-TEST_F(HighDescriptorTest, BelowThemNothingIsAllocated) {
-  MakeAt("rwu .", {1023, 0});
-  const size_t before = Platform::Allocations();
-  EXPECT_EQ(Wait(Family::kPost), "1 0 | a | ? | -");
-  EXPECT_EQ(Wait(Family::kNPost), "1 0 | a | a | -");
-  EXPECT_EQ(Platform::Allocations(), before);
-}
-
 // ---- The work record ----
 
 bool IsEmpty(const SockPostData& work) {

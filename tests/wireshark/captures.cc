@@ -5,9 +5,9 @@
 // good or bad, was read by a node, over a socket pair or over 127.0.0.1.
 //   samples, stream-N   .txt: a line a value, field TAB value, in the order of the messages. stream-N has segments of N
 //                       bytes
-//   broken, stumble     .txt: a line a message, node error TAB a part of the expert info, which may be empty
+//   broken              .txt: a line a message, node error TAB a part of the expert info, which may be empty
 //   mutants             .txt: the node error, a line a datagram
-//   mutated, noise      streams cut anywhere, and bytes that mean nothing: nothing to be seen but no failure
+//   mutated             streams of mutants cut anywhere: nothing to be seen but no failure
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -34,7 +34,6 @@ constexpr uint16_t kPort = 47110;    // of every receiver in the captures
 constexpr uint16_t kSender = 50000;  // of the first sender
 constexpr int kMutants = 4000;
 constexpr int kMutatedStreams = 150;
-constexpr int kNoise = 500;
 
 // ---- Captures ----
 
@@ -333,28 +332,6 @@ void WriteBroken(const std::string& path) {
   }
 }
 
-// A stream whose reader is kept in step by what follows each fault: a header alone is dropped, what is no message is
-// over at the end of its segment.
-void WriteStumble(const std::string& path) {
-  const Form native = {false, false};
-  const Bytes plain = Plain(native, Body(native, "text"));
-  const Bytes head = plain.substr(0, 136);
-  const std::vector<Broken> steps = {{plain, ""},
-                                     {With(head, 64, 0), "nothing follows the header"},
-                                     {plain, ""},
-                                     {With(head, 64, 0x7fffffff), "2147483647 bytes follow the header"},
-                                     {With(head, 8, 9), "the byte order flag is 9"},
-                                     {"this is no message", "the first word is 1936287860"},
-                                     {plain, ""}};
-  Capture capture(path + "stumble.pcap");
-  std::ofstream seen(path + "stumble.txt");
-  uint32_t sequence = 1;
-  for (const Broken& step : steps) {
-    capture.Segment(step.wire, kSender, &sequence);
-    seen << (*step.says ? MQ_BAD_MESSAGE : MQ_OK) << '\t' << step.says << '\n';
-  }
-}
-
 // ---- Mutants ----
 
 class Mutator {
@@ -414,7 +391,7 @@ class Mutator {
 
 void WriteMutants(const std::string& path, Mutator* mutator) {
   Judge judge;
-  Capture datagrams(path + "mutants.pcap"), streams(path + "mutated.pcap"), noise(path + "noise.pcap");
+  Capture datagrams(path + "mutants.pcap"), streams(path + "mutated.pcap");
   std::ofstream seen(path + "mutants.txt");
   for (int i = 0; i < kMutants; ++i) {
     const Bytes wire = mutator->Mutant();
@@ -429,12 +406,6 @@ void WriteMutants(const std::string& path, Mutator* mutator) {
       size = 1 + mutator->Below(mutator->Below(2) ? 40 : 1400);
       streams.Segment(stream.substr(at, size), static_cast<uint16_t>(kSender + i), &sequence);
     }
-  }
-  for (uint16_t i = 0; i < kNoise; ++i) {
-    const Bytes bytes = mutator->Noise(1 + mutator->Below(400));
-    uint32_t sequence = 1;
-    noise.Datagram(bytes, kSender);
-    noise.Segment(bytes, static_cast<uint16_t>(kSender + i), &sequence);
   }
 }
 
@@ -470,7 +441,6 @@ int main(int argc, char** argv) {
   std::vector<Bytes> samples = Samples();
   std::string seen = WriteSamples(path, samples);
   WriteBroken(path);
-  WriteStumble(path);
   Mutator mutator(samples, static_cast<unsigned>(strtoul(argv[2], nullptr, 10)));
   WriteMutants(path, &mutator);
 
