@@ -209,7 +209,11 @@ TEST(Memory, TagsAreListedAndOverflowIntoOther) {
     ++count;
   }
   EXPECT_EQ(count, 64u);
-  EXPECT_GE(Account("tag 0").total_blocks, 1u);
+  MqcMemory memory;
+  EXPECT_TRUE(mqc_memory("tag 0", &memory));
+  EXPECT_GE(memory.total_blocks, 1u);
+  EXPECT_FALSE(mqc_memory("never used", &memory));
+  EXPECT_EQ(memory.total_blocks, 0u);
   EXPECT_GT(Account("(other)").total_blocks, 0u);
   EXPECT_EQ(listed, Account(nullptr).total_blocks);
   EXPECT_EQ(listed, before + 100);

@@ -58,6 +58,7 @@ TEST_F(SecureTest, BytesOnTheWire) {
   Message out(7, 4);
   const std::string body = out.raw().substr(kHeader);
   memset(&out->secHeader, 'x', sizeof out->secHeader);
+  for (const size_t at : {size_t{0}, size_t{8}, size_t{12}, kAtBody}) memset(out->raw.data + at, 'x', 4);
   memset(out->raw.data + kAtUser, 'x', 60);
   // The user that the caller gives has no say: the signature names who signed.
   EXPECT_EQ(mnSWriteMsg(out, link.node, nullptr, "somebody", 1, signer_.signer, 0), 1);
