@@ -49,8 +49,7 @@ MQNode* NewNode(uint32_t role, const char* host, bool datagram) {
   node->role = role;
   node->writeLimit = kNoWriteLimit;
   node->pendingLimit = kPendingLimit;
-  CreateBuffer(&node->recvBuffer, mq::kReceiveCapacity);
-  ResetBuffer(&node->recvBuffer, datagram ? mq::kReceiveCapacity : mq::kHeaderLength);
+  mq::CreateReceiveBuffer(&node->recvBuffer, datagram ? mq::kReceiveCapacity : mq::kHeaderLength);
   mq::CopyText(node->host, host);
   mq::CopyText(node->platform, "UNIX");
   TakeUser(node);

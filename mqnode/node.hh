@@ -1,6 +1,8 @@
 // node.hh - what the rooms of the node layer share about a node.
 #pragma once
 
+#include <algorithm>
+
 #include "mqnode/node.h"
 
 namespace mq {
@@ -11,6 +13,13 @@ constexpr uint32_t kReceiveCapacity = 16520;
 // Inlined where messages pass; RunTraceMethod is the same for hosts.
 inline void Trace(const char* point, MQNode* node) {
   if (node->onTrace != nullptr) node->onTrace(point, node);
+}
+
+// Gives buf a new area, whatever it had before, armed for length bytes. Without memory it has no area, and every read
+// fails.
+inline void CreateReceiveBuffer(IoBuffer* buf, uint32_t length) {
+  CreateBuffer(buf, kReceiveCapacity);
+  ResetBuffer(buf, std::min(length, buf->capacity));
 }
 
 inline void CopySocketError(MQNode* node) { node->error = node->sock.error; }

@@ -28,8 +28,7 @@ void MakeChild(MQNode* parent, SockRec* accepted) {
   child->child = nullptr;
   // The child took over the queue and the receive buffer with the copy.
   parent->pending = nullptr;
-  CreateBuffer(&parent->recvBuffer, mq::kReceiveCapacity);
-  ResetBuffer(&parent->recvBuffer, mq::kHeaderLength);
+  mq::CreateReceiveBuffer(&parent->recvBuffer, mq::kHeaderLength);
 }
 
 int Accept(MQNode* node) {

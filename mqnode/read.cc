@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "mqnode/node.hh"
@@ -18,11 +19,17 @@
 namespace mq {
 namespace {
 
+// ResetReceive for a buffer that may have no area.
+void ResetFailed(MQNode* node, const Framing& framing) {
+  IoBuffer* const buf = &node->recvBuffer;
+  ResetBuffer(buf, std::min(IdleLength(node, framing), buf->capacity));
+}
+
 // What a failure that the caller cannot go on from does to the buffer, in the order that the trace point shows.
 int Leave(MQNode* node, const char* point, int code, const Framing& framing) {
   node->error = code;
   Trace(point, node);
-  ResetReceive(node, framing);
+  ResetFailed(node, framing);
   return 0;
 }
 
@@ -35,15 +42,16 @@ int FailRead(MQNode* node, const Framing& framing, int code) { return Leave(node
 int FailReceive(MQNode* node, const Framing& framing) {
   CopySocketError(node);
   const bool reset = node->error != MQ_AGAIN;
-  if (reset && framing.resetBeforeTrace) ResetReceive(node, framing);
+  if (reset && framing.resetBeforeTrace) ResetFailed(node, framing);
   Trace(framing.gather, node);
-  if (reset && !framing.resetBeforeTrace) ResetReceive(node, framing);
+  if (reset && !framing.resetBeforeTrace) ResetFailed(node, framing);
   return 0;
 }
 
 bool Rearm(MQNode* node, const Framing& framing) {
   IoBuffer* const buf = &node->recvBuffer;
-  if (buf->capacity < framing.headerLength && !Reserve(buf, kReceiveCapacity)) return false;
+  if (buf->capacity == 0) CreateBuffer(buf, kReceiveCapacity);
+  if (buf->capacity < framing.headerLength) return false;
   ResetReceive(node, framing);
   return true;
 }
@@ -55,8 +63,9 @@ namespace {
 using mq::kHeaderLength;
 using mq::kPlainFraming;
 
-constexpr int kBrowsePauses = 100;
-constexpr timespec kBrowsePause = {0, 10'000'000};  // 10 ms: at most a second in all
+// A browse looks twice at once, then with a pause before each look: at most a second in all.
+constexpr int kBrowseLooks = 102;
+constexpr timespec kBrowsePause = {0, 10'000'000};
 
 // Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail
 // with.
@@ -104,9 +113,9 @@ bool PeerStoppedSending(const SockRec& sock) {
   return poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-// Whether a browse that found part of a header looks again: not when the node does not block, nor without end.
+// Whether a browse that found part of a header looks again, after a pause: not on a non-blocking node.
 bool PauseBrowse(const SockRec& sock, int looks) {
-  if (looks >= kBrowsePauses || IsNonBlocking(sock)) return false;
+  if (looks >= kBrowseLooks || IsNonBlocking(sock)) return false;
   nanosleep(&kBrowsePause, nullptr);
   return true;
 }
@@ -115,20 +124,21 @@ bool PauseBrowse(const SockRec& sock, int looks) {
 bool PeekHeader(MQNode* node, uint8_t* data) {
   SockRec* const sock = &node->sock;
   bool ended = false;  // the peer sends no more: the next look sees all there will ever be
-  for (int looks = 0;; ++looks) {
+  for (int looks = 1;; ++looks) {
     IoBuffer peek = {data, kHeaderLength, kHeaderLength, MSG_PEEK, 0, 0};
     if (!ReadSocket(sock, &peek)) break;
     node->error = MQ_BAD_MESSAGE;
     if (peek.received >= sizeof(uint32_t) && !mq::IsHeader(data, kHeaderLength)) return false;
     if (peek.received >= kHeaderLength) return true;
-    if (mq::IsDatagram(node)) return false;  // it does not grow
+    if (looks > 1 && mq::IsDatagram(node)) return false;  // it does not grow
     if (ended) {
       mq::ReportFailure(sock, SOCK_PEER_CLOSED);
       break;
     }
-    node->error = MQ_AGAIN;
     ended = PeerStoppedSending(*sock);
-    if (!ended && !PauseBrowse(*sock, looks)) return false;
+    if (looks == 1 || ended) continue;  // the first look may have been cut short
+    node->error = MQ_AGAIN;
+    if (!PauseBrowse(*sock, looks)) return false;
   }
   mq::CopySocketError(node);
   return false;
@@ -143,7 +153,6 @@ bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
     return false;
   }
   const uint32_t bodyLength = mq::HeaderOf(raw->data)->bodyLength;
-  if (uint64_t{kHeaderLength} + bodyLength > MQ_MAX_MESSAGE) return false;
   node->error = MQ_NO_ROOM;
   const auto room = static_cast<int32_t>(raw->capacity - kHeaderLength);
   return static_cast<int32_t>(bodyLength) <= room || SizePcfMessage(msg, bodyLength) != 0;

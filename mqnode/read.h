@@ -9,7 +9,11 @@
  * Only messages of 137 bytes to MQ_MAX_MESSAGE are delivered. A stream message without a body is a bad message, after
  * which the stream is still in step; a datagram must be exactly as long as it says (one longer than the receive buffer
  * is judged by the part that fits). A plain read and a browse belong on a node that is not in the middle of a message
- * of the other framing; a browse also not in the middle of a plain one. */
+ * of the other framing; a browse also not in the middle of a plain one.
+ *
+ * A node for which there was no memory for a receive area when it was created works once there is some: mnRead and
+ * mnSRead ask for the area again, and fail with 2102 without receiving while there is none. A read on a closed node does
+ * the same, so that it ends with the socket's own code, 9 (EBADF); DeleteMQNode releases that area. */
 #ifndef MQNODE_MQNODE_READ_H
 #define MQNODE_MQNODE_READ_H
 
@@ -21,8 +25,7 @@ MQ_BEGIN_C
  * a datagram node one datagram.
  * Result       1 it does; 0 not
  * error        0; 11 call again, what is held stays; 2026 the first word is not 136 in either byte order; 2102 the
- *              receive buffer is smaller than what is asked for and cannot grow; the socket's code. All but 11 reset
- *              the buffer
+ *              receive buffer is smaller than what is asked for; the socket's code. All but 11 reset the buffer
  * Trace point  "mnReadMsg", on failure only */
 MQ_API int mnReadMsg(MQNode* node);
 
@@ -39,12 +42,14 @@ MQ_API int mnRead(PcfMessage* msg, MQNode* node);
 
 /* mnBrowse - look at the header of the next plain message without consuming anything.
  *   msg     in/out  its raw data, at least 136 bytes, receives the header in native form; raw.length stays
- * When the header has not arrived whole, a non-blocking node reports 11 at once; a blocking one looks again with short
- * pauses for at most a second and then reports 11. A datagram shorter than a header is reported as a bad message, which
- * a read then discards.
+ * When the header has not arrived whole, the browse looks once more at once. Then a non-blocking node reports 11; a
+ * blocking one looks again with short pauses for at most a second before it reports 11. A datagram shorter than a
+ * header is reported as a bad message, which a read then discards.
+ * The announced length is not checked: it is compared with the capacity of msg as a signed number, and msg is enlarged
+ * to hold that many bytes when it is greater. mnRead checks it.
  * Result       1 the header is there and msg can hold the body; 0 not
- * error        0; 11; 2026 no header, a length beyond the bound, or it could not be converted (dumped then); 2102 msg
- *              cannot be enlarged; the socket's code, 9004 when the peer closed the connection
+ * error        0; 11; 2026 no header, or it could not be converted (dumped then); 2102 msg cannot be enlarged, as for
+ *              every length that the companion takes for no message's; the socket's code, 9004 when the peer closed the connection
  * Trace point  "mnBrowse" */
 MQ_API int mnBrowse(PcfMessage* msg, MQNode* node);
 

@@ -30,7 +30,7 @@ inline uint32_t IdleLength(const MQNode* node, const Framing& framing) {
   return IsDatagram(node) ? node->recvBuffer.capacity : framing.headerLength;
 }
 
-// Arms the receive buffer for the next message.
+// Arms the receive buffer for the next message. The buffer holds a message, so an idle length fits in it.
 inline void ResetReceive(MQNode* node, const Framing& framing) {
   ResetBuffer(&node->recvBuffer, IdleLength(node, framing));
 }
@@ -42,14 +42,9 @@ int FailRead(MQNode* node, const Framing& framing, int code);
 // Leaves a gather whose receive failed; what is held stays when the socket would block. Always 0.
 int FailReceive(MQNode* node, const Framing& framing);
 
-// Readies the buffer of a read that finds it neither idle nor in the middle of a message: it was closed, created
-// without memory, or is idle in the other framing. False when there is no area that a header fits in.
+// Arms an empty buffer that is not idle for this read: the other framing used it last, or it has no data area, because
+// there was no memory when the node was created or the node is closed. Then it gets one. False without memory.
 bool Rearm(MQNode* node, const Framing& framing);
-
-inline bool Reserve(IoBuffer* buf, uint32_t size) {
-  if (buf->capacity < size) SizeBuffer(buf, size);
-  return buf->capacity >= size;
-}
 
 // Makes the buffer ask for the whole message that a converted header announces. Returns 0, or the code with which the
 // read has to fail.
@@ -58,12 +53,19 @@ inline int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announce
   const uint32_t total = TotalLength(framing.headerLength, announced);
   if (total == 0) return MQ_BAD_MESSAGE;
   if (IsDatagram(node) && total != buf->received) return MQ_BAD_MESSAGE;
-  if (!Reserve(buf, total)) return MQ_NO_ROOM;
+  if (buf->capacity < total) SizeBuffer(buf, total);
+  if (buf->capacity < total) return MQ_NO_ROOM;
   buf->length = total;
   return MQ_OK;
 }
 
-// Receives until the buffer holds what it asks for; on a datagram node one datagram, unless one is held already.
+// What is held may have been gathered in the other framing.
+inline bool HoldsOtherFraming(const IoBuffer* buf, const Framing& framing) {
+  return buf->received >= framing.headerLength && !IsHeader(buf->data, framing.headerLength);
+}
+
+// Receives until the buffer holds what it asks for; on a datagram node one datagram, unless one is held already. What
+// is held is judged after each receive, and when nothing needs to be received.
 template <const Framing& kFraming, uint32_t kType>
 [[gnu::always_inline]] inline int Gather(MQNode* node) {
   constexpr bool kDatagram = kType == SOCK_TYPE_DATAGRAM;
@@ -71,15 +73,15 @@ template <const Framing& kFraming, uint32_t kType>
   node->error = MQ_OK;
   if (kDatagram && buf->received == 0) buf->length = buf->capacity;
   if (buf->length > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
-  for (;;) {
-    // What is held may have been gathered in the other framing.
-    if (buf->received >= kFraming.headerLength && !IsHeader(buf->data, kFraming.headerLength)) {
-      return FailGather(node, kFraming, MQ_BAD_MESSAGE);
-    }
-    if (buf->received >= buf->length) return 1;
-    if (!Receive<kType>(&node->sock, buf)) return FailReceive(node, kFraming);
+  bool complete = buf->received >= buf->length;
+  do {
+    if (!complete && !(kDatagram ? ReadSocket(&node->sock, buf) : ReceiveStream(&node->sock, buf)))
+      return FailReceive(node, kFraming);
     if (kDatagram) buf->length = buf->received;
-  }
+    if (HoldsOtherFraming(buf, kFraming)) return FailGather(node, kFraming, MQ_BAD_MESSAGE);
+    complete = buf->received >= buf->length;
+  } while (!complete);
+  return 1;
 }
 
 template <const Framing& kFraming>
@@ -92,7 +94,7 @@ template <const Framing& kFraming>
 [[gnu::always_inline]] inline int GatherRest(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   while (buf->received < buf->length) {
-    if (!Receive<SOCK_TYPE_STREAM>(&node->sock, buf)) return FailReceive(node, kFraming);
+    if (!ReceiveStream(&node->sock, buf)) return FailReceive(node, kFraming);
   }
   return 1;
 }
@@ -109,7 +111,8 @@ template <const Framing& kFraming, uint32_t kType, auto kConvert, auto kDeliver>
   IoBuffer* const buf = &node->recvBuffer;
   node->error = MQ_OK;
   const bool idle = buf->received == 0;
-  const bool armed = buf->length == kFraming.headerLength && buf->capacity >= kFraming.headerLength;
+  const uint32_t idleLength = kType == SOCK_TYPE_DATAGRAM ? buf->capacity : kFraming.headerLength;
+  const bool armed = buf->length == idleLength && buf->capacity >= kFraming.headerLength;
   if (idle && !armed && !Rearm(node, kFraming)) return FailRead(node, kFraming, MQ_NO_ROOM);
   const bool inRest = !idle && buf->length > kFraming.headerLength && kType == SOCK_TYPE_STREAM;
   if (!Gather<kFraming, kType>(node)) return EndRead(node, kFraming, 0);

@@ -275,6 +275,7 @@ TEST_F(SecureTest, SwitchingFraming) {
   link.peer.Send(Wire(6, 4).substr(0, 100));
   AwaitReadable(link.node->sock.fd);
   EXPECT_EQ(mnRead(in_, link.node), 0);
+  EXPECT_EQ(Read(link.node), "nothing, 11, read 4, held 100/136") << "judged once something has arrived";
   EXPECT_EQ(Read(link, Wire(6, 4).substr(100, 36)), "nothing, 2026, read 4, held 0/32");
 }
 

@@ -44,9 +44,10 @@ class Session {
     HOLDS(std::equal(expected.begin(), expected.end(), raw.data));
     MsgHeader header;
     memcpy(&header, raw.data, kHeader);
-    HOLDS(header.hdrLength == kHeader && header.bodyLength <= MQ_MAX_MESSAGE - kHeader);
-    HOLDS(raw.capacity >= header.bodyLength);
-    if (reader_.node()->recvBuffer.received == 0) announced_ = kHeader + header.bodyLength;
+    HOLDS(header.hdrLength == kHeader);
+    HOLDS(static_cast<int32_t>(header.bodyLength) <= static_cast<int32_t>(raw.capacity));
+    const bool possible = header.bodyLength <= MQ_MAX_MESSAGE - kHeader;
+    if (possible && reader_.node()->recvBuffer.received == 0) announced_ = kHeader + header.bodyLength;
   }
 
   void Read(bool secure) {

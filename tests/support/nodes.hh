@@ -21,6 +21,7 @@ struct Companion {
   bool ascii = true;
   std::string failing;  // this function returns 0 and does nothing
   Lines calls;          // message and security functions, in order
+  int resets = 0;       // calls of ResetBuffer, each of which asked for at most the capacity
 
   static Companion& Now() {
     static Companion now;
@@ -48,6 +49,11 @@ inline __attribute__((used)) int GetUserName(char* buf, int* len) {
 inline __attribute__((used)) int IsLtEndian(void) { return Companion::Now().little; }
 inline __attribute__((used)) int IsAscText(void) { return Companion::Now().ascii ? 64 : 0; }
 
+inline __attribute__((used)) void ResetBuffer(IoBuffer* buf, uint32_t length) {
+  EXPECT_LE(length, buf->capacity);
+  Companion::Now().resets += 1;
+  PASS_ON(ResetBuffer, buf, length);
+}
 inline __attribute__((used)) int AlienToNative(PcfRawData* raw) {
   if (Companion::Fails("AlienToNative")) return 0;
   PASS_ON(AlienToNative, raw);
