@@ -23,6 +23,7 @@ PostTimeout Timeout(int milliseconds) {
 // Lists the nodes' sockets; with kPending those with queued writes in the writable list too.
 template <bool kPending>
 void ListSockets(MQNode** nodes, SockPostData* work) {
+  if (work->size < 1) return;
   MQNode** const last = nodes + (work->size - 1);
   SockRec** list = work->sockets;
   SockRec** writable = work->writable;

@@ -156,7 +156,7 @@ bool AddSocket(Sets* sets, const SockRec* rec) {
 template <bool kWrites>
 int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch) {
   SockRec* const* const list = work->sockets;
-  const size_t last = work->size > 0 ? static_cast<size_t>(work->size - 1) : 0;
+  const auto last = static_cast<size_t>(work->size - 1);
   size_t index = 0;
   for (;; ++index) {
     index = AddFitting<kWrites>(sets, list, index, std::min(last, kKnown), scratch->fd);
@@ -180,20 +180,41 @@ bool Select(Sets* sets, const PostTimeout* timeout, int* status) {
   return found > 0;
 }
 
-void MarkWritable(SockRec* rec, SockRec** list, int* count, const char* point) {
-  list[(*count)++] = rec;
+// The lists that a wait fills: how full they are, and how many sockets each has room for.
+struct Ready {
+  int room;
+  int readable = 0;
+  int exceptional = 0;
+  int writable = 0;
+  bool traced = false;  // a callback ran: it may have changed the lists and the records
+
+  void Add(SockRec** list, int* count, SockRec* rec) const {
+    if (*count < room) list[(*count)++] = rec;
+  }
+
+  void End(SockRec** list, int count) const {
+    if (list != nullptr) list[count] = nullptr;
+  }
+
+  void Trace(const char* point, SockRec* rec) {
+    if (rec->onTrace == nullptr) return;
+    traced = true;
+    rec->onTrace(point, rec);
+  }
+};
+
+void MarkWritable(SockRec* rec, SockPostData* work, Ready* ready, const char* point) {
+  ready->Add(work->writable, &ready->writable, rec);
   rec->connected = 1;
-  mq::RunSocketTrace(point, rec);
+  ready->Trace(point, rec);
 }
 
 // Keeps the sockets of the writable list that are ready, in place and in order.
-int CollectWaitingWrites(const Sets& sets, SockPostData* work, const char* point) {
-  int kept = 0;
+void CollectWaitingWrites(const Sets& sets, SockPostData* work, Ready* ready, const char* point) {
   for (int i = 0; work->writable[i] != nullptr; ++i) {
     SockRec* const rec = work->writable[i];
-    if (sets.Fits(rec->fd) && Has(sets.write, Place(rec->fd))) MarkWritable(rec, work->writable, &kept, point);
+    if (sets.Fits(rec->fd) && Has(sets.write, Place(rec->fd))) MarkWritable(rec, work, ready, point);
   }
-  return kept;
 }
 
 void Unite(const Sets& sets) {
@@ -201,51 +222,58 @@ void Unite(const Sets& sets) {
   for (size_t i = 0; i < words; ++i) sets.any[i] = sets.read[i] | sets.write[i] | sets.except[i];
 }
 
-// The lists that a wait fills, and how full they are.
-struct Ready {
-  int readable = 0;
-  int exceptional = 0;
-  int writable = 0;
-};
-
 void CollectOne(const Sets& sets, SockPostData* work, const Family& family, SockRec* rec, Ready* ready) {
+  if (!sets.Fits(rec->fd)) return;
   const Place place(rec->fd);
   if (Has(sets.read, place) && work->readable != nullptr) {
-    work->readable[ready->readable++] = rec;
-    mq::RunSocketTrace(family.ready, rec);
+    ready->Add(work->readable, &ready->readable, rec);
+    ready->Trace(family.ready, rec);
   } else if (Has(sets.except, place) && work->exceptional != nullptr) {
-    work->exceptional[ready->exceptional++] = rec;
-    mq::RunSocketTrace(family.exception, rec);
+    ready->Add(work->exceptional, &ready->exceptional, rec);
+    ready->Trace(family.exception, rec);
   } else if (family.writes && work->writable != nullptr && Has(sets.write, place) && rec->connected == 0) {
-    MarkWritable(rec, work->writable, &ready->writable, family.write);
+    MarkWritable(rec, work, ready, family.write);
   }
 }
 
-void Collect(const Sets& sets, SockPostData* work, const Family& family, const Scratch& scratch, size_t count) {
-  const bool writes = family.writes && work->writable != nullptr;
-  Ready ready;
-  if (writes) ready.writable = CollectWaitingWrites(sets, work, family.write);
-  Unite(sets);
+// The first index from i on whose noted descriptor is in a set; end when there is none.
+size_t NextNoted(const Sets& sets, const Scratch& scratch, size_t i, size_t end) {
   const Word* const any = sets.any;
   const size_t bits = sets.bits;
-  const size_t known = std::min(count, kKnown);
-  for (size_t i = 0; i < known; ++i) {
+  for (; i < end; ++i) {
     const auto fd = static_cast<size_t>(scratch.fd[i]);
-    if (fd >= bits || !HasDescriptor(any, fd)) continue;
-    SockRec* const rec = work->sockets[i];
-    if (rec->fd == scratch.fd[i]) CollectOne(sets, work, family, rec, &ready);  // else a trace callback changed it
+    if (fd < bits && HasDescriptor(any, fd)) break;
   }
-  for (size_t i = known; i < count; ++i) {
-    SockRec* const rec = work->sockets[i];
-    if (sets.Fits(rec->fd)) CollectOne(sets, work, family, rec, &ready);
+  return i;
+}
+
+// Walks the list to its null pointer as the lists and records are at that moment. The noted descriptors of the first
+// count sockets save a visit to each record until a callback has run.
+void Collect(const Sets& sets, SockPostData* work, const Family& family, const Scratch& scratch, size_t count) {
+  const bool writes = family.writes && work->writable != nullptr;
+  Ready ready = {work->size - 1};
+  if (writes) CollectWaitingWrites(sets, work, &ready, family.write);
+  Unite(sets);
+  const size_t known = std::min(count, kKnown);
+  SockRec* const* const list = work->sockets;
+  size_t i = 0;
+  for (; i < known && !ready.traced; ++i) {
+    i = NextNoted(sets, scratch, i, known);
+    if (i == known || list[i] == nullptr) break;
+    CollectOne(sets, work, family, list[i], &ready);
   }
-  if (work->exceptional != nullptr) work->exceptional[ready.exceptional] = nullptr;
-  if (work->readable != nullptr) work->readable[ready.readable] = nullptr;
-  if (writes) work->writable[ready.writable] = nullptr;
+  for (; list[i] != nullptr; ++i) CollectOne(sets, work, family, list[i], &ready);
+  ready.End(work->exceptional, ready.exceptional);
+  ready.End(work->readable, ready.readable);
+  if (writes) ready.End(work->writable, ready.writable);
 }
 
 int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Family& family) {
   *status = 0;
+  if (work->size < 1) {  // the lists have no room for a terminator
+    *status = EINVAL;
+    return 0;
+  }
   const bool writes = family.writes && work->writable != nullptr;
   Scratch scratch;
   Sets sets = RecordSets(work, &scratch);
@@ -260,8 +288,16 @@ int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Fami
     Collect(sets, work, family, scratch, static_cast<size_t>(count));
     result = 1;
   }
-  free(sets.block);
+  if (sets.block != nullptr) free(sets.block);
   return result;
+}
+
+// Hosts that interpose free see it called for what there is.
+template <typename T>
+void Free(T** block) {
+  if (*block == nullptr) return;
+  free(*block);
+  *block = nullptr;
 }
 
 }  // namespace
@@ -283,14 +319,8 @@ int InitSocketPostData(SockPostData* work, int size) {
 
 void FreeSocketPostData(SockPostData* work) {
   work->size = 0;
-  for (SockRec*** list : {&work->sockets, &work->readable, &work->writable, &work->exceptional}) {
-    free(*list);
-    *list = nullptr;
-  }
-  for (fd_set** set : {&work->readSet, &work->writeSet, &work->exceptSet}) {
-    free(*set);
-    *set = nullptr;
-  }
+  for (SockRec*** list : {&work->sockets, &work->readable, &work->writable, &work->exceptional}) Free(list);
+  for (fd_set** set : {&work->readSet, &work->writeSet, &work->exceptSet}) Free(set);
 }
 
 int PostSocket(SockPostData* work, const PostTimeout* timeout, int* status) {

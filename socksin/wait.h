@@ -6,12 +6,17 @@
  *
  * Results  1 when something was ready: the output lists are filled, in the order of the input lists, and terminated.
  *          0 when the wait failed or timed out: the output lists are untouched, not even terminated
- * status   0; errno of select (EINTR when a signal arrived); 9000 timed out; ENOMEM, see below
+ * status   0; errno of select (EINTR when a signal arrived); 9000 timed out; ENOMEM, see below; EINVAL for a record
+ *          whose size is below 1: its lists have no room for a terminator, and nothing is read or written there
  * Blocks   in select, for at most the timeout
  * Memory   a wait allocates nothing while all descriptors are below 1024. With a descriptor of 1024 or more it
  *          allocates descriptor sets sized from the highest one and releases them before it returns; without memory for
  *          them the result is 0 and the status ENOMEM
- * A socket whose fd is negative is passed over. */
+ * A socket whose fd is negative is passed over. A descriptor that was closed without its record being told is an error
+ * of the application, and select does not always report it: below the size of the process's descriptor table the status
+ * is EBADF; above it, such a socket is ignored, or listed as ready when another socket is.
+ * Trace callbacks may change the records and the lists: the result lists are collected from sockets, up to its null
+ * pointer, and from the descriptors as they are at that moment. */
 #ifndef MQNODE_SOCKSIN_WAIT_H
 #define MQNODE_SOCKSIN_WAIT_H
 
@@ -28,7 +33,7 @@ MQ_BEGIN_C
 #define SOCK_POST_SIZE 2513
 
 typedef struct SockPostData {
-  int32_t size;          /* entries of each list, terminator included; at least 1 */
+  int32_t size;          /* entries of each list, terminator included; at least 1 for a wait */
   SockRec** sockets;     /* in: the sockets to wait on */
   SockRec** readable;    /* out: ready to read; null: reading is not watched */
   SockRec** writable;    /* NPostSocket. in: writes are waiting; out: ready to write; null: writing is not watched */
@@ -57,7 +62,8 @@ typedef struct PostTimeout {
 MQ_STATIC_ASSERT(sizeof(PostTimeout) == 8, "PostTimeout is 8 bytes");
 MQ_STATIC_ASSERT(offsetof(PostTimeout, sec) == 4, "PostTimeout.sec");
 
-/* InitSocketPostData - set up a work record for size - 1 sockets: four lists and three sets, from malloc.
+/* InitSocketPostData - set up a work record for size - 1 sockets: four lists and three sets, from malloc. A size below
+ * 1 makes a record that no wait accepts.
  * Result  1; 0 without memory: release the record with FreeSocketPostData all the same */
 MQ_API int InitSocketPostData(SockPostData* work, int size);
 
