@@ -16,22 +16,30 @@ namespace {
 
 const sockaddr* Address(const sockaddr_in* in) { return reinterpret_cast<const sockaddr*>(in); }
 
-// Returns the errno of a connect that failed; 0 when it succeeded or the socket was connected already.
-int Connect(SockRec* rec, const SockAddrRec* target, const sockaddr_in* sin) {
-  int code = connect(rec->fd, Address(sin), sizeof *sin) < 0 ? errno : 0;
+// The result of a socket call, and errno when it failed.
+struct Outcome {
+  bool failed;
+  int code;
+};
+
+// Only the result says whether a call failed: errno may be left over from before, and may be 0 after a failure.
+Outcome Judge(int result) { return result == -1 ? Outcome{true, errno} : Outcome{false, 0}; }
+
+// A socket that is connected already counts as connected now.
+Outcome Connect(SockRec* rec, const SockAddrRec* target, const sockaddr_in* sin) {
+  Outcome outcome = Judge(connect(rec->fd, Address(sin), sizeof *sin));
   rec->from = *target;
   rec->name = *target;
-  rec->error = code;
-  if (code == EISCONN) code = 0;
-  if (code == 0) IpAddrToSocketAddr(&rec->from, sin, rec->from.protocol);
-  return code;
+  rec->error = outcome.code;
+  if (outcome.code == EISCONN) outcome = {false, 0};
+  if (!outcome.failed) IpAddrToSocketAddr(&rec->from, sin, rec->from.protocol);
+  return outcome;
 }
 
-// Returns the errno of a bind that failed, else 0.
-int Bind(SockRec* rec, const sockaddr_in* sin) {
-  if (bind(rec->fd, Address(sin), sizeof *sin) == -1) return errno;
-  IpAddrToSocketAddr(&rec->name, sin, rec->name.protocol);
-  return 0;
+Outcome Bind(SockRec* rec, const sockaddr_in* sin) {
+  const Outcome outcome = Judge(bind(rec->fd, Address(sin), sizeof *sin));
+  if (!outcome.failed) IpAddrToSocketAddr(&rec->name, sin, rec->name.protocol);
+  return outcome;
 }
 
 }  // namespace
@@ -47,13 +55,13 @@ int SockAction(SockRec* rec, SockAddrRec* addrRec, int action) {
   mq::CopyField(rec->name.host, info.nodename);
   mq::CopyField(rec->name.protocol, addrRec->protocol);
 
-  int code = 0;
-  if (action == SOCK_ACTION_CONNECT) code = Connect(rec, addrRec, &sin);
-  if (action == SOCK_ACTION_BIND) code = Bind(rec, &sin);
+  Outcome outcome = {false, 0};
+  if (action == SOCK_ACTION_CONNECT) outcome = Connect(rec, addrRec, &sin);
+  if (action == SOCK_ACTION_BIND) outcome = Bind(rec, &sin);
 
   *addrRec = rec->name;
-  rec->error = code == EINPROGRESS ? SOCK_WOULD_BLOCK : code;
-  return code == 0 || code == EISCONN;
+  rec->error = outcome.code == EINPROGRESS ? SOCK_WOULD_BLOCK : outcome.code;
+  return !outcome.failed || outcome.code == EISCONN;
 }
 
 int ConnectSocket(SockRec* rec, SockAddrRec* target) {

@@ -440,6 +440,7 @@ TEST_F(SocketTest, ConnectKeepsTheTargetAsNameAndFrom) {
 }
 
 TEST_F(SocketTest, ConnectFailures) {
+  constexpr int kReal = -1;  // nothing listens
   const ClosedPort closed;
   const std::string port = std::to_string(closed.port());
   const std::string target_text = "127.0.0.1 - " + port + " tcp " + port;
@@ -447,12 +448,17 @@ TEST_F(SocketTest, ConnectFailures) {
     int inject;
     const char* state;
     int reported;
-  } rows[] = {{0, "0 111/5 0", 111}, {EINPROGRESS, "0 11/5 0", 11}, {EINTR, "0 4/5 0", 4}, {EAGAIN, "0 11/5 0", 11}};
+  } rows[] = {{kReal, "0 111/5 0", 111},
+              {EINPROGRESS, "0 11/5 0", 11},
+              {EINTR, "0 4/5 0", 4},
+              {EAGAIN, "0 11/5 0", 11},
+              {0, "0 0/5 0", 0}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.inject);
     Create();
     rec_.connected = 1;
-    if (row.inject != 0) Platform::Fail("connect", 1, row.inject);
+    errno = 0;
+    if (row.inject != kReal) Platform::Fail("connect", 1, row.inject);
     SockAddrRec target = AddressOf("127.0.0.1", closed.port());
     EXPECT_EQ(State(ConnectSocket(&rec_, &target), rec_), row.state);
     EXPECT_EQ(Text(target), target_text);
@@ -745,10 +751,20 @@ TEST_F(TransferTest, DatagramsNoteTheirSender) {
   peer_.SendTo(port_, "");
   EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "0 9004/5 0 5 0") << "an empty datagram";
 
+  // The type counts when something has arrived.
+  rec_.from = {};
+  rec_.type = SOCK_TYPE_STREAM;
+  Trace::on_socket = [&](std::string_view, SockRec* rec) { rec->type = SOCK_TYPE_DATAGRAM; };
+  peer_.SendTo(port_, "again");
+  EXPECT_EQ(ReadSocket(&rec_, &in.buffer), 1);
+  EXPECT_EQ(Text(rec_.from), "- 127.0.0.1 " + sender + " - " + sender);
+  Trace::on_socket = nullptr;
+  Trace::Take();
+
   rec_.type = 3;
   rec_.from = {};
   peer_.SendTo(port_, "other");
-  EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "1 0/5 0 10 0");
+  EXPECT_EQ(State(ReadSocket(&rec_, &in.buffer), rec_, in), "1 0/5 0 15 0");
   EXPECT_EQ(Text(rec_.from), "- - - - 0") << "no type that notes senders";
 }
 
