@@ -56,11 +56,14 @@ void FillNodeUser(MsgHeader* header, const MQNode* node) {
   memcpy(header->userId, &field, kUserLength);
 }
 
-// The user may be the header's own field.
-[[gnu::noinline]] void FillUser(MsgHeader* header, const char* user) {
-  char userId[kUserLength];
-  mq::FillField(userId, user);
-  memcpy(header->userId, userId, sizeof userId);
+struct UserId {
+  char text[kUserLength];
+};
+
+[[gnu::noinline]] UserId TakeUser(const char* user) {
+  UserId taken;
+  mq::FillField(taken.text, user);
+  return taken;
 }
 
 void FillEnvelope(PcfMessage* msg, const MQNode* node) {
@@ -87,15 +90,19 @@ int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContex
 [[gnu::always_inline]] inline int WritePlain(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user,
                                              int highPriority) {
   mq::Trace("mnWriteMsg", node);
+  // Another user may be text anywhere in the message, which changes from here on.
+  const bool asNode = user == node->user;
+  UserId other;
+  if (!asNode) other = TakeUser(user);
   node->error = MQ_OK;
   PcfRawData* const raw = &msg->raw;
   if (!IsWritable(*raw)) return Fail(node, MQ_BAD_MESSAGE);
   mq::FillHeader(raw);
   MsgHeader* const header = mq::HeaderOf(raw->data);
-  if (user == node->user) {
+  if (asNode) {
     FillNodeUser(header, node);
   } else {
-    FillUser(header, user);
+    memcpy(header->userId, other.text, sizeof other.text);
   }
   CopyApplName(header, node);
 

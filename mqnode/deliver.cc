@@ -3,20 +3,20 @@
 // Invariant: a descriptor is in the queue or released when a call returns, never both, never neither.
 #include "mqnode/deliver.h"
 
-#include <cstddef>
-
 #include "mqnode/deliver.hh"
 
 namespace {
 
-// On a datagram node the queue holds these: a descriptor that keeps its destination. As the descriptor comes first,
-// every path that releases one releases the other.
+// A queued datagram: a write descriptor that keeps its destination. As the descriptor comes first, every path that
+// releases one releases the other.
 struct DatagramWrite {
   IoBuffer io;
   SockAddrRec to;
-  bool hasDestination;
 };
-static_assert(offsetof(DatagramWrite, io) == 0);
+
+// Marks the descriptor of a DatagramWrite in a field that is 0 in every other write descriptor. It depends on the
+// address, so that a copy of the descriptor carries no valid mark.
+uint32_t MarkOf(const IoBuffer* desc) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(desc) >> 4) | 1u; }
 
 bool IsStream(const MQNode* node) { return node->sock.type == SOCK_TYPE_STREAM; }
 
@@ -31,16 +31,21 @@ void CountDown(MQNode* node) {
   if (node->writesOutstanding > 0) node->writesOutstanding -= 1;
 }
 
-// Turns a descriptor into one that remembers where it goes; null without memory, desc is unchanged then.
-IoBuffer* KeepDestination(IoBuffer* desc, const SockAddrRec* to) {
+// Turns a descriptor into one that keeps its destination; null without memory, desc is unchanged then.
+IoBuffer* KeepDestination(IoBuffer* desc, const SockAddrRec& to) {
   void* block = nullptr;
   if (!fNewMemory(&block, sizeof(DatagramWrite), "MQNODE")) return nullptr;
   auto* const write = static_cast<DatagramWrite*>(block);
   write->io = *desc;
-  write->hasDestination = to != nullptr;
-  if (to != nullptr) write->to = *to;
+  write->io.received = MarkOf(&write->io);
+  write->to = to;
   FreeMemory(desc);
   return &write->io;
+}
+
+// The destination that a queued descriptor keeps; null when it keeps none, as one that an application queued.
+SockAddrRec* DestinationOf(IoBuffer* desc) {
+  return desc->received == MarkOf(desc) ? &reinterpret_cast<DatagramWrite*>(desc)->to : nullptr;
 }
 
 // Puts a descriptor on the queue, which exists. A put cannot report that it had no memory: the depth tells.
@@ -52,7 +57,7 @@ bool Put(Queue* queue, void (*put)(Queue*, void*), IoBuffer* desc) {
 
 // Queues desc, which the queue then owns; without memory it is released, error is 11 and the result 0.
 int Enqueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc, void (*put)(Queue*, void*)) {
-  IoBuffer* const kept = IsStream(node) ? desc : KeepDestination(desc, to);
+  IoBuffer* const kept = IsStream(node) || to == nullptr ? desc : KeepDestination(desc, *to);
   if (kept == nullptr) return Drop(node, desc, MQ_AGAIN);
   if (!Put(node->pending, put, kept)) return Drop(node, kept, MQ_AGAIN);
   node->writesOutstanding += 1;
@@ -77,9 +82,7 @@ int StartQueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc) {
 
 // Sends a queued descriptor on from where it stopped.
 int SendQueued(MQNode* node, IoBuffer* desc) {
-  if (IsStream(node)) return WriteSocket(&node->sock, desc, nullptr);
-  auto* const write = reinterpret_cast<DatagramWrite*>(desc);
-  return WriteSocket(&node->sock, desc, write->hasDestination ? &write->to : nullptr);
+  return WriteSocket(&node->sock, desc, IsStream(node) ? nullptr : DestinationOf(desc));
 }
 
 // Puts an unfinished descriptor back where it came from; error is left as it is unless there is no memory for that.

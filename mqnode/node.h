@@ -84,7 +84,7 @@ struct MQNode {
   MQPostFn opPost;           /* mnPost */
   MQNodeTraceFn onTrace;     /* may be null */
   SockAddrRec addr;          /* where to connect, or what was bound */
-  Queue* pending;            /* write descriptors that wait to be sent; null when there are none */
+  Queue* pending;            /* write descriptors that wait to be sent (deliver.h); null when there are none */
   uint32_t pendingLimit;     /* advisory limit that pending gets when it is created */
   IoBuffer recvBuffer;       /* what a read has gathered so far */
 };

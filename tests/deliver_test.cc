@@ -116,6 +116,13 @@ TEST_F(DeliverTest, UserOfTheHeader) {
     EXPECT_EQ(row.write(out), 1);
     EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, row.user)) << row.user;
   }
+  // Text anywhere in the message is taken before the header is filled in.
+  for (const size_t at : {0, 8, 12, 64, 84, 140}) {
+    const Message out(1, 4);
+    memcpy(out->raw.data + at, "own", 4);
+    EXPECT_EQ(write(reinterpret_cast<const char*>(out->raw.data + at))(out), 1);
+    EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, "own")) << at;
+  }
   // A host that writes into the node's field may leave something behind its text.
   for (size_t length = 0; length <= 12; ++length) {
     memset(link.node->user, 'x', 12);
@@ -385,6 +392,15 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(WordAt(first.ReadDatagram(), kHeader), 1u);
   EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 2u);
   EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 3u);
+
+  // A write descriptor that an application queued keeps no destination.
+  void* desc = nullptr;
+  ASSERT_TRUE(fNewMemory(&desc, sizeof(IoBuffer), "MQNODE"));
+  CreateBuffer(static_cast<IoBuffer*>(desc), 160);
+  node->pending = Qalloc();
+  Qput(node->pending, desc);
+  EXPECT_EQ(mnFinishWrite(node), 0);
+  EXPECT_EQ(node->sock.error, 89);
 }
 
 }  // namespace
