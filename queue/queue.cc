@@ -37,7 +37,7 @@ Queue* Qalloc(void) {
 }
 
 void Qfree(Queue** pq) {
-  if (*pq == nullptr) return;
+  if (pq == nullptr || *pq == nullptr) return;
   for (QueueEntry* entry = (*pq)->head; entry != nullptr;) {
     QueueEntry* const next = entry->next;
     if (entry->item != nullptr) FreeMemory(entry->item);

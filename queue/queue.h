@@ -44,7 +44,7 @@ MQ_STATIC_ASSERT(offsetof(Queue, limit) == 28, "Queue.limit");
 MQ_API Queue* Qalloc(void);
 
 /* Qfree - release a queue with its entries and the items still queued, and store null through pq.
- *   pq      in/out  the caller's pointer; when it is null already, nothing happens */
+ *   pq      in/out  the caller's pointer; when pq or the queue is null, nothing happens */
 MQ_API void Qfree(Queue** pq);
 
 /* Qput - append item at the tail. Without memory nothing is queued and nothing is reported: compare Qdepth. */

@@ -139,6 +139,7 @@ TEST_F(QueueTest, NullQueue) {
               EXPECT_EQ(IsQReady(nullptr), 1);
               Queue* none = nullptr;
               Qfree(&none);
+              Qfree(nullptr);
             }),
             "");
 }
