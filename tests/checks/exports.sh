@@ -6,7 +6,7 @@ library=$1
 cd "$(dirname "$0")/../.."
 
 exported() {
-  nm -D --defined-only "$library" | awk '{ print $3 }' | sed 's/@.*//' | grep -vx 'MQNODE_1\.0'
+  nm -D --defined-only "$library" | awk '{ print $3 }'
 }
 
 listed() {
