@@ -96,7 +96,8 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "a wait: call again. A read or write of a blocking node has lost what was gathered, or the message: close the "
        "node, "
        "and install handlers with SA_RESTART"},
-      {EBADF, kAll, "EBADF", NULL, "the descriptor is not open", "any call on a socket that was closed elsewhere",
+      {EBADF, kAll, "EBADF", NULL, "the descriptor is not open",
+       "any call on a socket that was closed elsewhere; waits report it for low numbers alone",
        "find who closed the descriptor; a closed node can only be deleted"},
       {EAGAIN, MQ_IN_SOCKET, "SOCK_WOULD_BLOCK", "EAGAIN", "it would block, or a connect is in progress",
        "calls on non-blocking sockets; EINPROGRESS is stored as this",
@@ -109,7 +110,8 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
       {EFAULT, kAll, "EFAULT", NULL, "an address outside the process's memory was given", "any socket call",
        "a record was released or overwritten: run the host under a memory checker"},
       {EINVAL, kAll, "EINVAL", NULL, "an argument is not valid here",
-       "bind of a bound socket, accept on a socket that does not listen, options out of range",
+       "bind of a bound socket, accept on a socket that does not listen, options out of range; a wait with a "
+       "work record of size 0",
        "check the order of the calls and the values"},
       {ENFILE, kBoth, "ENFILE", NULL, "the system has no descriptors left", "creating nodes, accepting",
        "close files, or raise fs.file-max"},

@@ -40,10 +40,12 @@ enum { SOCK_TYPE_STREAM = 1, SOCK_TYPE_DATAGRAM = 2 };
 typedef struct SockRec SockRec;
 
 /* Called once for each reported failure, after error was set. Its result is kept in errorResult; it cannot stop or
- * repeat the operation. */
+ * repeat the operation. The operation goes on to use the record, and in the node layer its node: a callback reads them
+ * and may set callbacks, but must not transfer on, close or delete them, nor delete a node that the operation works
+ * on. */
 typedef int (*SockErrorFn)(SockRec* rec);
 
-/* Called at each trace point with the point's name. */
+/* Called at each trace point with the point's name. What SockErrorFn must not do, it must not do either. */
 typedef void (*SockTraceFn)(const char* point, SockRec* rec);
 
 /* A socket name held as text. Callers fill host, ip, service and protocol; the layer writes port, and the others where
