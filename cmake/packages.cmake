@@ -1,7 +1,8 @@
 # Debian packages, one a component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools. From a build folder:
 #   cpack -G DEB
-# tests/packages_test.sh does that and has lintian look at the result. To publish packages, set MQNODE_MAINTAINER.
-set(MQNODE_MAINTAINER "mqnode maintainers <maintainers@lists.mqnode.dev>" CACHE STRING
+# tests/packages_test.sh does that and has lintian look at the result. There is no address for mail yet: to publish
+# packages, set MQNODE_MAINTAINER.
+set(MQNODE_MAINTAINER "the mqnode authors <maintainers@mqnode.invalid>" CACHE STRING
   "Maintainer field of the packages")
 # Not a revision of Debian's: 0, and one of ours.
 set(MQNODE_PACKAGE_RELEASE 0mq1)
@@ -9,7 +10,8 @@ set(MQNODE_PACKAGE_VERSION ${PROJECT_VERSION}-${MQNODE_PACKAGE_RELEASE})
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME mqnode)
-set(CPACK_PACKAGE_VENDOR "mqnode maintainers")
+set(CPACK_PACKAGE_VENDOR "the mqnode authors")
+set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
