@@ -102,6 +102,7 @@ int AcceptClient(SockRec* listener, SockRec* child) {
     mq::RunSocketTrace("AcceptClient:After", listener);
     return 0;
   }
+  mq::CloseOnExec(fd);
   InitSocket(child);
   child->fd = fd;
   IpAddrToSocketAddr(&child->name, &peer, child->name.protocol);

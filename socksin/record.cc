@@ -4,6 +4,7 @@
 #include "socksin/record.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -44,6 +45,17 @@ int ChangeFlags(SockRec* rec, int set, int clear, const char* point) {
 
 }  // namespace
 
+namespace mq {
+
+// errno stays: lookups report what an earlier call left there.
+void CloseOnExec(int fd) {
+  const int before = errno;
+  ioctl(fd, FIOCLEX);
+  errno = before;
+}
+
+}  // namespace mq
+
 int InitSocket(SockRec* rec) {
   memset(rec, 0, sizeof *rec);
   rec->fd = kNoDescriptor;
@@ -60,7 +72,12 @@ int CreateAnySocket(SockRec* rec, int domain, int type) {
   rec->domain = static_cast<uint32_t>(domain);
   rec->type = static_cast<uint32_t>(type);
   rec->fd = socket(domain, type, static_cast<int>(rec->protocol));
-  const int result = rec->fd == -1 ? mq::ReportFailure(rec, errno) : 1;
+  int result = 1;
+  if (rec->fd == -1) {
+    result = mq::ReportFailure(rec, errno);
+  } else {
+    mq::CloseOnExec(rec->fd);
+  }
   mq::RunSocketTrace("CreateAnySocket", rec);
   return result;
 }

@@ -7,7 +7,9 @@
  *              is kept in errorResult (0 without a callback); the operation then goes on to its closing trace point.
  *   Trace      a trace point calls rec->onTrace, when set, with a fixed name and the record.
  *   Pointers   required and not checked, unless a function says otherwise.
- *   Ownership  a SockRec belongs to whoever holds it, by value; the layer never allocates or frees one.
+ *   Ownership  a SockRec belongs to its holder, by value; the layer never allocates or frees one.
+ *   exec       created and accepted sockets are close-on-exec: a program that the process starts does not inherit them.
+ *              An adopted descriptor keeps the flags that it has. A child of fork without exec inherits all of them
  *   Threads    one thread at a time uses a record. No locks. G_socket_trace is set before other threads use records.
  *              Names are looked up by one thread at a time in the whole process, since the system library keeps its
  *              answers in one place; so it does with the time of day in lines that DeleteSocket and bTcpipNotActive

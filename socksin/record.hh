@@ -5,6 +5,9 @@
 
 namespace mq {
 
+// Keeps a descriptor from programs that the process starts.
+void CloseOnExec(int fd);
+
 // Runs a trace point on the record.
 inline void RunSocketTrace(const char* point, SockRec* rec) {
   if (rec->onTrace != nullptr) rec->onTrace(point, rec);

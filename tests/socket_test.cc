@@ -93,6 +93,7 @@ TEST_F(SocketTest, CreationResetsTheRecordAndTakesTheDefaultTrace) {
     ASSERT_EQ(getsockopt(rec.fd, SOL_SOCKET, SO_TYPE, &type, &length), 0);
     EXPECT_EQ(type, static_cast<int>(row.type));
     EXPECT_EQ(fcntl(rec.fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(rec.fd, F_GETFD), row.create == rows[3].create ? 0 : FD_CLOEXEC);
 
     SockRec expected;
     memset(&expected, 0, sizeof expected);
@@ -572,6 +573,7 @@ TEST_F(SocketTest, ListenAndAccept) {
   expected.type = 1;
   expected.protocol = 6;
   expected.connected = 1;
+  EXPECT_EQ(fcntl(child.fd, F_GETFD), FD_CLOEXEC);
   expected.name = AddressOf("", std::to_string(client.port()), "", "127.0.0.1");
   expected.name.port = static_cast<uint32_t>(client.port());
   EXPECT_EQ(memcmp(&child, &expected, sizeof child), 0);
