@@ -3,6 +3,8 @@
 // Invariant: of the caller's area only its first 48 bytes and those it asked to clear are written.
 #include "mqnode/identity.h"
 
+#include <sys/auxv.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,22 +26,49 @@ constexpr size_t kLongestHome = 244;  // leaves room for a slash and a process i
 constexpr char kUnknown[] = "UNKNOWN";
 constexpr char kListingCommand[] = "ps -p %d | grep -v CMD | grep -v COMMAND  | awk '{print $4}'  > $TEVRA_HOME/%d";
 
-// Runs the listing and reads the first line of what it wrote; the line is empty when it wrote nothing.
-bool ReadCommandName(int pid, const char* home, char (&line)[kLineSize]) {
-  char command[kCommandSize];
-  snprintf(command, sizeof command, kListingCommand, pid, pid);
-  // What the shell says of itself does not matter: the file tells whether there is a name.
-  [[maybe_unused]] const int status = system(command);
+bool IsOwnFile(const struct stat& file) { return S_ISREG(file.st_mode) && file.st_uid == geteuid(); }
 
-  char path[kPathSize];
-  snprintf(path, sizeof path, "%s/%d", home, pid);
-  FILE* const file = fopen(path, "r");
-  if (file == nullptr) return false;
+// Makes sure that the shell creates the scratch file. One that this user left behind is removed; anything else at that
+// place, a symbolic link or a FIFO, may have been put there by another user: the shell would write through it.
+bool ClearPath(const char* path) {
+  struct stat there;
+  if (lstat(path, &there) != 0) return true;
+  return IsOwnFile(there) && remove(path) == 0;
+}
+
+// Reads the first line of the scratch file; the line is empty when the file is.
+bool ReadLine(FILE* file, char (&line)[kLineSize]) {
+  struct stat read;
+  if (fstat(fileno(file), &read) != 0 || !IsOwnFile(read)) return false;
   line[0] = '\0';
   if (fgets(line, sizeof line, file) == nullptr) line[0] = '\0';
+  return true;
+}
+
+// Runs the listing and reads the first line of what it wrote.
+bool ReadCommandName(int pid, const char* home, char (&line)[kLineSize]) {
+  char path[kPathSize];
+  snprintf(path, sizeof path, "%s/%d", home, pid);
+  if (!ClearPath(path)) return false;
+
+  char command[kCommandSize];
+  snprintf(command, sizeof command, kListingCommand, pid, pid);
+  // The shell's status does not matter: the file tells whether there is a name.
+  [[maybe_unused]] const int status = system(command);
+
+  FILE* const file = fopen(path, "r");
+  if (file == nullptr) return false;
+  const bool own = ReadLine(file, line);
   fclose(file);
   remove(path);
-  return true;
+  return own;
+}
+
+// The name travels in messages and ends up on terminals.
+void ReplaceUnprintable(char* name) {
+  for (; *name != '\0'; ++name) {
+    if (*name < ' ' || *name > '~') *name = '?';
+  }
 }
 
 // Cuts the newline off the end of the line, looking no further back than to the last blank.
@@ -64,6 +93,8 @@ int GetApplName(char* out, int* len) {
   const int pid = getpid();
   const char* const home = getenv("TEVRA_HOME");
   if (home == nullptr || pid == 0 || strlen(home) > kLongestHome) return 1;
+  // A process with more rights than its caller does not run commands that the caller's environment chooses.
+  if (getauxval(AT_SECURE) != 0) return 1;
   char line[kLineSize];
   if (!ReadCommandName(pid, home, line)) return 1;
 
@@ -72,6 +103,7 @@ int GetApplName(char* out, int* len) {
   mq::CopyPadded(name, sizeof name, line, kNameLength);
   strip_spaces(name);
   strupper(name);
+  ReplaceUnprintable(name);
   *len = static_cast<int>(strnlen(name, kNameLength));
   // Taking out blanks leaves characters behind the terminator; they are no part of the name.
   mq::CopyPadded(out, kNameLength, name, kNameLength);

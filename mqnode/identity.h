@@ -2,7 +2,12 @@
  *
  * Each node takes the name of the calling program when it is created. The name is found through a shell pipeline, and
  * only when the environment variable TEVRA_HOME names a scratch directory: the pipeline writes a file named by the
- * process id there, which is read and removed. Whoever can set TEVRA_HOME decides what the shell sees. */
+ * process id there, which is read and removed.
+ *
+ * TEVRA_HOME is trusted: it decides where the shell writes, and the environment decides which ps the shell runs. Name a
+ * directory that no other user can write to. The variable is ignored in a process that has more rights than its caller
+ * (set-user-ID, capabilities). When something other than a file of this user is found under the process id, no command
+ * is run. That leaves one gap: a user who can write to the directory can put a link there after that check. */
 #ifndef MQNODE_MQNODE_IDENTITY_H
 #define MQNODE_MQNODE_IDENTITY_H
 
@@ -18,9 +23,9 @@ extern MQ_API char G_szApplName[49];
 MQ_API void SetApplName(const char* name);
 
 /* GetApplName - the calling program's command name in upper case, without blanks.
- *   out     out     at least 48 bytes, and as many as len says; "UNKNOWN" when TEVRA_HOME is not set or longer than 244
- *                   characters, or the scratch file cannot be opened. A name of 48 characters fills it without a
- *                   terminator
+ *   out     out     at least 48 bytes, and as many as len says; "UNKNOWN" when TEVRA_HOME is not set, ignored or longer
+ *                   than 244 characters, or the scratch file cannot be opened or is not this user's. Characters that
+ *                   are not printable ASCII are replaced by "?". A name of 48 characters fills it without a terminator
  *   len     in/out  bytes of out to clear first; then the length of the name, 0 for "UNKNOWN"
  * Always 1. Starts a shell and waits for it when TEVRA_HOME is set. */
 MQ_API int GetApplName(char* out, int* len);

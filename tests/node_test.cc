@@ -182,6 +182,7 @@ TEST_F(NodeTest, ApplicationNameFromWhatTheListingWrote) {
       {std::string(600, 'z'), "ZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZZ 48"},
       // The newline is cut before blanks are taken out, and only behind the last blank.
       {"a\t\n", "A 1"},
+      {"\033[2Jab\x9b\n", "?[2JAB? 7"},
   };
   for (const auto& row : rows) {
     Platform::OnSystem([&row](const char*) {
@@ -211,6 +212,30 @@ TEST_F(NodeTest, ApplicationNameWithoutAListing) {
   int length = 0;
   EXPECT_EQ(GetApplName(name, &length), 1) << "8 bytes are written whatever the length says";
   EXPECT_EQ(std::string(name), "UNKNOWN");
+}
+
+// Only a file that the shell has made counts: what another user may have planted is neither written to nor read.
+TEST_F(NodeTest, ApplicationNameFromAPlantedFile) {
+  setenv("TEVRA_HOME", ::testing::TempDir().c_str(), 1);
+  const std::string path = ScratchPath();
+  const auto plant = [&path](const char* kind) {
+    remove(path.c_str());
+    if (*kind == 'l') return symlink("/dev/null", path.c_str());
+    if (*kind == 'p') return mkfifo(path.c_str(), 0600);
+    std::ofstream(path) << "stale";
+    return 0;
+  };
+  for (const char* const kind : {"link", "pipe"}) {
+    ASSERT_EQ(plant(kind), 0);
+    EXPECT_EQ(ApplName(), "UNKNOWN 0, nothing run") << kind;
+    EXPECT_EQ(access(path.c_str(), F_OK), 0) << kind;
+  }
+  Platform::OnSystem([&plant](const char*) { return plant("link"); });
+  remove(path.c_str());
+  EXPECT_EQ(ApplName(), "UNKNOWN 0") << "planted meanwhile";
+  plant("file");
+  Platform::OnSystem([](const char*) { return 1; });
+  EXPECT_EQ(ApplName(), "UNKNOWN 0") << "a file that an earlier process left";
 }
 
 TEST_F(NodeTest, ApplicationNameIsThisProgram) {
