@@ -197,6 +197,10 @@ TEST_F(NodeTest, ApplicationNameFromWhatTheListingWrote) {
             "ps -p " + pid + " | grep -v CMD | grep -v COMMAND  | awk '{print $4}'  > $TEVRA_HOME/" + pid);
   Platform::OnSystem([&](const char*) { return std::ofstream(ScratchPath()) << fifty, 0; });
   EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV");
+  // Taking the name leaves no errno behind for the lookup.
+  SockAddrRec address = AddressOf("127.0.0.1", "nosuch", "tcp");
+  errno = 0;
+  EXPECT_EQ(Node(CreateMQNode(&address, MQ_ROLE_LISTEN))->error, SOCK_SERVICE_UNKNOWN);
 }
 
 TEST_F(NodeTest, ApplicationNameWithoutAListing) {
