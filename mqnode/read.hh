@@ -74,15 +74,16 @@ template <const Framing& kFraming, uint32_t kType>
   node->error = MQ_OK;
   if (kDatagram && buf->received == 0) buf->length = buf->capacity;
   if (buf->length > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
-  bool complete = buf->received >= buf->length;
-  do {
-    if (!complete && !(kDatagram ? ReadSocket(&node->sock, buf) : ReceiveStream(&node->sock, buf)))
+  bool receive = buf->received < buf->length;
+  for (;;) {
+    if (receive && !(kDatagram ? ReadSocket(&node->sock, buf) : ReceiveStream(&node->sock, buf))) {
       return FailReceive(node, kFraming);
+    }
     if (kDatagram) buf->length = buf->received;
     if (HasWrongFirstWord(buf, kFraming)) return FailGather(node, kFraming, MQ_BAD_MESSAGE);
-    complete = buf->received >= buf->length;
-  } while (!complete);
-  return 1;
+    if (buf->received >= buf->length) return 1;
+    receive = true;
+  }
 }
 
 template <const Framing& kFraming>
@@ -113,7 +114,7 @@ template <const Framing& kFraming, uint32_t kType, auto kConvert, auto kDeliver>
   node->error = MQ_OK;
   const bool idle = buf->received == 0;
   const uint32_t idleLength = kType == SOCK_TYPE_DATAGRAM ? buf->capacity : kFraming.headerLength;
-  const bool armed = buf->length == idleLength && (kType == SOCK_TYPE_STREAM || idleLength >= kFraming.headerLength);
+  const bool armed = buf->length == idleLength && buf->capacity >= kFraming.headerLength;
   if (idle && !armed && !Rearm(node, kFraming)) return FailRead(node, kFraming, MQ_NO_ROOM);
   const bool inRest = !idle && buf->length > kFraming.headerLength && kType == SOCK_TYPE_STREAM;
   if (!Gather<kFraming, kType>(node)) return EndRead(node, kFraming, 0);
