@@ -2,10 +2,13 @@
  *   datagram_server HOST SERVICE      service 0 lets the kernel pick. The port is printed.
  * answers.h says what it does not answer, and how often it answers an address. */
 #include <signal.h>
+#include <time.h>
 
 #include "answers.h"
 #include "example.h"
 #include "limits.h"
+
+enum { MOST_PENDING = 64 }; /* answers that wait for the socket; those beyond are lost, as datagrams may be */
 
 typedef struct Server {
   MQNode* node;
@@ -13,7 +16,7 @@ typedef struct Server {
   PcfMessage* out;
   Answers answers;
   Teller teller;
-  long second; /* the one that the teller counts lines of */
+  long second; /* of the lines and answers that are counted */
 } Server;
 
 static volatile sig_atomic_t stop;
@@ -42,7 +45,7 @@ static void serve(Server* server) {
   GetFromAddr(&node->sock, &sender);
   if (mqc_command(in) != COMMAND_ASK || is_answer(in)) return;
   if (!mqc_find(in, PARAM_TEXT, &text) || text.type != MQC_TEXT) return;
-  if (!may_answer(&server->answers, &sender, now_seconds(), MOST_ANSWERS)) return;
+  if (!may_answer(&server->answers, &sender, server->second, MOST_ANSWERS)) return;
   if (!mqc_begin(out, COMMAND_ANSWER) || !mqc_add_text(out, PARAM_TEXT, text.text) || !mark_answer(out) ||
       !mnWriteTo(out, node, &sender)) {
     tell_failed(server, "write");
@@ -54,14 +57,14 @@ static int run(Server* server) {
   MQNode *listening[2], *readable[2], *writable[2];
   int status;
   while (!stop) {
+    if (server->second != (long)time(NULL)) tell_untold(&server->teller);
+    server->second = (long)time(NULL);
     if (mnNPost(nodes, listening, readable, writable, 1, &status)) {
       if (writable[0] != NULL && !mnFinishWrite(server->node)) tell_failed(server, "write");
       if (readable[0] != NULL) serve(server);
     } else if (status != SOCK_WAIT_TIMEOUT && status != EINTR) {
       return 0;
     }
-    if (server->second != now_seconds()) tell_untold(&server->teller);
-    server->second = now_seconds();
   }
   return 1;
 }
@@ -83,7 +86,7 @@ int main(int argc, char** argv) {
   if (server.in == NULL || server.out == NULL || IsNodeFailed(server.node)) {
     failed("bind", server.node);
   } else {
-    server.node->writeLimit = MOST_QUEUED;
+    server.node->writeLimit = MOST_PENDING;
     ok = NoblockSocket(&server.node->sock) && print_port(server.node) && run(&server);
   }
   DeleteMQNode(server.node);
