@@ -250,16 +250,28 @@ row 4 "to 127.0.0.1:$port" "$mqcat" send 127.0.0.1 "$port" -c 1 -q --repeat 1000
 await bounds.err 1 "a message of 1160 bytes is too long (--max-message)"
 stop bounds 0 "3 clients, 3 dropped"
 
-# Without descriptors the listener neither spins nor gives up. Standard streams, the listener and one client take five.
+# A client that never reads: its messages stay where they are once 1 MiB of answers wait, far below 64 of them.
+start never --echo --format quiet
+perl -MIO::Socket::INET -e '
+  my $body = pack("V5", 1, 1, 1, 4, 900000) . "\0" x 900000;
+  my $peer = IO::Socket::INET->new("127.0.0.1:$ARGV[0]") or die;
+  $SIG{ALRM} = sub { exit };
+  alarm 1;
+  print $peer pack("V4 x48 V x68", 136, 1, 0, 1, length $body), $body while 1' "$port"
+stop never 0 "not delivered"
+[ "$(sed -n 's/^mqcat: \([0-9]*\) messages.*/\1/p' never.err)" -lt 30 ] || fail "read too much: $(cat never.err)"
+
+# Without descriptors the listener neither spins nor gives up.
 : >few.err
-(ulimit -n 5 && exec "$mqcat" listen 0 --echo --format quiet) >few.out 2>few.err &
+(ulimit -n 20 && exec "$mqcat" listen 0 --echo --format quiet) >few.out 2>few.err &
 listener=$!
 listeners+=("$listener")
 await few.err 1 "listening on"
 port=$(sed -n 's/.*:\([0-9]*\)$/\1/p' few.err)
-exec {first}<>"/dev/tcp/127.0.0.1/$port" {second}<>"/dev/tcp/127.0.0.1/$port"
+many=()
+for ((i = 0; i < 20; i++)); do exec {one}<>"/dev/tcp/127.0.0.1/$port" && many+=("$one"); done
 await few.err 1 "EMFILE"
-exec {first}>&- {second}>&-
+for one in "${many[@]}"; do exec {one}>&-; done
 row 0 "0% loss" "$mqcat" ping 127.0.0.1 "$port" -c 1 -W 5
 stop few 0 "1 message"
 [ "$(grep -c EMFILE few.err)" -lt 10 ] || fail "a listener without descriptors said so $(grep -c EMFILE few.err) times"
