@@ -412,8 +412,8 @@ class NodeRef {
   Result browse(MessageRef msg) const noexcept { return outcome(mnBrowse(msg.get(), pointer_)); }
 
   // mnWrite, mnSWrite on a stream node; mnWriteTo, mnSWriteTo on a datagram node, where to may not be sender() itself
-  // but a copy. True: sent or queued, the record may be used again. False after a part was sent: the node is closed, and
-  // later writes fail with EBADF.
+  // but a copy. True: sent or queued, the record may be used again. False after a part was sent: the node is closed,
+  // and later writes fail with EBADF.
   Result write(MessageRef msg) const noexcept { return written(mnWrite, msg); }
   Result write_to(MessageRef msg, SockAddrRec& to) const noexcept { return written(mnWriteTo, msg, &to); }
   Result write_signed(MessageRef msg, const Signer& signer) const noexcept {
@@ -480,8 +480,8 @@ class NodeRef {
     const int value = function(msg.get(), pointer_, arguments...);
     return of_write(value, pointer_->sock.bytesSent != sent);
   }
-  // A write that was dropped leaves 11 in the node, and the reason in its socket: 0 and 11 there mean no memory. in_part:
-  // the peer may have got a part of what was dropped.
+  // A write that was dropped leaves 11 in the node, and the reason in its socket: 0 and 11 there mean no memory.
+  // in_part: the peer may have got a part of what was dropped.
   Result of_write(int value, bool in_part) const noexcept {
     if (value != 0 || pointer_->error != MQ_AGAIN) return outcome(value);
     const int cause = mq_node_cause(pointer_, nullptr);

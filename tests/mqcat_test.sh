@@ -238,12 +238,12 @@ wait "$greedy"
 stop many 0 "10 clients"
 
 # What a client may cost. Half a message, then nothing: bash keeps the connection.
-start bounds --max-message 1000 --max-clients 2 --max-per-address 1 --midway 0.2
+start bounds --max-message 1000 --max-clients 2 --max-per-address 1 --midway 2
 exec {half}<>"/dev/tcp/127.0.0.1/$port"
 printf '\210\0\0\0' >&"$half"
 row 4 "to 127.0.0.1:$port" "$mqcat" send 127.0.0.1 "$port" -c 1 -q --repeat 1000 --interval 0.01
 await bounds.err 1 "--max-per-address"
-await bounds.err 1 "half a message for 0.2 s (--midway)"
+await bounds.err 1 "half a message for 2 s (--midway)"
 exec {half}>&-
 row 4 "to 127.0.0.1:$port" "$mqcat" send 127.0.0.1 "$port" -c 1 -q --repeat 1000 --interval 0.01 \
   -p "1=$(printf 'x%.0s' {1..1000})"

@@ -57,7 +57,7 @@ void Client::GiveBack() {
   Arm();
 }
 
-// Makes an idle receive buffer ask for a header, so that the gather step alone comes first and its length can be judged.
+// Makes an idle receive buffer ask for a header alone, so that the length can be judged before the rest is gathered.
 void Client::Arm() { ResetBuffer(&node_->recvBuffer, header_); }
 
 }  // namespace mqcat
