@@ -141,7 +141,8 @@ MQ_RUNTIME int mqc_param(const PcfMessage* msg, uint32_t index, MqcParam* out);
  * Result   1; 0 when there is none, out is all zero then */
 MQ_RUNTIME int mqc_find(const PcfMessage* msg, uint32_t id, MqcParam* out);
 
-/* mqc_user - user id in the message's header, as terminated text. Empty for a record without a raw message.
+/* mqc_user - user id in the message's header, as terminated text. Empty for a record without a raw message, and for one
+ * whose last secure read was refused with -1001.
  * The write functions fill it in: before the first write it is empty. */
 MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 
@@ -149,7 +150,8 @@ MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 
 /* mqc_sender - who sent the message that was read last: secHeader.userId as terminated text. After a secure read it is
- * the user whose key signed; after a plain read it is what the sender claimed. */
+ * the user whose key signed; after a plain read it is what the sender claimed. Empty after a secure read that was refused
+ * with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
 /* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.

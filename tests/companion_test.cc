@@ -487,7 +487,7 @@ TEST(Text, UserNameFitsOrIsRefused) {
 
 // ---- Messages ----
 
-void ExpectSample(const PcfMessage* msg) {
+void ExpectSample(const PcfMessage* msg, const char* sender = "alice") {
   MqcParam param = {};
   EXPECT_EQ(mqc_command(msg), 77u);
   ASSERT_EQ(mqc_count(msg), 6u);
@@ -509,7 +509,7 @@ void ExpectSample(const PcfMessage* msg) {
   char user[13], application[49];
   mqc_user(msg, user);
   mqc_application(msg, application);
-  EXPECT_STREQ(user, "alice");
+  EXPECT_STREQ(user, sender);
   EXPECT_STREQ(application, "foreign sender");
 }
 
@@ -786,8 +786,8 @@ int64_t TestClock() { return clock_now; }
 class Security : public testing::Test {
  protected:
   void SetUp() override {
-    clock_now += 1000000;
     mqc_set_clock(TestClock);
+    clock_now += 1000000;
     mqc_ring_clear();
     ASSERT_TRUE(mqc_ring_add("alice", alice_.open, nullptr, 0));
     ASSERT_TRUE(mqc_ring_add("bob", bob_.open, nullptr, 0));
@@ -820,18 +820,34 @@ class Security : public testing::Test {
     PcfMessage* msg = record.get();
     msg->secHeader = envelope;
     if (!mqc_authenticate(&msg->secHeader, &part, msg)) {
+      EXPECT_EQ(Names(msg), "") << "nobody is named";
+      EXPECT_EQ(memcmp(&msg->secHeader, &envelope, sizeof envelope), 0);
       EXPECT_EQ(mqc_count(msg), 0u);
       return false;
     }
     EXPECT_EQ(msg->raw.length + 96, signed_part.size()) << "the trailer is no part of the message";
     const bool read = AlienToNative(&msg->raw) && AlienPcfToNative(msg) && RawToPcf(msg);
     EXPECT_TRUE(read) << mqc_message_error(msg);
-    ExpectSample(msg);
+    const std::string user(envelope.userId, strnlen(envelope.userId, 12));
+    const std::string names = user + "foreign sender" + user;
+    ExpectSample(msg, user.c_str());
+    EXPECT_EQ(Names(msg), names);
     // Refused the second time: what was parsed from a message that is no longer believed is gone.
     msg->raw.length = length;
     EXPECT_FALSE(mqc_authenticate(&msg->secHeader, &part, msg));
     EXPECT_EQ(mqc_count(msg), 0u);
+    EXPECT_EQ(Names(msg), "");
+    msg->raw.length -= 96;  // the plain message, read next into the same record
+    EXPECT_TRUE(AlienPcfToNative(msg) && RawToPcf(msg));
+    EXPECT_EQ(Names(msg), names);
     return read;
+  }
+  static std::string Names(const PcfMessage* msg) {
+    char user[13], application[49], sender[13];
+    mqc_user(msg, user);
+    mqc_application(msg, application);
+    mqc_sender(msg, sender);
+    return std::string(user) + application + sender;
   }
   static std::string Refusal(const Bytes& wire) { return Receive(wire) ? "" : mqc_authenticate_error(); }
 
