@@ -243,20 +243,33 @@ MQ_RUNTIME uint32_t mqc_ring_count(void);
  * A wider window never revives a message that was forgotten. */
 MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
-/* mqc_set_replay_limit - how many accepted messages are remembered at once.
- *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed: 48 to 96 bytes a message once
- *                 full, twice that while the table is rebuilt
- * When the memory is full, messages outside the window are forgotten first, then the oldest ones: from then on a
- * message that is no newer than a forgotten one is refused. When that would refuse messages signed right now, the new
- * message is refused instead. A message is never accepted twice by one process.
- * Result   1; 0 for a value outside, nothing changes then. A smaller limit takes effect with the next message. */
+/* mqc_set_replay_limit - how many accepted messages are remembered at once, those of all users together.
+ *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed, about 80 bytes a message
+ * When the memory is full, a user that holds the most forgets its oldest message, and from then on every message of that
+ * user that is no newer is refused. A user forgets for others only while it holds more than half of an equal share: the
+ * limit divided by the number of users that hold messages. A user that would have to forget a message of this moment
+ * for a message of its own has the new one refused instead. An hour after messages have left the window they are
+ * forgotten as well, two for each message that is accepted from their user.
+ * So one message raises the time up to which a user is refused at most to the time of the oldest message that is
+ * remembered of that user, and nobody else's. A message is accepted once by one process.
+ * Result   1; 0 for a value outside, nothing changes then. A smaller limit makes the users forget before the call
+ *          returns. */
 MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
 
 /* mqc_refuse_before - refuse every message signed at this time or before, until the process ends.
  * What was accepted is remembered by the process, not across a restart. A host that must not accept once more what its
  * predecessor accepted calls this when it starts, with the present time plus what the clocks of its senders may be
- * ahead. A lower value than before changes nothing. */
+ * ahead. A lower value than before changes nothing; mqc_reset_replay can lower it. */
 MQ_RUNTIME void mqc_refuse_before(int64_t time);
+
+/* mqc_reset_replay - forget every accepted message, and every time up to which messages are refused.
+ *   refuse_before  in  messages signed at this time or before are refused, as by mqc_refuse_before; 0 for none
+ * For a process whose clock, and those of its senders, were ahead and have been set right: users that filled the memory
+ * meanwhile are refused until the right time reaches the wrong one, and this call ends that. The process then knows no
+ * more than a new one. Messages that it accepted, and that were signed later than refuse_before and within the window,
+ * are accepted once more when somebody sends them again. With the present time, only those signed by a clock that is
+ * ahead; with 0, those of the last window too. Both happen at once: no message slips in between. */
+MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
 
 /* mqc_set_clock - take the time for signing and authenticating from this function; null for the system's clock.
  * The function returns milliseconds since 1970-01-01 UTC and is called on the thread that signs or authenticates. */

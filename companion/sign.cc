@@ -156,7 +156,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
     case Replay::kBelowFloor:
       return Fail(error, "signed %lld ms ago, longer than accepted messages are remembered", age);
     case Replay::kFull:
-      return Fail(error, "the memory of accepted messages is full");
+      return Fail(error, "user %.12s has filled the memory of accepted messages", envelope.userId);
     case Replay::kNoMemory:
       break;
   }

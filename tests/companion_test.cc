@@ -779,7 +779,6 @@ TEST(Message, SizeIsBounded) {
 
 // ---- Signatures ----
 
-// A clock that only runs forward: what one test had refused by its age is of no concern to the next.
 std::atomic<int64_t> clock_now{1700000000000};
 int64_t TestClock() { return clock_now; }
 
@@ -787,7 +786,7 @@ class Security : public testing::Test {
  protected:
   void SetUp() override {
     mqc_set_clock(TestClock);
-    clock_now += 1000000;
+    mqc_reset_replay(0);
     mqc_ring_clear();
     ASSERT_TRUE(mqc_ring_add("alice", alice_.open, nullptr, 0));
     ASSERT_TRUE(mqc_ring_add("bob", bob_.open, nullptr, 0));
@@ -1022,7 +1021,7 @@ TEST_F(Security, AFullMemoryForgetsButNeverAcceptsTwice) {
     refusal = Refusal(wires.back());
   }
   EXPECT_EQ(wires.size(), 1025u);
-  ExpectSays(refusal, "full");
+  ExpectSays(refusal, "user alice has filled");
   for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
   // A wider window and a clock that goes back bring nothing back either.
   clock_now += 400000;
@@ -1032,6 +1031,74 @@ TEST_F(Security, AFullMemoryForgetsButNeverAcceptsTwice) {
   clock_now -= 400000;
   for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
   clock_now += 400000;
+}
+
+// bob fills the memory with messages that are as far ahead as they may be: his own later ones are refused, alice's are
+// not, and nothing is accepted twice.
+TEST_F(Security, NobodyFillsTheMemoryForOthers) {
+  constexpr int kAhead = 290000;
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  const auto sign_as = [&](const char* user, const Keys& keys, int ahead) {
+    signer_.reset(mqc_signer_new(user, keys.secret, nullptr, 0));
+    FillHeader(msg_.get(), user);
+    clock_now += ahead;
+    const Bytes wire = Sign();
+    clock_now -= ahead;
+    return wire;
+  };
+  std::vector<Bytes> wires;
+  for (int i = 0; i < 1024; ++i) {
+    wires.push_back(sign_as("bob", bob_, kAhead));
+    ASSERT_EQ(Refusal(wires.back()), "");
+  }
+  ExpectSays(Refusal(sign_as("bob", bob_, kAhead)), "user bob has filled");
+  for (int i = 0; i < 2000; ++i) {
+    clock_now += 10;
+    wires.push_back(sign_as("alice", alice_, 0));
+    ASSERT_EQ(Refusal(wires.back()), "") << i;
+  }
+  ExpectSays(Refusal(sign_as("bob", bob_, 0)), "longer than accepted messages are remembered");
+  EXPECT_LE(Account("replay").live_blocks, 1024u + 2) << "and a block for each user";
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  clock_now += kAhead + 1;
+  EXPECT_EQ(Refusal(sign_as("bob", bob_, 0)), "") << "when the time has come up to his messages";
+}
+
+// Both clocks were an hour ahead: what was accepted then is still refused, and nothing else is.
+TEST_F(Security, AClockThatIsSetRightRefusesNothingNew) {
+  constexpr int kAhead = 3600000;
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  const Bytes before = Sign();
+  ASSERT_TRUE(Receive(before));
+  clock_now += kAhead;
+  const Bytes ahead = Sign();
+  ASSERT_TRUE(Receive(ahead));
+  clock_now -= kAhead;
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  clock_now += kAhead;
+  std::vector<Bytes> full = {ahead};
+  while (full.size() < 1024) {
+    full.push_back(Sign());
+    ASSERT_TRUE(Receive(full.back()));
+  }
+  clock_now -= kAhead;
+  ExpectSays(Refusal(Sign()), "longer than accepted messages are remembered");
+  // Until the host says so: then the messages of the wrong hour, and no others, are accepted once more in that hour.
+  const Bytes refused = Sign();
+  mqc_refuse_before(clock_now + kAhead);
+  mqc_reset_replay(clock_now);
+  EXPECT_EQ(Account("replay").live_blocks, 0u);
+  ExpectSays(Refusal(refused), "longer than accepted messages are remembered");
+  ExpectSays(Refusal(before), "longer than accepted messages are remembered");
+  clock_now += 1;
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  clock_now += kAhead;
+  EXPECT_TRUE(Receive(full.back())) << mqc_authenticate_error();
+  EXPECT_FALSE(Receive(full.back()));
+  // An hour after the window, two are forgotten for each that comes.
+  clock_now += kAhead + 300001;
+  ASSERT_TRUE(Receive(Sign()));
+  EXPECT_EQ(Account("replay").live_blocks, 2u) << "the user and the last message";
 }
 
 // The memory grows with what it holds, obeys a limit that was lowered, and takes nothing when it cannot grow.
