@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -1351,6 +1352,63 @@ TEST_F(Log, FallsBackToStandardError) {
   EXPECT_TRUE(Lines().empty());
 }
 
+// Standard error, for as long as this lives.
+class StandardError {
+ public:
+  explicit StandardError(int fd) { dup2(fd, STDERR_FILENO); }
+  ~StandardError() {
+    dup2(kept_, STDERR_FILENO);
+    close(kept_);
+  }
+
+ private:
+  int kept_ = dup(STDERR_FILENO);
+};
+
+// What can be read now.
+std::string Taken(int fd) {
+  std::string text(1 << 20, ' ');
+  const ssize_t got = syscall(SYS_read, fd, text.data(), text.size());
+  text.resize(got < 0 ? 0 : static_cast<size_t>(got));
+  return text;
+}
+
+// A pipe that is full, or that nobody reads, and a socket: no line waits, none goes to a peer, and each is counted.
+TEST_F(Log, WaitsForNobody) {
+  int pipe_ends[2], sockets[2];
+  ASSERT_EQ(pipe2(pipe_ends, 0), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
+  LOGMSG("1157I counted from here", 1);
+  mqc_log_to(nullptr);
+  for (const int fd : {sockets[0], pipe_ends[1], pipe_ends[0]}) {
+    const StandardError there(fd);
+    const std::string page(4096, 'x');
+    if (fd == pipe_ends[1]) {
+      fcntl(fd, F_SETFL, O_NONBLOCK);
+      while (write(fd, page.data(), page.size()) > 0) continue;
+      fcntl(fd, F_SETFL, 0);
+    }
+    LOGMSG("1157I lost", 1);
+  }
+  EXPECT_EQ(Taken(sockets[1]), "");
+  EXPECT_EQ(Taken(pipe_ends[0]).find_first_not_of('x'), std::string::npos);
+  {
+    const StandardError there(pipe_ends[1]);
+    for (const char* line : {"1157I first", "1157I second"}) LOGMSG(line, 1);
+    EXPECT_EQ(fcntl(pipe_ends[1], F_GETFL) & O_NONBLOCK, 0) << "others have the descriptor too";
+    const std::string text = Taken(pipe_ends[0]);
+    ExpectSays(text, " 1903W lines lost before this one: 3\n");
+    EXPECT_LT(text.find("first\n"), text.find("second\n"));
+    close(pipe_ends[0]);
+    LOGMSG("1157I and no signal", 1);
+  }
+  mqc_log_to(path_.c_str());
+  LOGMSG("1157I third", 1);
+  ASSERT_GE(Lines().size(), 3u);
+  ExpectSays(Lines()[Lines().size() - 2], " 1903W lines lost before this one: 1");
+  for (const int fd : {pipe_ends[1], sockets[0], sockets[1]}) close(fd);
+}
+
 TEST_F(Log, DumpsAreBoundedWhateverTheyShow) {
   Message big(mqc_message_new(0));
   ASSERT_TRUE(mqc_begin(big.get(), 1) && mqc_add_bytes(big.get(), 1, std::string(100000, 'x').data(), 100000));
@@ -1381,7 +1439,34 @@ TEST(LogChild, TheEnvironmentNamesTheFile) {
   const std::string path = folder.Name("log");
   RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", path);
   ExpectSays(Content(path), " 1157I child\n");
-  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", std::string(1024, 'x'));  // too long: standard error
+  // A pipe that is read, a link, a folder, a path that is too long: the line goes to standard error.
+  const std::string link = folder.Name("link");
+  const std::string fifo = folder.Name("fifo");
+  ASSERT_EQ(symlink(path.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);
+  const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  int sockets[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
+  for (const std::string& other : {link, fifo, std::string("/tmp"), std::string(1024, 'x')}) {
+    const std::string seen = folder.File("seen", "");
+    const int file = open(seen.c_str(), O_WRONLY);
+    const StandardError there(file);
+    close(file);
+    RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", other);
+    ExpectSays(Content(seen), " 1157I child\n");
+  }
+  EXPECT_EQ(Taken(reader), "");
+  EXPECT_EQ(Content(path).find('\n'), Content(path).size() - 1) << "no second line";
+  // The journal's socket is named in the environment, and the only one that is written to.
+  struct stat about;
+  fstat(sockets[0], &about);
+  const StandardError there(sockets[0]);
+  const std::string journal = std::to_string(about.st_dev) + ":" + std::to_string(about.st_ino);
+  for (const std::string& stream : {journal + "1", "1" + journal, std::string("nothing"), journal}) {
+    EXPECT_EQ(Taken(sockets[1]), "");
+    RunAlone("LogChild.DISABLED_Writes", "JOURNAL_STREAM", stream);
+  }
+  ExpectSays(Taken(sockets[1]), " 1157I child\n");
+  for (const int fd : {reader, sockets[0], sockets[1]}) close(fd);
 }
 
 // The last second of every day until 2105.
