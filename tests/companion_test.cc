@@ -1317,7 +1317,7 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
   sigaction(SIGUSR1, &before, nullptr);
   LOGMSG("0106W two\nlines\x1b[2J\x7f", 1);
   LOGMSG(std::string(5000, 'x').c_str(), 1);
-  for (const int code : {EINTR, EIO}) {
+  for (const int code : {EINTR, EIO, EIO}) {
     host_system.transfer = code;
     LOGMSG("0106W interrupted, or lost", 1);
   }
@@ -1373,22 +1373,23 @@ std::string Taken(int fd) {
   return text;
 }
 
-// A pipe that is full, or that nobody reads, and a socket: no line waits, none goes to a peer, and each is counted.
+// A pipe that is full, the wrong end of one, a socket, nothing: no line waits, none goes to a peer, and each is counted.
 TEST_F(Log, WaitsForNobody) {
   int pipe_ends[2], sockets[2];
   ASSERT_EQ(pipe2(pipe_ends, 0), 0);
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
   LOGMSG("1157I counted from here", 1);
   mqc_log_to(nullptr);
-  for (const int fd : {sockets[0], pipe_ends[1], pipe_ends[0]}) {
+  for (const int fd : {sockets[0], pipe_ends[1], pipe_ends[0], -1}) {
     const StandardError there(fd);
+    if (fd == -1) close(STDERR_FILENO);
     const std::string page(4096, 'x');
     if (fd == pipe_ends[1]) {
       fcntl(fd, F_SETFL, O_NONBLOCK);
       while (write(fd, page.data(), page.size()) > 0) continue;
       fcntl(fd, F_SETFL, 0);
     }
-    LOGMSG("1157I lost", 1);
+    for (int i = 0; i < 3; ++i) LOGMSG("1157I lost", 1);
   }
   EXPECT_EQ(Taken(sockets[1]), "");
   EXPECT_EQ(Taken(pipe_ends[0]).find_first_not_of('x'), std::string::npos);
@@ -1397,7 +1398,7 @@ TEST_F(Log, WaitsForNobody) {
     for (const char* line : {"1157I first", "1157I second"}) LOGMSG(line, 1);
     EXPECT_EQ(fcntl(pipe_ends[1], F_GETFL) & O_NONBLOCK, 0) << "others have the descriptor too";
     const std::string text = Taken(pipe_ends[0]);
-    ExpectSays(text, " 1903W lines lost before this one: 3\n");
+    ExpectSays(text, " 1903W lines lost before this one: 12\n");
     EXPECT_LT(text.find("first\n"), text.find("second\n"));
     close(pipe_ends[0]);
     LOGMSG("1157I and no signal", 1);
