@@ -245,13 +245,14 @@ MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
 /* mqc_set_replay_limit - how many accepted messages are remembered at once, those of all users together.
  *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed, about 80 bytes a message
- * When the memory is full, a user that holds the most forgets its oldest message, and from then on every message of that
- * user that is no newer is refused. A user forgets for others only while it holds more than half of an equal share: the
- * limit divided by the number of users that hold messages. A user that would have to forget a message of this moment
- * for a message of its own has the new one refused instead. An hour after messages have left the window they are
- * forgotten as well, two for each message that is accepted from their user.
- * So one message raises the time up to which a user is refused at most to the time of the oldest message that is
- * remembered of that user, and nobody else's. A message is accepted once by one process.
+ * When the memory is full, a user that holds the most forgets its oldest message for each one that comes in. A user
+ * forgets for others only while it holds more than half of an equal share: the limit divided by the number of users that
+ * hold messages. When the sender holds the most itself and its oldest message is no older than the present, or than the
+ * new message, the new one is refused. A message is also forgotten an hour after it has left the window, two for each
+ * message that is accepted from its user.
+ * From then on every message of that user that is no newer than the forgotten one is refused: one process accepts a
+ * message at most once. One message makes at most three others be forgotten, so it moves this limit by no more than
+ * them, and never beyond the time of a message that was accepted from the same user.
  * Result   1; 0 for a value outside, nothing changes then. A smaller limit makes the users forget before the call
  *          returns. */
 MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
@@ -264,11 +265,11 @@ MQ_RUNTIME void mqc_refuse_before(int64_t time);
 
 /* mqc_reset_replay - forget every accepted message, and every time up to which messages are refused.
  *   refuse_before  in  messages signed at this time or before are refused, as by mqc_refuse_before; 0 for none
- * For a process whose clock, and those of its senders, were ahead and have been set right: users that filled the memory
- * meanwhile are refused until the right time reaches the wrong one, and this call ends that. The process then knows no
- * more than a new one. Messages that it accepted, and that were signed later than refuse_before and within the window,
- * are accepted once more when somebody sends them again. With the present time, only those signed by a clock that is
- * ahead; with 0, those of the last window too. Both happen at once: no message slips in between. */
+ * For a process whose clock, and those of its senders, were ahead and have been set right: a user that filled the memory
+ * meanwhile is refused until the right time reaches the wrong one, and this call ends that. Afterwards the process knows
+ * as little as a new one: a message that it accepted and that was signed after refuse_before is accepted once more when
+ * somebody sends it again within the window. With the present time these are only messages of clocks that were ahead;
+ * with 0 also those of the last window. Forgetting and the new limit are one step, which no message can come between. */
 MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
 
 /* mqc_set_clock - take the time for signing and authenticating from this function; null for the system's clock.
