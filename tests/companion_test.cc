@@ -1048,6 +1048,9 @@ TEST_F(Security, NobodyFillsTheMemoryForOthers) {
     return wire;
   };
   std::vector<Bytes> wires;
+  const Bytes first = sign_as("bob", bob_, kAhead);
+  mqc_fail_allocation(1, 0);
+  ExpectSays(Refusal(first), "no memory");
   for (int i = 0; i < 1024; ++i) {
     wires.push_back(sign_as("bob", bob_, kAhead));
     ASSERT_EQ(Refusal(wires.back()), "");
@@ -1440,14 +1443,17 @@ TEST(LogChild, TheEnvironmentNamesTheFile) {
   const std::string path = folder.Name("log");
   RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", path);
   ExpectSays(Content(path), " 1157I child\n");
-  // A pipe that is read, a link, a folder, a path that is too long: the line goes to standard error.
+  // A pipe that is read, a link, a folder, another user's file, a path that is too long: the line goes to standard error.
   const std::string link = folder.Name("link");
   const std::string fifo = folder.Name("fifo");
   ASSERT_EQ(symlink(path.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);
   const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   int sockets[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
-  for (const std::string& other : {link, fifo, std::string("/tmp"), std::string(1024, 'x')}) {
+  std::vector<std::string> refused = {link, fifo, "/tmp", std::string(1024, 'x')};
+  const std::string theirs = folder.File("theirs", "", 0666);
+  if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) refused.push_back(theirs);
+  for (const std::string& other : refused) {
     const std::string seen = folder.File("seen", "");
     const int file = open(seen.c_str(), O_WRONLY);
     const StandardError there(file);
@@ -1455,7 +1461,7 @@ TEST(LogChild, TheEnvironmentNamesTheFile) {
     RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", other);
     ExpectSays(Content(seen), " 1157I child\n");
   }
-  EXPECT_EQ(Taken(reader), "");
+  EXPECT_EQ(Taken(reader) + Content(theirs), "");
   EXPECT_EQ(Content(path).find('\n'), Content(path).size() - 1) << "no second line";
   // The journal's socket is named in the environment, and the only one that is written to.
   struct stat about;
