@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstring>
 #include <random>
-#include <string_view>
 
 #include "runtime/message.h"
 
@@ -84,13 +83,15 @@ void SendAByteAtATime(Arena& arena) {
   });
 }
 
+// Every other one asks at once, more than sockets hold, and reads the answers too slowly.
 void NeverFinish(Arena& arena) {
   const Bytes question = Question(kLarge);
-  arena.Fill(20);
-  arena.Await("who sends too slowly is not dropped", [&] {
-    for (Peer& peer : arena.peers) {
-      peer.Send(question, 1);
-      peer.Receive();
+  arena.Fill(20, kSmallBuffer);
+  arena.Await("who sends or reads too slowly is not dropped", [&] {
+    for (size_t i = 0; i < arena.peers.size(); ++i) {
+      const size_t asked = arena.peers[i].sent();
+      arena.peers[i].SendUntil(question, i % 2 ? asked + 1 : 12 * question.size());
+      arena.peers[i].Receive(64);
     }
     usleep(50000);
     return arena.Open() == 0;
@@ -227,19 +228,6 @@ void NeverRead(Arena& arena) {
   } while (arena.Goes(1000));
 }
 
-void ReadAByteAtATime(Arena& arena) {
-  const Bytes question = Question(kLarge);
-  const size_t enough = 24 * question.size();  // more than sockets hold, fewer answers than the write limit
-  arena.Fill(8, kSmallBuffer);
-  arena.Await("who reads too slowly is not dropped", [&] {
-    for (Peer& peer : arena.peers) {
-      peer.SendUntil(question, enough);
-      peer.Receive(1);
-    }
-    return arena.Open() == 0;
-  });
-}
-
 // A question whose header announces another length.
 Bytes Announce(uint32_t length) {
   Bytes bytes = Question(kLarge);
@@ -261,39 +249,6 @@ void SendGiants(Arena& arena) {
     });
   } while (arena.Goes(1000) && most <= (32u << 20));
   if (most > (32u << 20)) arena.faults.push_back("the server takes in half of a message of 60 MiB");
-}
-
-Bytes Text(std::string_view text, size_t length = 0) {
-  Bytes bytes(text.begin(), text.end());
-  bytes.resize(std::max(length, bytes.size()), ' ');
-  return bytes;
-}
-
-void GreetInOtherTongues(Arena& arena) {
-  using namespace std::string_view_literals;
-  const Bytes greetings[] = {
-      Text("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"),
-      Text("GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: ", 600),
-      Text("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03"sv, 517),  // the first message of TLS
-      Text("SSH-2.0-client\r\n"),
-      Text("\x88\0\0\0"sv, 136),  // a header's length, then blanks
-      Text("\0"sv),
-      Text(""sv, 4096),
-      Announce(0),
-      Announce(0xffffffff),
-      Announce(0x7fffffff),
-      Announce((64u << 20) - 135),  // one byte more than a message may have
-  };
-  do {
-    arena.peers.clear();
-    arena.Fill(std::size(greetings));
-    for (size_t i = 0; i < arena.peers.size(); ++i) {
-      arena.Await("a greeting that cannot be sent", [&] {
-        return arena.peers[i].SendUntil(greetings[i], greetings[i].size()) || !arena.peers[i].is_open();
-      });
-    }
-    arena.AwaitDropped();
-  } while (arena.Goes(1000));
 }
 
 void SendOutOfBandBytes(Arena& arena) {
@@ -421,7 +376,7 @@ constexpr unsigned kStreams = kExample | kMqcat;
 
 constexpr Attack kAttacks[] = {
     {"drip", "20 send questions a byte at a time, and get answers", SendAByteAtATime, kStreams},
-    {"crawl", "20 send a question a byte at a time, too slowly", NeverFinish, kExample, "too slow"},
+    {"crawl", "20 send a question a byte at a time or read answers too slowly", NeverFinish, kExample, "too slow"},
     {"flood", "16 ask as fast as they can, read late, and count the answers", FloodWithQuestions, kStreams},
     {"garbage", "20 at a time send 16 KiB of garbage, over and over", FloodWithGarbage, kStreams, "MQ_BAD_MESSAGE"},
     {"reset", "40 at a time reset, in every state", ResetInEveryState, kStreams, "left"},
@@ -432,9 +387,7 @@ constexpr Attack kAttacks[] = {
     {"squat", "1200 ask twice a second and stay: more than the table has places", FillTheTable, kExample, "needed"},
     {"descriptors", "150 connect to a server that has 64 descriptors", TakeAllDescriptors, kStreams, "EMFILE", 64},
     {"never_read", "8 ask on and never read an answer", NeverRead, kStreams, "takes no answers"},
-    {"slow_read", "8 read their answers a byte at a time", ReadAByteAtATime, kExample},
     {"giants", "16 send a message of 60 MiB", SendGiants, kStreams, "too long"},
-    {"greetings", "11 other protocols and impossible headers", GreetInOtherTongues, kExample, "MQ_BAD_MESSAGE"},
     {"out_of_band", "20 send bytes out of band, in every state", SendOutOfBandBytes, kStreams},
     {"datagrams", "8 send broken datagrams of up to 40000 bytes", SendGarbageDatagrams, kDatagrams},
     {"mirror", "one sends each answer back, as a forged sender makes another server do", MirrorAnswers, kDatagrams},

@@ -11,7 +11,6 @@
 #include <exception>
 #include <filesystem>
 #include <future>
-#include <nlohmann/json.hpp>
 
 #include "tests/hostile/attacks.hh"
 #include "tests/hostile/exchange.hh"
@@ -42,7 +41,6 @@ struct Options {
   double seconds = 3;
   bool together = false;
   bool list = false;
-  bool json = false;
 };
 
 struct Outcome {
@@ -186,40 +184,6 @@ std::string TableOf(const std::vector<Outcome>& outcomes) {
   return text;
 }
 
-std::string JsonOf(const std::vector<Outcome>& outcomes) {
-  using nlohmann::ordered_json;
-  const auto trips = [](const Trips& from) {
-    return ordered_json{{"answers", from.times.total},
-                        {"failures", from.failures},
-                        {"p50_ms", Msec(from.times.Percentile(0.5))},
-                        {"p99_ms", Msec(from.times.Percentile(0.99))},
-                        {"longest_ms", Msec(from.times.longest)}};
-  };
-  const auto usage = [](const Usage& from) {
-    return ordered_json{{"resident_kib", from.residentKb},
-                        {"peak_kib", from.peakKb},
-                        {"descriptors", from.descriptors},
-                        {"cpu_seconds", from.cpuSeconds}};
-  };
-  ordered_json list = ordered_json::array();
-  for (const Outcome& it : outcomes) {
-    list.push_back({{"server", it.target->name},
-                    {"attack", it.attack->name},
-                    {"what", it.attack->what},
-                    {"withstood", it.faults.empty()},
-                    {"calm", trips(it.calm)},
-                    {"under_attack", trips(it.under)},
-                    {"newcomers", trips(it.newcomers)},
-                    {"server_before", usage(it.before)},
-                    {"server_held", usage(it.held)},
-                    {"server_after", usage(it.after)},
-                    {"cpu_share_at_rest", it.rest},
-                    {"log_lines", it.dropped},
-                    {"faults", it.faults}});
-  }
-  return list.dump(2) + "\n";
-}
-
 void Describe(CLI::App* app, Options* options) {
   app->description(
       "Hostile peers against the servers of the examples and mqcat listen, over real sockets of this host. Each attack "
@@ -231,7 +195,6 @@ void Describe(CLI::App* app, Options* options) {
       ->check(CLI::Range(0.1, 600.0))
       ->capture_default_str();
   app->add_flag("--together", options->together, "all attacks at the same time: quick, but then the times say little");
-  app->add_flag("--json", options->json, "report as JSON");
   app->footer("Exit code: 0 every attack was withstood, 1 one was not, 2 it could not be run.");
 }
 
@@ -302,7 +265,7 @@ int Run(const Options& options) {
   if (pairs.empty()) throw std::runtime_error("none of these attacks is for one of these servers");
   Prepare();
   const std::vector<Outcome> outcomes = Try(pairs, options);
-  fmt::print("{}", options.json ? JsonOf(outcomes) : TableOf(outcomes));
+  fmt::print("{}", TableOf(outcomes));
   const bool hit = std::ranges::any_of(outcomes, [](const Outcome& outcome) { return !outcome.faults.empty(); });
   return hit ? kExitHit : 0;
 }
