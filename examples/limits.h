@@ -28,8 +28,9 @@ typedef struct Watch {
   MQNode* node;
   in_addr_t address;
   uint32_t done; /* messages read and written until the last look */
+  int midway;    /* at the last look */
   long accepted; /* milliseconds of now_msec */
-  long since;    /* the same: when done was last seen to change, at first when the client was accepted */
+  long since;    /* the same: when one of the two was last seen to change, at first when the client was accepted */
   long turn;     /* the clients of one address make room in this order; in the future: not yet */
 } Watch;
 
@@ -49,7 +50,7 @@ static inline long now_msec(void) {
 /* The watch of a client that has just been accepted. */
 static inline Watch watch_client(MQNode* node) {
   const long now = now_msec();
-  const Watch watch = {node, inet_addr(node->sock.name.ip), 0, now, now, 0};
+  const Watch watch = {node, inet_addr(node->sock.name.ip), 0, 0, now, now, 0};
   return watch;
 }
 
@@ -85,12 +86,14 @@ static inline void give_back(MQNode* node) {
   ResetBuffer(area, sizeof(MsgHeader)); /* without memory the next read fails, and the client is dropped */
 }
 
-/* Milliseconds since a client last finished something. A byte now and then is no progress, a whole message is. Exact to
- * the interval between two calls. */
+/* Milliseconds since a client was last seen to finish or to begin something. A byte now and then is no progress, a whole
+ * message is. Exact to the interval between two calls. */
 static inline long quiet_msec(Watch* watch, long now) {
   const uint32_t done = watch->node->msgsRead + watch->node->writesCompleted;
-  if (done != watch->done) watch->since = now;
+  const int midway = is_midway(watch->node);
+  if (done != watch->done || midway != watch->midway) watch->since = now;
   watch->done = done;
+  watch->midway = midway;
   return now - watch->since;
 }
 
