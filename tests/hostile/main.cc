@@ -83,8 +83,9 @@ class Trial {
     const std::string log = server_.Log();
     outcome_.dropped = static_cast<size_t>(std::ranges::count(log, '\n'));
     if (outcome_.dropped > kMostLines) Fault(fmt::format("it logs {} lines", outcome_.dropped));
-    if (target_.kind == kExample && log.find(attack_.log) == std::string::npos)
+    if (target_.kind == kExample && log.find(attack_.log) == std::string::npos) {
       Fault(fmt::format("its log does not say '{}'", attack_.log));
+    }
     return std::move(outcome_);
   }
 
@@ -101,7 +102,6 @@ class Trial {
     Exchange newcomer(server_.port(), target_, Exchange::kNewcomer);
     Sleep(seconds_ * kCalmShare);
     outcome_.calm = steady.Take();
-    newcomer.Take();
     outcome_.before = AtRest(steady, newcomer);
     {
       newcomer.Take();
