@@ -878,6 +878,67 @@ TEST_F(Security, NobodySignsForAnother) {
   EXPECT_TRUE(Receive(wire)) << mqc_authenticate_error();
 }
 
+TEST_F(Security, KeysEndAndAreRevoked) {
+  Folder folder;
+  char error[300];
+  const auto load = [&](const std::string& text) {
+    ASSERT_TRUE(mqc_ring_load(folder.File("ring", text, 0644).c_str(), error, sizeof(error))) << error;
+  };
+  MqcKey key = {"alice", MQC_KEY_PUBLIC, 0, {}, clock_now};
+  char line[MQC_KEY_LINE];
+  memcpy(key.key, alice_.open, sizeof(key.key));
+  mqc_key_write(&key, line);
+  ASSERT_TRUE(mqc_key_read(line, &key));
+  load(line);
+  const std::string secret = folder.Name("secret");
+  ASSERT_TRUE(mqc_secret_file_write_until(secret.c_str(), "alice", alice_.secret, key.until, error, sizeof(error)));
+  signer_.reset(mqc_signer_load(secret.c_str(), nullptr, error, sizeof(error)));
+  ASSERT_TRUE(signer_) << error;
+  EXPECT_EQ(mqc_signer_until(signer_.get()), key.until);
+  // The day to its last millisecond, on both sides.
+  clock_now = key.until;
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  const Bytes late = Sign();
+  clock_now += 1;
+  ExpectSays(Refusal(late), "ended on ");
+  IoBuffer out = {};
+  EXPECT_FALSE(mqc_sign(signer_.get(), msg_.get(), &out));
+  ExpectSays(mqc_sign_error(), "ended on ");
+  // A revoked key stays so, whatever comes before and after it; another key of the user is another matter.
+  const std::string live = std::string("alice ") + alice_.open_text + "\n", revoked = line + std::string(" revoked\n");
+  signer_.reset(mqc_signer_new("alice", alice_.secret, nullptr, 0));
+  load(live);
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  load(revoked);
+  load(live + revoked);
+  load(live);
+  ExpectSays(Refusal(Sign()), "is revoked");
+  EXPECT_FALSE(mqc_ring_add("alice", alice_.open, error, sizeof(error)));
+  EXPECT_FALSE(mqc_ring_remove("alice"));
+  EXPECT_EQ(mqc_ring_count(), 1u);
+  load(std::string("alice ") + bob_.open_text);
+  EXPECT_EQ(mqc_ring_count(), 2u);
+  load(live);
+  ExpectSays(Refusal(Sign()), "is not user alice's");
+}
+
+// The mapping that a signer lies in, by the kernel's own account.
+TEST_F(Security, SignersAreLeftOutOfCoreDumpsAndSwap) {
+  std::ifstream maps("/proc/self/smaps");
+  const auto at = reinterpret_cast<uintptr_t>(signer_.get());
+  uintptr_t begin = 0, end = 0;
+  std::string flags;
+  for (std::string line; std::getline(maps, line);) {
+    uintptr_t from, to;
+    if (sscanf(line.c_str(), "%zx-%zx ", &from, &to) == 2) begin = from, end = to;
+    if (begin <= at && at < end && line.starts_with("VmFlags:")) flags = line + " ";
+  }
+  rlimit lockable;
+  getrlimit(RLIMIT_MEMLOCK, &lockable);
+  ExpectSays(flags, " dd ");
+  if (lockable.rlim_cur > 65536) ExpectSays(flags, " lo ");
+}
+
 TEST_F(Security, SigningIsRefusedWithAReason) {
   struct Row {
     const char* says;
@@ -1098,6 +1159,14 @@ TEST(KeyFiles, AreReadOrRefusedWithTheLine) {
       {bob + "0", 0600, nullptr, ":1: expected"},
       {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
       {bob + " more", 0600, nullptr, ":1: expected"},
+      {bob + " until=2028-02-29\tsecret # his", 0600, nullptr, nullptr},
+      {bob + " public", 0600, nullptr, ":1: a public key cannot sign"},
+      {bob + " revoked", 0600, nullptr, ":1: this key is revoked"},
+      {bob + " public secret", 0600, nullptr, ":1: expected"},
+      {bob + " revoked revoked", 0600, nullptr, ":1: expected"},
+      {bob + " until=2027-02-29", 0600, nullptr, ":1: expected"},
+      {bob + " until=1969-12-31", 0600, nullptr, ":1: expected"},
+      {bob + " until=2027-1-30", 0600, nullptr, ":1: expected"},
       {bob + std::string(1, '\0') + "\n", 0600, nullptr, ":1: expected"},
       {std::string(65537, '\n'), 0600, nullptr, "at most 65536"},
   };
@@ -1133,6 +1202,8 @@ TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   struct stat about;
   ASSERT_EQ(stat(path.c_str(), &about), 0);
   EXPECT_EQ(about.st_mode & 07777, 0600u);
+  EXPECT_FALSE(mqc_ring_load(path.c_str(), error, sizeof(error))) << "a secret key file is not a ring";
+  ExpectSays(error, ":1: a secret key in a ring");
   EXPECT_FALSE(mqc_secret_file_write(path.c_str(), "bob", keys.secret, error, sizeof(error)));
   ExpectSays(error, "exists");
   Signer signer(mqc_signer_load(path.c_str(), nullptr, error, sizeof(error)));
@@ -1182,15 +1253,17 @@ TEST(KeyFiles, ARingIsLoadedWholeOrNotAtAll) {
     const char* says;
   };
   const Row rows[] = {{"bad line\n", ":4: expected"},
-                      {std::string("# again\na ") + one.open_text, ":5: user a stands in line 2 already"},
-                      {"q " + std::string(64, 'f'), ":4: this is no public key"},
-                      {"q " + std::string(64, '0'), ":4: this is no public key"}};
+                      {std::string("# again\na ") + one.open_text, ":5: user a has a key in line 2 already"},
+                      {"q " + std::string(64, 'f'), ":4: not a valid public key"},
+                      {"q " + std::string(64, '0') + " revoked", ":4: not a valid public key"}};
   char error[300];
   for (const Row& row : rows) {
     EXPECT_FALSE(mqc_ring_load(folder.File("ring", good + row.more, 0644).c_str(), error, sizeof(error)));
     ExpectSays(error, row.says);
     EXPECT_EQ(mqc_ring_count(), 1u);
   }
+  EXPECT_FALSE(mqc_ring_load(folder.File("ring", good, 0664).c_str(), error, sizeof(error)));
+  ExpectSays(error, "chmod go-w");
   ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
   ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
   EXPECT_EQ(mqc_ring_count(), 3u);
