@@ -76,7 +76,7 @@ void PrintText(const Piece& piece, uint64_t number) {
   Print("\n");
 }
 
-void PrintJson(const Piece& piece, const std::string& stream) {
+void PrintObject(const Piece& piece, const std::string& stream) {
   nlohmann::ordered_json json = {{"kind", KindName(piece.kind)}, {"offset", piece.offset}, {"size", piece.size}};
   if (!stream.empty()) json["stream"] = stream;
   if (piece.kind != PieceKind::kStray) {
@@ -95,7 +95,7 @@ void PrintJson(const Piece& piece, const std::string& stream) {
   for (const Fault& fault : piece.faults) {
     json["faults"].push_back({{"offset", fault.offset}, {"rule", fault.rule}, {"text", fault.text}});
   }
-  Print(json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
+  PrintJson(json);
 }
 
 void DecodeStream(const Stream& stream, const Options& options, Totals& totals) {
@@ -111,7 +111,7 @@ void DecodeStream(const Stream& stream, const Options& options, Totals& totals) 
       ++totals.messages;
     }
     totals.faults += piece.faults.size();
-    text ? PrintText(piece, totals.messages) : PrintJson(piece, stream.name);
+    text ? PrintText(piece, totals.messages) : PrintObject(piece, stream.name);
   });
 }
 

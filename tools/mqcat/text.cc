@@ -40,11 +40,39 @@ size_t CharacterLength(std::string_view text, size_t at) {
   return length;
 }
 
-// U+0080 to U+009F are control characters to a terminal.
-bool IsControl(std::string_view text, size_t at, size_t length) {
-  const auto first = static_cast<uint8_t>(text[at]);
-  if (length == 1) return first < 0x20 || first == 0x7f;
-  return length == 2 && first == 0xc2 && static_cast<uint8_t>(text[at + 1]) < 0xa0;
+// The code point of a well-formed character.
+uint32_t CodePoint(std::string_view character) {
+  uint32_t point = static_cast<uint8_t>(character[0]);
+  if (character.size() > 1) point &= 0xffu >> (character.size() + 1);
+  for (const char c : character.substr(1)) point = point << 6 | (static_cast<uint8_t>(c) & 0x3f);
+  return point;
+}
+
+// Control characters, and marks that begin a line or turn the direction of writing: what is shown after them is not
+// what is there.
+bool IsSafe(uint32_t point) {
+  if (point < 0x20 || (point >= 0x7f && point < 0xa0) || point == 0x61c) return false;
+  if (point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e)) return false;
+  return point < 0x2066 || point > 0x2069;
+}
+
+// Appends text until its end, or limit characters. What is not safe, not UTF-8 or one of special is appended by
+// replace(out, bytes). Returns how many bytes were taken.
+template <typename Replace>
+size_t AppendSafe(std::string& out, std::string_view text, size_t limit, std::string_view special, Replace replace) {
+  size_t at = 0;
+  for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
+    const size_t length = CharacterLength(text, at);
+    const std::string_view bytes = text.substr(at, std::max<size_t>(length, 1));
+    const bool is_special = length == 1 && special.find(bytes[0]) != std::string_view::npos;
+    if (length != 0 && !is_special && IsSafe(CodePoint(bytes))) {
+      out += bytes;
+    } else {
+      replace(out, bytes);
+    }
+    at += bytes.size();
+  }
+  return at;
 }
 
 std::string Escape(char c) {
@@ -61,6 +89,10 @@ std::string Escape(char c) {
     default:
       return fmt::format("\\x{:02x}", static_cast<uint8_t>(c));
   }
+}
+
+void AppendEscaped(std::string& out, std::string_view bytes) {
+  for (const char c : bytes) out += Escape(c);
 }
 
 std::string DumpLine(Bytes line, size_t offset) {
@@ -143,32 +175,30 @@ bool IsUtf8(std::string_view text) {
 
 std::string Quote(std::string_view text, size_t limit) {
   std::string out = "\"";
-  size_t at = 0;
-  for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
-    const size_t length = CharacterLength(text, at);
-    if (length == 0 || IsControl(text, at, length) || text[at] == '"' || text[at] == '\\') {
-      for (size_t i = 0; i < std::max<size_t>(length, 1); ++i) out += Escape(text[at + i]);
-    } else {
-      out += text.substr(at, length);
-    }
-    at += std::max<size_t>(length, 1);
-  }
+  const size_t shown = AppendSafe(out, text, limit, "\"\\", AppendEscaped);
   out += '"';
-  if (at < text.size()) out += fmt::format("... ({} bytes)", text.size());
+  if (shown < text.size()) out += fmt::format("... ({} bytes)", text.size());
   return out;
 }
 
 std::string Plain(std::string_view text) {
   std::string out;
-  for (size_t at = 0; at < text.size();) {
-    const size_t length = CharacterLength(text, at);
-    if (length == 0 || IsControl(text, at, length)) {
-      out += '?';
-    } else {
-      out += text.substr(at, length);
-    }
-    at += std::max<size_t>(length, 1);
-  }
+  AppendSafe(out, text, SIZE_MAX, "", [](std::string& to, std::string_view) { to += '?'; });
+  return out;
+}
+
+std::string SafeLines(std::string_view text) {
+  std::string out;
+  AppendSafe(out, text, SIZE_MAX, "", [](std::string& to, std::string_view bytes) {
+    bytes == "\n" ? void(to += bytes) : AppendEscaped(to, bytes);
+  });
+  return out;
+}
+
+std::string SafeJson(std::string_view json) {
+  std::string out;
+  AppendSafe(out, json, SIZE_MAX, "",
+             [](std::string& to, std::string_view bytes) { to += fmt::format("\\u{:04x}", CodePoint(bytes)); });
   return out;
 }
 
