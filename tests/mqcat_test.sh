@@ -124,7 +124,12 @@ row 3 "EISDIR" "$mqcat" send 127.0.0.1 5000 -c 1 --file 4=.
 row 3 "not JSON" "$mqcat" send 127.0.0.1 5000 --json '{"command":'
 row 3 '"command" is missing' "$mqcat" send 127.0.0.1 5000 --json '{}'
 row 3 'key "paramters"' "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"paramters":[]}'
-row 3 "an array is not a whole number" "$mqcat" send 127.0.0.1 5000 \
+row 3 "an array is not a whole number" "$mqcat" send 127.0.0.1 5000 --json '{"command":[]}'
+row 3 "--json, line 1, column 12: not JSON: number overflow" "$mqcat" send 127.0.0.1 5000 --json '{"command":1e999}'
+row 3 "--json, line 2, column 9: key \"command\" is there twice" "$mqcat" send 127.0.0.1 5000 \
+  --json $'{"command":1,\n"command":2}'
+row 3 "twice" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parameters":[{"id":1,"value":"a","id":2}]}'
+row 3 "nested deeper" "$mqcat" send 127.0.0.1 5000 \
   --json "{\"command\":$(printf '[%.0s' {1..9999})$(printf ']%.0s' {1..9999})}"
 row 3 "is not a whole number from 0" "$mqcat" send 127.0.0.1 5000 --json '{"command":-1}'
 row 3 "zero character" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parameters":[{"id":1,"value":"a\u0000b"}]}'
@@ -187,7 +192,7 @@ same "what listen prints can be sent again" "$(tail -n 1 json.out | sed 's/.*\("
 printf '%s\n\n%s' '{"command":1}' '{"command":2,"parameters":[{"id":9,"value":70000000000}]}' >two.json
 row 0 "sent 2 messages" "$mqcat" send 127.0.0.1 "$port" <two.json
 await json.out 4 '"command"'
-row 3 "standard input, line 2" "$mqcat" send 127.0.0.1 "$port" < <(printf '{"command":1}\nnonsense\n')
+row 3 "standard input, line 2, column 2: not JSON" "$mqcat" send 127.0.0.1 "$port" < <(printf '{"command":1}\nnonsense\n')
 head -c 300000 /dev/zero >big.bin
 row 0 "300" "$mqcat" send 127.0.0.1 "$port" -c 5 -p 1=x --file 7=big.bin --reply
 row 0 "sent 20000 messages" "$mqcat" send localhost "$port" -c 1 --repeat 20000
