@@ -15,12 +15,14 @@ constexpr char kDigits[] = "0123456789abcdef";
 constexpr size_t kDumpLine = 16;
 constexpr size_t kNarrowest = 12;  // room that wrapped text keeps at least
 
-int DigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
+constexpr uint8_t kNoDigit = 0xff;
+constexpr std::array<uint8_t, 256> kDigitValues = [] {
+  std::array<uint8_t, 256> values{};
+  values.fill(kNoDigit);
+  for (uint8_t i = 0; i < 16; ++i) values[static_cast<uint8_t>(kDigits[i])] = i;
+  for (uint8_t i = 10; i < 16; ++i) values[static_cast<size_t>('A' + i - 10)] = i;
+  return values;
+}();
 
 bool IsPrintable(uint8_t c) { return c >= 0x20 && c < 0x7f; }
 
@@ -116,6 +118,10 @@ size_t HangingIndent(std::string_view line, size_t width) {
 
 void WrapLine(std::string_view line, size_t width, std::string& out) {
   line = line.substr(0, line.find_last_not_of(' ') + 1);
+  if (line.size() <= width) {
+    out.append(line).append("\n");
+    return;
+  }
   const size_t indent = HangingIndent(line, width);
   size_t room = width;
   size_t floor = indent;  // no break before the text of the line begins
@@ -131,6 +137,23 @@ void WrapLine(std::string_view line, size_t width, std::string& out) {
   out.append(line).append("\n");
 }
 
+// Every byte of IBM1047 in UTF-8; nothing when the system's iconv does not know it.
+std::optional<std::array<std::string, 256>> EbcdicTable() {
+  const iconv_t converter = iconv_open("UTF-8", "IBM1047");
+  if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
+  std::array<std::string, 256> table;
+  bool whole = true;
+  for (size_t i = 0; i < table.size(); ++i) {
+    char byte = static_cast<char>(i), place[4];
+    char *from = &byte, *to = place;
+    size_t from_left = 1, to_left = sizeof place;
+    whole = iconv(converter, &from, &from_left, &to, &to_left) == 0 && whole;
+    table[i].assign(place, sizeof place - to_left);
+  }
+  iconv_close(converter);
+  return whole ? std::optional(std::move(table)) : std::nullopt;
+}
+
 }  // namespace
 
 std::string Hex(Bytes bytes, size_t limit) {
@@ -143,17 +166,24 @@ std::string Hex(Bytes bytes, size_t limit) {
   return out;
 }
 
-std::optional<std::vector<uint8_t>> FromHex(std::string_view digits) {
-  if (digits.size() % 2 != 0) return std::nullopt;
-  std::vector<uint8_t> bytes;
-  bytes.reserve(digits.size() / 2);
+bool AppendHex(std::vector<uint8_t>& bytes, std::string_view digits) {
+  if (digits.size() % 2 != 0) return false;
+  const size_t before = bytes.size();
+  bytes.resize(before + digits.size() / 2);
+  uint8_t wrong = 0;
   for (size_t i = 0; i < digits.size(); i += 2) {
-    const int high = DigitValue(digits[i]);
-    const int low = DigitValue(digits[i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    bytes.push_back(static_cast<uint8_t>(high << 4 | low));
+    const uint8_t high = kDigitValues[static_cast<uint8_t>(digits[i])];
+    const uint8_t low = kDigitValues[static_cast<uint8_t>(digits[i + 1])];
+    wrong |= high | low;
+    bytes[before + i / 2] = static_cast<uint8_t>(high << 4 | low);
   }
-  return bytes;
+  if (wrong == kNoDigit) bytes.resize(before);
+  return wrong != kNoDigit;
+}
+
+std::optional<std::vector<uint8_t>> FromHex(std::string_view digits) {
+  std::vector<uint8_t> bytes;
+  return AppendHex(bytes, digits) ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 std::string HexDump(Bytes bytes) {
@@ -203,18 +233,10 @@ std::string SafeJson(std::string_view json) {
 }
 
 std::optional<std::string> FromEbcdic(std::string_view text) {
-  const iconv_t converter = iconv_open("UTF-8", "IBM1047");
-  if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
-  std::string in{text};
-  std::string out(text.size() * 2, '\0');  // every character is below U+0100
-  char* from = in.data();
-  char* to = out.data();
-  size_t from_left = in.size();
-  size_t to_left = out.size();
-  const size_t result = iconv(converter, &from, &from_left, &to, &to_left);
-  iconv_close(converter);
-  if (result == static_cast<size_t>(-1)) return std::nullopt;
-  out.resize(out.size() - to_left);
+  static const std::optional<std::array<std::string, 256>> table = EbcdicTable();
+  if (!table) return std::nullopt;
+  std::string out;
+  for (const char c : text) out += (*table)[static_cast<uint8_t>(c)];
   return out;
 }
 

@@ -18,6 +18,9 @@ inline Bytes BytesOf(std::string_view text) { return {reinterpret_cast<const uin
 // Lower-case hexadecimal digits of at most limit bytes; "..." and the number of bytes follow when there are more.
 std::string Hex(Bytes bytes, size_t limit = SIZE_MAX);
 
+// Appends the bytes that an even number of hexadecimal digits stand for. False, with nothing appended, for other texts.
+bool AppendHex(std::vector<uint8_t>& bytes, std::string_view digits);
+
 // The bytes that an even number of hexadecimal digits stand for; nothing for any other text.
 std::optional<std::vector<uint8_t>> FromHex(std::string_view digits);
 
