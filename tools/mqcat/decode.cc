@@ -509,10 +509,6 @@ class Walker {
 
 }  // namespace
 
-std::string NameOf(const Field& field) {
-  return field.parameter < 0 ? std::string(field.name) : fmt::format("parameter {} {}", field.parameter, field.name);
-}
-
 bool BeginsMessage(Bytes bytes) { return FirstWord(bytes).length != 0; }
 
 bool LooksLikeMessage(Bytes bytes) {

@@ -33,13 +33,10 @@ struct Field {
   int64_t parameter;         // number of the parameter that the field is of; -1 for none
 };
 
-// "parameter 3 length"
-std::string NameOf(const Field& field);
-
 // A broken rule. docs/wire-format.md lists the rules by these names.
 struct Fault {
   uint64_t offset;
-  const char* rule;
+  std::string_view rule;
   std::string text;
 };
 

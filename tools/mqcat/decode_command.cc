@@ -1,7 +1,6 @@
 // decode_command.cc - mqcat decode: shows what decode.hh finds in the streams that capture.hh finds in a file.
 #include <cstring>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "capture.hh"
 #include "decode.hh"
@@ -69,6 +68,17 @@ char* PutNumber(char* place, uint64_t number, size_t width) {
   return place + blanks + digits.size();
 }
 
+// "parameter 3 length". Names are constant and short.
+char* PutName(char* place, const Field& field) {
+  if (field.parameter >= 0) {
+    memcpy(place, "parameter ", 10);
+    place = PutNumber(place + 10, static_cast<uint64_t>(field.parameter), 0);
+    *place++ = ' ';
+  }
+  memcpy(place, field.name.data(), field.name.size());
+  return place + field.name.size();
+}
+
 // In columns, or what is narrow one behind the other. Written out: a stream of 64 MiB has millions of them.
 void AppendField(std::string& out, const Field& field, bool columns) {
   char place[128] = "  ";
@@ -77,13 +87,7 @@ void AppendField(std::string& out, const Field& field, bool columns) {
   end = PutNumber(end, field.size, columns ? 4 : 0);
   memcpy(end, "  ", 2);
   char* const name = end += 2;
-  if (field.parameter >= 0) {
-    memcpy(end, "parameter ", 10);
-    end = PutNumber(end + 10, static_cast<uint64_t>(field.parameter), 0);
-    *end++ = ' ';
-  }
-  memcpy(end, field.name.data(), field.name.size());
-  end += field.name.size();
+  end = PutName(end, field);
   while (columns && end - name < 20) *end++ = ' ';
   *end++ = ' ';
   out.append(place, end).append(field.value);
@@ -104,26 +108,54 @@ void PrintText(const Piece& piece, uint64_t number, const Page& page) {
   Print("\n");
 }
 
+void AppendKey(std::string& out, std::string_view key, uint64_t number) {
+  out.append(key).append(fmt::format_int(number).c_str());
+}
+
+void AppendKey(std::string& out, std::string_view key, std::string_view text) {
+  out += key;
+  AppendJsonString(out, text);
+}
+
+void AppendFieldJson(std::string& out, const Field& field) {
+  char name[64];
+  AppendKey(out, "{\"offset\":", field.offset);
+  AppendKey(out, ",\"size\":", field.size);
+  out.append(",\"name\":\"").append(name, PutName(name, field)).append("\"");
+  AppendKey(out, ",\"value\":", field.value);
+  out.append(",\"meaning\":\"").append(field.meaning).append(field.detail).append("\"},");
+}
+
+void AppendFaultJson(std::string& out, const Fault& fault) {
+  AppendKey(out, "{\"offset\":", fault.offset);
+  AppendKey(out, ",\"rule\":", fault.rule);
+  AppendKey(out, ",\"text\":", fault.text);
+  out += "},";
+}
+
+// Ends a list whose elements each have a comma behind them.
+void EndList(std::string& out) {
+  if (out.back() == ',') out.pop_back();
+  out += ']';
+}
+
 void PrintObject(const Piece& piece, const std::string& stream) {
-  nlohmann::ordered_json json = {{"kind", KindName(piece.kind)}, {"offset", piece.offset}, {"size", piece.size}};
-  if (!stream.empty()) json["stream"] = stream;
+  std::string out;
+  AppendKey(out, "{\"kind\":", KindName(piece.kind));
+  AppendKey(out, ",\"offset\":", piece.offset);
+  AppendKey(out, ",\"size\":", piece.size);
+  if (!stream.empty()) AppendKey(out, ",\"stream\":", stream);
   if (piece.kind != PieceKind::kStray) {
-    json["byteOrder"] = piece.big_endian ? "big" : "little";
-    json["charset"] = piece.ebcdic ? "EBCDIC" : "ASCII";
+    AppendKey(out, ",\"byteOrder\":", piece.big_endian ? "big" : "little");
+    AppendKey(out, ",\"charset\":", piece.ebcdic ? "EBCDIC" : "ASCII");
   }
-  json["fields"] = nlohmann::ordered_json::array();
-  json["faults"] = nlohmann::ordered_json::array();
-  for (const Field& field : piece.fields) {
-    json["fields"].push_back({{"offset", field.offset},
-                              {"size", field.size},
-                              {"name", NameOf(field)},
-                              {"value", field.value},
-                              {"meaning", std::string(field.meaning) + field.detail}});
-  }
-  for (const Fault& fault : piece.faults) {
-    json["faults"].push_back({{"offset", fault.offset}, {"rule", fault.rule}, {"text", fault.text}});
-  }
-  PrintJson(json);
+  out += ",\"fields\":[";
+  for (const Field& field : piece.fields) AppendFieldJson(out, field);
+  EndList(out);
+  out += ",\"faults\":[";
+  for (const Fault& fault : piece.faults) AppendFaultJson(out, fault);
+  EndList(out);
+  Print(out + "}\n");
 }
 
 void DecodeStream(const Stream& stream, const Options& options, Totals& totals) {

@@ -64,10 +64,13 @@ template <typename Replace>
 size_t AppendSafe(std::string& out, std::string_view text, size_t limit, std::string_view special, Replace replace) {
   size_t at = 0;
   for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
+    if (IsPrintable(static_cast<uint8_t>(text[at])) && special.find(text[at]) == std::string_view::npos) {
+      out += text[at++];
+      continue;
+    }
     const size_t length = CharacterLength(text, at);
     const std::string_view bytes = text.substr(at, std::max<size_t>(length, 1));
-    const bool is_special = length == 1 && special.find(bytes[0]) != std::string_view::npos;
-    if (length != 0 && !is_special && IsSafe(CodePoint(bytes))) {
+    if (length > 1 && IsSafe(CodePoint(bytes))) {
       out += bytes;
     } else {
       replace(out, bytes);
@@ -95,6 +98,16 @@ std::string Escape(char c) {
 
 void AppendEscaped(std::string& out, std::string_view bytes) {
   for (const char c : bytes) out += Escape(c);
+}
+
+// The same character in JSON; U+FFFD for a stray byte.
+void AppendJsonEscape(std::string& out, std::string_view bytes) {
+  const uint32_t point = CodePoint(bytes);
+  if (point == '"' || point == '\\') {
+    out.append("\\").append(bytes);
+  } else {
+    out += fmt::format("\\u{:04x}", bytes.size() == 1 && point > 0x7f ? 0xfffd : point);
+  }
 }
 
 std::string DumpLine(Bytes line, size_t offset) {
@@ -227,9 +240,14 @@ std::string SafeLines(std::string_view text) {
 
 std::string SafeJson(std::string_view json) {
   std::string out;
-  AppendSafe(out, json, SIZE_MAX, "",
-             [](std::string& to, std::string_view bytes) { to += fmt::format("\\u{:04x}", CodePoint(bytes)); });
+  AppendSafe(out, json, SIZE_MAX, "", AppendJsonEscape);
   return out;
+}
+
+void AppendJsonString(std::string& out, std::string_view text) {
+  out += '"';
+  AppendSafe(out, text, SIZE_MAX, "\"\\", AppendJsonEscape);
+  out += '"';
 }
 
 std::optional<std::string> FromEbcdic(std::string_view text) {

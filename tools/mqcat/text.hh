@@ -43,6 +43,9 @@ std::string Plain(std::string_view text);
 // With escapes; lines stay lines.
 std::string SafeLines(std::string_view text);
 
+// Appends a string of JSON.
+void AppendJsonString(std::string& out, std::string_view text);
+
 // JSON on one line, in UTF-8: with escapes of JSON, so that it stands for the same value.
 std::string SafeJson(std::string_view json);
 
