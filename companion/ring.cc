@@ -133,6 +133,7 @@ uint32_t Settle(const KeyLine* lines, uint32_t number, KeyLine* out) {
 bool Merge(const KeyLine* lines, uint32_t number) {
   const Locked locked;
   const uint32_t all = count + number;
+  if (all == 0) return true;
   KeyLine* sorted = NewMembers(all);
   if (sorted == nullptr) return false;
   KeyLine* merged = NewMembers(all);
