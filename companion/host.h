@@ -166,13 +166,18 @@ MQ_RUNTIME const char* mqc_header_error(void);
  *
  * A signer is the security context of the signed writes: one user and the secret key of that user. A host that reads
  * signed messages keeps the public keys of the users it accepts in the ring, one for the whole process. A signed
- * message carries the time of its signing and a nonce. It is accepted when its user is in the ring, the signature is
- * right, its time is within the window around the receiver's, and it has not been accepted before. */
+ * message carries the time of its signing and a nonce. It is accepted when its user has a key in the ring that is neither
+ * revoked nor past its end, the signature is right, its time is within the window around the receiver's, and it has not
+ * been accepted before.
+ * Signers and the content of key files lie in memory that is left out of core dumps, and out of swap as far as
+ * RLIMIT_MEMLOCK allows. What the caller hands over or gets is for the caller to protect. */
 
 #define MQC_KEY_BYTES 32u /* a secret key (Ed25519 seed), and a public key */
 #define MQC_KEY_TEXT 65u  /* a key as hexadecimal text with its terminator */
+#define MQC_KEY_LINE 128u /* a line of a key file with its terminator */
 #define MQC_USER_MAX 12u  /* characters of a user id; printable ASCII without blanks and '#' */
 #define MQC_WINDOW_MAX 86400u
+#define MQC_NO_END INT64_MAX /* the end of a key that has none */
 
 typedef struct MqcSigner MqcSigner;
 
@@ -187,6 +192,30 @@ MQ_RUNTIME void mqc_key_text(const uint8_t key[MQC_KEY_BYTES], char text[MQC_KEY
  * Result   1; 0 for any other text, key is all zero then */
 MQ_RUNTIME int mqc_key_from_text(const char* text, uint8_t key[MQC_KEY_BYTES]);
 
+/* A key with what a line of a key file says of it. */
+enum { MQC_KEY_UNMARKED = 0, MQC_KEY_PUBLIC = 1, MQC_KEY_SECRET = 2 };
+
+typedef struct MqcKey {
+  char user[MQC_USER_MAX + 1];
+  uint8_t kind;    /* MQC_KEY_...; unmarked: a public key in a ring, a secret one in a secret key file */
+  uint8_t revoked; /* 1: nothing that this key has signed is accepted, whatever other lines say */
+  uint8_t key[MQC_KEY_BYTES];
+  int64_t until; /* the last millisecond of the key; MQC_NO_END */
+} MqcKey;
+
+/* mqc_key_read - a key from one line of a key file: a user, blanks, 64 hexadecimal digits, then any of the words
+ * public or secret, until=YYYY-MM-DD (the key's last day, UTC) and revoked. What follows a '#' is skipped.
+ * Result   1, with an empty user for a line without a key; 0 for a malformed line, key is all zero then
+ * Wipe what held a secret key after use, the line too (mqc_wipe). */
+MQ_RUNTIME int mqc_key_read(const char* line, MqcKey* key);
+
+/* mqc_key_write - a key as such a line, without a newline. Of its end the day is written.
+ *   key  in  the user at least must be a valid one */
+MQ_RUNTIME void mqc_key_write(const MqcKey* key, char line[MQC_KEY_LINE]);
+
+/* mqc_is_public_key - 1 when these bytes can be a public key; 0 otherwise. Of all secret keys about one in 16 can. */
+MQ_RUNTIME int mqc_is_public_key(const uint8_t key[MQC_KEY_BYTES]);
+
 /* mqc_wipe - overwrite size bytes with zero in a way that the compiler does not remove. */
 MQ_RUNTIME void mqc_wipe(void* place, size_t size);
 
@@ -197,10 +226,12 @@ MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[
                                      size_t size);
 
 /* mqc_signer_load - a security context from a secret key file.
- *   path  in  text; a line is a user, blanks, and 64 hexadecimal digits; empty lines and what follows a '#' are skipped
+ *   path  in  a file of lines as mqc_key_read takes them
  *   user  in  whose key to take; null for the only key in the file
- * Refused, with the reason: a file that its group or others may access, that is no regular file or larger than 65536
- * bytes, a malformed line (named as file:line), no key for the user, more than one.
+ * Refused, with the reason: a file that its group or others may access, that belongs neither to the user of this
+ * process nor to root, that is not a regular file or larger than 65536 bytes, a malformed line (named as file:line), no
+ * key for the user, more than one, one that is marked as public or revoked.
+ * A key that has an end signs nothing after it: mqc_sign_error says so.
  * Result   the signer, for mqc_signer_free; null with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
 
@@ -210,31 +241,42 @@ MQ_RUNTIME const char* mqc_signer_user(const MqcSigner* signer);
 /* mqc_signer_public_key - the public key that belongs to a signer's secret key. */
 MQ_RUNTIME void mqc_signer_public_key(const MqcSigner* signer, uint8_t public_key[MQC_KEY_BYTES]);
 
+/* mqc_signer_until - the last millisecond of a signer's key; MQC_NO_END. */
+MQ_RUNTIME int64_t mqc_signer_until(const MqcSigner* signer);
+
 /* mqc_signer_free - wipe and release a signer. signer may be null. No write may be using it. */
 MQ_RUNTIME void mqc_signer_free(MqcSigner* signer);
 
-/* mqc_secret_file_write - create a secret key file with one key, access for its owner alone.
+/* mqc_secret_file_write - create a secret key file with one key, marked as secret, access for its owner alone.
  * Result   1; 0 with an error text, also when something with this name exists: nothing is ever overwritten */
 MQ_RUNTIME int mqc_secret_file_write(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES],
                                      char* error, size_t size);
 
+/* mqc_secret_file_write_until - as mqc_secret_file_write, for a key that ends with the day of until. */
+MQ_RUNTIME int mqc_secret_file_write_until(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES],
+                                           int64_t until, char* error, size_t size);
+
 /* mqc_ring_add - accept messages signed by this user's key. A key that the user had before is replaced.
- * Result   1; 0 with an error text: a user id or a public key that cannot be one, no memory */
+ * Result   1; 0 with an error text: a user id or a public key that cannot be one, a revoked key, no memory */
 MQ_RUNTIME int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char* error, size_t size);
 
-/* mqc_ring_load - add every line of a ring file: a user, blanks, the 64 hexadecimal digits of the public key; empty
- * lines and what follows a '#' are skipped. All or nothing: after a failure the ring is as before.
- * Result   1; 0 with an error text: unreadable or larger than 16777216 bytes, a malformed line or a user twice (named
- *          as file:line), no memory */
+/* mqc_ring_load - add every line of a ring file, as mqc_key_read takes them. All or nothing: after a failure the ring is
+ * as before. A key whose end has passed is refused when a message comes. A key that a line revokes is not accepted for
+ * that user until mqc_ring_clear, whatever files are loaded before and after.
+ * Result   1; 0 with an error text: a file that others than its owner may write to, that belongs neither to the user of
+ *          this process nor to root, that is not a regular file or larger than 16777216 bytes; a malformed line, one
+ *          with a secret key or without a valid public key, a second key of a user (named as file:line); no memory */
 MQ_RUNTIME int mqc_ring_load(const char* path, char* error, size_t size);
 
-/* mqc_ring_remove - accept nothing more from this user. Result 1; 0 when the ring has no such user. */
+/* mqc_ring_remove - accept nothing more from this user. Result 1; 0 when the ring has no key of the user. Revoked keys
+ * stay revoked. */
 MQ_RUNTIME int mqc_ring_remove(const char* user);
 
-/* mqc_ring_clear - accept nothing more from anybody. What was accepted before is still remembered. */
+/* mqc_ring_clear - accept nothing more from anybody, and forget which keys were revoked. What was accepted before is
+ * still remembered. */
 MQ_RUNTIME void mqc_ring_clear(void);
 
-/* mqc_ring_count - number of users in the ring. */
+/* mqc_ring_count - number of users who have a key in the ring, past its end or not. */
 MQ_RUNTIME uint32_t mqc_ring_count(void);
 
 /* mqc_set_window - how far the time of a signed message may lie from the receiver's, before and after it.

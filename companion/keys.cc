@@ -1,6 +1,6 @@
-// keys.cc - keys as bytes, as text and in files; signers.
-// Not here: who is accepted (ring.cc), signatures (sign.cc).
-// Invariant: a copy of a secret key that this room makes is wiped before its place is given up.
+// keys.cc - pairs of keys, key files, signers.
+// Not here: a key as text (keyline.cc), who is accepted (ring.cc), signatures (sign.cc).
+// Invariant: a copy of a secret key that outlives a call lies in memory for secrets (secret.hh).
 
 #include "companion/keys.hh"
 
@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #include "companion/locks.hh"
-#include "companion/memory.hh"
+#include "companion/secret.hh"
 
 namespace mqc {
 namespace {
@@ -24,19 +24,6 @@ static_assert(crypto_sign_SECRETKEYBYTES == sizeof(MqcSigner::secret));
 
 pthread_once_t sodium_once = PTHREAD_ONCE_INIT;
 bool sodium_ready;
-
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
-// Cuts the next word off the text: terminates it and moves *text behind it. Empty when there is none.
-char* NextWord(char** text) {
-  char* start = *text;
-  while (IsBlank(*start)) ++start;
-  char* end = start;
-  while (*end != '\0' && !IsBlank(*end)) ++end;
-  *text = *end == '\0' ? end : end + 1;
-  *end = '\0';
-  return start;
-}
 
 // "PATH: No such file or directory (ENOENT)".
 bool FailSystem(ErrorText error, const char* path, int code) {
@@ -51,6 +38,15 @@ bool CheckFile(int fd, const char* path, bool secret, size_t max_size, size_t* s
   if (secret && (about.st_mode & 077) != 0) {
     return Fail(error, "%s: its group or others have access to this secret key (mode %04o); chmod 600 it", path,
                 about.st_mode & 07777u);
+  }
+  if (!secret && (about.st_mode & 022) != 0) {
+    return Fail(error,
+                "%s: its group or others may write to it (mode %04o), and so decide who is accepted; chmod go-w it",
+                path, about.st_mode & 07777u);
+  }
+  if (about.st_uid != geteuid() && about.st_uid != 0) {
+    return Fail(error, "%s: belongs to user id %u, neither to the user of this process nor to root", path,
+                about.st_uid);
   }
   if (static_cast<uint64_t>(about.st_size) > max_size) {
     return Fail(error, "%s: %lld bytes, at most %zu are read", path, (long long)about.st_size, max_size);
@@ -73,21 +69,36 @@ bool WriteAll(int fd, const char* bytes, size_t size) {
 // The one line of this user, or of the file when user is null.
 bool PickKey(const char* path, const char* user, KeyLine* picked, ErrorText error) {
   KeyFile file;
-  KeyLine line;
+  const Secret<KeyLine> line(tags[kTagFile]);
   uint32_t found = 0;
+  if (!line) return Fail(error, "%s: no memory to read it", path);
   if (!file.Open(path, true, kSecretFileMax, error)) return false;
-  while (file.Next(&line, error)) {
-    if (user != nullptr && strcmp(line.user, user) != 0) continue;
+  while (file.Next(&*line, error)) {
+    if (user != nullptr && strcmp(line->user, user) != 0) continue;
     ++found;
-    *picked = line;
+    *picked = *line;
   }
-  sodium_memzero(&line, sizeof(line));
   if (file.bad()) return false;
-  if (found == 1) return true;
   if (found == 0 && user == nullptr) return Fail(error, "%s: holds no key", path);
   if (found == 0) return Fail(error, "%s: holds no key of user %s", path, user);
-  return Fail(error, user == nullptr ? "%s: holds %u keys, name the user" : "%s: holds %u keys of this user", path,
-              found);
+  if (found > 1) {
+    return Fail(error, user == nullptr ? "%s: holds %u keys, name the user" : "%s: holds %u keys of this user", path,
+                found);
+  }
+  if (picked->kind == MQC_KEY_PUBLIC) return Fail(error, "%s:%u: a public key cannot sign", path, picked->number);
+  return picked->revoked == 0 || Fail(error, "%s:%u: this key is revoked", path, picked->number);
+}
+
+MqcSigner* NewSigner(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], int64_t until, ErrorText error) {
+  if (!HaveSodium()) return Fail(error, "the system gives no randomness"), nullptr;
+  if (!IsUser(user)) return Fail(error, kNotUser, user), nullptr;
+  auto* signer = static_cast<MqcSigner*>(AllocateSecret(sizeof(MqcSigner), tags[kTagSigner]));
+  if (signer == nullptr) return Fail(error, "no memory for a signer"), nullptr;
+  signer->mark = kSignerMark;
+  memcpy(signer->user, user, strlen(user) + 1);
+  crypto_sign_seed_keypair(signer->public_key, signer->secret, secret_key);
+  signer->until = until;
+  return signer;
 }
 
 }  // namespace
@@ -100,20 +111,7 @@ bool HaveSodium() {
   return sodium_ready;
 }
 
-bool IsUser(const char* user) {
-  size_t length = 0;
-  for (; user[length] != '\0'; ++length) {
-    const char c = user[length];
-    if (length == MQC_USER_MAX || c <= ' ' || c > '~' || c == '#') return false;
-  }
-  return length != 0;
-}
-
-KeyFile::~KeyFile() {
-  if (bytes_ == nullptr) return;
-  sodium_memzero(bytes_, size_ + 1);
-  Release(bytes_);
-}
+KeyFile::~KeyFile() { ReleaseSecret(bytes_); }
 
 bool KeyFile::Open(const char* path, bool secret, size_t max_size, ErrorText error) {
   path_ = path;
@@ -126,34 +124,20 @@ bool KeyFile::Open(const char* path, bool secret, size_t max_size, ErrorText err
 }
 
 bool KeyFile::Read(int fd, ErrorText error) {
-  const size_t room = size_;
-  bytes_ = static_cast<char*>(Allocate<Kind::kRecord>(static_cast<uint32_t>(room + 1), tags[kTagFile]));
+  bytes_ = static_cast<char*>(AllocateSecret(static_cast<uint32_t>(size_ + 1), tags[kTagFile]));
   if (bytes_ == nullptr) return Fail(error, "%s: no memory to read it", path_);
-  size_t held = 0;
-  while (held < room) {
-    const ssize_t got = read(fd, bytes_ + held, room - held);
+  // A file that shrank meanwhile ends in zeros.
+  for (size_t held = 0; held < size_;) {
+    const ssize_t got = read(fd, bytes_ + held, size_ - held);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return FailSystem(error, path_, errno);
     if (got == 0) break;
     held += static_cast<size_t>(got);
   }
-  // A file that shrank meanwhile leaves nothing unset to be read.
-  memset(bytes_ + held, 0, room + 1 - held);
-  size_ = room;
   return true;
 }
 
 size_t KeyFile::MaxKeys() const { return size_ / (2 * MQC_KEY_BYTES + 2) + 1; }
-
-bool KeyFile::Parse(char* text, KeyLine* line) {
-  const char* user = NextWord(&text);
-  const char* key = NextWord(&text);
-  const char* rest = NextWord(&text);
-  if (!IsUser(user) || *rest != '\0' || !mqc_key_from_text(key, line->key)) return false;
-  memcpy(line->user, user, strlen(user) + 1);
-  line->number = number_;
-  return true;
-}
 
 bool KeyFile::Next(KeyLine* line, ErrorText error) {
   while (at_ < size_) {
@@ -165,12 +149,13 @@ bool KeyFile::Next(KeyLine* line, ErrorText error) {
     ++number_;
     text[length] = '\0';
     const bool cut = memchr(text, '\0', length) != nullptr;
-    text[strcspn(text, "#")] = '\0';
-    if (!cut && text[strspn(text, " \t\r")] == '\0') continue;
-    if (!cut && Parse(text, line)) return true;
-    bad_ = true;
-    return Fail(error, "%s:%u: expected a user of 1 to %u characters and a key of %u hexadecimal digits", path_,
-                number_, MQC_USER_MAX, 2 * MQC_KEY_BYTES);
+    if (cut || !mqc_key_read(text, line)) {
+      bad_ = true;
+      return Fail(error, "%s:%u: expected a user of 1 to %u characters, a key of %u hexadecimal digits and any of: %s",
+                  path_, number_, MQC_USER_MAX, 2 * MQC_KEY_BYTES, "public, secret, until=YYYY-MM-DD, revoked");
+    }
+    line->number = number_;
+    if (line->user[0] != '\0') return true;
   }
   return false;
 }
@@ -188,43 +173,23 @@ int mqc_generate_key(uint8_t secret_key[MQC_KEY_BYTES], uint8_t public_key[MQC_K
   return 1;
 }
 
-void mqc_key_text(const uint8_t key[MQC_KEY_BYTES], char text[MQC_KEY_TEXT]) {
-  sodium_bin2hex(text, MQC_KEY_TEXT, key, MQC_KEY_BYTES);
-}
-
-int mqc_key_from_text(const char* text, uint8_t key[MQC_KEY_BYTES]) {
-  size_t size = 0;
-  const size_t length = strnlen(text, 2 * MQC_KEY_BYTES + 1);
-  const bool right = length == 2 * MQC_KEY_BYTES &&
-                     sodium_hex2bin(key, MQC_KEY_BYTES, text, length, nullptr, &size, nullptr) == 0 &&
-                     size == MQC_KEY_BYTES;
-  if (!right) sodium_memzero(key, MQC_KEY_BYTES);
-  return right;
+int mqc_is_public_key(const uint8_t key[MQC_KEY_BYTES]) {
+  return HaveSodium() && crypto_core_ed25519_is_valid_point(key) == 1;
 }
 
 void mqc_wipe(void* place, size_t size) { sodium_memzero(place, size); }
 
 MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], char* error, size_t size) {
-  const ErrorText text = {error, size};
-  Clear(text);
-  if (!HaveSodium()) return Fail(text, "the system gives no randomness"), nullptr;
-  if (!IsUser(user)) return Fail(text, kNotUser, user), nullptr;
-  auto* signer = static_cast<MqcSigner*>(Allocate<Kind::kRecord>(sizeof(MqcSigner), tags[kTagSigner]));
-  if (signer == nullptr) return Fail(text, "no memory for a signer"), nullptr;
-  memset(signer, 0, sizeof(*signer));
-  signer->mark = kSignerMark;
-  memcpy(signer->user, user, strlen(user) + 1);
-  crypto_sign_seed_keypair(signer->public_key, signer->secret, secret_key);
-  return signer;
+  Clear({error, size});
+  return NewSigner(user, secret_key, MQC_NO_END, {error, size});
 }
 
 MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size) {
-  KeyLine line = {};
-  Clear({error, size});
-  MqcSigner* signer = nullptr;
-  if (PickKey(path, user, &line, {error, size})) signer = mqc_signer_new(line.user, line.key, error, size);
-  sodium_memzero(&line, sizeof(line));
-  return signer;
+  const ErrorText text = {error, size};
+  Clear(text);
+  const Secret<KeyLine> line(tags[kTagFile]);
+  if (!line) return Fail(text, "%s: no memory to read it", path), nullptr;
+  return PickKey(path, user, &*line, text) ? NewSigner(line->user, line->key, line->until, text) : nullptr;
 }
 
 const char* mqc_signer_user(const MqcSigner* signer) { return signer->user; }
@@ -233,29 +198,39 @@ void mqc_signer_public_key(const MqcSigner* signer, uint8_t public_key[MQC_KEY_B
   memcpy(public_key, signer->public_key, MQC_KEY_BYTES);
 }
 
-void mqc_signer_free(MqcSigner* signer) {
-  if (signer == nullptr) return;
-  sodium_memzero(signer, sizeof(*signer));
-  Release(signer);
-}
+int64_t mqc_signer_until(const MqcSigner* signer) { return signer->until; }
 
-int mqc_secret_file_write(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES], char* error,
-                          size_t size) {
+void mqc_signer_free(MqcSigner* signer) { ReleaseSecret(signer); }
+
+int mqc_secret_file_write_until(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES],
+                                int64_t until, char* error, size_t size) {
+  struct Content {
+    MqcKey key;
+    char line[MQC_KEY_LINE + 1];
+  };
   const ErrorText text = {error, size};
   Clear(text);
   if (!IsUser(user)) return Fail(text, kNotUser, user);
+  const Secret<Content> content(tags[kTagFile]);
+  if (!content) return Fail(text, "%s: no memory to write it", path);
+  MqcKey& key = content->key;
+  memcpy(key.user, user, strlen(user) + 1);
+  memcpy(key.key, secret_key, MQC_KEY_BYTES);
+  key.kind = MQC_KEY_SECRET;
+  key.until = until;
+  mqc_key_write(&key, content->line);
+  strcat(content->line, "\n");
   const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return FailSystem(text, path, errno);
-  char digits[MQC_KEY_TEXT];
-  char line[MQC_USER_MAX + MQC_KEY_TEXT + 3];
-  mqc_key_text(secret_key, digits);
-  const int length = snprintf(line, sizeof(line), "%s %s\n", user, digits);
-  bool written = WriteAll(fd, line, static_cast<size_t>(length));
-  sodium_memzero(digits, sizeof(digits));
-  sodium_memzero(line, sizeof(line));
+  bool written = WriteAll(fd, content->line, strlen(content->line));
   const int code = errno;
   written = close(fd) == 0 && written;
   if (written) return 1;
   unlink(path);
   return FailSystem(text, path, code);
+}
+
+int mqc_secret_file_write(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES], char* error,
+                          size_t size) {
+  return mqc_secret_file_write_until(path, user, secret_key, MQC_NO_END, error, size);
 }

@@ -13,6 +13,7 @@ struct MqcSigner {
   char user[MQC_USER_MAX + 1];
   uint8_t secret[64];  // as libsodium wants it: seed, public key
   uint8_t public_key[MQC_KEY_BYTES];
+  int64_t until;  // milliseconds since 1970; MQC_NO_END
 };
 
 namespace mqc {
@@ -24,19 +25,24 @@ bool HaveSodium();
 
 // True for 1 to 12 printable ASCII characters, no blank, no '#'.
 bool IsUser(const char* user);
-constexpr char kNotUser[] = "\"%.40s\" is no user: 1 to 12 printable ASCII characters, without blanks and #";
+constexpr char kNotUser[] = "\"%.40s\" is not a user: 1 to 12 printable ASCII characters, without blanks and #";
 
-struct KeyLine {
-  char user[MQC_USER_MAX + 1];
-  uint8_t key[MQC_KEY_BYTES];
+// The day of a time in milliseconds since 1970, UTC: "2027-06-30".
+struct Date {
+  char text[16];
+};
+Date DateOf(int64_t time);
+
+struct KeyLine : MqcKey {
   uint32_t number;  // line of the file, from 1
 };
 
-// A key file in memory. The bytes are wiped when they go.
+// A key file in memory for secrets.
 class KeyFile {
  public:
   ~KeyFile();
-  // secret: the file holds secret keys and nobody but its owner may have access to it.
+  // secret: the file holds secret keys and nobody but its owner may have access to it. Nobody but its owner may write
+  // to the others. The owner is the user of this process or root.
   bool Open(const char* path, bool secret, size_t max_size, ErrorText error);
   // The next line that holds a key. False at the end, and with bad() after a malformed line.
   bool Next(KeyLine* line, ErrorText error);
@@ -46,7 +52,6 @@ class KeyFile {
 
  private:
   bool Read(int fd, ErrorText error);
-  bool Parse(char* text, KeyLine* line);
 
   const char* path_ = nullptr;
   char* bytes_ = nullptr;

@@ -139,14 +139,15 @@ void CountIn(Tag& tag, uint64_t size) {
   }
 }
 
+void CountOut(Tag& tag, uint64_t size) {
+  if (__libc_single_threaded) return CountOutAlone(tag, size);
+  __atomic_fetch_sub(&tag.live_bytes, size, __ATOMIC_RELAXED);
+  __atomic_fetch_sub(&tag.live, 1, __ATOMIC_RELAXED);
+}
+
 void ReleaseOther(void* place) {
   const BlockHead head = HeadOf(place);
-  if (__libc_single_threaded) {
-    CountOutAlone(*head.tag, head.size);
-  } else {
-    __atomic_fetch_sub(&head.tag->live_bytes, head.size, __ATOMIC_RELAXED);
-    __atomic_fetch_sub(&head.tag->live, 1, __ATOMIC_RELAXED);
-  }
+  CountOut(*head.tag, head.size);
   if (head.offset > kAreaAlignment) {
     constexpr uint32_t kHead = sizeof(BlockHead);
     GiveToPool(static_cast<char*>(place) - kHead, head.offset - kHead);

@@ -84,6 +84,7 @@ inline void CountOutAlone(Tag& tag, uint64_t size) {
 }
 
 void CountIn(Tag& tag, uint64_t size);
+void CountOut(Tag& tag, uint64_t size);
 
 enum class Kind : uint32_t { kRecord, kArea };
 

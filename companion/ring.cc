@@ -1,6 +1,7 @@
 // ring.cc - the users whose signatures are accepted, and their public keys.
 // Not here: key files (keys.cc).
-// Invariant: members stand in the order of their user ids, each user once. All of it under the lock.
+// Invariant: members are in the order of CompareLines; a user has at most one key that is not revoked, and it comes
+// first. All of it under the lock.
 
 #include "companion/ring.hh"
 
@@ -19,7 +20,7 @@ namespace {
 
 constexpr size_t kRingFileMax = 16777216;
 
-KeyLine* members;  // number is not used
+KeyLine* members;  // number is 0
 uint32_t count;
 uint32_t room;
 
@@ -52,57 +53,93 @@ bool Grow(uint32_t number) {
 // There is room.
 void Put(const KeyLine& line) {
   const uint32_t place = PlaceOf(line.user);
-  if (!IsAt(place, line.user)) {
+  if (!IsAt(place, line.user) || members[place].revoked != 0) {
     memmove(members + place + 1, members + place, (count - place) * sizeof(KeyLine));
     ++count;
   }
   members[place] = line;
 }
 
-bool IsPublicKey(const uint8_t key[MQC_KEY_BYTES]) {
-  return HaveSodium() && crypto_core_ed25519_is_valid_point(key) == 1;
+bool IsRevoked(const char* user, const uint8_t key[MQC_KEY_BYTES]) {
+  for (uint32_t place = PlaceOf(user); IsAt(place, user); ++place) {
+    if (members[place].revoked != 0 && memcmp(members[place].key, key, MQC_KEY_BYTES) == 0) return true;
+  }
+  return false;
 }
 
+// By user; of one user keys that are not revoked come first, by line, then the revoked ones, by key.
 int CompareLines(const void* left, const void* right) {
   const auto* a = static_cast<const KeyLine*>(left);
   const auto* b = static_cast<const KeyLine*>(right);
-  const int order = strcmp(a->user, b->user);
-  return order != 0 ? order : (a->number < b->number ? -1 : 1);
+  if (const int order = strcmp(a->user, b->user); order != 0) return order;
+  if (a->revoked != b->revoked) return a->revoked - b->revoked;
+  if (a->revoked != 0) return memcmp(a->key, b->key, MQC_KEY_BYTES);
+  return a->number < b->number ? -1 : 1;
 }
 
 bool CheckLines(const char* path, KeyLine* lines, uint32_t number, ErrorText error) {
   qsort(lines, number, sizeof(KeyLine), CompareLines);
   for (uint32_t i = 0; i < number; ++i) {
-    if (!IsPublicKey(lines[i].key)) return Fail(error, "%s:%u: this is no public key", path, lines[i].number);
-    if (i != 0 && strcmp(lines[i].user, lines[i - 1].user) == 0) {
-      return Fail(error, "%s:%u: user %s stands in line %u already", path, lines[i].number, lines[i].user,
+    const KeyLine& line = lines[i];
+    if (line.kind == MQC_KEY_SECRET) return Fail(error, "%s:%u: a secret key in a ring", path, line.number);
+    if (!mqc_is_public_key(line.key)) return Fail(error, "%s:%u: not a valid public key", path, line.number);
+    if (i != 0 && line.revoked == 0 && strcmp(line.user, lines[i - 1].user) == 0) {
+      return Fail(error, "%s:%u: user %s has a key in line %u already", path, line.number, line.user,
                   lines[i - 1].number);
     }
   }
   return true;
 }
 
-// Merges the sorted lines into the ring. They win over members of the same user.
+bool HasKey(const KeyLine* begin, const KeyLine* end, const uint8_t key[MQC_KEY_BYTES]) {
+  return std::any_of(begin, end, [key](const KeyLine& line) { return memcmp(line.key, key, MQC_KEY_BYTES) == 0; });
+}
+
+// Of the sorted lines of one user, the last key that is not revoked, then each revoked key once. Returns how many.
+uint32_t SettleUser(const KeyLine* begin, const KeyLine* end, KeyLine* out) {
+  uint32_t put = 0;
+  const KeyLine* revoked = std::find_if(begin, end, [](const KeyLine& line) { return line.revoked != 0; });
+  for (const KeyLine* line = begin; line < revoked; ++line) {
+    if (HasKey(revoked, end, line->key)) continue;
+    out[0] = *line;
+    put = 1;
+  }
+  for (const KeyLine* line = revoked; line < end; ++line) {
+    if (line == revoked || !HasKey(line - 1, line, line->key)) out[put++] = *line;
+  }
+  return put;
+}
+
+uint32_t Settle(const KeyLine* lines, uint32_t number, KeyLine* out) {
+  uint32_t put = 0;
+  for (uint32_t first = 0, end; first < number; first = end) {
+    end = first + 1;
+    while (end < number && strcmp(lines[end].user, lines[first].user) == 0) ++end;
+    put += SettleUser(lines + first, lines + end, out + put);
+  }
+  for (uint32_t i = 0; i < put; ++i) out[i].number = 0;
+  return put;
+}
+
+// Merges the lines into the ring. They win over members of the same user.
 bool Merge(const KeyLine* lines, uint32_t number) {
   const Locked locked(kLockRing);
-  KeyLine* merged = NewMembers(count + number);
-  if (merged == nullptr) return false;
-  uint32_t from_ring = 0;
-  uint32_t put = 0;
-  for (uint32_t i = 0; i < number; ++i) {
-    int order = 1;
-    while (from_ring < count && (order = strcmp(members[from_ring].user, lines[i].user)) < 0) {
-      merged[put++] = members[from_ring++];
-    }
-    if (from_ring < count && order == 0) ++from_ring;
-    merged[put++] = lines[i];
+  const uint32_t all = count + number;
+  if (all == 0) return true;
+  KeyLine* sorted = NewMembers(all);
+  if (sorted == nullptr) return false;
+  KeyLine* merged = NewMembers(all);
+  if (merged != nullptr) {
+    if (count != 0) memcpy(sorted, members, count * sizeof(KeyLine));
+    memcpy(sorted + count, lines, number * sizeof(KeyLine));
+    qsort(sorted, all, sizeof(KeyLine), CompareLines);
+    Release(members);
+    members = merged;
+    room = all;
+    count = Settle(sorted, all, merged);
   }
-  while (from_ring < count) merged[put++] = members[from_ring++];
-  Release(members);
-  members = merged;
-  room = count + number;
-  count = put;
-  return true;
+  Release(sorted);
+  return merged != nullptr;
 }
 
 bool LoadLines(const char* path, KeyFile& file, KeyLine* lines, uint32_t* number, ErrorText error) {
@@ -113,11 +150,14 @@ bool LoadLines(const char* path, KeyFile& file, KeyLine* lines, uint32_t* number
 
 }  // namespace
 
-bool FindPublicKey(const char* user, uint8_t key[MQC_KEY_BYTES]) {
+bool FindPublicKey(const char* user, int64_t now, uint8_t key[MQC_KEY_BYTES], ErrorText error) {
   const Locked locked(kLockRing);
   const uint32_t place = PlaceOf(user);
-  if (!IsAt(place, user)) return false;
-  memcpy(key, members[place].key, MQC_KEY_BYTES);
+  if (!IsAt(place, user)) return Fail(error, "user %s is not in the ring", user);
+  const KeyLine& member = members[place];
+  if (member.revoked != 0) return Fail(error, "the key of user %s is revoked", user);
+  if (now > member.until) return Fail(error, "the key of user %s ended on %s", user, DateOf(member.until).text);
+  memcpy(key, member.key, MQC_KEY_BYTES);
   return true;
 }
 
@@ -129,11 +169,13 @@ int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char
   const ErrorText text = {error, size};
   Clear(text);
   if (!IsUser(user)) return Fail(text, kNotUser, user);
-  if (!IsPublicKey(public_key)) return Fail(text, "the key of user %s is no public key", user);
+  if (!mqc_is_public_key(public_key)) return Fail(text, "the key of user %s is not a valid public key", user);
   KeyLine line = {};
   memcpy(line.user, user, strlen(user) + 1);
   memcpy(line.key, public_key, MQC_KEY_BYTES);
+  line.until = MQC_NO_END;
   const Locked locked(kLockRing);
+  if (IsRevoked(user, public_key)) return Fail(text, "the key of user %s is revoked", user);
   if (count == room && !Grow(std::max(8u, room * 2))) return Fail(text, "no memory for user %s", user);
   Put(line);
   return 1;
@@ -157,7 +199,7 @@ int mqc_ring_load(const char* path, char* error, size_t size) {
 int mqc_ring_remove(const char* user) {
   const Locked locked(kLockRing);
   const uint32_t place = PlaceOf(user);
-  if (!IsAt(place, user)) return 0;
+  if (!IsAt(place, user) || members[place].revoked != 0) return 0;
   --count;
   memmove(members + place, members + place + 1, (count - place) * sizeof(KeyLine));
   return 1;
@@ -173,5 +215,6 @@ void mqc_ring_clear(void) {
 
 uint32_t mqc_ring_count(void) {
   const Locked locked(kLockRing);
-  return count;
+  return static_cast<uint32_t>(
+      std::count_if(members, members + count, [](const KeyLine& member) { return member.revoked == 0; }));
 }

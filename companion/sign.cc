@@ -80,6 +80,8 @@ bool IsFieldOf(const char* user, const char field[kUserField]) {
 
 bool CheckForSigning(const MqcSigner& signer, const PcfMessage& msg, ErrorText error) {
   if (signer.mark != kSignerMark) return Fail(error, "the security context is no signer");
+  if (Now() > signer.until)
+    return Fail(error, "the key of user %s ended on %s", signer.user, DateOf(signer.until).text);
   if (!IsFieldOf(signer.user, msg.secHeader.userId)) {
     return Fail(error, "the node's user is %.12s, the key is that of %s", msg.secHeader.userId, signer.user);
   }
@@ -129,7 +131,7 @@ bool CheckSignature(const SecureHeader& envelope, const IoBuffer& part, uint32_t
   uint8_t key[MQC_KEY_BYTES];
   if (!IsUser(user) || !IsFieldOf(user, envelope.userId)) return Fail(error, "the envelope's user cannot be one");
   if (!HaveSodium()) return Fail(error, "the system gives no randomness");
-  if (!FindPublicKey(user, key)) return Fail(error, "user %s is not in the ring", user);
+  if (!FindPublicKey(user, Now(), key, error)) return false;
   const uint8_t* trailer = part.data + plain;
   crypto_sign_state state = Digest(envelope, trailer, part.data, plain);
   if (crypto_sign_final_verify(&state, trailer + kAtSignature, key) != 0) {

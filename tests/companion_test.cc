@@ -273,10 +273,12 @@ TEST(Memory, BlocksStayApartInAnyOrderOfRelease) {
 }
 
 // Everything that a host may do with memory, as one scenario that stops at the first failure.
-bool Scenario(const char* ring_file) {
+bool Scenario(const char* ring_file, const char* secret_file) {
   mqc_ring_clear();
+  unlink(secret_file);
   uint8_t secret[32] = {1}, open_key[32];
-  Signer signer(mqc_signer_new("alice", secret, nullptr, 0));
+  if (!mqc_secret_file_write(secret_file, "alice", secret, nullptr, 0)) return false;
+  Signer signer(mqc_signer_load(secret_file, nullptr, nullptr, 0));
   if (!signer) return false;
   mqc_signer_public_key(signer.get(), open_key);
   IoBuffer out = {};
@@ -337,14 +339,15 @@ struct Keys {
 TEST(Memory, EveryAllocationMayFail) {
   Folder folder;
   const std::string ring = folder.File("ring", std::string("bob ") + Keys().open_text + "\n");
-  ASSERT_TRUE(Scenario(ring.c_str()));
+  const std::string secret = folder.Name("secret");
+  ASSERT_TRUE(Scenario(ring.c_str(), secret.c_str()));
   for (const int onwards : {0, 1}) {
     const MqcMemory before = Account(nullptr);
     uint64_t failed = 0;
     for (;;) {
       const uint64_t attempts = mqc_allocations();
       mqc_fail_allocation(failed + 1, onwards);
-      const bool done = Scenario(ring.c_str());
+      const bool done = Scenario(ring.c_str(), secret.c_str());
       mqc_fail_allocation(0, 0);
       ASSERT_EQ(Account(nullptr).live_blocks, before.live_blocks) << "allocation " << failed + 1;
       if (done) {
@@ -352,7 +355,7 @@ TEST(Memory, EveryAllocationMayFail) {
         break;
       }
       ++failed;
-      ASSERT_TRUE(Scenario(ring.c_str())) << "after allocation " << failed;
+      ASSERT_TRUE(Scenario(ring.c_str(), secret.c_str())) << "after allocation " << failed;
     }
     EXPECT_GE(failed, 9u);
   }
@@ -894,6 +897,69 @@ TEST_F(Security, NobodySignsForAnother) {
   EXPECT_TRUE(Receive(wire)) << mqc_authenticate_error();
 }
 
+TEST_F(Security, KeysEndAndAreRevoked) {
+  Folder folder;
+  char error[300];
+  const auto load = [&](const std::string& text) {
+    ASSERT_TRUE(mqc_ring_load(folder.File("ring", text, 0644).c_str(), error, sizeof(error))) << error;
+  };
+  MqcKey key = {"alice", MQC_KEY_PUBLIC, 0, {}, clock_now};
+  char line[MQC_KEY_LINE];
+  memcpy(key.key, alice_.open, sizeof(key.key));
+  mqc_key_write(&key, line);
+  ASSERT_TRUE(mqc_key_read(line, &key));
+  load(line);
+  const std::string secret = folder.Name("secret");
+  ASSERT_TRUE(mqc_secret_file_write_until(secret.c_str(), "alice", alice_.secret, key.until, error, sizeof(error)));
+  signer_.reset(mqc_signer_load(secret.c_str(), nullptr, error, sizeof(error)));
+  ASSERT_TRUE(signer_) << error;
+  EXPECT_EQ(mqc_signer_until(signer_.get()), key.until);
+  // The day to its last millisecond, on both sides.
+  clock_now = key.until;
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  const Bytes late = Sign();
+  clock_now += 1;
+  ExpectSays(Refusal(late), "ended on ");
+  IoBuffer out = {};
+  EXPECT_FALSE(mqc_sign(signer_.get(), msg_.get(), &out));
+  ExpectSays(mqc_sign_error(), "ended on ");
+  // A revoked key stays so, whatever comes before and after it; another key of the user is another matter.
+  const std::string live = std::string("alice ") + alice_.open_text + "\n", revoked = line + std::string(" revoked\n");
+  signer_.reset(mqc_signer_new("alice", alice_.secret, nullptr, 0));
+  load(live);
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  load(revoked);
+  load(live + revoked);
+  load(live);
+  ExpectSays(Refusal(Sign()), "is revoked");
+  EXPECT_FALSE(mqc_ring_add("alice", alice_.open, error, sizeof(error)));
+  EXPECT_FALSE(mqc_ring_remove("alice"));
+  EXPECT_EQ(mqc_ring_count(), 1u);
+  load(std::string("alice ") + bob_.open_text);
+  EXPECT_EQ(mqc_ring_count(), 2u);
+  load(live);
+  ExpectSays(Refusal(Sign()), "is not user alice's");
+}
+
+// The mapping that a signer lies in, by the kernel's own account.
+TEST_F(Security, SignersAreLeftOutOfCoreDumpsAndSwap) {
+  std::ifstream maps("/proc/self/smaps");
+  const auto at = reinterpret_cast<uintptr_t>(signer_.get());
+  uintptr_t begin = 0, end = 0;
+  std::string flags;
+  for (std::string line; std::getline(maps, line);) {
+    uintptr_t from, to;
+    if (sscanf(line.c_str(), "%zx-%zx ", &from, &to) == 2) begin = from, end = to;
+    if (begin <= at && at < end && line.starts_with("VmFlags:")) flags = line + " ";
+  }
+  ExpectSays(flags, " dd ");
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which make mlock do nothing
+  rlimit lockable;
+  getrlimit(RLIMIT_MEMLOCK, &lockable);
+  if (lockable.rlim_cur > 65536) ExpectSays(flags, " lo ");
+#endif
+}
+
 TEST_F(Security, SigningIsRefusedWithAReason) {
   struct Row {
     const char* says;
@@ -1185,6 +1251,9 @@ TEST(KeyFiles, AreReadOrRefusedWithTheLine) {
       {bob + "0", 0600, nullptr, ":1: expected"},
       {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
       {bob + " more", 0600, nullptr, ":1: expected"},
+      {bob + " until=2028-02-29\tsecret # his", 0600, nullptr, nullptr},
+      {bob + " public", 0600, nullptr, ":1: a public key cannot sign"},
+      {bob + " revoked", 0600, nullptr, ":1: this key is revoked"},
       {bob + std::string(1, '\0') + "\n", 0600, nullptr, ":1: expected"},
       {std::string(65537, '\n'), 0600, nullptr, "at most 65536"},
   };
@@ -1203,12 +1272,39 @@ TEST(KeyFiles, AreReadOrRefusedWithTheLine) {
   EXPECT_EQ(mqc_signer_load(folder.Name("missing").c_str(), nullptr, error, sizeof(error)), nullptr);
   ExpectSays(error, "No such file");
   EXPECT_EQ(mqc_signer_load("/tmp", nullptr, error, sizeof(error)), nullptr);
+  const std::string theirs = folder.File("theirs", alice);
+  if (chown(theirs.c_str(), 65534, 65534) == 0) {  // root alone can
+    EXPECT_EQ(mqc_signer_load(theirs.c_str(), nullptr, error, sizeof(error)), nullptr);
+    ExpectSays(error, "belongs to user id 65534");
+  }
   char cut[8];
   EXPECT_EQ(mqc_signer_load("/", nullptr, cut, sizeof(cut)), nullptr);
   EXPECT_EQ(strlen(cut), 7u);
   EXPECT_EQ(mqc_signer_load("/", nullptr, nullptr, 0), nullptr);
   EXPECT_EQ(mqc_signer_load("/", nullptr, cut, 0), nullptr);
   EXPECT_EQ(strlen(cut), 7u) << "a place of no size is not written to";
+}
+
+TEST(KeyFiles, WordsBehindAKeyAreTakenOnce) {
+  const Keys keys;
+  const std::string start = std::string("bob ") + keys.open_text + " ";
+  MqcKey key;
+  for (const char* words : {"public secret", "revoked revoked", "until=2027-01-30 until=2027-01-30", "until=", "Public",
+                            "until=2027-1-30", "until=2027/01-30", "until=2027-01/30", "until=2o27-01-30",
+                            "until=2027-x1-30", "until=2027-01-3x", "until=2027-02-29", "until=1969-12-31"}) {
+    EXPECT_FALSE(mqc_key_read((start + words).c_str(), &key)) << words;
+    EXPECT_EQ(std::count(key.key, key.key + 32, 0), 32) << words;
+  }
+  char line[MQC_KEY_LINE];
+  for (const char* words : {"", "public", "secret until=1970-01-01", "public until=9999-12-31 revoked"}) {
+    ASSERT_TRUE(mqc_key_read((start + words).c_str(), &key)) << words;
+    mqc_key_write(&key, line);
+    EXPECT_EQ(line + std::string(*words == '\0' ? " " : ""), start + words);
+  }
+  key.kind = 9;
+  key.until = MQC_NO_END - 1;
+  mqc_key_write(&key, line);
+  EXPECT_EQ(line, start + "until=9999-12-31 revoked");
 }
 
 TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
@@ -1220,6 +1316,8 @@ TEST(KeyFiles, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   struct stat about;
   ASSERT_EQ(stat(path.c_str(), &about), 0);
   EXPECT_EQ(about.st_mode & 07777, 0600u);
+  EXPECT_FALSE(mqc_ring_load(path.c_str(), error, sizeof(error))) << "a secret key file is not a ring";
+  ExpectSays(error, ":1: a secret key in a ring");
   EXPECT_FALSE(mqc_secret_file_write(path.c_str(), "bob", keys.secret, error, sizeof(error)));
   ExpectSays(error, "exists");
   Signer signer(mqc_signer_load(path.c_str(), nullptr, error, sizeof(error)));
@@ -1269,15 +1367,17 @@ TEST(KeyFiles, ARingIsLoadedWholeOrNotAtAll) {
     const char* says;
   };
   const Row rows[] = {{"bad line\n", ":4: expected"},
-                      {std::string("# again\na ") + one.open_text, ":5: user a stands in line 2 already"},
-                      {"q " + std::string(64, 'f'), ":4: this is no public key"},
-                      {"q " + std::string(64, '0'), ":4: this is no public key"}};
+                      {std::string("# again\na ") + one.open_text, ":5: user a has a key in line 2 already"},
+                      {"q " + std::string(64, 'f'), ":4: not a valid public key"},
+                      {"q " + std::string(64, '0') + " revoked", ":4: not a valid public key"}};
   char error[300];
   for (const Row& row : rows) {
     EXPECT_FALSE(mqc_ring_load(folder.File("ring", good + row.more, 0644).c_str(), error, sizeof(error)));
     ExpectSays(error, row.says);
     EXPECT_EQ(mqc_ring_count(), 1u);
   }
+  EXPECT_FALSE(mqc_ring_load(folder.File("ring", good, 0664).c_str(), error, sizeof(error)));
+  ExpectSays(error, "chmod go-w");
   ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
   ASSERT_TRUE(mqc_ring_load(folder.File("ring", good, 0644).c_str(), error, sizeof(error))) << error;
   EXPECT_EQ(mqc_ring_count(), 3u);

@@ -124,7 +124,12 @@ row 3 "EISDIR" "$mqcat" send 127.0.0.1 5000 -c 1 --file 4=.
 row 3 "not JSON" "$mqcat" send 127.0.0.1 5000 --json '{"command":'
 row 3 '"command" is missing' "$mqcat" send 127.0.0.1 5000 --json '{}'
 row 3 'key "paramters"' "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"paramters":[]}'
-row 3 "an array is not a whole number" "$mqcat" send 127.0.0.1 5000 \
+row 3 "an array is not a whole number" "$mqcat" send 127.0.0.1 5000 --json '{"command":[]}'
+row 3 "--json, line 1, column 12: not JSON: number overflow" "$mqcat" send 127.0.0.1 5000 --json '{"command":1e999}'
+row 3 "--json, line 2, column 9: key \"command\" is there twice" "$mqcat" send 127.0.0.1 5000 \
+  --json $'{"command":1,\n"command":2}'
+row 3 "twice" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parameters":[{"id":1,"value":"a","id":2}]}'
+row 3 "nested deeper" "$mqcat" send 127.0.0.1 5000 \
   --json "{\"command\":$(printf '[%.0s' {1..9999})$(printf ']%.0s' {1..9999})}"
 row 3 "is not a whole number from 0" "$mqcat" send 127.0.0.1 5000 --json '{"command":-1}'
 row 3 "zero character" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parameters":[{"id":1,"value":"a\u0000b"}]}'
@@ -176,7 +181,8 @@ start json --format json --echo
 message='{"command":4294967295,"parameters":[{"id":1,"type":"text","value":"grüß \"Gott\"\n"},'
 message+='{"id":4294967295,"type":"int32","value":-2147483648},{"id":0,"type":"int64","value":9223372036854775807},'
 message+='{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","hex":"fffe41"},'
-message+='{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""}]}'
+message+='{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""},'
+message+='{"id":7,"type":"text","value":"\u001b[2J\u007f\u009b\u061c\u202e\u2066"}]}'
 row 0 '"signed":false' "$mqcat" send 127.0.0.1 "$port" --json "$message" --reply --format json
 same "JSON comes back as it went" "$(sed 's/.*\("command":.*\)/{\1/' out.txt)" "$message"
 cp out.txt round.json
@@ -186,7 +192,7 @@ same "what listen prints can be sent again" "$(tail -n 1 json.out | sed 's/.*\("
 printf '%s\n\n%s' '{"command":1}' '{"command":2,"parameters":[{"id":9,"value":70000000000}]}' >two.json
 row 0 "sent 2 messages" "$mqcat" send 127.0.0.1 "$port" <two.json
 await json.out 4 '"command"'
-row 3 "standard input, line 2" "$mqcat" send 127.0.0.1 "$port" < <(printf '{"command":1}\nnonsense\n')
+row 3 "standard input, line 2, column 2: not JSON" "$mqcat" send 127.0.0.1 "$port" < <(printf '{"command":1}\nnonsense\n')
 head -c 300000 /dev/zero >big.bin
 row 0 "300" "$mqcat" send 127.0.0.1 "$port" -c 5 -p 1=x --file 7=big.bin --reply
 row 0 "sent 20000 messages" "$mqcat" send localhost "$port" -c 1 --repeat 20000
@@ -211,6 +217,18 @@ same "a listener with --count ends" "$?" 0
 grep -qF '1 text   "a\tb"' plain.out || fail "text is not shown as text: $(cat plain.out)"
 grep -qF "3 messages" plain.err && grep -qF "1 faulty" plain.err || fail "no summary: $(cat plain.err)"
 row 4 "ECONNREFUSED (111)" "$mqcat" send 127.0.0.1 "$port" -c 1
+
+# What moves a terminal's cursor, rings it or turns the direction of writing comes out as an escape, if at all.
+unsafe='[\x00-\x09\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xd8\x9c|\xe2\x80[\x8e\x8f\xa8-\xae]|\xe2\x81[\xa6-\xa9]'
+hostile=$'\e[2J\a\n\x7f\u009b\u061c\u202e\u2066'
+for format in text json hex; do
+  start hostile-$format --format $format --count 1
+  row 0 "sent" "$mqcat" send 127.0.0.1 "$port" -c 1 -p "1=$hostile" --user $'\u009b\u202e\e\x7fq'
+  wait "$listener"
+  cases=$((cases + 1))
+  LC_ALL=C grep -aP "$unsafe" hostile-$format.out >unsafe.txt && fail "--format $format: $(cat -v unsafe.txt)"
+done
+row 2 '\xe2\x80\xae\x1b' "$mqcat" send 127.0.0.1 5000 -c 1 --format $'\u202e\e'
 
 start hex --format hex --max-clients 1 --trace
 row 0 "sent" "$mqcat" send 127.0.0.1 "$port" -c 258 -p 1=traced
@@ -319,17 +337,63 @@ row 7 "user" "$mqcat" keys new 'name with blanks' other.key
 row 0 "mallory " "$mqcat" keys new mallory mallory.key
 row 0 "1 of 1 keys are new" bash -c '"$0" keys public alice.key | "$0" keys add ring' "$mqcat"
 row 0 "0 of 1 keys are new" bash -c '"$0" keys public alice.key | "$0" keys add ring' "$mqcat"
-row 7 "has another key" "$mqcat" keys add ring alice "$(printf 'ab%.0s' {1..32})"
+row 7 "another key" bash -c '"$0" keys public mallory.key | sed "s/^mallory/alice/" | "$0" keys add ring' "$mqcat"
 row 7 "hexadecimal" "$mqcat" keys add ring bob 1234
+row 7 "not a valid public key" "$mqcat" keys add ring bob "$(printf 'ab%.0s' {1..32})"
 row 2 "without a key" "$mqcat" keys add ring bob
-row 7 "secret key file, not a ring" "$mqcat" keys add alice.key bob "$(printf 'ab%.0s' {1..32})"
+row 7 "secret key in a ring" "$mqcat" keys add alice.key bob "$(cut -d' ' -f2 <("$mqcat" keys public alice.key))"
 row 0 "$(cut -d' ' -f2 <(grep alice ring))" "$mqcat" keys list ring
-chmod 644 mallory.key
-"$mqcat" keys list mallory.key >out.txt 2>err.txt
-grep -qF "$(grep -o '[0-9a-f]\{64\}' mallory.key)" out.txt err.txt && fail "a secret key was printed"
-row 7 "chmod 600" "$mqcat" send 127.0.0.1 9 -c 1 --sign mallory.key
-chmod 600 mallory.key
 row 3 "ENOENT" "$mqcat" keys list nowhere
+mkfifo fifo
+row 7 "not a regular file" "$mqcat" keys list fifo
+row 7 "not a regular file" bash -c '"$0" keys public alice.key | "$0" keys add fifo' "$mqcat"
+
+# Whatever marks a secret key, or nothing does: it enters no ring and no output, and columns that are swapped neither.
+secret=$(grep -o '[0-9a-f]\{64\}' alice.key)
+printf 'alice %s\n# secret key: keep it to yourself\n' "$secret" >old.key
+printf 'alice %s\n' "$secret" >bare.key
+printf '%s alice\n' "$secret" >swapped.key
+chmod 600 ./*.key
+for file in alice.key old.key bare.key swapped.key; do
+  for mode in 600 644; do
+    chmod $mode $file
+    row 7 "" "$mqcat" keys add fresh <$file
+    cat out.txt err.txt >said.txt
+    timeout 20 "$mqcat" keys list $file >>said.txt 2>&1
+    [ -e fresh ] && fail "$file of mode $mode made a ring: $(cat fresh)"
+    grep -qF "${secret:0:20}" said.txt && fail "$file of mode $mode: a secret key is shown"
+  done
+done
+row 7 "expected a user" "$mqcat" keys add fresh "$secret" alice
+grep -qF "${secret:0:20}" out.txt err.txt && fail "a secret key is shown"
+chmod 644 mallory.key
+row 7 "chmod 600" "$mqcat" send 127.0.0.1 9 -c 1 --sign mallory.key
+row 7 "chmod 600" "$mqcat" keys list mallory.key
+chmod 600 ./*.key
+
+# Keys that end and that are revoked; a ring behind a symbolic link; many who add at once.
+row 0 "public until=2031-05-06" "$mqcat" keys new carol carol.key --until 2031-05-06
+row 2 "expected a day" "$mqcat" keys new carol other.key --until 2031-02-30
+ln -s real.ring link.ring
+row 0 "1 of 1 keys" bash -c '"$0" keys public carol.key | "$0" keys add link.ring' "$mqcat"
+row 7 "another end" bash -c '"$0" keys public carol.key | "$0" keys add link.ring --until 2030-01-01' "$mqcat"
+row 0 "1 of 1 keys" bash -c '"$0" keys public carol.key | "$0" keys add link.ring --until 2030-01-01 --replace' "$mqcat"
+row 0 "until=2030-01-01" "$mqcat" keys list link.ring
+chmod 640 real.ring
+row 0 "1 of 1 keys" bash -c '"$0" keys public carol.key | "$0" keys add link.ring --revoke' "$mqcat"
+row 7 "is revoked" bash -c '"$0" keys public carol.key | "$0" keys add link.ring --replace' "$mqcat"
+row 0 "revoked" "$mqcat" keys list real.ring
+same "a ring behind a link" "$(stat -c %F link.ring) $(stat -c %a real.ring)" "symbolic link 640"
+chmod 666 real.ring
+row 7 "chmod go-w" "$mqcat" keys list real.ring
+line=$("$mqcat" keys public alice.key)
+adders=()
+for i in {1..40}; do
+  "$mqcat" keys add many.ring <<<"user$i ${line#* }" 2>/dev/null &
+  adders+=($!)
+done
+for pid in "${adders[@]}"; do wait "$pid" || fail "one of 40 who add keys at once failed"; done
+same "keys that 40 have added at once" "$("$mqcat" keys list many.ring | wc -l)" 40
 row 7 "nowhere" "$mqcat" listen 0 --ring nowhere
 
 start signed --ring ring --echo --sign alice.key

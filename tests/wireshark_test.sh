@@ -100,12 +100,16 @@ check_mutants() {
   [ "$(sort -u mutants.txt | wc -l)" = 4 ] || fail "the mutants of seed $seed miss a verdict"
 }
 
-# healthy CAPTURE OPTION ...: the whole tree of every packet without a failure of the script.
+# What moves a terminal's cursor, rings it or turns the direction of writing.
+unsafe='[\x00-\x08\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xd8\x9c|\xe2\x80[\x8e\x8f\xa8-\xae]|\xe2\x81[\xa6-\xa9]'
+
+# healthy CAPTURE OPTION ...: the whole tree of every packet without a failure of the script, fit for a terminal.
 failure='Lua Error|Dissector bug|Malformed Packet|stack traceback|exceeds|assertion'
 healthy() {
   shark "$@" -O mqnode -V >healthy.seen 2>&1 || true
   grep -q 'mqnode' healthy.seen || fail "nothing was seen: $*"
   ! grep -E -m 3 -A 3 "$failure" healthy.seen || fail "the script failed, seed $seed: $*"
+  ! LC_ALL=C grep -aP -m 3 "$unsafe" healthy.seen | cat -v | grep . || fail "unsafe characters, seed $seed: $*"
 }
 
 check_health() {

@@ -68,7 +68,7 @@ std::set<std::string> BrokenRules(Bytes message) {
   mqcat::DecodeOptions how;
   how.datagram = true;
   mqcat::Decode(message, how, [&rules](const mqcat::Piece& piece) {
-    for (const mqcat::Fault& fault : piece.faults) rules.insert(fault.rule);
+    for (const mqcat::Fault& fault : piece.faults) rules.insert(std::string(fault.rule));
   });
   return rules;
 }

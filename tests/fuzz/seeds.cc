@@ -109,6 +109,8 @@ void PutTexts(const char* top) {
   const Bytes key = "d04ab232742bb4ab3a1368bd4615e4e6d0224ab71a016baf8520a332c9778737";  // a point of the curve
   keys.Put("one", Text("\0", 1) + "# a comment\nalice " + key + "\n");
   keys.Put("second-cut", Text("\0", 1) + "alice " + key + "\nb 1");
+  keys.Put("revoked", Text("\0", 1) + "alice " + key + " public until=2027-06-30\nalice " + key + " revoked\n");
+  keys.Put("secret", Text("\0", 1) + "alice " + key + " secret until=2027-06-30\n");
   keys.Put("two", Text("\0", 1) + "\talice " + key + " # hers\r\n\nbob " + key);
   capture.Put("pcap", Text("\3", 1) + Pcap(Message(kForms[1])));
   capture.Put("hex", Text("\2", 1) +

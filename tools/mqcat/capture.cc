@@ -25,15 +25,13 @@ bool IsPcap(Bytes file) {
   return std::any_of(kPcapMarks.begin(), kPcapMarks.end(), [file](const auto& mark) { return StartsWith(file, mark); });
 }
 
-bool IsHexDigits(std::string_view word) {
-  return !word.empty() && word.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
-}
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
 // Cuts the next word off line; gap is the number of blanks in front of it.
 std::string_view NextWord(std::string_view& line, size_t& gap) {
-  gap = std::min(line.find_first_not_of(" \t\r"), line.size());
+  gap = static_cast<size_t>(std::find_if_not(line.begin(), line.end(), IsBlank) - line.begin());
   line.remove_prefix(gap);
-  const size_t end = std::min(line.find_first_of(" \t\r"), line.size());
+  const auto end = static_cast<size_t>(std::find_if(line.begin(), line.end(), IsBlank) - line.begin());
   const std::string_view word = line.substr(0, end);
   line.remove_prefix(end);
   return word;
@@ -41,19 +39,24 @@ std::string_view NextWord(std::string_view& line, size_t& gap) {
 
 // An offset ends with ':' or has six digits or more in front of shorter words.
 std::optional<uint64_t> TakeOffset(std::string_view& line) {
-  std::string_view rest = line;
+  constexpr size_t kLongest = 16;
+  std::string_view rest = line.substr(0, line.find_first_not_of(" \t\r") + kLongest + 2);
+  const size_t seen = rest.size();
   size_t gap = 0;
   std::string_view word = NextWord(rest, gap);
+  const size_t taken = seen - rest.size();
   const bool marked = word.ends_with(':');
   if (marked) word.remove_suffix(1);
-  if (!IsHexDigits(word) || word.size() > 16) return std::nullopt;
-  std::string_view after = rest;
-  const std::string_view next = NextWord(after, gap);
+  uint64_t offset = 0;
+  const char* const end = word.data() + word.size();
+  if (word.empty() || word.size() > kLongest || std::from_chars(word.data(), end, offset, 16).ptr != end) {
+    return std::nullopt;
+  }
+  std::string_view after = line.substr(taken);
+  const std::string_view next = marked ? "" : NextWord(after, gap);
   const bool shorter = word.size() >= 6 && word.size() <= 8 && (next.empty() || next.size() < word.size());
   if (!marked && !shorter) return std::nullopt;
-  uint64_t offset = 0;
-  std::from_chars(word.data(), word.data() + word.size(), offset, 16);
-  line = rest;
+  line.remove_prefix(taken);
   return offset;
 }
 
@@ -87,18 +90,17 @@ class HexReader {
 
   // The characters column of a dump begins with a bar, or two blanks behind the digits of a line with an offset.
   bool Digits(std::string_view line, bool dump) {
+    constexpr size_t kLine = 16;
     const size_t before = bytes_.size();
     for (bool first = true;; first = false) {
       size_t gap = 0;
       const std::string_view word = NextWord(line, gap);
       if (word.empty() || word.front() == '|' || word.front() == '>') break;
-      const auto bytes = IsHexDigits(word) ? FromHex(word) : std::nullopt;
-      if (!bytes) {
-        if (dump && !first && gap >= 2) break;
-        return false;
-      }
-      if (dump && bytes_.size() - before >= 16 && gap >= 2) break;
-      bytes_.insert(bytes_.end(), bytes->begin(), bytes->end());
+      const bool is_column = dump && gap >= 2;
+      if (is_column && bytes_.size() - before >= kLine) break;
+      if (AppendHex(bytes_, word)) continue;
+      if (!is_column || first) return false;
+      break;
     }
     last_ = bytes_.size() - before;
     return true;

@@ -85,14 +85,19 @@ class Part {
   }
   bool Announces(uint64_t at, uint64_t size) const { return at <= announced_ && size <= announced_ - at; }
 
-  void Add(uint64_t at, uint64_t size, std::string name, std::string value, std::string meaning = "") {
-    piece_.fields.push_back({start_ + at, size, std::move(name), std::move(value), std::move(meaning)});
+  // name and meaning are constant texts.
+  void Add(uint64_t at, uint64_t size, std::string_view name, std::string value, std::string_view meaning = "",
+           std::string detail = "") {
+    piece_.fields.push_back({start_ + at, size, name, std::move(value), meaning, std::move(detail), parameter_});
   }
-  uint32_t AddWord(uint64_t at, const char* name, std::string meaning = "") {
+  uint32_t AddWord(uint64_t at, std::string_view name, std::string_view meaning = "") {
     const uint32_t word = At(at);
-    Add(at, 4, name, std::to_string(word), std::move(meaning));
+    Add(at, 4, name, std::to_string(word), meaning);
     return word;
   }
+  // The fields that follow are those of this parameter, or of none.
+  void BeginParameter(uint32_t index) { parameter_ = index; }
+  void EndParameters() { parameter_ = -1; }
   void Break(uint64_t at, const char* rule, std::string text) {
     piece_.faults.push_back({start_ + at, rule, std::move(text)});
   }
@@ -112,6 +117,7 @@ class Part {
   const DecodeOptions& options_;
   Piece& piece_;
   uint64_t announced_;
+  int64_t parameter_ = -1;
 };
 
 const char* CharsetName(bool ebcdic) { return ebcdic ? "EBCDIC (IBM1047)" : "ASCII or a superset"; }
@@ -174,9 +180,11 @@ void AddEnvelope(Part& part) {
 uint64_t StoredLength(uint32_t type, uint64_t length) { return (length + (type == kText ? 1 : 0) + 3) & ~uint64_t{3}; }
 
 // Whether the body holds these bytes. Bytes that are announced but not there break no rule of their own.
-bool HasOrBreak(Part& part, uint64_t at, uint64_t size, uint64_t where, const char* rule, std::string text) {
+// text() says what is missing.
+template <typename Text>
+bool HasOrBreak(Part& part, uint64_t at, uint64_t size, uint64_t where, const char* rule, Text text) {
   if (part.Has(at, size)) return true;
-  if (!part.Announces(at, size)) part.Break(where, rule, std::move(text));
+  if (!part.Announces(at, size)) part.Break(where, rule, text());
   return false;
 }
 
@@ -188,7 +196,7 @@ struct Param {
   uint64_t at;  // of its value
 };
 
-std::string TypeName(uint32_t type) {
+const char* TypeName(uint32_t type) {
   constexpr const char* kNames[] = {"int32", "int64", "text", "bytes"};
   return type >= kInt32 && type <= kBytes ? kNames[type - 1] : "unknown type";
 }
@@ -230,17 +238,17 @@ void CheckValue(Part& part, const Param& param, uint64_t stored) {
 // The parameter at at. Moves at behind it; false when the walk cannot go on.
 bool AddParam(Part& part, uint32_t index, uint64_t& at) {
   if (!HasOrBreak(part, at, kParamHead, part.size(), "parameter-head",
-                  fmt::format("parameter {}: the body ends in its head", index))) {
+                  [&] { return fmt::format("parameter {}: the body ends in its head", index); })) {
     return false;
   }
-  const std::string name = fmt::format("parameter {}", index);
+  part.BeginParameter(index);
   const Param param = {index, part.At(at), part.At(at + 4), part.At(at + 8), at + kParamHead};
-  part.Add(at, 4, name + " id", std::to_string(param.id));
-  part.Add(at + 4, 4, name + " type", std::to_string(param.type), TypeName(param.type));
-  part.Add(at + 8, 4, name + " length", std::to_string(param.length));
-  if (!HasOrBreak(
-          part, param.at, param.length, at + 8, "parameter-length",
-          fmt::format("parameter {}: {} bytes, only {} are left", index, param.length, part.size() - param.at))) {
+  part.AddWord(at, "id");
+  part.AddWord(at + 4, "type", TypeName(param.type));
+  part.AddWord(at + 8, "length");
+  if (!HasOrBreak(part, param.at, param.length, at + 8, "parameter-length", [&] {
+        return fmt::format("parameter {}: {} bytes, only {} are left", index, param.length, part.size() - param.at);
+      })) {
     return false;
   }
   if (param.type < kInt32 || param.type > kBytes) {
@@ -249,11 +257,11 @@ bool AddParam(Part& part, uint32_t index, uint64_t& at) {
     part.Break(at + 8, "parameter-length",
                fmt::format("parameter {}: {} bytes are no {}", index, param.length, TypeName(param.type)));
   } else {
-    part.Add(param.at, param.length, name + " value", ValueText(part, param));
+    part.Add(param.at, param.length, "value", ValueText(part, param));
   }
   const uint64_t stored = StoredLength(param.type, param.length);
   if (!HasOrBreak(part, param.at, stored, part.size(), "parameter-padding",
-                  fmt::format("parameter {}: the body ends in its padding", index))) {
+                  [&] { return fmt::format("parameter {}: the body ends in its padding", index); })) {
     return false;
   }
   CheckValue(part, param, stored);
@@ -264,7 +272,7 @@ bool AddParam(Part& part, uint32_t index, uint64_t& at) {
 // The body at at, which runs to the end of the part.
 void AddBody(Part& part, uint64_t at) {
   if (!HasOrBreak(part, at, kBodyHead, part.size(), "body-head",
-                  "the body has no room for a command and a number of parameters")) {
+                  [] { return std::string("the body has no room for a command and a number of parameters"); })) {
     return;
   }
   part.AddWord(at, "command");
@@ -274,8 +282,9 @@ void AddBody(Part& part, uint64_t at) {
   }
   at += kBodyHead;
   for (uint32_t index = 0; index < std::min(count, kMaxParams); ++index) {
-    if (!AddParam(part, index, at)) return;
+    if (!AddParam(part, index, at)) return part.EndParameters();
   }
+  part.EndParameters();
   if (at == part.size() || count > kMaxParams) return;
   part.Break(at, "body-rest", fmt::format("{} bytes follow the last parameter", part.size() - at));
 }
@@ -291,7 +300,7 @@ void AddTrailer(Part& part, uint64_t at) {
     part.Break(at, "trailer-mark", fmt::format("the trailer does not begin with {}", kMark));
   }
   const uint64_t time = LongWord(part.Range(at + 8, 8), 0, true);
-  part.Add(at + 8, 8, "time", std::to_string(time), "signed " + TimeText(time));
+  part.Add(at + 8, 8, "time", std::to_string(time), "signed", fmt::format(" {}", TimeText(time)));
   part.Add(at + 16, 16, "nonce", Hex(part.Range(at + 16, 16)));
   part.Add(at + 32, 64, "signature", Hex(part.Range(at + 32, 64)), "not checked");
 }
@@ -405,7 +414,7 @@ class Walker {
   // One datagram is one message, and its size is the message's.
   void RunDatagram() {
     if (!BeginsMessage(bytes_)) return Stray();
-    Piece piece = MakePiece();
+    Piece& piece = Begin();
     const Outcome outcome = DecodeAt(piece);
     if (outcome.end < bytes_.size()) {
       piece.faults.push_back({options_.base + outcome.end, "datagram-size",
@@ -416,7 +425,16 @@ class Walker {
   }
 
  private:
-  Piece MakePiece() const { return {PieceKind::kStray, options_.base + next_, 0, false, false, {}, {}}; }
+  // The piece that begins here. Its lists keep their memory.
+  Piece& Begin() {
+    piece_.kind = PieceKind::kStray;
+    piece_.offset = options_.base + next_;
+    piece_.size = 0;
+    piece_.big_endian = piece_.ebcdic = false;
+    piece_.fields.clear();
+    piece_.faults.clear();
+    return piece_;
+  }
 
   Outcome DecodeAt(Piece& piece) {
     const Bytes rest = bytes_.subspan(next_);
@@ -436,7 +454,7 @@ class Walker {
   }
 
   void Message() {
-    Piece piece = MakePiece();
+    Piece& piece = Begin();
     const uint64_t start = next_;
     const Outcome outcome = DecodeAt(piece);
     const uint64_t end = std::min<uint64_t>(start + outcome.end, bytes_.size());
@@ -467,7 +485,7 @@ class Walker {
   }
 
   void Stray() {
-    Piece piece = MakePiece();
+    Piece& piece = Begin();
     const uint64_t start = next_;
     next_ = options_.datagram ? bytes_.size() : FindMessage(start + 1, bytes_.size());
     piece.size = next_ - start;
@@ -476,7 +494,7 @@ class Walker {
                                         : fmt::format("the first word is {} or {}, neither 136 nor 32",
                                                       Word(stray, 0, false), Word(stray, 0, true));
     piece.fields.push_back(
-        {piece.offset, piece.size, "bytes", Hex(stray, options_.text_limit), "belong to no message"});
+        {piece.offset, piece.size, "bytes", Hex(stray, options_.text_limit), "belong to no message", "", -1});
     piece.faults.push_back({piece.offset, "first-word", std::move(text)});
     sink_(piece);
   }
@@ -484,6 +502,7 @@ class Walker {
   Bytes bytes_;
   const DecodeOptions& options_;
   const std::function<void(const Piece&)>& sink_;
+  Piece piece_ = {};
   uint64_t next_ = 0;
   uint64_t looked_through_ = 0;
 };

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "text.hh"
@@ -20,19 +21,22 @@ enum class PieceKind {
   kStray    // bytes that belong to no message
 };
 
-// One value on the wire. Offsets count from the start of the stream.
+// One value on the wire. Offsets count from the start of the stream. Names and meanings are constant texts: a stream of
+// 64 MiB has millions of fields.
 struct Field {
   uint64_t offset;
   uint64_t size;
-  std::string name;
+  std::string_view name;  // of a parameter's field without "parameter N"
   std::string value;
-  std::string meaning;  // may be empty
+  std::string_view meaning;  // may be empty
+  std::string detail;        // what follows the meaning
+  int64_t parameter;         // number of the parameter that the field is of; -1 for none
 };
 
 // A broken rule. docs/wire-format.md lists the rules by these names.
 struct Fault {
   uint64_t offset;
-  std::string rule;
+  std::string_view rule;
   std::string text;
 };
 

@@ -1,6 +1,6 @@
 // decode_command.cc - mqcat decode: shows what decode.hh finds in the streams that capture.hh finds in a file.
+#include <cstring>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "capture.hh"
 #include "decode.hh"
@@ -53,49 +53,109 @@ std::string Headline(const Piece& piece, uint64_t number) {
                      piece.big_endian ? "big" : "little", piece.ebcdic ? "EBCDIC" : "ASCII");
 }
 
-std::string FieldLine(const Field& field, size_t width) {
-  const std::string place = fmt::format("  {:>6} {:>4}  ", field.offset, field.size);
-  if (width >= kNarrow) {
-    const std::string meaning = field.meaning.empty() ? "" : "  " + field.meaning;
-    return fmt::format("{}{:<20} {}{}\n", place, field.name, field.value, meaning);
-  }
-  const std::string meaning = field.meaning.empty() ? "" : fmt::format("    {}\n", field.meaning);
-  return fmt::format("  {} {}  {} {}\n{}", field.offset, field.size, field.name, field.value, meaning);
+// Where output goes, asked once.
+struct Page {
+  size_t width = OutputWidth();
+  bool is_terminal = OutputIsTerminal();
+};
+
+// A number behind blanks up to a width.
+char* PutNumber(char* place, uint64_t number, size_t width) {
+  const fmt::format_int digits(number);
+  const size_t blanks = width - std::min(width, digits.size());
+  memset(place, ' ', blanks);
+  memcpy(place + blanks, digits.data(), digits.size());
+  return place + blanks + digits.size();
 }
 
-void PrintText(const Piece& piece, uint64_t number) {
-  const size_t width = OutputWidth();
-  Print(Wrap(Headline(piece, number), width));
-  for (const Field& field : piece.fields) {
-    const std::string line = FieldLine(field, width);
-    Print(OutputIsTerminal() ? Wrap(line, width) : line);
+// "parameter 3 length". Names are constant and short.
+char* PutName(char* place, const Field& field) {
+  if (field.parameter >= 0) {
+    memcpy(place, "parameter ", 10);
+    place = PutNumber(place + 10, static_cast<uint64_t>(field.parameter), 0);
+    *place++ = ' ';
   }
+  memcpy(place, field.name.data(), field.name.size());
+  return place + field.name.size();
+}
+
+// In columns, or what is narrow one behind the other. Written out: a stream of 64 MiB has millions of them.
+void AppendField(std::string& out, const Field& field, bool columns) {
+  char place[128] = "  ";
+  char* end = PutNumber(place + 2, field.offset, columns ? 6 : 0);
+  *end++ = ' ';
+  end = PutNumber(end, field.size, columns ? 4 : 0);
+  memcpy(end, "  ", 2);
+  char* const name = end += 2;
+  end = PutName(end, field);
+  while (columns && end - name < 20) *end++ = ' ';
+  *end++ = ' ';
+  out.append(place, end).append(field.value);
+  if (!field.meaning.empty()) out.append(columns ? "  " : "\n    ").append(field.meaning).append(field.detail);
+  out += '\n';
+}
+
+void PrintText(const Piece& piece, uint64_t number, const Page& page) {
+  Print(Wrap(Headline(piece, number), page.width));
+  std::string lines;
+  for (const Field& field : piece.fields) AppendField(lines, field, page.width >= kNarrow);
+  Print(page.is_terminal ? Wrap(lines, page.width) : lines);
+  std::string faults;
   for (const Fault& fault : piece.faults) {
-    Print(Wrap(fmt::format("  FAULT at byte {}: {}: {}\n", fault.offset, fault.rule, fault.text), width));
+    fmt::format_to(std::back_inserter(faults), "  FAULT at byte {}: {}: {}\n", fault.offset, fault.rule, fault.text);
   }
+  Print(Wrap(faults, page.width));
   Print("\n");
 }
 
-void PrintJson(const Piece& piece, const std::string& stream) {
-  nlohmann::ordered_json json = {{"kind", KindName(piece.kind)}, {"offset", piece.offset}, {"size", piece.size}};
-  if (!stream.empty()) json["stream"] = stream;
+void AppendKey(std::string& out, std::string_view key, uint64_t number) {
+  out.append(key).append(fmt::format_int(number).c_str());
+}
+
+void AppendKey(std::string& out, std::string_view key, std::string_view text) {
+  out += key;
+  AppendJsonString(out, text);
+}
+
+void AppendFieldJson(std::string& out, const Field& field) {
+  char name[64];
+  AppendKey(out, "{\"offset\":", field.offset);
+  AppendKey(out, ",\"size\":", field.size);
+  out.append(",\"name\":\"").append(name, PutName(name, field)).append("\"");
+  AppendKey(out, ",\"value\":", field.value);
+  out.append(",\"meaning\":\"").append(field.meaning).append(field.detail).append("\"},");
+}
+
+void AppendFaultJson(std::string& out, const Fault& fault) {
+  AppendKey(out, "{\"offset\":", fault.offset);
+  AppendKey(out, ",\"rule\":", fault.rule);
+  AppendKey(out, ",\"text\":", fault.text);
+  out += "},";
+}
+
+// Ends a list whose elements each have a comma behind them.
+void EndList(std::string& out) {
+  if (out.back() == ',') out.pop_back();
+  out += ']';
+}
+
+void PrintObject(const Piece& piece, const std::string& stream) {
+  std::string out;
+  AppendKey(out, "{\"kind\":", KindName(piece.kind));
+  AppendKey(out, ",\"offset\":", piece.offset);
+  AppendKey(out, ",\"size\":", piece.size);
+  if (!stream.empty()) AppendKey(out, ",\"stream\":", stream);
   if (piece.kind != PieceKind::kStray) {
-    json["byteOrder"] = piece.big_endian ? "big" : "little";
-    json["charset"] = piece.ebcdic ? "EBCDIC" : "ASCII";
+    AppendKey(out, ",\"byteOrder\":", piece.big_endian ? "big" : "little");
+    AppendKey(out, ",\"charset\":", piece.ebcdic ? "EBCDIC" : "ASCII");
   }
-  json["fields"] = nlohmann::ordered_json::array();
-  json["faults"] = nlohmann::ordered_json::array();
-  for (const Field& field : piece.fields) {
-    json["fields"].push_back({{"offset", field.offset},
-                              {"size", field.size},
-                              {"name", field.name},
-                              {"value", field.value},
-                              {"meaning", field.meaning}});
-  }
-  for (const Fault& fault : piece.faults) {
-    json["faults"].push_back({{"offset", fault.offset}, {"rule", fault.rule}, {"text", fault.text}});
-  }
-  Print(json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n");
+  out += ",\"fields\":[";
+  for (const Field& field : piece.fields) AppendFieldJson(out, field);
+  EndList(out);
+  out += ",\"faults\":[";
+  for (const Fault& fault : piece.faults) AppendFaultJson(out, fault);
+  EndList(out);
+  Print(out + "}\n");
 }
 
 void DecodeStream(const Stream& stream, const Options& options, Totals& totals) {
@@ -103,6 +163,7 @@ void DecodeStream(const Stream& stream, const Options& options, Totals& totals) 
   if (text && !stream.name.empty()) Print(fmt::format("{}, {} bytes\n\n", stream.name, stream.bytes.size()));
   DecodeOptions how;
   how.datagram = stream.datagram;
+  const Page page;
   if (options.full) how.text_limit = kAllText;
   Decode(stream.bytes, how, [&](const Piece& piece) {
     if (piece.kind == PieceKind::kStray) {
@@ -111,7 +172,7 @@ void DecodeStream(const Stream& stream, const Options& options, Totals& totals) 
       ++totals.messages;
     }
     totals.faults += piece.faults.size();
-    text ? PrintText(piece, totals.messages) : PrintJson(piece, stream.name);
+    text ? PrintText(piece, totals.messages, page) : PrintObject(piece, stream.name);
   });
 }
 
@@ -126,20 +187,39 @@ bool IsForeign(const Stream& stream) {
   return !found;
 }
 
+// The first of many notes, and how many more there are.
+class Notes {
+ public:
+  explicit Notes(std::string what) : what_(std::move(what)) {}
+  void Add(std::string_view text) {
+    if (++count_ <= kMostNotes) Note(text);
+  }
+  void Finish() const {
+    if (count_ > kMostNotes) Note(fmt::format("and {} more {}", count_ - kMostNotes, what_));
+  }
+
+ private:
+  static constexpr uint64_t kMostNotes = 100;
+  std::string what_;
+  uint64_t count_ = 0;
+};
+
 ExitCode RunDecode(const Options& options) {
   const std::string file = ReadFile(options.file, kMaxFile);
   const Capture capture = ReadCapture(BytesOf(file), FormatOf(options.input));
   Totals totals;
+  Notes foreign("without a message, left out"), notes("notes"), faults("faults of the capture");
   for (const Stream& stream : capture.streams) {
     if (IsForeign(stream)) {
-      Note(fmt::format("{}: {} bytes without a message, left out", stream.name, stream.bytes.size()));
+      foreign.Add(fmt::format("{}: {} bytes without a message, left out", stream.name, stream.bytes.size()));
     } else {
       DecodeStream(stream, options, totals);
     }
   }
   Flush();
-  for (const std::string& note : capture.notes) Note(note);
-  for (const std::string& fault : capture.faults) Note(fmt::format("{}: {}", options.file, fault));
+  for (const std::string& note : capture.notes) notes.Add(note);
+  for (const std::string& fault : capture.faults) faults.Add(fmt::format("{}: {}", options.file, fault));
+  for (const Notes* some : {&foreign, &notes, &faults}) some->Finish();
   if (options.format == "text") {
     Print(Count(totals.messages, "message") + ", " + Count(totals.stray_bytes, "stray byte") + ", " +
           Count(totals.faults, "fault") + "\n");

@@ -2,196 +2,392 @@
 #include "keyfile.hh"
 
 #include <fcntl.h>
+#include <sodium.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <new>
+#include <string_view>
+#include <thread>
 
-#include "companion/host.h"
 #include "failure.hh"
 #include "fmt/format.h"
-#include "input.hh"
 #include "text.hh"
 
 namespace mqcat {
 namespace {
 
-constexpr size_t kMaxRing = 16u << 20;
-constexpr size_t kMaxSecretFile = 65536;
+constexpr size_t kMaxText = 16u << 20;
+constexpr size_t kFirstText = 64u << 10;
 constexpr mode_t kRingMode = 0644;
-constexpr char kSecretMark[] = "# secret key: keep it to yourself";
-constexpr char kRingMark[] = "# ring of public keys";
+constexpr auto kLockWait = std::chrono::seconds(10);
+// Comments that mark all keys of a file. Lines written today carry a word of their own.
+constexpr std::string_view kSecretMark = "# secret key: keep it to yourself";
+constexpr std::string_view kRingMark = "# ring of public keys";
 
-bool IsUser(const std::string& user) {
-  const auto fits = [](char c) { return c > ' ' && c <= '~' && c != '#'; };
-  return !user.empty() && user.size() <= MQC_USER_MAX && std::all_of(user.begin(), user.end(), fits);
+[[noreturn]] void Refuse(const std::string& where, const std::string& why) {
+  throw Failure{kExitSecurity, fmt::format("{}: {}", where, why)};
 }
 
-std::string NextWord(const std::string& text, size_t& at) {
-  const size_t start = std::min(text.find_first_not_of(" \t\r", at), text.size());
-  at = std::min(text.find_first_of(" \t\r", start), text.size());
-  return text.substr(start, at - start);
+Failure SystemFailure(ExitCode exit, std::string_view what, const std::string& path) {
+  const int code = errno;
+  return {exit, fmt::format("{} {}: {} ({})", what, path, strerror(code), strerrorname_np(code))};
 }
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t at = 0; at < text.size();) {
-    const size_t end = std::min(text.find('\n', at), text.size());
-    lines.push_back(text.substr(at, end - at));
-    at = end + 1;
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  ~Descriptor() { Reset(-1); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  void Reset(int fd) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
   }
-  return lines;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+struct SodiumFree {
+  void operator()(void* place) const { sodium_free(place); }
+};
+template <typename T>
+using Locked = std::unique_ptr<T, SodiumFree>;
+
+// size is a multiple of 16, which keeps the start aligned.
+void* AllocateLocked(size_t size) {
+  if (sodium_init() < 0) throw Failure{kExitResources, "the system gives no randomness"};
+  void* const place = sodium_malloc(size);
+  return place != nullptr ? place : throw std::bad_alloc();
 }
 
-std::vector<KeyLine> ParseFile(const std::string& path, const std::string& text) {
-  std::vector<KeyLine> keys;
-  size_t number = 0;
-  for (const std::string& line : Lines(text)) {
-    KeyLine key;
-    ++number;
-    if (!ParseKeyLine(line, fmt::format("{}:{}", path, number), key)) continue;
-    key.line = number;
-    keys.push_back(std::move(key));
+struct alignas(16) LockedKey : MqcKey {};
+
+// The lines of a key file, or of standard input.
+class KeyText {
+ public:
+  KeyText(int fd, std::string name)
+      : name_(std::move(name)), key_(static_cast<LockedKey*>(AllocateLocked(sizeof(LockedKey)))) {
+    Read(fd);
+    FindMarks();
   }
-  return keys;
+
+  // Moves to the next line. Throws a Failure for a malformed one.
+  bool Next() {
+    if (at_ == size_) return false;
+    line_ = Line(at_);
+    at_ += line_.size() + 1;
+    text_.get()[at_ - 1] = '\0';
+    ++number_;
+    const bool whole = line_.find('\0') == std::string_view::npos;
+    // Nothing of the line is shown: it may hold a secret key in the wrong place.
+    if (!whole || !mqc_key_read(line_.data(), key_.get())) {
+      Refuse(where(), fmt::format("expected a user of 1 to {} characters, a key of {} hexadecimal digits and any of: "
+                                  "public, secret, until=YYYY-MM-DD, revoked",
+                                  MQC_USER_MAX, 2 * MQC_KEY_BYTES));
+    }
+    return true;
+  }
+
+  std::string_view line() const { return line_; }
+  bool has_key() const { return key_->user[0] != '\0'; }
+  const MqcKey& key() const { return *key_; }
+  std::string where() const { return fmt::format("{}:{}", name_, number_); }
+
+  // What the key of this line is, when the caller knows no more than unmarked says.
+  Unmarked KindOfKey(Unmarked unmarked) const {
+    if (key_->kind == MQC_KEY_PUBLIC) return Unmarked::kPublic;
+    if (key_->kind == MQC_KEY_SECRET || marks_ == Unmarked::kSecret) return Unmarked::kSecret;
+    return marks_ == Unmarked::kUnknown ? unmarked : marks_;
+  }
+
+ private:
+  void Read(int fd) {
+    size_t room = kFirstText;
+    text_.reset(static_cast<char*>(AllocateLocked(room)));
+    for (;;) {
+      const ssize_t got = read(fd, text_.get() + size_, room - 1 - size_);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) throw SystemFailure(kExitInput, "read", name_);
+      if (got == 0) break;
+      size_ += static_cast<size_t>(got);
+      if (size_ > kMaxText) throw Failure{kExitInput, fmt::format("read {}: longer than {} bytes", name_, kMaxText)};
+      if (size_ < room - 1) continue;
+      Locked<char> larger(static_cast<char*>(AllocateLocked(room *= 2)));
+      memcpy(larger.get(), text_.get(), size_);
+      text_ = std::move(larger);
+    }
+    if (size_ != 0 && text_.get()[size_ - 1] != '\n') text_.get()[size_++] = '\n';
+  }
+
+  // Every line ends with a newline.
+  std::string_view Line(size_t at) const {
+    const std::string_view rest(text_.get() + at, size_ - at);
+    return rest.substr(0, rest.find('\n'));
+  }
+
+  void FindMarks() {
+    for (size_t at = 0; at < size_;) {
+      const std::string_view line = Line(at);
+      at += line.size() + 1;
+      const Unmarked mark = line == kSecretMark ? Unmarked::kSecret
+                            : line == kRingMark ? Unmarked::kPublic
+                                                : Unmarked::kUnknown;
+      if (mark == Unmarked::kUnknown) continue;
+      if (marks_ != Unmarked::kUnknown && mark != marks_) Refuse(name_, "marked as secret and as a ring");
+      marks_ = mark;
+    }
+  }
+
+  std::string name_;
+  Locked<char> text_;
+  Locked<LockedKey> key_;
+  std::string_view line_;
+  Unmarked marks_ = Unmarked::kUnknown;
+  size_t size_ = 0;
+  size_t at_ = 0;
+  size_t number_ = 0;
+};
+
+void CheckRing(const std::string& path) {
+  char error[512];
+  if (!mqc_ring_load(path.c_str(), error, sizeof error)) throw Failure{kExitSecurity, error};
 }
 
-bool WriteWhole(int fd, const std::string& text) {
-  for (size_t at = 0; at < text.size();) {
-    const ssize_t put = write(fd, text.data() + at, text.size() - at);
+void CheckPublic(const MqcKey& key, const std::string& where) {
+  if (!mqc_is_public_key(key.key)) Refuse(where, "not a valid public key");
+}
+
+struct stat AboutRegular(int fd, const std::string& path) {
+  struct stat about = {};
+  if (fstat(fd, &about) != 0) throw SystemFailure(kExitInput, "read", path);
+  if (!S_ISREG(about.st_mode)) Refuse(path, "not a regular file");
+  return about;
+}
+
+// The lines of a ring file, those without a key too.
+class Ring {
+ public:
+  void Append(std::string_view text, const MqcKey& key) {
+    if (key.user[0] != '\0') by_user_.emplace(key.user, lines_.size());
+    lines_.push_back({std::string(text), key});
+  }
+
+  // False when nothing has to change.
+  bool Put(const MqcKey& key, bool replace) {
+    size_t same = SIZE_MAX, other = SIZE_MAX;
+    bool revoked = false;
+    const auto [begin, end] = by_user_.equal_range(key.user);
+    for (auto place = begin; place != end; ++place) {
+      const MqcKey& held = lines_[place->second].key;
+      const bool is_same = memcmp(held.key, key.key, sizeof key.key) == 0;
+      revoked = revoked || (is_same && held.revoked != 0);
+      if (is_same) same = place->second;
+      if (!is_same && held.revoked == 0) other = place->second;
+    }
+    const std::string user = fmt::format("user {}", key.user);
+    if (revoked && key.revoked == 0) Refuse(user, "this key is revoked in the ring");
+    if (revoked) return false;
+    if (key.revoked != 0) return Set(same, key);
+    if (same != SIZE_MAX && lines_[same].key.until == key.until) return false;
+    if (!replace && same != SIZE_MAX) Refuse(user, "the ring has this key with another end; --replace changes it");
+    if (!replace && other != SIZE_MAX) Refuse(user, "the ring has another key; --replace puts the new one there");
+    return Set(same != SIZE_MAX ? same : other, key);
+  }
+
+  std::string text() const {
+    std::string text;
+    for (const Line& line : lines_) text += line.text + "\n";
+    return text;
+  }
+
+ private:
+  struct Line {
+    std::string text;
+    MqcKey key;
+  };
+
+  // In place of a line, or behind the last one.
+  bool Set(size_t at, const MqcKey& key) {
+    if (at < lines_.size()) {
+      lines_[at] = {LineOf(key), key};
+    } else {
+      Append(LineOf(key), key);
+    }
+    return true;
+  }
+
+  std::vector<Line> lines_;
+  std::multimap<std::string, size_t> by_user_;
+};
+
+size_t PutAll(Ring& ring, const std::vector<MqcKey>& keys, bool replace) {
+  return static_cast<size_t>(
+      std::count_if(keys.begin(), keys.end(), [&](const MqcKey& key) { return ring.Put(key, replace); }));
+}
+
+// Opens the ring, creates it if need be, and locks it. Who waited for the lock may have the file that the one before
+// replaced: then once more.
+struct stat LockRing(const std::string& path, Descriptor& ring) {
+  const auto deadline = std::chrono::steady_clock::now() + kLockWait;
+  for (;;) {
+    ring.Reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kRingMode));
+    if (ring.get() < 0) throw SystemFailure(kExitOutput, "write", path);
+    const struct stat about = AboutRegular(ring.get(), path);
+    while (flock(ring.get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno != EWOULDBLOCK) throw SystemFailure(kExitOutput, "lock", path);
+      if (std::chrono::steady_clock::now() > deadline) throw SystemFailure(kExitTimeout, "lock", path);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    struct stat named = {};
+    if (stat(path.c_str(), &named) == 0 && named.st_dev == about.st_dev && named.st_ino == about.st_ino) return named;
+  }
+}
+
+bool WriteWhole(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t put = write(fd, text.data(), text.size());
     if (put < 0 && errno == EINTR) continue;
     if (put <= 0) return false;
-    at += static_cast<size_t>(put);
+    text.remove_prefix(static_cast<size_t>(put));
   }
   return fsync(fd) == 0;
 }
 
-// Writes beside the file and renames, so that the ring is never half written.
-void ReplaceFile(const std::string& path, const std::string& text) {
-  std::string fresh = path + ".XXXXXX";
-  const int fd = mkstemp(fresh.data());
-  const auto fail = [&](const char* what) {
-    const int code = errno;
-    if (fd >= 0) unlink(fresh.c_str());
-    throw Failure{kExitOutput, fmt::format("{} {}: {} ({})", what, path, strerror(code), strerrorname_np(code))};
-  };
-  if (fd < 0) fail("write beside");
-  struct stat about = {};
-  const mode_t mode = stat(path.c_str(), &about) == 0 ? about.st_mode & 07777 : kRingMode;
-  const bool written = WriteWhole(fd, text) && fchmod(fd, mode) == 0;
-  const int code = errno;
-  const bool closed = close(fd) == 0;
-  if (!written) errno = code;
-  if (!written || !closed) fail("write");
-  if (rename(fresh.c_str(), path.c_str()) != 0) fail("replace");
+bool KeepOwnerAndMode(int fd, const struct stat& about) {
+  struct stat fresh = {};
+  if (fstat(fd, &fresh) != 0) return false;
+  const bool same = fresh.st_uid == about.st_uid && fresh.st_gid == about.st_gid;
+  return (same || fchown(fd, about.st_uid, about.st_gid) == 0) && fchmod(fd, about.st_mode & 07777) == 0;
 }
 
-// Puts one key into the lines of a ring; false when it is there already.
-bool PutKey(std::vector<std::string>& lines, const std::string& path, const KeyLine& key, bool replace) {
-  const std::string text = key.user + " " + key.key;
-  for (size_t i = 0; i < lines.size(); ++i) {
-    KeyLine held;
-    if (!ParseKeyLine(lines[i], fmt::format("{}:{}", path, i + 1), held) || held.user != key.user) continue;
-    if (held.key == key.key) return false;
-    if (!replace) {
-      throw Failure{kExitSecurity, fmt::format("{}:{}: user {} has another key; --replace puts the new one there", path,
-                                               i + 1, key.user)};
-    }
-    lines[i] = text;
-    return true;
-  }
-  lines.push_back(text);
-  return true;
+// Writes beside the file and renames, so that the ring is never half written. A symbolic link stays one.
+void ReplaceFile(const std::string& path, const std::string& text, const struct stat& about) {
+  char target[PATH_MAX];
+  if (realpath(path.c_str(), target) == nullptr) throw SystemFailure(kExitOutput, "write", path);
+  std::string fresh = std::string(target) + ".XXXXXX";
+  const Descriptor file(mkostemp(fresh.data(), O_CLOEXEC));
+  if (file.get() < 0) throw SystemFailure(kExitOutput, "write beside", path);
+  if (WriteWhole(file.get(), text) && KeepOwnerAndMode(file.get(), about) && rename(fresh.c_str(), target) == 0) return;
+  const Failure failure = SystemFailure(kExitOutput, "replace", path);
+  unlink(fresh.c_str());
+  throw failure;
 }
 
 }  // namespace
 
-bool ParseKeyLine(const std::string& text, const std::string& where, KeyLine& out) {
-  const std::string line = text.substr(0, text.find('#'));
-  const bool cut = text.find('\0') != std::string::npos;
-  size_t at = 0;
-  out.user = NextWord(line, at);
-  if (out.user.empty() && !cut) return false;
-  out.key = NextWord(line, at);
-  uint8_t key[MQC_KEY_BYTES];
-  const bool right = IsUser(out.user) && NextWord(line, at).empty() && mqc_key_from_text(out.key.c_str(), key);
-  if (!right || cut) {
-    // The key is not shown: it may be a secret one that stands in the wrong place.
-    throw Failure{kExitSecurity,
-                  fmt::format("{}: user {} with {} characters: expected a user of 1 to {} characters and a key of {} "
-                              "hexadecimal digits",
-                              where, Quote(out.user, 40), out.key.size(), MQC_USER_MAX, 2 * MQC_KEY_BYTES)};
+void NewSecretFile(const std::string& path, const std::string& user, int64_t until) {
+  const Locked<LockedKey> key(static_cast<LockedKey*>(AllocateLocked(sizeof(LockedKey))));
+  uint8_t open_key[MQC_KEY_BYTES];
+  char error[512];
+  if (!mqc_generate_key(key->key, open_key)) throw Failure{kExitResources, "the system gives no randomness"};
+  if (!mqc_secret_file_write_until(path.c_str(), user.c_str(), key->key, until, error, sizeof error)) {
+    Refuse("new key", error);
   }
-  char canonical[MQC_KEY_TEXT];
-  mqc_key_text(key, canonical);
-  out.key = canonical;
-  mqc_wipe(key, sizeof key);
-  mqc_wipe(canonical, sizeof canonical);
-  return true;
 }
 
-std::vector<KeyLine> ReadRing(const std::string& path) { return ParseFile(path, ReadFile(path, kMaxRing)); }
-
-size_t AddToRing(const std::string& path, const std::vector<KeyLine>& keys, bool replace) {
-  const bool exists = access(path.c_str(), F_OK) == 0;
-  std::vector<std::string> lines = exists ? Lines(ReadFile(path, kMaxRing)) : std::vector<std::string>{kRingMark};
-  if (std::find(lines.begin(), lines.end(), kSecretMark) != lines.end()) {
-    throw Failure{kExitSecurity, fmt::format("{}: a secret key file, not a ring", path)};
+std::vector<MqcKey> PublicKeysOf(const std::string& path, Unmarked unmarked) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (file.get() < 0) throw SystemFailure(kExitInput, "read", path);
+  AboutRegular(file.get(), path);
+  KeyText text(file.get(), path);
+  std::vector<MqcKey> keys;
+  bool is_ring = false;
+  while (text.Next()) {
+    if (!text.has_key()) continue;
+    const Unmarked kind = text.KindOfKey(unmarked);
+    if (kind == Unmarked::kUnknown) {
+      Refuse(text.where(), "nothing says whether this key is public or secret; --public or --secret does");
+    }
+    is_ring = is_ring || kind == Unmarked::kPublic;
+    if (kind == Unmarked::kPublic) CheckPublic(text.key(), text.where());
+    keys.push_back(kind == Unmarked::kPublic ? text.key() : PublicKeyOf(path, text.key().user));
   }
-  size_t changed = 0;
-  for (const KeyLine& key : keys) changed += PutKey(lines, path, key, replace) ? 1 : 0;
-  if (changed == 0) return 0;
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  ReplaceFile(path, text);
-  return changed;
+  if (is_ring) CheckRing(path);
+  return keys;
 }
 
-void MarkSecretFile(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
-  const bool marked = fd >= 0 && WriteWhole(fd, std::string(kSecretMark) + "\n");
-  const int code = errno;
-  if (fd >= 0) close(fd);
-  if (!marked)
-    throw Failure{kExitOutput, fmt::format("write {}: {} ({})", path, strerror(code), strerrorname_np(code))};
-}
-
-bool IsSecretFile(const std::string& path) {
-  struct stat about = {};
-  if (stat(path.c_str(), &about) != 0) {
-    throw Failure{kExitInput, fmt::format("read {}: {} ({})", path, strerror(errno), strerrorname_np(errno))};
-  }
-  std::string text = ReadFile(path, kMaxRing);
-  const bool secret = text.find(kSecretMark) != std::string::npos;
-  const bool ring = text.find(kRingMark) != std::string::npos;
-  mqc_wipe(text.data(), text.size());
-  return secret || ((about.st_mode & 077) == 0 && !ring);
-}
-
-std::vector<std::string> UsersOfSecretFile(const std::string& path) {
-  std::string text = ReadFile(path, kMaxSecretFile);
-  std::vector<std::string> users;
-  for (KeyLine& key : ParseFile(path, text)) {
-    users.push_back(key.user);
-    mqc_wipe(key.key.data(), key.key.size());
-  }
-  mqc_wipe(text.data(), text.size());
-  return users;
-}
-
-KeyLine PublicKeyOf(const std::string& path, const std::string& user) {
-  char error[256];
+MqcKey PublicKeyOf(const std::string& path, const std::string& user) {
+  char error[512];
   const std::unique_ptr<MqcSigner, decltype(&mqc_signer_free)> signer(
       mqc_signer_load(path.c_str(), user.empty() ? nullptr : user.c_str(), error, sizeof error), mqc_signer_free);
   if (signer == nullptr) throw Failure{kExitSecurity, fmt::format("secret key file {}", error)};
-  uint8_t key[MQC_KEY_BYTES];
-  char text[MQC_KEY_TEXT];
-  mqc_signer_public_key(signer.get(), key);
-  mqc_key_text(key, text);
-  return {mqc_signer_user(signer.get()), text, 0};
+  MqcKey key = {};
+  memcpy(key.user, mqc_signer_user(signer.get()), strlen(mqc_signer_user(signer.get())) + 1);
+  mqc_signer_public_key(signer.get(), key.key);
+  key.until = mqc_signer_until(signer.get());
+  return key;
+}
+
+std::vector<MqcKey> PublicKeysFromInput(Unmarked unmarked) {
+  KeyText text(STDIN_FILENO, "standard input");
+  std::vector<MqcKey> keys;
+  while (text.Next()) {
+    if (!text.has_key()) continue;
+    const Unmarked kind = text.KindOfKey(unmarked);
+    if (kind == Unmarked::kSecret) {
+      Refuse(text.where(), "a secret key; mqcat keys public prints the line that goes into rings");
+    }
+    if (kind == Unmarked::kUnknown) {
+      Refuse(text.where(), "nothing says that this key is public; the word public behind it does, or --public");
+    }
+    CheckPublic(text.key(), text.where());
+    keys.push_back(text.key());
+  }
+  return keys;
+}
+
+MqcKey PublicKeyFrom(const std::string& user, const std::string& digits) {
+  MqcKey key;
+  if (!mqc_key_read((user + " " + digits).c_str(), &key) || key.user[0] == '\0') {
+    Refuse("keys add", fmt::format("expected a user of 1 to {} characters and a key of {} hexadecimal digits",
+                                   MQC_USER_MAX, 2 * MQC_KEY_BYTES));
+  }
+  CheckPublic(key, fmt::format("keys add, user {}", key.user));
+  return key;
+}
+
+int64_t EndOf(const std::string& day) {
+  if (day.empty()) return MQC_NO_END;
+  MqcKey key;
+  const std::string line = fmt::format("user {:064} until={}", 0, day);
+  if (!mqc_key_read(line.c_str(), &key) || key.until == MQC_NO_END) {
+    throw Failure{kExitUsage, fmt::format("--until {}: expected a day, YYYY-MM-DD", Quote(day, 40))};
+  }
+  return key.until;
+}
+
+size_t AddToRing(const std::string& path, const std::vector<MqcKey>& keys, bool replace) {
+  Ring fresh;
+  PutAll(fresh, keys, replace);  // keys that contradict each other create no ring
+  Descriptor file;
+  const struct stat about = LockRing(path, file);
+  CheckRing(path);
+  Ring ring;
+  if (about.st_size == 0) ring.Append(kRingMark, {});
+  KeyText text(file.get(), path);
+  while (text.Next()) ring.Append(text.line(), text.key());
+  const size_t changed = PutAll(ring, keys, replace);
+  if (changed != 0) ReplaceFile(path, ring.text(), about);
+  return changed;
+}
+
+std::string LineOf(const MqcKey& key) {
+  char line[MQC_KEY_LINE];
+  MqcKey marked = key;
+  marked.kind = MQC_KEY_PUBLIC;
+  mqc_key_write(&marked, line);
+  return line;
 }
 
 }  // namespace mqcat

@@ -1,39 +1,43 @@
-// keyfile.hh - secret key files and ring files, as text with their comments. What a key or a user may be is the
-// companion's to say; this adds what a person does with the files.
+// keyfile.hh - what a person does with key files. What a line may say is the companion's to decide (mqc_key_read).
+// Invariant: no secret key leaves this module. Text that may hold one lies in memory that is locked, left out of core
+// dumps and wiped.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "companion/host.h"
+
 namespace mqcat {
 
-struct KeyLine {
-  std::string user;
-  std::string key;  // 64 hexadecimal digits, lower case
-  size_t line = 0;  // counted from 1
-};
+// What the caller knows of lines that neither a word of their own nor a comment of their file marks.
+enum class Unmarked { kUnknown, kPublic, kSecret };
 
-// "user key", blanks around allowed, what follows '#' skipped. False for an empty line; a Failure that names where for
-// a malformed one.
-bool ParseKeyLine(const std::string& text, const std::string& where, KeyLine& out);
+// Makes a key pair and writes the secret key, good until then, into a new file.
+void NewSecretFile(const std::string& path, const std::string& user, int64_t until);
 
-// All keys of a ring file.
-std::vector<KeyLine> ReadRing(const std::string& path);
+// The public keys of a ring, or those that belong to the secret keys of a file. Throws a Failure for a line that may be
+// secret or public for all that is known, and for whatever makes the companion refuse the file.
+std::vector<MqcKey> PublicKeysOf(const std::string& path, Unmarked unmarked);
 
-// Adds keys to a ring file, which is created when it does not exist. The file is replaced whole or left as it was.
-// A user who is there with another key is refused, unless replace. Returns how many keys are new or changed.
-size_t AddToRing(const std::string& path, const std::vector<KeyLine>& keys, bool replace);
+// The public key that belongs to a user's secret key in a file; user empty for the only one.
+MqcKey PublicKeyOf(const std::string& path, const std::string& user);
 
-// Marks a fresh secret key file as one, with a comment.
-void MarkSecretFile(const std::string& path);
+// Public keys from standard input. Throws a Failure for a secret key, and for a key that nothing says to be public.
+std::vector<MqcKey> PublicKeysFromInput(Unmarked unmarked);
 
-// Whether the file is one of secret keys: it is marked so, or it is for its owner alone and not marked as a ring.
-bool IsSecretFile(const std::string& path);
+// A key from the command line, which names it as public.
+MqcKey PublicKeyFrom(const std::string& user, const std::string& digits);
 
-// Users of a secret key file; their keys are not kept.
-std::vector<std::string> UsersOfSecretFile(const std::string& path);
+// The last millisecond of a day, YYYY-MM-DD; MQC_NO_END for an empty text.
+int64_t EndOf(const std::string& day);
 
-// The public key that belongs to a user's secret key; user empty for the only one.
-KeyLine PublicKeyOf(const std::string& path, const std::string& user);
+// Adds keys to a ring file, which is created when it does not exist. The file is replaced whole or left as it was, and
+// no other process adds to it meanwhile. A user who has another key there, or the same with another end, is refused
+// unless replace; a revoked key stays revoked. Returns how many lines are new or changed.
+size_t AddToRing(const std::string& path, const std::vector<MqcKey>& keys, bool replace);
+
+// "alice 3d40... public until=2027-06-30"
+std::string LineOf(const MqcKey& key);
 
 }  // namespace mqcat

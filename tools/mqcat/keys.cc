@@ -2,81 +2,57 @@
 #include <memory>
 
 #include "companion/host.h"
-#include "input.hh"
 #include "keyfile.hh"
 #include "options.hh"
 #include "output.hh"
-#include "text.hh"
 
 namespace mqcat {
 namespace {
-
-constexpr size_t kMaxLine = 4096;
 
 struct Options {
   std::string file;
   std::string user;
   std::string key;
+  std::string until;
   bool replace = false;
-  bool secret = false;
+  bool revoke = false;
+  bool is_public = false;
+  bool is_secret = false;
 };
 
-void PrintKey(const KeyLine& key) { Print(key.user + " " + key.key + "\n"); }
+void PrintKey(const MqcKey& key) { Print(LineOf(key) + "\n"); }
 
 void New(const Options& options) {
-  uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
-  char error[256];
-  if (!mqc_generate_key(secret, open)) throw Failure{kExitResources, "new key: the system gives no randomness"};
-  const int written = mqc_secret_file_write(options.file.c_str(), options.user.c_str(), secret, error, sizeof error);
-  mqc_wipe(secret, sizeof secret);
-  if (!written) throw Failure{kExitSecurity, fmt::format("new key of {}: {}", Quote(options.user, 40), error)};
-  MarkSecretFile(options.file);
-  char text[MQC_KEY_TEXT];
-  mqc_key_text(open, text);
-  PrintKey({options.user, text, 0});
+  NewSecretFile(options.file, options.user, EndOf(options.until));
+  PrintKey(PublicKeyOf(options.file, options.user));
   Flush();
   Note(fmt::format("the secret key is in {}; the line above goes into the rings of those who read", options.file));
 }
 
 void Public(const Options& options) { PrintKey(PublicKeyOf(options.file, options.user)); }
 
-std::vector<KeyLine> KeysFromInput() {
-  std::vector<KeyLine> keys;
-  LineReader reader(kMaxLine);
-  while (const auto line = reader.Next()) {
-    KeyLine key;
-    if (ParseKeyLine(*line, fmt::format("standard input, line {}", reader.number()), key)) keys.push_back(key);
-  }
-  return keys;
-}
-
 void Add(const Options& options) {
-  std::vector<KeyLine> keys;
+  // The word in the place of the user is not shown: it may be a secret key.
   if (!options.user.empty() && options.key.empty()) {
-    throw Failure{kExitUsage, fmt::format("keys add: user {} without a key; give both, or lines on standard input",
-                                          Quote(options.user, 40))};
+    throw Failure{kExitUsage, "keys add: a user without a key; give both, or lines on standard input"};
   }
-  if (options.user.empty()) {
-    keys = KeysFromInput();
-  } else {
-    KeyLine key;
-    ParseKeyLine(options.user + " " + options.key, "keys add", key);
-    keys.push_back(key);
-  }
+  const Unmarked unmarked = options.is_public ? Unmarked::kPublic : Unmarked::kUnknown;
+  std::vector<MqcKey> keys =
+      options.user.empty() ? PublicKeysFromInput(unmarked) : std::vector{PublicKeyFrom(options.user, options.key)};
   if (keys.empty()) throw Failure{kExitInput, "keys add: standard input holds no key"};
+  for (MqcKey& key : keys) {
+    if (!options.until.empty()) key.until = EndOf(options.until);
+    if (options.revoke) key.revoked = 1;
+  }
   const size_t changed = AddToRing(options.file, keys, options.replace);
   Note(fmt::format("{} of {} keys are new in {}", changed, keys.size(), options.file));
 }
 
-// A secret key is never printed.
 void List(const Options& options) {
-  if (!options.secret && !IsSecretFile(options.file)) {
-    for (const KeyLine& key : ReadRing(options.file)) PrintKey(key);
-    return;
-  }
-  for (const std::string& user : UsersOfSecretFile(options.file)) PrintKey(PublicKeyOf(options.file, user));
-  Flush();
-  Note(fmt::format("{} holds secret keys; shown are the public ones", options.file));
+  const Unmarked unmarked = options.is_secret   ? Unmarked::kSecret
+                            : options.is_public ? Unmarked::kPublic
+                                                : Unmarked::kUnknown;
+  for (const MqcKey& key : PublicKeysOf(options.file, unmarked)) PrintKey(key);
 }
 
 }  // namespace
@@ -86,14 +62,17 @@ void AddKeys(CLI::App& app, ExitCode&) {
   CLI::App* const keys = app.add_subcommand("keys", "Make and look after secret key files and rings of public keys");
   keys->require_subcommand(1);
   keys->footer(
-      "A secret key file and a ring hold one key a line: a user and 64 hexadecimal digits.\n\n"
+      "A secret key file and a ring hold one key a line: a user, 64 hexadecimal digits, and any of the words secret or "
+      "public, until=YYYY-MM-DD, revoked. No secret key is ever printed.\n\n"
       "Examples:\n  mqcat keys new alice alice.key\n  mqcat keys public alice.key | mqcat keys add ring\n"
-      "  mqcat keys list ring\n  mqcat listen 5000 --ring ring\n  mqcat send 127.0.0.1 5000 -c 1 --sign alice.key");
+      "  mqcat keys list ring\n  mqcat keys public alice.key | mqcat keys add ring --revoke\n  mqcat listen 5000 "
+      "--ring ring\n  mqcat send 127.0.0.1 5000 -c 1 --sign alice.key");
 
   CLI::App* const fresh = keys->add_subcommand("new", "Make a key pair; print the line for rings");
   fresh->add_option("USER", options->user, "Whose key; 1 to 12 characters, the user of the nodes that sign")
       ->required();
   fresh->add_option("FILE", options->file, "New file for the secret key, readable by its owner alone")->required();
+  fresh->add_option("--until", options->until, "The key's last day, UTC; none without")->type_name("YYYY-MM-DD");
   fresh->callback([options] { New(*options); });
 
   CLI::App* const open = keys->add_subcommand("public", "Print the line for rings that belongs to a secret key");
@@ -105,12 +84,18 @@ void AddKeys(CLI::App& app, ExitCode&) {
   add->add_option("RING", options->file, "Ring file")->required();
   add->add_option("USER", options->user, "Whose key; without it lines are read from standard input");
   add->add_option("KEY", options->key, "The public key, 64 hexadecimal digits");
-  add->add_flag("--replace", options->replace, "Give a user who is there already the new key");
+  add->add_option("--until", options->until, "The last day of these keys, UTC")->type_name("YYYY-MM-DD");
+  add->add_flag("--revoke", options->revoke, "Accept nothing more that these keys have signed");
+  add->add_flag("--replace", options->replace, "Give a user who is there already the new key, or the new end");
+  add->add_flag("--public", options->is_public, "The keys on standard input are public, though nothing there says so");
   add->callback([options] { Add(*options); });
 
   CLI::App* const list = keys->add_subcommand("list", "Print the public keys of a ring or of a secret key file");
   list->add_option("FILE", options->file, "Ring or secret key file")->required();
-  list->add_flag("--secret", options->secret, "It holds secret keys, whatever its permissions say");
+  CLI::Option* const open_keys =
+      list->add_flag("--public", options->is_public, "Its keys are public, though nothing in it says so");
+  list->add_flag("--secret", options->is_secret, "Its keys are secret, though nothing in it says so")
+      ->excludes(open_keys);
   list->callback([options] { List(*options); });
 }
 

@@ -1,8 +1,11 @@
 // message.cc - see message.hh.
 #include "message.hh"
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 #include <set>
+#include <string_view>
 
 #include "failure.hh"
 #include "fmt/format.h"
@@ -59,7 +62,7 @@ const Json& Need(const Json& object, const char* key, const std::string& where) 
   return *place;
 }
 
-// Shown in failures. Arrays and objects may be nested to any depth: only their kind is shown.
+// Shown in failures.
 std::string Shown(const Json& value) {
   if (value.is_structured()) return fmt::format("an {}", value.type_name());
   return Plain(value.dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 60));
@@ -123,15 +126,122 @@ void AddJsonParam(PcfMessage* msg, const Json& param, const std::string& where) 
   }
 }
 
-Json ParseJson(const std::string& text, const std::string& where) {
-  try {
-    return Json::parse(text);
-  } catch (const Json::parse_error& error) {
-    const std::string what = error.what();
-    const size_t start = what.find("parse error");
-    Refuse(where, "not JSON: " + Plain(start == std::string::npos ? what : what.substr(start)).substr(0, 200));
+// A text as the parser reads it; says how many characters it has taken.
+class CountingIterator {
+ public:
+  using iterator_category = std::input_iterator_tag;
+  using value_type = char;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const char*;
+  using reference = const char&;
+
+  CountingIterator(const char* at, size_t* taken) : at_(at), taken_(taken) {}
+  reference operator*() const { return *at_; }
+  CountingIterator& operator++() {
+    ++at_;
+    ++*taken_;
+    return *this;
   }
-}
+  CountingIterator operator++(int) {
+    const CountingIterator before = *this;
+    ++*this;
+    return before;
+  }
+  bool operator==(const CountingIterator& other) const { return at_ == other.at_; }
+  bool operator!=(const CountingIterator& other) const { return at_ != other.at_; }
+
+ private:
+  const char* at_;
+  size_t* taken_;
+};
+
+// Builds a value, which is small beside the text: what no message has is refused where it begins.
+class JsonBuilder : public nlohmann::json_sax<Json> {
+ public:
+  JsonBuilder(const std::string& text, const Source& source) : text_(text), source_(source) {}
+
+  Json Build() {
+    const CountingIterator begin(text_.data(), &taken_), end(text_.data() + text_.size(), &taken_);
+    Json::sax_parse(begin, end, this);
+    return std::move(root_);
+  }
+
+  bool null() override { return Put(nullptr) != nullptr; }
+  bool boolean(bool value) override { return Put(value) != nullptr; }
+  bool number_integer(number_integer_t value) override { return Put(value) != nullptr; }
+  bool number_unsigned(number_unsigned_t value) override { return Put(value) != nullptr; }
+  bool number_float(number_float_t value, const string_t&) override { return Put(value) != nullptr; }
+  bool string(string_t& value) override { return Put(std::move(value)) != nullptr; }
+  bool binary(binary_t&) override { return false; }
+  bool start_object(size_t) override { return Open(Json::object()); }
+  bool start_array(size_t) override { return Open(Json::array()); }
+  bool end_object() override { return Close(); }
+  bool end_array() override { return Close(); }
+
+  bool key(string_t& name) override {
+    const Json& object = *open_.back();
+    if (object.contains(name)) RefuseAt(taken_, fmt::format("key {} is there twice", Quote(name, 40)));
+    if (object.size() == kMostKeys) RefuseAt(taken_, fmt::format("more than {} keys", kMostKeys));
+    key_ = std::move(name);
+    return true;
+  }
+
+  bool parse_error(size_t position, const std::string& token, const nlohmann::detail::exception& error) override {
+    // "[json.exception...] parse error at line 1, column 12: syntax error ...": where it is said here.
+    std::string_view what = error.what();
+    for (const std::string_view start : {std::string_view("] "), std::string_view(": ")}) {
+      const size_t at = what.find(start);
+      const bool has_place = start != ": " || what.starts_with("parse error at ");
+      if (at != std::string_view::npos && has_place) what.remove_prefix(at + start.size());
+    }
+    const bool is_overflow = error.id == kNumberOverflow && token.size() <= position;
+    RefuseAt(is_overflow ? position - token.size() + 1 : position,
+             fmt::format("not JSON: {}", Plain(what.substr(0, 200))));
+  }
+
+ private:
+  static constexpr int kNumberOverflow = 406;  // of the parser's failures
+  static constexpr size_t kDeepest = 8;
+  static constexpr size_t kMostKeys = 64;
+  static constexpr size_t kMostElements = MQC_MAX_PARAMS;
+
+  // position: of the last character that was read, from 1.
+  [[noreturn]] void RefuseAt(size_t position, const std::string& why) const {
+    const std::string_view before = std::string_view(text_).substr(0, position == 0 ? 0 : position - 1);
+    const size_t newline = before.rfind('\n');
+    const size_t column = newline == std::string_view::npos ? before.size() + 1 : before.size() - newline;
+    const auto line =
+        std::max<size_t>(source_.line, 1) + static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
+    Refuse(fmt::format("{}, line {}, column {}", source_.name, line, column), why);
+  }
+
+  Json* Put(Json value) {
+    if (open_.empty()) return &(root_ = std::move(value));
+    Json& parent = *open_.back();
+    if (parent.is_object()) return &(parent[key_] = std::move(value));
+    if (parent.size() == kMostElements) RefuseAt(taken_, fmt::format("more than {} elements", kMostElements));
+    parent.push_back(std::move(value));
+    return &parent.back();
+  }
+
+  bool Open(Json value) {
+    if (open_.size() == kDeepest) RefuseAt(taken_, fmt::format("nested deeper than {} levels", kDeepest));
+    open_.push_back(Put(std::move(value)));
+    return true;
+  }
+
+  bool Close() {
+    open_.pop_back();
+    return true;
+  }
+
+  const std::string& text_;
+  const Source& source_;
+  size_t taken_ = 0;
+  Json root_;
+  std::vector<Json*> open_;  // the values that the next one is part of, outermost first
+  std::string key_;
+};
 
 Json ParamToJson(const MqcParam& param) {
   Json json = {{"id", param.id}, {"type", TypeName(param.type)}};
@@ -191,8 +301,9 @@ void BeginMessage(PcfMessage* msg, uint32_t command) {
   if (!mqc_begin(msg, command)) throw Failure{kExitResources, mqc_message_error(msg)};
 }
 
-void MessageFromJson(PcfMessage* msg, const std::string& text, const std::string& where) {
-  const Json json = ParseJson(text, where);
+void MessageFromJson(PcfMessage* msg, const std::string& text, const Source& source) {
+  const Json json = JsonBuilder(text, source).Build();
+  const std::string where = source.line == 0 ? source.name : fmt::format("{}, line {}", source.name, source.line);
   if (!json.is_object()) Refuse(where, fmt::format("{} is not an object", Shown(json)));
   for (const auto& [key, unused] : json.items()) {
     if (kKnownKeys.count(key) == 0) {

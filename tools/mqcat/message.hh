@@ -32,8 +32,15 @@ void AddParam(PcfMessage* msg, const ParamSpec& param);
 // Starts a message; throws a Failure without memory.
 void BeginMessage(PcfMessage* msg, uint32_t command);
 
-// Builds a message; where names the text in failures.
-void MessageFromJson(PcfMessage* msg, const std::string& text, const std::string& where);
+// Where a text comes from, for failures.
+struct Source {
+  std::string name;
+  size_t line = 0;  // the line that the text is; 0 when it has lines of its own
+};
+
+// Builds a message. Throws a Failure for what is not JSON, with line and column, for keys that are there twice, and for
+// what is not a message.
+void MessageFromJson(PcfMessage* msg, const std::string& text, const Source& source);
 
 // {"command": ..., "parameters": [...]}
 Json MessageToJson(const PcfMessage* msg);

@@ -37,7 +37,7 @@ _mqcat() {
         _mqcat_complete -W "new public add list --help"
         return
       fi
-      local words="--replace --secret --help"
+      local words="--until --revoke --replace --public --secret --help"
       ;;
     explain)
       local words="--all --format --help"

@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "failure.hh"
 #include "fmt/format.h"
 #include "number.hh"
+#include "text.hh"
 
 namespace mqcat {
 namespace {
@@ -41,6 +43,10 @@ void Print(std::string_view text) {
   if (buffer.size() >= kBufferSize) Flush();
 }
 
+void PrintJson(const nlohmann::ordered_json& json) {
+  Print(SafeJson(json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)) + "\n");
+}
+
 void Flush() {
   std::string text;
   text.swap(buffer);  // a failure is told once, whatever is printed or flushed on the way out
@@ -66,7 +72,7 @@ bool NotesAreOnTerminal() { return isatty(STDERR_FILENO) == 1; }
 
 void Note(std::string_view text) {
   ShowProgress("");
-  WriteAll(STDERR_FILENO, fmt::format("mqcat: {}\n", text));
+  WriteAll(STDERR_FILENO, fmt::format("mqcat: {}\n", SafeLines(text)));
 }
 
 void ShowProgress(std::string_view text) {

@@ -146,7 +146,7 @@ void SendLines(Sender& sender) {
   LineReader reader(kMaxLine);
   while (const auto line = reader.Next()) {
     if (line->find_first_not_of(" \t\r") == std::string::npos) continue;
-    MessageFromJson(sender.message(), *line, fmt::format("standard input, line {}", reader.number()));
+    MessageFromJson(sender.message(), *line, {"standard input", reader.number()});
     sender.SendRepeated();
   }
   if (Interrupted()) throw Failure{kExitInterrupted, "interrupted"};
@@ -155,7 +155,7 @@ void SendLines(Sender& sender) {
 void SendAll(Sender& sender, const Options& options, bool from_input) {
   // What is on the command line is checked before anybody is called.
   if (!options.json.empty()) {
-    MessageFromJson(sender.message(), options.json, "--json");
+    MessageFromJson(sender.message(), options.json, {"--json"});
   } else if (!from_input) {
     BuildFromOptions(sender.message(), options);
   }

@@ -62,13 +62,13 @@ std::string ToText(const PcfMessage* msg, const std::string& peer, bool is_signe
   return text;
 }
 
-std::string ToJson(const PcfMessage* msg, const std::string& peer, bool is_signed) {
+Json ToJson(const PcfMessage* msg, const std::string& peer, bool is_signed) {
   const std::string application = Application(msg);
   Json json = {{"time", UtcTime()},          {"peer", peer},
                {"user", Plain(Sender(msg))}, {"application", Plain(application)},
                {"signed", is_signed},        {"bytes", msg->raw.length}};
   json.update(MessageToJson(msg));
-  return json.dump() + "\n";
+  return json;
 }
 
 Bytes RawOf(const PcfMessage* msg) { return {msg->raw.data, msg->raw.length}; }
@@ -91,7 +91,7 @@ void ShowMessage(const PcfMessage* msg, const std::string& peer, bool is_signed,
       return Print(OutputIsTerminal() ? Wrap(ToText(msg, peer, is_signed), OutputWidth())
                                       : ToText(msg, peer, is_signed));
     case ShowFormat::kJson:
-      return Print(ToJson(msg, peer, is_signed));
+      return PrintJson(ToJson(msg, peer, is_signed));
     case ShowFormat::kHex:
       return Print("# " + Headline(msg, peer, is_signed) + "\n" + HexDump(RawOf(msg)));
     case ShowFormat::kRaw:

@@ -15,12 +15,14 @@ constexpr char kDigits[] = "0123456789abcdef";
 constexpr size_t kDumpLine = 16;
 constexpr size_t kNarrowest = 12;  // room that wrapped text keeps at least
 
-int DigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
+constexpr uint8_t kNoDigit = 0xff;
+constexpr std::array<uint8_t, 256> kDigitValues = [] {
+  std::array<uint8_t, 256> values{};
+  values.fill(kNoDigit);
+  for (uint8_t i = 0; i < 16; ++i) values[static_cast<uint8_t>(kDigits[i])] = i;
+  for (uint8_t i = 10; i < 16; ++i) values[static_cast<size_t>('A' + i - 10)] = i;
+  return values;
+}();
 
 bool IsPrintable(uint8_t c) { return c >= 0x20 && c < 0x7f; }
 
@@ -40,11 +42,42 @@ size_t CharacterLength(std::string_view text, size_t at) {
   return length;
 }
 
-// U+0080 to U+009F are control characters to a terminal.
-bool IsControl(std::string_view text, size_t at, size_t length) {
-  const auto first = static_cast<uint8_t>(text[at]);
-  if (length == 1) return first < 0x20 || first == 0x7f;
-  return length == 2 && first == 0xc2 && static_cast<uint8_t>(text[at + 1]) < 0xa0;
+// The code point of a well-formed character.
+uint32_t CodePoint(std::string_view character) {
+  uint32_t point = static_cast<uint8_t>(character[0]);
+  if (character.size() > 1) point &= 0xffu >> (character.size() + 1);
+  for (const char c : character.substr(1)) point = point << 6 | (static_cast<uint8_t>(c) & 0x3f);
+  return point;
+}
+
+// Control characters, and marks that begin a line or turn the direction of writing: what is shown after them is not
+// what is there.
+bool IsSafe(uint32_t point) {
+  if (point < 0x20 || (point >= 0x7f && point < 0xa0) || point == 0x61c) return false;
+  if (point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e)) return false;
+  return point < 0x2066 || point > 0x2069;
+}
+
+// Appends text until its end, or limit characters. What is not safe, not UTF-8 or one of special is appended by
+// replace(out, bytes). Returns how many bytes were taken.
+template <typename Replace>
+size_t AppendSafe(std::string& out, std::string_view text, size_t limit, std::string_view special, Replace replace) {
+  size_t at = 0;
+  for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
+    if (IsPrintable(static_cast<uint8_t>(text[at])) && special.find(text[at]) == std::string_view::npos) {
+      out += text[at++];
+      continue;
+    }
+    const size_t length = CharacterLength(text, at);
+    const std::string_view bytes = text.substr(at, std::max<size_t>(length, 1));
+    if (length > 1 && IsSafe(CodePoint(bytes))) {
+      out += bytes;
+    } else {
+      replace(out, bytes);
+    }
+    at += bytes.size();
+  }
+  return at;
 }
 
 std::string Escape(char c) {
@@ -60,6 +93,20 @@ std::string Escape(char c) {
       return std::string{'\\', c};
     default:
       return fmt::format("\\x{:02x}", static_cast<uint8_t>(c));
+  }
+}
+
+void AppendEscaped(std::string& out, std::string_view bytes) {
+  for (const char c : bytes) out += Escape(c);
+}
+
+// The same character in JSON; U+FFFD for a stray byte.
+void AppendJsonEscape(std::string& out, std::string_view bytes) {
+  const uint32_t point = CodePoint(bytes);
+  if (point == '"' || point == '\\') {
+    out.append("\\").append(bytes);
+  } else {
+    out += fmt::format("\\u{:04x}", bytes.size() == 1 && point > 0x7f ? 0xfffd : point);
   }
 }
 
@@ -84,6 +131,10 @@ size_t HangingIndent(std::string_view line, size_t width) {
 
 void WrapLine(std::string_view line, size_t width, std::string& out) {
   line = line.substr(0, line.find_last_not_of(' ') + 1);
+  if (line.size() <= width) {
+    out.append(line).append("\n");
+    return;
+  }
   const size_t indent = HangingIndent(line, width);
   size_t room = width;
   size_t floor = indent;  // no break before the text of the line begins
@@ -99,6 +150,23 @@ void WrapLine(std::string_view line, size_t width, std::string& out) {
   out.append(line).append("\n");
 }
 
+// Every byte of IBM1047 in UTF-8; nothing when the system's iconv does not know it.
+std::optional<std::array<std::string, 256>> EbcdicTable() {
+  const iconv_t converter = iconv_open("UTF-8", "IBM1047");
+  if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
+  std::array<std::string, 256> table;
+  bool whole = true;
+  for (size_t i = 0; i < table.size(); ++i) {
+    char byte = static_cast<char>(i), place[4];
+    char *from = &byte, *to = place;
+    size_t from_left = 1, to_left = sizeof place;
+    whole = iconv(converter, &from, &from_left, &to, &to_left) == 0 && whole;
+    table[i].assign(place, sizeof place - to_left);
+  }
+  iconv_close(converter);
+  return whole ? std::optional(std::move(table)) : std::nullopt;
+}
+
 }  // namespace
 
 std::string Hex(Bytes bytes, size_t limit) {
@@ -111,17 +179,24 @@ std::string Hex(Bytes bytes, size_t limit) {
   return out;
 }
 
-std::optional<std::vector<uint8_t>> FromHex(std::string_view digits) {
-  if (digits.size() % 2 != 0) return std::nullopt;
-  std::vector<uint8_t> bytes;
-  bytes.reserve(digits.size() / 2);
+bool AppendHex(std::vector<uint8_t>& bytes, std::string_view digits) {
+  if (digits.size() % 2 != 0) return false;
+  const size_t before = bytes.size();
+  bytes.resize(before + digits.size() / 2);
+  uint8_t wrong = 0;
   for (size_t i = 0; i < digits.size(); i += 2) {
-    const int high = DigitValue(digits[i]);
-    const int low = DigitValue(digits[i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    bytes.push_back(static_cast<uint8_t>(high << 4 | low));
+    const uint8_t high = kDigitValues[static_cast<uint8_t>(digits[i])];
+    const uint8_t low = kDigitValues[static_cast<uint8_t>(digits[i + 1])];
+    wrong |= high | low;
+    bytes[before + i / 2] = static_cast<uint8_t>(high << 4 | low);
   }
-  return bytes;
+  if (wrong == kNoDigit) bytes.resize(before);
+  return wrong != kNoDigit;
+}
+
+std::optional<std::vector<uint8_t>> FromHex(std::string_view digits) {
+  std::vector<uint8_t> bytes;
+  return AppendHex(bytes, digits) ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 std::string HexDump(Bytes bytes) {
@@ -143,48 +218,43 @@ bool IsUtf8(std::string_view text) {
 
 std::string Quote(std::string_view text, size_t limit) {
   std::string out = "\"";
-  size_t at = 0;
-  for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
-    const size_t length = CharacterLength(text, at);
-    if (length == 0 || IsControl(text, at, length) || text[at] == '"' || text[at] == '\\') {
-      for (size_t i = 0; i < std::max<size_t>(length, 1); ++i) out += Escape(text[at + i]);
-    } else {
-      out += text.substr(at, length);
-    }
-    at += std::max<size_t>(length, 1);
-  }
+  const size_t shown = AppendSafe(out, text, limit, "\"\\", AppendEscaped);
   out += '"';
-  if (at < text.size()) out += fmt::format("... ({} bytes)", text.size());
+  if (shown < text.size()) out += fmt::format("... ({} bytes)", text.size());
   return out;
 }
 
 std::string Plain(std::string_view text) {
   std::string out;
-  for (size_t at = 0; at < text.size();) {
-    const size_t length = CharacterLength(text, at);
-    if (length == 0 || IsControl(text, at, length)) {
-      out += '?';
-    } else {
-      out += text.substr(at, length);
-    }
-    at += std::max<size_t>(length, 1);
-  }
+  AppendSafe(out, text, SIZE_MAX, "", [](std::string& to, std::string_view) { to += '?'; });
   return out;
 }
 
+std::string SafeLines(std::string_view text) {
+  std::string out;
+  AppendSafe(out, text, SIZE_MAX, "", [](std::string& to, std::string_view bytes) {
+    bytes == "\n" ? void(to += bytes) : AppendEscaped(to, bytes);
+  });
+  return out;
+}
+
+std::string SafeJson(std::string_view json) {
+  std::string out;
+  AppendSafe(out, json, SIZE_MAX, "", AppendJsonEscape);
+  return out;
+}
+
+void AppendJsonString(std::string& out, std::string_view text) {
+  out += '"';
+  AppendSafe(out, text, SIZE_MAX, "\"\\", AppendJsonEscape);
+  out += '"';
+}
+
 std::optional<std::string> FromEbcdic(std::string_view text) {
-  const iconv_t converter = iconv_open("UTF-8", "IBM1047");
-  if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
-  std::string in{text};
-  std::string out(text.size() * 2, '\0');  // every character is below U+0100
-  char* from = in.data();
-  char* to = out.data();
-  size_t from_left = in.size();
-  size_t to_left = out.size();
-  const size_t result = iconv(converter, &from, &from_left, &to, &to_left);
-  iconv_close(converter);
-  if (result == static_cast<size_t>(-1)) return std::nullopt;
-  out.resize(out.size() - to_left);
+  static const std::optional<std::array<std::string, 256>> table = EbcdicTable();
+  if (!table) return std::nullopt;
+  std::string out;
+  for (const char c : text) out += (*table)[static_cast<uint8_t>(c)];
   return out;
 }
 

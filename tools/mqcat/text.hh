@@ -18,6 +18,9 @@ inline Bytes BytesOf(std::string_view text) { return {reinterpret_cast<const uin
 // Lower-case hexadecimal digits of at most limit bytes; "..." and the number of bytes follow when there are more.
 std::string Hex(Bytes bytes, size_t limit = SIZE_MAX);
 
+// Appends the bytes that an even number of hexadecimal digits stand for. False, with nothing appended, for other texts.
+bool AppendHex(std::vector<uint8_t>& bytes, std::string_view digits);
+
 // The bytes that an even number of hexadecimal digits stand for; nothing for any other text.
 std::optional<std::vector<uint8_t>> FromHex(std::string_view digits);
 
@@ -27,12 +30,24 @@ std::string HexDump(Bytes bytes);
 // Whether the bytes are well-formed UTF-8 without a zero byte.
 bool IsUtf8(std::string_view text);
 
-// The text in quotes, on one line: valid UTF-8 stays, control characters and stray bytes become escapes. At most limit
-// characters are shown; "..." and the number of bytes follow when there are more.
+// Texts of peers, made fit for a terminal. Control characters, stray bytes and marks that turn the direction of writing
+// are replaced; other UTF-8 stays.
+
+// In quotes, on one line, with escapes. At most limit characters are shown; "..." and the number of bytes follow when
+// there are more.
 std::string Quote(std::string_view text, size_t limit = SIZE_MAX);
 
-// The text without control characters and stray bytes, for names that came from a peer.
+// With a question mark for each, for names.
 std::string Plain(std::string_view text);
+
+// With escapes; lines stay lines.
+std::string SafeLines(std::string_view text);
+
+// Appends a string of JSON.
+void AppendJsonString(std::string& out, std::string_view text);
+
+// JSON on one line, in UTF-8: with escapes of JSON, so that it stands for the same value.
+std::string SafeJson(std::string_view json);
 
 // EBCDIC (IBM1047) as UTF-8; nothing when the system's iconv does not know it.
 std::optional<std::string> FromEbcdic(std::string_view text);

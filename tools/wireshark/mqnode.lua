@@ -176,11 +176,29 @@ local function Shorten(text, limit)
   return text:sub(1, limit):gsub("[\192-\255][\128-\191]*$", "") .. "..."
 end
 
--- Text as Wireshark wants it: UTF-8 without zero bytes. What is no UTF-8 is taken for ISO-8859-1.
+-- Control characters of ASCII by their pictures, U+2400 to U+2421.
+local pictures = {["\127"] = "\226\144\161"}
+for c = 0, 31 do pictures[string.char(c)] = "\226\144" .. string.char(128 + c) end
+
+-- Control characters beyond ASCII; marks that change the direction of writing or begin a line. In UTF-8.
+local unsafe_sequences = {
+  "\194[\128-\159]", "\216\156", "\226\128[\142\143\168-\174]", "\226\129[\166-\169]"
+}
+
+local function CodePoint(sequence)
+  local first, second, third = sequence:byte(1, 3)
+  local code = third and first % 16 * 4096 + second % 64 * 64 + third % 64 or first % 32 * 64 + second % 64
+  return string.format("<U+%04X>", code)
+end
+
+-- Every text of a sender, as Wireshark wants it and a terminal takes no harm from it: UTF-8 without control characters.
+-- Text that is not UTF-8 is taken for ISO-8859-1.
 local function Readable(bytes, ebcdic)
   local text = Received(bytes, ebcdic)
   if ebcdic or not IsUtf8(text) then text = text:gsub("[\128-\255]", utf8_of_latin) end
-  return (text:gsub("\0", "\226\144\128"))
+  text = text:gsub("[\0-\31\127]", pictures)
+  for _, sequence in ipairs(unsafe_sequences) do text = text:gsub(sequence, CodePoint) end
+  return text
 end
 
 -- A field that is filled with zero bytes.
@@ -531,7 +549,6 @@ local function Describe(m, shape)
   else
     text = kind .. "message" .. (m.user and " from " .. m.user or "")
   end
-  text = text:gsub("[\1-\31\127]", ".")
   if m.fault then text = string.format("%s [error %d: %s]", text, m.error, m.fault) end
   if m.cut then text = text .. " [cut]" end
   return text
