@@ -86,8 +86,8 @@ static inline void give_back(MQNode* node) {
   ResetBuffer(area, sizeof(MsgHeader)); /* without memory the next read fails, and the client is dropped */
 }
 
-/* Milliseconds since a client was last seen to finish or to begin something. A byte now and then is no progress, a whole
- * message is. Exact to the interval between two calls. */
+/* Milliseconds since a client was last seen to begin or to finish a message. A byte now and then is no progress. Exact
+ * to the interval between two calls. */
 static inline long quiet_msec(Watch* watch, long now) {
   const uint32_t done = watch->node->msgsRead + watch->node->writesCompleted;
   const int midway = is_midway(watch->node);

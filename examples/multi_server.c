@@ -89,9 +89,12 @@ static void accept_clients(Server* server) {
       return;
     }
     MQNode* child = listener->child;
-    if (child == NULL) return; /* no memory: the connection was closed */
-    server->clients[server->count++] = watch_client(child);
-    if (!NoblockSocket(&child->sock)) mnClose(child); /* no client may delay another */
+    if (child == NULL) return;         /* no memory: the connection was closed */
+    if (NoblockSocket(&child->sock)) { /* no client may delay another */
+      server->clients[server->count++] = watch_client(child);
+    } else {
+      DeleteMQNode(child);
+    }
   }
 }
 

@@ -87,7 +87,7 @@ void SendAByteAtATime(Arena& arena) {
 void NeverFinish(Arena& arena) {
   const Bytes question = Question(kLarge);
   arena.Fill(20, kSmallBuffer);
-  arena.Await("who sends or reads too slowly is not dropped", [&] {
+  arena.Await("a client that sends or reads too slowly is not dropped", [&] {
     for (size_t i = 0; i < arena.peers.size(); ++i) {
       const size_t asked = arena.peers[i].sent();
       arena.peers[i].SendUntil(question, i % 2 ? asked + 1 : 12 * question.size());
@@ -180,7 +180,7 @@ void AskAndCloseHalf(Arena& arena) {
       return std::ranges::all_of(arena.peers, [&](Peer& peer) { return peer.SendUntil(question, question.size()); });
     });
     for (Peer& peer : arena.peers) peer.EndSending();
-    arena.Await("no answer to who closed half", [&] { return AllAnswered(arena, question.size()); });
+    arena.Await("no answer to a client that has closed its side", [&] { return AllAnswered(arena, question.size()); });
     arena.AwaitDropped();
   } while (arena.Goes(1000));
 }
@@ -195,7 +195,7 @@ void ConnectAndLeave(Arena& arena) {
 
 void NeverSpeak(Arena& arena) {
   arena.Fill(2500);
-  arena.Await("who never speaks is not dropped, though others want the place", [&] {
+  arena.Await("clients that never speak are not dropped, though others want their places", [&] {
     for (Peer& peer : arena.peers) peer.Receive();
     return arena.Open() < arena.peers.size() - 500;
   });

@@ -74,9 +74,11 @@ Peer::Peer(int port, bool datagrams, int receiveBuffer)
   const sockaddr_in server = AddressOf(INADDR_LOOPBACK, port);
   const int late = 1;  // the port is chosen with the server's address in mind: there are more of them
   setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof late);
-  bind(fd_, reinterpret_cast<const sockaddr*>(&here), sizeof here);
   if (receiveBuffer != 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-  if (connect(fd_, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0 && errno != EINPROGRESS) Close();
+  if (bind(fd_, reinterpret_cast<const sockaddr*>(&here), sizeof here) != 0 ||
+      (connect(fd_, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0 && errno != EINPROGRESS)) {
+    Close();
+  }
 }
 
 Peer::~Peer() { Close(); }

@@ -16,7 +16,7 @@ using Bytes = std::vector<uint8_t>;
 // The bytes of a question with a text of this length, as they are on the wire.
 Bytes Question(size_t length);
 
-// Users of the ring that a server of signed messages gets: an honest and a hostile one. The key of a user is made of its
+// Users of the ring that a server of signed messages gets: an honest and a hostile one. A user's key follows from the
 // name alone.
 constexpr const char* kHonest = "alice";
 constexpr const char* kHostile = "mallory";
