@@ -150,8 +150,8 @@ MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 
 /* mqc_sender - who sent the message that was read last: secHeader.userId as terminated text. After a secure read it is
- * the user whose key signed; after a plain read it is what the sender claimed. Empty after a secure read that was refused
- * with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
+ * the user whose key signed; after a plain read it is what the sender claimed. Empty after a secure read that was
+ * refused with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
 /* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.
@@ -166,9 +166,9 @@ MQ_RUNTIME const char* mqc_header_error(void);
  *
  * A signer is the security context of the signed writes: one user and the secret key of that user. A host that reads
  * signed messages keeps the public keys of the users it accepts in the ring, one for the whole process. A signed
- * message carries the time of its signing and a nonce. It is accepted when its user has a key in the ring that is neither
- * revoked nor past its end, the signature is right, its time is within the window around the receiver's, and it has not
- * been accepted before.
+ * message carries the time of its signing and a nonce. It is accepted when its user has a key in the ring that is
+ * neither revoked nor past its end, the signature is right, its time is within the window around the receiver's, and it
+ * has not been accepted before.
  * Signers and the content of key files lie in memory that is left out of core dumps, and out of swap as far as
  * RLIMIT_MEMLOCK allows. What the caller hands over or gets is for the caller to protect. */
 
@@ -260,9 +260,9 @@ MQ_RUNTIME int mqc_secret_file_write_until(const char* path, const char* user, c
  * Result   1; 0 with an error text: a user id or a public key that cannot be one, a revoked key, no memory */
 MQ_RUNTIME int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char* error, size_t size);
 
-/* mqc_ring_load - add every line of a ring file, as mqc_key_read takes them. All or nothing: after a failure the ring is
- * as before. A key whose end has passed is refused when a message comes. A key that a line revokes is not accepted for
- * that user until mqc_ring_clear, whatever files are loaded before and after.
+/* mqc_ring_load - add every line of a ring file, as mqc_key_read takes them. All or nothing: after a failure the ring
+ * is as before. A key whose end has passed is refused when a message comes. A key that a line revokes is not accepted
+ * for that user until mqc_ring_clear, whatever files are loaded before and after.
  * Result   1; 0 with an error text: a file that others than its owner may write to, that belongs neither to the user of
  *          this process nor to root, that is not a regular file or larger than 16777216 bytes; a malformed line, one
  *          with a secret key or without a valid public key, a second key of a user (named as file:line); no memory */
@@ -288,10 +288,10 @@ MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 /* mqc_set_replay_limit - how many accepted messages are remembered at once, those of all users together.
  *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed, about 80 bytes a message
  * When the memory is full, a user that holds the most forgets its oldest message for each one that comes in. A user
- * forgets for others only while it holds more than half of an equal share: the limit divided by the number of users that
- * hold messages. When the sender holds the most itself and its oldest message is no older than the present, or than the
- * new message, the new one is refused. A message is also forgotten an hour after it has left the window, two for each
- * message that is accepted from its user.
+ * forgets for others only while it holds more than half of an equal share: the limit divided by the number of users
+ * that hold messages. When the sender holds the most itself and its oldest message is no older than the present, or
+ * than the new message, the new one is refused. A message is also forgotten an hour after it has left the window, two
+ * for each message that is accepted from its user.
  * From then on every message of that user that is no newer than the forgotten one is refused: one process accepts a
  * message at most once. One message makes at most three others be forgotten, so it moves this limit by no more than
  * them, and never beyond the time of a message that was accepted from the same user.
@@ -307,11 +307,12 @@ MQ_RUNTIME void mqc_refuse_before(int64_t time);
 
 /* mqc_reset_replay - forget every accepted message, and every time up to which messages are refused.
  *   refuse_before  in  messages signed at this time or before are refused, as by mqc_refuse_before; 0 for none
- * For a process whose clock, and those of its senders, were ahead and have been set right: a user that filled the memory
- * meanwhile is refused until the right time reaches the wrong one, and this call ends that. Afterwards the process knows
- * as little as a new one: a message that it accepted and that was signed after refuse_before is accepted once more when
- * somebody sends it again within the window. With the present time these are only messages of clocks that were ahead;
- * with 0 also those of the last window. Forgetting and the new limit are one step, which no message can come between. */
+ * For a process whose clock, and those of its senders, were ahead and have been set right: a user that filled the
+ * memory meanwhile is refused until the right time reaches the wrong one, and this call ends that. Afterwards the
+ * process knows as little as a new one: a message that it accepted and that was signed after refuse_before is accepted
+ * once more when somebody sends it again within the window. With the present time these are only messages of clocks
+ * that were ahead; with 0 also those of the last window. Forgetting and the new limit are one step, which no message
+ * can come between. */
 MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
 
 /* mqc_set_clock - take the time for signing and authenticating from this function; null for the system's clock.

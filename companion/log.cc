@@ -2,7 +2,8 @@
 // Everything that LOGMSG reaches is safe in a signal handler: no lock, no allocation, no stdio, no time zone. The file
 // is opened for each line, so that no descriptor of ours can be closed and reused under us. No line is written to a
 // socket but the journal's: in a process that was started without standard error, descriptor 2 may be a connection.
-// Invariants: log_file is null or points at a complete entry. A line that cannot be written at once is lost and counted.
+// Invariants: log_file is null or points at a complete entry. A line that cannot be written at once is lost and
+// counted.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -156,8 +157,8 @@ bool CanTake(bool* is_pipe) {
   return poll(&state, 1, 0) == 1 && state.revents == POLLOUT;
 }
 
-// Standard error, for one line: 2 or a descriptor of our own; -1 when it takes none now. O_NONBLOCK would be set for all
-// who share the descriptor, so a pipe is opened once more: others may fill it after it was looked at.
+// Standard error, for one line: 2 or a descriptor of our own; -1 when it takes none now. O_NONBLOCK would be set for
+// all who share the descriptor, so a pipe is opened once more: others may fill it after it was looked at.
 int OpenStandardError() {
   bool is_pipe = false;
   if (!CanTake(&is_pipe)) return -1;

@@ -1,7 +1,7 @@
 // replay.cc - the memory of accepted messages: users, each with its messages in the order of their times.
 // Not here: whether a signature is right or a message too old (sign.cc); only those that passed come here.
-// Invariant: see replay.hh. A user is in the list of its rank exactly while it holds a message. Nothing here visits more
-// than a few paths under the lock, however much is held.
+// Invariant: see replay.hh. A user is in the list of its rank exactly while it holds a message. Nothing here visits
+// more than a few paths under the lock, however much is held.
 
 #include "companion/replay.hh"
 

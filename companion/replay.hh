@@ -1,8 +1,8 @@
 // replay.hh - the memory of accepted messages, so that none is accepted twice.
 //
 // One invariant carries all of it: every accepted message whose time is above its user's floor is in the memory.
-// Whatever is forgotten raises the floor of the user who signed it, and a message at or below the floor is refused. So a
-// wider window, a clock that goes back or a full memory may refuse a message too many, but never accept one twice.
+// Whatever is forgotten raises the floor of the user who signed it, and a message at or below the floor is refused. So
+// a wider window, a clock that goes back or a full memory may refuse a message too many, but never accept one twice.
 //
 // All users share one limit. When it is reached, the user that holds the most makes room, so nobody can fill the memory
 // for the others: a user is made to forget only while it holds more than half of an equal share.

@@ -1476,7 +1476,8 @@ std::string Taken(int fd) {
   return text;
 }
 
-// A pipe that is full, the wrong end of one, a socket, nothing: no line waits, none goes to a peer, and each is counted.
+// A pipe that is full, the wrong end of one, a socket, nothing: no line waits, none goes to a peer, and each is
+// counted.
 TEST_F(Log, WaitsForNobody) {
   int pipe_ends[2], sockets[2];
   ASSERT_EQ(pipe2(pipe_ends, 0), 0);
@@ -1543,7 +1544,8 @@ TEST(LogChild, TheEnvironmentNamesTheFile) {
   const std::string path = folder.Name("log");
   RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", path);
   ExpectSays(Content(path), " 1157I child\n");
-  // A pipe that is read, a link, a folder, another user's file, a path that is too long: the line goes to standard error.
+  // A pipe that is read, a link, a folder, another user's file, a path that is too long: the line goes to standard
+  // error.
   const std::string link = folder.Name("link");
   const std::string fifo = folder.Name("fifo");
   ASSERT_EQ(symlink(path.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);

@@ -21,7 +21,8 @@ size_t OutputWidth();
 bool OutputIsTerminal();
 bool NotesAreOnTerminal();
 
-// One line or more to standard error, behind "mqcat: ", fit for a terminal. Errors there are ignored: nobody is left to tell.
+// One line or more to standard error, behind "mqcat: ", fit for a terminal. Errors there are ignored: nobody is left to
+// tell.
 void Note(std::string_view text);
 
 // Overwrites the last progress text on the terminal of standard error; an empty text erases it.
