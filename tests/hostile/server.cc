@@ -28,7 +28,7 @@ const Target kTargets[] = {
     {"multi_server", kExample, "multi_server", {"127.0.0.1", "0", "1000", "4"}},
     {"cpp_server", kExample, "cpp_server", {"127.0.0.1", "0", "1000", "4"}},
     {"datagram_server", kDatagrams, "datagram_server", {"127.0.0.1", "0"}},
-    {"mqcat", kMqcat, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}},
+    {"mqcat", kMqcat, "mqcat", {"listen", "0", "--echo", "--format", "quiet", "--midway", "4"}},
     {"mqcat_signed", kSigned, "mqcat", {"listen", "0", "--echo", "--format", "quiet", "--ring", kRing}},
     {"mqcat_udp", kDatagrams, "mqcat", {"listen", "0", "--echo", "--format", "quiet", "--udp"}},
 };

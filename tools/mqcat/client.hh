@@ -24,6 +24,8 @@ class Client {
 
   MQNode* node() const { return node_.get(); }
   const std::string& peer() const { return peer_; }
+  std::string_view address() const { return node_->sock.name.ip; }
+  Clock::time_point accepted() const { return accepted_; }
 
   // Nothing more is expected of it: its node is to be deleted.
   bool done() const { return done_; }
@@ -53,7 +55,8 @@ class Client {
   uint32_t header_;        // bytes
   uint32_t finished_ = 0;  // messages read and answers sent, at the last look
   bool owed_ = false;      // at the last look
-  Clock::time_point since_ = Clock::now();
+  Clock::time_point accepted_ = Clock::now();
+  Clock::time_point since_ = accepted_;
   bool done_ = false;
 };
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <thread>
+#include <unordered_map>
 
 #include "client.hh"
 #include "examples/answers.h"
@@ -24,7 +25,7 @@ constexpr int kMostPending = 64;    // answers that may wait in a node before it
 constexpr int kMostAtOnce = 64;     // messages read, or clients accepted, before the others have their turn
 constexpr int kBacklog = 128;       // connections that wait to be accepted
 constexpr int kMostNotes = 20;      // a second, about what peers do
-constexpr double kInNeed = 5;       // seconds that a client may be quiet while all places are taken and others wait
+constexpr double kKept = 1;         // seconds that a client keeps its place, however many others wait
 constexpr double kAcceptPause = 1;  // seconds, when no descriptor or memory was left to accept with
 constexpr auto kSlowTick = std::chrono::milliseconds(10);
 constexpr double kLastAnswers = 2;       // seconds for answers that wait when the end has come
@@ -190,6 +191,7 @@ class Listener {
     }
     if (!waiter_.to_accept().empty()) Accept();
     for (MQNode* node : waiter_.to_read()) node == node_.get() ? ReadDatagrams() : ReadClient(FindClient(node));
+    Sweep();
     DropOverdue();
     Sweep();
     reporter_.EndSecond();
@@ -219,17 +221,18 @@ class Listener {
   // Without a descriptor or memory the connection stays in the queue, and every wait would come back at once.
   void AcceptFailed() {
     if (node_->error == MQ_AGAIN || node_->error == ECONNABORTED) return;
-    reporter_.Tell(NodeFailure("accept a client", node_.get()).text);
+    const auto now = Clock::now();
+    if (now >= tell_from_) reporter_.Tell(NodeFailure("accept a client", node_.get()).text);
+    tell_from_ = now + Seconds(kAcceptPause);
     accept_from_ = In(kAcceptPause);
   }
 
   void Admit(NodePtr child) {
-    const char* const ip = child->sock.name.ip;
-    const auto same = std::count_if(clients_.begin(), clients_.end(),
-                                    [ip](const Client& c) { return strcmp(c.node()->sock.name.ip, ip) == 0; });
     ++totals_.clients;
-    clients_.emplace_back(std::move(child), security_.check);
-    if (static_cast<size_t>(same) >= options_.max_per_address) {
+    const Client& added = clients_.emplace_back(std::move(child), security_.check);
+    const auto same = std::count_if(clients_.begin(), clients_.end(),
+                                    [&added](const Client& c) { return c.address() == added.address(); });
+    if (static_cast<size_t>(same) > options_.max_per_address) {
       Drop(clients_.back(), "its address has all the places that it may have (--max-per-address)");
     }
   }
@@ -246,8 +249,6 @@ class Listener {
     const bool in_need = (IsFull() || now < accept_from_) && SomeoneWaits();
     if (!in_need && now < look_at_) return;
     look_at_ = now + std::chrono::seconds(1);
-    Client* longest = nullptr;
-    Clock::duration longest_quiet = Seconds(kInNeed);
     for (Client& client : clients_) {
       const auto quiet = client.Quiet(now);
       if (client.done()) continue;
@@ -257,12 +258,34 @@ class Listener {
                                  options_.bounds.midway));
       } else if (quiet >= Seconds(options_.bounds.idle)) {
         Drop(client, fmt::format("idle for {} s (--idle)", options_.bounds.idle));
-      } else if (quiet >= longest_quiet) {
-        longest = &client;
-        longest_quiet = quiet;
       }
     }
-    if (in_need && longest != nullptr) Drop(*longest, "idle the longest, and its place is needed");
+    if (!in_need) return;
+    if (Client* const client = MakesRoom(now)) Drop(*client, "its place is needed");
+  }
+
+  // The client that gives its place to a newcomer: of the address with the most clients, the one that has been quiet
+  // longest. One address can therefore push out clients of others only until it has as many as they have.
+  Client* MakesRoom(Clock::time_point now) {
+    struct Group {
+      size_t clients = 0;
+      Client* quietest = nullptr;
+      Clock::duration quiet{};
+    };
+    std::unordered_map<std::string_view, Group> groups;
+    for (Client& client : clients_) {
+      if (client.done()) continue;
+      Group& group = groups[client.address()];
+      ++group.clients;
+      const auto quiet = client.Quiet(now);
+      if (now - client.accepted() < Seconds(kKept) || quiet < group.quiet) continue;
+      group.quietest = &client;
+      group.quiet = quiet;
+    }
+    const auto largest = std::max_element(groups.begin(), groups.end(), [](const auto& a, const auto& b) {
+      return std::pair(a.second.clients, a.second.quiet) < std::pair(b.second.clients, b.second.quiet);
+    });
+    return largest != groups.end() ? largest->second.quietest : nullptr;
   }
 
   bool SomeoneWaits() const {
@@ -432,6 +455,7 @@ class Listener {
   std::vector<Client> clients_;
   std::unique_ptr<Answers> answers_ = std::make_unique<Answers>();
   Clock::time_point accept_from_{};  // accepting pauses until then
+  Clock::time_point tell_from_{};    // while accepting fails again and again, this is said once
   Clock::time_point look_at_{};      // of the next look at quiet clients
   Reporter reporter_;
   Totals totals_;
