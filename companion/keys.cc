@@ -25,6 +25,11 @@ static_assert(crypto_sign_SECRETKEYBYTES == sizeof(MqcSigner::secret));
 pthread_once_t sodium_once = PTHREAD_ONCE_INIT;
 bool sodium_ready;
 
+void InitSodium() {
+  const Locked locked(kLockOnce);
+  sodium_ready = sodium_init() >= 0;
+}
+
 // "PATH: No such file or directory (ENOENT)".
 bool FailSystem(ErrorText error, const char* path, int code) {
   const char* const name = strerrorname_np(code);
@@ -104,10 +109,7 @@ MqcSigner* NewSigner(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], 
 }  // namespace
 
 bool HaveSodium() {
-  pthread_once(&sodium_once, [] {
-    const Locked locked(kLockOnce);
-    sodium_ready = sodium_init() >= 0;
-  });
+  pthread_once(&sodium_once, InitSodium);
   return sodium_ready;
 }
 
