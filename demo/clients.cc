@@ -160,7 +160,6 @@ class Clients {
     client.movedAt = Now();
     if (!datagrams) {
       (void)node.set_no_delay(true);
-      node.set_write_limit(1);
       if (client.kind().isLarge) (void)node.set_buffer_size(kSocketBuffer);
       if (const Result opened = node.open(); !opened) {
         if (!opened.again()) OnEnd(client, opened, "connect");
@@ -173,6 +172,7 @@ class Clients {
   // All clients of the run are connected: everybody asks as much as may be unanswered at once.
   void Begin() {
     going_ = true;
+    talked_ = self_.talking;
     beganAt_ = Now();
     endsAt_ = crowd_.seconds != 0 ? beganAt_ + crowd_.seconds : HUGE_VAL;
     for (Client& client : clients_) {
@@ -195,13 +195,12 @@ class Clients {
     if (client.owed.empty() || (datagrams && waited() > (crowd_.chaos ? kLostInChaos : kLostSeconds))) Leave(client);
   }
 
-  // False when the node takes no question now, or has ended.
+  // False when the node has ended.
   bool Ask(Client& client) {
     const Place place{client.number, client.session, client.asked};
     const double now = Now();
     const bool built = author_.Write(out_, kQuestion, place, client.kind().isLarge, false);
     const Result sent = built ? Write(client) : Result(0, ENOMEM, MQ_IN_STATUS);
-    if (!sent && sent.code() == MQ_WRITE_LIMIT) return false;  // again when what is queued has left
     if (!sent) OnEnd(client, sent, "write");
     if (!sent) return false;
     ++client.asked;
@@ -259,7 +258,7 @@ class Clients {
     const double now = Now();
     const double since = crowd_.isNew ? client.movedAt : owed->askedAt;  // a new client's connect is a part of it
     if (going_) tally(client).latency[shared_.phase].Add(now - since);
-    if (going_) self_.talking = now - beganAt_;
+    if (going_) self_.talking = talked_ + now - beganAt_;
     client.owed.erase(owed);
     client.movedAt = now;
     ++tally(client).at(kAnswers);
@@ -373,6 +372,7 @@ class Clients {
   bool going_ = false;
   bool isWarm_ = false;
   const double firstAt_ = Now();
+  double talked_ = 0;  // seconds, in the rounds before
   double beganAt_ = 0, endsAt_ = 0, checkedAt_ = 0;
 };
 

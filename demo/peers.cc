@@ -96,16 +96,11 @@ void SendBrokenDatagrams(Arena& arena) {
 void SendAByteAtATime(Arena& arena) {
   const Bytes question = Question(kSmall);
   arena.Fill();
-  for (size_t turns = 0; arena.Goes(0.001) || turns < question.size(); ++turns) {
-    for (Bare& bare : arena.bares) {
-      bare.Send(question, 1);
-      bare.Receive();
-    }
+  for (size_t sent = 0; arena.Goes(0.001) || sent < question.size();) {
+    arena.AwaitSent(question, ++sent);
+    arena.AnyHas(1);
   }
-  arena.Await("no answer to a question that came a byte at a time", [&] {
-    for (Bare& bare : arena.bares) bare.SendUntil(question, question.size());
-    return arena.AllHave(question.size());
-  });
+  arena.Await("no answer to a question that came a byte at a time", [&] { return arena.AllHave(question.size()); });
   arena.seen.answers = arena.bares.front().received() / question.size();
   for (Bare& bare : arena.bares) bare.EndSending();
   arena.AwaitEnd();
@@ -275,22 +270,14 @@ void AskAndCloseHalf(Arena& arena) {
 
 void SendOutOfBandBytes(Arena& arena) {
   const Bytes question = Question(kSmall);
-  const size_t places[] = {1, sizeof(MsgHeader), question.size() / 2, question.size(), 2 * question.size()};
+  const auto bytes = [&](size_t) -> const Bytes& { return question; };
   arena.Fill();
-  std::vector<bool> urgent(arena.bares.size());
-  arena.Await("questions with bytes out of band cannot be sent", [&] {
-    bool all = true;
-    for (size_t i = 0; i < arena.bares.size(); ++i) {
-      Bare& bare = arena.bares[i];
-      const size_t place = places[i % std::size(places)];
-      if (bare.SendUntil(question, place) && !urgent[i]) {
-        urgent[i] = true;  // once: of two that were not read yet only the last is out of band
-        bare.SendOutOfBand();
-      }
-      all = bare.sent() >= place && urgent[i] && bare.SendUntil(question, 2 * question.size()) && all;
-    }
-    return all;
+  arena.AwaitSent(bytes, [&](size_t i) {
+    const size_t places[] = {1, sizeof(MsgHeader), question.size() / 2, question.size(), 2 * question.size()};
+    return places[i % std::size(places)];
   });
+  for (Bare& bare : arena.bares) bare.SendOutOfBand();  // once: of two that were not read yet the first is not
+  arena.AwaitSent(question, 2 * question.size());
   arena.Await("a byte out of band spoils a message", [&] { return arena.AllHave(2 * question.size()); });
   for (Bare& bare : arena.bares) bare.SendOutOfBand();  // and nothing after it
   while (arena.Goes(0.001)) continue;

@@ -138,7 +138,7 @@ std::string TextOf(const Options& options, const Outcome& outcome, bool colors) 
 }
 
 std::string TextOf(std::span<const Trial> trials) {
-  constexpr const char* kForm = "{:<15}{:>16}{:>16}{:>17}{:>13}{:>11}  {}\n";
+  constexpr const char* kForm = "{:<17}{:>15}{:>15}{:>17}{:>13}{:>11}  {}\n";
   std::string text = fmt::format(kForm, "server", "honest, before", "during", "newcomers", "server MiB", "files", "");
   text += fmt::format(kForm, "  attack", "p50 / p99 ms", "p50 / p99 ms", "served / longest", "peak / end", "most / end",
                       "verdict");
