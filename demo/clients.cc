@@ -2,317 +2,382 @@
 //
 // A client connects, asks a first question and, once it has the answer, waits until all clients of the run are
 // connected. Then it asks and compares until its time is over, says that it has nothing more to send, and waits for the
-// server to close. One client at a time connects in each process: the queue of a listening node has room for five.
+// server to close. One client at a time connects in each process, so that nobody waits to be accepted.
+// A connection that the chaos cuts is made anew, as another session of the client.
 #include "demo/clients.hh"
 
+#include <fmt/format.h>
+#include <malloc.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cmath>
+#include <deque>
 #include <unordered_map>
 
-#include "mqnode/errors.h"
+#include "demo/chaos.hh"
+#include "demo/child.hh"
 
 namespace demo {
 namespace {
 
-constexpr int kWaitMsec = 20;
-constexpr double kResendSeconds = 0.25;  // a datagram that was not answered is sent again after this time
-constexpr double kGiveUpSeconds = 15;    // an answer that takes this long does not come any more
+using namespace mqnode;
+
+constexpr double kGiveUpSeconds = 20;  // an answer that takes this long does not come any more
+constexpr double kLateSeconds = 1;     // a datagram that was not answered in this time is taken for lost
+constexpr double kLateInChaos = 0.05;
+constexpr double kLostSeconds = 5, kLostInChaos = 1.5;  // at the end
 constexpr double kCheckSeconds = 0.02;
+constexpr uint64_t kLeastRounds = 3;
+constexpr int kMostConnecting = 5;
+constexpr double kWarmUpShare = 0.2;  // of the time
+constexpr uint32_t kSocketBuffer = 32 << 10;
+constexpr uint64_t kMostUncut = 256 << 10, kMostUncutLarge = 24 << 20;  // bytes until chaos cuts a connection
 
 enum class State { kIdle, kConnecting, kGreeting, kHolding, kTalking, kLeaving, kDone };
 
+struct Owed {
+  uint32_t number;
+  double askedAt;
+};
+
 struct Client {
   uint32_t number;
-  int kind;
   State state = State::kIdle;
-  NodePtr node = nullptr;
-  uint32_t asked = 0;     // questions written
-  uint32_t answered = 0;  // and answered: the next answer is for the question with this number
-  double askedAt[kMostWindow] = {};
-  double sentAt = 0;  // when a datagram was sent last
+  Node node{};
+  uint32_t session = 0;
+  uint32_t asked = 0;  // questions of this session
+  uint32_t askedInAll = 0;
+  std::deque<Owed> owed{};  // questions without an answer, oldest first
+  double turn = 0;          // when it asks next
+  double movedAt = 0;       // when the server last did something, or had nothing to do
 
-  const KindTraits& traits() const { return kKindTraits[kind]; }
-  bool isSigned() const { return kPortTraits[traits().port].isSigned; }
-  bool isDatagram() const { return kPortTraits[traits().port].isDatagram; }
+  const Kind& kind() const { return kKinds[KindOf(number)]; }
 };
 
-class Worker {
+class Clients {
  public:
-  Worker(Shared* shared, int process, const Author& author, const Keys& keys, const Options& options);
-  ~Worker() { FreeSocketPostData(&work_); }
+  Clients(const Crowd& crowd, const Keys& keys)
+      : crowd_(crowd),
+        shared_(*crowd.shared),
+        self_(crowd.shared->workers[crowd.process]),
+        author_(crowd.seed),
+        dice_(crowd.seed + crowd.process + 1),
+        signer_(Signer::create(kHonest, keys.honest)) {
+    for (const uint32_t number : crowd.clients) clients_.push_back(Client{number});
+    for (const Port port : {kPlain, kSigned, kDatagram, kSignedDatagram}) {
+      servers_[port] = Address("127.0.0.1", std::to_string(shared_.ports[port]), IsDatagram(port) ? "udp" : "tcp");
+    }
+    if (crowd.chaos) BeginChaos(dice_.Next());
+  }
 
-  bool Run();
+  int Run() {
+    const auto goesOn = [this] {
+      const bool isSoak = crowd_.until != 0;
+      return isSoak && !shared_.stop && self_.faults.count == 0 &&
+             (self_.rounds < kLeastRounds || Now() < crowd_.until);
+    };
+    do {
+      Round();
+      if (crowd_.until != 0) Measure();
+      ++self_.rounds;
+    } while (goesOn());
+    return self_.faults.count == 0 ? 0 : 1;
+  }
 
  private:
-  bool Round();
-  void StartOne();
-  void Connect(Client& client);
-  void ListNodes();
-  void Begin();
-  void Ask(Client& client);
-  void Send(Client& client, uint32_t sequence);
-  void OnWritable(Client& client);
-  void OnReadable(Client& client);
-  void OnAnswer(Client& client);
-  void CountAnswer(Client& client, double now);
-  void Continue(Client& client);
-  void Leave(Client& client);
-  void Finish(Client& client);
-  void CheckTimes(double now);
-  void Fail(Client& client, const char* doing, const char* reason);
-  void FailNode(Client& client, const char* doing);
-  KindTally& TallyOf(const Client& client) { return tally_.kinds[client.kind]; }
+  void Round() {
+    started_ = 0;
+    left_ = clients_.size();
+    self_.connected = 0;
+    going_ = false;
+    for (Client& client : clients_) client.state = State::kIdle;
+    while (left_ != 0 && self_.faults.count == 0) {
+      StartOne();
+      if (!going_ && shared_.go && self_.connected >= clients_.size()) Begin();
+      Turn();
+      if (const double now = Now(); now - checkedAt_ >= kCheckSeconds) Check(now);
+    }
+    for (Client& client : clients_) {
+      if (client.node) Release(client, true);
+    }
+  }
 
+  // One wait and what follows from it. A client may be done, and its node deleted, when its second turn comes.
+  void Turn() {
+    const Result ready = set_.wait(std::chrono::milliseconds(crowd_.pause != 0 ? 1 : 20));
+    if (!ready && !ready.timed_out() && ready.code() != EINTR) self_.faults.Add(fmt::format("wait: {}", ready.name()));
+    for (const NodeRef node : set_.writable()) OnWritable(*byNode_.at(node.get()));
+    for (const NodeRef node : set_.readable()) OnReadable(*byNode_.at(node.get()));
+    if (crowd_.pause == 0) return;
+    bool isBusy = false;
+    for (Client& client : clients_) {
+      if (client.state == State::kTalking) Continue(client);
+      if (client.state == State::kIdle && crowd_.isNew && client.session != 0) Return(client);
+      const bool isLost = IsDatagram(client.kind().port) && Now() - client.turn > kLateSeconds;
+      isBusy = isBusy || (!client.owed.empty() && !isLost) || (client.node && client.state != State::kTalking);
+      if (shared_.pause) client.movedAt = Now();
+    }
+    self_.resting = !isBusy && shared_.pause;
+  }
+
+  // Starts the next client when few others wait for their first answer, and so to be accepted.
+  void StartOne() {
+    if (started_ == clients_.size()) return;
+    const auto waits = [](const Client& client) {
+      return client.state == State::kConnecting || client.state == State::kGreeting;
+    };
+    if (std::ranges::count_if(clients_, waits) >= kMostConnecting) return;
+    Client& client = clients_[started_++];
+    client.askedInAll = 0;
+    Connect(client);
+  }
+
+  // A client that connects anew for each question has gone and comes back.
+  void Return(Client& client) {
+    if (IsOver(client)) {
+      client.state = State::kDone;
+      --left_;
+    } else if (!shared_.pause && Now() >= client.turn) {
+      Connect(client);
+    }
+  }
+
+  void Connect(Client& client) {
+    const Port port = client.kind().port;
+    const bool datagrams = IsDatagram(port);
+    client.node = datagrams ? Node::datagram({"127.0.0.1", "0", "udp"}) : Node::connector(servers_[port]);
+    const NodeRef node = client.node;
+    if (node.failed() || !node.set_blocking(false) || !set_.add(node)) return Fail(client, "no node");
+    byNode_[node.get()] = &client;
+    snprintf(node.record().user, sizeof node.record().user, "%s", kHonest);
+    if (client.session == 0) ++tally(client).at(kClients);
+    ++tally(client).at(kSessions);
+    ++client.session;
+    client.asked = 0;
+    client.state = State::kConnecting;
+    client.movedAt = Now();
+    if (!datagrams) {
+      (void)node.set_no_delay(true);
+      if (client.kind().isLarge) (void)node.set_buffer_size(kSocketBuffer);
+      if (const Result opened = node.open(); !opened) {
+        if (!opened.again()) OnEnd(client, opened, "connect");
+        return;  // OnWritable goes on
+      }
+    }
+    OnWritable(client);
+  }
+
+  // All clients of the run are connected: everybody asks as much as may be unanswered at once.
+  void Begin() {
+    going_ = true;
+    talked_ = self_.talking;
+    beganAt_ = Now();
+    endsAt_ = crowd_.seconds != 0 ? beganAt_ + crowd_.seconds : HUGE_VAL;
+    for (Client& client : clients_) {
+      if (client.state != State::kHolding) continue;
+      client.state = State::kTalking;
+      Continue(client);
+    }
+  }
+
+  // Asks what may be asked now; leaves when there is nothing more to ask and every answer has come. A datagram client
+  // does not wait for ever.
+  void Continue(Client& client) {
+    const bool datagrams = IsDatagram(client.kind().port);
+    const double late = crowd_.chaos ? kLateInChaos : kLateSeconds;
+    const auto waited = [&] { return client.owed.empty() ? HUGE_VAL : Now() - client.owed.back().askedAt; };
+    while (client.state == State::kTalking && !IsOver(client) && !shared_.pause && Now() >= client.turn &&
+           (datagrams ? waited() > late : client.owed.size() < client.kind().window) && Ask(client)) {
+    }
+    if (client.state != State::kTalking || !IsOver(client)) return;
+    if (client.owed.empty() || (datagrams && waited() > (crowd_.chaos ? kLostInChaos : kLostSeconds))) Leave(client);
+  }
+
+  // False when the node has ended.
+  bool Ask(Client& client) {
+    const Place place{client.number, client.session, client.asked};
+    const double now = Now();
+    const bool built = author_.Write(out_, kQuestion, place, client.kind().isLarge, false);
+    const Result sent = built ? Write(client) : Result(0, ENOMEM, MQ_IN_STATUS);
+    if (!sent) OnEnd(client, sent, "write");
+    if (!sent) return false;
+    ++client.asked;
+    ++client.askedInAll;
+    if (client.owed.empty()) client.movedAt = crowd_.isNew ? client.movedAt : now;
+    client.owed.push_back({place.number, now});
+    client.turn = now + crowd_.pause * static_cast<double>(dice_.Below(2000)) * 1e-3;
+    ++tally(client).at(kQuestions);
+    tally(client).at(kSent) += out_.raw().size();
+    return true;
+  }
+
+  Result Write(Client& client) {
+    const Port port = client.kind().port;
+    if (!IsDatagram(port)) return IsSigned(port) ? client.node.write_signed(out_, signer_) : client.node.write(out_);
+    return IsSigned(port) ? client.node.write_signed_to(out_, servers_[port], signer_)
+                          : client.node.write_to(out_, servers_[port]);
+  }
+
+  void OnWritable(Client& client) {
+    if (client.state == State::kConnecting) {
+      client.state = State::kGreeting;
+      const uint64_t most = client.kind().isLarge ? kMostUncutLarge : kMostUncut;
+      WatchLine(client.node.descriptor(), IsDatagram(client.kind().port) ? 0 : most, &tally(client));
+      Ask(client);
+      return;
+    }
+    if (const Result sent = client.node.finish_write(); !sent) return OnEnd(client, sent, "write");
+    if (client.state == State::kTalking) Continue(client);
+  }
+
+  void OnReadable(Client& client) {
+    const bool isSigned = IsSigned(client.kind().port) && !crowd_.plainAnswers;
+    const Result got = isSigned ? client.node.read_signed(in_) : client.node.read(in_);
+    if (got) return OnAnswer(client);
+    if (!got.again()) OnEnd(client, got, client.state == State::kConnecting ? "connect" : "read");
+  }
+
+  void OnAnswer(Client& client) {
+    const bool datagrams = IsDatagram(client.kind().port);
+    // A datagram says itself which question it answers, and may be the second to do so.
+    uint32_t number = client.owed.empty() ? client.asked : client.owed.front().number;
+    if (datagrams) number = Author::PlaceOf(in_).number;
+    const auto owed = std::ranges::find(client.owed, number, &Owed::number);
+    if (number >= client.asked) return Fail(client, "an answer to nothing");
+    const Place place{client.number, client.session, number};
+    const Command command = crowd_.echo == Echo::kSame ? kQuestion : kAnswer;
+    const std::string other =
+        author_.Compare(in_, command, place, client.kind().isLarge, crowd_.echo == Echo::kTextAlone);
+    if (!other.empty()) return Fail(client, other);
+    if (owed == client.owed.end()) {
+      ++tally(client).at(kAgain);
+      return;
+    }
+    const double now = Now();
+    const double since = crowd_.isNew ? client.movedAt : owed->askedAt;  // a new client's connect is a part of it
+    if (going_) tally(client).latency[shared_.phase].Add(now - since);
+    if (going_) self_.talking = talked_ + now - beganAt_;
+    client.owed.erase(owed);
+    client.movedAt = now;
+    ++tally(client).at(kAnswers);
+    tally(client).at(kReceived) += in_.raw().size();
+    if (client.state == State::kGreeting) {
+      if (!going_) ++self_.connected;
+      client.state = going_ ? State::kTalking : State::kHolding;
+    }
+    if (client.state == State::kTalking) crowd_.isNew ? Leave(client) : Continue(client);
+  }
+
+  // A connection ends in order when the client has said that it is leaving, and early when the chaos has cut it: then
+  // its last questions or answers are lost, and the node has to have said so.
+  void OnEnd(Client& client, const Result& result, const char* doing) {
+    const bool isCut = ForgetLine(client.node.descriptor());
+    const bool isGone = result.peer_gone() || result.cause() == ECONNRESET || result.cause() == EPIPE;
+    if (isGone && client.state == State::kLeaving) return Finish(client);
+    if (!isCut || !isGone) return Fail(client, fmt::format("{}: {}", doing, result.name()));
+    const MQNode& record = client.node.record();
+    const uint64_t taken = record.writesCompleted + static_cast<uint64_t>(record.writesOutstanding);
+    if (taken > client.asked || taken + 1 < client.asked ||
+        client.asked - client.owed.size() > record.writesCompleted) {
+      return Fail(client, fmt::format("its node accounts for {} questions of {}", taken, client.asked));
+    }
+    const bool isAgain = !shared_.stop && (!going_ || Now() < endsAt_);
+    Release(client, !isAgain);
+    if (isAgain) Connect(client);
+  }
+
+  // Closing at once would throw away what the server has not read yet. A connection is shut down first; the server
+  // closes when it has read all of it.
+  void Leave(Client& client) {
+    if (IsDatagram(client.kind().port)) return Finish(client);
+    client.state = State::kLeaving;
+    client.movedAt = Now();
+    shutdown(client.node.descriptor(), SHUT_WR);
+  }
+
+  void Finish(Client& client) { Release(client, !crowd_.isNew || IsOver(client)); }
+
+  // What was asked and not answered is lost from here on.
+  void Release(Client& client, bool isDone) {
+    ForgetLine(client.node.descriptor());
+    set_.remove(client.node);
+    byNode_.erase(client.node.get());
+    client.node.reset();
+    tally(client).at(kLost) += client.owed.size();
+    client.owed.clear();
+    client.state = isDone ? State::kDone : State::kIdle;
+    left_ -= isDone;
+  }
+
+  // Gives up on what takes too long, and goes on after datagrams that got lost.
+  void Check(double now) {
+    checkedAt_ = now;
+    for (Client& client : clients_) {
+      const bool isGreeting = client.state == State::kGreeting;
+      const bool waits = client.state == State::kConnecting || client.state == State::kLeaving || !client.owed.empty();
+      const bool isLate = !client.owed.empty() && now - client.owed.back().askedAt > kLateSeconds;
+      if (waits && now - client.movedAt > kGiveUpSeconds) {
+        Fail(client, "no answer in time");
+      } else if (isGreeting && isLate && IsDatagram(client.kind().port)) {
+        Ask(client);
+      } else {
+        Continue(client);
+      }
+    }
+  }
+
+  bool IsOver(const Client& client) const {
+    return shared_.stop || Now() >= endsAt_ || (crowd_.messages != 0 && client.askedInAll >= crowd_.messages);
+  }
+
+  void Fail(Client& client, std::string_view what) {
+    self_.faults.Add(fmt::format("client {} ({}), session {}, {} asked: {}", client.number, client.kind().name,
+                                 client.session, client.asked, what));
+    if (client.node) Release(client, true);
+  }
+
+  // What this process and the server hold when no node of this process is left.
+  void Measure() {
+    Await([this] { return shared_.server.connected == 0; });
+    Sleep(0.3);  // the server has looked at itself since
+    malloc_trim(0);
+    MqcMemory memory;
+    mqc_memory(nullptr, &memory);
+    const auto measure = [](pid_t pid, uint64_t blocks, uint64_t bytes) -> Rest {
+      const Usage usage = UsageOf(pid);
+      return {blocks, usage.residentKb * 1024 - static_cast<int64_t>(bytes), usage.descriptors};
+    };
+    self_.last[0] = measure(getpid(), memory.live_blocks, memory.live_bytes);
+    self_.last[1] = measure(crowd_.server, shared_.server.blocks, shared_.server.bytes);
+    if (!isWarm_) std::ranges::copy(self_.last, self_.warm);
+    isWarm_ = Now() > firstAt_ + kWarmUpShare * (crowd_.until - firstAt_);
+  }
+
+  Tally& tally(const Client& client) { return self_.kinds[KindOf(client.number)]; }
+
+  const Crowd& crowd_;
   Shared& shared_;
-  WorkerTally& tally_;
-  const Author& author_;
-  const Options& options_;
+  Process& self_;
+  Author author_;
+  Dice dice_;
   std::vector<Client> clients_;
   std::unordered_map<MQNode*, Client*> byNode_;
-  std::vector<MQNode*> nodes_, listening_, readable_, writable_;
-  SockPostData work_{};
-  MessagePtr in_{mqc_message_new(0)}, out_{mqc_message_new(0)};
-  SignerPtr signer_;
-  SockAddrRec servers_[kPorts];
-  size_t started_ = 0;
-  size_t left_;
+  WaitSet set_;
+  Message in_ = Message::create(), out_ = Message::create();
+  Signer signer_;
+  Address servers_[kPorts];
+  size_t started_ = 0, left_ = 0;
   bool going_ = false;
-  double beganAt_ = 0;
-  double endsAt_ = 0;
-  double checkedAt_ = 0;
+  bool isWarm_ = false;
+  const double firstAt_ = Now();
+  double talked_ = 0;  // seconds, in the rounds before
+  double beganAt_ = 0, endsAt_ = 0, checkedAt_ = 0;
 };
-
-Worker::Worker(Shared* shared, int process, const Author& author, const Keys& keys, const Options& options)
-    : shared_(*shared),
-      tally_(shared->workers[process]),
-      author_(author),
-      options_(options),
-      signer_(MakeSigner(keys, keys.secretKey)) {
-  for (int number = process; number < options.clients; number += options.processes) {
-    const auto id = static_cast<uint32_t>(number);
-    clients_.push_back(Client{id, KindOf(id)});
-  }
-  left_ = clients_.size();
-  for (auto* list : {&listening_, &readable_, &writable_}) list->resize(clients_.size() + 1);
-  for (int port = 0; port < kPorts; ++port)
-    servers_[port] = LocalAddress(shared->ports[port], kPortTraits[port].isDatagram);
-}
-
-bool Worker::Run() {
-  if (!in_ || !out_ || !signer_ || !InitSocketPostData(&work_, static_cast<int>(clients_.size() + 1))) {
-    snprintf(tally_.firstFailure, sizeof tally_.firstFailure, "no memory");
-    return false;
-  }
-  while (left_ != 0) {
-    StartOne();
-    if (!going_ && shared_.go) Begin();
-    if (!Round()) return false;
-    const double now = Now();
-    if (now - checkedAt_ >= kCheckSeconds) CheckTimes(now);
-  }
-  return tally_.failures == 0;
-}
-
-bool Worker::Round() {
-  ListNodes();
-  int status = 0;
-  if (!mnNPostExMSec(nodes_.data(), listening_.data(), readable_.data(), writable_.data(), kWaitMsec, &status,
-                     &work_)) {
-    if (status == SOCK_WAIT_TIMEOUT || status == EINTR) return true;
-    snprintf(tally_.firstFailure, sizeof tally_.firstFailure, "wait: %s", mq_error_name(status));
-    return false;
-  }
-  // A client may be done, and its node deleted, when its second turn comes.
-  for (MQNode** node = writable_.data(); *node != nullptr; ++node) {
-    if (const auto found = byNode_.find(*node); found != byNode_.end()) OnWritable(*found->second);
-  }
-  for (MQNode** node = readable_.data(); *node != nullptr; ++node) {
-    if (const auto found = byNode_.find(*node); found != byNode_.end()) OnReadable(*found->second);
-  }
-  return true;
-}
-
-void Worker::ListNodes() {
-  nodes_.clear();
-  for (const Client& client : clients_) {
-    if (client.node) nodes_.push_back(client.node.get());
-  }
-  nodes_.push_back(nullptr);
-}
-
-// Starts the next client when the one before has been answered, and so was accepted.
-void Worker::StartOne() {
-  if (started_ == clients_.size()) return;
-  if (started_ != 0) {
-    const State before = clients_[started_ - 1].state;
-    if (before == State::kConnecting || before == State::kGreeting) return;
-  }
-  Connect(clients_[started_++]);
-}
-
-void Worker::Connect(Client& client) {
-  SockAddrRec* const server = &servers_[client.traits().port];
-  SockAddrRec here = LocalAddress(0, true);
-  client.node.reset(client.isDatagram() ? CreateUDPMQNode(&here) : CreateMQNode(server, MQ_ROLE_CONNECT));
-  MQNode* const node = client.node.get();
-  if (IsNodeFailed(node)) return FailNode(client, "create");
-  ++TallyOf(client).clients;
-  byNode_[node] = &client;
-  NoblockSocket(&node->sock);
-  client.state = State::kConnecting;
-  client.askedAt[0] = Now();
-  if (!client.isDatagram()) {
-    SetTcpNoDelay(&node->sock, 1);
-    if (client.traits().isBulk) mnSetBufferSize(node, kSocketBuffer);
-    if (!mnOpen(node)) {
-      if (node->error != MQ_AGAIN) FailNode(client, "connect");
-      return;  // OnWritable goes on
-    }
-  }
-  client.state = State::kGreeting;
-  Ask(client);
-}
-
-// All clients of the run are connected: everybody asks as much as may be unanswered at once.
-void Worker::Begin() {
-  going_ = true;
-  beganAt_ = Now();
-  endsAt_ = beganAt_ + options_.seconds;
-  for (Client& client : clients_) {
-    if (client.state != State::kHolding) continue;
-    client.state = State::kTalking;
-    Continue(client);
-  }
-}
-
-void Worker::Ask(Client& client) {
-  const uint32_t sequence = client.asked++;
-  client.askedAt[sequence % kMostWindow] = Now();
-  ++TallyOf(client).questions;
-  Send(client, sequence);
-}
-
-void Worker::Send(Client& client, uint32_t sequence) {
-  MQNode* const node = client.node.get();
-  const Content content = author_.Write(client.number, sequence, author_.SizeOf(client.kind, client.number, sequence));
-  if (!BuildQuestion(out_.get(), content)) return Fail(client, "build a question", mqc_message_error(out_.get()));
-  SockAddrRec* const to = client.isDatagram() ? &servers_[client.traits().port] : nullptr;
-  client.sentAt = Now();
-  const int written = mnSWriteTo(out_.get(), node, to, client.isSigned(), signer_.get());
-  TallyOf(client).bytesSent += RawLength(out_.get());
-  if (mnIsPendingIO(node)) ++TallyOf(client).queued;
-  if (!written && !client.isDatagram()) FailNode(client, "write");  // a datagram is sent again
-}
-
-void Worker::OnWritable(Client& client) {
-  if (client.state == State::kConnecting) {
-    client.state = State::kGreeting;
-    return Ask(client);
-  }
-  if (!mnFinishWrite(client.node.get()) && !client.isDatagram()) FailNode(client, "write");
-}
-
-void Worker::OnReadable(Client& client) {
-  MQNode* const node = client.node.get();
-  if (mnSRead(in_.get(), node, client.isSigned(), nullptr)) return OnAnswer(client);
-  if (node->error == MQ_AGAIN) return;
-  const bool gone = node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
-  if (gone && client.state == State::kLeaving) return Finish(client);
-  FailNode(client, client.state == State::kConnecting ? "connect" : "read");
-}
-
-void Worker::OnAnswer(Client& client) {
-  MqcParam sequence;
-  if (client.isDatagram() && mqc_find(in_.get(), kSequence, &sequence) && sequence.number < client.answered) {
-    ++TallyOf(client).repeats;  // the first answer was only late
-    return;
-  }
-  if (client.answered == client.asked) return Fail(client, "read", "an answer to nothing");
-  const uint32_t size = author_.SizeOf(client.kind, client.number, client.answered);
-  const std::string different = CompareAnswer(in_.get(), author_.Write(client.number, client.answered, size));
-  if (!different.empty()) return Fail(client, "compare", different.c_str());
-  CountAnswer(client, Now());
-  if (client.state == State::kGreeting) {
-    client.state = going_ ? State::kTalking : State::kHolding;
-    ++tally_.connected;
-  }
-  if (client.state == State::kTalking) Continue(client);
-}
-
-void Worker::CountAnswer(Client& client, double now) {
-  KindTally& tally = TallyOf(client);
-  const double took = now - client.askedAt[client.answered % kMostWindow];
-  ++client.answered;
-  ++tally.answers;
-  ++tally_.answers;
-  tally.bytesReceived += RawLength(in_.get());
-  if (!going_) return;
-  tally.latency.Add(static_cast<uint64_t>(took * 1e6));
-  tally_.asking = now - beganAt_;
-}
-
-// Asks what may be asked now; leaves when there is nothing more to ask and every answer has come.
-void Worker::Continue(Client& client) {
-  const auto window = static_cast<uint32_t>(client.traits().window);
-  const auto most = options_.messages == 0 ? UINT32_MAX : static_cast<uint32_t>(options_.messages);
-  while (client.state == State::kTalking && client.asked - client.answered < window && client.asked < most &&
-         Now() < endsAt_) {
-    Ask(client);
-  }
-  if (client.state == State::kTalking && client.asked == client.answered) Leave(client);
-}
-
-// Closing at once would throw away what the server has not read yet. A connection is shut down first; the server
-// closes when it has read all of it.
-void Worker::Leave(Client& client) {
-  if (client.isDatagram()) return Finish(client);
-  client.state = State::kLeaving;
-  client.askedAt[0] = Now();
-  if (shutdown(client.node->sock.fd, SHUT_WR) != 0) Fail(client, "leave", mq_error_name(errno));
-}
-
-void Worker::Finish(Client& client) {
-  if (client.state == State::kDone) return;
-  client.state = State::kDone;
-  byNode_.erase(client.node.get());
-  client.node.reset();
-  --left_;
-}
-
-// Sends unanswered datagrams again and gives up on what takes too long.
-void Worker::CheckTimes(double now) {
-  checkedAt_ = now;
-  for (Client& client : clients_) {
-    const bool noQuestion = client.state == State::kConnecting || client.state == State::kLeaving;
-    if (client.state == State::kDone || (!noQuestion && client.asked == client.answered)) continue;
-    const double since = client.askedAt[noQuestion ? 0 : client.answered % kMostWindow];
-    if (now - since > kGiveUpSeconds) {
-      Fail(client, "wait", "no answer in time");
-    } else if (client.isDatagram() && now - client.sentAt > kResendSeconds) {
-      ++TallyOf(client).resends;
-      Send(client, client.answered);
-    }
-  }
-}
-
-void Worker::Fail(Client& client, const char* doing, const char* reason) {
-  if (tally_.failures++ == 0) {
-    snprintf(tally_.firstFailure, sizeof tally_.firstFailure, "client %u (%s), message %u: %s: %s", client.number,
-             client.traits().name, client.answered, doing, reason);
-  }
-  Finish(client);
-}
-
-void Worker::FailNode(Client& client, const char* doing) {
-  Fail(client, doing, mq_error_name(mq_node_cause(client.node.get(), nullptr)));
-}
 
 }  // namespace
 
-int RunClients(Shared* shared, int process, const Author& author, const Keys& keys, const Options& options) {
-  return Worker(shared, process, author, keys, options).Run() ? 0 : 1;
-}
+int RunClients(const Crowd& crowd, const Keys& keys) { return Clients(crowd, keys).Run(); }
 
 }  // namespace demo

@@ -1,33 +1,18 @@
-// report.hh - tells a person, or a program, how a run went.
-#ifndef MQNODE_DEMO_REPORT_HH
-#define MQNODE_DEMO_REPORT_HH
+// report.hh - tells a person how a run went. No line is wider than 100 columns, but for faults.
+#pragma once
 
+#include <span>
 #include <string>
 
-#include "demo/verdict.hh"
+#include "demo/siege.hh"
+#include "demo/world.hh"
 
 namespace demo {
 
 // Overwrites the line of a terminal with how far the run is; nothing when standard error is none.
-class Progress {
- public:
-  Progress(const Shared& shared, const Options& options);
-  ~Progress();
-  void Show(double seconds);
+void ShowProgress(const std::string& line);
 
- private:
-  const Shared& shared_;
-  const Options& options_;
-  const bool isTerminal_;
-  double shownAt_ = 0;
-  uint64_t shownMessages_ = 0;
-};
-
-std::string TableOf(const Shared& shared, const Options& options, const Course& course, const Verdict& verdict,
-                    bool colors);
-
-std::string JsonOf(const Shared& shared, const Options& options, const Course& course, const Verdict& verdict);
+std::string TextOf(const Options& options, const Outcome& outcome, bool colors);
+std::string TextOf(std::span<const Trial> trials);
 
 }  // namespace demo
-
-#endif

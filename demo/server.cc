@@ -1,405 +1,401 @@
-// server.cc - four listening and datagram nodes, and a child node for every connection, in one loop over mnNPostExMSec.
-// Every question gets its own content as answer. A peer that breaks the rules is dropped, and only that peer.
-// Invariant: a node that is closed during a round stays in peers_ until Sweep, because it may be in two ready arrays.
+// server.cc - four listening and datagram nodes, and a node for every connection, in one loop over a wait set. Every
+// question gets its own content as answer. A peer that breaks the rules is dropped, and only that peer.
+//
+// What a guest may cost is bounded: the length of a question, the bytes of answers that wait, the time that it may owe
+// something, its place when others want it, and the lines that tell of it.
 #include "demo/server.hh"
 
-#include <sys/resource.h>
+#include <fmt/format.h>
+#include <malloc.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
+#include <csignal>
+#include <map>
 #include <unordered_map>
+#include <unordered_set>
 
-#include "mqnode/errors.h"
+#include "demo/child.hh"
+#include "examples/limits.h"
 
 namespace demo {
 namespace {
 
-constexpr int kWaitMsec = 50;
-constexpr double kScanSeconds = 0.1;
-constexpr double kPatience = 2.0;  // a peer that owes something may stand still for this long, seconds
-constexpr double kAbsence = 0.5;   // a scan that comes this late says that the server itself stood still
-constexpr int kDatagramBuffer = 4 * 1024 * 1024;
-constexpr int kDatagramsPerRound = 256;  // so that datagrams do not keep the connections waiting
-constexpr int kSpareNodes = 64;
-constexpr uint32_t kReplayMemory = 1u << 20;
+using namespace mqnode;
+using namespace std::chrono_literals;
 
-// A connection. The byte counts tell whether a peer left in the middle of a message, and whether it moves at all.
-struct Peer {
-  NodePtr node;
+constexpr double kScanSeconds = 0.1;
+constexpr double kAbsence = 0.5;              // a scan that comes this late says that the server itself stood still
+constexpr uint64_t kLeast = 64 << 10;         // bytes that count as progress within a message
+constexpr uint32_t kSocketBuffer = 32 << 10;  // both directions: large messages have to wait
+constexpr uint32_t kDatagramBuffer = 4 << 20;
+constexpr int kDatagramsInTurn = 256;                    // so that datagrams do not keep the connections waiting
+constexpr uint32_t kMostLength = kLargest + (16 << 10);  // of a question
+constexpr int kMostLines = 100;                          // a second, of the log
+constexpr uint32_t kReplayLimit = 1 << 16;               // reached in a long run, so that forgetting happens too
+
+volatile sig_atomic_t stopped;
+
+struct Guest {
+  Node node;
   Port port;
-  uint32_t peerPort;
+  Watch watch;            // for the choice of who makes room
   uint64_t consumed = 0;  // bytes of whole messages
-  uint64_t moved = 0;     // bytes received and sent, as seen by the last scan
-  double movedAt = 0;
-  uint32_t waiting = 0;  // answers queued, as counted in the totals
+  uint64_t moved = 0;     // bytes and messages, both ways, when it was last seen to have moved on
+  uint32_t done = 0;
+  bool owes = true;  // then
+  double movedAt = Now();
+  uint32_t next = 0;  // number of an honest guest's next question
 };
+
+// What an honest client has asked: its session, and the questions of that when they are datagrams.
+struct Record {
+  uint32_t session = 0;
+  std::unordered_set<uint32_t> seen;
+};
+
+// Gives back the receive area that a large question has made grow. The header is gathered by itself: the area asks for
+// no more of a signed message than its envelope.
+void GiveBack(MQNode* node, Port port) {
+  give_back(node);
+  if (IsSigned(port) && node->recvBuffer.received == 0) ResetBuffer(&node->recvBuffer, sizeof(SecureHeader));
+}
+
+// Bytes of answers that wait behind the oldest one, which may be large.
+uint64_t WaitingBehind(const MQNode& node) {
+  uint64_t waiting = 0;
+  if (node.pending == nullptr) return 0;
+  Qstart(node.pending);
+  for (Qnext(node.pending); const auto* const write = static_cast<const IoBuffer*>(Qnext(node.pending));) {
+    waiting += write->length;
+  }
+  return waiting;
+}
+
+// Whether the header that a node has gathered announces more than a question may have. Its first word, which is its
+// length, tells in which byte order it is.
+bool IsTooLong(const MQNode& node, bool isSigned) {
+  const uint32_t size = isSigned ? sizeof(SecureHeader) : sizeof(MsgHeader);
+  const size_t at = isSigned ? offsetof(SecureHeader, msgLength) : offsetof(MsgHeader, bodyLength);
+  if (node.recvBuffer.received < size) return false;
+  uint32_t first = 0, length = 0;
+  memcpy(&first, node.recvBuffer.data, sizeof first);
+  memcpy(&length, node.recvBuffer.data + at, sizeof length);
+  return (first == size ? length : __builtin_bswap32(length)) > kMostLength;
+}
 
 class Server {
  public:
-  Server(Shared* shared, const Options& options)
-      : shared_(*shared),
-        tally_(shared->server),
-        most_(static_cast<size_t>(options.clients) + kSpareNodes),
-        listening_(most_ + kPorts + 1),
-        readable_(most_ + kPorts + 1),
-        writable_(most_ + kPorts + 1) {}
-  ~Server() { FreeSocketPostData(&work_); }
+  Server(Shared* shared, uint64_t seed, const Limits& limits)
+      : shared_(*shared), self_(shared->server), author_(new Author(seed)), limits_(limits) {}
 
-  bool Open(const Keys& keys);
-  bool Run();
-  void Close();
-
- private:
-  bool Fail(const char* what, const MQNode* node);
-  bool OpenPort(Port port);
-  bool Round();
-  void ListNodes();
-  void Accept(MQNode* listener);
-  void ServeNode(MQNode* node);
-  void FinishNode(MQNode* node);
-  bool ReadConnection(Peer& peer);
-  void AnswerConnection(Peer& peer);
-  void ServeDatagrams(MQNode* node, Port port);
-  bool BuildAnswer();
-  void CountQuestion(Port port);
-  void CountAnswer(Port port);
-  void CountWaiting(Peer& peer);
-  void CountError(int code);
-  void Note(Port port, uint32_t peerPort, End end, int code);
-  void Drop(Peer& peer, End end, int code);
-  void Shut(Peer& peer);
-  void Sweep();
-  void Scan(double now);
-
-  Shared& shared_;
-  ServerTally& tally_;
-  const size_t most_;
-  NodePtr ports_[kPorts];
-  std::unordered_map<MQNode*, Peer> peers_;
-  std::vector<MQNode*> nodes_, listening_, readable_, writable_;
-  bool changed_ = true;  // nodes_ is to be listed again
-  bool closed_ = false;  // there is something to sweep
-  SockPostData work_{};
-  MessagePtr in_{mqc_message_new(0)}, out_{mqc_message_new(0)};
-  SignerPtr signer_;
-  double scannedAt_ = 0;
-  uint32_t writesWaiting_ = 0, nodesWaiting_ = 0;
-};
-
-int CauseOf(const MQNode* node) { return mq_node_cause(node, nullptr); }
-
-bool Server::Fail(const char* what, const MQNode* node) {
-  snprintf(tally_.failure, sizeof tally_.failure, "%s: %s", what, mq_error_name(CauseOf(node)));
-  return false;
-}
-
-bool Server::OpenPort(Port port) {
-  const PortTraits& traits = kPortTraits[port];
-  SockAddrRec addr = LocalAddress(0, traits.isDatagram);
-  NodePtr& node = ports_[port];
-  node.reset(traits.isDatagram ? CreateUDPMQNode(&addr) : CreateMQNode(&addr, MQ_ROLE_LISTEN));
-  if (IsNodeFailed(node.get()) || !NoblockSocket(&node->sock)) return Fail("listen", node.get());
-  // Accepted connections take over the buffer sizes: small ones, so that large answers have to wait. Datagrams of many
-  // clients meet in one buffer: the system gives as much as it allows.
-  if (!mnSetBufferSize(node.get(), traits.isDatagram ? kDatagramBuffer : kSocketBuffer))
-    return Fail("buffer size", node.get());
-  shared_.ports[port] = PortOf(node->sock.fd);
-  return shared_.ports[port] != 0 || Fail("port", node.get());
-}
-
-bool Server::Open(const Keys& keys) {
-  signer_ = MakeSigner(keys, keys.secretKey);
-  if (!in_ || !out_ || !signer_) return Fail("start", nullptr);
-  if (!InitSocketPostData(&work_, static_cast<int>(most_ + kPorts + 1))) return Fail("wait", nullptr);
-  if (!mqc_set_replay_limit(kReplayMemory)) return Fail("replay memory", nullptr);
-  for (int port = 0; port < kPorts; ++port) {
-    if (!OpenPort(static_cast<Port>(port))) return false;
-  }
-  return true;
-}
-
-bool Server::Run() {
-  shared_.ready = true;
-  while (!shared_.stop) {
-    if (!Round()) return false;
-    Sweep();
-    const double now = Now();
-    if (now - scannedAt_ >= kScanSeconds) Scan(now);
-  }
-  return true;
-}
-
-// One wait and what follows from it: first what may leave, then what has come, then who is new.
-bool Server::Round() {
-  ListNodes();
-  int status = 0;
-  ++tally_.waits;
-  if (!mnNPostExMSec(nodes_.data(), listening_.data(), readable_.data(), writable_.data(), kWaitMsec, &status,
-                     &work_)) {
-    if (status == SOCK_WAIT_TIMEOUT || status == EINTR) return true;
-    snprintf(tally_.failure, sizeof tally_.failure, "wait: %s", mq_error_name(status));
-    return false;
-  }
-  for (MQNode** node = writable_.data(); *node != nullptr; ++node) FinishNode(*node);
-  for (MQNode** node = readable_.data(); *node != nullptr; ++node) ServeNode(*node);
-  for (MQNode** node = listening_.data(); *node != nullptr; ++node) Accept(*node);
-  return true;
-}
-
-// While the table is full the listening nodes are left out: whoever comes then waits in the system's queue.
-void Server::ListNodes() {
-  if (!changed_) return;
-  changed_ = false;
-  nodes_.clear();
-  const bool full = peers_.size() >= most_;
-  for (const NodePtr& port : ports_) {
-    if (port->role != MQ_ROLE_LISTEN || !full) nodes_.push_back(port.get());
-  }
-  for (const auto& [node, peer] : peers_) nodes_.push_back(node);
-  nodes_.push_back(nullptr);
-}
-
-void Server::Accept(MQNode* listener) {
-  const Port port = listener == ports_[kSignedPort].get() ? kSignedPort : kPlainPort;
-  while (peers_.size() < most_) {
-    if (!mnOpen(listener)) {
-      if (listener->error != MQ_AGAIN) CountError(listener->error);
-      break;
+  bool Open(const Keys& keys) {
+    signer_ = Signer::create(kHonest, keys.honest);
+    if (!in_ || !out_ || !signer_ || !mqc_set_replay_limit(kReplayLimit)) return Fail("no memory");
+    for (const Port port : {kPlain, kSigned, kDatagram, kSignedDatagram}) {
+      if (!OpenPort(port)) return false;
     }
-    NodePtr child(listener->child);
-    if (!child) return CountError(ENOMEM);
-    NoblockSocket(&child->sock);
-    SetTcpNoDelay(&child->sock, 1);
-    child->writeLimit = kServerWriteLimit;
-    const uint32_t peerPort = child->sock.name.port;
-    MQNode* const key = child.get();
-    peers_[key] = Peer{std::move(child), port, peerPort};
-    peers_[key].movedAt = Now();
-    changed_ = true;
-    ++tally_.accepted;
-  }
-  tally_.connections = static_cast<uint32_t>(peers_.size());
-  tally_.peakConnections = std::max<uint32_t>(tally_.peakConnections, tally_.connections);
-}
-
-void Server::ServeNode(MQNode* node) {
-  for (const Port port : {kDatagramPort, kSignedDatagramPort}) {
-    if (node == ports_[port].get()) return ServeDatagrams(node, port);
-  }
-  Peer& peer = peers_.at(node);
-  if (node->openState != 0 && ReadConnection(peer)) AnswerConnection(peer);
-}
-
-void Server::FinishNode(MQNode* node) {
-  ++tally_.finished;
-  const int result = mnFinishWrite(node);
-  const auto found = peers_.find(node);
-  if (found == peers_.end()) return;  // a datagram node: what was dropped is asked for again
-  CountWaiting(found->second);
-  if (!result) Drop(found->second, End::kWriteFailed, CauseOf(node));
-}
-
-// Reads one message. False when there is none to answer: unfinished, or the peer was dropped.
-bool Server::ReadConnection(Peer& peer) {
-  MQNode* const node = peer.node.get();
-  const bool isSigned = kPortTraits[peer.port].isSigned;
-  if (mnSRead(in_.get(), node, isSigned, nullptr)) {
-    peer.consumed += isSigned ? sizeof(SecureHeader) + in_->secHeader.msgLength : RawLength(in_.get());
-    CountQuestion(peer.port);
+    SetAccepting(true);
+    shared_.ready = true;
     return true;
   }
-  if (node->error == MQ_AGAIN) return false;
-  const bool gone = node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
-  if (gone && node->sock.bytesReceived == peer.consumed && !mnIsPendingIO(node)) {
-    ++tally_.farewells;
-    Shut(peer);
-  } else {
-    Drop(peer, End::kReadFailed, node->error);
-  }
-  return false;
-}
 
-void Server::AnswerConnection(Peer& peer) {
-  MQNode* const node = peer.node.get();
-  if (!BuildAnswer()) return Drop(peer, End::kWriteFailed, ENOMEM);
-  if (!mnSWrite(out_.get(), node, kPortTraits[peer.port].isSigned, signer_.get())) {
-    return Drop(peer, End::kWriteFailed, CauseOf(node));
-  }
-  CountAnswer(peer.port);
-  if (mnIsPendingIO(node)) ++tally_.queued;
-  CountWaiting(peer);
-}
-
-void Server::ServeDatagrams(MQNode* node, Port port) {
-  const bool isSigned = kPortTraits[port].isSigned;
-  for (int i = 0; i < kDatagramsPerRound; ++i) {
-    const bool read = mnSRead(in_.get(), node, isSigned, nullptr) != 0;
-    if (!read && node->error == MQ_AGAIN) return;
-    SockAddrRec from;
-    GetFromAddr(&node->sock, &from);
-    if (!read) {
-      Note(port, from.port, End::kReadFailed, node->error);
-      continue;
+  bool Run() {
+    while (!stopped) {
+      ++self_.waits;
+      const Result ready = set_.wait(50ms);
+      if (!ready && !ready.timed_out() && ready.code() != EINTR) return Fail(ready.name());
+      Turn();
+      if (Now() - scannedAt_ >= kScanSeconds) Scan(Now());
     }
-    CountQuestion(port);
-    if (BuildAnswer() && mnSWriteTo(out_.get(), node, &from, isSigned, signer_.get())) {
-      CountAnswer(port);
-    } else {
-      CountError(CauseOf(node));
+    return true;
+  }
+
+  // Releases everything that was made for nodes and messages and counts what is left of it.
+  void Close() {
+    guests_.clear();
+    for (Node& port : ports_) port.reset();
+    for (Message* const msg : {&in_, &out_}) msg->reset();
+    signer_.reset();
+    author_.reset();
+    MqcMemory memory, kept;
+    mqc_memory(nullptr, &memory);
+    self_.leftBlocks = memory.live_blocks;
+    for (const char* const tag : {"ring", "replay"}) {
+      mqc_memory(tag, &kept);
+      self_.leftBlocks -= kept.live_blocks;
     }
   }
-}
 
-// The answer has the parameters of the question, all of them, in their order.
-bool Server::BuildAnswer() {
-  PcfMessage* const out = out_.get();
-  if (!mqc_begin(out, kAnswer)) return false;
-  MqcParam param;
-  for (uint32_t i = 0; mqc_param(in_.get(), i, &param); ++i) {
-    bool added = false;
-    switch (param.type) {
-      case MQC_INT32:
-        added = mqc_add_int32(out, param.id, static_cast<int32_t>(param.number));
-        break;
-      case MQC_INT64:
-        added = mqc_add_int64(out, param.id, param.number);
-        break;
-      case MQC_TEXT:
-        added = mqc_add_text(out, param.id, param.text);
-        break;
-      case MQC_BYTES:
-        added = mqc_add_bytes(out, param.id, param.bytes, param.length);
-        break;
+ private:
+  bool Fail(std::string_view why) {
+    self_.faults.Add(fmt::format("the server cannot go on: {}", why));
+    return false;
+  }
+
+  // Accepted connections take over the buffer sizes: small ones, so that large answers have to wait. Datagrams of many
+  // clients meet in one buffer: the system gives as much as it allows.
+  bool OpenPort(Port port) {
+    const bool datagrams = IsDatagram(port);
+    Node& node = ports_[port];
+    node = datagrams ? Node::datagram({"127.0.0.1", "0", "udp"}) : Node::listener({"127.0.0.1", "0"});
+    if (node.failed()) return Fail(node.status().name());
+    snprintf(node.record().user, sizeof node.record().user, "%s", kHonest);
+    const bool ready = node.set_buffer_size(datagrams ? kDatagramBuffer : kSocketBuffer) && node.set_blocking(false) &&
+                       (datagrams ? set_.add(node) : ListenSocket(&node.record().sock, BACKLOG) != 0);
+    shared_.ports[port] = node.local_port();
+    return ready || Fail("a node cannot be set up");
+  }
+
+  // First what may leave, then what has come, then who is new.
+  void Turn() {
+    for (const NodeRef node : set_.writable()) {
+      const Result sent = node.finish_write();
+      const auto guest = guests_.find(node.get());
+      if (!sent && guest != guests_.end()) Drop(guest->second, sent.name());
     }
-    if (!added) return false;
+    for (const NodeRef node : set_.readable()) {
+      const auto guest = guests_.find(node.get());
+      if (guest != guests_.end()) {
+        Serve(guest->second);
+      } else {
+        ServeDatagrams(node == ports_[kDatagram] ? kDatagram : kSignedDatagram);
+      }
+    }
+    for (const NodeRef node : set_.listening()) Accept(node);
   }
-  return true;
-}
 
-// Whether the question that was read last came from an honest client.
-bool IsHonest(const PcfMessage* question) {
-  MqcParam client;
-  return mqc_find(question, kClient, &client) && client.number >= 0 && client.number < kFirstRogue;
-}
-
-void Server::CountQuestion(Port port) {
-  const uint32_t length = RawLength(in_.get());
-  PortTally& tally = tally_.ports[port];
-  if (IsHonest(in_.get())) {
-    ++tally.questions;
-    tally.bytesReceived += length;
-  } else {
-    ++tally.rogueQuestions;
+  void Accept(NodeRef listener) {
+    const Port port = listener == ports_[kSigned] ? kSigned : kPlain;
+    if (guests_.size() >= limits_.guests && !MakeRoom()) return SetAccepting(false);
+    for (int i = 0; i < MOST_ACCEPTED && guests_.size() < limits_.guests; ++i) {
+      Node child;
+      if (const Result result = listener.accept(child); !result) {
+        if (result.again() || result.code() == ECONNABORTED) break;
+        Says("cannot accept", {}, result.name());
+        if (result.code() != EMFILE || !MakeRoom()) SetAccepting(false);
+        break;
+      }
+      (void)child.set_no_delay(true);
+      snprintf(child.record().user, sizeof child.record().user, "%s", kHonest);
+      if (!child.set_blocking(false) || !set_.add(child)) continue;
+      GiveBack(child.get(), port);
+      MQNode* const key = child.get();
+      guests_.emplace(key, Guest{std::move(child), port, watch_client(key)});
+      ++self_.accepted;
+    }
+    self_.connected = static_cast<uint32_t>(guests_.size());
+    self_.most = std::max<uint64_t>(self_.most, guests_.size());
   }
-  ++tally_.messages;
-  tally_.bytes += length;
-}
 
-void Server::CountAnswer(Port port) {
-  const uint32_t length = RawLength(out_.get());
-  PortTally& tally = tally_.ports[port];
-  if (IsHonest(in_.get())) {
-    ++tally.answers;
-    tally.bytesSent += length;
+  // Drops a guest for a newcomer; examples/limits.h says which. False when none makes room yet.
+  bool MakeRoom() {
+    const long now = now_msec();
+    std::vector<Watch> watches;
+    for (auto& [node, guest] : guests_) {
+      quiet_msec(&guest.watch, now);
+      watches.push_back(guest.watch);
+    }
+    MQNode* const node = makes_room(watches.data(), static_cast<int>(watches.size()), now);
+    if (node != nullptr) Drop(guests_.at(node), "its place is needed");
+    return node != nullptr;
   }
-  ++tally_.messages;
-  tally_.bytes += length;
-}
 
-void Server::CountWaiting(Peer& peer) {
-  const uint32_t waiting = mnIsPendingIO(peer.node.get()) ? static_cast<uint32_t>(peer.node->writesOutstanding) : 0;
-  writesWaiting_ += waiting - peer.waiting;
-  nodesWaiting_ += (waiting != 0) - (peer.waiting != 0);
-  peer.waiting = waiting;
-  tally_.peakWrites = std::max(tally_.peakWrites, writesWaiting_);
-  tally_.peakNodes = std::max(tally_.peakNodes, nodesWaiting_);
-}
-
-void Server::CountError(int code) {
-  ErrorTally* const end = tally_.errors + tally_.errorCount;
-  ErrorTally* const found = std::find_if(tally_.errors, end, [code](const ErrorTally& e) { return e.code == code; });
-  if (found != end) {
-    ++found->count;
-  } else if (tally_.errorCount < ServerTally::kMostErrors) {
-    tally_.errors[tally_.errorCount++] = {code, 1};
+  // Without a place, or a descriptor, the wait would come back at once for nothing: the listening nodes leave the set
+  // until a guest has gone or a second is over.
+  void SetAccepting(bool on) {
+    if (on == accepting_) return;
+    accepting_ = on;
+    for (const Port port : {kPlain, kSigned}) (void)(on ? set_.add(ports_[port]) : set_.remove(ports_[port]));
   }
-}
 
-void Server::Note(Port port, uint32_t peerPort, End end, int code) {
-  const uint32_t count = tally_.eventCount;
-  if (count < ServerTally::kMostEvents) tally_.events[count] = {port, peerPort, end, code};
-  tally_.eventCount = count + 1;  // only now may others look at the event
-  CountError(code);
-}
+  void Serve(Guest& guest) {
+    const NodeRef node = guest.node;
+    const bool isSigned = IsSigned(guest.port);
+    if (WaitingBehind(node.record()) > MOST_WAITING) return Drop(guest, "takes no answers");
+    const bool gathered = isSigned ? mnSReadMsg(node.get()) : mnReadMsg(node.get());  // the header first, or the rest
+    if (gathered && IsTooLong(node.record(), isSigned)) return Drop(guest, "its question is too long");
+    const Result got = gathered ? Read(node, guest.port) : node.status();
+    if (!got && got.again()) return;
+    if (!got && !got.peer_gone()) return Drop(guest, got.name());
+    if (!got) {
+      const bool midway = node.record().sock.bytesReceived != guest.consumed || node.has_pending();
+      if (midway) return Drop(guest, "left in the middle of a question, or before its answer");
+      ++self_.farewells;
+      return Leave(node);
+    }
+    guest.consumed += isSigned ? sizeof(SecureHeader) + in_.record().secHeader.msgLength : in_.raw().size();
+    Check(&guest);
+    if (!BuildAnswer()) return Drop(guest, "no memory for an answer");
+    if (const Result sent = Write(node, guest.port, nullptr); !sent) return Drop(guest, sent.name());
+    CountAnswer();
+  }
 
-void Server::Drop(Peer& peer, End end, int code) {
-  Note(peer.port, peer.peerPort, end, code);
-  ++tally_.dropped;
-  Shut(peer);
-}
-
-void Server::Shut(Peer& peer) {
-  mnClose(peer.node.get());
-  CountWaiting(peer);
-  closed_ = true;
-}
-
-void Server::Sweep() {
-  if (!closed_) return;
-  closed_ = false;
-  changed_ = true;
-  std::erase_if(peers_, [](const auto& entry) { return entry.second.node->openState == 0; });
-  tally_.connections = static_cast<uint32_t>(peers_.size());
-}
-
-// Drops peers that owe the rest of a message, or the reading of an answer, and have not moved for too long. When the
-// server itself stood still, nobody is to blame.
-void Server::Scan(double now) {
-  const bool wasAway = now - scannedAt_ > kAbsence;
-  scannedAt_ = now;
-  MqcMemory buffers;
-  mqc_memory("buffer", &buffers);
-  tally_.peakBuffers = std::max(tally_.peakBuffers, buffers.live_bytes);
-  for (auto& [node, peer] : peers_) {
-    const uint64_t moved = node->sock.bytesReceived + node->sock.bytesSent;
-    const bool unread = mnIsPendingIO(node) != 0;
-    const bool unfinished = node->recvBuffer.received != 0;
-    if (wasAway || moved != peer.moved || (!unread && !unfinished)) {
-      peer.moved = moved;
-      peer.movedAt = now;
-    } else if (now - peer.movedAt > kPatience) {
-      Drop(peer, unread ? End::kUnread : End::kUnfinished, MQ_AGAIN);
+  void ServeDatagrams(Port port) {
+    Node& node = ports_[port];
+    for (int i = 0; i < kDatagramsInTurn; ++i) {
+      const Result got = Read(node, port);
+      if (!got && got.again()) return;
+      Address from = node.sender();
+      if (!got) {
+        ++self_.kinds[std::ranges::find(kKinds, port, &Kind::port) - kKinds].at(kRefused);
+        Says("refused", from, got.name());
+        continue;
+      }
+      if (in_.command() != kQuestion) continue;  // two servers would answer each other for ever
+      Check(nullptr);
+      // An answer that does not leave at once is lost, as datagrams are. The sender's address may be a forged one.
+      if (++answered_[from.ip] > limits_.answers) continue;
+      if (BuildAnswer() && Write(node, port, &from)) CountAnswer();
     }
   }
-  Sweep();
-}
 
-// Releases everything that was made for nodes and messages and counts what is left of it.
-void Server::Close() {
-  peers_.clear();
-  for (NodePtr& port : ports_) port.reset();
-  in_.reset();
-  out_.reset();
-  signer_.reset();
-  MqcMemory memory;
-  for (const char* tag :
-       {"MQNode", "MQNODE", "QALLOC", "QPUT", "QPUTHEAD", "buffer", "message", "PcfMessage", "signer"}) {
-    mqc_memory(tag, &memory);
-    tally_.leftBlocks += memory.live_blocks;
+  Result Read(NodeRef node, Port port) { return IsSigned(port) ? node.read_signed(in_) : node.read(in_); }
+
+  Result Write(NodeRef node, Port port, Address* to) {
+    if (to == nullptr) return IsSigned(port) ? node.write_signed(out_, signer_) : node.write(out_);
+    return IsSigned(port) ? node.write_signed_to(out_, *to, signer_) : node.write_to(out_, *to);
   }
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& t) {
-    return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec);
-  };
-  tally_.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
+
+  // The answer has the parameters of the question, all of them, in their order.
+  bool BuildAnswer() {
+    bool added = out_.begin(kAnswer);
+    for (const Param& param : in_.params()) {
+      const uint32_t id = param.id(), type = param.type();
+      added = added && (type == MQC_INT32   ? out_.add(id, static_cast<int32_t>(param.number()))
+                        : type == MQC_INT64 ? out_.add(id, param.number())
+                        : type == MQC_TEXT  ? out_.add(id, param.text().data())
+                                            : out_.add(id, param.bytes()));
+    }
+    return added;
+  }
+
+  // Looks whether the question of an honest client is whole, unchanged and in its turn.
+  void Check(Guest* guest) {
+    const Place place = Author::PlaceOf(in_);
+    tally_ = nullptr;
+    ++self_.messages;
+    if (place.client >= kMostClients) return;
+    const Kind& kind = kKinds[KindOf(place.client)];
+    tally_ = &self_.kinds[KindOf(place.client)];
+    std::string wrong = author_->Compare(in_, kQuestion, place, kind.isLarge, false);
+    Record& record = records_[place.client];
+    if (guest == nullptr ? IsAgain(&record, place, IsSigned(kind.port), &wrong) : false) return;
+    if (guest != nullptr && (place.session < record.session || place.number != guest->next++ ||
+                             (place.number == 0) != (place.session > record.session))) {
+      wrong = fmt::format("not in its turn, after session {}, question {}", record.session, guest->next - 1);
+    }
+    record.session = place.session;
+    ++tally_->at(kQuestions);
+    tally_->at(kReceived) += in_.raw().size();
+    if (wrong.empty()) return;
+    self_.faults.Add(fmt::format("the server: client {}, session {}, question {}: {}", place.client, place.session,
+                                 place.number, wrong));
+  }
+
+  // Of datagrams some may be missing, and plain ones may come again.
+  bool IsAgain(Record* record, const Place& place, bool isSigned, std::string* wrong) {
+    if (place.session > record->session) record->seen.clear();
+    if (place.session >= record->session && record->seen.insert(place.number).second) return false;
+    ++tally_->at(kAgain);
+    if (isSigned) *wrong = "a signed datagram is accepted twice";
+    return !isSigned;
+  }
+
+  void CountAnswer() {
+    ++self_.messages;
+    if (tally_ == nullptr) return;
+    ++tally_->at(kAnswers);
+    tally_->at(kSent) += out_.raw().size();
+  }
+
+  // Tells of a peer, unless there was too much to tell in this second.
+  void Says(const char* verb, const SockAddrRec& peer, std::string_view why) {
+    if (lines_++ < kMostLines) fmt::print(stderr, "{} {}:{}: {}\n", verb, peer.ip, peer.port, why);
+  }
+
+  void Drop(Guest& guest, std::string_view why) {
+    Says("dropped", guest.node.record().sock.name, why);
+    ++self_.dropped;
+    Leave(guest.node);
+  }
+
+  // The node may be in hand in a loop over a ready list: removed from the set, it may be deleted.
+  void Leave(NodeRef node) {
+    set_.remove(node);
+    guests_.erase(node.get());
+    self_.connected = static_cast<uint32_t>(guests_.size());
+    SetAccepting(true);
+  }
+
+  // Why a guest that owes a question, the rest of one or the reading of an answer is to be dropped now; else empty.
+  std::string_view Overdue(Guest& guest, double now) {
+    const MQNode& record = guest.node.record();
+    const uint64_t moved = record.sock.bytesReceived + record.sock.bytesSent;
+    const uint32_t done = record.msgsRead + record.writesCompleted;
+    const bool unread = guest.node.has_pending();
+    const bool owes = unread || record.recvBuffer.received != 0 || record.msgsRead == 0;
+    if (done != guest.done || owes != guest.owes || moved >= guest.moved + kLeast) {
+      guest.owes = owes;
+      guest.done = done;
+      guest.moved = moved;
+      guest.movedAt = now;
+    }
+    if (!owes) return now - guest.movedAt > double{IDLE} ? "idle" : "";
+    return now - guest.movedAt <= limits_.patience ? "" : unread ? "takes no answers" : "too slow";
+  }
+
+  // Ten times a second: drops guests that stand still. When the server itself stood still, nobody is to blame.
+  void Scan(double now) {
+    const bool wasAway = now - scannedAt_ > kAbsence;
+    scannedAt_ = now;
+    std::vector<std::pair<Guest*, std::string_view>> late;
+    for (auto& [node, guest] : guests_) {
+      if (wasAway) guest.movedAt = now;
+      if (const std::string_view why = Overdue(guest, now); !why.empty()) late.emplace_back(&guest, why);
+    }
+    for (const auto& [guest, why] : late) Drop(*guest, why);
+    MqcMemory memory;
+    mqc_memory("buffer", &memory);
+    self_.peakBuffers = std::max(self_.peakBuffers, memory.live_bytes);
+    mqc_memory(nullptr, &memory);
+    if (guests_.empty()) self_.blocks = memory.live_blocks;
+    if (guests_.empty()) self_.bytes = memory.live_bytes;
+    if (second_ != static_cast<long>(now)) BeginSecond(static_cast<long>(now));
+  }
+
+  void BeginSecond(long second) {
+    second_ = second;
+    if (lines_ > kMostLines) fmt::print(stderr, "... and {} more\n", lines_ - kMostLines);
+    lines_ = 0;
+    answered_.clear();
+    for (auto& [node, guest] : guests_) GiveBack(node, guest.port);
+    SetAccepting(true);
+    malloc_trim(0);
+  }
+
+  Shared& shared_;
+  Process& self_;
+  std::unique_ptr<Author> author_;
+  const Limits limits_;
+  Node ports_[kPorts];
+  std::unordered_map<MQNode*, Guest> guests_;
+  std::unordered_map<uint32_t, Record> records_;  // by client
+  WaitSet set_;
+  bool accepting_ = false;
+  std::map<std::string, uint32_t> answered_;  // datagrams, by address, in this second
+  Message in_ = Message::create(), out_ = Message::create();
+  Signer signer_;
+  Tally* tally_ = nullptr;  // of the honest client whose question was read last
+  double scannedAt_ = 0;
+  long second_ = 0;
+  int lines_ = 0;  // of the log, in this second
+};
 
 }  // namespace
 
-int RunServer(Shared* shared, const Keys& keys, const Options& options) {
-  Server server(shared, options);
+int RunServer(Shared* shared, uint64_t seed, const Keys& keys, const Limits& limits) {
+  signal(SIGTERM, [](int) { stopped = 1; });
+  Server server(shared, seed, limits);
   const bool ok = server.Open(keys) && server.Run();
   server.Close();
   return ok ? 0 : 1;

@@ -1,15 +1,19 @@
-// server.hh - the server of the demonstration: one process, one thread, one wait over all its nodes.
-#ifndef MQNODE_DEMO_SERVER_HH
-#define MQNODE_DEMO_SERVER_HH
+// server.hh - the hardened server: one process, one thread, one wait over all its nodes.
+#pragma once
 
-#include "demo/plan.hh"
-#include "demo/shared.hh"
+#include "demo/author.hh"
+#include "demo/tally.hh"
 
 namespace demo {
 
-// Serves until shared->stop. Returns the exit code of the process; shared->server.failure says why it is not 0.
-int RunServer(Shared* shared, const Keys& keys, const Options& options);
+struct Limits {
+  size_t guests;     // connections at once
+  double patience;   // seconds, with a peer that owes something
+  uint32_t answers;  // to datagrams of one address in a second
+};
+
+// Serves until SIGTERM. seed: of the author. Says on standard error which peer it drops and why, and what is wrong with
+// an honest one in its faults. Returns the exit code.
+int RunServer(Shared* shared, uint64_t seed, const Keys& keys, const Limits& limits);
 
 }  // namespace demo
-
-#endif

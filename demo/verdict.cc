@@ -1,157 +1,141 @@
-// verdict.cc - a run is right when nothing was lost, nothing changed on the way, both ends counted the same, every
-// misbehaving client got the error that it deserves, and nobody else got any.
-#include "demo/verdict.hh"
-
+// verdict.cc - puts together what both ends counted, and says whether all was right.
 #include <fmt/format.h>
 
 #include <algorithm>
 
-#include "mqnode/errors.h"
+#include "demo/world.hh"
 
 namespace demo {
 namespace {
 
-using Problems = std::vector<std::string>;
+constexpr int64_t kMostGrowth = 4 << 20;  // resident bytes beside what the companion's account explains
 
-void Add(KindTally* sum, const KindTally& part) {
-  sum->clients += part.clients;
-  sum->questions += part.questions;
-  sum->answers += part.answers;
-  sum->bytesSent += part.bytesSent;
-  sum->bytesReceived += part.bytesReceived;
-  sum->resends += part.resends;
-  sum->repeats += part.repeats;
-  sum->queued += part.queued;
-  sum->latency.Merge(part.latency);
-}
+class Verdict {
+ public:
+  Verdict(const Options& options, Outcome* outcome)
+      : options_(options), outcome_(*outcome), shared_(*outcome->shared), server_(shared_.server) {}
 
-void Expect(Problems* problems, std::string_view what, uint64_t is, uint64_t expected) {
-  if (is != expected) problems->push_back(fmt::format("{}: {} instead of {}", what, is, expected));
-}
+  void Judge() {
+    // What went wrong from outside comes first: it explains the rest, and without it the rest would only repeat it.
+    AddFaults(server_.faults);
+    for (const Process& worker : shared_.workers) AddFaults(worker.faults);
+    if (!outcome_.problems.empty()) return AddRemarks();
+    for (size_t kind = 0; kind < kKindCount; ++kind) CheckKind(kind);
+    size_t index = 0;
+    for (const Peer& peer : Peers()) {
+      const bool isThere = peer.does != nullptr && !options_.honestOnly && !options_.soak;
+      if (isThere) CheckRogue(peer, shared_.rogues[index++]);
+    }
+    CheckServer();
+    if (!options_.soak) return;
+    const Process& worker = shared_.workers[0];
+    CheckRest("the clients", worker.warm[0], worker.last[0]);
+    CheckRest("the server", worker.warm[1], worker.last[1]);
+  }
 
-void CheckClients(const Shared& shared, const Options& options, Problems* problems) {
-  for (int i = 0; i < options.processes; ++i) {
-    const WorkerTally& worker = shared.workers[i];
-    if (worker.failures != 0) {
-      problems->push_back(
-          fmt::format("{} clients of process {} failed; first {}", worker.failures, i + 1, worker.firstFailure));
-    } else if (worker.firstFailure[0] != '\0') {
-      problems->push_back(fmt::format("client process {}: {}", i + 1, worker.firstFailure));
+ private:
+  void AddFaults(const Faults& faults) {
+    for (uint32_t i = 0; i < faults.kept(); ++i) outcome_.problems.push_back(faults.lines[i]);
+  }
+
+  // What the server said explains what else went wrong.
+  void AddRemarks() {
+    for (size_t i = 0; i < std::min<size_t>(outcome_.remarks.size(), 4); ++i) {
+      outcome_.problems.push_back(fmt::format("the server says of a peer: {}", outcome_.remarks[i].why));
     }
   }
-}
 
-KindTally SumOfPort(const Verdict& verdict, int port) {
-  KindTally sum{};
-  for (int kind = 0; kind < kKinds; ++kind) {
-    if (kKindTraits[kind].port == port) Add(&sum, verdict.kinds[static_cast<size_t>(kind)]);
+  void Expect(std::string_view who, std::string_view what, uint64_t is, uint64_t least, uint64_t most) {
+    if (is >= least && is <= most) return;
+    const std::string range = least == most ? fmt::to_string(most) : fmt::format("{} to {}", least, most);
+    outcome_.problems.push_back(fmt::format("{}: {}: {} instead of {}", who, what, is, range));
   }
-  return sum;
-}
 
-// On a stream both ends count the same; a datagram may be lost, and is then sent again.
-void CheckPort(const PortTally& server, const KindTally& clients, int port, Problems* problems) {
-  const char* const name = kPortTraits[port].name;
-  if (kPortTraits[port].isDatagram) {
-    const uint64_t most = clients.questions + clients.resends;
-    if (server.questions < clients.answers || server.questions > most || server.answers < clients.answers) {
-      problems->push_back(fmt::format("{}: the server read {} and answered {}; the clients sent {} and had {} answers",
-                                      name, server.questions, server.answers, most, clients.answers));
+  // On a connection that was not cut both ends count the same. Of datagrams what is missing was dropped, and what came
+  // again was doubled; where the system has lost some it is not known which.
+  void CheckKind(size_t index) {
+    const Kind& kind = kKinds[index];
+    const Tally& server = server_.kinds[index];
+    Tally clients{};
+    Sum(shared_, index, &clients);
+    const bool datagrams = IsDatagram(kind.port), isSigned = IsSigned(kind.port);
+    const uint64_t dropped = clients[kDropped], doubled = clients[kDoubled], lost = clients[kLost];
+    const uint64_t system = datagrams ? outcome_.lostBySystem : 0;
+    const auto expect = [&](std::string_view what, uint64_t is, uint64_t least, uint64_t most) {
+      Expect(kind.name, what, is, least, most);
+    };
+    expect("questions answered or lost", clients[kAnswers] + lost, clients[kQuestions], clients[kQuestions]);
+    expect("questions read by the server", server[kQuestions], clients[kAnswers], clients[kQuestions]);
+    expect("answers by the server", server[kAnswers], clients[kAnswers], server[kQuestions] + server[kAgain]);
+    if (lost == 0 && !datagrams) expect("bytes read by the server", server[kReceived], clients[kSent], clients[kSent]);
+    const uint64_t most = datagrams ? dropped + system : clients[kCut] != 0 ? UINT64_MAX : 0;
+    expect("questions that got lost", lost, dropped > doubled ? dropped - doubled : 0, most);
+    expect("questions read again", server[kAgain], 0, isSigned ? 0 : doubled);
+    expect("answers that came again", clients[kAgain], 0, server[kAgain]);
+    const uint64_t copies = isSigned ? doubled : 0;
+    if (options_.soak) expect("copies refused", server[kRefused], copies - std::min(system, copies), copies);
+    if (!datagrams) streams_ += clients[kSessions];
+    cut_ += clients[kCut];
+  }
+
+  // Of a rogue the server says what is expected.
+  void CheckRogue(const Peer& peer, const Seen& seen) {
+    const auto remark = std::ranges::find(outcome_.remarks, seen.port, &Remark::port);
+    const std::string says = remark != outcome_.remarks.end() ? remark->why : "";
+    const bool isExpected = *peer.says == '\0' ? says.empty() : says.find(peer.says) != std::string::npos;
+    const bool right = isExpected && seen.answers == peer.answers && (IsDatagram(peer.port) || seen.ended);
+    outcome_.rogues.push_back({&peer, &seen, says, right});
+    if (right) return;
+    outcome_.problems.push_back(fmt::format("the rogue that {}: the server says '{}' instead of '{}'; {} answers; {}",
+                                            peer.does, says, peer.says, seen.answers,
+                                            seen.ended ? "ended" : "goes on"));
+  }
+
+  void CheckServer() {
+    uint64_t rogues = 0, orderly = 0;
+    for (const RogueResult& rogue : outcome_.rogues) {
+      rogues += !IsDatagram(rogue.peer->port);
+      orderly += *rogue.peer->says == '\0';
     }
-    return;
+    const uint64_t uncut = streams_ - std::min(cut_, streams_);
+    Expect("the server", "connections accepted", server_.accepted, uncut + rogues, streams_ + rogues);
+    Expect("the server", "connections that ended in order", server_.farewells, uncut + orderly, streams_ + orderly);
+    Expect("the server", "blocks not released", server_.leftBlocks, 0, 0);
+    if (options_.soak) return Expect("the server", "connections dropped", server_.dropped, 0, cut_);
+    for (const Remark& remark : outcome_.remarks) {
+      const auto isIt = [&](const RogueResult& rogue) { return rogue.seen->port == remark.port; };
+      if (std::ranges::none_of(outcome_.rogues, isIt)) {
+        outcome_.problems.push_back(fmt::format("the server says of an honest client: {}", remark.why));
+      }
+    }
   }
-  Expect(problems, fmt::format("{}: questions that the server read", name), server.questions, clients.questions);
-  Expect(problems, fmt::format("{}: answers that the server wrote", name), server.answers, clients.answers);
-  Expect(problems, fmt::format("{}: bytes that the server read", name), server.bytesReceived, clients.bytesSent);
-  Expect(problems, fmt::format("{}: bytes that the server wrote", name), server.bytesSent, clients.bytesReceived);
-}
 
-void CheckCounts(const Shared& shared, const Verdict& verdict, const Options& options, Problems* problems) {
-  Expect(problems, "clients that connected", verdict.all.clients, static_cast<uint64_t>(options.clients));
-  for (int kind = 0; kind < kKinds; ++kind) {
-    const KindTally& tally = verdict.kinds[static_cast<size_t>(kind)];
-    Expect(problems, fmt::format("{}: answers", kKindTraits[kind].name), tally.answers, tally.questions);
+  void CheckRest(const char* who, const Rest& warm, const Rest& last) {
+    Expect(who, "blocks in use at the end", last.blocks, warm.blocks, warm.blocks);
+    Expect(who, "open descriptors at the end", static_cast<uint64_t>(last.descriptors), 0,
+           static_cast<uint64_t>(warm.descriptors));
+    const int64_t growth = last.unexplained - warm.unexplained;
+    if (!kInstrumented && growth > kMostGrowth) {
+      outcome_.problems.push_back(fmt::format("{}: resident memory grew by {} KiB", who, growth / 1024));
+    }
   }
-  for (int port = 0; port < kPorts; ++port) {
-    CheckPort(shared.server.ports[port], SumOfPort(verdict, port), port, problems);
-  }
-}
 
-RogueResult JudgeRogue(const ServerTally& server, const Rogue& rogue, const RogueTally& tally) {
-  const Event* const event = tally.port == 0 ? nullptr : server.FindEvent(rogue.port, tally.port);
-  const bool answersRight = tally.answers == rogue.answers;
-  const bool errorRight = rogue.code == MQ_OK ? event == nullptr : event != nullptr && event->code == rogue.code;
-  const bool endRight = kPortTraits[rogue.port].isDatagram || tally.cutOff;
-  return {&rogue, &tally, event, tally.port != 0 && answersRight && errorRight && endRight};
-}
-
-void CheckRogues(const ServerTally& server, const Verdict& verdict, Problems* problems) {
-  for (const RogueResult& result : verdict.rogues) {
-    if (result.right) continue;
-    problems->push_back(
-        fmt::format("the client that {}: the server had {}, it got {} answers and {}; expected {} and {} answers{}{}",
-                    result.rogue->name, result.event == nullptr ? "no error" : mq_error_name(result.event->code),
-                    result.tally->answers, result.tally->cutOff ? "was cut off" : "was not cut off",
-                    mq_error_name(result.rogue->code), result.rogue->answers,
-                    result.tally->failure[0] == '\0' ? "" : "; ", result.tally->failure));
-  }
-  for (uint32_t i = 0; i < server.eventCount && i < ServerTally::kMostEvents; ++i) {
-    const Event& event = server.events[i];
-    const bool known = std::any_of(verdict.rogues.begin(), verdict.rogues.end(), [&](const RogueResult& result) {
-      return result.rogue->port == event.port && result.tally->port == event.peerPort;
-    });
-    if (known) continue;
-    problems->push_back(fmt::format("{}: the server had {} with an honest client, port {}",
-                                    kPortTraits[event.port].name, mq_error_name(event.code), event.peerPort));
-  }
-}
-
-void CheckServer(const ServerTally& server, const Verdict& verdict, const Options& options, Problems* problems) {
-  if (server.failure[0] != '\0') problems->push_back(fmt::format("the server: {}", server.failure));
-  uint64_t honest = 0;
-  uint64_t orderly = 0;
-  uint64_t rogues = 0;
-  for (int number = 0; number < options.clients; ++number) {
-    honest += !kPortTraits[kKindTraits[KindOf(static_cast<uint32_t>(number))].port].isDatagram;
-  }
-  for (const RogueResult& result : verdict.rogues) {
-    const bool isStream = !kPortTraits[result.rogue->port].isDatagram;
-    rogues += isStream;
-    orderly += isStream && result.rogue->code == MQ_OK;
-  }
-  Expect(problems, "connections that the server accepted", server.accepted, honest + rogues);
-  Expect(problems, "connections that ended in order", server.farewells, honest + orderly);
-  if (server.peakConnections < honest) {
-    problems->push_back(fmt::format("only {} of {} connections at once", server.peakConnections, honest));
-  }
-  Expect(problems, "blocks that the server did not release", server.leftBlocks, 0);
-}
+  const Options& options_;
+  Outcome& outcome_;
+  const Shared& shared_;
+  const Process& server_;
+  uint64_t streams_ = 0, cut_ = 0;
+};
 
 }  // namespace
 
-Verdict Judge(const Shared& shared, const Options& options, const Course& course) {
-  Verdict verdict{};
-  verdict.kinds.resize(kKinds);
-  for (const WorkerTally& worker : shared.workers) {
-    verdict.asking = std::max(verdict.asking, worker.asking);
-    for (size_t kind = 0; kind < kKinds; ++kind) {
-      Add(&verdict.kinds[kind], worker.kinds[kind]);
-      Add(&verdict.all, worker.kinds[kind]);
-    }
+void Sum(const Shared& shared, size_t kind, Tally* sum) {
+  for (const Process& worker : shared.workers) {
+    for (size_t i = 0; i < kCounts; ++i) sum->counts[i] += worker.kinds[kind].counts[i];
+    sum->latency[kDuring].Merge(worker.kinds[kind].latency[kDuring]);
   }
-  if (!options.honestOnly) {
-    for (size_t i = 0; i < Rogues().size(); ++i) {
-      verdict.rogues.push_back(JudgeRogue(shared.server, Rogues()[i], shared.rogues[i]));
-    }
-  }
-  // What went wrong from outside comes first: it explains the rest, and without it the rest would only repeat it.
-  verdict.problems = course.problems;
-  CheckClients(shared, options, &verdict.problems);
-  if (!course.problems.empty()) return verdict;
-  CheckCounts(shared, verdict, options, &verdict.problems);
-  CheckRogues(shared.server, verdict, &verdict.problems);
-  CheckServer(shared.server, verdict, options, &verdict.problems);
-  return verdict;
 }
+
+void Judge(const Options& options, Outcome* outcome) { Verdict(options, outcome).Judge(); }
 
 }  // namespace demo

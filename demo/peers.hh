@@ -1,0 +1,66 @@
+// peers.hh - who talks to a server: the table of honest, rogue and attacking peers, and what a server says of each.
+#pragma once
+
+#include <sys/resource.h>
+
+#include <cstdint>
+#include <span>
+
+#include "demo/bare.hh"
+
+namespace demo {
+
+// The four ways in which a server is talked to.
+enum Port { kPlain, kSigned, kDatagram, kSignedDatagram, kPorts };
+constexpr bool IsSigned(Port port) { return port == kSigned || port == kSignedDatagram; }
+constexpr bool IsDatagram(Port port) { return port == kDatagram || port == kSignedDatagram; }
+
+// Honest peers. window: questions that may be unanswered at once.
+struct Kind {
+  const char* name;
+  const char* key;  // in JSON
+  Port port;
+  uint32_t window;
+  bool isLarge;  // messages of up to 4 MiB
+};
+constexpr Kind kKinds[] = {
+    {"TCP plain", "tcp_plain", kPlain, 1, false},
+    {"TCP signed", "tcp_signed", kSigned, 2, false},
+    {"TCP plain, up to 4 MiB", "tcp_plain_large", kPlain, 2, true},
+    {"TCP signed, up to 4 MiB", "tcp_signed_large", kSigned, 2, true},
+    {"UDP plain", "udp_plain", kDatagram, 1, false},
+    {"UDP signed", "udp_signed", kSignedDatagram, 1, false},
+};
+constexpr size_t kKindCount = std::size(kKinds);
+constexpr uint32_t kMostClients = 2000;
+
+// The kind of the client with this number. Of 40: 22 small plain ones, 8 signed ones, 1 of each large kind, 4 of each
+// datagram kind; the first six are one of each.
+constexpr size_t KindOf(uint32_t client) {
+  constexpr size_t kTurns[20] = {0, 1, 2, 3, 4, 5, 0, 0, 1, 0, 4, 0, 5, 0, 1, 0, 0, 1, 0, 0};
+  const size_t kind = kTurns[client % 20];
+  return kKinds[kind].isLarge && client / 20 % 2 != 0 ? 0 : kind;
+}
+
+constexpr const char* kHonestOnly = "honest_only";  // the attack that is none, on every server
+
+class Arena;
+
+// A peer that breaks the rules: alone, as a rogue of the demonstration, and many at once, as an attack.
+struct Peer {
+  const char* name;
+  Port port;
+  const char* says;  // what the server says when it drops it; empty for what is to be served
+  void (*act)(Arena& arena);
+  const char* does = nullptr;                    // alone; null: never
+  size_t answers = 0;                            // that it gets alone
+  Bytes (*message)(const Keys& keys) = nullptr;  // the only one that it sends, when it is broken
+  size_t crowd = 0;                              // how many attack
+  const char* attack = nullptr;                  // what they do; null: they never do
+  bool mqcat = false;                            // mqcat listen is to withstand them, too
+  rlim_t descriptors = 0;                        // of the server then; 0: plenty
+};
+
+std::span<const Peer> Peers();
+
+}  // namespace demo

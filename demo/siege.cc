@@ -1,0 +1,267 @@
+#include "demo/siege.hh"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+
+#include "demo/arena.hh"
+#include "demo/child.hh"
+#include "demo/clients.hh"
+#include "demo/report.hh"
+#include "demo/server.hh"
+
+namespace demo {
+namespace {
+
+constexpr double kCalmShare = 0.5;      // of the time of an attack: how long the honest clients are measured before it
+constexpr double kRestSeconds = 0.3;    // the server is at rest when it used little of the processor for so long
+constexpr double kRestShare = 0.2;      // of a processor
+constexpr long kMostLines = 5000;       // of its log
+constexpr long kMostPeakKb = 64 << 10;  // that an attack may make the server take, beyond what it had before
+constexpr long kMostGrowthKb = 16 << 10;  // that may be left afterwards: what a heap does not give back
+constexpr uint64_t kSeed = 1;
+constexpr Limits kLimits = {1000, 4, 1000};
+constexpr const char* kRing = "RING";
+
+const Target kTargets[] = {
+    {"mqdemo", kPlain, nullptr, {}, Echo::kAll},
+    {"mqdemo_signed", kSigned, nullptr, {}, Echo::kAll},
+    {"mqdemo_udp", kDatagram, nullptr, {}, Echo::kAll},
+    {"multi_server", kPlain, "multi_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
+    {"cpp_server", kPlain, "cpp_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
+    {"datagram_server", kDatagram, "datagram_server", {"127.0.0.1", "0"}, Echo::kTextAlone},
+    {"mqcat", kPlain, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}, Echo::kSame, true},
+    {"mqcat_signed",
+     kSigned,
+     "mqcat",
+     {"listen", "0", "--echo", "--format", "quiet", "--ring", kRing},
+     Echo::kSame,
+     true},
+    {"mqcat_udp", kDatagram, "mqcat", {"listen", "0", "--echo", "--format", "quiet", "--udp"}, Echo::kSame, true},
+};
+
+// A file with the public keys of both users, until its end.
+class Ring {
+ public:
+  explicit Ring(const Keys& keys) {
+    close(mkstemp(path_.data()));
+    std::ofstream file(path_);
+    char text[MQC_KEY_TEXT];
+    for (const auto& [user, key] : {std::pair{kHonest, keys.honestPublic}, {kHostile, keys.hostilePublic}}) {
+      mqc_key_text(key, text);
+      file << user << ' ' << text << '\n';
+    }
+  }
+  ~Ring() { unlink(path_.c_str()); }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_ = std::filesystem::temp_directory_path() / "mqdemo-XXXXXX";
+};
+
+int Become(const Target& target, const std::string& ring) {
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string program = self.parent_path() / target.program;
+  std::vector<char*> arguments = {const_cast<char*>(program.c_str())};
+  for (const char* argument : target.arguments) {
+    arguments.push_back(const_cast<char*>(argument == kRing ? ring.c_str() : argument));
+  }
+  arguments.push_back(nullptr);
+  close_range(STDERR_FILENO + 1, ~0u, 0);
+  execv(program.c_str(), arguments.data());
+  return 127;
+}
+
+// The number at the end of the first line; 0 when there is none yet.
+int PortIn(const std::string& log) {
+  const size_t end = log.find('\n');
+  if (end == std::string::npos) return 0;
+  const size_t before = log.find_last_not_of("0123456789", end - 1);
+  return atoi(log.c_str() + (before == std::string::npos ? 0 : before + 1));
+}
+
+// The number of a client of the small kind that talks to this port.
+uint32_t ClientFor(Port port) {
+  return static_cast<uint32_t>(std::ranges::find(kKinds, port, &Kind::port) - std::begin(kKinds));
+}
+
+// One attack from beginning to end.
+class Siege {
+ public:
+  Siege(const Trial& trial, double seconds)
+      : target_(*trial.target),
+        peer_(*trial.peer),
+        shared_(*trial.shared),
+        seconds_(seconds),
+        server_(
+            "server", [this] { return Serve(); }, true, peer_.descriptors),
+        steady_("steady client", [this] { return Talk(kSteady); }),
+        newcomer_("newcomers", [this] { return Talk(kNewcomer); }) {}
+
+  void Run() {
+    const auto listens = [this] {
+      if (target_.program != nullptr) shared_.ports[target_.port] = PortIn(server_.Log());
+      return shared_.ports[target_.port] != 0;
+    };
+    if (!Await(listens)) return Fault("the server does not start: " + Tail(server_.Log()));
+    shared_.ready = true;
+    const auto talking = [this] {
+      return shared_.workers[kSteady].connected != 0 && shared_.workers[kNewcomer].connected != 0;
+    };
+    if (!Await(talking)) return Fault("the honest clients get no answer");
+    shared_.go = true;
+    Besiege();
+    shared_.stop = true;
+    Await([this] { return steady_.HasEnded() && newcomer_.HasEnded(); });
+    if (const std::string why = server_.Stop(); !why.empty()) Fault(why + "\n" + Tail(server_.Log()));
+    JudgeLog(server_.Log());
+    shared_.ended = !IsInterrupted();
+  }
+
+ private:
+  int Serve() {
+    if (target_.program != nullptr) return Become(target_, ring_.path());
+    return RunServer(&shared_, kSeed, keys_, kLimits);
+  }
+
+  int Talk(uint32_t process) {
+    while (!shared_.ready) Sleep(0.005);
+    Crowd crowd{&shared_, process, kSeed, {ClientFor(target_.port) + 20 * process}, 0};
+    crowd.pause = process == kSteady ? 0.002 : 0.05;
+    crowd.isNew = process == kNewcomer;
+    crowd.echo = target_.echo;
+    crowd.plainAnswers = target_.isMqcat;
+    return RunClients(crowd, keys_);
+  }
+
+  void Fault(const std::string& what) { shared_.workers[kJudge].faults.Add(what); }
+  static std::string Tail(const std::string& text) { return text.substr(text.size() - std::min(text.size(), 200ul)); }
+  uint64_t Served() const { return shared_.workers[kNewcomer].kinds[ClientFor(target_.port)][kAnswers]; }
+
+  void Besiege() {
+    Await([] { return false; }, seconds_ * kCalmShare);
+    shared_.before = AtRest();
+    shared_.phase = kDuring;
+    {
+      Arena arena(peer_, keys_, shared_.ports[target_.port], seconds_, false, [this] { return Served(); });
+      peer_.act(arena);
+      for (const std::string& fault : arena.faults) Fault(fault);
+      shared_.held = AtRest();
+    }
+    shared_.phase = kAfter;
+    const int had = shared_.before.descriptors;
+    if (!Await([&] { return UsageOf(server_.pid()).descriptors <= had + 1; })) Fault("descriptors are not given back");
+    const uint64_t served = Served();
+    if (!Await([&] { return Served() > served + 1; })) Fault("no newcomer is served after the attack");
+    shared_.after = AtRest();
+    const long peak = shared_.after.peakKb - shared_.before.residentKb;
+    const long growth = shared_.after.residentKb - shared_.before.residentKb;
+    if (!kInstrumented && peak > kMostPeakKb) Fault(fmt::format("it took {} KiB of memory", peak));
+    if (!kInstrumented && growth > kMostGrowthKb) Fault(fmt::format("it keeps {} KiB of memory", growth));
+  }
+
+  // What the server uses while nobody asks anything. A server that spins never comes to rest.
+  Usage AtRest() {
+    shared_.pause = true;
+    Usage usage{};
+    const bool rests = Await([&] {
+      if (!steady_.HasEnded() && !shared_.workers[kSteady].resting) return false;
+      if (!newcomer_.HasEnded() && !shared_.workers[kNewcomer].resting) return false;
+      const double before = UsageOf(server_.pid()).processor;
+      Sleep(kRestSeconds);
+      usage = UsageOf(server_.pid());
+      rest_ = (usage.processor - before) / kRestSeconds;
+      return rest_ < kRestShare;
+    });
+    shared_.pause = false;
+    if (!rests && rest_ < kRestShare) Fault("the honest clients wait for answers");
+    if (!rests && rest_ >= kRestShare) {
+      Fault(fmt::format("it spins: {:.0f} % of a processor with nothing to do", rest_ * 100));
+    }
+    return usage;
+  }
+
+  void JudgeLog(const std::string& log) {
+    const long lines = std::ranges::count(log, '\n');
+    if (lines > kMostLines) Fault(fmt::format("it logs {} lines", lines));
+    if (!target_.isMqcat && log.find(peer_.says) == std::string::npos) {
+      Fault(fmt::format("its log does not say '{}'", peer_.says));
+    }
+  }
+
+  const Target& target_;
+  const Peer& peer_;
+  Shared& shared_;
+  const double seconds_;
+  double rest_ = 0;
+  const Keys keys_ = MakeKeys();
+  const Ring ring_{keys_};
+  Child server_, steady_, newcomer_;
+};
+
+// What the processes did not say themselves.
+void Conclude(const Trial& trial, const Child& child) {
+  Faults& faults = trial.shared->workers[kJudge].faults;
+  if (const std::string why = child.Failure(); !why.empty()) faults.Add(why);
+  for (const int client : {kSteady, kNewcomer}) {
+    const bool served = TallyOf(trial, client).latency[kDuring].total != 0;
+    if (trial.shared->ended && !served) {
+      faults.Add(client == kSteady ? "the honest client got no answer during the attack"
+                                   : "no newcomer was served during the attack");
+    }
+  }
+}
+
+}  // namespace
+
+std::span<const Target> Targets() { return kTargets; }
+
+bool IsFor(const Peer& peer, const Target& target) {
+  const bool isPort = peer.port == target.port || std::string_view(peer.name) == kHonestOnly;
+  return peer.attack != nullptr && isPort && (peer.mqcat || !target.isMqcat);
+}
+
+const Tally& TallyOf(const Trial& trial, int client) {
+  return trial.shared->workers[client].kinds[ClientFor(trial.target->port)];
+}
+
+std::vector<std::string> FaultsOf(const Trial& trial) {
+  std::vector<std::string> texts;
+  const Shared& shared = *trial.shared;
+  if (IsInterrupted() && !shared.ended) return texts;  // it fell silent because it was told to
+  for (const Process* process :
+       {&shared.workers[kJudge], &shared.workers[kSteady], &shared.workers[kNewcomer], &shared.server}) {
+    for (uint32_t i = 0; i < process->faults.kept(); ++i) texts.emplace_back(process->faults.lines[i]);
+  }
+  return texts;
+}
+
+bool Withstood(const Trial& trial) { return trial.shared->ended && FaultsOf(trial).empty(); }
+
+void TryAll(std::vector<Trial>* trials, double seconds, bool together) {
+  std::deque<Child> children;
+  const auto finish = [&](size_t first) {
+    for (size_t i = first; i < children.size(); ++i) {
+      while (!children[i].HasEnded()) Sleep(0.01);
+      Conclude((*trials)[i], children[i]);
+    }
+  };
+  for (const Trial& trial : *trials) {
+    if (IsInterrupted()) break;
+    ShowProgress(fmt::format("{}, {}: {}", trial.target->name, trial.peer->name, trial.peer->attack));
+    children.emplace_back(fmt::format("trial of {}", trial.peer->name), [&] {
+      Siege(trial, seconds).Run();
+      return 0;
+    });
+    if (!together) finish(children.size() - 1);
+  }
+  if (together) finish(0);
+  ShowProgress("");
+}
+
+}  // namespace demo
