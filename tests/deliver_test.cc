@@ -1,6 +1,5 @@
-// deliver_test.cc - messages composed and delivered: what is on the wire, what waits in the queue, what is counted.
-#include <unistd.h>
-
+// deliver_test.cc - messages composed and delivered, plain and signed: what is on the wire, what waits in the queue,
+// what is counted.
 #include "tests/support/nodes.hh"
 #include "tests/support/sender.hh"
 
@@ -16,17 +15,13 @@ std::string Header(uint32_t body, const std::string& user = "tester") {
 class DeliverTest : public NodeTest {
  protected:
   // Writes messages of the given commands, the first of which finds the socket full.
-  void Queue(MQNode* node, std::initializer_list<uint32_t> commands) {
+  static void Queue(MQNode* node, std::initializer_list<uint32_t> commands) {
     Platform::Fail("send", 1, EAGAIN);
-    for (const uint32_t command : commands) {
-      const Message out(command, 4);
-      EXPECT_EQ(mnWrite(out, node), 1);
-    }
-    Platform::Reset();
-    TakePoints();
+    for (const uint32_t command : commands) EXPECT_EQ(mnWrite(Message(command, 4), node), 1);
+    Take();
   }
-  // The commands of the messages that are on the wire.
-  std::string Arrived(const Peer& peer, size_t count) {
+  // The commands of the messages of 4 bytes that are on the wire.
+  static std::string Arrived(const Peer& peer, size_t count) {
     std::string commands;
     for (const std::string bytes = peer.Read(count * 160); commands.size() < count;) {
       commands += static_cast<char>('0' + WordAt(bytes, commands.size() * 160 + kHeader));
@@ -37,31 +32,46 @@ class DeliverTest : public NodeTest {
 
 TEST_F(DeliverTest, PlainBytesOnTheWire) {
   const Link link = Connect();
-  Message out;
+  const Message out;
   mqc_begin(out, 0x01020304);
   mqc_add_bytes(out, 9, "abcdef", 6);
-  memset(out->raw.data + kAtUser, 'x', 60);  // whatever stood in the fields that the node fills
+  memset(out->raw.data + kAtUser, 'x', 60);  // whatever was in the fields that the node fills
   const std::string body =
       Encoder({false, false}).Word(0x01020304).Word(1).Word(9).Word(MQC_BYTES).Word(6).Text("abcdef", 8).bytes;
   EXPECT_EQ(mnWrite(out, link.node), 1);
   EXPECT_EQ(link.peer.Read(164), Header(28) + body);
   EXPECT_EQ(mnSWrite(out, link.node, 0, nullptr), 1);
   EXPECT_EQ(link.peer.Read(164), Header(28) + body) << "unsigned is plain";
-
-  Companion::Now().little = false;
-  Companion::Now().ascii = false;
+  Companion::Now().little = Companion::Now().ascii = false;
   EXPECT_EQ(mnWrite(out, link.node), 1);
-  std::string flags = Header(28);
-  SetWord(&flags, 8, 1);
-  SetWord(&flags, 12, 0);
-  EXPECT_EQ(link.peer.Read(164), flags + body);
+  EXPECT_EQ(link.peer.Read(164), WithWord(WithWord(Header(28), 8, 1), 12, 0) + body);
+}
+
+TEST_F(DeliverTest, SignedBytesOnTheWire) {
+  constexpr int64_t kNow = 0x0000018BCFE56789;
+  mqc_set_clock([]() -> int64_t { return kNow; });
+  const Keys keys;
+  const Link link = Connect();
+  const Message out(7, 4);
+  const std::string body = out.raw().substr(kHeader);
+  memset(&out->secHeader, 'x', sizeof out->secHeader);
+  for (const size_t at : {size_t{0}, size_t{8}, size_t{12}, kAtBody}) memset(out->raw.data + at, 'x', 4);
+  memset(out->raw.data + kAtUser, 'x', 60);
+  // The user that the caller gives has no say: the signature names who signed.
+  EXPECT_EQ(mnSWriteMsg(out, link.node, nullptr, "somebody", 1, keys.signer.get(), 0), 1);
+  std::string trailer("MQSIGN01\0\0", 10);
+  for (int shift = 40; shift >= 0; shift -= 8) trailer += static_cast<char>(kNow >> shift);
+  trailer.resize(kTrailer);
+  const std::string wire = sender::Enveloped({false, false}, Header(24) + body, "tester", trailer);
+  EXPECT_EQ(link.peer.Read(288).substr(0, 208), wire.substr(0, 208)) << "a nonce and the signature follow";
+  EXPECT_EQ(out->secHeader.msgLength, 160u) << "what the signer is given: the length of the plain message";
+  mqc_set_clock(nullptr);
 }
 
 // What is no message is refused before anything happens; a raw form of any other length is sent as it is.
 TEST_F(DeliverTest, LengthsOfRawForms) {
   const Link link = Connect();
-  Message out(1000);
-  WatchErrors(link.node);
+  const Message out(1000);
   const uint64_t before = mqc_allocations();
   for (const uint32_t length : {0u, 135u, MQ_MAX_MESSAGE + 1, 0xFFFFFFFFu}) {
     out->raw.length = length;
@@ -73,7 +83,7 @@ TEST_F(DeliverTest, LengthsOfRawForms) {
     }
   }
   EXPECT_EQ(mqc_allocations(), before);
-  EXPECT_EQ(Platform::Calls(), Lines{});
+  EXPECT_EQ(Take(), "");
   out->raw.length = 1000;
   memset(out->raw.data, 'x', 1000);
   EXPECT_EQ(mnWrite(out, link.node), 1);
@@ -86,65 +96,60 @@ TEST_F(DeliverTest, LengthsOfRawForms) {
 
 TEST_F(DeliverTest, UserOfTheHeader) {
   const Link link = Connect();
-  const auto write = [&](const char* user) {
-    return [&link, user](PcfMessage* out) { return mnWriteMsg(out, link.node, nullptr, user, 0); };
-  };
-  const auto alternative = [&](const char* user, int (*fn)(PcfMessage*, MQNode*, int, void*)) {
-    return [&link, user, fn](PcfMessage* out) {
-      memcpy(out->raw.data + kAtUser, Field(user, 12).data(), 12);
-      memset(out->raw.data + 84, 'A', 48);  // directly behind a user of 12 characters
-      return fn(out, link.node, 0, nullptr);
-    };
-  };
   const struct {
-    std::function<int(PcfMessage*)> write;
+    char entry;  // w mnWriteMsg with this user; a, h the writers for alternative users, with it in the message
+    const char* given;
     const char* user;
-  } rows[] = {
-      {write(""), ""},
-      {write("bob"), "bob"},
-      {write("exactly12chr"), "exactly12chr"},
-      {write("fifteencharacte"), "fifteenchara"},
-      {alternative("another", mnSWriteAltUser), "another"},
-      {alternative("anotherof12c", mnSWriteAltUser), "anotherof12c"},
-      {alternative("", mnSWriteAltUser), "tester"},
-      {alternative(" bob", mnSWriteAltUser), "tester"},
-      {alternative("another", mnSWriteAltUserHigh), "another"},
-      {alternative(" ", mnSWriteAltUserHigh), "tester"},
-  };
+  } rows[] = {{'w', "", ""},
+              {'w', "bob", "bob"},
+              {'w', "exactly12chr", "exactly12chr"},
+              {'w', "fifteencharacte", "fifteenchara"},
+              {'a', "another", "another"},
+              {'a', "anotherof12c", "anotherof12c"},
+              {'a', "", "tester"},
+              {'a', " bob", "tester"},
+              {'a', "b", "b"},
+              {'h', "another", "another"},
+              {'h', " ", "tester"}};
   for (const auto& row : rows) {
     const Message out(1, 4);
-    EXPECT_EQ(row.write(out), 1);
-    EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, row.user)) << row.user;
+    memset(out->raw.data + 84, 'A', 48);  // directly behind a user of 12 characters
+    if (row.entry != 'w') memcpy(out->raw.data + kAtUser, Field(row.given, 12).data(), 12);
+    EXPECT_EQ(row.entry == 'w'   ? mnWriteMsg(out, link.node, nullptr, row.given, 0)
+              : row.entry == 'a' ? mnSWriteAltUser(out, link.node, 0, nullptr)
+                                 : mnSWriteAltUserHigh(out, link.node, 0, nullptr),
+              1);
+    EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, row.user)) << row.given;
   }
   // Text anywhere in the message is taken before the header is filled in.
   for (const size_t at : {0, 8, 12, 64, 84, 140}) {
     const Message out(1, 4);
     memcpy(out->raw.data + at, "own", 4);
-    EXPECT_EQ(write(reinterpret_cast<const char*>(out->raw.data + at))(out), 1);
+    EXPECT_EQ(mnWriteMsg(out, link.node, nullptr, reinterpret_cast<const char*>(out->raw.data + at), 0), 1);
     EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, "own")) << at;
   }
   // A host that writes into the node's field may leave something behind its text.
   for (size_t length = 0; length <= 12; ++length) {
     memset(link.node->user, 'x', 12);
     link.node->user[length] = '\0';
-    const Message out(1, 4);
-    EXPECT_EQ(mnWrite(out, link.node), 1);
+    EXPECT_EQ(mnWrite(Message(1, 4), link.node), 1);
     EXPECT_EQ(link.peer.Read(160).substr(0, kHeader), Header(24, std::string(length, 'x'))) << length;
   }
 }
 
 // Each entry point clears a stale error before its first trace point or right after it, and traces its own way.
 TEST_F(DeliverTest, TraceOfEachEntryPoint) {
+  const Keys keys;
   const Link link = Connect();
   MQNode* const node = link.node;
   const Message out(1, 4);
-  const char* const plain = "mnWriteMsg 77; mnWriteToNode 0; mnWriteMsg 0";
-  const char* const cleared = "mnWriteMsg 0; mnWriteToNode 0; mnWriteMsg 0";
-  const char* const secured = "mnSWriteMsg 77; mnWriteMsg 77; mnWriteToNode 0; mnWriteMsg 0";
-  const char* const both = "mnSWriteMsg 0; mnWriteMsg 0; mnWriteToNode 0; mnWriteMsg 0";
+  const std::string sent = "WriteSocket:Before; WriteSocket:After; mnWriteToNode 0; ";
+  const std::string plain = "mnWriteMsg 77; " + sent + "mnWriteMsg 0",
+                    cleared = "mnWriteMsg 0; " + sent + "mnWriteMsg 0";
+  const std::string secured = "mnSWriteMsg 77; " + plain, both = "mnSWriteMsg 0; " + cleared;
   const struct {
     std::function<int()> write;
-    const char* points;
+    std::string trace;
   } rows[] = {
       {[&] { return mnWriteMsg(out, node, nullptr, "u", 0); }, plain},
       {[&] { return mnWriteTo(out, node, nullptr); }, cleared},
@@ -155,53 +160,80 @@ TEST_F(DeliverTest, TraceOfEachEntryPoint) {
       {[&] { return mnSWrite(out, node, 0, nullptr); }, both},
       {[&] { return mnSWriteAltUser(out, node, 0, nullptr); }, secured},
       {[&] { return mnSWriteAltUserHigh(out, node, 0, nullptr); }, secured},
+      {[&] { return mnSWrite(out, node, 1, keys.signer.get()); }, "mnSWriteMsg 0; " + sent + "mnSWriteMsg 0"},
   };
   for (const auto& row : rows) {
-    WatchErrors(node);
+    Watch(node, Error);
     node->error = 77;
     EXPECT_EQ(row.write(), 1);
-    EXPECT_EQ(TakePoints(), row.points);
+    EXPECT_EQ(Take("sn"), row.trace);
   }
-  // One whole write with the socket's part of it.
-  Watch(node);
-  EXPECT_EQ(mnWrite(out, node), 1);
-  EXPECT_EQ(Joined(Trace::Take()), "mnWriteMsg; WriteSocket:Before; WriteSocket:After; mnWriteToNode; mnWriteMsg");
-  EXPECT_EQ(Arrived(link.peer, 10), "1111111111");
+  EXPECT_EQ(Arrived(link.peer, 9), "111111111");
 }
 
 TEST_F(DeliverTest, OneWrite) {
+  const std::string queued = "1: 11, sent 0, out 1, queue 1";
   const struct {
-    int limit;  // writeLimit
-    std::vector<size_t> taken;
-    int code;  // of send, 0: none
-    const char *outcome, *points;
+    int limit;                  // writeLimit
+    std::vector<size_t> taken;  // by send
+    int code;                   // of send, 0: none
+    std::string outcome, points;
   } rows[] = {
       {-1, {}, 0, "1: 0, sent 1, out 0", "mnWriteToNode 0; mnWriteMsg 0"},
       {1, {}, 0, "1: 0, sent 1, out 0", "mnWriteToNode 0; mnWriteMsg 0"},
-      {0, {100}, 0, "1: 11, sent 0, out 1, queue 1", "mnWriteToNode 0; mnWriteToNode 11; mnWriteMsg 11"},
-      {0, {0}, 0, "1: 11, sent 0, out 1, queue 1", "mnWriteToNode 0; mnWriteToNode 11; mnWriteMsg 11"},
-      {-1, {}, EAGAIN, "1: 11, sent 0, out 1, queue 1", "mnWriteToNode 11; mnWriteToNode 11; mnWriteMsg 11"},
-      {-1, {}, EINPROGRESS, "1: 11, sent 0, out 1, queue 1", "mnWriteToNode 11; mnWriteToNode 11; mnWriteMsg 11"},
+      {0, {100}, 0, queued, "mnWriteToNode 0; mnWriteToNode 11; mnWriteMsg 11"},
+      {0, {0}, 0, queued, "mnWriteToNode 0; mnWriteToNode 11; mnWriteMsg 11"},
+      {-1, {}, EAGAIN, queued, "mnWriteToNode 11; mnWriteToNode 11; mnWriteMsg 11"},
+      {-1, {}, EINPROGRESS, queued, "mnWriteToNode 11; mnWriteToNode 11; mnWriteMsg 11"},
       {-1, {}, ECONNRESET, "0: 11, sent 0, out 0", "mnWriteToNode 104; mnWriteMsg 11"},
       {-1, {}, EINTR, "0: 11, sent 0, out 0", "mnWriteToNode 4; mnWriteMsg 11"},
   };
   for (const auto& row : rows) {
     const Link link = Connect();
-    const Message out(1, 4);
     link.node->writeLimit = row.limit;
     Platform::Limit("send", row.taken);
     if (row.code != 0) Platform::Fail("send", 1, row.code);
-    WatchErrors(link.node);
-    const int result = mnWriteMsg(out, link.node, nullptr, "u", 0);
-    EXPECT_EQ(std::to_string(result) + ": " + WriteState(link.node), row.outcome) << row.code;
+    Watch(link.node, Error);
+    const int result = mnWriteMsg(Message(1, 4), link.node, nullptr, "u", 0);
+    EXPECT_EQ(format("{}: {}", result, WriteState(link.node)), row.outcome) << row.code;
     EXPECT_EQ(link.node->sock.error, row.code == EINPROGRESS ? 11 : row.code);
-    EXPECT_EQ(TakePoints(), std::string("mnWriteMsg 0; ") + row.points) << row.code;
-    Platform::Reset();
+    EXPECT_EQ(Take("n"), "mnWriteMsg 0; " + row.points) << row.code;
     if (result == 0) continue;
     EXPECT_EQ(mnFinishWrite(link.node), 1);
     EXPECT_EQ(WriteState(link.node), "0, sent 1, out 0");
     EXPECT_EQ(Arrived(link.peer, 1), "1") << row.code;
   }
+}
+
+TEST_F(DeliverTest, SignedWritesThatFail) {
+  const Keys keys;
+  const Link link = Connect();
+  const Message out(1, 4);
+  const mqnode::Signer other = mqnode::Signer::create("other", {});
+  const auto blocks = LiveBlocks();
+  void* const signer = keys.signer.get();
+  const struct {
+    void* context;
+    const char* failing;
+    uint64_t allocation;
+    int error;
+    const char* happens = "VerifyMessage; mqc_sign";
+  } rows[] = {{nullptr, "", 0, MQ_NOT_SIGNED},
+              {other.get(), "", 0, MQ_NOT_SIGNED},
+              {signer, "mqc_sign", 0, MQ_NOT_SIGNED},
+              {signer, "", 1, MQ_AGAIN, "VerifyMessage"},
+              {signer, "", 2, MQ_NOT_SIGNED}};
+  for (const auto& row : rows) {
+    Watch(link.node);
+    Companion::Now().failing = row.failing;
+    mqc_fail_allocation(row.allocation, 0);
+    EXPECT_EQ(mnSWrite(out, link.node, 1, row.context), 0);
+    EXPECT_EQ(link.node->error, row.error);
+    EXPECT_EQ(Take(), std::string("mnSWriteMsg; ") + row.happens);
+    EXPECT_EQ(LiveBlocks(), blocks);
+  }
+  Companion::Now().failing = "VerifyMessage";
+  EXPECT_EQ(mnSWrite(out, link.node, 1, signer), 1) << "its result changes nothing";
 }
 
 // A descriptor of the caller's own: it is sent whole, whatever it was used for before, and never by the library again.
@@ -215,11 +247,11 @@ TEST_F(DeliverTest, DescriptorsStartAfresh) {
     memcpy(desc->data, "bytes", 5);
     desc->sent = 3;
     desc->flags = MSG_OOB;
-    if (full) Platform::Fail("send", 1, EAGAIN);
+    if (full) Queue(link.node, {1});
     EXPECT_EQ(mnWriteToNode(link.node, nullptr, desc, 0), 1);
     EXPECT_EQ(mnFinishWrite(link.node), 1);
     EXPECT_EQ(Platform::Calls({"send"}).back(), "send(5) = 5");
-    EXPECT_EQ(link.peer.Read(5), "bytes");
+    EXPECT_EQ(link.peer.Read(full ? 165 : 5).substr(full ? 160 : 0), "bytes");
   }
 }
 
@@ -227,40 +259,27 @@ TEST_F(DeliverTest, DescriptorsStartAfresh) {
 TEST_F(DeliverTest, WritesJoinTheQueueInOrder) {
   const Link link = Connect();
   Queue(link.node, {1, 2});
-  WatchErrors(link.node);
-  Message third(3, 4);
-  EXPECT_EQ(mnSWriteAltUserHigh(third, link.node, 0, nullptr), 1);
-  third.Put(9, 4);
-  EXPECT_EQ(TakePoints(), "mnSWriteMsg 0; mnWriteMsg 0; mnWriteToNode 0; mnWriteMsg 0");
-  const Message fourth(4, 4);
-  EXPECT_EQ(mnWrite(fourth, link.node), 1);
-  EXPECT_EQ(Platform::Calls(), Lines{});
-  EXPECT_EQ(WriteState(link.node), "0, sent 0, out 4, queue 4");
-  TakePoints();
-  EXPECT_EQ(mnFinishWrite(link.node), 1);
-  EXPECT_EQ(Arrived(link.peer, 4), "1234");
-  EXPECT_EQ(TakePoints(), "mnFinishWrite 0");
-  EXPECT_EQ(WriteState(link.node), "0, sent 4, out 0");
-}
-
-TEST_F(DeliverTest, LimitOfOutstandingWrites) {
-  const Link link = Connect();
-  Queue(link.node, {1, 2});
   link.node->writeLimit = 2;
-  WatchErrors(link.node);
-  const Message out(3, 4);
-  EXPECT_EQ(mnWriteMsg(out, link.node, nullptr, "u", 0), 0);
+  Watch(link.node, Error);
+  const Message third(3, 4);
+  EXPECT_EQ(mnWriteMsg(third, link.node, nullptr, "u", 0), 0);
   EXPECT_EQ(WriteState(link.node), "-1111, sent 0, out 2, queue 2");
-  EXPECT_EQ(TakePoints(), "mnWriteMsg 0; mnWriteToNode -1111; mnWriteMsg -1111");
+  EXPECT_EQ(Take("csn"), "mnWriteMsg 0; mnWriteToNode -1111; mnWriteMsg -1111");
   EXPECT_EQ(IsNodeFailed(link.node), 0);
   link.node->writeLimit = 3;
-  EXPECT_EQ(mnWrite(out, link.node), 1);
+  EXPECT_EQ(mnSWriteAltUserHigh(third, link.node, 0, nullptr), 1);
+  EXPECT_EQ(Take("csn"), "mnSWriteMsg -1111; mnWriteMsg -1111; mnWriteToNode 0; mnWriteMsg 0");
+  third.Put(9, 4);
   for (const int none : {0, -1, -5}) {
     link.node->writeLimit = none;
-    EXPECT_EQ(mnWrite(out, link.node), 1);
+    EXPECT_EQ(mnWrite(Message(4, 4), link.node), 1);
   }
+  EXPECT_EQ(Take("c"), "");
+  EXPECT_EQ(WriteState(link.node), "0, sent 0, out 6, queue 6");
   EXPECT_EQ(mnFinishWrite(link.node), 1);
-  EXPECT_EQ(Arrived(link.peer, 6), "123333");
+  EXPECT_EQ(Arrived(link.peer, 6), "123444");
+  EXPECT_EQ(Take("n"), "mnFinishWrite 0");
+  EXPECT_EQ(WriteState(link.node), "0, sent 6, out 0");
 }
 
 // Three queued writes of 160 bytes each, and a socket that misbehaves at its nth send.
@@ -280,7 +299,7 @@ TEST_F(DeliverTest, FinishingThreeWrites) {
          Platform::Limit("send", {160, 1});
        }},
       {"second fails", 2, EPIPE, "0: 11, sent 1, out 1, queue 1", "mnFinishWrite 32", "13"},
-      {"last fails", 3, EPIPE, "0: 11, sent 2, out 0, queue 0", "mnFinishWrite 32", "12"},
+      {"last fails: the queue stays", 3, EPIPE, "0: 11, sent 2, out 0, queue 0", "mnFinishWrite 32", "12"},
       {"no memory to put back", 1, EAGAIN, "0: 11, sent 0, out 2, queue 2", "mnFinishWrite 11", "23",
        [](MQNode*) { mqc_fail_allocation(1, 0); }},
       {"an empty entry", 0, 0, "0: 105, sent 0, out 3, queue 3", "", "123",
@@ -293,38 +312,29 @@ TEST_F(DeliverTest, FinishingThreeWrites) {
   for (const auto& row : rows) {
     const Link link = Connect();
     Queue(link.node, {1, 2, 3});
-    WatchErrors(link.node);
+    Watch(link.node, Error);
     link.node->error = 77;
     if (row.nth != 0) Platform::Fail("send", row.nth, row.code);
     row.prepare(link.node);
     const int result = mnFinishWrite(link.node);
-    EXPECT_EQ(std::to_string(result) + ": " + WriteState(link.node), row.outcome) << row.what;
+    EXPECT_EQ(format("{}: {}", result, WriteState(link.node)), row.outcome) << row.what;
     EXPECT_EQ(mnIsPendingIO(link.node), link.node->pending != nullptr);
-    EXPECT_EQ(TakePoints(), row.points) << row.what;
-    Platform::Reset();
+    EXPECT_EQ(Take("n"), row.points) << row.what;
+    std::string arrived = row.arrived;
+    // A write joins a queue that stays, empty or not.
+    if (link.node->pending != nullptr) {
+      EXPECT_EQ(mnWrite(Message(4, 4), link.node), 1);
+      arrived += "4";
+    }
     EXPECT_EQ(mnFinishWrite(link.node), 1) << row.what;
     EXPECT_EQ(mnIsPendingIO(link.node), 0) << row.what;
-    EXPECT_EQ(Arrived(link.peer, strlen(row.arrived)), row.arrived) << row.what;
+    EXPECT_EQ(Arrived(link.peer, arrived.size()), arrived) << row.what;
+    // Nothing to finish.
+    Take();
+    link.node->error = 77;
+    EXPECT_EQ(mnFinishWrite(link.node), 1);
+    EXPECT_EQ(format("{} {}", link.node->error, Take()), "0 ");
   }
-}
-
-TEST_F(DeliverTest, FinishingNothing) {
-  const Link link = Connect();
-  WatchErrors(link.node);
-  link.node->error = 77;
-  EXPECT_EQ(mnFinishWrite(link.node), 1);
-  EXPECT_EQ(WriteState(link.node), "0, sent 0, out 0");
-  EXPECT_EQ(TakePoints(), "");
-  EXPECT_EQ(Platform::Calls(), Lines{});
-  // A queue whose last write was dropped stays until it is finished; a write meanwhile joins it.
-  Queue(link.node, {1});
-  Platform::Fail("send", 1, EPIPE);
-  EXPECT_EQ(mnFinishWrite(link.node), 0);
-  const Message out(2, 4);
-  EXPECT_EQ(mnWrite(out, link.node), 1);
-  EXPECT_EQ(WriteState(link.node), "0, sent 0, out 1, queue 1");
-  EXPECT_EQ(mnFinishWrite(link.node), 1);
-  EXPECT_EQ(Arrived(link.peer, 1), "2");
 }
 
 TEST_F(DeliverTest, AdvisoryLimitOfTheQueue) {
@@ -346,34 +356,33 @@ TEST_F(DeliverTest, AdvisoryLimitOfTheQueue) {
 }
 
 TEST_F(DeliverTest, DatagramsGoWhereTheyWereSentTo) {
+  const Keys keys;
   const Node node = CreateDatagram();
   const Peer first = Peer::Datagram();
-  const Peer second = Peer::Datagram();
-  SockAddrRec to_first = AddressOf("127.0.0.1", first.port());
-  SockAddrRec to_second = AddressOf("localhost", second.port());
-  SockAddrRec nowhere = AddressOf("nowhere", 9);
+  SockAddrRec to = AddressOf("localhost", first.port()), nowhere = AddressOf("nowhere", 9);
   const Message out(1, 4);
-  const auto sent = [&] { return std::string("tester") == out.raw().substr(kAtUser, 6); };
-  EXPECT_EQ(mnWriteTo(out, node, &to_first), 1);
-  EXPECT_EQ(mnSWriteTo(out, node, &to_second, 0, nullptr), 1);
-  EXPECT_TRUE(sent());
-  EXPECT_EQ(first.ReadDatagram(), out.raw());
-  EXPECT_EQ(second.ReadDatagram(), out.raw());
-  for (SockAddrRec* to : {static_cast<SockAddrRec*>(nullptr), &nowhere}) {
-    Platform::Forget();
-    EXPECT_EQ(mnWriteTo(out, node, to), 0);
+  EXPECT_EQ(mnWriteTo(out, node, &to), 1);
+  EXPECT_EQ(first.Read(), out.raw());
+  EXPECT_EQ(out.user(), "tester");
+  EXPECT_EQ(mnSWriteTo(out, node, &to, 0, nullptr), 1);
+  EXPECT_EQ(first.Read(), out.raw());
+  EXPECT_EQ(mnSWriteTo(out, node, &to, 1, keys.signer.get()), 1);
+  EXPECT_EQ(first.Read().substr(kEnvelope, 160), out.raw());
+  for (SockAddrRec* const none : {static_cast<SockAddrRec*>(nullptr), &nowhere}) {
+    Take();
+    EXPECT_EQ(mnWriteTo(out, node, none), 0);
     EXPECT_EQ(node->sock.error, 89);
-    EXPECT_EQ(WriteState(node), "11, sent 2, out 0");
-    EXPECT_EQ(Platform::Calls({"send", "sendto"}), Lines{});
+    EXPECT_EQ(WriteState(node), "11, sent 3, out 0");
+    EXPECT_EQ(Take("c"), none == nullptr ? "" : "gethostbyname(nowhere) = 0");
   }
 }
 
 TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   const Node node = CreateDatagram();
-  const Peer first = Peer::Datagram();
-  const Peer second = Peer::Datagram();
+  const Peer first = Peer::Datagram(), second = Peer::Datagram();
   Platform::Fail("sendto", 1, EAGAIN);
-  Message out;
+  Platform::Fail("sendto", 3, EAGAIN);
+  const Message out;
   for (const uint32_t command : {1u, 2u, 3u}) {
     // The destination is gone when the datagram is sent.
     SockAddrRec to = AddressOf("127.0.0.1", command == 1 ? first.port() : second.port());
@@ -384,15 +393,13 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(mnWrite(out, node), 0) << "without a destination it could never be sent";
   EXPECT_EQ(node->sock.error, 89);
   EXPECT_EQ(WriteState(node), "11, sent 0, out 3, queue 3");
-  Platform::Fail("sendto", 2, EAGAIN);
   EXPECT_EQ(mnFinishWrite(node), 1);
   EXPECT_EQ(WriteState(node), "11, sent 1, out 2, queue 2");
   EXPECT_EQ(mnFinishWrite(node), 1);
   EXPECT_EQ(WriteState(node), "0, sent 3, out 0");
-  EXPECT_EQ(WordAt(first.ReadDatagram(), kHeader), 1u);
-  EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 2u);
-  EXPECT_EQ(WordAt(second.ReadDatagram(), kHeader), 3u);
-
+  EXPECT_EQ(WordAt(first.Read(), kHeader), 1u);
+  EXPECT_EQ(WordAt(second.Read(), kHeader), 2u);
+  EXPECT_EQ(WordAt(second.Read(), kHeader), 3u);
   // A write descriptor that an application queued keeps no destination.
   void* desc = nullptr;
   ASSERT_TRUE(fNewMemory(&desc, sizeof(IoBuffer), "MQNODE"));
