@@ -16,79 +16,66 @@ std::string Facts(const MQNode* node) {
                 node->recvBuffer.length, node->recvBuffer.capacity, node->host, Text(node->addr));
 }
 
-// A creator returns the node with the reason; what comes after a failed step is still attempted, but for the listen.
+// The calls and trace points of nodes, and what is left. A creator returns the node with the reason; what comes after a
+// failed step is still attempted, but for the listen.
 TEST_F(NodeTest, Creators) {
   G_node_trace = Trace::OnNode;
-  G_socket_trace = Trace::OnSocket;
   const Peer taken = Peer::Listen();
   Alias(taken.port(), "P");
   const SockAddrRec any = AddressOf("*", 0), busy = AddressOf("127.0.0.1", taken.port());
-  SockOption keep_alive = {SOCK_OPT_KEEPALIVE, 0, 1};
-  using Name = SockAddrRec*;
-  const auto connector = [](Name name) { return CreateMQNode(name, MQ_ROLE_CONNECT); };
-  const auto listener = [](Name name) { return CreateMQNode(name, MQ_ROLE_LISTEN); };
-  const std::string stream = "socket(2, 1, 0) = fd; CreateAnySocket; ";
-  const std::string datagram = "socket(2, 2, 0) = fd; CreateAnySocket; setsockopt(1:13, 1, 0) = 0; ";
-  const std::string options = "setsockopt(1:2, 0) = 0; setsockopt(1:13, 1, 0) = 0; ";
-  const std::string alive = "setsockopt(1:9, 1) = 0; setsockopt(1:13, 1, 0) = 0; ";
-  const std::string resolve = "BindSocket:Before; AddrToIP:Before; AddrToIP:After; ";
-  const std::string bind = resolve + "uname() = 0; bind(0.0.0.0:0) = {}; BindSocket:After; ";
-  const std::string bound = format(fmt::runtime(bind), "0");
-  const std::string closed = "role {}, open 0, error {}, asks 136/16520, host *, addr ";
-  const std::string named = "testnode 0.0.0.0 0 tcp 0", unnamed = "testnode - - tcp 0", asked = "* - 0 tcp 0";
-  const auto facts = [&](int role, int error) { return format(fmt::runtime(closed), role, error); };
-  const std::string open = "role 0, open 1, error 0, asks 16520/16520, host *, addr " + named;
-  const struct {
-    std::function<MQNode*(Name)> create;
-    SockAddrRec name;
-    std::string happens, facts;
-    const char* failing = "";
-    int nth = 1, code = 0;
-  } rows[] = {
-      {connector, any, stream + options + "CreateMQNode", facts(0, 0) + asked},
-      {[](Name name) { return CreateMQNode(name, 7); }, any, stream + options + "CreateMQNode", facts(7, 0) + asked},
-      {listener, any, stream + options + bound + "listen(5) = 0; ListenSocket; CreateMQNode", facts(1, 0) + named},
-      {[&](Name name) { return CreateMQNodeWithOpt(name, 1, &keep_alive); }, any,
-       stream + alive + bound + "listen(5) = 0; ListenSocket; CreateMQNodeWithOpt", facts(1, 0) + named},
-      {[](Name name) { return CreateMQNodeWithOpt(name, 0, nullptr); }, any,
-       stream + "setsockopt(1:13, 1, 0) = 0; CreateMQNodeWithOpt", facts(0, 0) + asked},
-      {[&](Name name) { return CreateUDPMQNodeWithOpt(name, &keep_alive); }, any,
-       "socket(2, 2, 0) = fd; CreateAnySocket; " + alive + bound + "CreateUDPMQNodeWithOpt", open},
-      {CreateUDPMQNode, any, datagram + bound + "CreateUDPMQNodeWithOpt", open},
-      // failures
-      {listener, any,
-       "socket(2, 1, 0) = -1 EMFILE; CreateAnySocket; setsockopt(1:2, 0) = -1 EBADF; setsockopt(1:13, 1, 0) = -1 "
-       "EBADF; " +
-           format(fmt::runtime(bind), "-1 EBADF") + "CreateMQNode",
-       facts(1, EBADF) + unnamed, "socket", 1, EMFILE},
-      {connector, any, stream + "setsockopt(1:2, 0) = -1 ENOMEM; setsockopt(1:13, 1, 0) = 0; CreateMQNode",
-       facts(0, 0) + asked, "setsockopt", 1, ENOMEM},
-      {connector, any, stream + "setsockopt(1:2, 0) = 0; setsockopt(1:13, 1, 0) = -1 ENOMEM; CreateMQNode",
-       facts(0, ENOMEM) + asked, "setsockopt", 2, ENOMEM},
-      {listener, any, stream + options + bound + "listen(5) = -1 EINVAL; ListenSocket; CreateMQNode",
-       facts(1, EINVAL) + named, "listen", 1, EINVAL},
-      {listener, busy,
-       stream + options + resolve + "uname() = 0; bind(127.0.0.1:P) = -1 EADDRINUSE; BindSocket:After; CreateMQNode",
-       "role 1, open 0, error 98, asks 136/16520, host 127.0.0.1, addr " + unnamed},
-      {CreateUDPMQNode, any, datagram + format(fmt::runtime(bind), "-1 EACCES") + "CreateUDPMQNodeWithOpt",
-       "role 0, open 0, error 13, asks 16520/16520, host *, addr " + unnamed, "bind", 1, EACCES},
-      {CreateUDPMQNode, AddressOf("nowhere", "0"),
-       datagram + "BindSocket:Before; AddrToIP:Before; gethostbyname(nowhere) = 0; AddrToIP:After; BindSocket:After; "
-                  "CreateUDPMQNodeWithOpt",
-       "role 0, open 0, error 9003, asks 16520/16520, host nowhere, addr nowhere - 0 tcp 0"},
-  };
-  for (const auto& row : rows) {
-    if (*row.failing != '\0') Platform::Fail(row.failing, row.nth, row.code);
-    SockAddrRec name = row.name;
+  const auto make = [&](const std::function<MQNode*(SockAddrRec*)>& create, const SockAddrRec& at,
+                        const char* failing = "", int nth = 1, int code = 0) {
+    if (*failing != '\0') Platform::Fail(failing, nth, code);
+    SockAddrRec name = at;
     Take();
     errno = 0;
-    const Node node(row.create(&name));
-    EXPECT_EQ(Take("csn"), row.happens);
-    EXPECT_EQ(Facts(node), row.facts) << row.happens;
-    EXPECT_EQ(memcmp(&name, &row.name, sizeof name), 0) << "the caller's address was changed";
+    const Node node(create(&name));
+    const std::string happened = Take("cn");
+    EXPECT_EQ(memcmp(&name, &at, sizeof name), 0) << "the caller's address was changed";
     mnSetTraceCallBack(nullptr, node);
-    OnSocketTrace(&node->sock, nullptr);
-  }
+    return happened + " | " + Facts(node);
+  };
+  SockOption alive = {SOCK_OPT_KEEPALIVE, 0, 1};
+  const auto connector = [](SockAddrRec* name) { return CreateMQNode(name, MQ_ROLE_CONNECT); };
+  const auto listener = [](SockAddrRec* name) { return CreateMQNode(name, MQ_ROLE_LISTEN); };
+  const auto other = [](SockAddrRec* name) { return CreateMQNode(name, 7); };
+  const auto with_none = [](SockAddrRec* name) { return CreateMQNodeWithOpt(name, 0, nullptr); };
+  const auto with_option = [&](SockAddrRec* name) { return CreateMQNodeWithOpt(name, 1, &alive); };
+  const auto datagram_with_option = [&](SockAddrRec* name) { return CreateUDPMQNodeWithOpt(name, &alive); };
+  const std::string linger = "setsockopt(1:13, 1, 0) = 0; ", options = "setsockopt(1:2, 0) = 0; " + linger;
+  const std::string stream = "socket(2, 1, 0) = fd; ", datagram = "socket(2, 2, 0) = fd; ";
+  const std::string bind = "uname() = 0; bind(0.0.0.0:0) = 0; ", listen = bind + "listen(5) = 0; ";
+  const std::string made = "CreateMQNode | ", made_with = "CreateMQNodeWithOpt | ";
+  const std::string made_udp = "CreateUDPMQNodeWithOpt | role 0, ";
+  const std::string idle = ", open 0, error {}, asks 136/16520, host *, addr ";
+  const std::string fine = format(fmt::runtime(idle), 0);
+  const std::string bound = "testnode 0.0.0.0 0 tcp 0", unbound = "testnode - - tcp 0", asked = "* - 0 tcp 0";
+  EXPECT_EQ(make(connector, any), stream + options + made + "role 0" + fine + asked);
+  EXPECT_EQ(make(other, any), stream + options + made + "role 7" + fine + asked);
+  EXPECT_EQ(make(with_none, any), stream + linger + made_with + "role 0" + fine + asked);
+  EXPECT_EQ(make(listener, any), stream + options + listen + made + "role 1" + fine + bound);
+  EXPECT_EQ(make(with_option, any),
+            stream + "setsockopt(1:9, 1) = 0; " + linger + listen + made_with + "role 1" + fine + bound);
+  EXPECT_EQ(make(datagram_with_option, any), datagram + "setsockopt(1:9, 1) = 0; " + linger + bind + made_udp +
+                                                 "open 1, error 0, asks 16520/16520, host *, addr " + bound);
+  EXPECT_EQ(make(CreateUDPMQNode, any),
+            datagram + linger + bind + made_udp + "open 1, error 0, asks 16520/16520, host *, addr " + bound);
+  EXPECT_EQ(make(listener, any, "socket", 1, EMFILE),
+            "socket(2, 1, 0) = -1 EMFILE; setsockopt(1:2, 0) = -1 EBADF; setsockopt(1:13, 1, 0) = -1 EBADF; uname() = "
+            "0; bind(0.0.0.0:0) = -1 EBADF; CreateMQNode | role 1" +
+                format(fmt::runtime(idle), EBADF) + unbound);
+  EXPECT_EQ(make(connector, any, "setsockopt", 1, ENOMEM),
+            stream + "setsockopt(1:2, 0) = -1 ENOMEM; " + linger + made + "role 0" + fine + asked);
+  EXPECT_EQ(make(connector, any, "setsockopt", 2, ENOMEM),
+            stream + "setsockopt(1:2, 0) = 0; setsockopt(1:13, 1, 0) = -1 ENOMEM; " + made + "role 0" +
+                format(fmt::runtime(idle), ENOMEM) + asked);
+  EXPECT_EQ(make(listener, any, "listen", 1, EINVAL), stream + options + bind + "listen(5) = -1 EINVAL; " + made +
+                                                          "role 1" + format(fmt::runtime(idle), EINVAL) + bound);
+  EXPECT_EQ(make(listener, busy), stream + options + "uname() = 0; bind(127.0.0.1:P) = -1 EADDRINUSE; " + made +
+                                      "role 1, open 0, error 98, asks 136/16520, host 127.0.0.1, addr " + unbound);
+  EXPECT_EQ(make(CreateUDPMQNode, AddressOf("nowhere", "0")),
+            datagram + linger + "gethostbyname(nowhere) = 0; " + made_udp +
+                "open 0, error 9003, asks 16520/16520, host nowhere, addr nowhere - 0 tcp 0");
 }
 
 // Every field that does not depend on the creator, and a node over a socket that exists.
@@ -266,31 +253,24 @@ std::string Open(MQNode* node) {
 
 TEST_F(NodeTest, OpenConnects) {
   const Peer listener = Peer::Listen(), nobody = Peer::Bound(SOCK_STREAM);
-  const std::string trace = " | ConnectSocket:Before; AddrToIP:Before; AddrToIP:After; {}ConnectSocket:After; mnOpen";
-  const struct {
-    SockAddrRec to;
-    bool blocking;
-    std::string outcome, report;
-  } rows[] = {
-      {AddressOf("localhost", listener.port()), true, "1, 0, 1", ""},
-      {AddressOf("127.0.0.1", nobody.port()), true, "0, 111, 0", "onError 111; "},
-      {AddressOf("127.0.0.1", listener.port()), false, "0, 11, 0", "onError 11; "},
-      {AddressOf("nowhere", listener.port()), true, "0, 9003, 0", "onError 9003; "},
-      {AddressOf("127.0.0.1", "no-such"), true, "0, 9002, 0", "onError 9002; "},
-  };
-  for (const auto& row : rows) {
-    SockAddrRec to = row.to;
+  const auto open = [](SockAddrRec to, bool blocking = true) {
     const Node node(CreateMQNode(&to, MQ_ROLE_CONNECT));
-    if (!row.blocking) NoblockSocket(&node->sock);
+    if (!blocking) NoblockSocket(&node->sock);
     Watch(node);
-    EXPECT_EQ(Open(node), row.outcome + format(fmt::runtime(trace), row.report));
-  }
+    return Open(node);
+  };
+  const std::string to = " | ConnectSocket:Before; AddrToIP:Before; AddrToIP:After; ",
+                    done = "ConnectSocket:After; mnOpen";
+  EXPECT_EQ(open(AddressOf("localhost", listener.port())), "1, 0, 1" + to + done);
+  EXPECT_EQ(open(AddressOf("127.0.0.1", nobody.port())), "0, 111, 0" + to + "onError 111; " + done);
+  EXPECT_EQ(open(AddressOf("127.0.0.1", listener.port()), false), "0, 11, 0" + to + "onError 11; " + done);
+  EXPECT_EQ(open(AddressOf("nowhere", 1)), "0, 9003, 0" + to + "onError 9003; " + done);
   // An open node; one that is connected but not known to be open; another role.
   const Link link = Connect();
   Watch(link.node);
   EXPECT_EQ(Open(link.node), "1, 0, 1 | ");
   link.node->openState = 0;
-  EXPECT_EQ(Open(link.node), "1, 0, 1" + format(fmt::runtime(trace), ""));
+  EXPECT_EQ(Open(link.node), "1, 0, 1" + to + done);
   link.node->openState = 0;
   link.node->role = 2;
   EXPECT_EQ(Open(link.node), "0, 0, 0 | mnOpen");

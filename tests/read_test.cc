@@ -32,50 +32,29 @@ class ReadTest : public NodeTest {
 // Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are a
 // header again. Only a header that is recognised gets converted.
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
-  const struct {
-    bool secure;
-    uint32_t first, announced;
-    uint32_t asked = 0;  // 0: refused
-  } rows[] = {{false, 136, 24, 160},
-              {false, 136, 1, 137},
-              {false, 136, MQ_MAX_MESSAGE - 136, MQ_MAX_MESSAGE},
-              {false, 136, MQ_MAX_MESSAGE - 135},
-              {false, 136, 0},
-              {false, 136, 0xFFFFFFFF},
-              {false, 136, 0xFFFFFF78},
-              {false, 136, 0xFFFFFF79},
-              {false, 135, 24},
-              {false, 137, 24},
-              {false, 32, 24},
-              {false, 136 | 1u << 31, 24},
-              {true, 32, 1, 33},
-              {true, 32, MQ_MAX_MESSAGE - 32, MQ_MAX_MESSAGE},
-              {true, 32, MQ_MAX_MESSAGE - 31},
-              {true, 32, 0},
-              {true, 32, 0xFFFFFFFF},
-              {true, 32, 0xFFFFFFE0},
-              {true, 31, 256},
-              {true, 33, 256},
-              {true, 136, 256}};
-  for (const auto& row : rows) {
-    const uint32_t length = row.secure ? kEnvelope : kHeader;
-    const std::string native = WithWord(
-        WithWord(Form(row.secure, 1).substr(0, length), row.secure ? 16 : kAtBody, row.announced), 0, row.first);
-    std::string foreign = WithWord(Foreign(Form(row.secure, 1)).substr(0, length), row.secure ? 16 : kAtBody,
-                                   __builtin_bswap32(row.announced));
-    foreign = WithWord(foreign, 0, __builtin_bswap32(row.first));
-    for (const std::string& header : {native, foreign}) {
+  const auto check = [this](bool secure, uint32_t first, uint32_t announced, bool accepted) {
+    const uint32_t length = secure ? kEnvelope : kHeader, at = secure ? 16 : kAtBody;
+    const std::string native = Form(secure, 1).substr(0, length);
+    for (const bool foreign : {false, true}) {
       const Link link = Connect(false);
-      EXPECT_EQ(Read(link, header, row.secure), row.asked != 0
-                                                    ? format("nothing, 11, read 0, held {}/{}", length, row.asked)
-                                                    : format("nothing, 2026, read 0, held 0/{}", length))
-          << row.first << " " << row.announced;
-      EXPECT_EQ(Take("m"), row.first != length ? "" : row.secure ? "AlienToNativeExt" : "AlienToNative");
-      if (row.asked != 0) continue;
-      EXPECT_EQ(Read(link, Foreign(Form(row.secure, 2)), row.secure),
-                format("2:4 from {}, 0, read 1, held 0/{}", row.secure ? "tester" : "peer", length));
+      const auto word = [&](uint32_t value) { return foreign ? __builtin_bswap32(value) : value; };
+      const std::string form = foreign ? Foreign(native) : native;
+      EXPECT_EQ(Read(link, WithWord(WithWord(form, at, word(announced)), 0, word(first)), secure),
+                accepted ? format("nothing, 11, read 0, held {}/{}", length, length + announced)
+                         : format("nothing, 2026, read 0, held 0/{}", length))
+          << first << " " << announced;
+      EXPECT_EQ(Take("m"), first != length ? "" : secure ? "AlienToNativeExt" : "AlienToNative");
+      if (accepted) continue;
+      EXPECT_EQ(Read(link, Foreign(Form(secure, 2)), secure),
+                format("2:4 from {}, 0, read 1, held 0/{}", secure ? "tester" : "peer", length));
     }
-  }
+  };
+  for (const uint32_t length : {1u, 24u, MQ_MAX_MESSAGE - 136}) check(false, 136, length, true);
+  for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 135, 0xFFFFFFFFu, 0xFFFFFF78u}) check(false, 136, length, false);
+  for (const uint32_t first : {32u, 135u, 137u, 136u | 1u << 31}) check(false, first, 24, false);
+  for (const uint32_t length : {1u, MQ_MAX_MESSAGE - 32}) check(true, 32, length, true);
+  for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 31, 0xFFFFFFFFu, 0xFFFFFFE0u}) check(true, 32, length, false);
+  for (const uint32_t first : {31u, 33u, 136u}) check(true, first, 256, false);
   // Something signed that is shorter than any header.
   EXPECT_EQ(Read(Connect(), WithWord(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
             "nothing, -1001, read 1, held 0/32");
@@ -84,109 +63,81 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
 // Trace points with what they see: the order of reports and resets, which differs in a receive that fails.
 TEST_F(ReadTest, Traces) {
   const Link links[] = {Connect(false), Connect(false)};
-  const std::string plain = Wire(1), wire = keys_.Sign(1);
-  const std::string empty = WithWord(plain.substr(0, kHeader), kAtBody, 0);
-  const std::string got = "ReadSocket:Before; ReadSocket:After; ";
-  const std::string blocked = "ReadSocket:Before; onError 11; ReadSocket:After; ";
-  const std::string reset = got + "ReadSocket:Before; onError 104; ReadSocket:After; ";
-  const struct {
-    bool secure;
-    std::string bytes;
-    std::string trace;
-    int failing = 0;  // receive
-  } rows[] = {
-      // whole: by the nested read, and by the outer
-      {false, plain, got + got + "mnRead 0, read 1, held 0/136; mnRead 0, read 1, held 0/136"},
-      // part of a header
-      {false, plain.substr(0, 100),
-       got + blocked + "mnReadMsg 11, read 1, held 100/136; mnRead 11, read 1, held 100/136"},
-      // the nested read runs dry
-      {false, plain.substr(100, 40),
-       got + got + blocked +
-           "mnReadMsg 11, read 1, held 140/160; mnRead 11, read 1, held 140/160; "
-           "mnRead 11, read 1, held 140/160"},
-      {false, plain.substr(140), got + "mnRead 0, read 2, held 0/136"},
-      // wrong first word: traced with the bytes still there
-      {false, std::string(136, 'x'), got + "mnReadMsg 2026, read 2, held 136/136; mnRead 2026, read 2, held 0/136"},
-      {false, empty, got + "mnRead 2026, read 2, held 136/136"},
-      // reset, then traced
-      {false, plain.substr(0, 100), reset + "mnReadMsg 104, read 2, held 0/136; mnRead 104, read 2, held 0/136", 2},
-      {true, wire, got + got + "mnSRead 0, read 1, held 0/32; mnSRead 0, read 1, held 0/32"},
-      // replayed
-      {true, wire, got + got + "mnSRead -1001, read 2, held 288/288; mnSRead -1001, read 2, held 0/32"},
-      {true, wire.substr(0, 20), got + blocked + "mnSReadMsg 11, read 2, held 20/32; mnSRead 11, read 2, held 20/32"},
-      {true, wire.substr(20, 50),
-       got + got + blocked +
-           "mnSReadMsg 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288; "
-           "mnSRead 11, read 2, held 70/288"},
-      {true, wire.substr(70), got + "mnSRead -1001, read 3, held 288/288"},
-      {true, plain.substr(0, 32), got + "mnSReadMsg 2026, read 3, held 32/32; mnSRead 2026, read 3, held 0/32"},
-      // traced, then reset
-      {true, wire.substr(0, 20), reset + "mnSReadMsg 104, read 3, held 20/32; mnSRead 104, read 3, held 0/32", 2},
+  const auto read = [&](bool secure, const std::string& bytes, int failing = 0) {
+    Watch(links[secure].node, ReadState);
+    if (failing != 0) Platform::Fail("recvfrom", failing, ECONNRESET);
+    Read(links[secure], bytes, secure);
+    return Take("sn");
   };
-  for (const auto& row : rows) {
-    const Link& link = links[row.secure];
-    Watch(link.node, ReadState);
-    if (row.failing != 0) Platform::Fail("recvfrom", row.failing, ECONNRESET);
-    Read(link, row.bytes, row.secure);
-    EXPECT_EQ(Take("sn"), row.trace);
-  }
-  const Node node = CreateDatagram();
-  const Peer peer = Peer::Datagram();
-  Watch(node);
-  for (const std::string& bytes : {plain, std::string("short")}) {
-    peer.SendTo(PortOf(node->sock.fd), bytes);
-    Read(node);
-    EXPECT_EQ(Take("sn"), "ReadSocket:Before; ReadSocket:After; mnRead");
-  }
+  const std::string plain = Wire(1), wire = keys_.Sign(1);
+  const std::string got = "ReadSocket:Before; ReadSocket:After; ";
+  const std::string blocked = got + "ReadSocket:Before; onError 11; ReadSocket:After; ";
+  const std::string reset = got + "ReadSocket:Before; onError 104; ReadSocket:After; ";
+  // Whole: by the nested read, and by the outer. Part of a header; then the nested read runs dry; then the rest.
+  EXPECT_EQ(read(false, plain), got + got + "mnRead 0, read 1, held 0/136; mnRead 0, read 1, held 0/136");
+  EXPECT_EQ(read(false, plain.substr(0, 100)),
+            blocked + "mnReadMsg 11, read 1, held 100/136; mnRead 11, read 1, held 100/136");
+  EXPECT_EQ(read(false, plain.substr(100, 40)),
+            got + blocked +
+                "mnReadMsg 11, read 1, held 140/160; mnRead 11, read 1, held 140/160; mnRead 11, read 1, "
+                "held 140/160");
+  EXPECT_EQ(read(false, plain.substr(140)), got + "mnRead 0, read 2, held 0/136");
+  // A wrong first word is traced with the bytes still there; a receive that fails after the reset.
+  EXPECT_EQ(read(false, std::string(136, 'x')),
+            got + "mnReadMsg 2026, read 2, held 136/136; mnRead 2026, read 2, held 0/136");
+  EXPECT_EQ(read(false, WithWord(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
+  EXPECT_EQ(read(false, "part", 2), reset + "mnReadMsg 104, read 2, held 0/136; mnRead 104, read 2, held 0/136");
+  EXPECT_EQ(read(true, wire), got + got + "mnSRead 0, read 1, held 0/32; mnSRead 0, read 1, held 0/32");
+  // Replayed, whole and in parts.
+  EXPECT_EQ(read(true, wire), got + got + "mnSRead -1001, read 2, held 288/288; mnSRead -1001, read 2, held 0/32");
+  EXPECT_EQ(read(true, wire.substr(0, 20)),
+            blocked + "mnSReadMsg 11, read 2, held 20/32; mnSRead 11, read 2, held 20/32");
+  EXPECT_EQ(read(true, wire.substr(20, 50)),
+            got + blocked +
+                "mnSReadMsg 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288; mnSRead 11, read 2, "
+                "held 70/288");
+  EXPECT_EQ(read(true, wire.substr(70)), got + "mnSRead -1001, read 3, held 288/288");
+  EXPECT_EQ(read(true, plain.substr(0, 32)),
+            got + "mnSReadMsg 2026, read 3, held 32/32; mnSRead 2026, read 3, held 0/32");
+  EXPECT_EQ(read(true, "part", 2), reset + "mnSReadMsg 104, read 3, held 4/32; mnSRead 104, read 3, held 0/32");
 }
 
 // Each function of the companion failing in turn: what the node says, what was called, which user the record names.
 TEST_F(ReadTest, CompanionFailures) {
+  const auto read = [this](bool secure, const std::string& failing) {
+    const Link link = Connect();
+    const Message small;
+    memcpy(small->secHeader.userId, "none", 4);
+    Send(link, (secure ? keys_.Sign(4, 100) : Wire(4, 100)) + Form(secure, 5));
+    Companion::Now().failing = failing;
+    EXPECT_EQ(mnSRead(small, link.node, secure, nullptr), failing.empty());
+    const std::string outcome = format("{} | {}, user {}", Take("m"), ReadState(link.node), small.sender());
+    Companion::Now().failing.clear();
+    // A header that could not be converted was dropped, its body was not; else the next message is read.
+    const bool in_step = outcome.find(';') != std::string::npos;
+    EXPECT_EQ(in_step ? mnSRead(in_, link.node, secure, nullptr) : 1, 1) << outcome;
+    EXPECT_EQ(in_step ? in_.command() : 5, 5u) << outcome;
+    return outcome;
+  };
   const std::string plain = "AlienToNative; SizePcfMessage 256";
   const std::string gathered = "AlienToNativeExt; SizePcfMessage 384";
-  const std::string authentic = gathered + "; mqc_authenticate; AlienToNative";
-  const struct {
-    bool secure;
-    const char *failing, *left, *user;
-    std::string calls;
-  } rows[] = {
-      {false, "AlienToNative", "2026, read 0, held 0/136", "none", "AlienToNative"},
-      {false, "SizePcfMessage", "2102, read 0, held 0/136", "none", plain},
-      {false, "AlienPcfToNative", "4005, read 1, held 0/136", "peer", plain + "; AlienPcfToNative"},
-      {false, "RawToPcf", "4005, read 1, held 0/136", "peer", plain + "; AlienPcfToNative; RawToPcf"},
-      {false, "", "0, read 1, held 0/136", "peer", plain + "; AlienPcfToNative; RawToPcf"},
-      {true, "AlienToNativeExt", "2026, read 0, held 0/32", "none", "AlienToNativeExt"},
-      {true, "SizePcfMessage", "2102, read 0, held 0/32", "none", gathered},
-      // after a failed check the record still holds what came
-      {true, "mqc_authenticate", "-1001, read 1, held 0/32", "tester", gathered + "; mqc_authenticate"},
-      {true, "AlienToNative", "2026, read 1, held 0/32", "tester", authentic + "; DumpPcfMessage"},
-      {true, "AlienPcfToNative", "4005, read 1, held 0/32", "tester", authentic + "; AlienPcfToNative; DumpPcfMessage"},
-      {true, "RawToPcf", "4005, read 1, held 0/32", "tester",
-       authentic + "; AlienPcfToNative; RawToPcf; DumpPcfMessage"},
-      {true, "", "0, read 1, held 0/32", "tester", authentic + "; AlienPcfToNative; RawToPcf"},
-  };
-  for (const auto& row : rows) {
-    const Link link = Connect();
-    PcfMessage small;
-    mqc_message_init(&small);
-    memcpy(small.secHeader.userId, "none", 4);
-    Send(link, (row.secure ? keys_.Sign(4, 100) : Wire(4, 100)) + Form(row.secure, 5));
-    Companion::Now().failing = row.failing;
-    EXPECT_EQ(mnSRead(&small, link.node, row.secure, nullptr), *row.failing == '\0');
-    EXPECT_EQ(Take("m"), row.calls);
-    EXPECT_EQ(ReadState(link.node), row.left) << row.calls;
-    EXPECT_EQ(std::string(small.secHeader.userId, 12), Field(row.user, 12));
-    if (row.secure && *row.failing == '\0') {
-      EXPECT_EQ(format("{} {} {}", small.secHeader.hdrLength, small.secHeader.version, small.raw.length), "32 1 256");
-    }
-    mqc_message_release(&small);
-    Companion::Now().failing.clear();
-    // A header that could not be converted was dropped, its body was not.
-    if (row.calls.find(';') == std::string::npos) continue;
-    EXPECT_EQ(mnSRead(in_, link.node, row.secure, nullptr), 1) << row.failing;
-    EXPECT_EQ(in_.Text(), row.secure ? "5:4 from tester" : "5:4 from peer");
-  }
+  const std::string checked = gathered + "; mqc_authenticate", native = checked + "; AlienToNative";
+  EXPECT_EQ(read(false, "AlienToNative"), "AlienToNative | 2026, read 0, held 0/136, user none");
+  EXPECT_EQ(read(false, "SizePcfMessage"), plain + " | 2102, read 0, held 0/136, user none");
+  EXPECT_EQ(read(false, "AlienPcfToNative"), plain + "; AlienPcfToNative | 4005, read 1, held 0/136, user peer");
+  EXPECT_EQ(read(false, "RawToPcf"), plain + "; AlienPcfToNative; RawToPcf | 4005, read 1, held 0/136, user peer");
+  EXPECT_EQ(read(false, ""), plain + "; AlienPcfToNative; RawToPcf | 0, read 1, held 0/136, user peer");
+  EXPECT_EQ(read(true, "AlienToNativeExt"), "AlienToNativeExt | 2026, read 0, held 0/32, user none");
+  EXPECT_EQ(read(true, "SizePcfMessage"), gathered + " | 2102, read 0, held 0/32, user none");
+  // After a failed check the record still holds what came.
+  EXPECT_EQ(read(true, "mqc_authenticate"), checked + " | -1001, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, "AlienToNative"), native + "; DumpPcfMessage | 2026, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, "AlienPcfToNative"),
+            native + "; AlienPcfToNative; DumpPcfMessage | 4005, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, "RawToPcf"),
+            native + "; AlienPcfToNative; RawToPcf; DumpPcfMessage | 4005, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, ""), native + "; AlienPcfToNative; RawToPcf | 0, read 1, held 0/32, user tester");
+  EXPECT_EQ(format("{} {} {}", in_->secHeader.hdrLength, in_->secHeader.version, in_->raw.length), "32 1 160");
 }
 
 TEST_F(ReadTest, ReceiveBufferGrowsForLongMessagesAlone) {
@@ -226,88 +177,71 @@ TEST_F(ReadTest, NoMemory) {
   }
 }
 
-// Whole messages alone, each of which is converted once; nothing short is. An idle buffer is not armed again.
+// Whole messages alone, each of which is converted; nothing short is. An idle buffer is not armed again.
 TEST_F(ReadTest, Datagrams) {
   const Node node = CreateDatagram();
   NoblockSocket(&node->sock);
   const Peer peer = Peer::Datagram();
   Alias(peer.port(), "P");
-  const std::string wire = Wire(1), wire2 = keys_.Sign(2);
-  const struct {
-    bool secure;
-    std::string bytes;
-    const char* outcome;
-    bool judged = true;
-  } rows[] = {
-      {false, wire, "1:4 from peer, 0"},
-      {false, Foreign(wire), "1:4 from peer, 0"},
-      {false, Wire(1, 16520 - 156), "1:16364 from peer, 0"},
-      {false, Wire(1, 16520 - 155), "nothing, 2026"},
-      {false, wire.substr(0, wire.size() - 1), "nothing, 2026"},
-      {false, wire + "x", "nothing, 2026"},
-      {false, wire.substr(0, kHeader), "nothing, 2026"},
-      {false, WithWord(wire.substr(0, kHeader), kAtBody, 0), "nothing, 2026"},
-      {false, wire.substr(0, kHeader - 1), "nothing, 2026", false},
-      {false, "x", "nothing, 2026", false},
-      {false, WithWord(wire, 0, 135), "nothing, 2026", false},
-      {false, WithWord(wire, kAtBody, 24 + 0xFFFFFF00u), "nothing, 2026"},
-      {false, "", "nothing, 9004", false},
-      {false, "(none)", "nothing, 11", false},
-      {true, wire2 + "x", "nothing, 2026"},
-      {true, wire2.substr(0, wire2.size() - 1), "nothing, 2026"},
-      {true, wire2.substr(0, kEnvelope), "nothing, 2026"},
-      {true, wire2.substr(0, kEnvelope - 1), "nothing, 2026", false},
-      {true, wire2, "2:4 from tester, 0"},
-  };
-  for (const auto& row : rows) {
-    const bool some = row.bytes != "(none)";
-    if (some) peer.SendTo(PortOf(node->sock.fd), row.bytes);
-    if (some) Await(node->sock.fd);
+  const auto read = [&](bool secure, const std::string& bytes, bool sent = true) {
+    if (sent) peer.SendTo(PortOf(node->sock.fd), bytes);
+    if (sent) Await(node->sock.fd);
     node->msgsRead = 0;
     Take();
-    const std::string outcome = Read(node, row.secure);
-    EXPECT_EQ(outcome, format("{}, read {}, held 0/16520", row.outcome, node->msgsRead));
-    EXPECT_EQ(node->msgsRead, outcome[0] == 'n' ? 0u : 1u) << row.outcome;
+    const std::string outcome = Read(node, secure);
+    const std::string tail = format(", read {}, held 0/16520", outcome[0] == 'n' ? 0 : 1);
+    EXPECT_EQ(outcome.substr(outcome.size() - tail.size()), tail);
     const std::string events = Take("mb");
-    EXPECT_EQ(events.find("AlienToNative") != events.npos, row.judged) << row.bytes.size();
-    EXPECT_EQ(events.find("reset") != events.npos, some) << row.bytes.size();
-    EXPECT_EQ(events.find("reset"), events.rfind("reset")) << row.bytes.size();
+    EXPECT_EQ(events.find("reset") != events.npos, sent) << outcome;
+    EXPECT_EQ(events.find("reset"), events.rfind("reset")) << outcome;
+    return outcome.substr(0, outcome.size() - tail.size()) + events.substr(0, events.find_first_of(" ;"));
+  };
+  const std::string wire = Wire(1), wire2 = keys_.Sign(2);
+  EXPECT_EQ(read(false, wire), "1:4 from peer, 0AlienToNative");
+  EXPECT_EQ(read(false, Foreign(wire)), "1:4 from peer, 0AlienToNative");
+  EXPECT_EQ(read(false, Wire(1, 16520 - 156)), "1:16364 from peer, 0AlienToNative");
+  for (const std::string& bytes :
+       {Wire(1, 16520 - 155), wire.substr(0, 159), wire + "x", wire.substr(0, kHeader),
+        WithWord(wire.substr(0, kHeader), kAtBody, 0), WithWord(wire, kAtBody, 24 + 0xFFFFFF00u)}) {
+    EXPECT_EQ(read(false, bytes), "nothing, 2026AlienToNative") << bytes.size();
   }
+  for (const std::string& bytes : {wire.substr(0, kHeader - 1), std::string("x"), WithWord(wire, 0, 135)}) {
+    EXPECT_EQ(read(false, bytes), "nothing, 2026reset") << bytes.size();
+  }
+  EXPECT_EQ(read(false, ""), "nothing, 9004reset");
+  EXPECT_EQ(read(false, "", false), "nothing, 11");
+  for (const std::string& bytes : {wire2 + "x", wire2.substr(0, wire2.size() - 1), wire2.substr(0, kEnvelope)}) {
+    EXPECT_EQ(read(true, bytes), "nothing, 2026AlienToNativeExt") << bytes.size();
+  }
+  EXPECT_EQ(read(true, wire2.substr(0, kEnvelope - 1)), "nothing, 2026reset");
+  EXPECT_EQ(read(true, wire2), "2:4 from tester, 0AlienToNativeExt");
   EXPECT_EQ(Text(node->sock.from), "- 127.0.0.1 P tcp P");
   // The gather step alone keeps what it has.
   peer.SendTo(PortOf(node->sock.fd), wire);
   peer.SendTo(PortOf(node->sock.fd), Wire(2));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(mnReadMsg(node), 1);
-    EXPECT_EQ(ReadState(node), "0, read 1, held 160/160");
-    EXPECT_EQ(memcmp(node->recvBuffer.data, wire.data(), wire.size()), 0);
-  }
+  Watch(node);
+  EXPECT_EQ(mnReadMsg(node) + mnReadMsg(node), 2);
+  EXPECT_EQ(ReadState(node), "0, read 1, held 160/160");
   EXPECT_EQ(Read(node), "1:4 from peer, 0, read 2, held 0/16520");
+  EXPECT_EQ(Take("sn"), "ReadSocket:Before; ReadSocket:After; mnRead");
 }
 
 // One stream that changes its framing between messages, buffers left idle or with a part by the other reader.
 TEST_F(ReadTest, SwitchingFraming) {
   const Link link = Connect(false);
-  const std::string envelope = keys_.Sign(5).substr(0, 136);
-  const struct {
-    std::string bytes;
-    bool secure;
-    const char* outcome;
-  } rows[] = {
-      {Wire(1) + keys_.Sign(2) + Wire(3) + keys_.Sign(4), false, "1:4 from peer, 0, read 1, held 0/136"},
-      {"", true, "2:4 from tester, 0, read 2, held 0/32"},
-      {"", false, "3:4 from peer, 0, read 3, held 0/136"},
-      {"", true, "4:4 from tester, 0, read 4, held 0/32"},
-      {envelope, false, "nothing, 2026, read 4, held 0/136"},
-      // a part is judged once something has arrived
-      {Wire(6).substr(0, 100), false, "nothing, 11, read 4, held 100/136"},
-      {"", true, "nothing, 11, read 4, held 100/136"},
-      {Wire(6).substr(100, 36), true, "nothing, 2026, read 4, held 0/32"},
-      {envelope.substr(0, 20), true, "nothing, 11, read 4, held 20/32"},
-      {"", false, "nothing, 11, read 4, held 20/32"},
-      {envelope.substr(20, 12), false, "nothing, 2026, read 4, held 0/136"},
-  };
-  for (const auto& row : rows) EXPECT_EQ(Read(link, row.bytes, row.secure), row.outcome);
+  const std::string envelope = keys_.Sign(5).substr(0, 136), plain = Wire(6);
+  EXPECT_EQ(Read(link, Wire(1) + keys_.Sign(2) + Wire(3) + keys_.Sign(4)), "1:4 from peer, 0, read 1, held 0/136");
+  EXPECT_EQ(Read(link.node, true), "2:4 from tester, 0, read 2, held 0/32");
+  EXPECT_EQ(Read(link.node, false), "3:4 from peer, 0, read 3, held 0/136");
+  EXPECT_EQ(Read(link.node, true), "4:4 from tester, 0, read 4, held 0/32");
+  EXPECT_EQ(Read(link, envelope), "nothing, 2026, read 4, held 0/136");
+  // A part is judged once something has arrived.
+  EXPECT_EQ(Read(link, plain.substr(0, 100)), "nothing, 11, read 4, held 100/136");
+  EXPECT_EQ(Read(link.node, true), "nothing, 11, read 4, held 100/136");
+  EXPECT_EQ(Read(link, plain.substr(100, 36), true), "nothing, 2026, read 4, held 0/32");
+  EXPECT_EQ(Read(link, envelope.substr(0, 20), true), "nothing, 11, read 4, held 20/32");
+  EXPECT_EQ(Read(link.node, false), "nothing, 11, read 4, held 20/32");
+  EXPECT_EQ(Read(link, envelope.substr(20, 12)), "nothing, 2026, read 4, held 0/136");
 }
 
 // ---- Browsing ----
@@ -333,31 +267,25 @@ TEST_F(ReadTest, BrowseConsumesNothing) {
 }
 
 TEST_F(ReadTest, BrowseOfHeaders) {
+  const auto browse = [this](const std::string& bytes, const char* failing = "") {
+    const Link link = Connect();
+    const Message small(300);
+    Send(link, bytes);
+    Companion::Now().failing = failing;
+    const int result = mnBrowse(small, link.node);
+    return format("{}, {}, {}", result, link.node->error, Take("m"));
+  };
   const auto header = [](uint32_t first, uint32_t body) {
     return WithWord(WithWord(Wire(1).substr(0, kHeader), 0, first), kAtBody, body);
   };
-  const struct {
-    std::string bytes;
-    const char *failing, *outcome, *calls;
-  } rows[] = {
-      {header(136, 164), "SizePcfMessage", "1, 0", "AlienToNative"},
-      {header(136, 165), "SizePcfMessage", "0, 2102", "AlienToNative; SizePcfMessage 165"},
-      {header(136, 165), "", "1, 0", "AlienToNative; SizePcfMessage 165"},
-      {header(136, 164), "AlienToNative", "0, 2026", "AlienToNative; DumpPcfMessage"},
-      {header(136, 0x7FFFFFFF), "", "0, 2102", "AlienToNative; SizePcfMessage 2147483647"},
-      {header(136, 0xFFFFFFFF), "", "1, 0", "AlienToNative"},  // compared as a signed number
-      {header(135, 64), "", "0, 2026", ""},
-      {header(137, 64), "", "0, 2026", ""},
-      {"text", "", "0, 2026", ""},
-  };
-  for (const auto& row : rows) {
-    const Link link = Connect();
-    const Message small(300);
-    Send(link, row.bytes);
-    Companion::Now().failing = row.failing;
-    const int result = mnBrowse(small, link.node);
-    EXPECT_EQ(format("{}, {}", result, link.node->error), row.outcome);
-    EXPECT_EQ(Take("m"), row.calls);
+  EXPECT_EQ(browse(header(136, 164), "SizePcfMessage"), "1, 0, AlienToNative");
+  EXPECT_EQ(browse(header(136, 165), "SizePcfMessage"), "0, 2102, AlienToNative; SizePcfMessage 165");
+  EXPECT_EQ(browse(header(136, 165)), "1, 0, AlienToNative; SizePcfMessage 165");
+  EXPECT_EQ(browse(header(136, 164), "AlienToNative"), "0, 2026, AlienToNative; DumpPcfMessage");
+  EXPECT_EQ(browse(header(136, 0x7FFFFFFF)), "0, 2102, AlienToNative; SizePcfMessage 2147483647");
+  EXPECT_EQ(browse(header(136, 0xFFFFFFFF)), "1, 0, AlienToNative") << "compared as a signed number";
+  for (const std::string& bytes : {header(135, 64), header(137, 64), std::string("text")}) {
+    EXPECT_EQ(browse(bytes), "0, 2026, ");
   }
 }
 
