@@ -39,3 +39,15 @@ function(mqnode_library_flags target)
     -fno-semantic-interposition -fno-plt -fno-tree-slp-vectorize -Wconversion)
   mqnode_count_branches(${target})
 endfunction()
+
+# A program that finds the libraries of the build tree by an absolute search path and is installed without one. CMake's
+# own way, a path that the installation replaces, ends the path in the build tree with an empty element, which names the
+# current directory.
+function(mqnode_install_program target component)
+  set_target_properties(${target} PROPERTIES
+    BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH ${CMAKE_LIBRARY_OUTPUT_DIRECTORY} INSTALL_RPATH_USE_LINK_PATH ON)
+  install(TARGETS ${target} RUNTIME COMPONENT ${component})
+  install(CODE "file(RPATH_REMOVE
+    FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>\")"
+    COMPONENT ${component})
+endfunction()

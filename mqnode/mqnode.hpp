@@ -12,7 +12,8 @@
 // Every type is a thin face of a record or handle of the C headers, which say what each operation does in full: here
 // stands only what is different. get() gives the pointer, record() the record; any C function may be called on them in
 // between, and nothing is kept beside them. A handle is as large as its pointer, and every operation is the one C call
-// that its comment names: the same system calls, the same allocations.
+// that its comment names: the same system calls, the same allocations. One thing is added: a stream node that lost part
+// of a message is closed, since its peer would take the next message for the missing part.
 //
 // Conventions
 //   Handles     Node, Message and Signer own what they hold, are moved and never copied, and release it at their end.
@@ -411,20 +412,22 @@ class NodeRef {
   Result browse(MessageRef msg) const noexcept { return outcome(mnBrowse(msg.get(), pointer_)); }
 
   // mnWrite, mnSWrite on a stream node; mnWriteTo, mnSWriteTo on a datagram node, where to may not be sender() itself
-  // but a copy. True: sent or queued, the record may be used again.
-  Result write(MessageRef msg) const noexcept { return written(mnWrite(msg.get(), pointer_)); }
-  Result write_to(MessageRef msg, SockAddrRec& to) const noexcept {
-    return written(mnWriteTo(msg.get(), pointer_, &to));
-  }
+  // but a copy. True: sent or queued, the record may be used again. False after a part was sent: the node is closed,
+  // and later writes fail with EBADF.
+  Result write(MessageRef msg) const noexcept { return written(mnWrite, msg); }
+  Result write_to(MessageRef msg, SockAddrRec& to) const noexcept { return written(mnWriteTo, msg, &to); }
   Result write_signed(MessageRef msg, const Signer& signer) const noexcept {
-    return written(mnSWrite(msg.get(), pointer_, 1, signer.get()));
+    return written(mnSWrite, msg, 1, signer.get());
   }
   Result write_signed_to(MessageRef msg, SockAddrRec& to, const Signer& signer) const noexcept {
-    return written(mnSWriteTo(msg.get(), pointer_, &to, 1, signer.get()));
+    return written(mnSWriteTo, msg, &to, 1, signer.get());
   }
 
-  // mnFinishWrite, mnIsPendingIO, mnClearPeningIO.
-  Result finish_write() const noexcept { return written(mnFinishWrite(pointer_)); }
+  // mnFinishWrite: false after a queued message was dropped; a stream node is closed then, as above. mnIsPendingIO,
+  // mnClearPeningIO: part of the oldest message may have been sent: close a stream node whose queue was discarded.
+  Result finish_write() const noexcept {
+    return of_write(mnFinishWrite(pointer_), pointer_->sock.type == SOCK_TYPE_STREAM);
+  }
   bool has_pending() const noexcept { return mnIsPendingIO(pointer_) != 0; }
   void discard_pending() const noexcept { mnClearPeningIO(pointer_); }
 
@@ -471,10 +474,18 @@ class NodeRef {
     const int code = pointer_->error;
     return {value, code, code == pointer_->sock.error && code != MQ_AGAIN ? MQ_IN_SOCKET : MQ_IN_NODE};
   }
+  template <class Function, class... Arguments>
+  Result written(Function function, MessageRef msg, Arguments... arguments) const noexcept {
+    const std::uint64_t sent = pointer_->sock.bytesSent;
+    const int value = function(msg.get(), pointer_, arguments...);
+    return of_write(value, pointer_->sock.bytesSent != sent);
+  }
   // A write that was dropped leaves 11 in the node, and the reason in its socket: 0 and 11 there mean no memory.
-  Result written(int value) const noexcept {
+  // in_part: the peer may have got a part of what was dropped.
+  Result of_write(int value, bool in_part) const noexcept {
     if (value != 0 || pointer_->error != MQ_AGAIN) return outcome(value);
     const int cause = mq_node_cause(pointer_, nullptr);
+    if (in_part) close();
     return {value, MQ_AGAIN, cause != MQ_AGAIN ? cause : ENOMEM, MQ_IN_SOCKET};
   }
   Result of_socket(int value) const noexcept { return {value, pointer_->sock.error, MQ_IN_SOCKET}; }

@@ -269,6 +269,32 @@ TEST_F(FaceTest, ResultsNameTheCause) {
   EXPECT_EQ(Told(pair.server.read(msg)), "failed 104 ECONNRESET, peer gone");
 }
 
+// After half a message was lost the peer would take the next one for its rest.
+TEST_F(FaceTest, APartialLossClosesTheNode) {
+  const Message msg = Filled();
+  for (const bool queued : {false, true}) {
+    const Pair pair = Connected();
+    Platform::Limit("send", {100});
+    if (!queued) mqc_fail_allocation(3, 0);  // record, data area, queue
+    const Result first = pair.client.write(msg);
+    mqc_fail_allocation(0, 0);
+    EXPECT_EQ(bool(first), queued);
+    Platform::Fail("send", 1, EINTR);
+    if (queued) {
+      EXPECT_EQ(Told(pair.client.finish_write()), "failed 11 EINTR");
+    }
+    Platform::Mend();
+    EXPECT_FALSE(pair.client.is_open());
+    EXPECT_EQ(Told(pair.client.write(msg)), "failed 11 EBADF");
+    EXPECT_EQ(Told(pair.server.read(msg)), "failed 104 ECONNRESET, peer gone");
+  }
+  // Nothing left: the stream is in step, the message may be written again.
+  Pair pair = Connected();
+  Platform::Fail("send", 1, EINTR);
+  EXPECT_EQ(Told(pair.client.write(msg)), "failed 11 EINTR");
+  EXPECT_TRUE(pair.client.write(msg) && pair.server.read(msg));
+}
+
 // Nothing is cut: the operation that would have used the text fails.
 TEST_F(FaceTest, AddressesThatDoNotFitDoNotResolve) {
   const std::string zero("1\0", 2);

@@ -237,6 +237,45 @@ row 0 "0% loss" "$mqcat" ping 127.0.0.1 "$port" -c 20 -i 0 -q
 wait "$greedy"
 stop many 0 "10 clients"
 
+# What a client may cost. Half a message, then nothing: bash keeps the connection.
+start bounds --max-message 1000 --max-clients 2 --max-per-address 1 --midway 2
+exec {half}<>"/dev/tcp/127.0.0.1/$port"
+printf '\210\0\0\0' >&"$half"
+row 4 "to 127.0.0.1:$port" "$mqcat" send 127.0.0.1 "$port" -c 1 -q --repeat 1000 --interval 0.01
+await bounds.err 1 "--max-per-address"
+await bounds.err 1 "half a message for 2 s (--midway)"
+exec {half}>&-
+row 4 "to 127.0.0.1:$port" "$mqcat" send 127.0.0.1 "$port" -c 1 -q --repeat 1000 --interval 0.01 \
+  -p "1=$(printf 'x%.0s' {1..1000})"
+await bounds.err 1 "a message of 1160 bytes is too long (--max-message)"
+stop bounds 0 "3 clients, 3 dropped"
+
+# A client that never reads: its messages stay where they are once 1 MiB of answers wait, far below 64 of them.
+start never --echo --format quiet
+perl -MIO::Socket::INET -e '
+  my $body = pack("V5", 1, 1, 1, 4, 900000) . "\0" x 900000;
+  my $peer = IO::Socket::INET->new("127.0.0.1:$ARGV[0]") or die;
+  $SIG{ALRM} = sub { exit };
+  alarm 1;
+  print $peer pack("V4 x48 V x68", 136, 1, 0, 1, length $body), $body while 1' "$port"
+stop never 0 "not delivered"
+[ "$(sed -n 's/^mqcat: \([0-9]*\) messages.*/\1/p' never.err)" -lt 30 ] || fail "read too much: $(cat never.err)"
+
+# Without descriptors the listener neither spins nor gives up.
+: >few.err
+(ulimit -n 20 && exec "$mqcat" listen 0 --echo --format quiet) >few.out 2>few.err &
+listener=$!
+listeners+=("$listener")
+await few.err 1 "listening on"
+port=$(sed -n 's/.*:\([0-9]*\)$/\1/p' few.err)
+many=()
+for ((i = 0; i < 20; i++)); do exec {one}<>"/dev/tcp/127.0.0.1/$port" && many+=("$one"); done
+await few.err 1 "EMFILE"
+for one in "${many[@]}"; do exec {one}>&-; done
+row 0 "0% loss" "$mqcat" ping 127.0.0.1 "$port" -c 1 -W 5
+stop few 0 "1 message"
+[ "$(grep -c EMFILE few.err)" -lt 10 ] || fail "a listener without descriptors said so $(grep -c EMFILE few.err) times"
+
 # ---- ping ----
 
 start echo --echo --format quiet
@@ -258,10 +297,17 @@ row 4 "ECONNREFUSED" "$mqcat" ping 127.0.0.1 "$port" -c 1
 start udp --udp --echo --format json
 row 0 '"value":"hello"' "$mqcat" send 127.0.0.1 "$port" --udp -c 7 -p 1=hello --reply --format json
 row 0 "0% loss" "$mqcat" ping 127.0.0.1 "$port" --udp -c 3 -i 0.01
+# Two servers that answer answers would never stop.
+grep -qF '{"id":1095652183,"type":"int32","value":1}' out.txt udp.out && fail "a question is marked as an answer"
+row 0 '{"id":1095652183,"type":"int32","value":1}' "$mqcat" send 127.0.0.1 "$port" --udp -c 7 --reply --format json
+row 5 "none within" "$mqcat" send 127.0.0.1 "$port" --udp -c 7 -p 1095652183=x --reply --timeout 0.2
 row 3 "at most 16520 bytes" "$mqcat" send 127.0.0.1 "$port" --udp -c 7 --file big.bin
 printf 'noise' >"/dev/udp/127.0.0.1/$port"
 await udp.err 1 "2026"
 stop udp 0 "1 faulty"
+start rate --udp --echo --answer-rate 1 --format quiet
+row 0 "answered" "$mqcat" ping 127.0.0.1 "$port" --udp -c 5 -i 0 -W 0.1
+stop rate 0 "held back"
 row 5 "none within" "$mqcat" send 127.0.0.1 "$port" --udp -c 7 --reply --timeout 0.1
 
 # ---- Keys and signed messages ----

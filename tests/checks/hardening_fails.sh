@@ -27,14 +27,15 @@ __asm__(".section .mixed, \"awx\"\n .quad 0\n .text\n");
 SOURCE
 
 good=(-O2 -fPIC -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -Wl,-z,relro,-z,now,-z,noexecstack)
-# expect TEXT FLAG ... - what hardening.sh says of the library made with the good flags and these; nothing when it is let
+file=libmqnode.so
+options=()
+# expect TEXT FLAG ... - what hardening.sh says of the file made with the good flags and these; nothing when it is let
 # through.
 expect() {
   local text=$1 said status=0
   shift
-  "$cc" -shared -o "$work/libmqnode.so" "$work/library.c" "${good[@]}" "$@" 2>"$work/log" ||
-    { cat "$work/log" >&2; exit 1; }
-  said=$(./hardening.sh "$work/libmqnode.so" 2>&1) || status=$?
+  "$cc" -shared -o "$work/$file" "$work/library.c" "${good[@]}" "$@" 2>"$work/log" || { cat "$work/log" >&2; exit 1; }
+  said=$(./hardening.sh "${options[@]}" "$work/$file" 2>&1) || status=$?
   if [ -z "$text" ]; then
     [ $status = 0 ] || { printf 'refused: %s\n' "$said" >&2; exit 1; }
   elif [ $status = 0 ] || [[ $said != *"$text"* ]] || [ "$(wc -l <<<"$said")" != 1 ]; then
@@ -53,3 +54,9 @@ expect 'stack protector' -fno-stack-protector
 expect 'is fortified' -U_FORTIFY_SOURCE
 expect 'search path' -Wl,-rpath,/nowhere
 expect 'another name: __recv_chk' -DRENAMED
+
+# A built program may have a search path.
+file=program options=(--built)
+expect '' -Wl,-rpath,/nowhere:/elsewhere
+expect 'not absolute throughout' -Wl,-rpath,/nowhere:
+expect 'not absolute throughout' '-Wl,-rpath,/nowhere:$ORIGIN/lib'

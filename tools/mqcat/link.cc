@@ -23,8 +23,7 @@ namespace {
 constexpr auto kTick = std::chrono::milliseconds(200);
 constexpr int kMostPending = 64;  // messages that may wait in a node before a write waits for them
 constexpr auto kBreath = std::chrono::milliseconds(1);
-constexpr double kLastMoment = 1;         // seconds without a sign of the peer, when everything is with its system
-constexpr uint32_t kMaxDatagram = 16520;  // what a reader takes
+constexpr double kLastMoment = 1;  // seconds without a sign of the peer, when everything is with its system
 
 ExitCode ExitCodeOf(int code) {
   switch (code) {
@@ -248,7 +247,8 @@ bool Link::Read(PcfMessage* msg, Clock::time_point deadline) {
     if (node_->error != MQ_AGAIN) throw NodeFailure("answer from " + target_text_, node_.get());
     if (Interrupted() || Clock::now() >= deadline) return false;
     waiter_.Wait({node_.get()}, deadline);
-    if (!waiter_.to_write().empty()) mnFinishWrite(node_.get());
+    if (!waiter_.to_write().empty() && !mnFinishWrite(node_.get()))
+      throw NodeFailure("send to " + target_text_, node_.get());
   }
 }
 

@@ -15,6 +15,8 @@ namespace mqcat {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr uint32_t kMaxDatagram = 16520;  // bytes that a reader takes
+
 // Seconds from now; far away for a value beyond a year.
 Clock::time_point In(double seconds);
 

@@ -22,7 +22,10 @@ _mqcat() {
     --ring | --sign | --file) _mqcat_complete -f && return ;;
   esac
   case $command in
-    listen) local words="--format --echo --udp --ring --sign --user --count --max-clients --trace --help" ;;
+    listen)
+      local words="--format --echo --udp --ring --sign --user --count --max-clients --max-per-address --max-message
+        --max-waiting --midway --idle --answer-rate --trace --help"
+      ;;
     send)
       local words="--command --param --file --json --stdin --repeat --interval --reply --timeout --sign --ring --user
         --udp --format --quiet --help"
