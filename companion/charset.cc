@@ -6,6 +6,8 @@
 #include <iconv.h>
 #include <pthread.h>
 
+#include "companion/locks.hh"
+
 namespace mqc {
 namespace {
 
@@ -24,6 +26,7 @@ bool ConvertAllBytes(iconv_t converter) {
 }
 
 void BuildTable() {
+  const Locked locked(kLockOnce);
   const iconv_t converter = iconv_open("ISO-8859-1", "IBM1047");
   if (converter == reinterpret_cast<iconv_t>(-1)) return;
   usable = ConvertAllBytes(converter) && table[0] == 0;

@@ -141,7 +141,8 @@ MQ_RUNTIME int mqc_param(const PcfMessage* msg, uint32_t index, MqcParam* out);
  * Result   1; 0 when there is none, out is all zero then */
 MQ_RUNTIME int mqc_find(const PcfMessage* msg, uint32_t id, MqcParam* out);
 
-/* mqc_user - user id in the message's header, as terminated text. Empty for a record without a raw message.
+/* mqc_user - user id in the message's header, as terminated text. Empty for a record without a raw message, and for one
+ * whose last secure read was refused with -1001.
  * The write functions fill it in: before the first write it is empty. */
 MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 
@@ -149,7 +150,8 @@ MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 
 /* mqc_sender - who sent the message that was read last: secHeader.userId as terminated text. After a secure read it is
- * the user whose key signed; after a plain read it is what the sender claimed. */
+ * the user whose key signed; after a plain read it is what the sender claimed. Empty after a secure read that was refused
+ * with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
 /* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.
@@ -241,20 +243,34 @@ MQ_RUNTIME uint32_t mqc_ring_count(void);
  * A wider window never revives a message that was forgotten. */
 MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
-/* mqc_set_replay_limit - how many accepted messages are remembered at once.
- *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed: 48 to 96 bytes a message once
- *                 full, twice that while the table is rebuilt
- * When the memory is full, messages outside the window are forgotten first, then the oldest ones: from then on a
- * message that is no newer than a forgotten one is refused. When that would refuse messages signed right now, the new
- * message is refused instead. A message is never accepted twice by one process.
- * Result   1; 0 for a value outside, nothing changes then. A smaller limit takes effect with the next message. */
+/* mqc_set_replay_limit - how many accepted messages are remembered at once, those of all users together.
+ *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed, about 80 bytes a message
+ * When the memory is full, a user that holds the most forgets its oldest message for each one that comes in. A user
+ * forgets for others only while it holds more than half of an equal share: the limit divided by the number of users that
+ * hold messages. When the sender holds the most itself and its oldest message is no older than the present, or than the
+ * new message, the new one is refused. A message is also forgotten an hour after it has left the window, two for each
+ * message that is accepted from its user.
+ * From then on every message of that user that is no newer than the forgotten one is refused: one process accepts a
+ * message at most once. One message makes at most three others be forgotten, so it moves this limit by no more than
+ * them, and never beyond the time of a message that was accepted from the same user.
+ * Result   1; 0 for a value outside, nothing changes then. A smaller limit makes the users forget before the call
+ *          returns. */
 MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
 
 /* mqc_refuse_before - refuse every message signed at this time or before, until the process ends.
  * What was accepted is remembered by the process, not across a restart. A host that must not accept once more what its
  * predecessor accepted calls this when it starts, with the present time plus what the clocks of its senders may be
- * ahead. A lower value than before changes nothing. */
+ * ahead. A lower value than before changes nothing; mqc_reset_replay can lower it. */
 MQ_RUNTIME void mqc_refuse_before(int64_t time);
+
+/* mqc_reset_replay - forget every accepted message, and every time up to which messages are refused.
+ *   refuse_before  in  messages signed at this time or before are refused, as by mqc_refuse_before; 0 for none
+ * For a process whose clock, and those of its senders, were ahead and have been set right: a user that filled the memory
+ * meanwhile is refused until the right time reaches the wrong one, and this call ends that. Afterwards the process knows
+ * as little as a new one: a message that it accepted and that was signed after refuse_before is accepted once more when
+ * somebody sends it again within the window. With the present time these are only messages of clocks that were ahead;
+ * with 0 also those of the last window. Forgetting and the new limit are one step, which no message can come between. */
+MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
 
 /* mqc_set_clock - take the time for signing and authenticating from this function; null for the system's clock.
  * The function returns milliseconds since 1970-01-01 UTC and is called on the thread that signs or authenticates. */

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "companion/locks.hh"
 #include "companion/memory.hh"
 
 namespace mqc {
@@ -92,7 +93,10 @@ bool PickKey(const char* path, const char* user, KeyLine* picked, ErrorText erro
 }  // namespace
 
 bool HaveSodium() {
-  pthread_once(&sodium_once, [] { sodium_ready = sodium_init() >= 0; });
+  pthread_once(&sodium_once, [] {
+    const Locked locked(kLockOnce);
+    sodium_ready = sodium_init() >= 0;
+  });
   return sodium_ready;
 }
 

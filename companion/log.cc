@@ -1,11 +1,14 @@
 // log.cc - one line a message, to standard error or to a file.
 // Everything that LOGMSG reaches is safe in a signal handler: no lock, no allocation, no stdio, no time zone. The file
-// is opened for each line, so that no descriptor of ours can be closed and reused under us.
-// Invariant: log_path is null or points at a complete path.
+// is opened for each line, so that no descriptor of ours can be closed and reused under us. No line is written to a
+// socket but the journal's: in a process that was started without standard error, descriptor 2 may be a connection.
+// Invariants: log_file is null or points at a complete entry. A line that cannot be written at once is lost and counted.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,31 +21,53 @@
 namespace {
 
 constexpr size_t kMaxPath = 1024;
-constexpr size_t kMaxLine = 1024;  // a longer message is cut
+constexpr size_t kMaxLine = 1024;  // a longer message is cut; below PIPE_BUF, so that a pipe takes a line whole
 constexpr int kLogMode = 0640;
 
-char path_places[2][kMaxPath];  // the one in use, and the one for the next change
-std::atomic<const char*> log_path;
-std::atomic<bool> path_known;
+struct LogFile {
+  char path[kMaxPath];
+  bool is_checked;  // named by the environment: nothing but a regular file of this user is written to
+};
 
-bool UsePath(const char* path) {
+LogFile places[2];  // the one in use, and the one for the next change
+std::atomic<const LogFile*> log_file;
+std::atomic<bool> file_known;
+std::atomic<uint32_t> lost_lines;
+
+// The socket that the service manager gave to this process as its standard error.
+dev_t journal_device;
+ino_t journal_inode;
+
+bool UsePath(const char* path, bool is_checked) {
   if (path == nullptr || path[0] == '\0') {
-    log_path.store(nullptr, std::memory_order_release);
+    log_file.store(nullptr, std::memory_order_release);
   } else {
     const size_t length = strnlen(path, kMaxPath);
     if (length == kMaxPath) return false;
-    char* place = path_places[log_path.load(std::memory_order_relaxed) == path_places[0] ? 1 : 0];
-    memcpy(place, path, length + 1);
-    log_path.store(place, std::memory_order_release);
+    LogFile& place = places[log_file.load(std::memory_order_relaxed) == &places[0] ? 1 : 0];
+    memcpy(place.path, path, length + 1);
+    place.is_checked = is_checked;
+    log_file.store(&place, std::memory_order_release);
   }
-  path_known.store(true, std::memory_order_release);
+  file_known.store(true, std::memory_order_release);
   return true;
 }
 
+// JOURNAL_STREAM is "device:inode" of that socket.
+void TakeJournal(const char* stream) {
+  char* end = nullptr;
+  if (stream == nullptr) return;
+  const auto device = strtoull(stream, &end, 10);
+  if (*end != ':') return;
+  journal_device = device;
+  journal_inode = strtoull(end + 1, nullptr, 10);
+}
+
 // Runs when the companion is loaded, while the environment is at rest; a line written even earlier runs it first.
-__attribute__((constructor)) void TakePathFromEnvironment() {
-  if (path_known.load(std::memory_order_acquire)) return;
-  if (!UsePath(secure_getenv("MQCOMPANION_LOG"))) path_known.store(true, std::memory_order_release);
+__attribute__((constructor)) void TakeEnvironment() {
+  if (file_known.load(std::memory_order_acquire)) return;
+  TakeJournal(secure_getenv("JOURNAL_STREAM"));
+  if (!UsePath(secure_getenv("MQCOMPANION_LOG"), true)) file_known.store(true, std::memory_order_release);
 }
 
 char* PutNumber(char* at, uint32_t value, int digits) {
@@ -92,16 +117,8 @@ char* PutTime(char* at) {
   return at;
 }
 
-void WriteLine(int fd, const char* line, size_t length) {
-  while (write(fd, line, length) < 0 && errno == EINTR) {
-  }
-}
-
-}  // namespace
-
-void LOGMSG(const char* text, int) {
-  const int saved = errno;
-  char line[kMaxLine];
+// The line that LOGMSG writes for this text; at least 1 byte, at most kMaxLine.
+size_t FormLine(char line[kMaxLine], const char* text) {
   char* at = PutTime(line);
   // One message is one line, whatever a peer managed to have put into it.
   for (; *text != '\0' && at < line + kMaxLine - 1; ++text) {
@@ -109,14 +126,85 @@ void LOGMSG(const char* text, int) {
     *at++ = control ? '.' : *text;
   }
   *at++ = '\n';
-  TakePathFromEnvironment();
-  const char* path = log_path.load(std::memory_order_acquire);
+  return static_cast<size_t>(at - line);
+}
+
+bool IsOwnRegularFile(int fd) {
+  struct stat about;
+  return fstat(fd, &about) == 0 && S_ISREG(about.st_mode) && about.st_uid == geteuid();
+}
+
+// A descriptor of our own; -1 when there is no file, or none that may be written to.
+int OpenFile(const LogFile* file) {
+  if (file == nullptr) return -1;
   // A pipe that nobody reads must not block the caller.
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-  const int fd = path == nullptr ? -1 : open(path, flags, kLogMode);
-  WriteLine(fd < 0 ? STDERR_FILENO : fd, line, static_cast<size_t>(at - line));
-  if (fd >= 0) close(fd);
+  const int fd = open(file->path, file->is_checked ? flags | O_NOFOLLOW : flags, kLogMode);
+  if (fd < 0 || !file->is_checked || IsOwnRegularFile(fd)) return fd;
+  close(fd);
+  return -1;
+}
+
+// Whether a line can go to standard error, and whether that is a pipe.
+bool CanTake(bool* is_pipe) {
+  struct stat about;
+  if (fstat(STDERR_FILENO, &about) != 0) return false;
+  const bool is_journal = about.st_dev == journal_device && about.st_ino == journal_inode;
+  if (S_ISSOCK(about.st_mode) && !is_journal) return false;
+  *is_pipe = S_ISFIFO(about.st_mode);
+  pollfd state = {STDERR_FILENO, POLLOUT, 0};
+  return poll(&state, 1, 0) == 1 && state.revents == POLLOUT;
+}
+
+// Standard error, for one line: 2 or a descriptor of our own; -1 when it takes none now. O_NONBLOCK would be set for all
+// who share the descriptor, so a pipe is opened once more: others may fill it after it was looked at.
+int OpenStandardError() {
+  bool is_pipe = false;
+  if (!CanTake(&is_pipe)) return -1;
+  const int own = is_pipe ? open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY) : -1;
+  return own >= 0 ? own : STDERR_FILENO;
+}
+
+bool WriteText(int fd, const char* text) {
+  char line[kMaxLine];
+  const size_t length = FormLine(line, text);
+  ssize_t put;
+  do {
+    put = write(fd, line, length);
+  } while (put < 0 && errno == EINTR);
+  return put == static_cast<ssize_t>(length);
+}
+
+// "1903W lines lost before this one: 17"
+bool ReportLost(int fd, uint32_t lost) {
+  char text[64] = "1903W lines lost before this one: ";
+  int digits = 1;
+  for (uint32_t rest = lost; rest > 9; rest /= 10) ++digits;
+  *PutNumber(text + strlen(text), lost, digits) = '\0';
+  return WriteText(fd, text);
+}
+
+// Writes the line, and before it how many were lost. True when nothing was lost now.
+bool WriteLines(int fd, const char* text) {
+  const uint32_t lost = fd < 0 ? 0 : lost_lines.exchange(0, std::memory_order_relaxed);
+  if (lost != 0 && !ReportLost(fd, lost)) {
+    lost_lines.fetch_add(lost, std::memory_order_relaxed);
+    return false;
+  }
+  return fd >= 0 && WriteText(fd, text);
+}
+
+}  // namespace
+
+void LOGMSG(const char* text, int) {
+  const int saved = errno;
+  TakeEnvironment();
+  int fd = OpenFile(log_file.load(std::memory_order_acquire));
+  const bool to_file = fd >= 0;
+  if (!to_file) fd = OpenStandardError();
+  if (!WriteLines(fd, text)) lost_lines.fetch_add(1, std::memory_order_relaxed);
+  if (fd >= 0 && (to_file || fd != STDERR_FILENO)) close(fd);
   errno = saved;
 }
 
-int mqc_log_to(const char* path) { return UsePath(path) ? 1 : 0; }
+int mqc_log_to(const char* path) { return UsePath(path, false) ? 1 : 0; }

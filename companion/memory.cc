@@ -4,12 +4,12 @@
 
 #include "companion/memory.hh"
 
-#include <pthread.h>
 #include <string.h>
 
 #include <atomic>
 
 #include "companion/host.h"
+#include "companion/locks.hh"
 #include "runtime/runtime.h"
 
 namespace mqc {
@@ -25,7 +25,6 @@ namespace {
 std::atomic<uint64_t> failures;
 std::atomic<bool> fail_onwards;
 std::atomic<uint32_t> tags_in_use = kTagFirstFree;
-pthread_mutex_t tag_lock = PTHREAD_MUTEX_INITIALIZER;
 
 // Tags are constant text, so the address of a name tells its tag. A slot is written once: first tag, then key.
 struct TagSlot {
@@ -69,7 +68,7 @@ Tag* NewTag(const char* name) {
     if (key == name) return *slot.tag;
     if (key == nullptr) break;
   }
-  pthread_mutex_lock(&tag_lock);
+  const Locked locked(kLockTags);
   Tag* tag = TagByName(name);
   if (tag == nullptr) tag = NewTag(name);
   for (uint32_t i = 0; i < kSlots; ++i) {
@@ -82,7 +81,6 @@ Tag* NewTag(const char* name) {
       break;
     }
   }
-  pthread_mutex_unlock(&tag_lock);
   return *tag;
 }
 

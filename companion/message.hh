@@ -104,6 +104,8 @@ static_assert(sizeof(Content) <= sizeof(PcfMessage::libraryData) && alignof(Cont
 
 // A record that a host cleared, or did not, holds no content by accident.
 constexpr uint32_t kReady = 0x4D514331;
+// The record holds a signed message that was refused: nobody is named as its sender. Ends with the next DropContent.
+constexpr uint32_t kRefused = 0x4D514332;
 
 inline Content& ContentOf(PcfMessage* msg) { return *reinterpret_cast<Content*>(msg->libraryData); }
 

@@ -2,8 +2,7 @@
 // Not here: which records lie in chunks, and their heads (memory.hh).
 // Invariant: a chunk is in its pool's list exactly while it has room; one without records is released.
 
-#include <pthread.h>
-
+#include "companion/locks.hh"
 #include "companion/memory.hh"
 
 namespace mqc {
@@ -24,7 +23,6 @@ static_assert(sizeof(Chunk) <= kChunkHead);
 static_assert(kChunkHead + kBlocks * kShelvesOfAKind * kShelfStep <= UINT16_MAX, "offsets are 16 bits");
 
 Chunk* pools[kShelvesOfAKind + 1];  // by shelf
-pthread_mutex_t pool_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void Link(Chunk* chunk) {
   Chunk*& first = pools[chunk->shelf];
@@ -65,26 +63,24 @@ char* TakeFrom(Chunk* chunk) {
 }  // namespace
 
 char* TakeFromPool(uint16_t shelf, uint32_t* offset) {
-  pthread_mutex_lock(&pool_lock);
+  const Locked locked(kLockPool);
   Chunk* chunk = pools[shelf] != nullptr ? pools[shelf] : NewChunk(shelf);
   char* block = chunk != nullptr ? TakeFrom(chunk) : nullptr;
-  pthread_mutex_unlock(&pool_lock);
   if (block != nullptr) *offset = static_cast<uint32_t>(block - reinterpret_cast<char*>(chunk));
   return block;
 }
 
 void GiveToPool(char* block, uint32_t offset) {
   auto* chunk = reinterpret_cast<Chunk*>(block - offset);
-  pthread_mutex_lock(&pool_lock);
+  const Locked locked(kLockPool);
   if (chunk->used == kBlocks) Link(chunk);
   auto** released = reinterpret_cast<void**>(block);
   *released = chunk->released;
   chunk->released = released;
   chunk->used -= 1;
-  const bool empty = chunk->used == 0;
-  if (empty) Unlink(chunk);
-  pthread_mutex_unlock(&pool_lock);
-  if (empty) free(chunk);
+  if (chunk->used != 0) return;
+  Unlink(chunk);
+  free(chunk);
 }
 
 }  // namespace mqc

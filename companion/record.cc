@@ -91,8 +91,10 @@ void CopyField(const void* field, size_t size, char* out) {
   out[length] = '\0';
 }
 
+// False also for a signed message that was refused: its header was not believed, nor converted.
 bool HasHeader(const PcfMessage* msg) {
-  return msg->raw.data != nullptr && msg->raw.capacity >= kHeader && msg->raw.length >= kHeader;
+  return ContentOf(msg).ready != kRefused && msg->raw.data != nullptr && msg->raw.capacity >= kHeader &&
+         msg->raw.length >= kHeader;
 }
 
 void DumpBytes(const uint8_t* data, size_t from, size_t to) {
@@ -236,7 +238,10 @@ void mqc_application(const PcfMessage* msg, char application[49]) {
   if (HasHeader(msg)) CopyField(msg->raw.data + kAtApplication, sizeof(MsgHeader::applName), application);
 }
 
-void mqc_sender(const PcfMessage* msg, char user[13]) { CopyField(msg->secHeader.userId, kUserField, user); }
+void mqc_sender(const PcfMessage* msg, char user[13]) {
+  user[0] = '\0';
+  if (ContentOf(msg).ready != kRefused) CopyField(msg->secHeader.userId, kUserField, user);
+}
 
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 

@@ -1,159 +1,215 @@
-// replay.cc - the memory of accepted messages: an open-addressed table of fingerprints and times.
+// replay.cc - the memory of accepted messages: users, each with its messages in the order of their times.
 // Not here: whether a signature is right or a message too old (sign.cc); only those that passed come here.
-// Invariant: see replay.hh. At most half of the slots are in use.
+// Invariant: see replay.hh. A user is in the list of its rank exactly while it holds a message. Nothing here visits more
+// than a few paths under the lock, however much is held.
 
 #include "companion/replay.hh"
 
-#include <pthread.h>
 #include <sodium.h>
 #include <string.h>
 
 #include <algorithm>
+#include <bit>
+#include <utility>
 
 #include "companion/host.h"
+#include "companion/locks.hh"
 #include "companion/memory.hh"
+#include "companion/treap.hh"
 
 namespace mqc {
 namespace {
 
 constexpr uint32_t kFewestMessages = 1024;
 constexpr uint32_t kMostMessages = 16777216;
-constexpr uint32_t kSteps = 1024;  // of the search for the oldest quarter
+constexpr uint32_t kAtOnce = 256;  // messages that a lower limit drops between two releases of the lock
+
+// How long messages stay after they have left the window, in milliseconds. A clock that is ahead for less than this
+// makes nothing be forgotten whose time is still to come.
+constexpr int64_t kStay = 3600000;
 
 struct Seen {
-  uint64_t print[2];
-  int64_t time;  // above 0; 0 marks a free slot
+  Seen* left;
+  Seen* right;
+  int64_t time;
+  uint8_t nonce[16];
+  uint32_t priority;
 };
 
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-Seen* table;
-uint32_t slots;  // a power of two, or 0
-uint32_t used;
+bool Precedes(const Seen& a, const Seen& b) {
+  return a.time != b.time ? a.time < b.time : memcmp(a.nonce, b.nonce, sizeof(a.nonce)) < 0;
+}
+
+// Lives until the memory is reset: its floor is needed even when it holds nothing.
+struct User {
+  User* left;
+  User* right;
+  uint32_t priority;
+  char name[12];
+  Seen* seen;
+  uint32_t count;
+  int64_t floor;
+  User* next;  // in the list of its rank
+  User* previous;
+};
+
+bool Precedes(const User& a, const User& b) { return memcmp(a.name, b.name, sizeof(a.name)) < 0; }
+
+// A user that holds 1 message is of rank 1, 2 to 3 of rank 2, 4 to 7 of rank 3 and so on.
+uint32_t RankOf(uint32_t count) { return static_cast<uint32_t>(std::bit_width(count)); }
+constexpr uint32_t kRanks = std::bit_width(kMostMessages) + 1;
+
+struct Memory {
+  User* users;
+  User* ranks[kRanks];
+  uint32_t count;
+  int64_t floor;  // of all users
+};
+
+Memory memory;
 uint32_t limit = 262144;
-int64_t floor_time;
-uint8_t print_key[crypto_shorthash_siphashx24_KEYBYTES];
-bool have_key;
+uint64_t random_state;
 
-// The fingerprint is keyed with a secret of this process, so that no signer can aim at another one's slot.
-void Fingerprint(const char user[12], const uint8_t nonce[16], uint64_t print[2]) {
-  if (!have_key) randombytes_buf(print_key, sizeof(print_key));
-  have_key = true;
-  uint8_t text[12 + 16];
-  memcpy(text, user, 12);
-  memcpy(text + 12, nonce, 16);
-  crypto_shorthash_siphashx24(reinterpret_cast<uint8_t*>(print), text, sizeof(text), print_key);
+// Only unpredictable enough that no signer can choose a shape for the trees.
+uint32_t NewPriority() {
+  if (random_state == 0) randombytes_buf(&random_state, sizeof(random_state));
+  random_state = random_state * 6364136223846793005u + 1442695040888963407u;
+  return static_cast<uint32_t>(random_state >> 32);
 }
 
-// The slot that holds the fingerprint, or the free one where it belongs. The table has a free slot.
-Seen* SlotFor(Seen* in, uint32_t size, const uint64_t print[2]) {
-  uint32_t at = static_cast<uint32_t>(print[0]) & (size - 1);
-  while (in[at].time != 0 && (in[at].print[0] != print[0] || in[at].print[1] != print[1])) at = (at + 1) & (size - 1);
-  return &in[at];
+void Unlink(User* user) {
+  (user->previous != nullptr ? user->previous->next : memory.ranks[RankOf(user->count)]) = user->next;
+  if (user->next != nullptr) user->next->previous = user->previous;
 }
 
-uint32_t CountAbove(int64_t time) {
-  uint32_t above = 0;
-  for (uint32_t i = 0; i < slots; ++i) above += table[i].time > time ? 1 : 0;
-  return above;
+void Link(User* user) {
+  User*& first = memory.ranks[RankOf(user->count)];
+  user->previous = nullptr;
+  user->next = first;
+  if (first != nullptr) first->previous = user;
+  first = user;
 }
 
-// A time such that at least drop entries above from lie at or below it: the end of the step that reaches that many.
-int64_t TimeToDrop(int64_t from, uint32_t drop) {
-  int64_t newest = from + 1;
-  for (uint32_t i = 0; i < slots; ++i) newest = std::max(newest, table[i].time);
-  const int64_t step = (newest - from) / kSteps + 1;
-  uint32_t in_step[kSteps] = {};
-  for (uint32_t i = 0; i < slots; ++i) {
-    if (table[i].time > from) ++in_step[(table[i].time - from - 1) / step];
-  }
-  uint32_t dropped = 0;
-  for (uint32_t i = 0; i < kSteps; ++i) {
-    dropped += in_step[i];
-    if (dropped >= drop) return from + (i + 1) * step;
-  }
-  return newest;
+void SetCount(User* user, uint32_t count) {
+  memory.count += count - user->count;
+  const bool moves = RankOf(count) != RankOf(user->count);
+  if (moves && user->count != 0) Unlink(user);
+  user->count = count;
+  if (moves && count != 0) Link(user);
 }
 
-// Moves the entries above the new floor into a table of this size.
-bool Rebuild(uint32_t size, int64_t new_floor) {
-  auto* fresh =
-      static_cast<Seen*>(Allocate<Kind::kRecord>(static_cast<uint32_t>(size * sizeof(Seen)), tags[kTagReplay]));
-  if (fresh == nullptr) return false;
-  memset(fresh, 0, size * sizeof(Seen));
-  uint32_t moved = 0;
-  for (uint32_t i = 0; i < slots; ++i) {
-    if (table[i].time <= new_floor) continue;
-    *SlotFor(fresh, size, table[i].print) = table[i];
-    ++moved;
-  }
-  Release(table);
-  table = fresh;
-  slots = size;
-  used = moved;
-  floor_time = new_floor;
+// The user itself when nobody is of a higher rank, else one of the highest. Some user holds a message.
+User* Largest(User* user) {
+  uint32_t rank = kRanks - 1;
+  while (memory.ranks[rank] == nullptr) --rank;
+  return user != nullptr && RankOf(user->count) == rank ? user : memory.ranks[rank];
+}
+
+void ForgetOldest(User* user) {
+  Seen* oldest = TakeFirst(&user->seen);
+  user->floor = std::max(user->floor, oldest->time);
+  SetCount(user, user->count - 1);
+  Release(oldest);
+}
+
+// Two for each message that comes, so that fewer are held when fewer come.
+void ForgetExpired(User* user, int64_t before) {
+  for (int i = 0; i < 2 && user->seen != nullptr && First(user->seen)->time < before; ++i) ForgetOldest(user);
+}
+
+// A user never raises its own floor beyond the present, nor to the message that it makes room for.
+bool MakeRoom(User* user, int64_t time, int64_t now) {
+  User* largest = Largest(user);
+  if (largest == user && First(user->seen)->time >= std::min(time, now)) return false;
+  ForgetOldest(largest);
   return true;
 }
 
-uint32_t SlotsFor(uint32_t messages) {
-  uint32_t size = kFewestMessages * 2;
-  while (size < messages * 2) size *= 2;
-  return size;
+template <typename Node>
+Node* NewNode(const Node& content) {
+  auto* node = static_cast<Node*>(Allocate<Kind::kRecord>(sizeof(Node), tags[kTagReplay]));
+  if (node == nullptr) return nullptr;
+  *node = content;
+  node->priority = NewPriority();
+  return node;
 }
 
-// Makes a quarter of the table free: drops what has expired, then grows, then drops the oldest.
-Replay MakeRoom(Moment moment) {
-  // A free slot is no entry, so nothing is lost below 0.
-  int64_t new_floor = std::max(floor_time, moment.now - moment.window - 1);
-  uint32_t keep = CountAbove(new_floor);
-  const uint32_t most = limit - limit / 4;
-  if (keep > most) {
-    const int64_t higher = TimeToDrop(new_floor, keep - most);
-    if (higher < moment.now) {
-      new_floor = higher;
-      keep = CountAbove(new_floor);
-    }
-  }
-  if (keep >= limit) return Replay::kFull;
-  const uint32_t wanted = std::min(limit, std::max(keep + keep / 2, kFewestMessages));
-  return Rebuild(SlotsFor(wanted), new_floor) ? Replay::kNew : Replay::kNoMemory;
+// Null without memory.
+User* FindUser(const char name[12]) {
+  User key = {};
+  memcpy(key.name, name, sizeof(key.name));
+  User* user = Find(memory.users, key);
+  if (user != nullptr) return user;
+  user = NewNode(key);
+  if (user != nullptr) Insert(&memory.users, user);
+  return user;
 }
 
-Replay Remember(const uint64_t print[2], int64_t time, Moment moment) {
-  if (time <= floor_time) return Replay::kBelowFloor;
-  if (slots != 0 && SlotFor(table, slots, print)->time != 0) return Replay::kSeen;
-  if (used >= slots / 2 || used >= limit) {
-    const Replay made = MakeRoom(moment);
-    if (made != Replay::kNew) return made;
-    if (time <= floor_time) return Replay::kBelowFloor;
+Replay Remember(User* user, const Seen& message, Moment moment) {
+  if (message.time <= std::max(user->floor, memory.floor)) return Replay::kBelowFloor;
+  if (Find(user->seen, message) != nullptr) return Replay::kSeen;
+  ForgetExpired(user, moment.now - moment.window - kStay);
+  Seen* fresh = NewNode(message);
+  if (fresh == nullptr) return Replay::kNoMemory;
+  if (memory.count >= limit && !MakeRoom(user, message.time, moment.now)) {
+    Release(fresh);
+    return Replay::kFull;
   }
-  *SlotFor(table, slots, print) = {{print[0], print[1]}, time};
-  ++used;
+  Insert(&user->seen, fresh);
+  SetCount(user, user->count + 1);
   return Replay::kNew;
+}
+
+// False when no more is held than the limit allows.
+bool ObeyLimit() {
+  const Locked locked(kLockReplay);
+  for (uint32_t i = 0; i < kAtOnce && memory.count > limit; ++i) ForgetOldest(Largest(nullptr));
+  return memory.count > limit;
+}
+
+void ReleaseUsers(User* users) {
+  while (users != nullptr) {
+    User* user = TakeFirst(&users);
+    while (user->seen != nullptr) Release(TakeFirst(&user->seen));
+    Release(user);
+  }
 }
 
 }  // namespace
 
 Replay RememberMessage(const char user[12], const uint8_t nonce[16], int64_t time, Moment moment) {
-  pthread_mutex_lock(&lock);
-  uint64_t print[2];
-  Fingerprint(user, nonce, print);
-  const Replay result = Remember(print, time, moment);
-  pthread_mutex_unlock(&lock);
-  return result;
+  Seen message = {nullptr, nullptr, time, {}, 0};
+  memcpy(message.nonce, nonce, sizeof(message.nonce));
+  const Locked locked(kLockReplay);
+  User* found = FindUser(user);
+  return found == nullptr ? Replay::kNoMemory : Remember(found, message, moment);
 }
 
 }  // namespace mqc
 
+using namespace mqc;
+
 int mqc_set_replay_limit(uint32_t messages) {
-  if (messages < mqc::kFewestMessages || messages > mqc::kMostMessages) return 0;
-  pthread_mutex_lock(&mqc::lock);
-  mqc::limit = messages;
-  pthread_mutex_unlock(&mqc::lock);
+  if (messages < kFewestMessages || messages > kMostMessages) return 0;
+  pthread_mutex_lock(&locks[kLockReplay]);
+  limit = messages;
+  pthread_mutex_unlock(&locks[kLockReplay]);
+  while (ObeyLimit()) {
+  }
   return 1;
 }
 
 void mqc_refuse_before(int64_t time) {
-  pthread_mutex_lock(&mqc::lock);
-  mqc::floor_time = std::max(mqc::floor_time, time);
-  pthread_mutex_unlock(&mqc::lock);
+  const Locked locked(kLockReplay);
+  memory.floor = std::max(memory.floor, time);
+}
+
+void mqc_reset_replay(int64_t refuse_before) {
+  Memory old = {};
+  old.floor = refuse_before;
+  {
+    const Locked locked(kLockReplay);
+    std::swap(memory, old);
+  }
+  ReleaseUsers(old.users);
 }

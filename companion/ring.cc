@@ -4,7 +4,6 @@
 
 #include "companion/ring.hh"
 
-#include <pthread.h>
 #include <sodium.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,6 +11,7 @@
 #include <algorithm>
 
 #include "companion/keys.hh"
+#include "companion/locks.hh"
 #include "companion/memory.hh"
 
 namespace mqc {
@@ -19,18 +19,9 @@ namespace {
 
 constexpr size_t kRingFileMax = 16777216;
 
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 KeyLine* members;  // number is not used
 uint32_t count;
 uint32_t room;
-
-class Locked {
- public:
-  Locked() { pthread_mutex_lock(&lock); }
-  ~Locked() { pthread_mutex_unlock(&lock); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-};
 
 KeyLine* NewMembers(uint32_t number) {
   if (number > UINT32_MAX / sizeof(KeyLine)) return nullptr;
@@ -93,7 +84,7 @@ bool CheckLines(const char* path, KeyLine* lines, uint32_t number, ErrorText err
 
 // Merges the sorted lines into the ring. They win over members of the same user.
 bool Merge(const KeyLine* lines, uint32_t number) {
-  const Locked locked;
+  const Locked locked(kLockRing);
   KeyLine* merged = NewMembers(count + number);
   if (merged == nullptr) return false;
   uint32_t from_ring = 0;
@@ -123,7 +114,7 @@ bool LoadLines(const char* path, KeyFile& file, KeyLine* lines, uint32_t* number
 }  // namespace
 
 bool FindPublicKey(const char* user, uint8_t key[MQC_KEY_BYTES]) {
-  const Locked locked;
+  const Locked locked(kLockRing);
   const uint32_t place = PlaceOf(user);
   if (!IsAt(place, user)) return false;
   memcpy(key, members[place].key, MQC_KEY_BYTES);
@@ -142,7 +133,7 @@ int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char
   KeyLine line = {};
   memcpy(line.user, user, strlen(user) + 1);
   memcpy(line.key, public_key, MQC_KEY_BYTES);
-  const Locked locked;
+  const Locked locked(kLockRing);
   if (count == room && !Grow(std::max(8u, room * 2))) return Fail(text, "no memory for user %s", user);
   Put(line);
   return 1;
@@ -164,7 +155,7 @@ int mqc_ring_load(const char* path, char* error, size_t size) {
 }
 
 int mqc_ring_remove(const char* user) {
-  const Locked locked;
+  const Locked locked(kLockRing);
   const uint32_t place = PlaceOf(user);
   if (!IsAt(place, user)) return 0;
   --count;
@@ -173,7 +164,7 @@ int mqc_ring_remove(const char* user) {
 }
 
 void mqc_ring_clear(void) {
-  const Locked locked;
+  const Locked locked(kLockRing);
   Release(members);
   members = nullptr;
   count = 0;
@@ -181,6 +172,6 @@ void mqc_ring_clear(void) {
 }
 
 uint32_t mqc_ring_count(void) {
-  const Locked locked;
+  const Locked locked(kLockRing);
   return count;
 }

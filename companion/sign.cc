@@ -156,7 +156,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
     case Replay::kBelowFloor:
       return Fail(error, "signed %lld ms ago, longer than accepted messages are remembered", age);
     case Replay::kFull:
-      return Fail(error, "the memory of accepted messages is full");
+      return Fail(error, "user %.12s has filled the memory of accepted messages", envelope.userId);
     case Replay::kNoMemory:
       break;
   }
@@ -172,6 +172,13 @@ bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
     return Fail(error, "the record holds other bytes than the signed part");
   }
   return true;
+}
+
+// Everything that is asked of a signed message, in the order in which it may be believed.
+bool IsAuthentic(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, uint32_t* plain) {
+  const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
+  return HoldsPart(raw, part, error) && CheckArrived(envelope, part, plain, error) &&
+         CheckSignature(envelope, part, *plain, error) && CheckFresh(envelope, part.data + *plain, error);
 }
 
 }  // namespace
@@ -205,13 +212,13 @@ int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out) {
 }
 
 int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* msg) {
-  const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
   uint32_t plain = 0;
-  DropContent(ContentOf(msg));
-  if (!HoldsPart(msg->raw, *signedPart, error)) return 0;
-  if (!CheckArrived(*envelope, *signedPart, &plain, error)) return 0;
-  if (!CheckSignature(*envelope, *signedPart, plain, error)) return 0;
-  if (!CheckFresh(*envelope, signedPart->data + plain, error)) return 0;
+  Content& content = ContentOf(msg);
+  DropContent(content);
+  if (!IsAuthentic(*envelope, *signedPart, msg->raw, &plain)) {
+    content.ready = kRefused;
+    return 0;
+  }
   msg->raw.length = plain;
   return 1;
 }

@@ -1,7 +1,7 @@
 // cpp_server.cc - answers many clients in one loop, until SIGINT or SIGTERM: multi_server.c in C++.
 //   cpp_server HOST SERVICE [CLIENTS [SECONDS]]
 // Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: patience with a client
-// that owes something. What is bounded stands in limits.h; who is dropped is told on standard error.
+// that owes something. limits.h says what is bounded; dropped clients are told of on standard error.
 #include <signal.h>
 
 #include <chrono>
@@ -49,7 +49,7 @@ class Server {
       }
       for (const NodeRef node : set_.readable()) Serve(node);
       if (!set_.listening().empty()) Accept();
-      if (second_ != now_seconds()) Look();
+      if (second_ != now_msec() / 1000) Look(now_msec());
     }
     return true;
   }
@@ -60,30 +60,45 @@ class Server {
     Watch watch;
   };
 
-  // Takes in connections that wait, while there is room; those that go on waiting make the next wait come back at once.
-  // Without room, a descriptor or memory the listener leaves the set until a client has gone or a second is over: or
-  // the wait would come back at once, for nothing.
+  // Accepts connections that wait, one when the table is full; the others make the next wait come back at once. When
+  // none can be accepted, the wait would come back at once for nothing: the listener leaves the set until a client has
+  // gone or a second is over.
   void Accept() {
+    if (clients_.size() == most_ && !MakeRoom()) return StopAccepting();
     for (int i = 0; i < MOST_ACCEPTED && clients_.size() < most_; ++i) {
       Node client;
       if (const Result result = listener_.accept(client); !result) {
         if (result.again() || result.code() == ECONNABORTED) return;
         if (may_tell(&teller_)) Tell("accept", result);
-        return StopAccepting();
+        if (result.code() != EMFILE || !MakeRoom()) StopAccepting();
+        return;
       }
-      client.set_write_limit(MOST_QUEUED);
       if (!client.set_blocking(false) || !set_.add(client)) continue;
       MQNode* const key = client.get();
-      clients_.emplace(key, Client{std::move(client), Watch()});
+      clients_.emplace(key, Client{std::move(client), watch_client(key)});
     }
-    if (clients_.size() == most_) StopAccepting();
+  }
+
+  // Drops a client for a newcomer; limits.h says which. False when none makes room yet.
+  bool MakeRoom() {
+    const long now = now_msec();
+    std::vector<Watch> watches;
+    for (auto& [node, client] : clients_) {
+      quiet_msec(&client.watch, now);
+      watches.push_back(client.watch);
+    }
+    MQNode* const node = makes_room(watches.data(), static_cast<int>(watches.size()), now);
+    if (node != nullptr) Drop(node, "its place is needed");
+    return node != nullptr;
   }
 
   void StopAccepting() { accepting_ = !set_.remove(listener_); }
 
-  // Reads what there is of a message and answers a whole one. Drops a client that is not to be served any more.
+  // Reads the part of a message that has arrived and answers a whole one. Drops a client that is not to be served any
+  // more.
   void Serve(NodeRef node) {
     const bool midway = is_midway(node.get());
+    if (takes_no_answers(node.get())) return Drop(node, "takes no answers");
     if (!mnReadMsg(node.get())) return ReadFailed(node, node.status(), midway);  // the header first, or the rest
     if (is_too_long(node.get())) return Drop(node, "its question is too long");
     if (const Result got = node.read(in_); !got) return ReadFailed(node, got, midway);
@@ -100,12 +115,12 @@ class Server {
   }
 
   // Once a second: drops the clients that were waited for long enough, and tries to accept again.
-  void Look() {
-    const bool in_need = !accepting_;
-    second_ = now_seconds();
+  void Look(long now) {
+    second_ = now / 1000;
     std::vector<std::pair<NodeRef, const char*>> late;
     for (auto& [node, client] : clients_) {
-      if (const char* const why = overdue(&client.watch, node, patience_, in_need)) late.emplace_back(node, why);
+      if (const char* const why = overdue(&client.watch, patience_, now)) late.emplace_back(node, why);
+      give_back(node);
     }
     for (const auto& [node, why] : late) Drop(node, why);
     tell_untold(&teller_);
@@ -122,7 +137,7 @@ class Server {
   }
 
   void AcceptAgain() {
-    if (!accepting_ && clients_.size() < most_) accepting_ = set_.add(listener_);
+    if (!accepting_) accepting_ = set_.add(listener_);
   }
 
   Node listener_;

@@ -1,7 +1,7 @@
 /* multi_server.c - answers many clients in one loop, until SIGINT or SIGTERM.
  *   multi_server HOST SERVICE [CLIENTS [SECONDS]]
  * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: patience with a client
- * that owes something. What is bounded stands in limits.h; who is dropped is told on standard error. */
+ * that owes something. limits.h says what is bounded; dropped clients are told of on standard error. */
 #include <signal.h>
 #include <stdlib.h>
 
@@ -11,13 +11,13 @@
 enum { WAIT_MSEC = 1000 };
 
 typedef struct Server {
-  MQNode* nodes[MOST_CLIENTS + 2]; /* the listening node, the clients, a null pointer */
-  Watch watches[MOST_CLIENTS + 1]; /* of the nodes */
-  int count;                       /* nodes, the listening one included */
-  int most;                        /* count at which no more are accepted */
-  int accepting;                   /* 0: an accept had no descriptor or no memory; tried again when a client has gone */
-  int patience;                    /* seconds */
-  long second;                     /* of the last look at the clients */
+  MQNode* listener;
+  Watch clients[MOST_CLIENTS];
+  int count;     /* clients */
+  int most;      /* count at which the table is full */
+  int accepting; /* 0: an accept was not possible; tried again when a client has gone, or a second */
+  int patience;  /* seconds */
+  long second;   /* of the last look at the clients */
   Teller teller;
   PcfMessage* in;
   PcfMessage* out;
@@ -39,9 +39,10 @@ static int read_failed(Server* server, MQNode* node, int midway) {
   return 0;
 }
 
-/* Reads what there is of a message and answers a whole one. 0: this client is to be dropped. */
+/* Reads the part of a message that has arrived and answers a whole one. 0: this client is to be dropped. */
 static int serve(Server* server, MQNode* node) {
   const int midway = is_midway(node);
+  if (takes_no_answers(node)) return tell_drop(&server->teller, node, "takes no answers");
   if (!mnReadMsg(node)) return read_failed(server, node, midway); /* the header first, or the rest */
   if (is_too_long(node)) return tell_drop(&server->teller, node, "its question is too long");
   if (!mnRead(server->in, node)) return read_failed(server, node, midway);
@@ -55,59 +56,77 @@ static int serve(Server* server, MQNode* node) {
          tell_drop(&server->teller, node, mq_error_name(mq_node_cause(node, NULL)));
 }
 
-/* Takes in connections that wait, while there is room; those left waiting make the next wait come back at once. */
-static void accept_clients(Server* server, MQNode* listener) {
+/* Deletes the clients that were closed. Not earlier: a node may be in two arrays of one wait. */
+static void sweep(Server* server) {
+  for (int i = 0; i < server->count; ++i) {
+    if (server->clients[i].node->openState) continue;
+    DeleteMQNode(server->clients[i].node);
+    server->clients[i--] = server->clients[--server->count];
+    server->accepting = 1;
+  }
+}
+
+/* Drops a client for a newcomer; limits.h says which. 0 when none makes room yet. */
+static int make_room(Server* server) {
+  MQNode* const node = makes_room(server->clients, server->count, now_msec());
+  if (node == NULL) return 0;
+  tell_drop(&server->teller, node, "its place is needed");
+  mnClose(node);
+  sweep(server);
+  return 1;
+}
+
+/* Accepts connections that wait, one when the table is full; the others make the next wait come back at once. When
+ * none can be accepted, the wait would come back at once for nothing: the listener is left out of it for a while. */
+static void accept_clients(Server* server) {
+  MQNode* const listener = server->listener;
+  if (server->count == server->most) server->accepting = make_room(server);
   for (int i = 0; i < MOST_ACCEPTED && server->count < server->most; ++i) {
     if (!mnOpen(listener)) {
-      /* Without a descriptor the connection stays in the queue, and the wait would come back at once, for nothing. */
-      server->accepting = listener->error == MQ_AGAIN || listener->error == ECONNABORTED;
-      if (!server->accepting && may_tell(&server->teller)) failed("accept", listener);
+      if (listener->error == MQ_AGAIN || listener->error == ECONNABORTED) return;
+      if (may_tell(&server->teller)) failed("accept", listener);
+      server->accepting = listener->error == EMFILE && make_room(server);
       return;
     }
     MQNode* child = listener->child;
     if (child == NULL) return; /* no memory: the connection was closed */
-    child->writeLimit = MOST_QUEUED;
-    server->watches[server->count] = (Watch){0, 0};
-    server->nodes[server->count++] = child;
-    server->nodes[server->count] = NULL;
-    if (!NoblockSocket(&child->sock)) mnClose(child); /* nobody may keep the others waiting */
+    server->clients[server->count++] = watch_client(child);
+    if (!NoblockSocket(&child->sock)) mnClose(child); /* no client may delay another */
   }
 }
 
 /* Once a second: closes the clients that were waited for long enough, and tries to accept again. */
-static void look(Server* server) {
-  const int in_need = !server->accepting || server->count == server->most;
-  server->second = now_seconds();
-  for (int i = 1; i < server->count; ++i) {
-    if (!server->nodes[i]->openState) continue; /* closed in this round */
-    const char* const why = overdue(&server->watches[i], server->nodes[i], server->patience, in_need);
-    if (why == NULL) continue;
-    tell_drop(&server->teller, server->nodes[i], why);
-    mnClose(server->nodes[i]);
+static void look(Server* server, long now) {
+  server->second = now / 1000;
+  for (int i = 0; i < server->count; ++i) {
+    MQNode* const node = server->clients[i].node;
+    if (!node->openState) continue; /* closed in this round */
+    const char* const why = overdue(&server->clients[i], server->patience, now);
+    if (why != NULL) {
+      tell_drop(&server->teller, node, why);
+      mnClose(node);
+    } else {
+      give_back(node);
+    }
   }
   tell_untold(&server->teller);
   server->accepting = 1;
 }
 
-/* Deletes the clients that were closed in this round. Not earlier: a node may be in two arrays of one wait. */
-static void sweep(Server* server) {
-  for (int i = 1; i < server->count; ++i) {
-    if (server->nodes[i]->openState) continue;
-    DeleteMQNode(server->nodes[i]);
-    server->watches[i] = server->watches[server->count - 1];
-    server->nodes[i--] = server->nodes[--server->count];
-    server->nodes[server->count] = NULL;
-    server->accepting = 1;
-  }
+/* The nodes to wait for, which end with a null pointer. */
+static void list_nodes(const Server* server, MQNode** nodes) {
+  if (server->accepting) *nodes++ = server->listener;
+  for (int i = 0; i < server->count; ++i) *nodes++ = server->clients[i].node;
+  *nodes = NULL;
 }
 
 /* One wait and what follows from it. 0 when waiting is not possible. */
 static int run_round(Server* server) {
-  static MQNode *listening[MOST_CLIENTS + 2], *readable[MOST_CLIENTS + 2], *writable[MOST_CLIENTS + 2];
+  static MQNode *nodes[MOST_CLIENTS + 2], *listening[MOST_CLIENTS + 2];
+  static MQNode *readable[MOST_CLIENTS + 2], *writable[MOST_CLIENTS + 2];
   int status;
-  const int room = server->accepting && server->count < server->most;
-  MQNode** const watched = room ? server->nodes : server->nodes + 1; /* no room: do not accept */
-  if (!mnNPostExMSec(watched, listening, readable, writable, WAIT_MSEC, &status, &server->work)) {
+  list_nodes(server, nodes);
+  if (!mnNPostExMSec(nodes, listening, readable, writable, WAIT_MSEC, &status, &server->work)) {
     *listening = *readable = *writable = NULL;
     if (status != SOCK_WAIT_TIMEOUT && status != EINTR) return 0;
   }
@@ -120,14 +139,15 @@ static int run_round(Server* server) {
   for (MQNode** node = readable; *node; ++node) {
     if ((*node)->openState && !serve(server, *node)) mnClose(*node);
   }
-  for (MQNode** node = listening; *node; ++node) accept_clients(server, *node);
-  if (server->second != now_seconds()) look(server);
+  const long now = now_msec();
+  if (server->second != now / 1000) look(server, now);
   sweep(server);
+  if (*listening != NULL) accept_clients(server);
   return 1;
 }
 
 static int run(Server* server) {
-  MQNode* const listener = server->nodes[0];
+  MQNode* const listener = server->listener;
   if (server->in == NULL || server->out == NULL || IsNodeFailed(listener)) return failed("listen", listener);
   if (!InitSocketPostData(&server->work, MOST_CLIENTS + 2)) return failed("wait", NULL);
   /* Accepted sockets have the listening one's buffers. */
@@ -156,15 +176,15 @@ int main(int argc, char** argv) {
   signal(SIGINT, on_signal);
   signal(SIGTERM, on_signal);
 
-  server.most = (int)clients + 1;
+  server.most = (int)clients;
   server.accepting = 1;
   server.patience = (int)patience;
   server.in = mqc_message_new(0);
   server.out = mqc_message_new(0);
-  server.nodes[0] = CreateMQNode(&addr, MQ_ROLE_LISTEN);
-  server.count = 1;
+  server.listener = CreateMQNode(&addr, MQ_ROLE_LISTEN);
   const int ok = run(&server);
-  for (int i = 0; i < server.count; ++i) DeleteMQNode(server.nodes[i]);
+  for (int i = 0; i < server.count; ++i) DeleteMQNode(server.clients[i].node);
+  DeleteMQNode(server.listener);
   FreeSocketPostData(&server.work);
   mqc_message_free(server.out);
   mqc_message_free(server.in);

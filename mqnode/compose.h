@@ -16,8 +16,9 @@
  *   msg              in/out  the message
  *   to               in/out  destination of a datagram, null for none. A datagram node needs one: a write that passes
  *                            none fails with 89 in node->sock.error. Not read on a stream node
- *   user             in      user id for the header of a plain message: text, at most 12 characters are used. May point
- *                            at the header's own userId. A signed message always carries the node's user
+ *   user             in      user id for the header of a plain message: text, at most 12 characters are used. May lie
+ *                            anywhere in msg: it is taken before msg changes. A signed message always carries the
+ *                            node's user
  *   secure           in      nonzero signs, 0 writes a plain message
  *   securityContext  in      handed unchanged to mqc_sign
  *   highPriority     in      handed to mnWriteToNode */

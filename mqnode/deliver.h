@@ -37,7 +37,7 @@ MQ_API int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int high
  * Result        1  the queue is empty (mnIsPendingIO says 0), or the socket took what it could (it says 1: wait again)
  *               0  a queued message was dropped, perhaps in the middle: the socket failed, a signal interrupted the
  *                  send, or there was no memory to put it back. Later ones are still queued, but must not be sent:
- *                  close a stream node
+ *                  close a stream node. With error 105 nothing was lost: call again
  * error         0; 11 when the socket is full or a message was dropped, node->sock.error has the socket's code; 0
  *               beside result 1 when the socket took a part and the rest is still queued; 105 when an entry without a
  *               descriptor was dropped

@@ -55,7 +55,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "says why unless there was no memory (0, 11, or what it was before)"},
       {MQ_NO_DESCRIPTOR, MQ_IN_NODE, "MQ_NO_DESCRIPTOR", NULL, "a queued entry without a write descriptor was dropped",
        "mnFinishWrite; 105 from any other operation is the socket's ENOBUFS",
-       "do not put entries into node->pending by hand; call mnFinishWrite again for the rest of the queue"},
+       "put write descriptors alone into node->pending; call mnFinishWrite again for the rest of the queue"},
       {MQ_BAD_MESSAGE, MQ_IN_NODE, "MQ_BAD_MESSAGE", NULL, "the bytes are not a message, or its length is impossible",
        "mnRead, mnSRead, mnBrowse; the writes, for a raw.length below 136 or above MQ_MAX_MESSAGE",
        "close a stream node: it is out of step; check that both sides use the same framing, plain or signed; look at "
@@ -97,7 +97,8 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "node, "
        "and install handlers with SA_RESTART"},
       {EBADF, kAll, "EBADF", NULL, "the descriptor is not open",
-       "any call on a socket that was closed elsewhere; waits report it for low numbers alone",
+       "any call on a socket that was closed elsewhere; a wait reports it only below the size of the process's "
+       "descriptor table",
        "find who closed the descriptor; a closed node can only be deleted"},
       {EAGAIN, MQ_IN_SOCKET, "SOCK_WOULD_BLOCK", "EAGAIN", "it would block, or a connect is in progress",
        "calls on non-blocking sockets; EINPROGRESS is stored as this",
@@ -111,7 +112,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "a record was released or overwritten: run the host under a memory checker"},
       {EINVAL, kAll, "EINVAL", NULL, "an argument is not valid here",
        "bind of a bound socket, accept on a socket that does not listen, options out of range; a wait with a "
-       "work record of size 0",
+       "work record of a size below 1",
        "check the order of the calls and the values"},
       {ENFILE, kBoth, "ENFILE", NULL, "the system has no descriptors left", "creating nodes, accepting",
        "close files, or raise fs.file-max"},

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,20 +27,25 @@ constexpr size_t kLongestHome = 244;  // leaves room for a slash and a process i
 constexpr char kUnknown[] = "UNKNOWN";
 constexpr char kListingCommand[] = "ps -p %d | grep -v CMD | grep -v COMMAND  | awk '{print $4}'  > $TEVRA_HOME/%d";
 
-bool IsOwnFile(const struct stat& file) { return S_ISREG(file.st_mode) && file.st_uid == geteuid(); }
+// The shell may run with the real user's rights.
+bool IsOwnFile(const struct stat& file) {
+  return S_ISREG(file.st_mode) && (file.st_uid == geteuid() || file.st_uid == getuid());
+}
 
 // Makes sure that the shell creates the scratch file. One that this user left behind is removed; anything else at that
 // place, a symbolic link or a FIFO, may have been put there by another user: the shell would write through it.
 bool ClearPath(const char* path) {
+  const int before = errno;  // that nothing is there is no error that a lookup should report later
   struct stat there;
-  if (lstat(path, &there) != 0) return true;
-  return IsOwnFile(there) && remove(path) == 0;
+  const bool clear = lstat(path, &there) != 0 || (IsOwnFile(there) && remove(path) == 0);
+  errno = before;
+  return clear;
 }
 
 // Reads the first line of the scratch file; the line is empty when the file is.
 bool ReadLine(FILE* file, char (&line)[kLineSize]) {
-  struct stat read;
-  if (fstat(fileno(file), &read) != 0 || !IsOwnFile(read)) return false;
+  struct stat opened;
+  if (fstat(fileno(file), &opened) != 0 || !IsOwnFile(opened)) return false;
   line[0] = '\0';
   if (fgets(line, sizeof line, file) == nullptr) line[0] = '\0';
   return true;

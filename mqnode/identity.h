@@ -7,7 +7,8 @@
  * TEVRA_HOME is trusted: it decides where the shell writes, and the environment decides which ps the shell runs. Name a
  * directory that no other user can write to. The variable is ignored in a process that has more rights than its caller
  * (set-user-ID, capabilities). When something other than a file of this user is found under the process id, no command
- * is run. That leaves one gap: a user who can write to the directory can put a link there after that check. */
+ * is run. That leaves one gap: a user who can write to the directory can put a link or a FIFO there after that check.
+ * On file systems that give files to another user, every name is "UNKNOWN". */
 #ifndef MQNODE_MQNODE_IDENTITY_H
 #define MQNODE_MQNODE_IDENTITY_H
 

@@ -59,8 +59,10 @@ typedef int (*MQNodeFn)(MQNode* node);
 typedef int (*MQMessageFn)(PcfMessage* msg, MQNode* node);
 typedef int (*MQPostFn)(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status);
 
-/* Callers may read any field, and set writeLimit and pendingLimit. A host that writes as another user than its login
- * puts that user, zero-padded, into user before it writes. */
+/* Callers may read any field, and set writeLimit and pendingLimit. An application that writes as another user than its
+ * login puts that user, zero-padded, into user before it writes. Between two messages (recvBuffer.received is 0) it may
+ * replace a receive area that a long message has made large: DeleteBuffer, CreateBuffer with 16520 bytes, ResetBuffer to
+ * the length of the next header (136, or 32 of a signed message; on a datagram node to the capacity). */
 struct MQNode {
   uint32_t nodeType;         /* 2 */
   uint32_t role;             /* 0 connecting or datagram, 1 listening */

@@ -15,8 +15,7 @@ inline void Trace(const char* point, MQNode* node) {
   if (node->onTrace != nullptr) node->onTrace(point, node);
 }
 
-// Gives buf a new area, whatever it had before, armed for length bytes. Without memory it has no area, and every read
-// fails.
+// Gives buf a new area, whatever it had before, armed for length bytes. Without memory it has none: a read asks again.
 inline void CreateReceiveBuffer(IoBuffer* buf, uint32_t length) {
   CreateBuffer(buf, kReceiveCapacity);
   ResetBuffer(buf, std::min(length, buf->capacity));

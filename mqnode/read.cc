@@ -41,10 +41,9 @@ int FailRead(MQNode* node, const Framing& framing, int code) { return Leave(node
 
 int FailReceive(MQNode* node, const Framing& framing) {
   CopySocketError(node);
-  const bool reset = node->error != MQ_AGAIN;
-  if (reset && framing.resetBeforeTrace) ResetFailed(node, framing);
+  if (framing.resetBeforeTrace && node->error != MQ_AGAIN) ResetFailed(node, framing);
   Trace(framing.gather, node);
-  if (reset && !framing.resetBeforeTrace) ResetFailed(node, framing);
+  if (!framing.resetBeforeTrace && node->error != MQ_AGAIN) ResetFailed(node, framing);
   return 0;
 }
 
@@ -78,7 +77,8 @@ constexpr timespec kBrowsePause = {0, 10'000'000};
   raw.capacity = buf->capacity;
   raw.length = buf->received;
   if (!AlienToNative(&raw)) return MQ_BAD_MESSAGE;
-  return mq::ExpectMessage(node, kPlainFraming, mq::HeaderOf(buf->data)->bodyLength);
+  const MsgHeader* const header = mq::HeaderOf(buf->data);
+  return mq::ExpectMessage(node, kPlainFraming, header->hdrLength, header->bodyLength);
 }
 
 // Hands the message that the buffer holds to the host.
@@ -120,42 +120,45 @@ bool PauseBrowse(const SockRec& sock, int looks) {
   return true;
 }
 
+// Always false. Callbacks see the node's error: a browse sets it only when it fails.
+bool FailBrowse(MQNode* node, int code) {
+  node->error = code;
+  return false;
+}
+
 // Peeks until a whole header is at data; on failure the node's error says why not.
 bool PeekHeader(MQNode* node, uint8_t* data) {
   SockRec* const sock = &node->sock;
   bool ended = false;  // the peer sends no more: the next look sees all there will ever be
   for (int looks = 1;; ++looks) {
     IoBuffer peek = {data, kHeaderLength, kHeaderLength, MSG_PEEK, 0, 0};
-    if (!ReadSocket(sock, &peek)) break;
-    node->error = MQ_BAD_MESSAGE;
-    if (peek.received >= sizeof(uint32_t) && !mq::IsHeader(data, kHeaderLength)) return false;
+    if (!ReadSocket(sock, &peek)) return FailBrowse(node, sock->error);
+    if (peek.received >= sizeof(uint32_t) && !mq::IsHeader(data, kHeaderLength)) break;
     if (peek.received >= kHeaderLength) return true;
-    if (looks > 1 && mq::IsDatagram(node)) return false;  // it does not grow
+    if (looks > 1 && mq::IsDatagram(node)) break;  // it does not grow
     if (ended) {
       mq::ReportFailure(sock, SOCK_PEER_CLOSED);
-      break;
+      return FailBrowse(node, sock->error);
     }
     ended = PeerStoppedSending(*sock);
     if (looks == 1 || ended) continue;  // the first look may have been cut short
-    node->error = MQ_AGAIN;
-    if (!PauseBrowse(*sock, looks)) return false;
+    if (!PauseBrowse(*sock, looks)) return FailBrowse(node, MQ_AGAIN);
   }
-  mq::CopySocketError(node);
-  return false;
+  return FailBrowse(node, MQ_BAD_MESSAGE);
 }
 
 // Converts a peeked header and makes room for its body; on failure the node's error says why not.
 bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
   PcfRawData* const raw = &msg->raw;
-  node->error = MQ_BAD_MESSAGE;
   if (!AlienToNative(raw)) {
+    FailBrowse(node, MQ_BAD_MESSAGE);
     DumpPcfMessage(msg);
     return false;
   }
   const uint32_t bodyLength = mq::HeaderOf(raw->data)->bodyLength;
-  node->error = MQ_NO_ROOM;
   const auto room = static_cast<int32_t>(raw->capacity - kHeaderLength);
-  return static_cast<int32_t>(bodyLength) <= room || SizePcfMessage(msg, bodyLength) != 0;
+  if (static_cast<int32_t>(bodyLength) <= room || SizePcfMessage(msg, bodyLength)) return true;
+  return FailBrowse(node, MQ_NO_ROOM);
 }
 
 }  // namespace
@@ -170,7 +173,6 @@ int mnRead(PcfMessage* msg, MQNode* node) {
 int mnBrowse(PcfMessage* msg, MQNode* node) {
   node->error = MQ_OK;
   const bool found = PeekHeader(node, msg->raw.data) && ConvertPeeked(msg, node);
-  if (found) node->error = MQ_OK;
   mq::Trace("mnBrowse", node);
   return found;
 }

@@ -12,8 +12,9 @@
  * of the other framing; a browse also not in the middle of a plain one.
  *
  * A node for which there was no memory for a receive area when it was created works once there is some: mnRead and
- * mnSRead ask for the area again, and fail with 2102 without receiving while there is none. A read on a closed node does
- * the same, so that it ends with the socket's own code, 9 (EBADF); DeleteMQNode releases that area. */
+ * mnSRead ask for the area again, and fail with 2102 without receiving while there is none. A read on a closed node
+ * does the same, so that it ends with the socket's own code, 9 (EBADF); DeleteMQNode releases that area. The gather
+ * steps alone do not ask for an area: they fail with 2102. */
 #ifndef MQNODE_MQNODE_READ_H
 #define MQNODE_MQNODE_READ_H
 
@@ -22,7 +23,7 @@
 MQ_BEGIN_C
 
 /* mnReadMsg - the gather step of a read: receive until the node's receive buffer holds as many bytes as it asks for, on
- * a datagram node one datagram.
+ * a datagram node one datagram. A datagram that an earlier call has gathered stays: nothing is received for it.
  * Result       1 it does; 0 not
  * error        0; 11 call again, what is held stays; 2026 the first word is not 136 in either byte order; 2102 the
  *              receive buffer is smaller than what is asked for; the socket's code. All but 11 reset the buffer
@@ -48,8 +49,9 @@ MQ_API int mnRead(PcfMessage* msg, MQNode* node);
  * The announced length is not checked: it is compared with the capacity of msg as a signed number, and msg is enlarged
  * to hold that many bytes when it is greater. mnRead checks it.
  * Result       1 the header is there and msg can hold the body; 0 not
- * error        0; 11; 2026 no header, or it could not be converted (dumped then); 2102 msg cannot be enlarged, as for
- *              every length that the companion takes for no message's; the socket's code, 9004 when the peer closed the connection
+ * error        0; 11; 2026 no header, or it could not be converted (dumped then); 2102 msg cannot be enlarged: no
+ *              memory, or more than the companion allows for a message; the socket's code, 9004 when the peer closed
+ *              the connection
  * Trace point  "mnBrowse" */
 MQ_API int mnBrowse(PcfMessage* msg, MQNode* node);
 

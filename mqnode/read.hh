@@ -30,7 +30,7 @@ inline uint32_t IdleLength(const MQNode* node, const Framing& framing) {
   return IsDatagram(node) ? node->recvBuffer.capacity : framing.headerLength;
 }
 
-// Arms the receive buffer for the next message. The buffer holds a message, so an idle length fits in it.
+// Arms a receive buffer whose area holds at least a header.
 inline void ResetReceive(MQNode* node, const Framing& framing) {
   ResetBuffer(&node->recvBuffer, IdleLength(node, framing));
 }
@@ -48,8 +48,9 @@ bool Rearm(MQNode* node, const Framing& framing);
 
 // Makes the buffer ask for the whole message that a converted header announces. Returns 0, or the code with which the
 // read has to fail.
-inline int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announced) {
+inline int ExpectMessage(MQNode* node, const Framing& framing, uint32_t hdrLength, uint32_t announced) {
   IoBuffer* const buf = &node->recvBuffer;
+  if (hdrLength != framing.headerLength) return MQ_BAD_MESSAGE;
   const uint32_t total = TotalLength(framing.headerLength, announced);
   if (total == 0) return MQ_BAD_MESSAGE;
   if (IsDatagram(node) && total != buf->received) return MQ_BAD_MESSAGE;
@@ -59,8 +60,8 @@ inline int ExpectMessage(MQNode* node, const Framing& framing, uint32_t announce
   return MQ_OK;
 }
 
-// What is held may have been gathered in the other framing.
-inline bool HoldsOtherFraming(const IoBuffer* buf, const Framing& framing) {
+// Whether a whole header is held that is none of this framing.
+inline bool HasWrongFirstWord(const IoBuffer* buf, const Framing& framing) {
   return buf->received >= framing.headerLength && !IsHeader(buf->data, framing.headerLength);
 }
 
@@ -73,15 +74,16 @@ template <const Framing& kFraming, uint32_t kType>
   node->error = MQ_OK;
   if (kDatagram && buf->received == 0) buf->length = buf->capacity;
   if (buf->length > buf->capacity || buf->capacity == 0) return FailGather(node, kFraming, MQ_NO_ROOM);
-  bool complete = buf->received >= buf->length;
-  do {
-    if (!complete && !(kDatagram ? ReadSocket(&node->sock, buf) : ReceiveStream(&node->sock, buf)))
+  bool receive = buf->received < buf->length;
+  for (;;) {
+    if (receive && !(kDatagram ? ReadSocket(&node->sock, buf) : ReceiveStream(&node->sock, buf))) {
       return FailReceive(node, kFraming);
+    }
     if (kDatagram) buf->length = buf->received;
-    if (HoldsOtherFraming(buf, kFraming)) return FailGather(node, kFraming, MQ_BAD_MESSAGE);
-    complete = buf->received >= buf->length;
-  } while (!complete);
-  return 1;
+    if (HasWrongFirstWord(buf, kFraming)) return FailGather(node, kFraming, MQ_BAD_MESSAGE);
+    if (buf->received >= buf->length) return 1;
+    receive = true;
+  }
 }
 
 template <const Framing& kFraming>

@@ -21,7 +21,7 @@ int ConvertEnvelope(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   SecureHeader* const envelope = mq::EnvelopeOf(buf->data);
   if (!AlienToNativeExt(envelope)) return MQ_BAD_MESSAGE;
-  return mq::ExpectMessage(node, kSecureFraming, envelope->msgLength);
+  return mq::ExpectMessage(node, kSecureFraming, envelope->hdrLength, envelope->msgLength);
 }
 
 bool Authenticate(PcfMessage* msg, const IoBuffer& received) {

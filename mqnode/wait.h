@@ -17,8 +17,8 @@
  *                 Each array has room for one entry more than there are nodes, keeps the order of nodes and is ended by
  *                 a null pointer; read it only after result 1
  *   seconds, milliseconds  0 polls; negative counts as 0; seconds above 2147483 count as that
- *   status        out  0; errno of select (EINTR: a signal came); 9000 timed out; untouched when a plain form has no
- *                      memory
+ *   status        out  0; errno of select (EINTR: a signal came); 9000 timed out; ENOMEM and EINVAL (socksin/wait.h);
+ *                      untouched when a plain form has no memory
  *   work          in   from InitSocketPostData, with all its lists
  * A node may be in readReady and in writeReady of one wait: close it (mnClose) where it fails, and delete closed nodes
  * once both arrays were walked.

@@ -8,8 +8,9 @@
  *   Trace      a trace point calls rec->onTrace, when set, with a fixed name and the record.
  *   Pointers   required and not checked, unless a function says otherwise.
  *   Ownership  a SockRec belongs to its holder, by value; the layer never allocates or frees one.
- *   exec       created and accepted sockets are close-on-exec: a program that the process starts does not inherit them.
- *              An adopted descriptor keeps the flags that it has. A child of fork without exec inherits all of them
+ *   exec       created and accepted sockets are made close-on-exec, so that programs that the process starts do not
+ *              inherit them, unless another thread starts one between the two system calls. An adopted descriptor keeps
+ *              its flags. A child of fork without exec inherits every socket
  *   Threads    one thread at a time uses a record. No locks. G_socket_trace is set before other threads use records.
  *              Names are looked up by one thread at a time in the whole process, since the system library keeps its
  *              answers in one place; so it does with the time of day in lines that DeleteSocket and bTcpipNotActive
@@ -42,12 +43,13 @@ enum { SOCK_TYPE_STREAM = 1, SOCK_TYPE_DATAGRAM = 2 };
 typedef struct SockRec SockRec;
 
 /* Called once for each reported failure, after error was set. Its result is kept in errorResult; it cannot stop or
- * repeat the operation. The operation goes on to use the record, and in the node layer its node: a callback reads them
- * and may set callbacks, but must not transfer on, close or delete them, nor delete a node that the operation works
- * on. */
+ * repeat the operation. The operation still uses the record afterwards, and in the node layer its node: a callback may
+ * read both and set callbacks, but must not close or delete them or start another operation on them. mnOpen on a
+ * listening node uses its child as well. */
 typedef int (*SockErrorFn)(SockRec* rec);
 
-/* Called at each trace point with the point's name. What SockErrorFn must not do, it must not do either. */
+/* Called at each trace point with the point's name. The rules of SockErrorFn hold here, with one
+ * exception: during a wait a callback may close or replace sockets that have not been reported yet (wait.h). */
 typedef void (*SockTraceFn)(const char* point, SockRec* rec);
 
 /* A socket name held as text. Callers fill host, ip, service and protocol; the layer writes port, and the others where

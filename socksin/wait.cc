@@ -164,7 +164,7 @@ int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch) {
     if (!AddSocket<kWrites>(sets, list[index])) return -1;
     if (index < kKnown) scratch->fd[index] = list[index]->fd;
   }
-  // Nobody asked.
+  // Not watched.
   const size_t used = (static_cast<size_t>(sets->highest) / kWordBits + 1) * sizeof(Word);
   if (work->readable == nullptr) memset(sets->read, 0, used);
   if (work->exceptional == nullptr) memset(sets->except, 0, used);
@@ -248,7 +248,7 @@ size_t NextNoted(const Sets& sets, const Scratch& scratch, size_t i, size_t end)
 }
 
 // Walks the list to its null pointer as the lists and records are at that moment. The noted descriptors of the first
-// count sockets save a visit to each record until a callback has run.
+// count sockets save a visit to each record until a trace callback has run, the only one that may change them.
 void Collect(const Sets& sets, SockPostData* work, const Family& family, const Scratch& scratch, size_t count) {
   const bool writes = family.writes && work->writable != nullptr;
   Ready ready = {work->size - 1};
@@ -292,7 +292,7 @@ int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Fami
   return result;
 }
 
-// Hosts that interpose free see it called for what there is.
+// free is never called with a null pointer: applications may interpose it.
 template <typename T>
 void Free(T** block) {
   if (*block == nullptr) return;

@@ -15,8 +15,8 @@
  * A socket whose fd is negative is passed over. A descriptor that was closed without its record being told is an error
  * of the application, and select does not always report it: below the size of the process's descriptor table the status
  * is EBADF; above it, such a socket is ignored, or listed as ready when another socket is.
- * Trace callbacks may change the records and the lists: the result lists are collected from sockets, up to its null
- * pointer, and from the descriptors as they are at that moment. */
+ * A trace callback may close or replace sockets that have not been reported yet, and end the input lists: results are
+ * collected from the lists up to their null pointers, and from the descriptors, as they are at that moment. */
 #ifndef MQNODE_SOCKSIN_WAIT_H
 #define MQNODE_SOCKSIN_WAIT_H
 

@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -487,7 +488,7 @@ TEST(Text, UserNameFitsOrIsRefused) {
 
 // ---- Messages ----
 
-void ExpectSample(const PcfMessage* msg) {
+void ExpectSample(const PcfMessage* msg, const char* sender = "alice") {
   MqcParam param = {};
   EXPECT_EQ(mqc_command(msg), 77u);
   ASSERT_EQ(mqc_count(msg), 6u);
@@ -509,7 +510,7 @@ void ExpectSample(const PcfMessage* msg) {
   char user[13], application[49];
   mqc_user(msg, user);
   mqc_application(msg, application);
-  EXPECT_STREQ(user, "alice");
+  EXPECT_STREQ(user, sender);
   EXPECT_STREQ(application, "foreign sender");
 }
 
@@ -779,15 +780,14 @@ TEST(Message, SizeIsBounded) {
 
 // ---- Signatures ----
 
-// A clock that only runs forward: what one test had refused by its age is of no concern to the next.
 std::atomic<int64_t> clock_now{1700000000000};
 int64_t TestClock() { return clock_now; }
 
 class Security : public testing::Test {
  protected:
   void SetUp() override {
-    clock_now += 1000000;
     mqc_set_clock(TestClock);
+    mqc_reset_replay(0);
     mqc_ring_clear();
     ASSERT_TRUE(mqc_ring_add("alice", alice_.open, nullptr, 0));
     ASSERT_TRUE(mqc_ring_add("bob", bob_.open, nullptr, 0));
@@ -820,18 +820,34 @@ class Security : public testing::Test {
     PcfMessage* msg = record.get();
     msg->secHeader = envelope;
     if (!mqc_authenticate(&msg->secHeader, &part, msg)) {
+      EXPECT_EQ(Names(msg), "") << "nobody is named";
+      EXPECT_EQ(memcmp(&msg->secHeader, &envelope, sizeof envelope), 0);
       EXPECT_EQ(mqc_count(msg), 0u);
       return false;
     }
     EXPECT_EQ(msg->raw.length + 96, signed_part.size()) << "the trailer is no part of the message";
     const bool read = AlienToNative(&msg->raw) && AlienPcfToNative(msg) && RawToPcf(msg);
     EXPECT_TRUE(read) << mqc_message_error(msg);
-    ExpectSample(msg);
+    const std::string user(envelope.userId, strnlen(envelope.userId, 12));
+    const std::string names = user + "foreign sender" + user;
+    ExpectSample(msg, user.c_str());
+    EXPECT_EQ(Names(msg), names);
     // Refused the second time: what was parsed from a message that is no longer believed is gone.
     msg->raw.length = length;
     EXPECT_FALSE(mqc_authenticate(&msg->secHeader, &part, msg));
     EXPECT_EQ(mqc_count(msg), 0u);
+    EXPECT_EQ(Names(msg), "");
+    msg->raw.length -= 96;  // the plain message, read next into the same record
+    EXPECT_TRUE(AlienPcfToNative(msg) && RawToPcf(msg));
+    EXPECT_EQ(Names(msg), names);
     return read;
+  }
+  static std::string Names(const PcfMessage* msg) {
+    char user[13], application[49], sender[13];
+    mqc_user(msg, user);
+    mqc_application(msg, application);
+    mqc_sender(msg, sender);
+    return std::string(user) + application + sender;
   }
   static std::string Refusal(const Bytes& wire) { return Receive(wire) ? "" : mqc_authenticate_error(); }
 
@@ -1006,7 +1022,7 @@ TEST_F(Security, AFullMemoryForgetsButNeverAcceptsTwice) {
     refusal = Refusal(wires.back());
   }
   EXPECT_EQ(wires.size(), 1025u);
-  ExpectSays(refusal, "full");
+  ExpectSays(refusal, "user alice has filled");
   for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
   // A wider window and a clock that goes back bring nothing back either.
   clock_now += 400000;
@@ -1016,6 +1032,77 @@ TEST_F(Security, AFullMemoryForgetsButNeverAcceptsTwice) {
   clock_now -= 400000;
   for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
   clock_now += 400000;
+}
+
+// bob fills the memory with messages that are as far ahead as they may be: his own later ones are refused, alice's are
+// not, and nothing is accepted twice.
+TEST_F(Security, NobodyFillsTheMemoryForOthers) {
+  constexpr int kAhead = 290000;
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  const auto sign_as = [&](const char* user, const Keys& keys, int ahead) {
+    signer_.reset(mqc_signer_new(user, keys.secret, nullptr, 0));
+    FillHeader(msg_.get(), user);
+    clock_now += ahead;
+    const Bytes wire = Sign();
+    clock_now -= ahead;
+    return wire;
+  };
+  std::vector<Bytes> wires;
+  const Bytes first = sign_as("bob", bob_, kAhead);
+  mqc_fail_allocation(1, 0);
+  ExpectSays(Refusal(first), "no memory");
+  for (int i = 0; i < 1024; ++i) {
+    wires.push_back(sign_as("bob", bob_, kAhead));
+    ASSERT_EQ(Refusal(wires.back()), "");
+  }
+  ExpectSays(Refusal(sign_as("bob", bob_, kAhead)), "user bob has filled");
+  for (int i = 0; i < 2000; ++i) {
+    clock_now += 10;
+    wires.push_back(sign_as("alice", alice_, 0));
+    ASSERT_EQ(Refusal(wires.back()), "") << i;
+  }
+  ExpectSays(Refusal(sign_as("bob", bob_, 0)), "longer than accepted messages are remembered");
+  EXPECT_LE(Account("replay").live_blocks, 1024u + 2) << "and a block for each user";
+  for (const Bytes& wire : wires) ASSERT_FALSE(Receive(wire));
+  clock_now += kAhead + 1;
+  EXPECT_EQ(Refusal(sign_as("bob", bob_, 0)), "") << "when the time has come up to his messages";
+}
+
+// Both clocks were an hour ahead: what was accepted then is still refused, and nothing else is.
+TEST_F(Security, AClockThatIsSetRightRefusesNothingNew) {
+  constexpr int kAhead = 3600000;
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  const Bytes before = Sign();
+  ASSERT_TRUE(Receive(before));
+  clock_now += kAhead;
+  const Bytes ahead = Sign();
+  ASSERT_TRUE(Receive(ahead));
+  clock_now -= kAhead;
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  clock_now += kAhead;
+  std::vector<Bytes> full = {ahead};
+  while (full.size() < 1024) {
+    full.push_back(Sign());
+    ASSERT_TRUE(Receive(full.back()));
+  }
+  clock_now -= kAhead;
+  ExpectSays(Refusal(Sign()), "longer than accepted messages are remembered");
+  // Until the host says so: then the messages of the wrong hour, and no others, are accepted once more in that hour.
+  const Bytes refused = Sign();
+  mqc_refuse_before(clock_now + kAhead);
+  mqc_reset_replay(clock_now);
+  EXPECT_EQ(Account("replay").live_blocks, 0u);
+  ExpectSays(Refusal(refused), "longer than accepted messages are remembered");
+  ExpectSays(Refusal(before), "longer than accepted messages are remembered");
+  clock_now += 1;
+  EXPECT_TRUE(Receive(Sign())) << mqc_authenticate_error();
+  clock_now += kAhead;
+  EXPECT_TRUE(Receive(full.back())) << mqc_authenticate_error();
+  EXPECT_FALSE(Receive(full.back()));
+  // An hour after the window, two are forgotten for each that comes.
+  clock_now += kAhead + 300001;
+  ASSERT_TRUE(Receive(Sign()));
+  EXPECT_EQ(Account("replay").live_blocks, 2u) << "the user and the last message";
 }
 
 // The memory grows with what it holds, obeys a limit that was lowered, and takes nothing when it cannot grow.
@@ -1233,7 +1320,7 @@ TEST_F(Log, WritesOneLineFromASignalHandler) {
   sigaction(SIGUSR1, &before, nullptr);
   LOGMSG("0106W two\nlines\x1b[2J\x7f", 1);
   LOGMSG(std::string(5000, 'x').c_str(), 1);
-  for (const int code : {EINTR, EIO}) {
+  for (const int code : {EINTR, EIO, EIO}) {
     host_system.transfer = code;
     LOGMSG("0106W interrupted, or lost", 1);
   }
@@ -1268,6 +1355,64 @@ TEST_F(Log, FallsBackToStandardError) {
   EXPECT_TRUE(Lines().empty());
 }
 
+// Standard error, for as long as this lives.
+class StandardError {
+ public:
+  explicit StandardError(int fd) { dup2(fd, STDERR_FILENO); }
+  ~StandardError() {
+    dup2(kept_, STDERR_FILENO);
+    close(kept_);
+  }
+
+ private:
+  int kept_ = dup(STDERR_FILENO);
+};
+
+// What can be read now.
+std::string Taken(int fd) {
+  std::string text(1 << 20, ' ');
+  const ssize_t got = syscall(SYS_read, fd, text.data(), text.size());
+  text.resize(got < 0 ? 0 : static_cast<size_t>(got));
+  return text;
+}
+
+// A pipe that is full, the wrong end of one, a socket, nothing: no line waits, none goes to a peer, and each is counted.
+TEST_F(Log, WaitsForNobody) {
+  int pipe_ends[2], sockets[2];
+  ASSERT_EQ(pipe2(pipe_ends, 0), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
+  LOGMSG("1157I counted from here", 1);
+  mqc_log_to(nullptr);
+  for (const int fd : {sockets[0], pipe_ends[1], pipe_ends[0], -1}) {
+    const StandardError there(fd);
+    if (fd == -1) close(STDERR_FILENO);
+    const std::string page(4096, 'x');
+    if (fd == pipe_ends[1]) {
+      fcntl(fd, F_SETFL, O_NONBLOCK);
+      while (write(fd, page.data(), page.size()) > 0) continue;
+      fcntl(fd, F_SETFL, 0);
+    }
+    for (int i = 0; i < 3; ++i) LOGMSG("1157I lost", 1);
+  }
+  EXPECT_EQ(Taken(sockets[1]), "");
+  EXPECT_EQ(Taken(pipe_ends[0]).find_first_not_of('x'), std::string::npos);
+  {
+    const StandardError there(pipe_ends[1]);
+    for (const char* line : {"1157I first", "1157I second"}) LOGMSG(line, 1);
+    EXPECT_EQ(fcntl(pipe_ends[1], F_GETFL) & O_NONBLOCK, 0) << "others have the descriptor too";
+    const std::string text = Taken(pipe_ends[0]);
+    ExpectSays(text, " 1903W lines lost before this one: 12\n");
+    EXPECT_LT(text.find("first\n"), text.find("second\n"));
+    close(pipe_ends[0]);
+    LOGMSG("1157I and no signal", 1);
+  }
+  mqc_log_to(path_.c_str());
+  LOGMSG("1157I third", 1);
+  ASSERT_GE(Lines().size(), 3u);
+  ExpectSays(Lines()[Lines().size() - 2], " 1903W lines lost before this one: 1");
+  for (const int fd : {pipe_ends[1], sockets[0], sockets[1]}) close(fd);
+}
+
 TEST_F(Log, DumpsAreBoundedWhateverTheyShow) {
   Message big(mqc_message_new(0));
   ASSERT_TRUE(mqc_begin(big.get(), 1) && mqc_add_bytes(big.get(), 1, std::string(100000, 'x').data(), 100000));
@@ -1298,7 +1443,37 @@ TEST(LogChild, TheEnvironmentNamesTheFile) {
   const std::string path = folder.Name("log");
   RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", path);
   ExpectSays(Content(path), " 1157I child\n");
-  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", std::string(1024, 'x'));  // too long: standard error
+  // A pipe that is read, a link, a folder, another user's file, a path that is too long: the line goes to standard error.
+  const std::string link = folder.Name("link");
+  const std::string fifo = folder.Name("fifo");
+  ASSERT_EQ(symlink(path.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);
+  const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  int sockets[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
+  std::vector<std::string> refused = {link, fifo, "/tmp", std::string(1024, 'x')};
+  const std::string theirs = folder.File("theirs", "", 0666);
+  if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) refused.push_back(theirs);
+  for (const std::string& other : refused) {
+    const std::string seen = folder.File("seen", "");
+    const int file = open(seen.c_str(), O_WRONLY);
+    const StandardError there(file);
+    close(file);
+    RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", other);
+    ExpectSays(Content(seen), " 1157I child\n");
+  }
+  EXPECT_EQ(Taken(reader) + Content(theirs), "");
+  EXPECT_EQ(Content(path).find('\n'), Content(path).size() - 1) << "no second line";
+  // The journal's socket is named in the environment, and the only one that is written to.
+  struct stat about;
+  fstat(sockets[0], &about);
+  const StandardError there(sockets[0]);
+  const std::string journal = std::to_string(about.st_dev) + ":" + std::to_string(about.st_ino);
+  for (const std::string& stream : {journal + "1", "1" + journal, std::string("nothing"), journal}) {
+    EXPECT_EQ(Taken(sockets[1]), "");
+    RunAlone("LogChild.DISABLED_Writes", "JOURNAL_STREAM", stream);
+  }
+  ExpectSays(Taken(sockets[1]), " 1157I child\n");
+  for (const int fd : {reader, sockets[0], sockets[1]}) close(fd);
 }
 
 // The last second of every day until 2105.

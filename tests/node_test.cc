@@ -167,6 +167,10 @@ TEST_F(ApplNameTest, FromWhatTheListingWrote) {
   }
   Platform::OnSystem([&](const char*) { return Plant(fifty); });
   EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV");
+  // Taking the name leaves no errno behind for the lookup.
+  SockAddrRec address = AddressOf("127.0.0.1", "nosuch", "tcp");
+  errno = 0;
+  EXPECT_EQ(Node(CreateMQNode(&address, MQ_ROLE_LISTEN))->error, SOCK_SERVICE_UNKNOWN);
 }
 
 // Without a listing, and with what another user may have planted: that is neither written to nor read.

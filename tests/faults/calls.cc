@@ -74,6 +74,7 @@ const SafeCall kSafe[] = {
     {"getenv", "null is an answer: the variable is not set"},
     {"geteuid", "has no failure"},
     {"getpid", "has no failure"},
+    {"getuid", "has no failure"},
     {"htonl", kPure},
     {"htons", kPure},
     {"inet_addr", kPure},

@@ -29,7 +29,7 @@ using Counts = std::map<std::string, uint64_t, std::less<>>;
 constexpr char kNotReached[] = "not reached\n";
 
 // Runs the situation in this process, looks for what it left behind, then runs the scenario once clean and looks again.
-// Returns what fell, a line each; counts gets the calls of the first run.
+// Returns what fell, a line each; counts gets the calls of the first run, which many clean ones follow then.
 std::string Try(const Situation& situation, Counts* counts);
 
 }  // namespace faults

@@ -8,29 +8,15 @@
 
 namespace {
 
-enum Option : uint8_t { kSealed = 1, kFit = 2, kOtherBytes = 4, kSign = 8 };
+enum Option : uint8_t { kSealed = 1, kOtherBytes = 4, kSign = 8 };
 constexpr size_t kEnvelope = sizeof(SecureHeader);
 constexpr size_t kTrailer = 96;
-constexpr size_t kSmallest = kEnvelope + sizeof(MsgHeader) + 1 + kTrailer;
 constexpr int kWindow = 300;
 
 // Rules whose breaking a verifier does not see, or lets pass: what is in the body is looked at later.
 const char* const kPassed[] = {"encoding-version", "origin-word",      "body-head",      "parameter-count",
                                "parameter-head",   "parameter-length", "parameter-type", "parameter-padding",
                                "text-zero-byte",   "body-rest"};
-
-void StoreAs(bool big, uint8_t* at, size_t value) {
-  for (size_t i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> 8 * (big ? 3 - i : i));
-}
-
-// Lets envelope and header announce what is there, each in the byte order of its first word.
-void Fit(std::vector<uint8_t>& bytes) {
-  if (bytes.size() < kSmallest) return;
-  uint8_t* const header = bytes.data() + kEnvelope;
-  StoreAs(bytes[0] == 0, bytes.data() + offsetof(SecureHeader, msgLength), bytes.size() - kEnvelope);
-  StoreAs(header[0] == 0, header + offsetof(MsgHeader, bodyLength),
-          bytes.size() - kEnvelope - sizeof(MsgHeader) - kTrailer);
-}
 
 // What the verifier says about these bytes, as a reader asks it. Other bytes in the record are never accepted.
 bool Authenticate(const SecureHeader& native, fuzz::Bytes part, bool other) {
@@ -109,7 +95,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CheckSigning(message, options >> 4 & 1);
     return 0;
   }
-  if ((options & kFit) != 0) Fit(message);
   std::optional<int> sealed;
   if ((options & kSealed) != 0) sealed = fuzz::Seal(message);
   Check(message, sealed, (options & kOtherBytes) != 0);

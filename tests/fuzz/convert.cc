@@ -6,19 +6,9 @@
 
 namespace {
 
-enum Option : uint8_t { kFit = 1, kDump = 2, kSpare = 4 };  // from kSpare on: the spare bytes
+enum Option : uint8_t { kDump = 2, kSpare = 4 };  // from kSpare on: the spare bytes
 constexpr size_t kHeader = sizeof(MsgHeader);
-constexpr size_t kAtBodyLength = offsetof(MsgHeader, bodyLength);
 constexpr uint64_t kMostFailing = 4;
-
-// Lets the header announce what is there, in the byte order of its first word.
-void Fit(std::vector<uint8_t>& bytes) {
-  if (bytes.size() < kHeader) return;
-  const bool big = bytes[0] == 0;
-  for (size_t i = 0; i < 4; ++i) {
-    bytes[kAtBodyLength + i] = static_cast<uint8_t>((bytes.size() - kHeader) >> 8 * (big ? 3 - i : i));
-  }
-}
 
 // One step: what it refuses it leaves alone and says why, what it accepts it leaves alone the second time.
 template <typename Step, typename Why>
@@ -63,8 +53,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::Input input(data, size);
   const uint8_t options = input.Byte();
   const uint64_t failing = input.Byte() % kMostFailing;
-  std::vector<uint8_t> bytes = fuzz::Copy(input.Rest());
-  if ((options & kFit) != 0) Fit(bytes);
+  const fuzz::Bytes bytes = input.Rest();
 
   const fuzz::Account account;
   std::set<std::string> broken = fuzz::BrokenRules(bytes);

@@ -82,8 +82,8 @@ void PutMessages(const char* top) {
     datagrams.Put(name, Arriving(0, 0, Bytes(1, static_cast<char>(message.size())), message + message));
     datagrams.Put(name + "-signed", Arriving(0x88, 0, "", signature));
     browse.Put(name, Text("\xf4", 1) + Arriving(form.big, 0, cuts, message + message));
-    convert.Put(name, Bytes(1, static_cast<char>(1 + 16 * 4)) + Bytes(1, '\0') + message);  // spare: 16
-    authenticate.Put(name, Text("\3", 1) + signature);
+    convert.Put(name, Bytes(1, form.ebcdic ? 16 * 4 : 0) + Bytes(1, '\0') + message);  // spare: 16
+    authenticate.Put(name, Text("\1", 1) + signature);
     authenticate.Put(name + "-to-sign", Text("\x8", 1) + Enveloped(form, message, kAlice, ""));
     decode.Put(name, Text("\0", 1) + message + "?" + signature);
   }

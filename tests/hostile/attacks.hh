@@ -5,20 +5,26 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/hostile/peer.hh"
+#include "tests/hostile/server.hh"
 
 namespace hostile {
 
 // Where an attack takes place: the server's port, the time, the attackers, and what the server got wrong.
 class Arena {
  public:
-  Arena(int port, double seconds) : port_(port), seconds_(seconds) {}
+  // served: honest newcomers that were served so far.
+  Arena(int port, bool datagrams, double seconds, std::function<uint64_t()> served)
+      : port_(port), datagrams_(datagrams), seconds_(seconds), served_(std::move(served)) {}
 
-  // Pauses; false when the time of the attack is over.
+  // Pauses; false when the time of the attack is over and a newcomer that came after it was served: a fault when none
+  // is.
   bool Goes(int microseconds);
 
   // Tops the attackers up to so many: those whose connection has ended are replaced.
@@ -37,7 +43,10 @@ class Arena {
   using Clock = std::chrono::steady_clock;
 
   const int port_;
+  const bool datagrams_;
   const std::chrono::duration<double> seconds_;
+  const std::function<uint64_t()> served_;
+  std::optional<uint64_t> before_;  // newcomers that were served when the time was over
   const Clock::time_point began_ = Clock::now();
 };
 
@@ -45,8 +54,8 @@ struct Attack {
   const char* name;
   const char* what;
   void (*run)(Arena& arena);
-  const char* log;         // what the server must say of it; empty when there is nothing to say
-  bool crowds = false;     // newcomers may be turned away while it lasts
+  unsigned kinds;          // of servers that it is for
+  const char* log = "";    // what an example must say of it; empty when there is nothing to say
   rlim_t descriptors = 0;  // of the server; 0: plenty
 };
 

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "demo/histogram.hh"
+#include "tests/hostile/server.hh"
 
 namespace hostile {
 
@@ -22,14 +23,17 @@ class Exchange {
   enum Kind { kSteady, kNewcomer };
 
   // kSteady asks over one connection, about a thousand times a second; kNewcomer connects anew for each question, a few
-  // times a second, and its times include that.
-  Exchange(int port, Kind kind);
+  // times a second, and its times include that. Where the server wants signed questions, they are; a datagram that is
+  // not answered is sent again.
+  Exchange(int port, const Target& target, Kind kind);
   ~Exchange();
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
 
   // What happened since the last call.
   Trips Take();
+  // Answers since then.
+  uint64_t Answers();
 
   // Returns when no question is on its way any more, and none will be until Resume.
   void Pause();
@@ -39,6 +43,7 @@ class Exchange {
   void Run();
 
   const int port_;
+  const Target& target_;
   const Kind kind_;
   std::atomic<bool> stop_ = false;
   std::mutex asking_;  // held while a question is on its way

@@ -1,50 +1,82 @@
 #include "tests/hostile/peer.hh"
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sodium.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <stdexcept>
+#include <chrono>
 #include <string>
 #include <utility>
 
 #include "examples/example.h"
-#include "mqnode/mqnode.hpp"
+#include "tests/support/sender.hh"
 
 namespace hostile {
 
-Bytes Question(size_t length) {
-  int pair[2];
-  const std::string text(length, 'x');
-  mqnode::Message msg = mqnode::Message::create();
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) throw std::runtime_error("no sockets");
-  mqnode::Node node = mqnode::Node::adopt(pair[0], MQ_ROLE_CONNECT);
-  Bytes bytes(length + 2 * sizeof(MsgHeader));
-  size_t size = 0;
-  if (node && msg.begin(COMMAND_ASK) && msg.add(PARAM_TEXT, text) && node.set_blocking(false)) {
-    size_t done = node.write(msg) ? 1 : 0;
-    while (done != 0 && size < msg.raw().size()) {
-      const ssize_t got = recv(pair[1], bytes.data() + size, bytes.size() - size, 0);
-      if (got <= 0) break;
-      size += static_cast<size_t>(got);
-      (void)static_cast<bool>(node.finish_write());
-    }
-  }
-  close(pair[1]);
-  if (size == 0 || size != msg.raw().size()) throw std::runtime_error("cannot build a question");
-  bytes.resize(size);
-  return bytes;
+namespace {
+
+constexpr in_addr_t kAddress = INADDR_LOOPBACK + 1;  // of the attackers: 127.0.0.2
+constexpr sender::Form kForm = {false, false};
+
+sender::Bytes PlainQuestion(size_t length, std::string_view user) {
+  sender::Encoder body(kForm);
+  body.Word(COMMAND_ASK).Word(1).Word(PARAM_TEXT).Word(MQC_TEXT).Word(static_cast<uint32_t>(length));
+  body.Text(std::string(length, 'x'), (length + 4) / 4 * 4);
+  return sender::Plain(kForm, body.bytes, std::string(user));
 }
 
-Peer::Peer(int port, int receiveBuffer) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-  sockaddr_in server{};
-  server.sin_family = AF_INET;
-  server.sin_port = htons(static_cast<uint16_t>(port));
-  server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+sockaddr_in AddressOf(in_addr_t host, int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(host);
+  return address;
+}
+
+}  // namespace
+
+Bytes Question(size_t length) {
+  const sender::Bytes bytes = PlainQuestion(length, kHostile);
+  return {bytes.begin(), bytes.end()};
+}
+
+std::array<uint8_t, 32> SeedOf(std::string_view user) {
+  std::array<uint8_t, 32> seed{};
+  user.copy(reinterpret_cast<char*>(seed.data()), seed.size());
+  return seed;
+}
+
+std::array<uint8_t, 32> PublicKeyOf(std::string_view user) {
+  std::array<uint8_t, 32> open{};
+  uint8_t secret[64];
+  crypto_sign_seed_keypair(open.data(), secret, SeedOf(user).data());
+  return open;
+}
+
+Bytes SignedQuestion(std::string_view user, std::string_view signer, int seconds) {
+  static std::atomic<uint64_t> number = 0;
+  using namespace std::chrono;
+  const auto time = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count() + seconds * 1000;
+  const sender::Bytes nonce = sender::Encoder(kForm).Number(++number, 8).bytes;
+  const sender::Bytes bytes = sender::Signed(kForm, PlainQuestion(1, user), std::string(user), SeedOf(signer).data(),
+                                             static_cast<uint64_t>(time), nonce);
+  return {bytes.begin(), bytes.end()};
+}
+
+Peer::Peer(int port, bool datagrams, int receiveBuffer)
+    : fd_(socket(AF_INET, (datagrams ? SOCK_DGRAM : SOCK_STREAM) | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+  const sockaddr_in here = AddressOf(kAddress, 0);
+  const sockaddr_in server = AddressOf(INADDR_LOOPBACK, port);
+  const int late = 1;  // the port is chosen with the server's address in mind: there are more of them
+  setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof late);
+  bind(fd_, reinterpret_cast<const sockaddr*>(&here), sizeof here);
   if (receiveBuffer != 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-  if (connect(fd_, reinterpret_cast<sockaddr*>(&server), sizeof server) != 0 && errno != EINPROGRESS) Close();
+  if (connect(fd_, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0 && errno != EINPROGRESS) Close();
 }
 
 Peer::~Peer() { Close(); }
@@ -82,6 +114,12 @@ bool Peer::SendUntil(const Bytes& bytes, size_t total) {
 
 void Peer::SendOutOfBand() {
   if (is_open()) Took(send(fd_, "!", 1, MSG_NOSIGNAL | MSG_OOB));
+}
+
+bool Peer::Mirror() {
+  uint8_t part[65536];
+  const ssize_t got = is_open() ? recv(fd_, part, sizeof part, 0) : 0;
+  return got > 0 && Took(send(fd_, part, static_cast<size_t>(got), MSG_NOSIGNAL));
 }
 
 void Peer::Receive(size_t most) {

@@ -3,21 +3,33 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 namespace hostile {
 
 using Bytes = std::vector<uint8_t>;
 
-// The bytes of a question with a text of this length, as the library puts them on the wire.
+// The bytes of a question with a text of this length, as they are on the wire.
 Bytes Question(size_t length);
+
+// Users of the ring that a server of signed messages gets: an honest and a hostile one. The key of a user is made of its
+// name alone.
+constexpr const char* kHonest = "alice";
+constexpr const char* kHostile = "mallory";
+std::array<uint8_t, 32> SeedOf(std::string_view user);
+std::array<uint8_t, 32> PublicKeyOf(std::string_view user);
+
+// A question that this user signs so many seconds from now with the key of signer.
+Bytes SignedQuestion(std::string_view user, std::string_view signer, int seconds = 0);
 
 class Peer {
  public:
-  // Begins to connect. receiveBuffer: bytes, 0 for what the system gives.
-  explicit Peer(int port, int receiveBuffer = 0);
+  // Begins to connect, from an address that no honest client has. receiveBuffer: bytes, 0 for what the system gives.
+  Peer(int port, bool datagrams, int receiveBuffer = 0);
   ~Peer();
   Peer(Peer&& other) noexcept;
   Peer& operator=(Peer&& other) noexcept;
@@ -33,6 +45,8 @@ class Peer {
   // The same, until so many bytes were sent in all. True when they were.
   bool SendUntil(const Bytes& bytes, size_t total);
   void SendOutOfBand();
+  // Sends back what has arrived. True when there was something.
+  bool Mirror();
   // Takes what has arrived, at most so many bytes. A connection that has ended is closed.
   void Receive(size_t most = kTurn);
 

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -16,44 +15,75 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tests/hostile/peer.hh"
+
 namespace hostile {
 namespace {
 
-constexpr int kStartMsec = 20000;
+constexpr int kStartSeconds = 20;
 constexpr int kStopSeconds = 30;
-constexpr const char* kPatience = "4";  // seconds that the server waits for a client that owes something
-constexpr const char* kMostClients = "1000";
 
-[[noreturn]] void Become(const std::string& program, rlim_t descriptors, int out, int log) {
+// The examples serve 1000 clients and wait 4 seconds for one that owes something.
+const Target kTargets[] = {
+    {"multi_server", kExample, "multi_server", {"127.0.0.1", "0", "1000", "4"}},
+    {"cpp_server", kExample, "cpp_server", {"127.0.0.1", "0", "1000", "4"}},
+    {"datagram_server", kDatagrams, "datagram_server", {"127.0.0.1", "0"}},
+    {"mqcat", kMqcat, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}},
+    {"mqcat_signed", kSigned, "mqcat", {"listen", "0", "--echo", "--format", "quiet", "--ring", kRing}},
+    {"mqcat_udp", kDatagrams, "mqcat", {"listen", "0", "--echo", "--format", "quiet", "--udp"}},
+};
+
+[[noreturn]] void Become(const std::string& folder, const Target& target, rlim_t descriptors, int log,
+                         const std::string& ring) {
+  const std::string program = folder + "/" + target.program;
+  std::vector<char*> arguments = {const_cast<char*>(program.c_str())};
+  for (const char* argument : target.arguments) {
+    arguments.push_back(const_cast<char*>(std::string_view(argument) == kRing ? ring.c_str() : argument));
+  }
+  arguments.push_back(nullptr);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   const rlimit limit{descriptors, descriptors};
   if (descriptors != 0) setrlimit(RLIMIT_NOFILE, &limit);
-  dup2(out, STDOUT_FILENO);
+  dup2(log, STDOUT_FILENO);
   dup2(log, STDERR_FILENO);
   close_range(STDERR_FILENO + 1, ~0u, 0);
-  execl(program.c_str(), program.c_str(), "127.0.0.1", "0", kMostClients, kPatience, static_cast<char*>(nullptr));
+  execv(program.c_str(), arguments.data());
   _exit(127);
 }
 
-// The first line of a pipe as a number; 0 when none comes.
-int ReadPort(int pipe) {
-  char text[16] = "";
-  pollfd state = {pipe, POLLIN, 0};
-  if (poll(&state, 1, kStartMsec) != 1 || read(pipe, text, sizeof text - 1) <= 0) return 0;
-  return atoi(text);
+std::string MakeRing() {
+  std::string path = (std::filesystem::temp_directory_path() / "mqhostile-XXXXXX").string();
+  close(mkstemp(path.data()));
+  std::ofstream file(path);
+  for (const char* user : {kHonest, kHostile}) {
+    file << user << ' ';
+    for (const uint8_t byte : PublicKeyOf(user)) file << fmt::format("{:02x}", byte);
+    file << '\n';
+  }
+  return path;
+}
+
+// The number at the end of the first line; 0 when there is none yet.
+int PortIn(const std::string& log) {
+  const size_t end = log.find('\n');
+  if (end == std::string::npos) return 0;
+  const size_t before = log.find_last_not_of("0123456789", end - 1);
+  return atoi(log.c_str() + (before == std::string::npos ? 0 : before + 1));
 }
 
 }  // namespace
 
-Server::Server(const std::string& program, rlim_t descriptors) {
-  int out[2];
-  log_ = memfd_create("log", MFD_CLOEXEC);
-  if (log_ < 0 || pipe2(out, O_CLOEXEC) != 0) return;
+std::span<const Target> Targets() { return kTargets; }
+
+Server::Server(const std::string& folder, const Target& target, rlim_t descriptors)
+    : log_(memfd_create("log", MFD_CLOEXEC)), ring_(MakeRing()) {
+  if (log_ < 0) return;
   pid_ = fork();
-  if (pid_ == 0) Become(program, descriptors, out[1], log_);
-  close(out[1]);
-  if (pid_ > 0) port_ = ReadPort(out[0]);
-  close(out[0]);
+  if (pid_ == 0) Become(folder, target, descriptors, log_, ring_);
+  for (int i = 0; i < kStartSeconds * 100 && port_ == 0; ++i) {
+    usleep(10000);
+    port_ = PortIn(Log());
+  }
 }
 
 Server::~Server() {
@@ -62,6 +92,7 @@ Server::~Server() {
     waitpid(pid_, nullptr, 0);
   }
   if (log_ >= 0) close(log_);
+  unlink(ring_.c_str());
 }
 
 Usage Server::Look() const {
