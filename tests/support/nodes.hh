@@ -71,8 +71,7 @@ inline uint32_t WordAt(std::string_view bytes, size_t at) {
   return word;
 }
 inline std::string WithWord(std::string bytes, size_t at, uint32_t word) {
-  memcpy(bytes.data() + at, &word, sizeof word);
-  return bytes;
+  return bytes.replace(at, sizeof word, reinterpret_cast<const char*>(&word), sizeof word);
 }
 // The same header or message as a host of the other byte order sends it.
 inline std::string Foreign(std::string wire) {

@@ -119,7 +119,8 @@ std::optional<int> Injected(const char* name) {
 }
 
 size_t Limited(const char* name, size_t size) {
-  if (const auto all = Now().constant_limits.find(name); all != Now().constant_limits.end()) size = all->second;
+  const auto all = Now().constant_limits.find(name);
+  if (all != Now().constant_limits.end()) size = std::min(size, all->second);
   std::deque<size_t>& script = Now().limits[name];
   if (script.empty()) return size;
   const size_t limit = script.front();
