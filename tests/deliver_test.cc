@@ -142,7 +142,7 @@ TEST_F(DeliverTest, TraceOfEachEntryPoint) {
     EXPECT_EQ(write(out, node, arguments...), 1);
     return Take("sn");
   };
-  const std::string sent = "WriteSocket:Before; WriteSocket:After; mnWriteToNode 0; ";
+  const std::string sent = "WriteSocket[]; mnWriteToNode 0; ";
   const std::string plain = "mnWriteMsg 77; " + sent + "mnWriteMsg 0",
                     cleared = "mnWriteMsg 0; " + sent + "mnWriteMsg 0";
   const std::string secured = "mnSWriteMsg 77; " + plain, both = "mnSWriteMsg 0; " + cleared;

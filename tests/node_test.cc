@@ -157,7 +157,7 @@ TEST_F(ApplNameTest, FromWhatTheListingWrote) {
                                       {std::string(600, 'z'), std::string(48, 'Z') + " 48"},
                                       // the newline is cut before blanks are taken out, behind the last blank
                                       {"a\t\n", "A 1"},
-                                      {"\033[2Jab\x9b\n", "?[2JAB? 7"},
+                                      {"\033[2Jab~\x9b\n", "?[2JAB~? 8"},
                                       {"(link)", "UNKNOWN 0"}}) {
     Platform::OnSystem([this, text = written](const char*) { return Plant(text); });
     EXPECT_EQ(ApplName(), name);
@@ -263,12 +263,11 @@ TEST_F(NodeTest, OpenConnects) {
     Watch(node);
     return Open(node);
   };
-  const std::string to = " | ConnectSocket:Before; AddrToIP:Before; AddrToIP:After; ",
-                    done = "ConnectSocket:After; mnOpen";
+  const std::string to = " | ConnectSocket[AddrToIP[]", done = "]; mnOpen";
   EXPECT_EQ(open(AddressOf("localhost", listener.port())), "1, 0, 1" + to + done);
-  EXPECT_EQ(open(AddressOf("127.0.0.1", nobody.port())), "0, 111, 0" + to + "onError 111; " + done);
-  EXPECT_EQ(open(AddressOf("127.0.0.1", listener.port()), false), "0, 11, 0" + to + "onError 11; " + done);
-  EXPECT_EQ(open(AddressOf("nowhere", 1)), "0, 9003, 0" + to + "onError 9003; " + done);
+  EXPECT_EQ(open(AddressOf("127.0.0.1", nobody.port())), "0, 111, 0" + to + "; onError 111" + done);
+  EXPECT_EQ(open(AddressOf("127.0.0.1", listener.port()), false), "0, 11, 0" + to + "; onError 11" + done);
+  EXPECT_EQ(open(AddressOf("nowhere", 1)), "0, 9003, 0" + to + "; onError 9003" + done);
   // An open node; one that is connected but not known to be open; another role.
   const Link link = Connect();
   Watch(link.node);
@@ -293,7 +292,7 @@ TEST_F(NodeTest, OpenAcceptsIntoChildren) {
   parent->pending = Qalloc();
   ResetBuffer(&parent->recvBuffer, 32);
   MQNode expected = *parent;
-  EXPECT_EQ(Open(parent), "1, 0, 0 | AcceptClient:Before; AcceptClient:After; mnOpen");
+  EXPECT_EQ(Open(parent), "1, 0, 0 | AcceptClient[]; mnOpen");
   const Node child(parent->child);
   // A copy of its parent, queue and receive buffer included, but for these.
   expected.sock = child->sock;
@@ -307,11 +306,11 @@ TEST_F(NodeTest, OpenAcceptsIntoChildren) {
   EXPECT_TRUE(parent->pending == nullptr && parent->recvBuffer.data != child->recvBuffer.data);
   EXPECT_EQ(Facts(parent).substr(0, 46), "role 1, open 0, error 0, asks 136/16520, host ");
 
-  EXPECT_EQ(Open(parent), "1, 0, 0 | AcceptClient:Before; AcceptClient:After; mnOpen");
+  EXPECT_EQ(Open(parent), "1, 0, 0 | AcceptClient[]; mnOpen");
   const Node other(parent->child);
   EXPECT_EQ(Text(other->sock.name), "- 127.0.0.1 Q - Q");
   NoblockSocket(&parent->sock);
-  EXPECT_EQ(Open(parent), "0, 11, 0 | AcceptClient:Before; onError 11; AcceptClient:After; mnOpen");
+  EXPECT_EQ(Open(parent), "0, 11, 0 | AcceptClient[onError 11]; mnOpen");
   EXPECT_EQ(parent->child, other.get());
 }
 

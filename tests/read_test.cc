@@ -70,17 +70,16 @@ TEST_F(ReadTest, Traces) {
     return Take("sn");
   };
   const std::string plain = Wire(1), wire = keys_.Sign(1);
-  const std::string got = "ReadSocket:Before; ReadSocket:After; ";
-  const std::string blocked = got + "ReadSocket:Before; onError 11; ReadSocket:After; ";
-  const std::string reset = got + "ReadSocket:Before; onError 104; ReadSocket:After; ";
+  const std::string got = "ReadSocket[]; ";
+  const std::string blocked = got + "ReadSocket[onError 11]; ";
+  const std::string reset = got + "ReadSocket[onError 104]; ";
   // Whole: by the nested read, and by the outer. Part of a header; then the nested read runs dry; then the rest.
   EXPECT_EQ(read(false, plain), got + got + "mnRead 0, read 1, held 0/136; mnRead 0, read 1, held 0/136");
   EXPECT_EQ(read(false, plain.substr(0, 100)),
             blocked + "mnReadMsg 11, read 1, held 100/136; mnRead 11, read 1, held 100/136");
   EXPECT_EQ(read(false, plain.substr(100, 40)),
             got + blocked +
-                "mnReadMsg 11, read 1, held 140/160; mnRead 11, read 1, held 140/160; mnRead 11, read 1, "
-                "held 140/160");
+                "mnReadMsg 11, read 1, held 140/160; mnRead 11, read 1, held 140/160; mnRead 11, read 1, held 140/160");
   EXPECT_EQ(read(false, plain.substr(140)), got + "mnRead 0, read 2, held 0/136");
   // A wrong first word is traced with the bytes still there; a receive that fails after the reset.
   EXPECT_EQ(read(false, std::string(136, 'x')),
@@ -94,8 +93,7 @@ TEST_F(ReadTest, Traces) {
             blocked + "mnSReadMsg 11, read 2, held 20/32; mnSRead 11, read 2, held 20/32");
   EXPECT_EQ(read(true, wire.substr(20, 50)),
             got + blocked +
-                "mnSReadMsg 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288; mnSRead 11, read 2, "
-                "held 70/288");
+                "mnSReadMsg 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288");
   EXPECT_EQ(read(true, wire.substr(70)), got + "mnSRead -1001, read 3, held 288/288");
   EXPECT_EQ(read(true, plain.substr(0, 32)),
             got + "mnSReadMsg 2026, read 3, held 32/32; mnSRead 2026, read 3, held 0/32");
@@ -223,7 +221,7 @@ TEST_F(ReadTest, Datagrams) {
   EXPECT_EQ(mnReadMsg(node) + mnReadMsg(node), 2);
   EXPECT_EQ(ReadState(node), "0, read 1, held 160/160");
   EXPECT_EQ(Read(node), "1:4 from peer, 0, read 2, held 0/16520");
-  EXPECT_EQ(Take("sn"), "ReadSocket:Before; ReadSocket:After; mnRead");
+  EXPECT_EQ(Take("sn"), "ReadSocket[]; mnRead");
 }
 
 // One stream that changes its framing between messages, buffers left idle or with a part by the other reader.
@@ -257,9 +255,7 @@ TEST_F(ReadTest, BrowseConsumesNothing) {
       Platform::Note('s', std::to_string(static_cast<MQNode*>(rec->owner)->error));
     };
     EXPECT_EQ(Browse(link.node), "1, 0");
-    EXPECT_EQ(Take(),
-              "ReadSocket:Before; 0; recvfrom(136, flags 2) = 136; ReadSocket:After; 0; AlienToNative; "
-              "SizePcfMessage 220; mnBrowse 0");
+    EXPECT_EQ(Take(), "ReadSocket[0; recvfrom(136, flags 2) = 136]; 0; AlienToNative; SizePcfMessage 220; mnBrowse 0");
     EXPECT_EQ(WordAt(in_.raw(), 0), 136u);
     EXPECT_EQ(in_->raw.length, 55u);
   }

@@ -254,65 +254,51 @@ TEST_F(SocketTest, Mappings) {
 
 // ---- Connections ----
 
-// Each attempt: its outcome, then the caller's record, the socket's name and its from address.
+// Each attempt: its outcome, then the caller's record, the socket's name and its from address ("=" the same as before).
 TEST_F(SocketTest, ConnectAndBind) {
   const Peer listener = Peer::Listen(), nobody = Peer::Bound(SOCK_STREAM);
-  Alias(listener.port(), "P");
-  Alias(nobody.port(), "Q");
+  const int p = listener.port(), q = nobody.port();
+  Alias(p, "P");
+  Alias(q, "Q");
   const auto attempt = [this](auto* act, const char* host, int port, int code = -1) {
     Use(socket(AF_INET, SOCK_STREAM, 0));
     rec_.connected = 7;
     errno = 0;
     SockAddrRec name = AddressOf(host, port >= 0 ? std::to_string(port) : "nothing", "proto");
     Platform::Mend();
-    if (code >= 0) Platform::Fail("connect", 1, code);
-    if (code >= 0) Platform::Fail("bind", 1, code);
-    const std::string outcome = Do(act, &name);
-    return format("{} | {} | {} | {}", outcome, Text(name), Text(rec_.name), Text(rec_.from));
+    if (code >= 0) Platform::Fail(act == ConnectSocket ? "connect" : "bind", 1, code);
+    const std::string outcome = Do(act, &name), asked = Text(name), own = Text(rec_.name), from = Text(rec_.from);
+    return format("{} | {} | {} | {}", outcome, asked, own == asked ? "=" : own, from == own ? "=" : from);
   };
-  const auto connecting = [&](const char* host, int port, int code = -1) {
-    return attempt(ConnectSocket, host, port, code);
-  };
-  const auto binding = [&](const char* host, int port, int code = -1) {
-    return attempt(BindSocketName, host, port, code);
-  };
-  const std::string connect = "ConnectSocket:Before; AddrToIP:Before; ", bind = "BindSocket:Before; AddrToIP:Before; ";
-  const std::string to_q = " 0 | " + connect + "AddrToIP:After; uname() = 0; connect(127.0.0.1:Q) = -1";
-  const std::string none = " | - - - - 0 | - - - tcp 0", fresh = " | - - - tcp 0";
-  const std::string q = "ConnectSocket:After | 127.0.0.1 - Q proto Q | 127.0.0.1 - Q proto Q | 127.0.0.1 - Q proto Q";
-  const std::string unbound = "BindSocket:After | testnode - - proto 0 | testnode - - proto 0" + fresh;
-  EXPECT_EQ(connecting("@", listener.port()),
-            "1 0/0 1 | " + connect +
-                "gethostbyname(localhost) = 1; AddrToIP:After; uname() = 0; connect(127.0.0.1:P) "
-                "= 0; ConnectSocket:After | @ - P proto P | @ - P proto P | @ 127.0.0.1 P proto P");
-  EXPECT_EQ(connecting("127.0.0.1", listener.port(), EISCONN),
-            "1 0/0 1 | " + connect +
-                "AddrToIP:After; uname() = 0; connect(127.0.0.1:P) = -1 EISCONN; ConnectSocket:"
-                "After | 127.0.0.1 - P proto P | 127.0.0.1 - P proto P | 127.0.0.1 127.0.0.1 P proto P");
-  EXPECT_EQ(connecting("127.0.0.1", nobody.port()), "0 111/5" + to_q + " ECONNREFUSED; onError 111; " + q);
-  EXPECT_EQ(connecting("127.0.0.1", nobody.port(), EINPROGRESS), "0 11/5" + to_q + " EINPROGRESS; onError 11; " + q);
-  EXPECT_EQ(connecting("127.0.0.1", nobody.port(), 0), "0 0/5" + to_q + "; onError 0; " + q);
-  EXPECT_EQ(connecting("127.0.0.1", -1), "0 9002/5 0 | " + connect +
-                                             "getservbyname(nothing, proto) = 0; AddrToIP:After; onError 9002; "
-                                             "ConnectSocket:After | 127.0.0.1 - nothing proto 0" +
-                                             none);
-  EXPECT_EQ(binding("nowhere", 7), "0 9003/5 0 | " + bind +
-                                       "gethostbyname(nowhere) = 0; AddrToIP:After; onError 9003; BindSocket:After | "
-                                       "nowhere - 7 proto 7" +
-                                       none);
-  EXPECT_EQ(binding("*", 0), "1 0/0 1 | " + bind +
-                                 "AddrToIP:After; uname() = 0; bind(0.0.0.0:0) = 0; BindSocket:After | testnode "
-                                 "0.0.0.0 0 proto 0 | testnode 0.0.0.0 0 proto 0" +
-                                 fresh);
-  EXPECT_EQ(
-      binding("127.0.0.1", listener.port()),
-      "0 98/5 0 | " + bind + "AddrToIP:After; uname() = 0; bind(127.0.0.1:P) = -1 EADDRINUSE; onError 98; " + unbound);
-  EXPECT_EQ(binding("127.0.0.1", 1, EISCONN),
-            "1 106/0 1 | " + bind + "AddrToIP:After; uname() = 0; bind(127.0.0.1:1) = -1 EISCONN; " + unbound);
+  const std::string to_q = "ConnectSocket[AddrToIP[]; uname() = 0; connect(127.0.0.1:Q) = -1";
+  const std::string local_q = "] | 127.0.0.1 - Q proto Q | = | =",
+                    unbound = "] | testnode - - proto 0 | = | - - - tcp 0";
+  EXPECT_EQ(attempt(ConnectSocket, "@", p),
+            "1 0/0 1 | ConnectSocket[AddrToIP[gethostbyname(localhost) = 1]; uname() = 0; connect(127.0.0.1:P) = 0] | "
+            "@ - P proto P | = | @ 127.0.0.1 P proto P");
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", p, EISCONN),
+            "1 0/0 1 | ConnectSocket[AddrToIP[]; uname() = 0; connect(127.0.0.1:P) = -1 EISCONN] | "
+            "127.0.0.1 - P proto P | = | 127.0.0.1 127.0.0.1 P proto P");
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q), "0 111/5 0 | " + to_q + " ECONNREFUSED; onError 111" + local_q);
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 115), "0 11/5 0 | " + to_q + " EINPROGRESS; onError 11" + local_q);
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 0), "0 0/5 0 | " + to_q + "; onError 0" + local_q);
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", -1),
+            "0 9002/5 0 | ConnectSocket[AddrToIP[getservbyname(nothing, proto) = 0]; onError 9002] | "
+            "127.0.0.1 - nothing proto 0 | - - - - 0 | - - - tcp 0");
+  EXPECT_EQ(attempt(BindSocketName, "nowhere", 7),
+            "0 9003/5 0 | BindSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 9003] | nowhere - 7 proto 7 | "
+            "- - - - 0 | - - - tcp 0");
+  EXPECT_EQ(attempt(BindSocketName, "*", 0),
+            "1 0/0 1 | BindSocket[AddrToIP[]; uname() = 0; bind(0.0.0.0:0) = 0] | testnode 0.0.0.0 0 proto 0 | = | "
+            "- - - tcp 0");
+  EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", p),
+            "0 98/5 0 | BindSocket[AddrToIP[]; uname() = 0; bind(127.0.0.1:P) = -1 EADDRINUSE; onError 98" + unbound);
+  EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", 1, EISCONN),
+            "1 106/0 1 | BindSocket[AddrToIP[]; uname() = 0; bind(127.0.0.1:1) = -1 EISCONN" + unbound);
   // Another action does neither. The caller's texts are cut; without a node name there is none.
   Platform::Mend();
   SockAddrRec name = AddressOf("*", "5", "proto");
-  EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP:Before; AddrToIP:After; uname() = 0");
+  EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = 0");
   EXPECT_EQ(Text(name) + Text(rec_.name), "testnode - - proto 0testnode - - proto 0");
   Platform::Fail("uname", 1, EFAULT);
   name = AddressOf("*", "5", "proto");
@@ -332,7 +318,7 @@ TEST_F(SocketTest, ListenAndAccept) {
   const Peer client = Peer::Connect(PortOf(rec_.fd));
   SockRec child, expected;
   memset(&child, 0x5a, sizeof child);
-  EXPECT_EQ(Do(AcceptClient, &child), "1 77/0 0 | AcceptClient:Before; accept() = fd; AcceptClient:After");
+  EXPECT_EQ(Do(AcceptClient, &child), "1 77/0 0 | AcceptClient[accept() = fd]");
   InitSocket(&expected);
   expected.fd = child.fd;
   expected.domain = 2;
@@ -346,11 +332,9 @@ TEST_F(SocketTest, ListenAndAccept) {
   EXPECT_EQ(fcntl(child.fd, F_GETFD), FD_CLOEXEC);
   client.Send("hi");
   EXPECT_EQ(Peer(child.fd).Read(2), "hi");
-  EXPECT_EQ(Do(AcceptClient, &child),
-            "0 11/5 0 | AcceptClient:Before; accept() = -1 EAGAIN; onError 11; AcceptClient:After");
+  EXPECT_EQ(Do(AcceptClient, &child), "0 11/5 0 | AcceptClient[accept() = -1 EAGAIN; onError 11]");
   Platform::Fail("accept", 1, EINPROGRESS);
-  EXPECT_EQ(Do(AcceptClient, &child),
-            "0 115/5 0 | AcceptClient:Before; accept() = -1 EINPROGRESS; onError 115; AcceptClient:After");
+  EXPECT_EQ(Do(AcceptClient, &child), "0 115/5 0 | AcceptClient[accept() = -1 EINPROGRESS; onError 115]");
   EXPECT_EQ(Bytes(child), accepted);
 }
 
@@ -386,26 +370,26 @@ TEST_F(TransferTest, StreamsGoOnWhereTheyStopped) {
   Platform::Limit("recvfrom", {100});
   Arm(std::string(140, '?'));
   buffer_.length = 136;
-  EXPECT_EQ(Read(), "100 0, 100 0 | 1 0/0 0 | ReadSocket:Before; recvfrom(136) = 100; ReadSocket:After");
-  EXPECT_EQ(Read(), "136 0, 136 0 | 1 0/0 0 | ReadSocket:Before; recvfrom(36) = 36; ReadSocket:After");
+  EXPECT_EQ(Read(), "100 0, 100 0 | 1 0/0 0 | ReadSocket[recvfrom(136) = 100]");
+  EXPECT_EQ(Read(), "136 0, 136 0 | 1 0/0 0 | ReadSocket[recvfrom(36) = 36]");
   EXPECT_EQ(bytes_, std::string(100, 'a') + std::string(36, 'b') + "????");
-  EXPECT_EQ(Read(), "136 0, 136 0 | 0 9004/5 0 | ReadSocket:Before; recvfrom(0) = 0; onError 9004; ReadSocket:After");
+  EXPECT_EQ(Read(), "136 0, 136 0 | 0 9004/5 0 | ReadSocket[recvfrom(0) = 0; onError 9004]");
   EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to note";
   // Bytes looked at count and stay.
   Arm("????");
   buffer_.flags = MSG_PEEK;
-  EXPECT_EQ(Read(), "4 0, 140 0 | 1 0/0 0 | ReadSocket:Before; recvfrom(4, flags 2) = 4; ReadSocket:After");
+  EXPECT_EQ(Read(), "4 0, 140 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]");
   Arm("????");
-  EXPECT_EQ(Read(), "4 0, 144 0 | 1 0/0 0 | ReadSocket:Before; recvfrom(4) = 4; ReadSocket:After");
+  EXPECT_EQ(Read(), "4 0, 144 0 | 1 0/0 0 | ReadSocket[recvfrom(4) = 4]");
   EXPECT_EQ(bytes_, "next");
 
   Arm("0123456789");
   buffer_.length = 9;
   Platform::Limit("send", {4, 0});
-  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket:Before; send(9) = 4; WriteSocket:After");
-  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket:Before; send(5) = 0; WriteSocket:After");
-  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket:Before; send(5) = 5; WriteSocket:After");
-  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket:Before; send(0) = 0; WriteSocket:After");
+  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket[send(9) = 4]");
+  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket[send(5) = 0]");
+  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket[send(5) = 5]");
+  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket[send(0) = 0]");
   EXPECT_EQ(peer_.Read(9), "012345678");
 }
 
@@ -421,8 +405,8 @@ TEST_F(TransferTest, Failures) {
       Arm("0123456789");
       buffer_.received = buffer_.sent = 3;
       EXPECT_EQ(reading ? Read() : Write(),
-                format("3 3, 0 0 | 0 {2}/5 0 | {0}Socket:Before; (77 with buffer); {1}(7) = -1 {4}; onError {3}; "
-                       "({3} with buffer); {0}Socket:After; ({2} with buffer)",
+                format("3 3, 0 0 | 0 {2}/5 0 | {0}Socket[(77 with buffer); {1}(7) = -1 {4}; onError {3}; ({3} with "
+                       "buffer)]; ({2} with buffer)",
                        reading ? "Read" : "Write", reading ? "recvfrom" : "send", kept, code, strerrorname_np(code)));
       EXPECT_TRUE(bytes_ == "0123456789" && rec_.buffer == nullptr);
     }
@@ -443,11 +427,10 @@ TEST_F(TransferTest, DatagramsNoteTheirSender) {
     const std::string read = Read();
     return read + " | " + Text(rec_.from) + " | " + Text(rec_.name);
   };
-  const std::string read = " | ReadSocket:Before; recvfrom(10) = 5; ReadSocket:After | ";
+  const std::string read = " | ReadSocket[recvfrom(10) = 5] | ";
   EXPECT_EQ(got("hello", 2, 2), "5 0, 5 0 | 1 0/0 0" + read + "- 127.0.0.1 P tcp P | - - - - 0");
   EXPECT_EQ(got("", 2, 2),
-            "0 0, 5 0 | 0 9004/5 0 | ReadSocket:Before; recvfrom(10) = 0; onError 9004; ReadSocket:After | - - - tcp 0 "
-            "| - - - - 0");
+            "0 0, 5 0 | 0 9004/5 0 | ReadSocket[recvfrom(10) = 0; onError 9004] | - - - tcp 0 | - - - - 0");
   EXPECT_EQ(got("again", 1, 2), "5 0, 10 0 | 1 0/0 0" + read + "- 127.0.0.1 P tcp P | - - - - 0");
   EXPECT_EQ(got("other", 3, 3), "5 0, 15 0 | 1 0/0 0" + read + "- - - tcp 0 | - - - - 0");
 }
@@ -461,13 +444,10 @@ TEST_F(TransferTest, DatagramsResolveTheirDestinationEachTime) {
     Use(Peer::Datagram().Release(), type);
     Arm("0123456789");
     buffer_.sent = 4;
-    EXPECT_EQ(Write(), "0 4, 0 0 | 0 89/5 0 | WriteSocket:Before; onError 89; WriteSocket:After");
-    EXPECT_EQ(Write(&nowhere),
-              "0 4, 0 0 | 0 89/5 0 | WriteSocket:Before; AddrToIP:Before; gethostbyname(nowhere) = 0; "
-              "AddrToIP:After; onError 89; WriteSocket:After");
+    EXPECT_EQ(Write(), "0 4, 0 0 | 0 89/5 0 | WriteSocket[onError 89]");
+    EXPECT_EQ(Write(&nowhere), "0 4, 0 0 | 0 89/5 0 | WriteSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 89]");
     EXPECT_EQ(Write(&to),
-              "0 10, 0 6 | 1 0/0 0 | WriteSocket:Before; AddrToIP:Before; gethostbyname(box) = 1; "
-              "AddrToIP:After; sendto(6, 127.0.0.1:P) = 6; WriteSocket:After");
+              "0 10, 0 6 | 1 0/0 0 | WriteSocket[AddrToIP[gethostbyname(box) = 1]; sendto(6, 127.0.0.1:P) = 6]");
     EXPECT_EQ(Text(to), "box - P tcp P");
     EXPECT_EQ(peer.Read(), "456789");
   }

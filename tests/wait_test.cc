@@ -182,10 +182,9 @@ TEST_F(WaitTest, Traces) {
   Trace::Now().show = [](const MQNode* node) { return std::string(node->openState != 0 ? "open" : "not"); };
   Wait(kNPost);
   EXPECT_EQ(Take("sn"),
-            "a NPostSocket:Write; (-0- connected); a NPostSocket:Ready; (00- connected); b NPostSocket:Exception; "
-            "(--0 connected); c NPostSocket:Ready; (1-- connected); d NPostSocket:Write; (-1- connected); "
-            "a mnNPost::Ready not; c mnNPost::Ready not; b mnNPost::Exception not; a mnNPost::Write open; "
-            "d mnNPost::Write open");
+            "a NPostSocket:Write; (-0- connected); a NPostSocket:Ready; (00- connected); b NPostSocket:Exception; (--0 "
+            "connected); c NPostSocket:Ready; (1-- connected); d NPostSocket:Write; (-1- connected); a mnNPost::Ready "
+            "not; c mnNPost::Ready not; b mnNPost::Exception not; a mnNPost::Write open; d mnNPost::Write open");
 }
 
 TEST_F(WaitTest, AnAbsentListIsNotWatched) {

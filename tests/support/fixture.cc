@@ -70,8 +70,18 @@ int Trace::OnError(SockRec* rec) {
 
 std::string Take(std::string_view kinds) {
   std::string text;
+  Lines open;  // operations between their two trace points
   for (const Call& call : Platform::Records()) {
-    if (kinds.find(call.kind) != kinds.npos) text += (text.empty() ? "" : "; ") + call.Text();
+    if (kinds.find(call.kind) == kinds.npos) continue;
+    const std::string event = call.Text(), name = event.substr(0, event.find(':'));
+    if (!open.empty() && event == open.back() + ":After") {
+      text += "]";
+      open.pop_back();
+      continue;
+    }
+    if (!text.empty() && text.back() != '[') text += "; ";
+    text += event == name + ":Before" ? name + "[" : event;
+    if (event == name + ":Before") open.push_back(name);
   }
   Platform::Forget();
   return Aliased(text);
