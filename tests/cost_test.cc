@@ -1,26 +1,24 @@
-// cost_test.cc - what a message and a wait cost: system calls and allocations, counted.
+// cost_test.cc - what a message and a wait cost, through the C++ interface, which adds nothing: system calls and
+// allocations, counted.
 #include "tests/support/nodes.hh"
 
 namespace {
 
 // The system calls of one operation, then allocations of the companion and of the library itself.
-std::string Cost(const std::function<int()>& run) {
+template <class Run>
+std::string Cost(Run run) {
   Take();
   const uint64_t companion = mqc_allocations();
   const size_t library = Platform::Allocations();
-  EXPECT_EQ(run(), 1);
+  EXPECT_TRUE(run());
   return format("{} | {} {}", Take("c"), mqc_allocations() - companion, Platform::Allocations() - library);
 }
 
 class CostTest : public NodeTest {
  protected:
   // Two nodes over one connection.
-  CostTest() : link_(Connect()), reader_(CreateOver(link_.peer.Release())) {}
-  static MQNode* CreateOver(int fd) {
-    SockRec sock;
-    CreateSocketFromExisting(&sock, fd);
-    sock.connected = 1;  // else a wait would watch it for writing
-    return CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT);
+  CostTest() : link_(Connect()), reader_(Node::adopt(link_.peer.Release(), MQ_ROLE_CONNECT).release()) {
+    reader_->sock.connected = 1;  // else a wait would watch it for writing
   }
 
   Link link_;
@@ -37,11 +35,12 @@ TEST_F(CostTest, Messages) {
     const uint32_t total = size + (secure ? 284 : 156), header = secure ? kEnvelope : kHeader;
     std::string write, read;
     for (int grown = 0; grown < 2; ++grown) {
-      write = Cost([&, is = secure] { return mnSWrite(out, link_.node, is, keys.signer.get()); });
+      const Node& node = link_.node;
+      write = Cost([&, is = secure] { return is ? node.write_signed(out, keys.signer) : node.write(out); });
       // All of it has to be there for one receive to bring it.
       std::string peeked(total, '\0');
       ASSERT_EQ(recv(reader_->sock.fd, peeked.data(), total, MSG_PEEK | MSG_WAITALL), total);
-      read = Cost([&, is = secure] { return mnSRead(in_, reader_, is, nullptr); });
+      read = Cost([&, is = secure] { return is ? reader_.read_signed(in_) : reader_.read(in_); });
     }
     EXPECT_EQ(write, format("send({0}) = {0} | 2 0", total));
     EXPECT_EQ(read, format("recvfrom({0}) = {0}; recvfrom({1}) = {1} | {2} 0", header, total - header, secure));
@@ -54,13 +53,13 @@ TEST_F(CostTest, DatagramsAndQueuedWrites) {
   Alias(port, "P");
   SockAddrRec to = AddressOf("127.0.0.1", port);
   const Message out(1, 1004), in(2000);
-  EXPECT_EQ(Cost([&] { return mnWriteTo(out, node, &to); }), "sendto(1160, 127.0.0.1:P) = 1160 | 2 0");
-  EXPECT_EQ(Cost([&] { return mnRead(in, node); }), "recvfrom(16520) = 1160 | 0 0");
+  EXPECT_EQ(Cost([&] { return node.write_to(out, to); }), "sendto(1160, 127.0.0.1:P) = 1160 | 2 0");
+  EXPECT_EQ(Cost([&] { return node.read(in); }), "recvfrom(16520) = 1160 | 0 0");
   // Behind a queue a write costs an entry and no system call; finishing costs one send a message.
   Platform::Fail("send", 1, EAGAIN);
-  EXPECT_EQ(Cost([&] { return mnWrite(out, link_.node); }), "send(1160) = -1 EAGAIN | 4 0");
-  EXPECT_EQ(Cost([&] { return mnWrite(out, link_.node); }), " | 3 0");
-  EXPECT_EQ(Cost([&] { return mnFinishWrite(link_.node); }), "send(1160) = 1160; send(1160) = 1160 | 0 0");
+  EXPECT_EQ(Cost([&] { return link_.node.write(out); }), "send(1160) = -1 EAGAIN | 4 0");
+  EXPECT_EQ(Cost([&] { return link_.node.write(out); }), " | 3 0");
+  EXPECT_EQ(Cost([&] { return link_.node.finish_write(); }), "send(1160) = 1160; send(1160) = 1160 | 0 0");
 }
 
 TEST_F(CostTest, Waits) {
@@ -76,6 +75,17 @@ TEST_F(CostTest, Waits) {
   EXPECT_EQ(Cost([&] { return mnPost(nodes, out, out, 0, &status); }), "select(0.000000s) = 1 | 0 7");
   EXPECT_EQ(Cost([&] { return mnNPost(nodes, out, out, out, 0, &status); }), "select(0.000000s) = 1 | 0 7");
   FreeSocketPostData(&work);
+  mqnode::WaitSet set;
+  EXPECT_TRUE(set.add(reader_) && set.wait(std::chrono::seconds(0)));
+  EXPECT_EQ(Cost([&] { return set.wait(std::chrono::seconds(0)); }), "select(0.000000s) = 1 | 0 0");
+}
+
+TEST_F(CostTest, CreationThroughTheCppInterface) {
+  SockAddrRec any = AddressOf("127.0.0.1", 0);
+  EXPECT_EQ(Cost([&] { return !mqnode::Node::listener(any).failed(); }),
+            Cost([&] { return !Node(CreateMQNode(&any, MQ_ROLE_LISTEN)).failed(); }));
+  EXPECT_EQ(Cost([&] { return !mqnode::Node::datagram(any).failed(); }),
+            Cost([&] { return !Node(CreateUDPMQNode(&any)).failed(); }));
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
-// face_test.cc - mqnode.hpp: it costs what the C interface costs, owns what it should, loses no code.
+// face_test.cc - mqnode.hpp: it owns what it should and loses no code. What it costs: cost_test.cc.
 #include "mqnode/mqnode.hpp"
 
 #include <fcntl.h>
 
 #include <array>
 #include <cstdlib>
-#include <regex>
 #include <span>
 #include <type_traits>
 
@@ -72,81 +71,6 @@ class FaceTest : public Fixture {
     ASSERT_EQ(mqc_ring_add(user, key, nullptr, 0), 1);
   }
 };
-
-// ---- Cost ----
-
-// The same conversation twice, through the C interface and through the face: a wait, a plain and a signed message, a
-// datagram, from the creation of the nodes to their end. Returns the text that arrived.
-std::string TalkInC(SockAddrRec any) {
-  MQNode* const listener = CreateMQNode(&any, MQ_ROLE_LISTEN);
-  SockAddrRec there = Local(NodeRef(listener).local_port());
-  MQNode* const client = CreateMQNode(&there, MQ_ROLE_CONNECT);
-  mnOpen(client);
-  mnOpen(listener);
-  MQNode* const server = listener->child;
-  NoblockSocket(&server->sock);
-  MqcSigner* const signer = mqc_signer_new(client->user, kSecret, nullptr, 0);
-  PcfMessage* const msg = mqc_message_new(0);
-  mqc_begin(msg, 7);
-  mqc_add_text(msg, 1, "question");
-  mqc_add_bytes(msg, 2, kSecret, sizeof kSecret);
-  mnWrite(msg, client);
-  SockPostData work;
-  InitSocketPostData(&work, 16);
-  MQNode *nodes[] = {listener, server, nullptr}, *listening[3], *readable[3], *writable[3];
-  int status;
-  mnNPostExMSec(nodes, listening, readable, writable, 5000, &status, &work);
-  for (MQNode** ready = readable; *ready != nullptr; ++ready) mnRead(msg, *ready);
-  mnSWrite(msg, server, 1, signer);
-  mnSRead(msg, client, 1, nullptr);
-  MQNode* const datagram = CreateUDPMQNode(&any);
-  there = Local(NodeRef(datagram).local_port());
-  mnWriteTo(msg, datagram, &there);
-  mnRead(msg, datagram);
-  std::string arrived(MessageRef(msg).text_or(1, "nothing"));
-  DeleteMQNode(datagram);
-  FreeSocketPostData(&work);
-  mqc_message_free(msg);
-  mqc_signer_free(signer);
-  DeleteMQNode(server);
-  DeleteMQNode(client);
-  DeleteMQNode(listener);
-  return arrived;
-}
-
-std::string TalkThroughTheFace(SockAddrRec any) {
-  Node listener = Node::listener(any);
-  Address there = Local(listener.local_port());
-  Node client = Node::connector(there);
-  Node server;
-  EXPECT_TRUE(client.open() && listener.accept(server) && server.set_blocking(false));
-  const Signer signer = Signer::create(client.record().user, kSecret);
-  const Message msg = Message::create();
-  EXPECT_TRUE(msg.begin(7) && msg.add(1, "question") && msg.add(2, kSecret) && client.write(msg));
-  WaitSet set;
-  EXPECT_TRUE(set.add(listener) && set.add(server) && set.wait(5s));
-  for (const NodeRef ready : set.readable()) EXPECT_TRUE(ready.read(msg));
-  EXPECT_TRUE(server.write_signed(msg, signer) && client.read_signed(msg));
-  const Node datagram = Node::datagram(any);
-  there = Local(datagram.local_port());
-  EXPECT_TRUE(datagram.write_to(msg, there) && datagram.read(msg));
-  return std::string(msg.text_or(1, "nothing"));
-}
-
-TEST_F(FaceTest, CostsWhatTheCInterfaceCosts) {
-  Trust(Node::connector(Local(9)).record().user);
-  const auto cost = [](std::string (*talk)(SockAddrRec)) {
-    Platform::Reset();
-    const uint64_t before = mqc_allocations();
-    const std::string arrived = talk(Local(0));
-    const std::string calls = std::regex_replace(Take(), std::regex(":\\d+\\)"), ":P)");  // each talk has its own ports
-    return format("{}, {}, {}, {}", arrived, mqc_allocations() - before, Platform::Allocations(), calls);
-  };
-  cost(TalkInC);  // the first talk also pays for what lives as long as the process
-  const std::string plain = cost(TalkInC);
-  EXPECT_EQ(plain.substr(0, 9), "question,");
-  EXPECT_EQ(cost(TalkThroughTheFace), plain);
-}
 
 // ---- Ownership: the fixture counts descriptors and blocks afterwards ----
 

@@ -1,5 +1,6 @@
 // host_test.cc - host services: label, processors, waiting for the network stack, the alarm guard.
 #include <signal.h>
+#include <sys/time.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -31,51 +32,46 @@ TEST_F(HostTest, SysInfoIsTheSystemsOrAllZero) {
   EXPECT_EQ(memcmp(&info, &zero, sizeof info), 0);
 }
 
+utsname System(std::string_view name, std::string_view version, std::string_view release, std::string_view machine) {
+  utsname info = {};
+  name.copy(info.sysname, 65);
+  version.copy(info.version, 65);
+  release.copy(info.release, 65);
+  machine.copy(info.machine, 65);
+  return info;
+}
+
 TEST_F(HostTest, LabelAppendsWhatFits) {
-  const auto system = [](std::string_view name, std::string_view version, std::string_view release,
-                         std::string_view machine) {
-    utsname info = {};
-    name.copy(info.sysname, 65);
-    version.copy(info.version, 65);
-    release.copy(info.release, 65);
-    machine.copy(info.machine, 65);
-    return info;
+  const auto label = [](const utsname& info, int room, int with_machine = 1, const std::string& before = "") {
+    std::string text = before + '\0' + std::string(400, '?');
+    GetSysLabel(&info, text.data(), room, with_machine);
+    EXPECT_EQ(text[strlen(text.c_str()) + 1], '?') << "nothing behind the terminator";
+    return std::string(text.c_str());
   };
   const std::string v47(47, 'v'), v48(48, 'v'), s64(64, 's'), a65(65, 'a'), a48(48, 'a');
-  const utsname plain = system("S", "5", "3", "M");
-  const utsname long_name = system(s64, "5", "3", "M");
-  const struct {
-    utsname info;
-    std::string before;
-    int room, with_machine;
-    std::string after;
-  } rows[] = {
-      {plain, "old ", 100, 7, "old S::V5.R3::M::"},
-      {plain, "", 100, 0, "S::V5.R3::"},
-      {system("  Linux\t", " #1 SMP ", "6.1 ", "\n x86_64"), "", 100, 1, "Linux::V#1 SMP.R6.1::x86_64::"},
-      {system("", "", "", ""), "", 100, 1, "::V.R::::"},
-      // costs are 4, 8 and 4; a piece needs less than the room
-      {plain, "x", -1, 1, "x"},
-      {plain, "x", 4, 1, "x"},
-      {plain, "", 5, 1, "S::"},
-      {plain, "", 8, 1, "S::"},
-      {plain, "", 9, 1, "S::M::"},
-      {plain, "", 12, 1, "S::M::"},
-      {plain, "", 13, 1, "S::V5.R3::"},
-      {plain, "", 16, 1, "S::V5.R3::"},
-      {plain, "", 17, 1, "S::V5.R3::M::"},
-      // a piece that does not fit does not stop the next
-      {long_name, "", 67, 1, "V5.R3::M::"},
-      {long_name, "", 68, 1, s64 + "::"},
-      // 48 characters, then trimmed; fields that fill their place
-      {system("S", v47 + " vv", std::string(50, 'v'), "M"), "", 200, 0, "S::V" + v47 + ".R" + v48 + "::"},
-      {system(a65, a65, a65, a65), "", 400, 1, a65 + "::V" + a48 + ".R" + a48 + "::" + a65 + "::"},
-  };
-  for (const auto& row : rows) {
-    std::string label = row.before + '\0' + std::string(400, '?');
-    GetSysLabel(&row.info, label.data(), row.room, row.with_machine);
-    EXPECT_EQ(label.substr(0, row.after.size() + 2), row.after + '\0' + '?') << row.room;
+  const utsname plain = System("S", "5", "3", "M");
+  EXPECT_EQ(label(plain, 100, 7, "old "), "old S::V5.R3::M::");
+  EXPECT_EQ(label(plain, 100, 0), "S::V5.R3::");
+  EXPECT_EQ(label(System("  Linux\t", " #1 SMP ", "6.1 ", "\n x86_64"), 100), "Linux::V#1 SMP.R6.1::x86_64::");
+  EXPECT_EQ(label(System("", "", "", ""), 100), "::V.R::::");
+  // Costs are 4, 8 and 4; a piece needs less than the room.
+  for (const auto& [room, text] : {std::pair{-1, ""},
+                                   {4, ""},
+                                   {5, "S::"},
+                                   {8, "S::"},
+                                   {9, "S::M::"},
+                                   {12, "S::M::"},
+                                   {13, "S::V5.R3::"},
+                                   {16, "S::V5.R3::"},
+                                   {17, "S::V5.R3::M::"}}) {
+    EXPECT_EQ(label(plain, room), text) << room;
   }
+  // A piece that does not fit does not stop the next.
+  EXPECT_EQ(label(System(s64, "5", "3", "M"), 67), "V5.R3::M::");
+  EXPECT_EQ(label(System(s64, "5", "3", "M"), 68), s64 + "::");
+  // 48 characters, then trimmed; fields that fill their place.
+  EXPECT_EQ(label(System("S", v47 + " vv", v48 + "vv", "M"), 200, 0), "S::V" + v47 + ".R" + v48 + "::");
+  EXPECT_EQ(label(System(a65, a65, a65, a65), 400), a65 + "::V" + a48 + ".R" + a48 + "::" + a65 + "::");
 }
 
 TEST_F(HostTest, ProcessorCount) {
@@ -104,59 +100,47 @@ std::string Printout(const std::string& date) {
 constexpr time_t kDay = 1700000000;
 
 TEST_F(HostTest, NetworkNotActive) {
-  const struct {
-    int down, verbose;
-    time_t now;
-    std::string printed;
-  } rows[] = {{0, 1, kDay, ""},
-              {1, 0, kDay, ""},
-              {1, 1, kDay, Printout(ctime(&kDay))},
-              {1, -1, kDay, Printout(ctime(&kDay))},
-              {1, 1, kNoDate, Printout("\n")}};
-  for (const auto& row : rows) {
-    Platform::SetTime(row.now);
-    if (row.down != 0) Platform::Fail("gethostname", 1, EIO);
-    EXPECT_EQ(Printed([&] { EXPECT_EQ(bTcpipNotActive(row.verbose), row.down); }), row.printed);
-  }
+  const auto check = [](int down, int verbose, time_t now) {
+    Platform::SetTime(now);
+    Platform::Fail("gethostname", 1, EIO, down);
+    return Printed([&] { EXPECT_EQ(bTcpipNotActive(verbose), down); });
+  };
+  EXPECT_EQ(check(0, 1, kDay) + check(1, 0, kDay), "");
+  EXPECT_EQ(check(1, 1, kDay), Printout(ctime(&kDay)));
+  EXPECT_EQ(check(1, -1, kDay), Printout(ctime(&kDay)));
+  EXPECT_EQ(check(1, 1, kNoDate), Printout("\n"));
 }
 
 // A wait in which the first checks find the network down, the test before the wait included. A line every 60 checks,
-// and what is printed with it; a name that does not fit is cut.
+// and what is printed with it; the first check of a later cycle is number 62 of all. A name that does not fit is cut.
 TEST_F(HostTest, NetworkWait) {
-  const std::string w454(454, 'w');
-  const struct {
-    int down, verbose;
-    int prints;  // how many checks print
-    std::string who, shown, shown_active;
-  } rows[] = {
-      {0, 1, 0, "host", "host", "host"},
-      {1, 0, 1, w454, w454, w454},
-      {3, 0, 1, "host", "host", "host"},
-      {3, 1, 3, "host", "host", "host"},
-      {61, 0, 1, "host", "host", "host"},
-      // the first check of a later cycle is number 62 of all
-      {62, 0, 2, "host", "host", "host"},
-      {62, 1, 62, "host", "host", "host"},
-      {121, 0, 2, "host", "host", "host"},
-      {122, 0, 3, std::string(2000, 'w'), std::string(469, 'w'), w454},
-  };
-  for (const auto& row : rows) {
+  const auto check = [](int down, int verbose, int prints, const std::string& who, size_t shown, size_t active) {
     Platform::Reset();
     Platform::SetTime(kDay);
-    Platform::Fail("gethostname", 1, EIO, row.down);
-    std::string printed, calls = "gethostname(255) = 0";
-    for (int i = 0; i < row.prints; ++i) printed += Printout(ctime(&kDay));
-    if (row.down > 0) calls = "gethostname(255) = -1 EIO";
-    for (int check = 1; check <= row.down; ++check) {
-      const std::string line = format("; LOGMSG(1157I {} Waiting for TCP/IP to become active, 1) = 0", row.shown);
-      calls += format("{}; sleep(5) = 0; gethostname(255) = {}", check % 60 == 1 ? line : "",
-                      check < row.down ? "-1 EIO" : "0");
+    Platform::Fail("gethostname", 1, EIO, down);
+    const std::string waiting =
+        format("LOGMSG(1157I {} Waiting for TCP/IP to become active, 1) = 0; ", who.substr(0, shown));
+    std::string printed, calls;
+    for (int i = 0; i < prints; ++i) printed += Printout(ctime(&kDay));
+    for (int i = 0; i < down; ++i) {
+      calls += format("gethostname(255) = -1 EIO; {}sleep(5) = 0; ", i % 60 == 0 ? waiting : "");
     }
-    const std::string active = "1158I TCP/IP now active, initialization will proceed for " + row.shown_active;
-    if (row.down > 0) calls += format("; LOGMSG({}, 1) = 0; sleep(5) = 0", active);
-    EXPECT_EQ(Printed([&] { EXPECT_EQ(bWaitForTcpip(row.verbose, row.who.c_str()), 0); }), printed) << row.down;
-    EXPECT_EQ(Take(), calls) << row.down;
-  }
+    calls += "gethostname(255) = 0";
+    const std::string line =
+        "; LOGMSG(1158I TCP/IP now active, initialization will proceed for {}, 1) = 0; sleep(5) = 0";
+    if (down > 0) calls += format(fmt::runtime(line), who.substr(0, active));
+    EXPECT_EQ(Printed([&] { EXPECT_EQ(bWaitForTcpip(verbose, who.c_str()), 0); }), printed) << down;
+    EXPECT_EQ(Take(), calls) << down;
+  };
+  check(0, 1, 0, "host", 4, 4);
+  check(1, 0, 1, std::string(454, 'w'), 454, 454);
+  check(3, 0, 1, "host", 4, 4);
+  check(3, 1, 3, "host", 4, 4);
+  check(61, 0, 1, "host", 4, 4);
+  check(62, 0, 2, "host", 4, 4);
+  check(62, 1, 62, "host", 4, 4);
+  check(121, 0, 2, "host", 4, 4);
+  check(122, 0, 3, std::string(2000, 'w'), 469, 454);
 }
 
 // ---- The alarm guard ----
@@ -191,7 +175,9 @@ TEST_F(HostTest, AlarmArmsAndRestores) {
 }
 
 TEST_F(HostTest, AlarmGoesOffInABlockedCallAndKeepsErrno) {
-  enable_alarm(1);
+  enable_alarm(100);
+  const itimerval soon = {{0, 0}, {0, 10000}};  // what alarm sets, but for the unit
+  setitimer(ITIMER_REAL, &soon, nullptr);
   Take();
   EXPECT_EQ(poll(nullptr, 0, 10000), -1);
   EXPECT_EQ(errno, EINTR);

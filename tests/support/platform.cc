@@ -190,21 +190,28 @@ std::string AddressText(const sockaddr* address) {
   return fmt::format("{}:{}", inet_ntoa(in.sin_addr), ntohs(in.sin_port));
 }
 
-// The one entry that a lookup hands out, in static storage as the real ones are.
-hostent* HostEntry(const std::string& name, const std::vector<std::string>& quads) {
+// The first host that fits, in static storage as the real entries are.
+template <typename Fits>
+hostent* LookHost(Call call, Fits fits) {
   static std::string host_name;
   static std::vector<in_addr> addresses;
   static std::vector<char*> list;
   static char* aliases[] = {nullptr};
   static hostent entry;
-  host_name = name;
-  addresses.clear();
-  list.clear();
-  for (const auto& quad : quads) addresses.push_back({inet_addr(quad.c_str())});
-  for (auto& address : addresses) list.push_back(reinterpret_cast<char*>(&address));
+  const bool any = Look(std::move(call), [&] {
+    const auto& hosts = Now().hosts;
+    const auto host = std::find_if(hosts.begin(), hosts.end(), fits);
+    if (host == hosts.end()) return false;
+    host_name = host->first;
+    addresses.clear();
+    list.clear();
+    for (const auto& quad : host->second) addresses.push_back({inet_addr(quad.c_str())});
+    for (auto& address : addresses) list.push_back(reinterpret_cast<char*>(&address));
+    return true;
+  });
   list.push_back(nullptr);
   entry = {host_name.data(), aliases, AF_INET, sizeof(in_addr), list.data()};
-  return &entry;
+  return any ? &entry : nullptr;
 }
 
 // The last service that fits.
@@ -373,28 +380,15 @@ int fcntl(int fd, int command, ...) {
 
 hostent* gethostbyname(const char* name) {
   ENTER(gethostbyname, (name));
-  hostent* entry = nullptr;
-  Look({"gethostbyname", name}, [&] {
-    const auto host = Now().hosts.find(name);
-    if (host != Now().hosts.end()) entry = HostEntry(host->first, host->second);
-    return entry != nullptr;
-  });
-  return entry;
+  return LookHost({"gethostbyname", name}, [&](const auto& host) { return host.first == name; });
 }
 
 hostent* gethostbyaddr(const void* address, socklen_t length, int family) {
   ENTER(gethostbyaddr, (address, length, family));
-  in_addr in = {};
-  memcpy(&in, address, std::min<size_t>(length, sizeof in));
-  const std::string quad = inet_ntoa(in);
-  hostent* entry = nullptr;
-  Look({"gethostbyaddr", TEXT("{}, {}, {}", quad, length, family)}, [&] {
-    for (const auto& [name, quads] : Now().hosts) {
-      if (std::find(quads.begin(), quads.end(), quad) != quads.end()) entry = HostEntry(name, quads);
-    }
-    return entry != nullptr;
+  const std::string quad = inet_ntoa(*static_cast<const in_addr*>(address));
+  return LookHost({"gethostbyaddr", TEXT("{}, {}, {}", quad, length, family)}, [&](const auto& host) {
+    return std::find(host.second.begin(), host.second.end(), quad) != host.second.end();
   });
-  return entry;
 }
 
 servent* getservbyname(const char* name, const char* protocol) {
