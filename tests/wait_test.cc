@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <regex>
 #include <sstream>
 
 #include "tests/support/nodes.hh"
@@ -276,19 +275,22 @@ TEST_F(WaitTest, Timeouts) {
     if (form == 's') mnNPostEx(none, out, out, out, timeout, &other, &work_);
     if (form == 'p') mnPost(none, out, out, timeout, &status);
     if (form == 'p') mnNPost(none, out, out, out, timeout, &other);
-    return format("{} {} {}", status, other, std::regex_replace(Take("c"), std::regex("select|s. = -1 EINTR"), ""));
+    return format("{} {} {}", status, other, Take("c"));
   };
-  EXPECT_EQ(limits('m', 0), "4 4 (0.000000; (0.000000");
-  EXPECT_EQ(limits('m', 999), "4 4 (0.999000; (0.999000");
-  EXPECT_EQ(limits('m', 1500), "4 4 (1.500000; (1.500000");
-  EXPECT_EQ(limits('m', -1), "4 4 (0.000000; (0.000000");
-  EXPECT_EQ(limits('m', INT32_MIN), "4 4 (0.000000; (0.000000");
-  EXPECT_EQ(limits('m', INT32_MAX), "4 4 (2147483.647000; (2147483.647000");
+  const auto both = [](const char* limit) {
+    return format("4 4 select({0}s) = -1 EINTR; select({0}s) = -1 EINTR", limit);
+  };
+  EXPECT_EQ(limits('m', 0), both("0.000000"));
+  EXPECT_EQ(limits('m', 999), both("0.999000"));
+  EXPECT_EQ(limits('m', 1500), both("1.500000"));
+  EXPECT_EQ(limits('m', -1), both("0.000000"));
+  EXPECT_EQ(limits('m', INT32_MIN), both("0.000000"));
+  EXPECT_EQ(limits('m', INT32_MAX), both("2147483.647000"));
   for (const char form : {'s', 'p'}) {
-    EXPECT_EQ(limits(form, 3), "4 4 (3.000000; (3.000000");
-    EXPECT_EQ(limits(form, -7), "4 4 (0.000000; (0.000000");
-    EXPECT_EQ(limits(form, 2147483), "4 4 (2147483.000000; (2147483.000000");
-    EXPECT_EQ(limits(form, INT32_MAX), "4 4 (2147483.000000; (2147483.000000");
+    EXPECT_EQ(limits(form, 3), both("3.000000"));
+    EXPECT_EQ(limits(form, -7), both("0.000000"));
+    EXPECT_EQ(limits(form, 2147483), both("2147483.000000"));
+    EXPECT_EQ(limits(form, INT32_MAX), both("2147483.000000"));
   }
 }
 

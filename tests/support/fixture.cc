@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
 #include <utility>
 
 namespace {
@@ -18,7 +17,9 @@ constexpr int kPatience = 10;  // seconds
 std::map<std::string, std::string> aliases;
 
 std::string Aliased(std::string text) {
-  for (const auto& [number, name] : aliases) text = std::regex_replace(text, std::regex("\\b" + number + "\\b"), name);
+  for (const auto& [number, name] : aliases) {
+    for (size_t at; (at = text.find(number)) != text.npos;) text.replace(at, number.size(), name);
+  }
   return text;
 }
 
