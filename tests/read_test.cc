@@ -23,7 +23,7 @@ class ReadTest : public NodeTest {
     if (!bytes.empty()) Await(link.node->sock.fd);
     Take();
   }
-  std::string Form(bool secure, uint32_t command) { return secure ? keys_.Sign(command) : Wire(command); }
+  std::string Framed(bool secure, uint32_t command) { return secure ? keys_.Sign(command) : Wire(command); }
 
   Keys keys_;
   const Message in_{300};
@@ -34,7 +34,7 @@ class ReadTest : public NodeTest {
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   const auto check = [this](bool secure, uint32_t first, uint32_t announced, bool accepted) {
     const uint32_t length = secure ? kEnvelope : kHeader, at = secure ? 16 : kAtBody;
-    const std::string native = Form(secure, 1).substr(0, length);
+    const std::string native = Framed(secure, 1).substr(0, length);
     for (const bool foreign : {false, true}) {
       const Link link = Connect(false);
       const auto word = [&](uint32_t value) { return foreign ? __builtin_bswap32(value) : value; };
@@ -45,7 +45,7 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
           << first << " " << announced;
       EXPECT_EQ(Take("m"), first != length ? "" : secure ? "AlienToNativeExt" : "AlienToNative");
       if (accepted) continue;
-      EXPECT_EQ(Read(link, Foreign(Form(secure, 2)), secure),
+      EXPECT_EQ(Read(link, Foreign(Framed(secure, 2)), secure),
                 format("2:4 from {}, 0, read 1, held 0/{}", secure ? "tester" : "peer", length));
     }
   };
@@ -106,7 +106,7 @@ TEST_F(ReadTest, CompanionFailures) {
     const Link link = Connect();
     const Message small;
     memcpy(small->secHeader.userId, "none", 4);
-    Send(link, (secure ? keys_.Sign(4, 100) : Wire(4, 100)) + Form(secure, 5));
+    Send(link, (secure ? keys_.Sign(4, 100) : Wire(4, 100)) + Framed(secure, 5));
     Companion::Now().failing = failing;
     EXPECT_EQ(mnSRead(small, link.node, secure, nullptr), failing.empty());
     const std::string outcome = format("{} | {}, user {}", Take("m"), ReadState(link.node), small.sender());

@@ -78,7 +78,7 @@ class WaitTest : public NodeTest {
   // One wait over all nodes: "result status | readable writable exceptional | listen read write | marks", with the
   // lists of sockets, the arrays of nodes, and for each node 1 when it is connected plus 2 when it is open. A list that
   // is untouched reads "?", an absent one "none".
-  std::string Wait(Family family, int milliseconds = 0) {
+  std::string Wait(Family family) {
     for (SockRec** list : {work_.readable, work_.exceptional, work_.writable}) {
       if (list != nullptr) std::fill_n(list, work_.size, &untouched);
     }
@@ -88,9 +88,9 @@ class WaitTest : public NodeTest {
     const PostTimeout poll = {0, 0};
     int status = 77, result = 0;
     if (family == kPost) {
-      result = mnPostExMSec(nodes.data(), listen.data(), read.data(), milliseconds, &status, &work_);
+      result = mnPostExMSec(nodes.data(), listen.data(), read.data(), 0, &status, &work_);
     } else if (family == kNPost) {
-      result = mnNPostExMSec(nodes.data(), listen.data(), read.data(), write.data(), milliseconds, &status, &work_);
+      result = mnNPostExMSec(nodes.data(), listen.data(), read.data(), write.data(), 0, &status, &work_);
     } else {
       if (family == kNPostSocket && work_.writable != nullptr) work_.writable[0] = nullptr;
       for (size_t i = 0; i < size; ++i) work_.sockets[i] = i + 1 < size ? &nodes[i]->sock : nullptr;
@@ -132,31 +132,31 @@ TEST_F(WaitTest, SortsSocketsAndNodes) {
     EXPECT_EQ(Wait(kPost), post) << states;
     EXPECT_EQ(Wait(kNPost), npost) << states;
   };
-  const std::string none = "0 9000 | ? ? ? | ? ? ? | ", nnone = "0 9000 | ? - ? | ? ? ? | ";
-  check("", none, nnone);
-  check("i . -", none + "111", nnone + "111");
+  const std::string post_none = "0 9000 | ? ? ? | ? ? ? | ", npost_none = "0 9000 | ? - ? | ? ? ? | ";
+  check("", post_none, npost_none);
+  check("i . -", post_none + "111", npost_none + "111");
   check("r x rx", "1 0 | ac ? b | - ac ? | 111", "1 0 | ac - b | - acb - | 111");
   check(". x - r rx x r", "1 0 | deg ? bf | - deg ? | 1111111", "1 0 | deg - bf | - degbf - | 1111111");
   check("l r - xL l", "1 0 | abe ? d | ae b ? | 11111", "1 0 | abe - d | aed b - | 11111");
   // waiting writes
   check("rw", "1 0 | a ? - | - a ? | 1", "1 0 | a a - | - a a | 3");
   check("xw", "1 0 | - ? a | - - ? | 1", "1 0 | - a a | - a a | 3");
-  check("fw .w -w fw .w", none + "11111", "1 0 | - be - | - - be | 13113");
+  check("fw .w -w fw .w", post_none + "11111", "1 0 | - be - | - - be | 13113");
   check("fw r", "1 0 | b ? - | - b ? | 11", "1 0 | b - - | - b - | 11");
-  check("fw", none + "1", "0 9000 | ? a ? | ? ? ? | 1");
+  check("fw", post_none + "1", "0 9000 | ? a ? | ? ? ? | 1");
   // connects that have not completed
-  check(".u", none + "0", "1 0 | - a - | - - a | 3");
-  check(".wud", none + "0", "1 0 | - a - | - - a | 3");
+  check(".u", post_none + "0", "1 0 | - a - | - - a | 3");
+  check(".wud", post_none + "0", "1 0 | - a - | - - a | 3");
   check("rwu", "1 0 | a ? - | - a ? | 0", "1 0 | a a - | - a a | 3");
-  check(".ud -u", none + "00", nnone + "00");
+  check(".ud -u", post_none + "00", npost_none + "00");
   check(".u fw r .w ru xu", "1 0 | ce ? f | - ce ? | 011100", "1 0 | ce da f | - cef da | 311300");
-  check("c", none + "0", "1 0 | - a - | - - a | 3");
+  check("c", post_none + "0", "1 0 | - a - | - - a | 3");
   check("R", "1 0 | a ? - | - a ? | 0", "1 0 | a - - | - a - | 0");
   // A record of size n takes n - 1 nodes, and so many of each kind.
   Size(0);
   check("r", "0 22 | ! ! ! | ? ? ? | 1", "0 22 | ! ! ! | ? ? ? | 1");
   Size(1);
-  check("r", none + "1", nnone + "1");
+  check("r", post_none + "1", npost_none + "1");
   Size(3);
   check("rwu rwu", "1 0 | ab ? - | - ab ? | 00", "1 0 | ab ab - | - ab ab | 33");
   check("xwu .u", "1 0 | - ? a | - - ? | 00", "1 0 | - ab a | - a ab | 33");
@@ -396,8 +396,6 @@ TEST_F(WaitTest, WorkRecordsAreSetUpAndReleased) {
   }
 }
 
-// ---- What waits are for ----
-
 TEST_F(WaitTest, PendingConnects) {
   MakeAll("c R");
   EXPECT_EQ(Wait(kNPost), "1 0 | b a - | - b a | 30");
@@ -408,38 +406,6 @@ TEST_F(WaitTest, PendingConnects) {
   EXPECT_EQ(nodes_[1]->error, ECONNREFUSED);
   nodes_.pop_back();
   EXPECT_EQ(Wait(kNPost), "0 9000 | ? - ? | ? ? ? | 3") << "not watched for writing any more";
-}
-
-// A server's loop: accept, read and finish as the wait says, until a large answer has gone through a small socket.
-TEST_F(WaitTest, QueuedWritesFinishThroughTheWait) {
-  MQNode* const server = Add(Create(0, MQ_ROLE_LISTEN).release());
-  const Peer client = Peer::Connect(PortOf(server->sock.fd));
-  EXPECT_EQ(Wait(kNPost, 10000), "1 0 | a - - | a - - | 1");
-  ASSERT_EQ(mnOpen(server), 1);
-  MQNode* const child = Add(server->child);
-  NoblockSocket(&child->sock);
-  mnSetBufferSize(child, 4096);
-  client.Send(Wire(1));
-  EXPECT_EQ(Wait(kNPost, 10000), "1 0 | b - - | - b - | 13");
-  const Message msg;
-  ASSERT_EQ(mnRead(msg, child), 1);
-  msg.Put(2, 600000);
-  ASSERT_EQ(mnWrite(msg, child), 1);
-  const std::string large = msg.raw();
-  msg.Put(3, 4);
-  ASSERT_EQ(mnWrite(msg, child), 1);
-  std::string arrived;
-  int waits = 0;
-  for (; mnIsPendingIO(child); ++waits) {
-    char piece[65536];
-    for (ssize_t got; (got = recv(client.fd(), piece, sizeof piece, MSG_DONTWAIT)) > 0;) arrived.append(piece, got);
-    ASSERT_EQ(Wait(kNPost, 10000), "1 0 | - b - | - - b | 13");
-    ASSERT_EQ(mnFinishWrite(child), 1);
-  }
-  EXPECT_GT(waits, 1);
-  arrived += client.Read(large.size() + 160 - arrived.size());
-  EXPECT_TRUE(arrived == large + msg.raw());
-  EXPECT_EQ(Wait(kNPost), "0 9000 | ? - ? | ? ? ? | 13");
 }
 
 }  // namespace
