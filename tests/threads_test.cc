@@ -219,13 +219,15 @@ TEST_F(ThreadsTest, AcceptedChildrenGoToOtherThreads) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// One name at more addresses than are kept, so that most are looked up under the lock. Not in the function that uses it:
+// a child might find another thread's first call of that in progress.
+const std::string names(1000, 't');
+std::atomic<uint32_t> next_name;
+
 // Takes every lock of the companion. True when everything succeeded.
 bool UseCompanion(const User& user) {
-  // One name at more addresses than are kept, so that most are looked up under the lock.
-  static const std::string names(1000, 't');
-  static std::atomic<uint32_t> next;
   void* block = nullptr;
-  const bool allocated = fNewMemory(&block, 1500, names.c_str() + next++ % 900);
+  const bool allocated = fNewMemory(&block, 1500, names.c_str() + next_name++ % 900);
   FreeMemory(block);
   const Signer signer = user.MakeSigner();
   const Message msg = Message::create();
