@@ -38,21 +38,17 @@ class WaitTest : public NodeTest {
   }
   void Make(const std::string& states) {
     const auto has = [&states](char letter) { return states.find(letter) != std::string::npos; };
-    Peer& peer = peers_.emplace_back();
-    Peer listener = Peer::Listen();
+    const bool listens = has('l') || has('i'), connects = has('c') || has('R');
     const Peer nobody = Peer::Bound(SOCK_STREAM);
-    if (has('l') || has('i')) {
-      const MQNode* const node = Add(Create(0, MQ_ROLE_LISTEN).release());
-      if (has('l')) peer = Peer::Connect(PortOf(node->sock.fd));
-      return;
-    }
-    const bool connecting = has('c') || has('R');
-    MQNode* const node = Add(Create(has('R') ? nobody.port() : listener.port(), MQ_ROLE_CONNECT).release());
-    if (connecting) NoblockSocket(&node->sock);
-    EXPECT_EQ(mnOpen(node), !connecting);
-    if (connecting) Await(node->sock.fd, POLLOUT);
-    peer = connecting ? std::move(listener) : listener.Accept();
-    if (connecting) return;
+    Peer listener = Peer::Listen();
+    const int port = has('R') ? nobody.port() : has('c') ? listener.port() : 0;
+    Link link = listens || connects ? Link{Create(port, listens), Peer()} : Connect();
+    MQNode* const node = Add(link.node.release());
+    Peer& peer = peers_.emplace_back(connects ? std::move(listener) : std::move(link.peer));
+    if (connects) NoblockSocket(&node->sock);
+    EXPECT_TRUE(!connects || mnOpen(node) == 0);
+    if (connects) Await(node->sock.fd, POLLOUT);
+    if (has('l')) peer = Peer::Connect(PortOf(node->sock.fd));
     node->openState = 0;
     if (has('r')) peer.Send("data");
     if (has('x')) peer.Send("!", MSG_OOB);
