@@ -219,8 +219,8 @@ TEST_F(ThreadsTest, AcceptedChildrenGoToOtherThreads) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// One name at more addresses than are kept, so that most are looked up under the lock. Not in the function that uses it:
-// a child might find another thread's first call of that in progress.
+// One name at more addresses than are kept, so that most are looked up under the lock. It is not in the function that
+// uses it: a child might find another thread's first call of that in progress.
 const std::string names(1000, 't');
 std::atomic<uint32_t> next_name;
 
