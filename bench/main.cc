@@ -27,7 +27,6 @@ struct Wanted {
 };
 
 void MeasureAll(Report* report, const Settings& settings, const Wanted& wanted) {
-  if (wanted.Has("calls")) MeasureCalls(report);
   if (wanted.Has("held")) MeasureHeld(report);
   if (wanted.Has("instructions")) MeasureInstructions(report, settings);
   PinToOneProcessor();
@@ -62,7 +61,7 @@ int main(int argc, char** argv) {
   app.add_option("--plots", plots, "draw pictures (SVG) into this folder")->check(CLI::ExistingDirectory);
   app.add_option("--only", only, "sections to run")
       ->delimiter(',')
-      ->check(CLI::IsMember({"calls", "held", "instructions", "exchange", "wait", "signed", "others"}));
+      ->check(CLI::IsMember({"held", "instructions", "exchange", "wait", "signed", "others"}));
   CLI11_PARSE(app, argc, argv);
   if (!wanted.pinned && !wanted.free) wanted.pinned = wanted.free = true;
   wanted.sections = {only.begin(), only.end()};

@@ -32,9 +32,6 @@ void MeasureWaits(Report* report, const Settings& settings);
 // Memory of many nodes held at once.
 void MeasureHeld(Report* report);
 
-// System calls and allocations of one message and of one wait.
-void MeasureCalls(Report* report);
-
 // User-space instructions of one message and of one wait; needs valgrind.
 void MeasureInstructions(Report* report, const Settings& settings);
 

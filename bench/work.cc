@@ -1,12 +1,10 @@
-// work.cc - does a known amount of work, for the counts of instructions, system calls and memory.
+// work.cc - does a known amount of work, for the counts of instructions and memory.
 //   mqbench_work message CONTESTANT BODY COUNT   messages written and read by two ends in this process
 //   mqbench_work wait KIND NODES COUNT           waits over idle nodes and one ready
 //   mqbench_work held NODES                      prints resident bytes a node, idle and after a message, bytes asked
 //   for
 //                                                and allocations a node
-// The counted work is done in mqbench_pass, between two calls of getppid.
-#include <sys/syscall.h>
-#include <unistd.h>
+// The counted work is done in mqbench_pass.
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,9 +33,7 @@ namespace {
 
 void Repeat(size_t count, const Pass& pass) {
   for (int i = 0; i < kWarmUp; ++i) pass();
-  syscall(SYS_getppid);
   for (size_t i = 0; i < count; ++i) mqbench_pass(pass);
-  syscall(SYS_getppid);
 }
 
 void Messages(const std::string& name, size_t body, size_t count) {

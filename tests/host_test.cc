@@ -1,12 +1,10 @@
 // host_test.cc - host services: label, processors, waiting for the network stack, the alarm guard.
-#include <poll.h>
 #include <signal.h>
+#include <sys/time.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "tests/support/fixture.hh"
 
@@ -14,287 +12,181 @@ namespace {
 
 class HostTest : public Fixture {
  protected:
-  ~HostTest() override { unsetenv("TEVRA_CPU_COUNT"); }
-};
-
-utsname System(const char* sysname, const char* version, const char* release, const char* machine) {
-  utsname info = {};
-  strcpy(info.sysname, sysname);
-  strcpy(info.version, version);
-  strcpy(info.release, release);
-  strcpy(info.machine, machine);
-  return info;
-}
-
-TEST_F(HostTest, SysInfoIsTheSystemsOrAllZero) {
-  Platform::SetNodeName("testnode");
-  utsname info;
-  memset(&info, 0x5a, sizeof info);
-  EXPECT_EQ(GetSysInfo(&info), 1);
-  EXPECT_STREQ(info.nodename, "testnode");
-  EXPECT_STREQ(info.sysname, "Linux");
-  memset(&info, 0x5a, sizeof info);
-  const utsname zero = {};
-  Platform::Fail("uname", 1, EFAULT);
-  EXPECT_EQ(GetSysInfo(&info), 0);
-  EXPECT_EQ(memcmp(&info, &zero, sizeof info), 0);
-}
-
-TEST_F(HostTest, LabelAppendsWhatFits) {
-  const utsname plain = System("S", "5", "3", "M");
-  const utsname wide = System("  Linux\t", " #1 SMP ", "6.1 ", "\n x86_64");
-  const std::string fifty(50, 'v');
-  const utsname long_version = System("S", (std::string(47, 'v') + " vv").c_str(), fifty.c_str(), "M");
-  const std::string sysname(64, 's');
-  const utsname long_name = System(sysname.c_str(), "5", "3", "M");
-  const utsname empty = System("", "", "", "");
-  const std::string v47(47, 'v');
-  const std::string v48(48, 'v');
-  const struct {
-    const utsname& info;
-    const char* before;
-    int room, with_machine;
-    std::string after;
-  } rows[] = {
-      {plain, "", 100, 1, "S::V5.R3::M::"},
-      {plain, "old ", 100, 7, "old S::V5.R3::M::"},
-      {plain, "", 100, 0, "S::V5.R3::"},
-      {wide, "", 100, 1, "Linux::V#1 SMP.R6.1::x86_64::"},
-      // costs are 4, 8 and 4; a piece needs less than the room
-      {plain, "x", 0, 1, "x"},
-      {plain, "x", -1, 1, "x"},
-      {plain, "x", 4, 1, "x"},
-      {plain, "", 5, 1, "S::"},
-      {plain, "", 8, 1, "S::"},
-      {plain, "", 9, 1, "S::M::"},
-      {plain, "", 12, 1, "S::M::"},
-      {plain, "", 13, 1, "S::V5.R3::"},
-      {plain, "", 16, 1, "S::V5.R3::"},
-      {plain, "", 17, 1, "S::V5.R3::M::"},
-      // a piece that does not fit does not stop the next
-      {long_name, "", 60, 1, "V5.R3::M::"},
-      {long_name, "", 67, 1, "V5.R3::M::"},
-      {long_name, "", 68, 1, sysname + "::"},
-      // 48 characters, then trimmed
-      {long_version, "", 200, 0, "S::V" + v47 + ".R" + v48 + "::"},
-      {empty, "", 100, 1, "::V.R::::"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(testing::Message() << row.after << " in " << row.room);
-    char label[400];
-    memset(label, '?', sizeof label);
-    strcpy(label, row.before);
-    GetSysLabel(&row.info, label, row.room, row.with_machine);
-    EXPECT_EQ(label, row.after);
-    EXPECT_EQ(label[row.after.size() + 1], '?') << "nothing behind the terminator";
-  }
-}
-
-TEST_F(HostTest, LabelTakesFieldsThatFillTheirPlace) {
-  utsname info;
-  memset(&info, 'a', sizeof info);
-  char label[400] = "";
-  GetSysLabel(&info, label, sizeof label, 1);
-  const std::string field(65, 'a');
-  EXPECT_EQ(label, field + "::V" + field.substr(0, 48) + ".R" + field.substr(0, 48) + "::" + field + "::");
-}
-
-TEST_F(HostTest, ProcessorCount) {
-  const struct {
-    const char* text;
-    int count;
-  } rows[] = {{"8", 8}, {"8x", 8}, {" 12", 12}, {"0", 1}, {"-3", 1}, {"abc", 1}, {"", 1}};
-  for (const auto& row : rows) {
-    setenv("TEVRA_CPU_COUNT", row.text, 1);
-    EXPECT_EQ(GetProcessorCount(), row.count) << row.text;
-  }
-  unsetenv("TEVRA_CPU_COUNT");
-  errno = 0;
-  EXPECT_EQ(GetProcessorCount(), sysconf(_SC_NPROCESSORS_ONLN));
-
-  Platform::Fail("sysconf", 1, 0);
-  errno = 0;
-  EXPECT_EQ(GetProcessorCount(), -1);
-  EXPECT_EQ(errno, ENOSYS) << "the platform said nothing";
-  Platform::Fail("sysconf", 1, EINVAL);
-  EXPECT_EQ(GetProcessorCount(), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
-// ---- Waiting for the network stack ----
-
-class NetworkTest : public HostTest {
- protected:
-  NetworkTest() {
-    Platform::SetTime(1700000000);
-    const time_t now = 1700000000;
-    lines_ = std::string("Date: ") + ctime(&now) +
-             "SOCKSIN: bTcpipNotActive() = ITRUE; gethostname() RC(-1) errno(5) nodename()\n";
-  }
-
-  // The first checks checks find the network down.
-  static void DownFor(int checks) {
-    if (checks > 0) Platform::Fail("gethostname", 1, EIO, checks);
-  }
-
-  std::string lines_;  // what one check with printing on prints
-};
-
-TEST_F(NetworkTest, NotActiveIsPrintedWhenAskedFor) {
-  const struct {
-    int down, verbose, result;
-    std::string printed;
-  } rows[] = {{0, 1, 0, ""}, {0, 0, 0, ""}, {1, 0, 1, ""}, {1, 1, 1, lines_}, {1, -1, 1, lines_}};
-  for (const auto& row : rows) {
-    DownFor(row.down);
-    EXPECT_EQ(Printed([&] { EXPECT_EQ(bTcpipNotActive(row.verbose), row.result); }), row.printed);
-  }
-  EXPECT_EQ(Platform::Calls().front(), "gethostname(255) = 0");
-  Platform::SetTime(kNoDate);
-  DownFor(1);
-  EXPECT_EQ(Printed([] { bTcpipNotActive(1); }), "Date: \n" + lines_.substr(lines_.find("SOCKSIN")));
-}
-
-const char kUp[] = "gethostname(255) = 0";
-const char kDown[] = "gethostname(255) = -1 EIO";
-const char kSleep[] = "sleep(5) = 0";
-const char kWaiting[] = "LOGMSG(1157I host Waiting for TCP/IP to become active, 1) = 0";
-const char kActive[] = "LOGMSG(1158I TCP/IP now active, initialization will proceed for host, 1) = 0";
-
-// The calls of a wait in which the network is down for this many checks, the first test included.
-Lines WaitCalls(int down) {
-  Lines calls = {down > 0 ? kDown : kUp};
-  if (down == 0) return calls;
-  for (int check = 1; check <= down; ++check) {
-    if (check % 60 == 1) calls.push_back(kWaiting);
-    calls.push_back(kSleep);
-    calls.push_back(check < down ? kDown : kUp);
-  }
-  calls.push_back(kActive);
-  calls.push_back(kSleep);
-  return calls;
-}
-
-TEST_F(NetworkTest, WaitsInCyclesAndSaysSo) {
-  const struct {
-    int down, verbose;
-    int prints;  // how many checks print
-  } rows[] = {
-      {0, 0, 0},
-      {0, 1, 0},
-      {1, 0, 1},
-      {3, 0, 1},
-      {3, 1, 3},
-      {60, 0, 1},
-      {61, 0, 1},
-      // the first check of a later cycle is number 62 of all, the first test included
-      {62, 0, 2},
-      {63, 0, 2},
-      {62, 1, 62},
-      {121, 0, 2},
-      {122, 0, 3},
-      {130, 0, 3},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(testing::Message() << "down for " << row.down << ", verbose " << row.verbose);
-    Platform::Reset();
-    Platform::SetTime(1700000000);
-    DownFor(row.down);
-    const std::string printed = Printed([&] { EXPECT_EQ(bWaitForTcpip(row.verbose, "host"), 0); });
-    std::string expected;
-    for (int i = 0; i < row.prints; ++i) expected += lines_;
-    EXPECT_EQ(printed, expected);
-    EXPECT_EQ(Platform::Calls(), WaitCalls(row.down));
-  }
-}
-
-TEST_F(NetworkTest, LongNamesAreCutToTheLine) {
-  const std::string fits(454, 'w');
-  const std::string longer(2000, 'w');
-  const std::string start1 = "1157I ";
-  const std::string end1 = " Waiting for TCP/IP to become active";
-  const std::string start2 = "1158I TCP/IP now active, initialization will proceed for ";
-  for (const std::string& who : {fits, longer}) {
-    DownFor(1);
-    Printed([&] { bWaitForTcpip(0, who.c_str()); });
-  }
-  const Lines lines = LogLines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0], start1 + fits + end1);
-  EXPECT_EQ(lines[1], start2 + fits);
-  for (const std::string& line : {lines[2], lines[3]}) EXPECT_LT(line.size(), 512u);
-  EXPECT_EQ(lines[2].substr(0, 460), start1 + fits);
-  EXPECT_EQ(lines[3].substr(0, start2.size() + 454), start2 + fits);
-}
-
-// ---- The alarm guard ----
-
-volatile sig_atomic_t own_handler_ran;
-void OwnHandler(int) { own_handler_ran = 1; }
-
-AlarmFn CurrentHandler() {
-  struct sigaction action;
-  sigaction(SIGALRM, nullptr, &action);
-  return action.sa_handler;
-}
-
-class AlarmTest : public HostTest {
- protected:
-  ~AlarmTest() override {
+  ~HostTest() override {
+    unsetenv("TEVRA_CPU_COUNT");
     alarm(0);
     signal(SIGALRM, SIG_DFL);
     pSavedAlarm = nullptr;
   }
 };
 
-TEST_F(AlarmTest, ArmsAndRestores) {
+TEST_F(HostTest, SysInfoIsTheSystemsOrAllZero) {
+  Platform::SetNodeName("testnode");
+  Platform::Fail("uname", 2, EFAULT);
+  utsname info;
+  memset(&info, 0x5a, sizeof info);
+  EXPECT_EQ(GetSysInfo(&info), 1);
+  EXPECT_EQ(format("{} {}", info.nodename, info.sysname), "testnode Linux");
+  EXPECT_EQ(GetSysInfo(&info), 0);
+  const utsname zero = {};
+  EXPECT_EQ(memcmp(&info, &zero, sizeof info), 0);
+}
+
+utsname System(std::string_view name, std::string_view version, std::string_view release, std::string_view machine) {
+  utsname info = {};
+  name.copy(info.sysname, 65);
+  version.copy(info.version, 65);
+  release.copy(info.release, 65);
+  machine.copy(info.machine, 65);
+  return info;
+}
+
+TEST_F(HostTest, LabelAppendsWhatFits) {
+  const auto label = [](const utsname& info, int room, int with_machine = 1, const std::string& before = "") {
+    std::string text = before + '\0' + std::string(400, '?');
+    GetSysLabel(&info, text.data(), room, with_machine);
+    EXPECT_EQ(text[strlen(text.c_str()) + 1], '?') << "nothing behind the terminator";
+    return std::string(text.c_str());
+  };
+  const std::string v47(47, 'v'), v48(48, 'v'), s64(64, 's'), a65(65, 'a'), a48(48, 'a');
+  const utsname plain = System("S", "5", "3", "M");
+  EXPECT_EQ(label(plain, 100, 7, "old "), "old S::V5.R3::M::");
+  EXPECT_EQ(label(plain, 100, 0), "S::V5.R3::");
+  EXPECT_EQ(label(System("  Linux\t", " #1 SMP ", "6.1 ", "\n x86_64"), 100), "Linux::V#1 SMP.R6.1::x86_64::");
+  EXPECT_EQ(label(System("", "", "", ""), 100), "::V.R::::");
+  // Costs are 4, 8 and 4; a piece needs less than the room.
+  for (const auto& [room, text] : {std::pair{-1, ""},
+                                   {4, ""},
+                                   {5, "S::"},
+                                   {8, "S::"},
+                                   {9, "S::M::"},
+                                   {12, "S::M::"},
+                                   {13, "S::V5.R3::"},
+                                   {16, "S::V5.R3::"},
+                                   {17, "S::V5.R3::M::"}}) {
+    EXPECT_EQ(label(plain, room), text) << room;
+  }
+  // A piece that does not fit does not stop the next.
+  EXPECT_EQ(label(System(s64, "5", "3", "M"), 67), "V5.R3::M::");
+  EXPECT_EQ(label(System(s64, "5", "3", "M"), 68), s64 + "::");
+  // 48 characters, then trimmed; fields that fill their place.
+  EXPECT_EQ(label(System("S", v47 + " vv", v48 + "vv", "M"), 200, 0), "S::V" + v47 + ".R" + v48 + "::");
+  EXPECT_EQ(label(System(a65, a65, a65, a65), 400), a65 + "::V" + a48 + ".R" + a48 + "::" + a65 + "::");
+}
+
+TEST_F(HostTest, ProcessorCount) {
+  for (const auto& [text, count] :
+       {std::pair{"8", 8}, {"8x", 8}, {" 12", 12}, {"1", 1}, {"0", 1}, {"-3", 1}, {"abc", 1}, {"", 1}}) {
+    setenv("TEVRA_CPU_COUNT", text, 1);
+    EXPECT_EQ(GetProcessorCount(), count) << text;
+  }
+  unsetenv("TEVRA_CPU_COUNT");
+  EXPECT_EQ(GetProcessorCount(), sysconf(_SC_NPROCESSORS_ONLN));
+  // The platform may say nothing, not even why.
+  for (const auto& [code, reported] : {std::pair{0, ENOSYS}, {EINVAL, EINVAL}}) {
+    Platform::Fail("sysconf", 1, code);
+    errno = 0;
+    EXPECT_EQ(GetProcessorCount(), -1);
+    EXPECT_EQ(errno, reported);
+  }
+}
+
+// ---- Waiting for the network stack ----
+
+// What one check with printing on prints while the network is down.
+std::string Printout(const std::string& date) {
+  return "Date: " + date + "SOCKSIN: bTcpipNotActive() = ITRUE; gethostname() RC(-1) errno(5) nodename()\n";
+}
+constexpr time_t kDay = 1700000000;
+
+TEST_F(HostTest, NetworkNotActive) {
+  const auto check = [](int down, int verbose, time_t now) {
+    Platform::SetTime(now);
+    Platform::Fail("gethostname", 1, EIO, down);
+    return Printed([&] { EXPECT_EQ(bTcpipNotActive(verbose), down); });
+  };
+  EXPECT_EQ(check(0, 1, kDay) + check(1, 0, kDay), "");
+  EXPECT_EQ(check(1, 1, kDay), Printout(ctime(&kDay)));
+  EXPECT_EQ(check(1, -1, kDay), Printout(ctime(&kDay)));
+  EXPECT_EQ(check(1, 1, kNoDate), Printout("\n"));
+}
+
+// A wait in which the first checks find the network down, the test before the wait included. A line every 60 checks,
+// and what is printed with it; the first check of a later cycle is number 62 of all. A name that does not fit is cut.
+TEST_F(HostTest, NetworkWait) {
+  const auto check = [](int down, int verbose, int prints, const std::string& who, size_t shown, size_t active) {
+    Platform::Reset();
+    Platform::SetTime(kDay);
+    Platform::Fail("gethostname", 1, EIO, down);
+    const std::string waiting =
+        format("LOGMSG(1157I {} Waiting for TCP/IP to become active, 1) = 0; ", who.substr(0, shown));
+    std::string printed, calls;
+    for (int i = 0; i < prints; ++i) printed += Printout(ctime(&kDay));
+    for (int i = 0; i < down; ++i) {
+      calls += format("gethostname(255) = -1 EIO; {}sleep(5) = 0; ", i % 60 == 0 ? waiting : "");
+    }
+    calls += "gethostname(255) = 0";
+    const std::string line =
+        "; LOGMSG(1158I TCP/IP now active, initialization will proceed for {}, 1) = 0; sleep(5) = 0";
+    if (down > 0) calls += format(fmt::runtime(line), who.substr(0, active));
+    EXPECT_EQ(Printed([&] { EXPECT_EQ(bWaitForTcpip(verbose, who.c_str()), 0); }), printed) << down;
+    EXPECT_EQ(Take(), calls) << down;
+  };
+  check(0, 1, 0, "host", 4, 4);
+  check(1, 0, 1, std::string(454, 'w'), 454, 454);
+  check(3, 0, 1, "host", 4, 4);
+  check(3, 1, 3, "host", 4, 4);
+  check(61, 0, 1, "host", 4, 4);
+  check(62, 0, 2, "host", 4, 4);
+  check(62, 1, 62, "host", 4, 4);
+  check(121, 0, 2, "host", 4, 4);
+  check(122, 0, 3, std::string(2000, 'w'), 469, 454);
+}
+
+// ---- The alarm guard ----
+
+void OwnHandler(int) {}
+std::string Handler(AlarmFn handler) {
+  return handler == OwnHandler ? "own" : handler == AlarmHandler ? "guard" : handler == SIG_DFL ? "default" : "?";
+}
+std::string Installed() {
+  struct sigaction action;
+  sigaction(SIGALRM, nullptr, &action);
+  return Handler(action.sa_handler) + " over " + Handler(pSavedAlarm);
+}
+
+TEST_F(HostTest, AlarmArmsAndRestores) {
   signal(SIGALRM, OwnHandler);
-  Platform::Forget();
+  Take();
   EXPECT_EQ(enable_alarm(100), 0u);
-  EXPECT_EQ(pSavedAlarm, OwnHandler);
-  EXPECT_EQ(CurrentHandler(), AlarmHandler);
+  EXPECT_EQ(Installed(), "guard over own");
   disable_alarm();
-  EXPECT_EQ(CurrentHandler(), OwnHandler);
-  EXPECT_EQ(Platform::Calls(), (Lines{"signal(14) = 0", "alarm(100) = 0", "alarm(0) = 100", "signal(14) = 0"}));
-  EXPECT_EQ(alarm(0), 0u) << "no alarm is pending";
-  EXPECT_EQ(LogLines(), Lines{});
-}
-
-TEST_F(AlarmTest, ReturnsWhatWasLeftOfAnEarlierAlarm) {
-  alarm(200);
-  EXPECT_EQ(enable_alarm(100), 200u);
-  EXPECT_EQ(alarm(0), 100u);
-}
-
-TEST_F(AlarmTest, DoesNotNest) {
-  signal(SIGALRM, OwnHandler);
-  enable_alarm(100);
+  EXPECT_EQ(Installed(), "own over own");
+  EXPECT_EQ(Take(), "signal(14) = 0; alarm(100) = 0; alarm(0) = 100; signal(14) = 0");
+  EXPECT_EQ(alarm(200), 0u) << "no alarm is pending";
+  EXPECT_EQ(enable_alarm(100), 200u) << "what was left of an earlier alarm";
+  // It does not nest.
   enable_alarm(100);
   disable_alarm();
-  EXPECT_EQ(pSavedAlarm, AlarmHandler);
-  EXPECT_EQ(CurrentHandler(), AlarmHandler);
-}
-
-TEST_F(AlarmTest, DisableAloneInstallsTheDefaultAction) {
-  signal(SIGALRM, OwnHandler);
+  EXPECT_EQ(Installed(), "guard over guard");
+  pSavedAlarm = nullptr;
   disable_alarm();
-  EXPECT_EQ(CurrentHandler(), SIG_DFL);
+  EXPECT_EQ(Installed(), "default over default");
 }
 
-TEST_F(AlarmTest, GoesOffInABlockedCallAndKeepsErrno) {
-  enable_alarm(1);
-  errno = ENOTTY;
+TEST_F(HostTest, AlarmGoesOffInABlockedCallAndKeepsErrno) {
+  enable_alarm(100);
+  const itimerval soon = {{0, 0}, {0, 10000}};  // what alarm sets, but for the unit
+  setitimer(ITIMER_REAL, &soon, nullptr);
+  Take();
   EXPECT_EQ(poll(nullptr, 0, 10000), -1);
   EXPECT_EQ(errno, EINTR);
-  EXPECT_EQ(LogLines(), Lines{"0106W Timeout received, possible unreachable host"});
-  EXPECT_EQ(CurrentHandler(), AlarmHandler) << "the handler stays";
+  EXPECT_EQ(Take(), "LOGMSG(0106W Timeout received, possible unreachable host, 1) = 0");
+  EXPECT_EQ(Installed(), "guard over default") << "the handler stays";
   EXPECT_EQ(alarm(0), 0u) << "and the alarm is not armed again";
-  disable_alarm();
-
   errno = ENOTTY;
   AlarmHandler(SIGALRM);
   EXPECT_EQ(errno, ENOTTY);
-  EXPECT_EQ(LogLines().size(), 2u);
 }
 
 }  // namespace

@@ -1,398 +1,352 @@
-// read_test.cc - plain messages gathered from whatever arrives, delivered, browsed, refused.
-#include <fcntl.h>
-#include <unistd.h>
-
+// read_test.cc - messages gathered from whatever arrives, plain and signed: delivered, browsed, refused.
 #include "tests/support/nodes.hh"
 
 namespace {
 
-constexpr size_t kSize = 160;  // of a message with 4 bytes
-
 class ReadTest : public NodeTest {
  protected:
-  // A read and what it left: the result, the state, what was delivered.
-  std::string Read(MQNode* node) {
-    Companion::Now().calls.clear();
-    const int result = mnRead(in_, node);
-    return (result ? in_.Text() : std::string("nothing")) + ", " + ReadState(node);
+  // A read and what it left: what was delivered, the state. What was sent is there before.
+  std::string Read(MQNode* node, bool secure = false) {
+    const int result = mnSRead(in_, node, secure, nullptr);
+    return (result ? in_.Text() : "nothing") + ", " + ReadState(node);
   }
-  std::string Browse(MQNode* node) {
-    const int result = mnBrowse(in_, node);
-    return std::to_string(result) + ", " + ReadState(node);
+  std::string Read(const Link& link, const std::string& bytes, bool secure = false) {
+    Send(link, bytes);
+    return Read(link.node, secure);
   }
-  Message in_{200};
+  std::string Browse(const MQNode* node) {
+    const int result = mnBrowse(in_, const_cast<MQNode*>(node));
+    return format("{}, {}", result, node->error);
+  }
+  static void Send(const Link& link, const std::string& bytes) {
+    link.peer.Send(bytes);
+    if (!bytes.empty()) Await(link.node->sock.fd);
+    Take();
+  }
+  std::string Framed(bool secure, uint32_t command) { return secure ? keys_.Sign(command) : Wire(command); }
+
+  Keys keys_;
+  const Message in_{300};
 };
 
-// Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are
-// a header again.
+// Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are a
+// header again. Only a header that is recognised gets converted.
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
-  const struct {
-    uint32_t first, body;
-    const char* left;
-    const char* calls;  // only a header that is recognised gets converted
-  } rows[] = {
-      {136, 24, "11, read 0, held 136/160", "AlienToNative"},
-      {136, 1, "11, read 0, held 136/137", "AlienToNative"},
-      {136, MQ_MAX_MESSAGE - 136, "11, read 0, held 136/67108864", "AlienToNative"},
-      {136, MQ_MAX_MESSAGE - 135, "2026, read 0, held 0/136", "AlienToNative"},
-      {136, 0, "2026, read 0, held 0/136", "AlienToNative"},
-      {136, 0xFFFFFFFF, "2026, read 0, held 0/136", "AlienToNative"},
-      {136, 0xFFFFFF78, "2026, read 0, held 0/136", "AlienToNative"},
-      {136, 0xFFFFFF79, "2026, read 0, held 0/136", "AlienToNative"},
-      {135, 24, "2026, read 0, held 0/136", ""},
-      {137, 24, "2026, read 0, held 0/136", ""},
-      {32, 24, "2026, read 0, held 0/136", ""},
-      {0, 24, "2026, read 0, held 0/136", ""},
-      {136 | 1u << 31, 24, "2026, read 0, held 0/136", ""},
-  };
-  for (const auto& row : rows) {
+  const auto check = [this](bool secure, uint32_t first, uint32_t announced, bool accepted) {
+    const uint32_t length = secure ? kEnvelope : kHeader, at = secure ? 16 : kAtBody;
+    const std::string native = Framed(secure, 1).substr(0, length);
     for (const bool foreign : {false, true}) {
-      const Link link = Connect(kNonBlocking);
-      std::string wire = Wire(1, 4);
-      SetWord(&wire, 0, row.first);
-      SetWord(&wire, kAtBody, row.body);
-      link.peer.Send((foreign ? Foreign(wire) : wire).substr(0, kHeader));
-      AwaitReadable(link.node->sock.fd);
-      EXPECT_EQ(Read(link.node), std::string("nothing, ") + row.left) << row.first << " " << row.body << " " << foreign;
-      EXPECT_EQ(Joined(Companion::Now().calls), row.calls);
-      if (link.node->error == MQ_AGAIN) continue;
-      link.peer.Send(Wire(2, 4));
-      AwaitReadable(link.node->sock.fd);
-      EXPECT_EQ(Read(link.node), "2:4 from peer, 0, read 1, held 0/136");
+      const Link link = Connect(false);
+      const auto word = [&](uint32_t value) { return foreign ? __builtin_bswap32(value) : value; };
+      const std::string form = foreign ? Foreign(native) : native;
+      EXPECT_EQ(Read(link, WithWord(WithWord(form, at, word(announced)), 0, word(first)), secure),
+                accepted ? format("nothing, 11, read 0, held {}/{}", length, length + announced)
+                         : format("nothing, 2026, read 0, held 0/{}", length))
+          << first << " " << announced;
+      EXPECT_EQ(Take("m"), first != length ? "" : secure ? "AlienToNativeExt" : "AlienToNative");
+      if (accepted) continue;
+      EXPECT_EQ(Read(link, Foreign(Framed(secure, 2)), secure),
+                format("2:4 from {}, 0, read 1, held 0/{}", secure ? "tester" : "peer", length));
     }
-  }
+  };
+  for (const uint32_t length : {1u, 24u, MQ_MAX_MESSAGE - 136}) check(false, 136, length, true);
+  for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 135, 0xFFFFFFFFu, 0xFFFFFF78u}) check(false, 136, length, false);
+  for (const uint32_t first : {32u, 135u, 137u, 136u | 1u << 31}) check(false, first, 24, false);
+  for (const uint32_t length : {1u, MQ_MAX_MESSAGE - 32}) check(true, 32, length, true);
+  for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 31, 0xFFFFFFFFu, 0xFFFFFFE0u}) check(true, 32, length, false);
+  for (const uint32_t first : {31u, 33u, 136u}) check(true, first, 256, false);
+  // Something signed that is shorter than any header.
+  EXPECT_EQ(Read(Connect(), WithWord(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
+            "nothing, -1001, read 1, held 0/32");
 }
 
-// Trace points with what they see: the order of reports and resets.
+// Trace points with what they see: the order of reports and resets, which differs in a receive that fails.
 TEST_F(ReadTest, Traces) {
-  const Link link = Connect(kNonBlocking);
-  const std::string wire = Wire(1, 4);
-  std::string empty = wire.substr(0, kHeader);
-  SetWord(&empty, kAtBody, 0);
-  const std::string got = "ReadSocket:Before; ReadSocket:After; ";
-  const std::string blocked = "ReadSocket:Before; onError 11; ReadSocket:After; ";
-  const struct {
-    const char* what;
-    std::string bytes;
-    int failing;  // receive
-    const char* points;
-    std::string trace;
-  } rows[] = {
-      {"whole: by the nested read, and by the outer", wire, 0,
-       "mnRead: 0, read 1, held 0/136; mnRead: 0, read 1, held 0/136", got + got + "mnRead; mnRead"},
-      {"part of a header", wire.substr(0, 100), 0,
-       "mnReadMsg: 11, read 1, held 100/136; mnRead: 11, read 1, held 100/136", got + blocked + "mnReadMsg; mnRead"},
-      {"the nested read runs dry", wire.substr(100, 40), 0,
-       "mnReadMsg: 11, read 1, held 140/160; mnRead: 11, read 1, held 140/160; mnRead: 11, read 1, held 140/160",
-       got + got + blocked + "mnReadMsg; mnRead; mnRead"},
-      {"the rest", wire.substr(140), 0, "mnRead: 0, read 2, held 0/136", got + "mnRead"},
-      {"wrong first word: traced with the bytes still there", std::string(136, 'x'), 0,
-       "mnReadMsg: 2026, read 2, held 136/136; mnRead: 2026, read 2, held 0/136", got + "mnReadMsg; mnRead"},
-      {"bad length", empty, 0, "mnRead: 2026, read 2, held 136/136", got + "mnRead"},
-      {"failing receive: reset, then traced", wire.substr(0, 100), 2,
-       "mnReadMsg: 104, read 2, held 0/136; mnRead: 104, read 2, held 0/136",
-       got + "ReadSocket:Before; onError 104; ReadSocket:After; mnReadMsg; mnRead"},
+  const Link links[] = {Connect(false), Connect(false)};
+  const auto read = [&](bool secure, const std::string& bytes, int failing = 0) {
+    Watch(links[secure].node, ReadState);
+    if (failing != 0) Platform::Fail("recvfrom", failing, ECONNRESET);
+    Read(links[secure], bytes, secure);
+    return Take("sn");
   };
-  Watch(link.node);
-  WatchStates(link.node);
-  for (const auto& row : rows) {
-    if (row.failing != 0) Platform::Fail("recvfrom", row.failing, ECONNRESET);
-    link.peer.Send(row.bytes);
-    AwaitReadable(link.node->sock.fd);
-    Read(link.node);
-    EXPECT_EQ(TakePoints(), row.points) << row.what;
-    EXPECT_EQ(Joined(Trace::Take()), row.trace) << row.what;
-  }
+  const std::string plain = Wire(1), wire = keys_.Sign(1);
+  const std::string got = "ReadSocket[]; ";
+  const std::string blocked = got + "ReadSocket[onError 11]; ";
+  const std::string reset = got + "ReadSocket[onError 104]; ";
+  // Whole: by the nested read, and by the outer. Part of a header; then the nested read runs dry; then the rest.
+  EXPECT_EQ(read(false, plain), got + got + "mnRead 0, read 1, held 0/136; mnRead 0, read 1, held 0/136");
+  EXPECT_EQ(read(false, plain.substr(0, 100)),
+            blocked + "mnReadMsg 11, read 1, held 100/136; mnRead 11, read 1, held 100/136");
+  EXPECT_EQ(read(false, plain.substr(100, 40)),
+            got + blocked +
+                "mnReadMsg 11, read 1, held 140/160; mnRead 11, read 1, held 140/160; mnRead 11, read 1, held 140/160");
+  EXPECT_EQ(read(false, plain.substr(140)), got + "mnRead 0, read 2, held 0/136");
+  // A wrong first word is traced with the bytes still there; a receive that fails after the reset.
+  EXPECT_EQ(read(false, std::string(136, 'x')),
+            got + "mnReadMsg 2026, read 2, held 136/136; mnRead 2026, read 2, held 0/136");
+  EXPECT_EQ(read(false, WithWord(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
+  EXPECT_EQ(read(false, "part", 2), reset + "mnReadMsg 104, read 2, held 0/136; mnRead 104, read 2, held 0/136");
+  EXPECT_EQ(read(true, wire), got + got + "mnSRead 0, read 1, held 0/32; mnSRead 0, read 1, held 0/32");
+  // Replayed, whole and in parts.
+  EXPECT_EQ(read(true, wire), got + got + "mnSRead -1001, read 2, held 288/288; mnSRead -1001, read 2, held 0/32");
+  EXPECT_EQ(read(true, wire.substr(0, 20)),
+            blocked + "mnSReadMsg 11, read 2, held 20/32; mnSRead 11, read 2, held 20/32");
+  EXPECT_EQ(read(true, wire.substr(20, 50)),
+            got + blocked +
+                "mnSReadMsg 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288; mnSRead 11, read 2, held 70/288");
+  EXPECT_EQ(read(true, wire.substr(70)), got + "mnSRead -1001, read 3, held 288/288");
+  EXPECT_EQ(read(true, plain.substr(0, 32)),
+            got + "mnSReadMsg 2026, read 3, held 32/32; mnSRead 2026, read 3, held 0/32");
+  EXPECT_EQ(read(true, "part", 2), reset + "mnSReadMsg 104, read 3, held 4/32; mnSRead 104, read 3, held 0/32");
 }
 
+// Each function of the companion failing in turn: what the node says, what was called, which user the record names.
 TEST_F(ReadTest, CompanionFailures) {
-  const struct {
-    const char *failing, *left, *calls;
-    const char* user;  // of the record afterwards
-  } rows[] = {
-      {"AlienToNative", "2026, read 0, held 0/136", "AlienToNative", "none"},
-      {"SizePcfMessage", "2102, read 0, held 0/136", "AlienToNative; SizePcfMessage 256", "none"},
-      {"AlienPcfToNative", "4005, read 1, held 0/136", "AlienToNative; SizePcfMessage 256; AlienPcfToNative", "peer"},
-      {"RawToPcf", "4005, read 1, held 0/136", "AlienToNative; SizePcfMessage 256; AlienPcfToNative; RawToPcf", "peer"},
-      {"none", "0, read 1, held 0/136", "AlienToNative; SizePcfMessage 256; AlienPcfToNative; RawToPcf", "peer"},
-  };
-  for (const auto& row : rows) {
+  const auto read = [this](bool secure, const std::string& failing) {
     const Link link = Connect();
-    PcfMessage small;
-    mqc_message_init(&small);
-    memcpy(small.secHeader.userId, "none", 4);
-    link.peer.Send(Wire(4, 100) + Wire(5, 4));
-    Companion::Now() = {.failing = row.failing, .calls = {}};
-    const int result = mnRead(&small, link.node);
-    EXPECT_EQ(result, link.node->error == 0) << row.failing;
-    EXPECT_EQ(ReadState(link.node), row.left) << row.failing;
-    EXPECT_EQ(Joined(Companion::Now().calls), row.calls) << row.failing;
-    EXPECT_EQ(std::string(small.secHeader.userId, 12), Field(row.user, 12));
-    mqc_message_release(&small);
-    // A header that could not be converted was dropped, its body was not.
-    if (link.node->error == MQ_BAD_MESSAGE) continue;
+    const Message small;
+    memcpy(small->secHeader.userId, "none", 4);
+    Send(link, (secure ? keys_.Sign(4, 100) : Wire(4, 100)) + Framed(secure, 5));
+    Companion::Now().failing = failing;
+    EXPECT_EQ(mnSRead(small, link.node, secure, nullptr), failing.empty());
+    const std::string outcome = format("{} | {}, user {}", Take("m"), ReadState(link.node), small.sender());
     Companion::Now().failing.clear();
-    EXPECT_EQ(mnRead(in_, link.node), 1) << row.failing;
-    EXPECT_EQ(in_.Text(), "5:4 from peer");
-  }
+    // A header that could not be converted was dropped, its body was not; else the next message is read.
+    const bool in_step = outcome.find(';') != std::string::npos;
+    EXPECT_EQ(in_step ? mnSRead(in_, link.node, secure, nullptr) : 1, 1) << outcome;
+    EXPECT_EQ(in_step ? in_.command() : 5, 5u) << outcome;
+    return outcome;
+  };
+  const std::string plain = "AlienToNative; SizePcfMessage 256";
+  const std::string gathered = "AlienToNativeExt; SizePcfMessage 384";
+  const std::string checked = gathered + "; mqc_authenticate", native = checked + "; AlienToNative";
+  EXPECT_EQ(read(false, "AlienToNative"), "AlienToNative | 2026, read 0, held 0/136, user none");
+  EXPECT_EQ(read(false, "SizePcfMessage"), plain + " | 2102, read 0, held 0/136, user none");
+  EXPECT_EQ(read(false, "AlienPcfToNative"), plain + "; AlienPcfToNative | 4005, read 1, held 0/136, user peer");
+  EXPECT_EQ(read(false, "RawToPcf"), plain + "; AlienPcfToNative; RawToPcf | 4005, read 1, held 0/136, user peer");
+  EXPECT_EQ(read(false, ""), plain + "; AlienPcfToNative; RawToPcf | 0, read 1, held 0/136, user peer");
+  EXPECT_EQ(read(true, "AlienToNativeExt"), "AlienToNativeExt | 2026, read 0, held 0/32, user none");
+  EXPECT_EQ(read(true, "SizePcfMessage"), gathered + " | 2102, read 0, held 0/32, user none");
+  // After a failed check the record still holds what came.
+  EXPECT_EQ(read(true, "mqc_authenticate"), checked + " | -1001, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, "AlienToNative"), native + "; DumpPcfMessage | 2026, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, "AlienPcfToNative"),
+            native + "; AlienPcfToNative; DumpPcfMessage | 4005, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, "RawToPcf"),
+            native + "; AlienPcfToNative; RawToPcf; DumpPcfMessage | 4005, read 1, held 0/32, user tester");
+  EXPECT_EQ(read(true, ""), native + "; AlienPcfToNative; RawToPcf | 0, read 1, held 0/32, user tester");
+  EXPECT_EQ(format("{} {} {}", in_->secHeader.hdrLength, in_->secHeader.version, in_->raw.length), "32 1 160");
 }
 
 TEST_F(ReadTest, ReceiveBufferGrowsForLongMessagesAlone) {
   const Link link = Connect();
+  int read = 0;
   for (const auto& [size, capacity] : {std::pair{16364u, 16520u}, {16365u, 16524u}, {20000u, 20156u}, {4u, 20156u}}) {
-    link.peer.Send(Wire(1, size));
-    EXPECT_EQ(mnRead(in_, link.node), 1);
-    EXPECT_EQ(in_.Text(), "1:" + std::to_string(size) + " from peer");
+    Send(link, Wire(1, size));
+    EXPECT_EQ(Read(link.node), format("1:{} from peer, 0, read {}, held 0/136", size, ++read));
     EXPECT_EQ(link.node->recvBuffer.capacity, capacity);
-    EXPECT_EQ(link.node->recvBuffer.length, 136u);
   }
 }
 
-TEST_F(ReadTest, NoMemoryForALongMessage) {
-  const Link link = Connect();
-  link.peer.Send(Wire(1, 20000).substr(0, kHeader));
-  mqc_fail_allocation(1, 0);
-  WatchStates(link.node);
-  EXPECT_EQ(Read(link.node), "nothing, 2102, read 0, held 0/136");
-  EXPECT_EQ(TakePoints(), "mnRead: 2102, read 0, held 136/136") << "known before anything more is gathered";
-  EXPECT_EQ(link.node->recvBuffer.capacity, 16520u);
+TEST_F(ReadTest, NoMemory) {
+  for (const bool secure : {false, true}) {
+    const Link link = Connect();
+    Send(link, secure ? WithWord(keys_.Sign(1).substr(0, 32), 16, 20000) : Wire(1, 20000).substr(0, kHeader));
+    mqc_fail_allocation(1, 0);
+    Watch(link.node, ReadState);
+    EXPECT_EQ(Read(link.node, secure),
+              secure ? "nothing, 2102, read 0, held 0/32" : "nothing, 2102, read 0, held 0/136");
+    EXPECT_EQ(Take("n"), secure ? "mnSRead 2102, read 0, held 32/32" : "mnRead 2102, read 0, held 136/136")
+        << "known before anything more is gathered";
+    EXPECT_EQ(link.node->recvBuffer.capacity, 16520u);
+  }
   // A node without a receive area, created without memory or closed: a read takes one when there is memory.
   mqc_fail_allocation(2, 0);
-  const Node bare = Create(0, MQ_ROLE_CONNECT);
-  mnClose(link.node);
-  for (MQNode* node : {static_cast<MQNode*>(bare), static_cast<MQNode*>(link.node)}) {
-    Platform::Forget();
-    EXPECT_EQ(mnReadMsg(node), 0);
-    EXPECT_EQ(ReadState(node), "2102, read 0, held 0/0");
+  const Node bare = Create(0, MQ_ROLE_CONNECT), closed = Create(0, MQ_ROLE_CONNECT);
+  mnClose(closed);
+  for (const Node* node : {&bare, &closed}) {
+    Take();
+    EXPECT_EQ(mnReadMsg(*node), 0);
+    EXPECT_EQ(ReadState(*node), "2102, read 0, held 0/0");
     mqc_fail_allocation(1, 0);
-    EXPECT_EQ(Read(node), "nothing, 2102, read 0, held 0/0");
-    EXPECT_EQ(Platform::Calls(), Lines{});
-    EXPECT_EQ(Read(node), "nothing, " + std::to_string(node == bare ? ENOTCONN : EBADF) + ", read 0, held 0/136");
+    EXPECT_EQ(Read(*node), "nothing, 2102, read 0, held 0/0");
+    EXPECT_EQ(Take("c"), "");
+    EXPECT_EQ(Read(*node), format("nothing, {}, read 0, held 0/136", node == &bare ? ENOTCONN : EBADF));
   }
 }
 
+// Whole messages alone, each of which is converted; nothing short is. An idle buffer is not armed again.
 TEST_F(ReadTest, Datagrams) {
   const Node node = CreateDatagram();
   NoblockSocket(&node->sock);
   const Peer peer = Peer::Datagram();
-  const std::string wire = Wire(1, 4);
-  std::string wrong = wire;
-  SetWord(&wrong, 0, 135);
-  std::string bodiless = wire.substr(0, kHeader);
-  SetWord(&bodiless, kAtBody, 0);
-  std::string wrapping = wire;
-  SetWord(&wrapping, kAtBody, 24 + 0xFFFFFF00u);
-  const struct {
-    const char* what;
-    std::string bytes;
-    const char* outcome;
-  } rows[] = {
-      {"right", wire, "1:4 from peer, 0"},
-      {"foreign", Foreign(wire), "1:4 from peer, 0"},
-      {"as long as the buffer", Wire(1, 16520 - 156), "1:16364 from peer, 0"},
-      {"longer than the buffer", Wire(1, 16520 - 155), "nothing, 2026"},
-      {"one byte short", wire.substr(0, kSize - 1), "nothing, 2026"},
-      {"one byte long", wire + "x", "nothing, 2026"},
-      {"two messages", wire + wire, "nothing, 2026"},
-      {"a header alone", wire.substr(0, kHeader), "nothing, 2026"},
-      {"without a body", bodiless, "nothing, 2026"},
-      {"less than a header", wire.substr(0, kHeader - 1), "nothing, 2026"},
-      {"one byte", "x", "nothing, 2026"},
-      {"wrong first word", wrong, "nothing, 2026"},
-      {"wrapping length", wrapping, "nothing, 2026"},
-      {"empty", "", "nothing, 9004"},
-      {"none", "-", "nothing, 11"},
+  Alias(peer.port(), "P");
+  const auto read = [&](bool secure, const std::string& bytes, bool sent = true) {
+    if (sent) peer.SendTo(PortOf(node->sock.fd), bytes);
+    if (sent) Await(node->sock.fd);
+    node->msgsRead = 0;
+    Take();
+    const std::string outcome = Read(node, secure);
+    const std::string tail = format(", read {}, held 0/16520", outcome[0] == 'n' ? 0 : 1);
+    EXPECT_EQ(outcome.substr(outcome.size() - tail.size()), tail);
+    const std::string events = Take("mb");
+    EXPECT_EQ(events.find("reset") != events.npos, sent) << outcome;
+    EXPECT_EQ(events.find("reset"), events.rfind("reset")) << outcome;
+    return outcome.substr(0, outcome.size() - tail.size()) + events.substr(0, events.find_first_of(" ;"));
   };
-  for (const auto& row : rows) {
-    if (row.bytes != "-") {
-      peer.SendTo(PortOf(node), row.bytes);
-      AwaitReadable(node->sock.fd);
-    }
-    const uint32_t before = node->msgsRead;
-    Companion::Now().resets = 0;
-    const std::string outcome = Read(node);
-    EXPECT_EQ(Companion::Now().resets, row.bytes == "-" ? 0 : 1) << row.what << ": an idle buffer is not armed again";
-    EXPECT_EQ(outcome.substr(0, outcome.find(", read ")), row.outcome) << row.what;
-    EXPECT_EQ(node->msgsRead - before, outcome[0] == '1' ? 1u : 0u) << row.what;
-    EXPECT_NE(outcome.find(", held 0/16520"), std::string::npos) << row.what;
-    const bool judged = row.bytes.size() >= kHeader && row.bytes != wrong;
-    EXPECT_EQ(!Companion::Now().calls.empty(), judged) << row.what << ": nothing short is converted";
+  const std::string wire = Wire(1), wire2 = keys_.Sign(2);
+  EXPECT_EQ(read(false, wire), "1:4 from peer, 0AlienToNative");
+  EXPECT_EQ(read(false, Foreign(wire)), "1:4 from peer, 0AlienToNative");
+  EXPECT_EQ(read(false, Wire(1, 16520 - 156)), "1:16364 from peer, 0AlienToNative");
+  for (const std::string& bytes :
+       {Wire(1, 16520 - 155), wire.substr(0, 159), wire + "x", wire.substr(0, kHeader),
+        WithWord(wire.substr(0, kHeader), kAtBody, 0), WithWord(wire, kAtBody, 24 + 0xFFFFFF00u)}) {
+    EXPECT_EQ(read(false, bytes), "nothing, 2026AlienToNative") << bytes.size();
   }
-  EXPECT_EQ(Text(node->sock.from),
-            "- 127.0.0.1 " + std::to_string(peer.port()) + " tcp " + std::to_string(peer.port()));
-}
-
-// The gather step alone keeps what it has, a datagram too.
-TEST_F(ReadTest, GatheredOnce) {
-  const Node node = CreateDatagram();
-  const Peer peer = Peer::Datagram();
-  const std::string wire = Wire(1, 4);
-  peer.SendTo(PortOf(node), wire);
-  peer.SendTo(PortOf(node), Wire(2, 4));
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(mnReadMsg(node), 1);
-    EXPECT_EQ(ReadState(node), "0, read 0, held 160/160");
-    EXPECT_EQ(memcmp(node->recvBuffer.data, wire.data(), kSize), 0);
+  for (const std::string& bytes : {wire.substr(0, kHeader - 1), std::string("x"), WithWord(wire, 0, 135)}) {
+    EXPECT_EQ(read(false, bytes), "nothing, 2026reset") << bytes.size();
   }
-  EXPECT_EQ(Read(node), "1:4 from peer, 0, read 1, held 0/16520");
-}
-
-TEST_F(ReadTest, TraceOfADatagram) {
-  const Node node = CreateDatagram();
-  const Peer peer = Peer::Datagram();
+  EXPECT_EQ(read(false, ""), "nothing, 9004reset");
+  EXPECT_EQ(read(false, "", false), "nothing, 11");
+  for (const std::string& bytes : {wire2 + "x", wire2.substr(0, wire2.size() - 1), wire2.substr(0, kEnvelope)}) {
+    EXPECT_EQ(read(true, bytes), "nothing, 2026AlienToNativeExt") << bytes.size();
+  }
+  EXPECT_EQ(read(true, wire2.substr(0, kEnvelope - 1)), "nothing, 2026reset");
+  EXPECT_EQ(read(true, wire2), "2:4 from tester, 0AlienToNativeExt");
+  EXPECT_EQ(Text(node->sock.from), "- 127.0.0.1 P tcp P");
+  // The gather step alone keeps what it has.
+  peer.SendTo(PortOf(node->sock.fd), wire);
+  peer.SendTo(PortOf(node->sock.fd), Wire(2));
   Watch(node);
-  for (const char* const bytes : {"whole", "short"}) {
-    peer.SendTo(PortOf(node), bytes[0] == 'w' ? Wire(1, 4) : "short");
-    Read(node);
-    EXPECT_EQ(Trace::Take(), (Lines{"ReadSocket:Before", "ReadSocket:After", "mnRead"})) << bytes;
-  }
+  EXPECT_EQ(mnReadMsg(node) + mnReadMsg(node), 2);
+  EXPECT_EQ(ReadState(node), "0, read 1, held 160/160");
+  EXPECT_EQ(Read(node), "1:4 from peer, 0, read 2, held 0/16520");
+  EXPECT_EQ(Take("sn"), "ReadSocket[]; mnRead");
 }
 
-// A buffer that a secure read left idle or with part of an envelope.
-TEST_F(ReadTest, AfterTheOtherFraming) {
-  const Link link = Connect(kNonBlocking);
-  mnSRead(in_, link.node, 1, nullptr);
-  EXPECT_EQ(link.node->recvBuffer.length, 32u);
-  link.peer.Send(Wire(1, 4));
-  AwaitReadable(link.node->sock.fd);
-  EXPECT_EQ(Read(link.node), "1:4 from peer, 0, read 1, held 0/136");
-
-  mnSRead(in_, link.node, 1, nullptr);
-  std::string envelope(32, '\0');
-  SetWord(&envelope, 0, 32);
-  link.peer.Send(envelope.substr(0, 20));
-  AwaitReadable(link.node->sock.fd);
-  mnSRead(in_, link.node, 1, nullptr);
-  EXPECT_EQ(ReadState(link.node), "11, read 1, held 20/32");
-  EXPECT_EQ(Read(link.node), "nothing, 11, read 1, held 20/32") << "judged once something has arrived";
-  link.peer.Send(envelope.substr(20));
-  AwaitReadable(link.node->sock.fd);
-  EXPECT_EQ(Read(link.node), "nothing, 2026, read 1, held 0/136");
+// One stream that changes its framing between messages, buffers left idle or with a part by the other reader.
+TEST_F(ReadTest, SwitchingFraming) {
+  const Link link = Connect(false);
+  const std::string envelope = keys_.Sign(5).substr(0, 136), plain = Wire(6);
+  EXPECT_EQ(Read(link, Wire(1) + keys_.Sign(2) + Wire(3) + keys_.Sign(4)), "1:4 from peer, 0, read 1, held 0/136");
+  EXPECT_EQ(Read(link.node, true), "2:4 from tester, 0, read 2, held 0/32");
+  EXPECT_EQ(Read(link.node, false), "3:4 from peer, 0, read 3, held 0/136");
+  EXPECT_EQ(Read(link.node, true), "4:4 from tester, 0, read 4, held 0/32");
+  EXPECT_EQ(Read(link, envelope), "nothing, 2026, read 4, held 0/136");
+  // A part is judged once something has arrived.
+  EXPECT_EQ(Read(link, plain.substr(0, 100)), "nothing, 11, read 4, held 100/136");
+  EXPECT_EQ(Read(link.node, true), "nothing, 11, read 4, held 100/136");
+  EXPECT_EQ(Read(link, plain.substr(100, 36), true), "nothing, 2026, read 4, held 0/32");
+  EXPECT_EQ(Read(link, envelope.substr(0, 20), true), "nothing, 11, read 4, held 20/32");
+  EXPECT_EQ(Read(link.node, false), "nothing, 11, read 4, held 20/32");
+  EXPECT_EQ(Read(link, envelope.substr(20, 12)), "nothing, 2026, read 4, held 0/136");
 }
+
+// ---- Browsing ----
 
 TEST_F(ReadTest, BrowseConsumesNothing) {
   const Link link = Connect();
-  Watch(link.node);
-  link.node->error = 77;
-  int before = -1;
-  Trace::on_socket = [&](std::string_view, const SockRec*) { before = before < 0 ? link.node->error : before; };
-  link.peer.Send(Foreign(Wire(3, 100)));
-  in_->raw.length = 55;
-  for (int i = 0; i < 2; ++i) {
-    Companion::Now().calls.clear();
-    EXPECT_EQ(Browse(link.node), "1, 0, read 0, held 0/136");
-    EXPECT_EQ(before, 0) << "a stale error was seen";
-    EXPECT_EQ(Trace::Take(), (Lines{"ReadSocket:Before", "ReadSocket:After", "mnBrowse"}));
-    EXPECT_EQ(Platform::Calls().back(), "recvfrom(136, flags 2) = 136");
-    EXPECT_EQ(WordAt(in_.raw(), 0) + in_->raw.length, 136u + 55u) << "native, its length left alone";
-    EXPECT_EQ(in_->raw.capacity, 200u);
+  Send(link, Foreign(Wire(3, 200)));
+  for (int twice = 0; twice < 2; ++twice) {
+    Watch(link.node, Error);
+    in_->raw.length = 55;
+    link.node->error = 77;
+    Trace::Now().on_socket = [](std::string_view, const SockRec* rec) {
+      Platform::Note('s', std::to_string(static_cast<MQNode*>(rec->owner)->error));
+    };
+    EXPECT_EQ(Browse(link.node), "1, 0");
+    EXPECT_EQ(Take(), "ReadSocket[0; recvfrom(136, flags 2) = 136]; 0; AlienToNative; SizePcfMessage 220; mnBrowse 0");
+    EXPECT_EQ(WordAt(in_.raw(), 0), 136u);
+    EXPECT_EQ(in_->raw.length, 55u);
   }
-  EXPECT_EQ(Companion::Now().calls, (Lines{"AlienToNative", "SizePcfMessage 120"})) << "the body alone is asked for";
-  EXPECT_EQ(Read(link.node), "3:100 from peer, 0, read 1, held 0/136");
+  EXPECT_EQ(Read(link.node), "3:200 from peer, 0, read 1, held 0/136");
 }
 
-TEST_F(ReadTest, BrowseOfWhatIsNoMessage) {
-  const auto header = [](uint32_t first, uint32_t body) {
-    std::string bytes = Wire(1, 4).substr(0, kHeader);
-    SetWord(&bytes, 0, first);
-    SetWord(&bytes, kAtBody, body);
-    return bytes;
-  };
-  const struct {
-    std::string bytes;
-    const char *failing, *outcome, *calls;
-  } rows[] = {
-      {header(136, 64), "SizePcfMessage", "1, 0", "AlienToNative"},
-      {header(136, 65), "SizePcfMessage", "0, 2102", "AlienToNative; SizePcfMessage 65"},
-      {header(136, 65), "", "1, 0", "AlienToNative; SizePcfMessage 65"},
-      {header(136, 64), "AlienToNative", "0, 2026", "AlienToNative; DumpPcfMessage"},
-      {header(136, 0x7FFFFFFF), "", "0, 2102", "AlienToNative; SizePcfMessage 2147483647"},
-      {header(136, 0xFFFFFFFF), "", "1, 0", "AlienToNative"},  // compared as a signed number
-      {header(135, 64), "", "0, 2026", ""},
-      {header(137, 64), "", "0, 2026", ""},
-      {"text", "", "0, 2026", ""},
-  };
-  for (const auto& row : rows) {
+TEST_F(ReadTest, BrowseOfHeaders) {
+  const auto browse = [this](const std::string& bytes, const char* failing = "") {
     const Link link = Connect();
-    Message small(200);
-    link.peer.Send(row.bytes);
-    AwaitReadable(link.node->sock.fd);
-    Companion::Now() = {.failing = row.failing, .calls = {}};
+    const Message small(300);
+    Send(link, bytes);
+    Companion::Now().failing = failing;
     const int result = mnBrowse(small, link.node);
-    EXPECT_EQ(std::to_string(result) + ", " + std::to_string(link.node->error), row.outcome);
-    EXPECT_EQ(Joined(Companion::Now().calls), row.calls);
+    return format("{}, {}, {}", result, link.node->error, Take("m"));
+  };
+  const auto header = [](uint32_t first, uint32_t body) {
+    return WithWord(WithWord(Wire(1).substr(0, kHeader), 0, first), kAtBody, body);
+  };
+  EXPECT_EQ(browse(header(136, 164), "SizePcfMessage"), "1, 0, AlienToNative");
+  EXPECT_EQ(browse(header(136, 165), "SizePcfMessage"), "0, 2102, AlienToNative; SizePcfMessage 165");
+  EXPECT_EQ(browse(header(136, 165)), "1, 0, AlienToNative; SizePcfMessage 165");
+  EXPECT_EQ(browse(header(136, 164), "AlienToNative"), "0, 2026, AlienToNative; DumpPcfMessage");
+  EXPECT_EQ(browse(header(136, 0x7FFFFFFF)), "0, 2102, AlienToNative; SizePcfMessage 2147483647");
+  EXPECT_EQ(browse(header(136, 0xFFFFFFFF)), "1, 0, AlienToNative") << "compared as a signed number";
+  for (const std::string& bytes : {header(135, 64), header(137, 64), std::string("text")}) {
+    EXPECT_EQ(browse(bytes), "0, 2026, ");
   }
 }
 
 // Part of a header: a look again from the front after each pause, for a bounded time, unless the node does not block.
 TEST_F(ReadTest, BrowseOfPartOfAHeader) {
-  const std::string wire = Wire(1, 4);
-  for (const size_t part : {2, 4, 100, 135}) {
-    Link link = Connect();
-    Platform::Reset();
-    link.peer.Send(wire.substr(0, part));
-    AwaitReadable(link.node->sock.fd);
-    int pauses = 0;
+  const std::string wire = Wire(1);
+  for (const size_t part : {2, 4, 135}) {
+    const Link link = Connect();
+    const auto pauses = [] { return Platform::Records({"nanosleep"}).size(); };
+    Send(link, wire.substr(0, part));
+    int paused = 0;
     Platform::OnPause([&] {
-      if (++pauses == 4) link.peer.Send(wire.substr(part));
+      if (++paused == 4) link.peer.Send(wire.substr(part));
     });
-    EXPECT_EQ(Browse(link.node), "1, 0, read 0, held 0/136") << part;
-    EXPECT_EQ(Platform::Calls({"recvfrom"}).front(), "recvfrom(136, flags 2) = " + std::to_string(part));
+    EXPECT_EQ(Browse(link.node), "1, 0") << part;
+    EXPECT_EQ(Platform::Calls({"recvfrom"}).front(), format("recvfrom(136, flags 2) = {}", part));
     EXPECT_EQ(Platform::Calls({"recvfrom"}).back(), "recvfrom(136, flags 2) = 136");
-    Platform::Reset();
     EXPECT_EQ(Read(link.node), "1:4 from peer, 0, read 1, held 0/136");
 
     // Nothing more comes: bounded, in looks and in time.
+    Platform::Reset();
     Platform::SkipPauses();
-    link.peer.Send(wire.substr(0, part));
-    AwaitReadable(link.node->sock.fd);
-    EXPECT_EQ(Browse(link.node), "0, 11, read 1, held 0/136");
+    Send(link, wire.substr(0, part));
+    EXPECT_EQ(Browse(link.node), "0, 11");
     EXPECT_EQ(Platform::Calls({"nanosleep"}), Lines(100, "nanosleep(0.010000000s) = 0"));
     NoblockSocket(&link.node->sock);
-    Platform::Forget();
-    EXPECT_EQ(Browse(link.node), "0, 11, read 1, held 0/136");
-    EXPECT_EQ(Platform::Calls({"nanosleep"}), Lines{});
-
+    Take();
+    EXPECT_EQ(Browse(link.node), "0, 11");
+    EXPECT_EQ(pauses(), 0u);
     // Whether it blocks cannot be told: it pauses.
     Platform::Fail("fcntl", 1, EBADF, Platform::kOnwards);
-    Platform::Forget();
-    EXPECT_EQ(Browse(link.node), "0, 11, read 1, held 0/136");
-    EXPECT_EQ(Platform::Calls({"nanosleep"}).size(), 100u);
-    Platform::Reset();
-
+    EXPECT_EQ(Browse(link.node), "0, 11");
+    EXPECT_EQ(pauses(), 100u);
     // The peer will send no more.
+    Platform::Mend();
     BlockSocket(&link.node->sock);
     link.peer.Shutdown();
-    Watch(link.node);
-    EXPECT_EQ(Browse(link.node), "0, 9004, read 1, held 0/136");
+    Watch(link.node, Error);
+    EXPECT_EQ(Browse(link.node), "0, 9004");
     EXPECT_EQ(link.node->sock.error, 9004);
-    EXPECT_EQ(Trace::Take().back(), "mnBrowse");
+    EXPECT_EQ(Take("n"), "mnBrowse 9004");
   }
 }
 
 TEST_F(ReadTest, BrowseWithNothingThere) {
-  Link link = Connect(kNonBlocking);
-  EXPECT_EQ(Browse(link.node), "0, 11, read 0, held 0/136");
-  link.peer.Send(Wire(1, 4));
-  AwaitReadable(link.node->sock.fd);
+  Link link = Connect(false);
+  EXPECT_EQ(Browse(link.node), "0, 11");
+  Send(link, Wire(1));
   Platform::Limit("recvfrom", {2});
-  EXPECT_EQ(Browse(link.node), "1, 0, read 0, held 0/136") << "the first look was cut short";
+  EXPECT_EQ(Browse(link.node), "1, 0") << "the first look was cut short";
   EXPECT_EQ(mnRead(in_, link.node), 1);
-  link.peer.Close();
-  AwaitReadable(link.node->sock.fd);
-  EXPECT_EQ(Browse(link.node), "0, 9004, read 1, held 0/136");
+  link.peer = Peer();
+  Await(link.node->sock.fd);
+  EXPECT_EQ(Browse(link.node), "0, 9004");
+  // A datagram does not grow.
   const Node node = CreateDatagram();
   const Peer peer = Peer::Datagram();
-  Platform::Reset();
-  peer.SendTo(PortOf(node), Wire(1, 4).substr(0, 100));
-  peer.SendTo(PortOf(node), Wire(2, 4));
-  EXPECT_EQ(mnBrowse(in_, node), 0);
-  EXPECT_EQ(node->error, MQ_BAD_MESSAGE) << "a datagram does not grow";
+  peer.SendTo(PortOf(node->sock.fd), Wire(1).substr(0, 100));
+  peer.SendTo(PortOf(node->sock.fd), Wire(2));
+  Take();
+  EXPECT_EQ(Browse(node), "0, 2026");
   EXPECT_EQ(Platform::Calls({"recvfrom"}), Lines(2, "recvfrom(136, flags 2) = 100"));
   EXPECT_EQ(mnRead(in_, node), 0);
-  EXPECT_EQ(mnBrowse(in_, node), 1);
-  EXPECT_EQ(mnRead(in_, node), 1);
-  EXPECT_EQ(in_.Text(), "2:4 from peer");
+  EXPECT_EQ(Browse(node), "1, 0");
+  EXPECT_EQ(Read(node), "2:4 from peer, 0, read 1, held 0/16520");
 }
 
 }  // namespace

@@ -2,36 +2,38 @@
 #include "tests/support/fixture.hh"
 
 #include <arpa/inet.h>
-#include <dirent.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <utility>
 
 namespace {
 
 constexpr int kPatience = 10;  // seconds
-constexpr size_t kLogTimeLength = 25;
 
-struct Recorder {
-  Lines events;
-  std::map<const void*, std::string> names;
-};
+std::map<std::string, std::string> aliases;
 
-Recorder& Events() {
-  static Recorder recorder;
-  return recorder;
+std::string Aliased(std::string text) {
+  for (const auto& [number, name] : aliases) {
+    for (size_t at; (at = text.find(number)) != text.npos;) text.replace(at, number.size(), name);
+  }
+  return text;
 }
 
-void AddEvent(const void* object, const std::string& what) {
-  const auto name = Events().names.find(object);
-  Events().events.push_back(name == Events().names.end() ? what : name->second + " " + what);
+void Note(char kind, const void* object, const std::string& what) {
+  const auto name = Trace::Now().names.find(object);
+  Platform::Note(kind, name == Trace::Now().names.end() ? what : name->second + " " + what);
+}
+
+// A helper that fails means that the test tells nothing: stop.
+template <typename Result>
+Result Check(Result result, const char* what) {
+  if (result >= 0) return result;
+  perror(what);
+  abort();
 }
 
 sockaddr_in Loopback(int port) {
@@ -44,66 +46,49 @@ sockaddr_in Loopback(int port) {
 
 const sockaddr* Generic(const sockaddr_in& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-// A helper that fails means that the test tells nothing: stop.
-void Demand(bool holds, const char* what) {
-  if (holds) return;
-  fprintf(stderr, "test support: %s: %s\n", what, strerror(errno));
-  abort();
-}
-
-Peer Make(int type) {
-  const int fd = socket(AF_INET, type, 0);
-  Demand(fd >= 0, "socket");
-  return Peer(fd);
-}
-
-void BindLoopback(const Peer& peer) {
-  const sockaddr_in address = Loopback(0);
-  Demand(bind(peer.fd(), Generic(address), sizeof address) == 0, "bind");
-}
-
-void Await(int fd, short events) {
-  pollfd waiting = {fd, events, 0};
-  Demand(poll(&waiting, 1, kPatience * 1000) == 1, "poll");
-}
-
-std::string LogPath() { return ::testing::TempDir() + "mqnode-test-" + std::to_string(getpid()) + ".log"; }
-
 }  // namespace
 
-int Trace::error_result = 0;
-std::function<void(std::string_view, SockRec*)> Trace::on_socket;
-std::function<void(std::string_view, MQNode*)> Trace::on_node;
-std::function<void(SockRec*)> Trace::on_error;
-
-void Trace::Reset() {
-  Events() = Recorder();
-  error_result = 0;
-  on_socket = nullptr;
-  on_node = nullptr;
-  on_error = nullptr;
+Trace& Trace::Now() {
+  static Trace now;
+  return now;
 }
 
-Lines Trace::Take() { return std::exchange(Events().events, {}); }
-
-// The callbacks keep errno: they stand between a failing call and whoever reads its errno.
 void Trace::OnSocket(const char* point, SockRec* rec) {
-  AddEvent(rec, point);
-  if (on_socket) on_socket(point, rec);
+  Note('s', rec, point);
+  if (Now().on_socket) Now().on_socket(point, rec);
 }
 
 void Trace::OnNode(const char* point, MQNode* node) {
-  AddEvent(node, point);
-  if (on_node) on_node(point, node);
+  Note('n', node, Now().show != nullptr ? format("{} {}", point, Now().show(node)) : point);
+  if (Now().on_node) Now().on_node(point, node);
 }
 
 int Trace::OnError(SockRec* rec) {
-  AddEvent(rec, "onError " + std::to_string(rec->error));
-  if (on_error) on_error(rec);
-  return error_result;
+  Note('s', rec, format("onError {}", rec->error));
+  if (Now().on_socket) Now().on_socket("onError", rec);
+  return Now().error_result;
 }
 
-void Trace::Name(const void* object, std::string name) { Events().names[object] = std::move(name); }
+std::string Take(std::string_view kinds) {
+  std::string text;
+  Lines open;  // operations between their two trace points
+  for (const Call& call : Platform::Records()) {
+    if (kinds.find(call.kind) == kinds.npos) continue;
+    const std::string event = call.Text(), name = event.substr(0, event.find(':'));
+    if (!open.empty() && event == open.back() + ":After") {
+      text += "]";
+      open.pop_back();
+      continue;
+    }
+    if (!text.empty() && text.back() != '[') text += "; ";
+    text += event == name + ":Before" ? name + "[" : event;
+    if (event == name + ":Before") open.push_back(name);
+  }
+  Platform::Forget();
+  return Aliased(text);
+}
+
+void Alias(int number, const std::string& name) { aliases[std::to_string(number)] = name; }
 
 Peer::Peer(int fd) : fd_(fd) {
   const timeval patience = {kPatience, 0};
@@ -111,152 +96,88 @@ Peer::Peer(int fd) : fd_(fd) {
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
 }
 
-Peer::Peer(Peer&& other) noexcept : fd_(other.Release()) {}
-
-Peer& Peer::operator=(Peer&& other) noexcept {
-  if (this != &other) {
-    Close();
-    fd_ = other.Release();
-  }
-  return *this;
+Peer::~Peer() {
+  if (fd_ >= 0) close(fd_);
 }
 
-Peer::~Peer() { Close(); }
+Peer Peer::Bound(int type) {
+  Peer peer(Check(socket(AF_INET, type, 0), "socket"));
+  const sockaddr_in address = Loopback(0);
+  Check(bind(peer.fd_, Generic(address), sizeof address), "bind");
+  return peer;
+}
 
 Peer Peer::Listen(int backlog) {
-  Peer peer = Make(SOCK_STREAM);
-  BindLoopback(peer);
-  Demand(listen(peer.fd_, backlog) == 0, "listen");
+  Peer peer = Bound(SOCK_STREAM);
+  Check(listen(peer.fd_, backlog), "listen");
   return peer;
 }
 
 Peer Peer::Connect(int port) {
-  Peer peer = Make(SOCK_STREAM);
+  Peer peer = Bound(SOCK_STREAM);
   const sockaddr_in address = Loopback(port);
-  Demand(connect(peer.fd_, Generic(address), sizeof address) == 0, "connect");
+  Check(connect(peer.fd_, Generic(address), sizeof address), "connect");
   return peer;
 }
 
-Peer Peer::Datagram() {
-  Peer peer = Make(SOCK_DGRAM);
-  BindLoopback(peer);
-  return peer;
-}
+Peer Peer::Datagram() { return Bound(SOCK_DGRAM); }
+Peer Peer::Accept() const { return Peer(Check(accept(fd_, nullptr, nullptr), "accept")); }
 
-Peer Peer::Accept() const {
-  const int fd = accept(fd_, nullptr, nullptr);
-  Demand(fd >= 0, "accept");
-  return Peer(fd);
+void Peer::Send(std::string_view bytes, int flags) const {
+  const ssize_t sent = Check(send(fd_, bytes.data(), bytes.size(), flags), "send");
+  Check(sent - static_cast<ssize_t>(bytes.size()), "send: short");
 }
-
-void Peer::Send(std::string_view bytes) const {
-  while (!bytes.empty()) {
-    const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    Demand(sent > 0, "send");
-    bytes.remove_prefix(static_cast<size_t>(sent));
-  }
-}
-
-void Peer::SendUrgent(char byte) const { Demand(send(fd_, &byte, 1, MSG_OOB | MSG_NOSIGNAL) == 1, "send urgent"); }
 
 void Peer::SendTo(int port, std::string_view bytes) const {
   const sockaddr_in to = Loopback(port);
-  const ssize_t sent = sendto(fd_, bytes.data(), bytes.size(), 0, Generic(to), sizeof to);
-  Demand(sent == static_cast<ssize_t>(bytes.size()), "sendto");
+  Check(sendto(fd_, bytes.data(), bytes.size(), 0, Generic(to), sizeof to), "sendto");
 }
 
 std::string Peer::Read(size_t size) const {
   std::string bytes(size, '\0');
-  size_t have = 0;
-  while (have < size) {
-    const ssize_t got = recv(fd_, bytes.data() + have, size - have, 0);
-    Demand(got >= 0, "recv");
-    if (got == 0) break;
-    have += static_cast<size_t>(got);
-  }
-  bytes.resize(have);
+  bytes.resize(static_cast<size_t>(Check(recv(fd_, bytes.data(), size, MSG_WAITALL), "recv")));
   return bytes;
 }
 
-std::string Peer::ReadToEnd() const {
-  std::string bytes;
-  char piece[65536];
-  for (;;) {
-    const ssize_t got = recv(fd_, piece, sizeof piece, 0);
-    Demand(got >= 0, "recv");
-    if (got == 0) return bytes;
-    bytes.append(piece, static_cast<size_t>(got));
-  }
-}
+void Peer::Shutdown() const { Check(shutdown(fd_, SHUT_WR), "shutdown"); }
+int Peer::port() const { return PortOf(fd_); }
+int Peer::Release() { return std::exchange(fd_, -1); }
 
-std::string Peer::ReadDatagram() const {
-  std::string bytes(65536, '\0');
-  const ssize_t got = recv(fd_, bytes.data(), bytes.size(), 0);
-  Demand(got >= 0, "recv");
-  bytes.resize(static_cast<size_t>(got));
-  return bytes;
-}
-
-void Peer::Shutdown() const { Demand(shutdown(fd_, SHUT_WR) == 0, "shutdown"); }
-
-void Peer::Close() {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
-}
-
-void Peer::Reset() {
-  const linger at_once = {1, 0};
-  Demand(setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once) == 0, "linger");
-  Close();
-}
-
-int Peer::port() const {
+int PortOf(int fd) {
   sockaddr_in address = {};
   socklen_t length = sizeof address;
-  Demand(getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0, "getsockname");
+  Check(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
   return ntohs(address.sin_port);
 }
 
-int Peer::Release() { return std::exchange(fd_, -1); }
-
-ClosedPort::ClosedPort() : peer_(Make(SOCK_STREAM)) { BindLoopback(peer_); }
+void Await(int fd, short events) {
+  pollfd waiting = {fd, events, 0};
+  Check(poll(&waiting, 1, kPatience * 1000) - 1, "poll");
+}
 
 Fixture::Fixture() {
   signal(SIGPIPE, SIG_IGN);
   Platform::Reset();
-  Trace::Reset();
+  Trace::Now() = Trace();
+  aliases.clear();
   OnGSocketTrace(nullptr);
   mnGSetTraceCallBack(nullptr);
   mqc_fail_allocation(0, 0);
-  unlink(LogPath().c_str());
-  mqc_log_to(LogPath().c_str());
+  mqc_log_to("/dev/null");
   descriptors_ = OpenDescriptors();
   blocks_ = LiveBlocks();
 }
 
 void Fixture::TearDown() {
-  Trace::on_socket = nullptr;
-  Trace::on_node = nullptr;
-  Trace::on_error = nullptr;
-  Platform::OnSystem(nullptr);
-  Platform::OnPause(nullptr);
+  Trace::Now() = Trace();
+  Platform::Reset();
 }
 
 Fixture::~Fixture() {
   mqc_fail_allocation(0, 0);
   EXPECT_EQ(OpenDescriptors(), descriptors_) << "descriptors were left open, or closed";
   EXPECT_EQ(LiveBlocks(), blocks_) << "memory of the companion is still in use";
-  Platform::Reset();
-  Trace::Reset();
   mqc_log_to(nullptr);
-  unlink(LogPath().c_str());
-}
-
-Lines LogLines() {
-  Lines lines;
-  std::ifstream log(LogPath());
-  for (std::string line; std::getline(log, line);) lines.push_back(line.substr(std::min(kLogTimeLength, line.size())));
-  return lines;
 }
 
 std::string Printed(const std::function<void()>& run) {
@@ -267,8 +188,6 @@ std::string Printed(const std::function<void()>& run) {
   return ::testing::internal::GetCapturedStdout();
 }
 
-SockAddrRec AddressOf(std::string_view host, int port) { return AddressOf(host, std::to_string(port)); }
-
 SockAddrRec AddressOf(std::string_view host, std::string_view service, std::string_view protocol, std::string_view ip) {
   SockAddrRec address = {};
   host.copy(address.host, sizeof address.host - 1);
@@ -277,32 +196,24 @@ SockAddrRec AddressOf(std::string_view host, std::string_view service, std::stri
   ip.copy(address.ip, sizeof address.ip - 1);
   return address;
 }
+SockAddrRec AddressOf(std::string_view host, int port) { return AddressOf(host, std::to_string(port)); }
 
 std::string Text(const SockAddrRec& address) {
-  const auto field = [](const char* text, size_t size) {
-    return text[0] == '\0' ? std::string("-") : std::string(text, strnlen(text, size));
+  const auto field = [](const auto& text) {
+    return text[0] == '\0' ? std::string("-") : std::string(text, strnlen(text, sizeof text));
   };
-  return field(address.host, sizeof address.host) + " " + field(address.ip, sizeof address.ip) + " " +
-         field(address.service, sizeof address.service) + " " + field(address.protocol, sizeof address.protocol) + " " +
-         std::to_string(address.port);
+  return Aliased(format("{} {} {} {} {}", field(address.host), field(address.ip), field(address.service),
+                        field(address.protocol), address.port));
 }
-
-void AwaitReadable(int fd) { Await(fd, POLLIN); }
-void AwaitUrgent(int fd) { Await(fd, POLLPRI); }
-void AwaitWritable(int fd) { Await(fd, POLLOUT); }
 
 Lines OpenDescriptors() {
   Lines open;
-  DIR* const folder = opendir("/proc/self/fd");
-  Demand(folder != nullptr, "/proc/self/fd");
-  for (const dirent* entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
-    if (entry->d_name[0] == '.' || atoi(entry->d_name) == dirfd(folder)) continue;
-    char target[256] = {};
-    const std::string path = std::string("/proc/self/fd/") + entry->d_name;
-    if (readlink(path.c_str(), target, sizeof target - 1) < 0) continue;
-    open.push_back(std::string(entry->d_name) + " -> " + target);
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = std::filesystem::read_symlink(entry, gone);
+    const bool folder = target == format("/proc/{}/fd", getpid());  // the one that is being read
+    if (!gone && !folder) open.push_back(entry.path().filename().string() + " -> " + target);
   }
-  closedir(folder);
   std::sort(open.begin(), open.end());
   return open;
 }

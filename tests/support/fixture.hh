@@ -1,125 +1,107 @@
-// fixture.hh - what every test of the library stands on: a fixture that notices what a test left behind, recorders for
-// callbacks, and plain peers to talk to. A case reads: script the platform, act, compare whole lists.
+// fixture.hh - the base of all tests: a fixture that notices what a test left behind, one list of everything that
+// happened, and plain peers to talk to. A case reads: script the platform, act, compare the whole outcome.
 #pragma once
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
-#include <cstdint>
-#include <functional>
-#include <map>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <cerrno>
+#include <cstring>
 
 #include "companion/host.h"
 #include "mqnode/mqnode.h"
 #include "tests/support/platform.hh"
 
 using Lines = std::vector<std::string>;
+using fmt::format;
 
-// Records what the callbacks of socket records and nodes saw, in one list, in the order in which it happened:
-//   "ReadSocket:Before"      a trace point, of a socket or a node
-//   "onError 9004"           an error callback, with the error it found in the record
-// An object that Name named is put in front: "child mnRead".
-class Trace {
- public:
-  static void Reset();
-  static Lines Take();  // the list so far, which is empty afterwards
-
-  // Callbacks to install. OnError returns error_result.
+// Callbacks that note what they see among the platform's records. Kinds: 's' a trace point of a socket or
+// "onError 9004", 'n' a trace point of a node. An object that has a name is put in front: "child mnRead".
+struct Trace {
   static void OnSocket(const char* point, SockRec* rec);
   static void OnNode(const char* point, MQNode* node);
   static int OnError(SockRec* rec);
-  static int error_result;
 
-  static void Name(const void* object, std::string name);
+  std::map<const void*, std::string> names;
+  std::string (*show)(const MQNode*) = nullptr;  // behind each trace point of a node
+  int error_result = 0;                          // of OnError
+  // Run inside the callbacks, after the event was noted. The point of an error is "onError".
+  std::function<void(std::string_view point, SockRec* rec)> on_socket;
+  std::function<void(std::string_view point, MQNode* node)> on_node;
 
-  // Runs inside the callbacks, after the event was recorded.
-  static std::function<void(std::string_view point, SockRec* rec)> on_socket;
-  static std::function<void(std::string_view point, MQNode* node)> on_node;
-  static std::function<void(SockRec* rec)> on_error;
+  static Trace& Now();
 };
 
+// What happened since the last Take, forgotten afterwards. "ReadSocket[recvfrom(4) = 4]; mnRead" is the trace point
+// ReadSocket:Before, a call, and the points ReadSocket:After and mnRead. All of it, or events of these kinds: 'c'
+// calls, 's', 'n' (see Trace), 'm' message functions of the companion, 'b' its ResetBuffer.
+std::string Take(std::string_view kinds = "csnm");
+
+// A number that differs from run to run, such as a port, reads as name in all texts of this test.
+void Alias(int number, const std::string& name);
+
 // A plain socket of the test, owned: everything with it goes past the recorder. Blocking; a call that would block for
-// more than ten seconds fails the test instead.
+// more than ten seconds ends the program.
 class Peer {
  public:
   Peer() = default;
   explicit Peer(int fd);
-  Peer(Peer&& other) noexcept;
-  Peer& operator=(Peer&& other) noexcept;
+  Peer(Peer&& other) noexcept : fd_(other.Release()) {}
+  Peer& operator=(Peer&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
   ~Peer();
 
-  static Peer Listen(int backlog = 5);  // on 127.0.0.1, a port that the kernel picked
-  static Peer Connect(int port);        // to 127.0.0.1
-  static Peer Datagram();               // bound to 127.0.0.1, a port that the kernel picked
+  // Sockets on 127.0.0.1, at a port that the kernel picked.
+  static Peer Bound(int type);  // a stream socket that is only bound keeps everybody from listening there
+  static Peer Listen(int backlog = 20);
+  static Peer Connect(int port);
+  static Peer Datagram();
   static Peer Adopt(int fd) { return Peer(fd); }
 
   Peer Accept() const;
-  void Send(std::string_view bytes) const;
-  void SendUrgent(char byte) const;
+  void Send(std::string_view bytes, int flags = 0) const;
   void SendTo(int port, std::string_view bytes) const;
-  std::string Read(size_t size) const;  // exactly size bytes; fewer when the other side closed
-  std::string ReadToEnd() const;
-  std::string ReadDatagram() const;
-  void Shutdown() const;  // no more sending
-  void Close();
-  void Reset();  // close so that the other side sees ECONNRESET
-
+  std::string Read(size_t size = 65536) const;  // exactly size bytes, fewer when the other side closed; a datagram
+  void Shutdown() const;                        // no more sending
   int fd() const { return fd_; }
-  int port() const;  // its own
-  int Release();     // the descriptor, no longer owned
+  int port() const;
+  int Release();  // the descriptor, no longer owned
 
  private:
   int fd_ = -1;
 };
 
-// A port of 127.0.0.1 on which nobody listens. It stays bound, so that nobody comes to listen there.
-class ClosedPort {
- public:
-  ClosedPort();
-  int port() const { return peer_.port(); }
+int PortOf(int fd);
+// Waits, at most ten seconds, for an event of poll.
+void Await(int fd, short events = POLLIN);
 
- private:
-  Peer peer_;
-};
-
-// Base of all tests. Before a test: platform, traces and globals as at the start of a process, SIGPIPE ignored, log
-// into a file of the test. After it, once the members of derived fixtures are gone: the same descriptors open as
-// before, no memory of the companion in use that was not before ("ring" and "replay", which live as long as the
-// process, aside).
+// Base of all tests. Before a test: platform, traces and globals as at the start of a process, SIGPIPE ignored, no log.
+// After it, once the members of derived fixtures are gone: the same descriptors open as before, no memory of the
+// companion in use that was not before ("ring" and "replay", which live as long as the process, aside).
 class Fixture : public ::testing::Test {
  protected:
   Fixture();
   ~Fixture() override;
-
-  // Drops the hooks of Trace: they mostly refer to what lived in the test's body. Call it when overriding.
-  void TearDown() override;
+  void TearDown() override;  // drops the hooks, which may refer to what lived in the test's body
 
  private:
   Lines descriptors_;
   std::map<std::string, uint64_t> blocks_;
 };
 
-// Lines of the log since the test began, without their times; of every process of the test.
-Lines LogLines();
-
 // What the code prints on standard output while run runs.
 std::string Printed(const std::function<void()>& run);
 
-// A socket name: AddressOf("127.0.0.1", port), AddressOf("*", 0).
-SockAddrRec AddressOf(std::string_view host, int port);
+// A socket name.
 SockAddrRec AddressOf(std::string_view host, std::string_view service, std::string_view protocol = "tcp",
                       std::string_view ip = "");
+SockAddrRec AddressOf(std::string_view host, int port);
 // "host ip service protocol port", with "-" for what is empty.
 std::string Text(const SockAddrRec& address);
 
-// Waits, at most ten seconds, until the descriptor is readable, has urgent data, is writable.
-void AwaitReadable(int fd);
-void AwaitUrgent(int fd);
-void AwaitWritable(int fd);
-
-// Open descriptors as "number -> what".
+// Open descriptors as "number -> what"; live blocks of the companion by tag.
 Lines OpenDescriptors();
-// Live blocks of the companion by tag.
 std::map<std::string, uint64_t> LiveBlocks();

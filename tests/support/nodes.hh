@@ -3,15 +3,13 @@
 // test program includes it.
 #pragma once
 
-#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
+#include "mqnode/mqnode.hpp"
 #include "tests/support/fixture.hh"
 
 struct Companion {
@@ -20,22 +18,21 @@ struct Companion {
   bool little = true;
   bool ascii = true;
   std::string failing;  // this function returns 0 and does nothing
-  Lines calls;          // message and security functions, in order
-  int resets = 0;       // calls of ResetBuffer, each of which asked for at most the capacity
 
   static Companion& Now() {
     static Companion now;
     return now;
   }
-  static bool Fails(const std::string& name, const std::string& detail = "") {
-    Now().calls.push_back(detail.empty() ? name : name + " " + detail);
-    return Now().failing == name;
-  }
 };
 
-#define PASS_ON(name, ...)                                                               \
-  static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name)); \
-  return real(__VA_ARGS__)
+// The table of the message functions: noted as events of kind 'm', failed when asked for, passed on.
+#define NOTED(name, parameters, arguments, ...)                                            \
+  inline __attribute__((used)) int name parameters {                                       \
+    Platform::Note('m', format(#name __VA_ARGS__));                                        \
+    if (Companion::Now().failing == #name) return 0;                                       \
+    static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name)); \
+    return real arguments;                                                                 \
+  }
 
 extern "C" {
 
@@ -46,54 +43,26 @@ inline __attribute__((used)) int GetUserName(char* buf, int* len) {
   *len = static_cast<int>(now.user.size());
   return 1;
 }
+inline __attribute__((used)) void ResetBuffer(IoBuffer* buf, uint32_t length) {
+  EXPECT_LE(length, buf->capacity);
+  Platform::Note('b', "reset");
+  static const auto real = reinterpret_cast<decltype(&::ResetBuffer)>(dlsym(RTLD_NEXT, "ResetBuffer"));
+  real(buf, length);
+}
 inline __attribute__((used)) int IsLtEndian(void) { return Companion::Now().little; }
 inline __attribute__((used)) int IsAscText(void) { return Companion::Now().ascii ? 64 : 0; }
 
-inline __attribute__((used)) void ResetBuffer(IoBuffer* buf, uint32_t length) {
-  EXPECT_LE(length, buf->capacity);
-  Companion::Now().resets += 1;
-  PASS_ON(ResetBuffer, buf, length);
-}
-inline __attribute__((used)) int AlienToNative(PcfRawData* raw) {
-  if (Companion::Fails("AlienToNative")) return 0;
-  PASS_ON(AlienToNative, raw);
-}
-inline __attribute__((used)) int AlienToNativeExt(SecureHeader* envelope) {
-  if (Companion::Fails("AlienToNativeExt")) return 0;
-  PASS_ON(AlienToNativeExt, envelope);
-}
-inline __attribute__((used)) int AlienPcfToNative(PcfMessage* msg) {
-  if (Companion::Fails("AlienPcfToNative")) return 0;
-  PASS_ON(AlienPcfToNative, msg);
-}
-inline __attribute__((used)) int RawToPcf(PcfMessage* msg) {
-  if (Companion::Fails("RawToPcf")) return 0;
-  PASS_ON(RawToPcf, msg);
-}
-inline __attribute__((used)) int SizePcfMessage(PcfMessage* msg, uint32_t size) {
-  if (Companion::Fails("SizePcfMessage", std::to_string(size))) return 0;
-  PASS_ON(SizePcfMessage, msg, size);
-}
-inline __attribute__((used)) int DumpPcfMessage(PcfMessage*) {
-  Companion::Fails("DumpPcfMessage");
-  return 1;
-}
-inline __attribute__((used)) int VerifyMessage(PcfRawData* raw) {
-  if (Companion::Fails("VerifyMessage")) return 0;
-  PASS_ON(VerifyMessage, raw);
-}
-inline __attribute__((used)) int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out) {
-  if (Companion::Fails("mqc_sign")) return 0;
-  PASS_ON(mqc_sign, context, msg, out);
-}
-inline __attribute__((used)) int mqc_authenticate(SecureHeader* envelope, IoBuffer* part, PcfMessage* msg) {
-  if (Companion::Fails("mqc_authenticate")) return 0;
-  PASS_ON(mqc_authenticate, envelope, part, msg);
-}
+NOTED(AlienToNative, (PcfRawData * raw), (raw))
+NOTED(AlienToNativeExt, (SecureHeader * envelope), (envelope))
+NOTED(AlienPcfToNative, (PcfMessage * msg), (msg))
+NOTED(RawToPcf, (PcfMessage * msg), (msg))
+NOTED(SizePcfMessage, (PcfMessage * msg, uint32_t size), (msg, size), " {}", size)
+NOTED(DumpPcfMessage, (PcfMessage * msg), (msg))
+NOTED(VerifyMessage, (PcfRawData * raw), (raw))
+NOTED(mqc_sign, (void* context, PcfMessage* msg, IoBuffer* out), (context, msg, out))
+NOTED(mqc_authenticate, (SecureHeader * envelope, IoBuffer* part, PcfMessage* msg), (envelope, part, msg))
 
 }  // extern "C"
-
-#undef PASS_ON
 
 // Words of a header, in this host's byte order.
 inline uint32_t WordAt(std::string_view bytes, size_t at) {
@@ -101,9 +70,18 @@ inline uint32_t WordAt(std::string_view bytes, size_t at) {
   memcpy(&word, bytes.data() + at, sizeof word);
   return word;
 }
-inline void SetWord(std::string* bytes, size_t at, uint32_t word) { memcpy(bytes->data() + at, &word, sizeof word); }
-inline void SwapWords(std::string* bytes, std::initializer_list<size_t> places) {
-  for (const size_t at : places) SetWord(bytes, at, __builtin_bswap32(WordAt(*bytes, at)));
+inline std::string WithWord(std::string bytes, size_t at, uint32_t word) {
+  return bytes.replace(at, sizeof word, reinterpret_cast<const char*>(&word), sizeof word);
+}
+// The same header or message as a host of the other byte order sends it.
+inline std::string Foreign(std::string wire) {
+  wire = WithWord(std::move(wire), 8, 1);
+  const bool plain = WordAt(wire, 0) != 32;
+  for (const size_t at : plain ? std::vector<size_t>{0, 4, 8, 12, 64, 68, 132, 136, 140, 144, 148, 152}
+                               : std::vector<size_t>{0, 4, 8, 12, 16}) {
+    if (at + 4 <= wire.size()) wire = WithWord(std::move(wire), at, __builtin_bswap32(WordAt(wire, at)));
+  }
+  return wire;
 }
 // A text field, zero-filled.
 inline std::string Field(std::string_view text, size_t size) {
@@ -113,88 +91,45 @@ inline std::string Field(std::string_view text, size_t size) {
 }
 
 constexpr size_t kHeader = 136;
-constexpr size_t kAtBody = 64;    // of bodyLength
-constexpr size_t kAtUser = 72;    // of userId
-constexpr size_t kOverhead = 20;  // bytes of a body with one parameter, but for the parameter's value
+constexpr size_t kEnvelope = 32;
+constexpr size_t kTrailer = 96;  // what the companion's signature takes
+constexpr size_t kAtBody = 64;   // of bodyLength
+constexpr size_t kAtUser = 72;   // of userId
 
 // A record, owned. One that Put filled holds a message with bytes as its only parameter.
-class Message {
- public:
-  explicit Message(uint32_t capacity = 0) : msg_(mqc_message_new(capacity)) {}
+struct Message : mqnode::Message {
+  explicit Message(uint32_t capacity = 0) : mqnode::Message(mqc_message_new(capacity)) {}
   Message(uint32_t command, size_t bytes) : Message() { Put(command, bytes); }
-  ~Message() { mqc_message_free(msg_); }
-  Message(const Message&) = delete;
-  Message& operator=(const Message&) = delete;
-
-  PcfMessage* operator->() const { return msg_; }
-  operator PcfMessage*() const { return msg_; }
-  void Put(uint32_t command, size_t bytes) {
-    const std::string value = Value(command, bytes);
-    EXPECT_TRUE(mqc_begin(msg_, command) && mqc_add_bytes(msg_, 1, value.data(), static_cast<uint32_t>(bytes)));
-  }
-  std::string raw() const { return {reinterpret_cast<const char*>(msg_->raw.data), msg_->raw.length}; }
+  PcfMessage* operator->() const { return get(); }
+  operator PcfMessage*() const { return get(); }
+  void Put(uint32_t command, size_t bytes) const { EXPECT_TRUE(begin(command) && add(1, Value(command, bytes))); }
+  std::string raw() const { return {reinterpret_cast<const char*>(get()->raw.data), get()->raw.length}; }
   // "command:bytes from sender" when the parameter is what Put puts.
   std::string Text() const {
-    MqcParam param;
-    if (!mqc_param(msg_, 0, &param) || param.bytes == nullptr) return "nothing";
-    const std::string value(reinterpret_cast<const char*>(param.bytes), param.length);
-    if (value != Value(mqc_command(msg_), value.size())) return "damaged";
-    char sender[13];
-    mqc_sender(msg_, sender);
-    return std::to_string(mqc_command(msg_)) + ":" + std::to_string(value.size()) + " from " + sender;
+    const mqnode::Bytes value = find(1).bytes();
+    const std::string_view bytes(reinterpret_cast<const char*>(value.data()), value.size());
+    return bytes == std::string_view(Value(command(), bytes.size()).data(), bytes.size())
+               ? format("{}:{} from {}", command(), bytes.size(), sender())
+               : "damaged";
   }
-
- private:
-  static std::string Value(uint32_t command, size_t bytes) {
-    std::string value(bytes, '\0');
+  static std::vector<char> Value(uint32_t command, size_t bytes) {
+    std::vector<char> value(bytes);
     for (size_t i = 0; i < bytes; ++i) value[i] = static_cast<char>(i * 7 + command);
     return value;
   }
-
-  PcfMessage* msg_;
 };
 
 // The bytes of a plain message from somebody who signs with "peer": 156 and the value, rounded up to a multiple of 4.
-inline std::string Wire(uint32_t command, size_t bytes) {
-  std::string wire = Message(command, bytes).raw();
-  return wire.replace(kAtUser, 4, "peer");
-}
-
-// The same as a host of the other byte order sends it.
-inline std::string Foreign(std::string wire) {
-  SetWord(&wire, 8, 1);
-  SwapWords(&wire, {0, 4, 8, 12, 64, 68, 132, 136, 140, 144, 148, 152});
-  return wire;
+inline std::string Wire(uint32_t command, size_t bytes = 4) {
+  return Message(command, bytes).raw().replace(kAtUser, 4, "peer");
 }
 
 // A node, owned.
-class Node {
- public:
-  Node() = default;
-  explicit Node(MQNode* node) : node_(node) {}
-  Node(Node&& other) noexcept : node_(other.Release()) {}
-  Node& operator=(Node&& other) noexcept {
-    Delete();
-    node_ = other.Release();
-    return *this;
-  }
-  ~Node() { Delete(); }
-
-  MQNode* operator->() const { return node_; }
-  operator MQNode*() const { return node_; }
-  void Delete() { DeleteMQNode(Release()); }
-  MQNode* Release() { return std::exchange(node_, nullptr); }
-
- private:
-  MQNode* node_ = nullptr;
+struct Node : mqnode::Node {
+  using mqnode::Node::Node;
+  MQNode* operator->() const { return get(); }
+  operator MQNode*() const { return get(); }
 };
-
-inline int PortOf(const MQNode* node) {
-  sockaddr_in address = {};
-  socklen_t length = sizeof address;
-  EXPECT_EQ(getsockname(node->sock.fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  return ntohs(address.sin_port);
-}
 
 inline Node Create(int port, int role) {
   SockAddrRec address = AddressOf("127.0.0.1", port);
@@ -210,37 +145,48 @@ struct Link {
   Node node;
   Peer peer;
 };
-
-enum Mode { kBlocking, kNonBlocking };
-
-inline Link Connect(Mode mode = kBlocking) {
+inline Link Connect(bool blocking = true) {
   const Peer listener = Peer::Listen();
-  Link link;
-  link.node = Create(listener.port(), MQ_ROLE_CONNECT);
+  Link link = {Create(listener.port(), MQ_ROLE_CONNECT), Peer()};
   EXPECT_EQ(mnOpen(link.node), 1);
   link.peer = listener.Accept();
-  if (mode == kNonBlocking) NoblockSocket(&link.node->sock);
-  Platform::Forget();
+  if (!blocking) NoblockSocket(&link.node->sock);
+  Take();
   return link;
 }
 
 // What a read left in a node, "error, read messages, held bytes/bytes asked for", and what a write left, "error, sent
-// messages, out (standing), queue of length": "11, read 0, held 50/136", "0, sent 3, out 0".
+// messages, out (outstanding), queue of length": "11, read 0, held 50/136", "0, sent 3, out 0".
 inline std::string ReadState(const MQNode* node) {
-  return std::to_string(node->error) + ", read " + std::to_string(node->msgsRead) + ", held " +
-         std::to_string(node->recvBuffer.received) + "/" + std::to_string(node->recvBuffer.length);
+  return format("{}, read {}, held {}/{}", node->error, node->msgsRead, node->recvBuffer.received,
+                node->recvBuffer.length);
 }
 inline std::string WriteState(const MQNode* node) {
-  return std::to_string(node->error) + ", sent " + std::to_string(node->writesCompleted) + ", out " +
-         std::to_string(node->writesOutstanding) +
-         (node->pending == nullptr ? "" : ", queue " + std::to_string(Qdepth(node->pending)));
+  const std::string queue = node->pending == nullptr ? "" : format(", queue {}", Qdepth(node->pending));
+  return format("{}, sent {}, out {}{}", node->error, node->writesCompleted, node->writesOutstanding, queue);
 }
+inline std::string Error(const MQNode* node) { return std::to_string(node->error); }
 
-inline std::string Joined(const Lines& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += (text.empty() ? "" : "; ") + line;
-  return text;
-}
+// Messages signed by "tester", whom the ring knows.
+class Keys {
+ public:
+  Keys() {
+    uint8_t secret[MQC_KEY_BYTES], key[MQC_KEY_BYTES];
+    EXPECT_TRUE(mqc_generate_key(secret, key) && mqc_ring_add("tester", key, nullptr, 0));
+    signer = mqnode::Signer::create("tester", secret);
+  }
+  ~Keys() { mqc_ring_clear(); }
+  // The bytes of a signed message as a node puts them on the wire: 128 more than the plain one.
+  std::string Sign(uint32_t command, size_t bytes = 4) const {
+    const Link link = Connect();
+    const Message out(command, bytes);
+    EXPECT_EQ(mnSWrite(out, link.node, 1, signer.get()), 1);
+    const std::string wire = link.peer.Read(kEnvelope + out->raw.length + kTrailer);
+    Take();
+    return wire;
+  }
+  mqnode::Signer signer;
+};
 
 class NodeTest : public Fixture {
  protected:
@@ -250,31 +196,12 @@ class NodeTest : public Fixture {
     Platform::SetNodeName("testnode");
   }
 
-  // Every trace point and error callback of a node and its socket goes to the list of Trace.
-  static void Watch(MQNode* node) {
+  // Notes every trace point and error callback of a node and its socket, the node's with what show says.
+  static void Watch(MQNode* node, std::string (*show)(const MQNode*) = nullptr) {
     mnSetTraceCallBack(Trace::OnNode, node);
     OnSocketTrace(&node->sock, Trace::OnSocket);
     OnSocketError(&node->sock, Trace::OnError);
-    Trace::Take();
+    Trace::Now().show = show;
+    Take();
   }
-
-  // Each node trace point goes to the list of TakePoints, with what it sees: "mnRead: 0, read 1, held 0/136".
-  void WatchStates(MQNode* node) {
-    WatchPoints(node, [](const MQNode* seen) { return std::string(": ").append(ReadState(seen)); });
-  }
-  void WatchErrors(MQNode* node) {
-    WatchPoints(node, [](const MQNode* seen) { return std::string(" ").append(std::to_string(seen->error)); });
-  }
-  std::string TakePoints() { return Joined(std::exchange(points_, {})); }
-
- private:
-  void WatchPoints(MQNode* node, std::string (*see)(const MQNode*)) {
-    mnSetTraceCallBack(Trace::OnNode, node);
-    Trace::on_node = [this, see](std::string_view point, MQNode* seen) {
-      points_.push_back(std::string(point) + see(seen));
-    };
-    points_.clear();
-  }
-
-  Lines points_;
 };

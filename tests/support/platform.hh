@@ -1,19 +1,18 @@
 // platform.hh - the system library as the tests want it: every call that libmqnode makes is recorded and can be failed,
 // shortened or answered.
 //
-// The test programs define the system calls themselves and libmqnode.so.1 binds to those definitions. A call that comes
-// from the library is recorded, looked up in the scripts below and then passed on; a call from anywhere else (the test
-// itself, GoogleTest, the companion) is passed on untouched. Names are never looked up outside: the library resolves
-// only what AddHost and AddService named ("localhost" is always there), and its sleep returns at once.
+// The test programs define the system calls themselves and libmqnode.so.1 binds to those definitions. A call from the
+// library is recorded, looked up in the scripts below and then passed on; a call from anywhere else (the test itself,
+// GoogleTest, the companion) is passed on untouched. Names are never looked up outside: the library resolves only what
+// AddHost and AddService named ("localhost" is always there), and its sleep returns at once.
 //
 // Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close
 // fcntl gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal
-// alarm LOGMSG (recorded only) time (answered by SetTime). malloc, calloc, fopen, fgets, fclose, remove and sysconf are
-// counted and can be failed, and so are the mallocs of the companion, under the name "companion malloc",
-// once StartCounting was called.
+// alarm fopen fgets fclose remove LOGMSG (recorded only) time (answered by SetTime). malloc, calloc and sysconf are
+// counted and can be failed, and so are the mallocs of the companion, under the name "companion malloc", once
+// StartCounting was called.
 #pragma once
 
-#include <cstddef>
 #include <ctime>
 #include <functional>
 #include <initializer_list>
@@ -28,13 +27,14 @@ constexpr time_t kNoDate = std::numeric_limits<time_t>::max();
 
 struct Call {
   std::string name;
-  std::string detail;  // the arguments, but for descriptors and addresses in memory
+  std::string detail = {};  // the arguments, except descriptors and addresses in memory
   int fd = -1;
-  size_t size = 0;  // bytes asked for; select: the descriptor count; listen: the backlog
+  size_t size = 0;  // bytes asked for; select: the descriptor count
   int flags = 0;
   long result = 0;
   int error = 0;  // errno when the call failed
   bool injected = false;
+  char kind = 'c';  // 'c' a call; anything else is an event that a test noted
 
   // "recvfrom(136) = 100", "send(36, flags 2) = -1 EAGAIN", "socket(2, 1, 0) = fd", "sleep(5) = 0".
   std::string Text() const;
@@ -47,13 +47,11 @@ class Platform {
 
   // No scripts, no records, nothing faked but name lookups and sleep. The fixture calls it before each test.
   static void Reset();
-
   // Makes the nth call of name from now on fail with errno code, and the count - 1 calls after it (kOnwards: all).
   // Lookups find nothing and set errno only when code is not 0.
   static void Fail(std::string_view name, int nth, int code, int count = 1);
   // No failures from now on.
   static void Mend();
-
   // The coming calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; those after them are free.
   static void Limit(std::string_view name, std::vector<size_t> sizes);
   // Every call moves at most size bytes.
@@ -64,7 +62,6 @@ class Platform {
   static void AddService(std::string_view name, std::string_view protocol, int port);
   static void SetNodeName(std::string_view name);  // of uname
   static void SetTime(time_t now);                 // what time returns
-
   // Called instead of the shell; its result is system's.
   static void OnSystem(std::function<int(const char* command)> run);
   // Called at every sleep, nanosleep or poll that the library makes, before it is carried out.
@@ -72,17 +69,17 @@ class Platform {
   // nanosleep returns at once.
   static void SkipPauses();
 
-  // What the library has called since Reset or Forget, all or only the names given.
+  // What happened since Reset or Forget: the library's calls and noted events, all or only the names given.
   static std::vector<Call> Records(std::initializer_list<std::string_view> names = {});
   static std::vector<std::string> Calls(std::initializer_list<std::string_view> names = {});
+  static void Note(char kind, std::string event);
   static void Forget();
 
   // Calls that a failure can be injected into. In a process that has begun to count, which has one thread, the mallocs
   // of the companion are among them.
   static void StartCounting();
   static std::map<std::string, size_t, std::less<>> Counts();
-  static size_t Injections();    // failures injected since Reset
-  static long LibraryBlocks();   // blocks that the library has from malloc and calloc now, since the process began
-  static size_t Allocations();   // malloc and calloc calls of the library since Reset
-  static bool FailureWasUsed();  // whether any failure was injected since Reset or the last Fail
+  static size_t Injections();   // failures injected since Reset
+  static long LibraryBlocks();  // blocks that the library has from malloc and calloc now, since the process began
+  static size_t Allocations();  // malloc and calloc calls of the library since Reset
 };
