@@ -158,7 +158,7 @@ TEST_F(ApplNameTest, FromWhatTheListingWrote) {
                                       {std::string(600, 'z'), std::string(48, 'Z') + " 48"},
                                       // the newline is cut before blanks are taken out, behind the last blank
                                       {"a\t\n", "A 1"},
-                                      {"\033[2Jab~\x9b\n", "?[2JAB~? 8"},
+                                      {"\033[2Jab~\x7f\x9b\n", "?[2JAB~?? 9"},
                                       {"(link)", "UNKNOWN 0"}}) {
     Platform::OnSystem([this, text = written](const char*) { return Plant(text); });
     EXPECT_EQ(ApplName(), name);

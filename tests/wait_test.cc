@@ -246,6 +246,9 @@ TEST_F(WaitTest, ListedTwiceOrOnlyAsAWriter) {
   };
   EXPECT_EQ(wait({rec, rec, nullptr}, {rec, rec, nullptr}), "aa aa");
   EXPECT_EQ(wait({nullptr}, {rec, nullptr}), "- a");
+  Size(2);
+  MakeAll(".w .u");
+  EXPECT_EQ(wait({&nodes_[1]->sock, nullptr}, {&nodes_[0]->sock, nullptr}), "- a") << "no more than fit";
 }
 
 // A node that something else owns the socket of is ready but reported by nobody.
