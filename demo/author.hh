@@ -1,5 +1,5 @@
-// author.hh - the content of every honest message. It follows from the client and the number, so that whoever reads a
-// message can tell whether it is whole, unchanged, there for the first time and in its turn, without anything kept.
+// author.hh - the content of every honest message. It follows from the client and the number, so that its reader
+// can tell whether it is whole, unchanged, there for the first time and in its turn, without anything kept.
 #pragma once
 
 #include <cstdint>
@@ -44,7 +44,7 @@ class Author {
   // Whether a message is that one, to the last byte. Empty, or the difference.
   std::string Compare(mqnode::MessageRef got, uint32_t command, const Place& place, bool isLarge, bool textOnly);
 
-  // The place that a message claims; that of nobody when it claims none.
+  // The place that a message claims; a default one when it claims none.
   static Place PlaceOf(mqnode::MessageRef msg);
 
  private:

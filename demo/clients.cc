@@ -2,7 +2,7 @@
 //
 // A client connects, asks a first question and, once it has the answer, waits until all clients of the run are
 // connected. Then it asks and compares until its time is over, says that it has nothing more to send, and waits for the
-// server to close. One client at a time connects in each process, so that nobody waits to be accepted.
+// server to close. A few clients at a time connect in each process, so that none waits long to be accepted.
 // A connection that the chaos cuts is made anew, as another session of the client.
 #include "demo/clients.hh"
 

@@ -43,7 +43,7 @@ void DescribeDemo(CLI::App* app, Options* options) {
   AddRange(app, "--processes", &options->processes, 1u, kMostProcesses, "processes that they are spread over");
   AddRange(app, "--messages", &options->messages, 0u, 1000000u, "most questions of a client (0: no limit)");
   AddRange(app, "--seconds", &options->seconds, 1.0, 60.0, "how long the clients go on asking");
-  app->add_flag("--honest-only", options->honestOnly, "nobody breaks the rules");
+  app->add_flag("--honest-only", options->honestOnly, "no rogues");
   app->footer(
       "Exit code: 0 all was right at both ends, 1 something was not, 2 it could not be run. A signal ends a run "
       "early,\n"

@@ -233,7 +233,7 @@ void Hoard(Arena& arena) {
 
 // ---- Leaving, and other bad manners ----
 
-// How far a peer goes before it leaves: nothing, half a header, half a body, a question, many questions.
+// How far a peer goes before it leaves: half a body, nothing, half a header, a question, many questions.
 size_t HowFar(size_t state, size_t question) {
   const size_t lengths[] = {question / 2, 0, sizeof(MsgHeader) / 2, question, 64 * question};
   return lengths[state % std::size(lengths)];
@@ -367,7 +367,7 @@ constexpr Peer Both(const char* does, size_t answers, Peer peer) {
 }
 
 constexpr Peer kPeers[] = {
-    Crowd(kHonestOnly, kPlain, "", Nothing, 0, kMqcat, "nobody: what the others are compared with"),
+    Crowd(kHonestOnly, kPlain, "", Nothing, 0, kMqcat, "no attack: the baseline"),
     Broken("half_header", kPlain, kSlow, HalfHeader, "stops in the middle of a header"),
     Broken("half_body", kPlain, kSlow, HalfBody, "stops in the middle of a body"),
     Broken("garbage", kPlain, kBad, Garbage, "sends garbage"),
@@ -412,6 +412,8 @@ constexpr Peer kPeers[] = {
     Crowd("mirror", kDatagram, "", MirrorAnswers, 1, kMqcat, "one sends each answer back, as if a server did"),
     Crowd("datagram_flood", kDatagram, "", FloodWithDatagrams, 8, kMqcat, "8 of one address ask as fast as they can"),
 };
+
+static_assert(std::ranges::count_if(kPeers, [](const Peer& peer) { return peer.does != nullptr; }) <= kMostRogues);
 
 }  // namespace
 

@@ -18,18 +18,17 @@ constexpr bool IsDatagram(Port port) { return port == kDatagram || port == kSign
 // Honest peers. window: questions that may be unanswered at once.
 struct Kind {
   const char* name;
-  const char* key;  // in JSON
   Port port;
   uint32_t window;
   bool isLarge;  // messages of up to 4 MiB
 };
 constexpr Kind kKinds[] = {
-    {"TCP plain", "tcp_plain", kPlain, 1, false},
-    {"TCP signed", "tcp_signed", kSigned, 2, false},
-    {"TCP plain, up to 4 MiB", "tcp_plain_large", kPlain, 2, true},
-    {"TCP signed, up to 4 MiB", "tcp_signed_large", kSigned, 2, true},
-    {"UDP plain", "udp_plain", kDatagram, 1, false},
-    {"UDP signed", "udp_signed", kSignedDatagram, 1, false},
+    {"TCP plain", kPlain, 1, false},
+    {"TCP signed", kSigned, 2, false},
+    {"TCP plain, up to 4 MiB", kPlain, 2, true},
+    {"TCP signed, up to 4 MiB", kSigned, 2, true},
+    {"UDP plain", kDatagram, 1, false},
+    {"UDP signed", kSignedDatagram, 1, false},
 };
 constexpr size_t kKindCount = std::size(kKinds);
 constexpr uint32_t kMostClients = 2000;
@@ -42,7 +41,7 @@ constexpr size_t KindOf(uint32_t client) {
   return kKinds[kind].isLarge && client / 20 % 2 != 0 ? 0 : kind;
 }
 
-constexpr const char* kHonestOnly = "honest_only";  // the attack that is none, on every server
+constexpr const char* kHonestOnly = "honest_only";  // no attack: the baseline, on every server
 
 class Arena;
 

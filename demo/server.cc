@@ -344,7 +344,7 @@ class Server {
     return now - guest.movedAt <= limits_.patience ? "" : unread ? "takes no answers" : "too slow";
   }
 
-  // Ten times a second: drops guests that stand still. When the server itself stood still, nobody is to blame.
+  // Ten times a second: drops guests that stand still. When the server itself stood still, no guest is to blame.
   void Scan(double now) {
     const bool wasAway = now - scannedAt_ > kAbsence;
     scannedAt_ = now;

@@ -165,7 +165,7 @@ class Siege {
     if (!kInstrumented && growth > kMostGrowthKb) Fault(fmt::format("it keeps {} KiB of memory", growth));
   }
 
-  // What the server uses while nobody asks anything. A server that spins never comes to rest.
+  // What the server uses while no honest client asks anything. A server that spins never comes to rest.
   Usage AtRest() {
     shared_.pause = true;
     Usage usage{};

@@ -72,7 +72,7 @@ struct Faults {
   char lines[kMost][kLength];
 };
 
-// What a process holds while nobody talks.
+// What a process holds between two rounds.
 struct Rest {
   uint64_t blocks;      // of the companion's account
   int64_t unexplained;  // resident bytes beside those of the account
@@ -111,7 +111,7 @@ struct Usage {
 };
 
 constexpr uint32_t kMostProcesses = 32;
-constexpr size_t kMostRogues = 24;
+constexpr int kMostRogues = 24;
 
 struct Shared {
   std::atomic<bool> ready;  // the server listens
@@ -128,7 +128,7 @@ struct Shared {
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "atomics between processes must not need a lock");
 
-// The memory, all zero, until the pointer's end. Throws without memory. Pages that nobody writes to are never taken.
+// The memory, all zero, until the pointer's end. Throws without memory. Pages that are not written to take no memory.
 using SharedPtr = std::unique_ptr<Shared, void (*)(Shared*)>;
 SharedPtr MakeShared();
 

@@ -52,8 +52,8 @@ constexpr bool kInstrumented = false;
 // Runs them to their end, or ends them: when one dies, when a deadline passes. After a signal they end early, in order.
 Outcome RunWorld(const Options& options);
 
-// Whether nothing was lost or changed on the way, both ends counted the same, each rogue got what it deserves, nobody
-// else did, and nothing was left: adds what was not right to the problems.
+// Whether nothing was lost or changed on the way, both ends counted the same, each rogue and no other peer was dropped,
+// and nothing was left: adds what was not right to the problems.
 void Judge(const Options& options, Outcome* outcome);
 
 // A client tally of this kind, over all processes.

@@ -157,7 +157,7 @@ test_datagrams() {
   run 1 'no answer' datagram_client 127.0.0.1 "$port" 'nobody is there'
 }
 
-# says FILE TEXT ...: the JSON report has each of these.
+# says FILE TEXT ...: the report has each of these.
 says() {
   local file=$1 text
   shift
