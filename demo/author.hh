@@ -38,7 +38,8 @@ class Author {
  public:
   explicit Author(uint64_t seed);
 
-  // Writes the message of this place: the question, or its answer. textOnly: nothing but its text. False without memory.
+  // Writes the message of this place: the question, or its answer. textOnly: nothing but its text. False without
+  // memory.
   bool Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const;
 
   // Whether a message is that one, to the last byte. Empty, or the difference.

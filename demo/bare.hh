@@ -37,7 +37,8 @@ Bytes SignedQuestion(const char* user, const uint8_t* secret, int seconds = 0);
 // One connection, or datagram socket, that never blocks.
 class Bare {
  public:
-  // Begins to connect, from 127.0.0.2: no honest client has this address. receiveBuffer: bytes, 0 for what the system gives.
+  // Begins to connect, from 127.0.0.2: no honest client has this address. receiveBuffer: bytes, 0 for what the
+  // system gives.
   Bare(int port, bool datagrams, int receiveBuffer = 0);
   ~Bare() { Close(); }
   Bare(Bare&& other) noexcept;
