@@ -42,8 +42,10 @@ class Author {
   // memory.
   bool Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const;
 
-  // Whether a message is that one, to the last byte. Empty, or the difference.
-  std::string Compare(mqnode::MessageRef got, uint32_t command, const Place& place, bool isLarge, bool textOnly);
+  // Whether a message is that one, to the last byte. Empty, or the difference. marked: with the mark of an answer to a
+  // datagram (examples/answers.h) at its end.
+  std::string Compare(mqnode::MessageRef got, uint32_t command, const Place& place, bool isLarge, bool textOnly,
+                      bool marked);
 
   // The place that a message claims; a default one when it claims none.
   static Place PlaceOf(mqnode::MessageRef msg);

@@ -94,6 +94,14 @@ std::string Child::Log() const {
   return text;
 }
 
+MqcMemory MemoryInUse() {
+  MqcMemory all, accepted;
+  mqc_memory(nullptr, &all);
+  mqc_memory("replay", &accepted);
+  all.live_blocks -= accepted.live_blocks;
+  return all;
+}
+
 Usage UsageOf(pid_t pid) {
   Usage usage{};
   const std::string place = fmt::format("/proc/{}/", pid);

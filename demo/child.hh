@@ -37,6 +37,10 @@ class Child {
   int status_ = 0;
 };
 
+// The companion's account of this process without the blocks that remember accepted messages: those grow with what was
+// accepted, up to their limit.
+MqcMemory MemoryInUse();
+
 // What a process uses.
 Usage UsageOf(pid_t pid);
 

@@ -46,6 +46,7 @@ struct Client {
   uint32_t number;
   State state = State::kIdle;
   Node node{};
+  int line = -1;  // the node's descriptor while it is watched: a node that fails may have closed it
   uint32_t session = 0;
   uint32_t asked = 0;  // questions of this session
   uint32_t askedInAll = 0;
@@ -224,7 +225,8 @@ class Clients {
     if (client.state == State::kConnecting) {
       client.state = State::kGreeting;
       const uint64_t most = client.kind().isLarge ? kMostUncutLarge : kMostUncut;
-      WatchLine(client.node.descriptor(), IsDatagram(client.kind().port) ? 0 : most, &tally(client));
+      client.line = client.node.descriptor();
+      WatchLine(client.line, IsDatagram(client.kind().port) ? 0 : most, &tally(client));
       Ask(client);
       return;
     }
@@ -248,8 +250,9 @@ class Clients {
     if (number >= client.asked) return Fail(client, "an answer to nothing");
     const Place place{client.number, client.session, number};
     const Command command = crowd_.echo == Echo::kSame ? kQuestion : kAnswer;
+    const bool marked = datagrams && crowd_.echo != Echo::kAll;
     const std::string other =
-        author_.Compare(in_, command, place, client.kind().isLarge, crowd_.echo == Echo::kTextAlone);
+        author_.Compare(in_, command, place, client.kind().isLarge, crowd_.echo == Echo::kTextAlone, marked);
     if (!other.empty()) return Fail(client, other);
     if (owed == client.owed.end()) {
       ++tally(client).at(kAgain);
@@ -273,7 +276,7 @@ class Clients {
   // A connection ends in order when the client has said that it is leaving, and early when the chaos has cut it: then
   // its last questions or answers are lost, and the node has to have said so.
   void OnEnd(Client& client, const Result& result, const char* doing) {
-    const bool isCut = ForgetLine(client.node.descriptor());
+    const bool isCut = ForgetLine(std::exchange(client.line, -1));
     const bool isGone = result.peer_gone() || result.cause() == ECONNRESET || result.cause() == EPIPE;
     if (isGone && client.state == State::kLeaving) return Finish(client);
     if (!isCut || !isGone) return Fail(client, fmt::format("{}: {}", doing, result.name()));
@@ -301,7 +304,7 @@ class Clients {
 
   // What was asked and not answered is lost from here on.
   void Release(Client& client, bool isDone) {
-    ForgetLine(client.node.descriptor());
+    ForgetLine(std::exchange(client.line, -1));
     set_.remove(client.node);
     byNode_.erase(client.node.get());
     client.node.reset();
@@ -343,8 +346,7 @@ class Clients {
     Await([this] { return shared_.server.connected == 0; });
     Sleep(0.3);  // the server has looked at itself since
     malloc_trim(0);
-    MqcMemory memory;
-    mqc_memory(nullptr, &memory);
+    const MqcMemory memory = MemoryInUse();
     const auto measure = [](pid_t pid, uint64_t blocks, uint64_t bytes) -> Rest {
       const Usage usage = UsageOf(pid);
       return {blocks, usage.residentKb * 1024 - static_cast<int64_t>(bytes), usage.descriptors};

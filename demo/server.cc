@@ -117,13 +117,9 @@ class Server {
     for (Message* const msg : {&in_, &out_}) msg->reset();
     signer_.reset();
     author_.reset();
-    MqcMemory memory, kept;
-    mqc_memory(nullptr, &memory);
-    self_.leftBlocks = memory.live_blocks;
-    for (const char* const tag : {"ring", "replay"}) {
-      mqc_memory(tag, &kept);
-      self_.leftBlocks -= kept.live_blocks;
-    }
+    MqcMemory ring;
+    mqc_memory("ring", &ring);
+    self_.leftBlocks = MemoryInUse().live_blocks - ring.live_blocks;
   }
 
  private:
@@ -277,7 +273,7 @@ class Server {
     if (place.client >= kMostClients) return;
     const Kind& kind = kKinds[KindOf(place.client)];
     tally_ = &self_.kinds[KindOf(place.client)];
-    std::string wrong = author_->Compare(in_, kQuestion, place, kind.isLarge, false);
+    std::string wrong = author_->Compare(in_, kQuestion, place, kind.isLarge, false, false);
     Record& record = records_[place.client];
     if (guest == nullptr ? IsAgain(&record, place, IsSigned(kind.port), &wrong) : false) return;
     if (guest != nullptr && (place.session < record.session || place.number != guest->next++ ||
@@ -357,7 +353,7 @@ class Server {
     MqcMemory memory;
     mqc_memory("buffer", &memory);
     self_.peakBuffers = std::max(self_.peakBuffers, memory.live_bytes);
-    mqc_memory(nullptr, &memory);
+    memory = MemoryInUse();
     if (guests_.empty()) self_.blocks = memory.live_blocks;
     if (guests_.empty()) self_.bytes = memory.live_bytes;
     if (second_ != static_cast<long>(now)) BeginSecond(static_cast<long>(now));
