@@ -10,8 +10,8 @@
 MQ_BEGIN_C
 
 /* mnSReadMsg - the gather step of a secure read, as mnReadMsg with an envelope of 32 bytes. It gathers as many bytes as
- * the receive buffer asks for: on a new node, armed for a plain header, that is 136. To gather envelopes without mnSRead,
- * arm the buffer with ResetBuffer(&node->recvBuffer, 32) first.
+ * the receive buffer asks for: on a new node, armed for a plain header, that is 136. To gather envelopes without
+ * mnSRead, arm the buffer with ResetBuffer(&node->recvBuffer, 32) first.
  * Trace point  "mnSReadMsg", on failure only, before the buffer is reset */
 MQ_API int mnSReadMsg(MQNode* node);
 
