@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "fmt/compile.h"
 #include "fmt/format.h"
 
 namespace mqcat {
@@ -60,8 +61,8 @@ std::string TimeText(uint64_t milliseconds) {
   const auto seconds = static_cast<time_t>(milliseconds / 1000);
   tm parts = {};
   if (milliseconds > 253402300799999u || gmtime_r(&seconds, &parts) == nullptr) return "beyond the year 9999";
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} UTC", parts.tm_year + 1900, parts.tm_mon + 1,
-                     parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds % 1000);
+  return fmt::format(FMT_COMPILE("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} UTC"), parts.tm_year + 1900,
+                     parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds % 1000);
 }
 
 // The stretch of the stream that one message announces, cut at the end of what is there, and what was found in it.
@@ -129,7 +130,8 @@ void AddTextField(Part& part, uint64_t at, uint64_t size, const char* name, cons
   part.Add(at, size, name, part.Shown(at, end), meaning);
   const bool filled =
       std::all_of(field.begin() + static_cast<ptrdiff_t>(end), field.end(), [](uint8_t b) { return b == 0; });
-  if (!filled) part.Break(at + end, "zero-fill", fmt::format("{} has bytes behind its terminating zero", name));
+  if (!filled)
+    part.Break(at + end, "zero-fill", fmt::format(FMT_COMPILE("{} has bytes behind its terminating zero"), name));
 }
 
 // Byte order and character set, which stand at the same place in header and envelope.
@@ -137,12 +139,14 @@ void AddFlags(Part& part, uint64_t at) {
   const bool big = part.big_endian();
   const uint32_t order = part.AddWord(at + 8, "bigEndian", big ? "sender is big-endian" : "sender is little-endian");
   if (order != (big ? 1u : 0u)) {
-    part.Break(at + 8, "byte-order-flag",
-               fmt::format("bigEndian is {}, but the first word is {}-endian", order, big ? "big" : "little"));
+    part.Break(
+        at + 8, "byte-order-flag",
+        fmt::format(FMT_COMPILE("bigEndian is {}, but the first word is {}-endian"), order, big ? "big" : "little"));
   }
   const uint32_t ascii = part.At(at + 12);
   part.Add(at + 12, 4, "asciiText", std::to_string(ascii), CharsetName(ascii == 0));
-  if (ascii > 1) part.Break(at + 12, "charset-flag", fmt::format("asciiText is {}, neither 0 nor 1", ascii));
+  if (ascii > 1)
+    part.Break(at + 12, "charset-flag", fmt::format(FMT_COMPILE("asciiText is {}, neither 0 nor 1"), ascii));
 }
 
 void AddReserved(Part& part, uint64_t at, uint64_t size, const char* name) {
@@ -156,13 +160,14 @@ void AddHeader(Part& part, uint64_t at) {
   part.AddWord(at, "hdrLength", "plain header");
   const uint32_t encoding = part.AddWord(at + 4, "encoding", "version of the body's encoding");
   if (encoding != kEncoding) {
-    part.Break(at + 4, "encoding-version", fmt::format("the body's encoding is version {}, known is 1", encoding));
+    part.Break(at + 4, "encoding-version",
+               fmt::format(FMT_COMPILE("the body's encoding is version {}, known is 1"), encoding));
   }
   AddFlags(part, at);
   AddReserved(part, at + 16, 48, "reserved");
   part.AddWord(at + 64, "bodyLength", "bytes that follow the header");
   const uint32_t origin = part.AddWord(at + 68, "origin", "0 on the wire");
-  if (origin != 0) part.Break(at + 68, "origin-word", fmt::format("the origin word is {}, not 0", origin));
+  if (origin != 0) part.Break(at + 68, "origin-word", fmt::format(FMT_COMPILE("the origin word is {}, not 0"), origin));
   AddTextField(part, at + 72, 12, "userId", "who sends");
   AddTextField(part, at + 84, 48, "applName", "which program sends");
   AddReserved(part, at + 132, 4, "reserved");
@@ -171,7 +176,8 @@ void AddHeader(Part& part, uint64_t at) {
 void AddEnvelope(Part& part) {
   part.AddWord(0, "hdrLength", "envelope");
   const uint32_t version = part.AddWord(4, "version");
-  if (version != 1) part.Break(4, "envelope-version", fmt::format("the envelope's version is {}, known is 1", version));
+  if (version != 1)
+    part.Break(4, "envelope-version", fmt::format(FMT_COMPILE("the envelope's version is {}, known is 1"), version));
   AddFlags(part, 0);
   part.AddWord(16, "msgLength", "bytes that follow the envelope");
   AddTextField(part, 20, 12, "userId", "who signed");
@@ -225,20 +231,20 @@ void CheckValue(Part& part, const Param& param, uint64_t stored) {
   const auto odd = std::find_if(padding.begin(), padding.end(), [](uint8_t b) { return b != 0; });
   if (odd != padding.end()) {
     part.Break(param.at + param.length + static_cast<uint64_t>(odd - padding.begin()), "parameter-padding",
-               fmt::format("parameter {}: the bytes behind the value are not all zero", param.index));
+               fmt::format(FMT_COMPILE("parameter {}: the bytes behind the value are not all zero"), param.index));
   }
   if (param.type != kText || param.length == 0) return;
   const Bytes text = part.Range(param.at, param.length);
   const void* zero = memchr(text.data(), 0, text.size());
   if (zero == nullptr) return;
   part.Break(param.at + static_cast<uint64_t>(static_cast<const uint8_t*>(zero) - text.data()), "text-zero-byte",
-             fmt::format("parameter {}: a text holds a zero byte", param.index));
+             fmt::format(FMT_COMPILE("parameter {}: a text holds a zero byte"), param.index));
 }
 
 // The parameter at at. Moves at behind it; false when the walk cannot go on.
 bool AddParam(Part& part, uint32_t index, uint64_t& at) {
   if (!HasOrBreak(part, at, kParamHead, part.size(), "parameter-head",
-                  [&] { return fmt::format("parameter {}: the body ends in its head", index); })) {
+                  [&] { return fmt::format(FMT_COMPILE("parameter {}: the body ends in its head"), index); })) {
     return false;
   }
   part.BeginParameter(index);
@@ -247,21 +253,23 @@ bool AddParam(Part& part, uint32_t index, uint64_t& at) {
   part.AddWord(at + 4, "type", TypeName(param.type));
   part.AddWord(at + 8, "length");
   if (!HasOrBreak(part, param.at, param.length, at + 8, "parameter-length", [&] {
-        return fmt::format("parameter {}: {} bytes, only {} are left", index, param.length, part.size() - param.at);
+        return fmt::format(FMT_COMPILE("parameter {}: {} bytes, only {} are left"), index, param.length,
+                           part.size() - param.at);
       })) {
     return false;
   }
   if (param.type < kInt32 || param.type > kBytes) {
-    part.Break(at + 4, "parameter-type", fmt::format("parameter {}: type {} is none of 1 to 4", index, param.type));
+    part.Break(at + 4, "parameter-type",
+               fmt::format(FMT_COMPILE("parameter {}: type {} is none of 1 to 4"), index, param.type));
   } else if (!LengthFitsType(param)) {
     part.Break(at + 8, "parameter-length",
-               fmt::format("parameter {}: {} bytes are no {}", index, param.length, TypeName(param.type)));
+               fmt::format(FMT_COMPILE("parameter {}: {} bytes are no {}"), index, param.length, TypeName(param.type)));
   } else {
     part.Add(param.at, param.length, "value", ValueText(part, param));
   }
   const uint64_t stored = StoredLength(param.type, param.length);
   if (!HasOrBreak(part, param.at, stored, part.size(), "parameter-padding",
-                  [&] { return fmt::format("parameter {}: the body ends in its padding", index); })) {
+                  [&] { return fmt::format(FMT_COMPILE("parameter {}: the body ends in its padding"), index); })) {
     return false;
   }
   CheckValue(part, param, stored);
@@ -278,7 +286,8 @@ void AddBody(Part& part, uint64_t at) {
   part.AddWord(at, "command");
   const uint32_t count = part.AddWord(at + 4, "parameters");
   if (count > kMaxParams) {
-    part.Break(at + 4, "parameter-count", fmt::format("{} parameters, a record holds {}", count, kMaxParams));
+    part.Break(at + 4, "parameter-count",
+               fmt::format(FMT_COMPILE("{} parameters, a record holds {}"), count, kMaxParams));
   }
   at += kBodyHead;
   for (uint32_t index = 0; index < std::min(count, kMaxParams); ++index) {
@@ -286,7 +295,7 @@ void AddBody(Part& part, uint64_t at) {
   }
   part.EndParameters();
   if (at == part.size() || count > kMaxParams) return;
-  part.Break(at, "body-rest", fmt::format("{} bytes follow the last parameter", part.size() - at));
+  part.Break(at, "body-rest", fmt::format(FMT_COMPILE("{} bytes follow the last parameter"), part.size() - at));
 }
 
 void AddBodyOrBytes(Part& part, uint64_t header, uint64_t body) {
@@ -297,10 +306,10 @@ void AddBodyOrBytes(Part& part, uint64_t header, uint64_t body) {
 void AddTrailer(Part& part, uint64_t at) {
   part.Add(at, 8, "mark", Quote({reinterpret_cast<const char*>(part.Range(at, 8).data()), 8}), "signature trailer");
   if (memcmp(part.Range(at, 8).data(), kMark, 8) != 0) {
-    part.Break(at, "trailer-mark", fmt::format("the trailer does not begin with {}", kMark));
+    part.Break(at, "trailer-mark", fmt::format(FMT_COMPILE("the trailer does not begin with {}"), kMark));
   }
   const uint64_t time = LongWord(part.Range(at + 8, 8), 0, true);
-  part.Add(at + 8, 8, "time", std::to_string(time), "signed", fmt::format(" {}", TimeText(time)));
+  part.Add(at + 8, 8, "time", std::to_string(time), "signed", fmt::format(FMT_COMPILE(" {}"), TimeText(time)));
   part.Add(at + 16, 16, "nonce", Hex(part.Range(at + 16, 16)));
   part.Add(at + 32, 64, "signature", Hex(part.Range(at + 32, 64)), "not checked");
 }
@@ -316,8 +325,9 @@ struct Outcome {
 void CheckBodyLength(Part& part, uint64_t header, uint64_t body_length) {
   if (LengthIsPossible(kHeader, body_length)) return;
   part.Break(header + 64, "body-length",
-             body_length == 0 ? std::string("a message without a body is never delivered")
-                              : fmt::format("a body of {} bytes passes the bound of {}", body_length, kMaxMessage));
+             body_length == 0
+                 ? std::string("a message without a body is never delivered")
+                 : fmt::format(FMT_COMPILE("a body of {} bytes passes the bound of {}"), body_length, kMaxMessage));
 }
 
 Outcome DecodePlain(Part& part, const Piece& piece) {
@@ -328,7 +338,8 @@ Outcome DecodePlain(Part& part, const Piece& piece) {
   const uint64_t end = kHeader + body_length;
   const bool whole = part.Has(0, end);
   if (!whole) {
-    part.Break(part.size(), "truncated", fmt::format("the message announces {} bytes, {} are there", end, part.size()));
+    part.Break(part.size(), "truncated",
+               fmt::format(FMT_COMPILE("the message announces {} bytes, {} are there"), end, part.size()));
   }
   part.EndAt(end);
   const size_t before = piece.faults.size();
@@ -354,8 +365,9 @@ void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
   if (!part.Has(kEnvelope, 4)) return;
   const First first = FirstWord(part.Range(kEnvelope, 4));
   if (first.length != kHeader) {
-    return part.Break(kEnvelope, "header-in-envelope",
-                      fmt::format("the signed message begins with {}, not a header's 136", part.At(kEnvelope)));
+    return part.Break(
+        kEnvelope, "header-in-envelope",
+        fmt::format(FMT_COMPILE("the signed message begins with {}, not a header's 136"), part.At(kEnvelope)));
   }
   if (!part.Has(kEnvelope, kHeader)) return;
   piece.big_endian = first.big;
@@ -367,7 +379,7 @@ void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
   const uint64_t trailer = kEnvelope + kHeader + body_length;
   if (trailer + kTrailer != end) {
     part.Break(kEnvelope + 64, "message-length",
-               fmt::format("header and trailer take {} bytes of the {} that the envelope announces",
+               fmt::format(FMT_COMPILE("header and trailer take {} bytes of the {} that the envelope announces"),
                            kHeader + body_length + kTrailer, end - kEnvelope));
   }
   Part body = part;
@@ -382,12 +394,13 @@ Outcome DecodeSecure(Part& part, Piece& piece) {
   if (!LengthIsPossible(kEnvelope, announced)) {
     part.Break(16, "message-length",
                announced == 0 ? std::string("an envelope without a message is never delivered")
-                              : fmt::format("{} bytes pass the bound of {}", announced, kMaxMessage));
+                              : fmt::format(FMT_COMPILE("{} bytes pass the bound of {}"), announced, kMaxMessage));
     return {kEnvelope, announced != 0};
   }
   const uint64_t end = kEnvelope + announced;
   if (!part.Has(0, end)) {
-    part.Break(part.size(), "truncated", fmt::format("the message announces {} bytes, {} are there", end, part.size()));
+    part.Break(part.size(), "truncated",
+               fmt::format(FMT_COMPILE("the message announces {} bytes, {} are there"), end, part.size()));
   }
   part.EndAt(end);
   const size_t before = piece.faults.size();
@@ -417,8 +430,9 @@ class Walker {
     Piece& piece = Begin();
     const Outcome outcome = DecodeAt(piece);
     if (outcome.end < bytes_.size()) {
-      piece.faults.push_back({options_.base + outcome.end, "datagram-size",
-                              fmt::format("the datagram has {} bytes, the message {}", bytes_.size(), outcome.end)});
+      piece.faults.push_back(
+          {options_.base + outcome.end, "datagram-size",
+           fmt::format(FMT_COMPILE("the datagram has {} bytes, the message {}"), bytes_.size(), outcome.end)});
     }
     piece.size = bytes_.size();
     sink_(piece);
@@ -446,7 +460,7 @@ class Walker {
     if (rest.size() < first.length) {
       part.AddWord(0, "hdrLength", piece.kind == PieceKind::kPlain ? "plain header" : "envelope");
       part.Break(rest.size(), "truncated",
-                 fmt::format("the {} has {} bytes, {} are there",
+                 fmt::format(FMT_COMPILE("the {} has {} bytes, {} are there"),
                              piece.kind == PieceKind::kPlain ? "header" : "envelope", first.length, rest.size()));
       return {rest.size(), false};
     }
@@ -491,7 +505,7 @@ class Walker {
     piece.size = next_ - start;
     const Bytes stray = bytes_.subspan(start, piece.size);
     std::string text = stray.size() < 4 ? std::string("too few bytes for a first word")
-                                        : fmt::format("the first word is {} or {}, neither 136 nor 32",
+                                        : fmt::format(FMT_COMPILE("the first word is {} or {}, neither 136 nor 32"),
                                                       Word(stray, 0, false), Word(stray, 0, true));
     piece.fields.push_back(
         {piece.offset, piece.size, "bytes", Hex(stray, options_.text_limit), "belong to no message", "", -1});

@@ -59,57 +59,9 @@ struct Page {
   bool is_terminal = OutputIsTerminal();
 };
 
-// A number behind blanks up to a width.
-char* PutNumber(char* place, uint64_t number, size_t width) {
-  const fmt::format_int digits(number);
-  const size_t blanks = width - std::min(width, digits.size());
-  memset(place, ' ', blanks);
-  memcpy(place + blanks, digits.data(), digits.size());
-  return place + blanks + digits.size();
-}
-
-// "parameter 3 length". Names are constant and short.
-char* PutName(char* place, const Field& field) {
-  if (field.parameter >= 0) {
-    memcpy(place, "parameter ", 10);
-    place = PutNumber(place + 10, static_cast<uint64_t>(field.parameter), 0);
-    *place++ = ' ';
-  }
-  memcpy(place, field.name.data(), field.name.size());
-  return place + field.name.size();
-}
-
-// In columns, or what is narrow one behind the other. Written out: a stream of 64 MiB has millions of them.
-void AppendField(std::string& out, const Field& field, bool columns) {
-  char place[128] = "  ";
-  char* end = PutNumber(place + 2, field.offset, columns ? 6 : 0);
-  *end++ = ' ';
-  end = PutNumber(end, field.size, columns ? 4 : 0);
-  memcpy(end, "  ", 2);
-  char* const name = end += 2;
-  end = PutName(end, field);
-  while (columns && end - name < 20) *end++ = ' ';
-  *end++ = ' ';
-  out.append(place, end).append(field.value);
-  if (!field.meaning.empty()) out.append(columns ? "  " : "\n    ").append(field.meaning).append(field.detail);
-  out += '\n';
-}
-
-void PrintText(const Piece& piece, uint64_t number, const Page& page) {
-  Print(Wrap(Headline(piece, number), page.width));
-  std::string lines;
-  for (const Field& field : piece.fields) AppendField(lines, field, page.width >= kNarrow);
-  Print(page.is_terminal ? Wrap(lines, page.width) : lines);
-  std::string faults;
-  for (const Fault& fault : piece.faults) {
-    fmt::format_to(std::back_inserter(faults), "  FAULT at byte {}: {}: {}\n", fault.offset, fault.rule, fault.text);
-  }
-  Print(Wrap(faults, page.width));
-  Print("\n");
-}
-
 void AppendKey(std::string& out, std::string_view key, uint64_t number) {
-  out.append(key).append(fmt::format_int(number).c_str());
+  const fmt::format_int digits(number);
+  out.append(key).append(digits.data(), digits.size());
 }
 
 void AppendKey(std::string& out, std::string_view key, std::string_view text) {
@@ -117,19 +69,87 @@ void AppendKey(std::string& out, std::string_view key, std::string_view text) {
   AppendJsonString(out, text);
 }
 
+// The short beginning of a line, composed in place: a stream of 64 MiB has millions of lines.
+class Start {
+ public:
+  void Put(std::string_view text) {
+    memcpy(end_, text.data(), text.size());
+    end_ += text.size();
+  }
+  void PutBlanks(size_t count) {
+    memset(end_, ' ', count);
+    end_ += count;
+  }
+  // Behind blanks up to a width.
+  void PutNumber(uint64_t number, size_t width = 0) {
+    const fmt::format_int digits(number);
+    PutBlanks(width - std::min(width, digits.size()));
+    Put({digits.data(), digits.size()});
+  }
+  // "parameter 3 length", with blanks up to a width. Names are constant and short.
+  void PutName(const Field& field, size_t width = 0) {
+    const char* const begin = end_;
+    if (field.parameter >= 0) {
+      Put("parameter ");
+      PutNumber(static_cast<uint64_t>(field.parameter));
+      Put(" ");
+    }
+    Put(field.name);
+    PutBlanks(width - std::min(width, static_cast<size_t>(end_ - begin)));
+  }
+  std::string_view text() const { return {place_, end_}; }
+
+ private:
+  char place_[192];
+  char* end_ = place_;
+};
+
+// In columns, or what is narrow one behind the other.
+void AppendField(std::string& out, const Field& field, bool columns) {
+  Start start;
+  start.Put("  ");
+  start.PutNumber(field.offset, columns ? 6 : 0);
+  start.Put(" ");
+  start.PutNumber(field.size, columns ? 4 : 0);
+  start.Put("  ");
+  start.PutName(field, columns ? 20 : 0);
+  start.Put(" ");
+  out.append(start.text()).append(field.value);
+  if (!field.meaning.empty()) out.append(columns ? "  " : "\n    ").append(field.meaning).append(field.detail);
+  out += '\n';
+}
+
+void PrintText(const Piece& piece, uint64_t number, const Page& page, std::string& lines) {
+  Print(Wrap(Headline(piece, number), page.width));
+  lines.clear();
+  for (const Field& field : piece.fields) AppendField(lines, field, page.width >= kNarrow);
+  Print(page.is_terminal ? Wrap(lines, page.width) : lines);
+  lines.clear();
+  for (const Fault& fault : piece.faults) {
+    AppendKey(lines, "  FAULT at byte ", fault.offset);
+    lines.append(": ").append(fault.rule).append(": ").append(fault.text) += '\n';
+  }
+  Print(Wrap(lines, page.width));
+  Print("\n");
+}
+
 void AppendFieldJson(std::string& out, const Field& field) {
-  char name[64];
-  AppendKey(out, "{\"offset\":", field.offset);
-  AppendKey(out, ",\"size\":", field.size);
-  out.append(",\"name\":\"").append(name, PutName(name, field)).append("\"");
-  AppendKey(out, ",\"value\":", field.value);
+  Start start;
+  start.Put("{\"offset\":");
+  start.PutNumber(field.offset);
+  start.Put(",\"size\":");
+  start.PutNumber(field.size);
+  start.Put(",\"name\":\"");
+  start.PutName(field);
+  start.Put("\",\"value\":");
+  AppendKey(out, start.text(), field.value);
   out.append(",\"meaning\":\"").append(field.meaning).append(field.detail).append("\"},");
 }
 
 void AppendFaultJson(std::string& out, const Fault& fault) {
   AppendKey(out, "{\"offset\":", fault.offset);
-  AppendKey(out, ",\"rule\":", fault.rule);
-  AppendKey(out, ",\"text\":", fault.text);
+  out.append(",\"rule\":\"").append(fault.rule);
+  AppendKey(out, "\",\"text\":", fault.text);
   out += "},";
 }
 
@@ -139,8 +159,8 @@ void EndList(std::string& out) {
   out += ']';
 }
 
-void PrintObject(const Piece& piece, const std::string& stream) {
-  std::string out;
+void PrintObject(const Piece& piece, const std::string& stream, std::string& out) {
+  out.clear();
   AppendKey(out, "{\"kind\":", KindName(piece.kind));
   AppendKey(out, ",\"offset\":", piece.offset);
   AppendKey(out, ",\"size\":", piece.size);
@@ -155,7 +175,7 @@ void PrintObject(const Piece& piece, const std::string& stream) {
   out += ",\"faults\":[";
   for (const Fault& fault : piece.faults) AppendFaultJson(out, fault);
   EndList(out);
-  Print(out + "}\n");
+  Print(out += "}\n");
 }
 
 void DecodeStream(const Stream& stream, const Options& options, Totals& totals) {
@@ -164,6 +184,7 @@ void DecodeStream(const Stream& stream, const Options& options, Totals& totals) 
   DecodeOptions how;
   how.datagram = stream.datagram;
   const Page page;
+  std::string text_of_piece;  // keeps its memory
   if (options.full) how.text_limit = kAllText;
   Decode(stream.bytes, how, [&](const Piece& piece) {
     if (piece.kind == PieceKind::kStray) {
@@ -172,7 +193,7 @@ void DecodeStream(const Stream& stream, const Options& options, Totals& totals) 
       ++totals.messages;
     }
     totals.faults += piece.faults.size();
-    text ? PrintText(piece, totals.messages, page) : PrintObject(piece, stream.name);
+    text ? PrintText(piece, totals.messages, page, text_of_piece) : PrintObject(piece, stream.name, text_of_piece);
   });
 }
 

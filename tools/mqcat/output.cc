@@ -36,11 +36,19 @@ bool WriteAll(int fd, std::string_view text) {
   return true;
 }
 
+void WriteOutput(std::string_view text) {
+  if (WriteAll(STDOUT_FILENO, text)) return;
+  if (errno == EPIPE) throw Failure{kExitOutputClosed, ""};
+  throw Failure{kExitOutput, fmt::format("write {} bytes to standard output: {} ({})", text.size(), strerror(errno),
+                                         strerrorname_np(errno))};
+}
+
 }  // namespace
 
 void Print(std::string_view text) {
+  if (buffer.size() + text.size() > kBufferSize) Flush();
+  if (text.size() > kBufferSize) return WriteOutput(text);
   buffer += text;
-  if (buffer.size() >= kBufferSize) Flush();
 }
 
 void PrintJson(const nlohmann::ordered_json& json) {
@@ -50,10 +58,9 @@ void PrintJson(const nlohmann::ordered_json& json) {
 void Flush() {
   std::string text;
   text.swap(buffer);  // a failure is told once, whatever is printed or flushed on the way out
-  if (WriteAll(STDOUT_FILENO, text)) return;
-  if (errno == EPIPE) throw Failure{kExitOutputClosed, ""};
-  throw Failure{kExitOutput, fmt::format("write {} bytes to standard output: {} ({})", text.size(), strerror(errno),
-                                         strerrorname_np(errno))};
+  WriteOutput(text);
+  text.clear();
+  buffer.swap(text);  // keeps the memory
 }
 
 size_t OutputWidth() {

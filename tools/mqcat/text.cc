@@ -58,16 +58,20 @@ bool IsSafe(uint32_t point) {
   return point < 0x2066 || point > 0x2069;
 }
 
-// Appends text until its end, or limit characters. What is not safe, not UTF-8 or one of special is appended by
-// replace(out, bytes). Returns how many bytes were taken.
+// Appends text until its end, or limit characters. What is not safe or not UTF-8, and a quote or a backslash when quoted,
+// is appended by replace(out, bytes). Returns how many bytes were taken.
 template <typename Replace>
-size_t AppendSafe(std::string& out, std::string_view text, size_t limit, std::string_view special, Replace replace) {
+size_t AppendSafe(std::string& out, std::string_view text, size_t limit, bool quoted, Replace replace) {
+  const auto stays = [quoted](char c) {
+    return IsPrintable(static_cast<uint8_t>(c)) && !(quoted && (c == '"' || c == '\\'));
+  };
   size_t at = 0;
   for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
-    if (IsPrintable(static_cast<uint8_t>(text[at])) && special.find(text[at]) == std::string_view::npos) {
-      out += text[at++];
-      continue;
-    }
+    const size_t begin = at;
+    while (at < text.size() && at - begin < limit - shown && stays(text[at])) ++at;
+    out.append(text, begin, at - begin);
+    shown += at - begin;
+    if (at == text.size() || shown == limit) break;
     const size_t length = CharacterLength(text, at);
     const std::string_view bytes = text.substr(at, std::max<size_t>(length, 1));
     if (length > 1 && IsSafe(CodePoint(bytes))) {
@@ -218,7 +222,7 @@ bool IsUtf8(std::string_view text) {
 
 std::string Quote(std::string_view text, size_t limit) {
   std::string out = "\"";
-  const size_t shown = AppendSafe(out, text, limit, "\"\\", AppendEscaped);
+  const size_t shown = AppendSafe(out, text, limit, true, AppendEscaped);
   out += '"';
   if (shown < text.size()) out += fmt::format("... ({} bytes)", text.size());
   return out;
@@ -226,13 +230,13 @@ std::string Quote(std::string_view text, size_t limit) {
 
 std::string Plain(std::string_view text) {
   std::string out;
-  AppendSafe(out, text, SIZE_MAX, "", [](std::string& to, std::string_view) { to += '?'; });
+  AppendSafe(out, text, SIZE_MAX, false, [](std::string& to, std::string_view) { to += '?'; });
   return out;
 }
 
 std::string SafeLines(std::string_view text) {
   std::string out;
-  AppendSafe(out, text, SIZE_MAX, "", [](std::string& to, std::string_view bytes) {
+  AppendSafe(out, text, SIZE_MAX, false, [](std::string& to, std::string_view bytes) {
     bytes == "\n" ? void(to += bytes) : AppendEscaped(to, bytes);
   });
   return out;
@@ -240,13 +244,13 @@ std::string SafeLines(std::string_view text) {
 
 std::string SafeJson(std::string_view json) {
   std::string out;
-  AppendSafe(out, json, SIZE_MAX, "", AppendJsonEscape);
+  AppendSafe(out, json, SIZE_MAX, false, AppendJsonEscape);
   return out;
 }
 
 void AppendJsonString(std::string& out, std::string_view text) {
   out += '"';
-  AppendSafe(out, text, SIZE_MAX, "\"\\", AppendJsonEscape);
+  AppendSafe(out, text, SIZE_MAX, true, AppendJsonEscape);
   out += '"';
 }
 
