@@ -109,8 +109,7 @@ class Sender {
 
   void Progress() {
     const auto now = Clock::now();
-    if (options_.quiet || now - start_ < kProgressAfter || now - shown_ < kProgressEvery || !NotesAreOnTerminal())
-      return;
+    if (!shows_progress_ || now - start_ < kProgressAfter || now - shown_ < kProgressEvery) return;
     shown_ = now;
     ShowProgress(Count(sent_, "message") + ", " + Count(bytes_, "byte"));
   }
@@ -126,6 +125,7 @@ class Sender {
   uint64_t bytes_ = 0;
   Clock::time_point start_ = Clock::now();
   Clock::time_point shown_ = start_;
+  bool shows_progress_ = !options_.quiet && NotesAreOnTerminal();
 };
 
 // "PATH" or "ID=PATH"; the id is 1 when none is given. A path may hold '='.
