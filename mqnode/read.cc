@@ -1,6 +1,10 @@
-// read.cc - gathers messages into the node's receive buffer and hands plain ones to the host.
-// Not here: secure messages (secure_read.cc), one receive (socksin/transfer.cc), conversion (the companion).
-// Invariant: the receive buffer never holds, and is never asked for, more than its capacity.
+// read.cc - gathers messages into the node's receive buffer, converts them, and delivers them to the application.
+// Not here: one receive (socksin/transfer.cc), conversion, parsing and signatures (the companion).
+// Invariants: the receive buffer never holds, and is never asked for, more than its capacity; nothing of a signed
+// message is converted or parsed before its signature was checked.
+//
+// A read from a stream has two stages, header and rest, and each gathers into the receive buffer; between calls that
+// buffer is the whole state. On a datagram node both stages are one datagram.
 #include "mqnode/read.h"
 
 #include <fcntl.h>
@@ -12,95 +16,229 @@
 #include <cstring>
 
 #include "mqnode/node.hh"
-#include "mqnode/read.hh"
+#include "mqnode/secure_read.h"
 #include "mqnode/wire.hh"
 #include "socksin/record.hh"
-
-namespace mq {
-namespace {
-
-// ResetReceive for a buffer that may have no area.
-void ResetFailed(MQNode* node, const Framing& framing) {
-  IoBuffer* const buf = &node->recvBuffer;
-  ResetBuffer(buf, std::min(IdleLength(node, framing), buf->capacity));
-}
-
-// What a failure that the caller cannot go on from does to the buffer, in the order that the trace point shows.
-int Leave(MQNode* node, const char* point, int code, const Framing& framing) {
-  node->error = code;
-  Trace(point, node);
-  ResetFailed(node, framing);
-  return 0;
-}
-
-}  // namespace
-
-int FailGather(MQNode* node, const Framing& framing, int code) { return Leave(node, framing.gather, code, framing); }
-
-int FailRead(MQNode* node, const Framing& framing, int code) { return Leave(node, framing.read, code, framing); }
-
-int FailReceive(MQNode* node, const Framing& framing) {
-  CopySocketError(node);
-  if (framing.resetBeforeTrace && node->error != MQ_AGAIN) ResetFailed(node, framing);
-  Trace(framing.gather, node);
-  if (!framing.resetBeforeTrace && node->error != MQ_AGAIN) ResetFailed(node, framing);
-  return 0;
-}
-
-bool Rearm(MQNode* node, const Framing& framing) {
-  IoBuffer* const buf = &node->recvBuffer;
-  if (buf->capacity == 0) CreateBuffer(buf, kReceiveCapacity);
-  if (buf->capacity < framing.headerLength) return false;
-  ResetReceive(node, framing);
-  return true;
-}
-
-}  // namespace mq
+#include "socksin/transfer.hh"
 
 namespace {
 
+using mq::kEnvelopeLength;
 using mq::kHeaderLength;
-using mq::kPlainFraming;
 
 // A browse looks twice at once, then with a pause before each look: at most a second in all.
 constexpr int kBrowseLooks = 102;
 constexpr timespec kBrowsePause = {0, 10'000'000};
 
-// Converts a header that has just been gathered and makes the buffer ask for the rest. Returns 0 or the code to fail
-// with.
-[[gnu::always_inline]] inline int ConvertHeader(MQNode* node) {
+// What plain and signed reads differ in. Convert converts a header that was just gathered and makes the buffer ask for
+// the rest; its result is 0 or the code to fail with. Deliver hands over the message that the buffer holds and runs the
+// read's trace point.
+struct PlainFraming {
+  static constexpr uint32_t kLength = kHeaderLength;
+  static constexpr const char* kGatherPoint = "mnReadMsg";
+  static constexpr const char* kReadPoint = "mnRead";
+  static constexpr bool kResetBeforeTrace = true;  // order of reset and trace after a receive that failed
+  static int Convert(MQNode* node);
+  static int Deliver(PcfMessage* msg, MQNode* node);
+};
+
+struct SignedFraming {
+  static constexpr uint32_t kLength = kEnvelopeLength;
+  static constexpr const char* kGatherPoint = "mnSReadMsg";
+  static constexpr const char* kReadPoint = "mnSRead";
+  static constexpr bool kResetBeforeTrace = false;
+  static int Convert(MQNode* node);
+  static int Deliver(PcfMessage* msg, MQNode* node);
+};
+
+bool IsDatagram(const MQNode* node) { return node->sock.type == SOCK_TYPE_DATAGRAM; }
+
+// Length of an idle buffer: a header on a stream, any one datagram on a datagram node.
+template <class Framing>
+uint32_t IdleLength(const MQNode* node) {
+  return IsDatagram(node) ? node->recvBuffer.capacity : Framing::kLength;
+}
+
+// Arms the receive buffer for the next message, as far as it has an area.
+template <class Framing>
+void Reset(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
+  ResetBuffer(buf, std::min(IdleLength<Framing>(node), buf->capacity));
+}
+
+// Arms an empty buffer that is not armed for this framing: the other one used it last, or it has no area, because there
+// was no memory when the node was created or the node is closed. Then it gets one. False without memory.
+template <class Framing>
+bool Rearm(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  if (buf->capacity == 0) CreateBuffer(buf, mq::kReceiveCapacity);
+  if (buf->capacity < Framing::kLength) return false;
+  Reset<Framing>(node);
+  return true;
+}
+
+// Ends a gather or a read with a failure that the next call cannot continue from. Always 0.
+template <class Framing>
+int Fail(MQNode* node, const char* point, int code) {
+  node->error = code;
+  mq::Trace(point, node);
+  Reset<Framing>(node);
+  return 0;
+}
+
+// Ends a gather whose receive failed; the bytes held stay when the socket would block. Always 0.
+template <class Framing>
+int FailReceive(MQNode* node) {
+  mq::CopySocketError(node);
+  if (Framing::kResetBeforeTrace && node->error != MQ_AGAIN) Reset<Framing>(node);
+  mq::Trace(Framing::kGatherPoint, node);
+  if (!Framing::kResetBeforeTrace && node->error != MQ_AGAIN) Reset<Framing>(node);
+  return 0;
+}
+
+// Receives until the buffer holds what it asks for; the first word is checked after each receive, and when nothing needs
+// to be received. On a datagram node one datagram is all.
+template <class Framing, bool kDatagram>
+int ReceiveAll(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  for (bool receive = buf->received < buf->length;; receive = true) {
+    if (receive && !mq::Receive(&node->sock, buf)) return FailReceive<Framing>(node);
+    if (kDatagram) buf->length = buf->received;
+    if (buf->received >= Framing::kLength && !mq::IsHeader(buf->data, Framing::kLength)) {
+      return Fail<Framing>(node, Framing::kGatherPoint, MQ_BAD_MESSAGE);
+    }
+    if (buf->received >= buf->length) return 1;
+  }
+}
+
+// Prepares the buffer and receives. A datagram node that holds a datagram receives nothing.
+template <class Framing, bool kDatagram>
+int Gather(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  node->error = MQ_OK;
+  if (kDatagram && buf->received == 0) buf->length = buf->capacity;
+  if (buf->length > buf->capacity || buf->capacity == 0) return Fail<Framing>(node, Framing::kGatherPoint, MQ_NO_ROOM);
+  return ReceiveAll<Framing, kDatagram>(node);
+}
+
+template <class Framing>
+int GatherAny(MQNode* node) {
+  return IsDatagram(node) ? Gather<Framing, true>(node) : Gather<Framing, false>(node);
+}
+
+template <class Framing>
+int EndRead(MQNode* node, int result) {
+  mq::Trace(Framing::kReadPoint, node);
+  return result;
+}
+
+// Reads one message. One whose two stages ended in this call runs the read's trace point twice.
+template <class Framing, bool kDatagram>
+[[gnu::flatten]] int Read(PcfMessage* msg, MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  node->error = MQ_OK;
+  const bool idle = buf->received == 0;
+  const uint32_t idleLength = kDatagram ? buf->capacity : Framing::kLength;
+  const bool armed = buf->length == idleLength && buf->capacity >= Framing::kLength;
+  if (idle && !armed && !Rearm<Framing>(node)) return Fail<Framing>(node, Framing::kReadPoint, MQ_NO_ROOM);
+  const bool inRest = !idle && !kDatagram && buf->length > Framing::kLength;
+  if (!Gather<Framing, kDatagram>(node)) return EndRead<Framing>(node, 0);
+  if (inRest) return Framing::Deliver(msg, node);
+
+  // A part of a message of the other framing may be shorter than a header.
+  const int code = buf->received >= Framing::kLength ? Framing::Convert(node) : MQ_BAD_MESSAGE;
+  if (code != MQ_OK) return Fail<Framing>(node, Framing::kReadPoint, code);
+  if (kDatagram) return Framing::Deliver(msg, node);
+  const bool whole = ReceiveAll<Framing, kDatagram>(node) != 0;
+  return EndRead<Framing>(node, whole ? Framing::Deliver(msg, node) : EndRead<Framing>(node, 0));
+}
+
+template <class Framing>
+int ReadAny(PcfMessage* msg, MQNode* node) {
+  return IsDatagram(node) ? Read<Framing, true>(msg, node) : Read<Framing, false>(msg, node);
+}
+
+// Makes the buffer ask for the whole message that a converted header announces. Returns 0 or the code to fail with.
+int ExpectMessage(MQNode* node, uint32_t framingLength, uint32_t hdrLength, uint32_t announced) {
+  IoBuffer* const buf = &node->recvBuffer;
+  if (hdrLength != framingLength) return MQ_BAD_MESSAGE;
+  const uint32_t total = mq::TotalLength(framingLength, announced);
+  if (total == 0) return MQ_BAD_MESSAGE;
+  if (IsDatagram(node) && total != buf->received) return MQ_BAD_MESSAGE;
+  if (buf->capacity < total) SizeBuffer(buf, total);
+  if (buf->capacity < total) return MQ_NO_ROOM;
+  buf->length = total;
+  return MQ_OK;
+}
+
+int PlainFraming::Convert(MQNode* node) {
+  IoBuffer* const buf = &node->recvBuffer;
+  // The companion gets a second area here, at a fixed distance that is part of its interface; nothing uses it.
   constexpr size_t kAuxOffset = 18496;
   PcfRawData raw;
   raw.data = buf->data;
-  raw.aux = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(buf->data) + kAuxOffset);  // beyond the area
+  raw.aux = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(buf->data) + kAuxOffset);
   raw.capacity = buf->capacity;
   raw.length = buf->received;
   if (!AlienToNative(&raw)) return MQ_BAD_MESSAGE;
   const MsgHeader* const header = mq::HeaderOf(buf->data);
-  return mq::ExpectMessage(node, kPlainFraming, header->hdrLength, header->bodyLength);
+  return ExpectMessage(node, kLength, header->hdrLength, header->bodyLength);
 }
 
-// Hands the message that the buffer holds to the host.
-[[gnu::always_inline]] inline int Deliver(PcfMessage* msg, MQNode* node) {
-  IoBuffer* const buf = &node->recvBuffer;
-  if (msg->raw.capacity < buf->received && !SizePcfMessage(msg, buf->received)) {
-    return mq::FailRead(node, kPlainFraming, MQ_NO_ROOM);
-  }
-  memcpy(msg->raw.data, buf->data, buf->received);
-  msg->raw.length = buf->received;
+int SignedFraming::Convert(MQNode* node) {
+  SecureHeader* const envelope = mq::EnvelopeOf(node->recvBuffer.data);
+  if (!AlienToNativeExt(envelope)) return MQ_BAD_MESSAGE;
+  return ExpectMessage(node, kLength, envelope->hdrLength, envelope->msgLength);
+}
+
+// Copies what the buffer holds behind the first skipped bytes to the message's raw form, and counts it. False without
+// memory.
+bool TakeRaw(PcfMessage* msg, MQNode* node, uint32_t skipped) {
+  const IoBuffer* const buf = &node->recvBuffer;
+  if (msg->raw.capacity < buf->received && !SizePcfMessage(msg, buf->received)) return false;
+  msg->raw.length = buf->received - skipped;
+  memcpy(msg->raw.data, buf->data + skipped, msg->raw.length);
   node->msgsRead += 1;
+  return true;
+}
+
+// Parses the raw form, whose header is native.
+int Parse(PcfMessage* msg, MQNode* node) {
   int result = AlienPcfToNative(msg);
   if (result) result = RawToPcf(msg);
   if (!result) node->error = MQ_BAD_BODY;
-  memcpy(msg->secHeader.userId, mq::HeaderOf(msg->raw.data)->userId, sizeof msg->secHeader.userId);
-  mq::ResetReceive(node, kPlainFraming);
-  mq::Trace(kPlainFraming.read, node);
   return result;
 }
 
-[[gnu::noinline]] int ReadDatagram(PcfMessage* msg, MQNode* node) {
-  return mq::ReadMessage<kPlainFraming, SOCK_TYPE_DATAGRAM, ConvertHeader, Deliver>(msg, node);
+int PlainFraming::Deliver(PcfMessage* msg, MQNode* node) {
+  if (!TakeRaw(msg, node, 0)) return Fail<PlainFraming>(node, kReadPoint, MQ_NO_ROOM);
+  const int result = Parse(msg, node);
+  memcpy(msg->secHeader.userId, mq::HeaderOf(msg->raw.data)->userId, sizeof msg->secHeader.userId);
+  Reset<PlainFraming>(node);
+  return EndRead<PlainFraming>(node, result);
+}
+
+bool Authenticate(PcfMessage* msg, const IoBuffer& received) {
+  IoBuffer signedPart = received;
+  signedPart.data += kEnvelopeLength;
+  signedPart.length -= kEnvelopeLength;
+  signedPart.capacity -= kEnvelopeLength;
+  return mqc_authenticate(&msg->secHeader, &signedPart, msg) != 0;
+}
+
+int SignedFraming::Deliver(PcfMessage* msg, MQNode* node) {
+  const IoBuffer* const buf = &node->recvBuffer;
+  if (!TakeRaw(msg, node, kEnvelopeLength)) return Fail<SignedFraming>(node, kReadPoint, MQ_NO_ROOM);
+  memcpy(&msg->secHeader, buf->data, kEnvelopeLength);
+  if (!Authenticate(msg, *buf)) return Fail<SignedFraming>(node, kReadPoint, MQ_NOT_AUTHENTIC);
+  if (!AlienToNative(&msg->raw)) {
+    DumpPcfMessage(msg);
+    return Fail<SignedFraming>(node, kReadPoint, MQ_BAD_MESSAGE);
+  }
+  Reset<SignedFraming>(node);
+  const int result = Parse(msg, node);
+  if (!result) DumpPcfMessage(msg);
+  return EndRead<SignedFraming>(node, result);
 }
 
 bool IsNonBlocking(const SockRec& sock) {
@@ -135,7 +273,7 @@ bool PeekHeader(MQNode* node, uint8_t* data) {
     if (!ReadSocket(sock, &peek)) return FailBrowse(node, sock->error);
     if (peek.received >= sizeof(uint32_t) && !mq::IsHeader(data, kHeaderLength)) break;
     if (peek.received >= kHeaderLength) return true;
-    if (looks > 1 && mq::IsDatagram(node)) break;  // it does not grow
+    if (looks > 1 && IsDatagram(node)) break;  // it does not grow
     if (ended) {
       mq::ReportFailure(sock, SOCK_PEER_CLOSED);
       return FailBrowse(node, sock->error);
@@ -163,11 +301,14 @@ bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
 
 }  // namespace
 
-int mnReadMsg(MQNode* node) { return mq::GatherAny<kPlainFraming>(node); }
+int mnReadMsg(MQNode* node) { return GatherAny<PlainFraming>(node); }
 
-int mnRead(PcfMessage* msg, MQNode* node) {
-  if (mq::IsDatagram(node)) return ReadDatagram(msg, node);
-  return mq::ReadMessage<kPlainFraming, SOCK_TYPE_STREAM, ConvertHeader, Deliver>(msg, node);
+int mnRead(PcfMessage* msg, MQNode* node) { return ReadAny<PlainFraming>(msg, node); }
+
+int mnSReadMsg(MQNode* node) { return GatherAny<SignedFraming>(node); }
+
+int mnSRead(PcfMessage* msg, MQNode* node, int secure, void*) {
+  return secure ? ReadAny<SignedFraming>(msg, node) : mnRead(msg, node);
 }
 
 int mnBrowse(PcfMessage* msg, MQNode* node) {

@@ -1,5 +1,5 @@
 // wire.hh - the two framings: how a header is recognised, measured and filled.
-// Not here: where the bytes come from (read.cc, secure_read.cc) and go to (compose.cc).
+// Not here: where the bytes come from (read.cc) and go to (compose.cc).
 #pragma once
 
 #include <cstdint>

@@ -30,13 +30,10 @@ int FailTransfer(SockRec* rec, const char* point, int code);
 // sendto to a destination that is resolved first; as send, with errno 89 when there is none.
 ssize_t SendTo(SockRec* rec, const IoBuffer* buf, SockAddrRec* destination);
 
-// kAnyType: of whatever type the record is when something has arrived; else a stream socket.
-template <bool kAnyType>
-[[gnu::always_inline]] inline int Receive(SockRec* rec, IoBuffer* buf) {
+inline int Receive(SockRec* rec, IoBuffer* buf) {
   constexpr const char* kAfter = "ReadSocket:After";
   BeginTransfer(rec, buf, "ReadSocket:Before");
-  sockaddr_in peer;
-  if (kAnyType) peer = {};
+  sockaddr_in peer = {};
   socklen_t peerLength = sizeof peer;
   const ssize_t got = recvfrom(rec->fd, buf->data + buf->received, buf->length - buf->received,
                                static_cast<int>(buf->flags), reinterpret_cast<sockaddr*>(&peer), &peerLength);
@@ -45,20 +42,11 @@ template <bool kAnyType>
   rec->error = 0;
   buf->received += static_cast<uint32_t>(got);
   rec->bytesReceived += static_cast<uint64_t>(got);
-  if (kAnyType && rec->type == SOCK_TYPE_DATAGRAM && peerLength != 0) {
-    IpAddrToSocketAddr(&rec->from, &peer, rec->from.protocol);
-  }
+  if (rec->type == SOCK_TYPE_DATAGRAM && peerLength != 0) IpAddrToSocketAddr(&rec->from, &peer, rec->from.protocol);
   return EndTransfer(rec, kAfter, 1);
 }
 
-// ReadSocket, inline for a stream socket without a trace callback, which could change the type.
-[[gnu::always_inline]] inline int ReceiveStream(SockRec* rec, IoBuffer* buf) {
-  if (rec->onTrace != nullptr) [[unlikely]]
-    return ReadSocket(rec, buf);
-  return Receive<false>(rec, buf);
-}
-
-[[gnu::always_inline]] inline int Send(SockRec* rec, IoBuffer* buf, SockAddrRec* destination) {
+inline int Send(SockRec* rec, IoBuffer* buf, SockAddrRec* destination) {
   constexpr const char* kAfter = "WriteSocket:After";
   BeginTransfer(rec, buf, "WriteSocket:Before");
   ssize_t taken;
