@@ -3,14 +3,12 @@
 // Invariant: the caller's record is read for the last time before delivery starts.
 #include "mqnode/compose.h"
 
-#include <emmintrin.h>
-
 #include <cstring>
 
 #include "mqnode/deliver.hh"
 #include "mqnode/node.hh"
 #include "mqnode/wire.hh"
-#include "runtime/text.hh"
+#include "sockutil/text.hh"
 
 namespace {
 
@@ -34,36 +32,8 @@ IoBuffer* NewDescriptor(MQNode* node) {
   return static_cast<IoBuffer*>(block);
 }
 
-int Discard(MQNode* node, IoBuffer* desc, int code) {
-  mq::Release(desc);
-  return Fail(node, code);
-}
-
 void CopyApplName(MsgHeader* header, const MQNode* node) {
   memcpy(header->applName, node->applName, sizeof header->applName);
-}
-
-// From a node's field, which a host may have written less than whole: what stands behind the terminator stays here.
-// One load of 16 bytes, which the node's record covers.
-void FillNodeUser(MsgHeader* header, const MQNode* node) {
-  static_assert(offsetof(MQNode, user) + sizeof(__m128i) <= sizeof(MQNode) && kUserLength == 12);
-  alignas(16) static constexpr uint8_t kKeep[32] = {255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255};
-  const __m128i text = _mm_loadu_si128(reinterpret_cast<const __m128i*>(node->user));
-  const int zeros = _mm_movemask_epi8(_mm_cmpeq_epi8(text, _mm_setzero_si128()));
-  const int length = __builtin_ctz(static_cast<unsigned>(zeros) | 1u << kUserLength);
-  const __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kKeep + kUserLength - length));
-  const __m128i field = _mm_and_si128(text, keep);
-  memcpy(header->userId, &field, kUserLength);
-}
-
-struct UserId {
-  char text[kUserLength];
-};
-
-[[gnu::noinline]] UserId TakeUser(const char* user) {
-  UserId taken;
-  mq::FillField(taken.text, user);
-  return taken;
 }
 
 void FillEnvelope(PcfMessage* msg, const MQNode* node) {
@@ -86,31 +56,24 @@ int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContex
   return mnSWriteMsg(msg, node, nullptr, user, secure, securityContext, highPriority);
 }
 
-// What mnWriteMsg does, inline for the writers that hosts call.
-[[gnu::always_inline]] inline int WritePlain(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user,
-                                             int highPriority) {
+int WritePlain(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int highPriority) {
   mq::Trace("mnWriteMsg", node);
-  // Another user may be text anywhere in the message, which changes from here on.
-  const bool asNode = user == node->user;
-  UserId other;
-  if (!asNode) other = TakeUser(user);
+  // The user may be text anywhere in the message, which changes from here on.
+  char userId[kUserLength];
+  mq::FillField(userId, user);
   node->error = MQ_OK;
   PcfRawData* const raw = &msg->raw;
   if (!IsWritable(*raw)) return Fail(node, MQ_BAD_MESSAGE);
   mq::FillHeader(raw);
   MsgHeader* const header = mq::HeaderOf(raw->data);
-  if (asNode) {
-    FillNodeUser(header, node);
-  } else {
-    memcpy(header->userId, other.text, sizeof other.text);
-  }
+  memcpy(header->userId, userId, sizeof userId);
   CopyApplName(header, node);
 
   IoBuffer* const desc = NewDescriptor(node);
   if (desc == nullptr) return 0;
   desc->length = raw->length;
   CreateBuffer(desc, raw->length);
-  if (desc->capacity < raw->length) return Discard(node, desc, MQ_AGAIN);
+  if (desc->capacity < raw->length) return mq::Drop(node, desc, MQ_AGAIN);
   memcpy(desc->data, raw->data, raw->length);
 
   const int result = mq::WriteToNode(node, to, desc, highPriority);
@@ -118,7 +81,7 @@ int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContex
   return result;
 }
 
-[[gnu::always_inline]] inline int WriteAsNode(PcfMessage* msg, MQNode* node, SockAddrRec* to) {
+int WriteAsNode(PcfMessage* msg, MQNode* node, SockAddrRec* to) {
   node->error = MQ_OK;
   return WritePlain(msg, node, to, node->user, 0);
 }
@@ -145,8 +108,8 @@ int mnSWriteMsgWithPriority(PcfMessage* msg, MQNode* node, SockAddrRec* to, cons
 
   IoBuffer* const desc = NewDescriptor(node);
   if (desc == nullptr) return 0;
-  if (!mqc_sign(securityContext, msg, desc)) return Discard(node, desc, MQ_NOT_SIGNED);
-  if (desc->length > MQ_MAX_MESSAGE) return Discard(node, desc, MQ_BAD_MESSAGE);
+  if (!mqc_sign(securityContext, msg, desc)) return mq::Drop(node, desc, MQ_NOT_SIGNED);
+  if (desc->length > MQ_MAX_MESSAGE) return mq::Drop(node, desc, MQ_BAD_MESSAGE);
   desc->received = 0;
 
   const int result = mq::WriteToNode(node, to, desc, highPriority);
@@ -161,7 +124,7 @@ int mnSWriteMsg(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user
 
 int mnWriteTo(PcfMessage* msg, MQNode* node, SockAddrRec* to) { return WriteAsNode(msg, node, to); }
 
-int mnWrite(PcfMessage* msg, MQNode* node) { return WriteAsNode(msg, node, nullptr); }
+[[gnu::flatten]] int mnWrite(PcfMessage* msg, MQNode* node) { return WriteAsNode(msg, node, nullptr); }
 
 int mnSWriteTo(PcfMessage* msg, MQNode* node, SockAddrRec* to, int secure, void* securityContext) {
   node->error = MQ_OK;

@@ -12,8 +12,8 @@
 #include "mqnode/read.h"
 #include "mqnode/wait.h"
 #include "mqnode/wire.hh"
-#include "runtime/text.hh"
 #include "socksin/connect.h"
+#include "sockutil/text.hh"
 
 namespace {
 

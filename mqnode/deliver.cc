@@ -20,13 +20,6 @@ uint32_t MarkOf(const IoBuffer* desc) { return static_cast<uint32_t>(reinterpret
 
 bool IsStream(const MQNode* node) { return node->sock.type == SOCK_TYPE_STREAM; }
 
-// Ends a write that cannot be carried further: the descriptor is released, the result is the operation's.
-int Drop(MQNode* node, IoBuffer* desc, int code) {
-  mq::Release(desc);
-  node->error = code;
-  return 0;
-}
-
 void CountDown(MQNode* node) {
   if (node->writesOutstanding > 0) node->writesOutstanding -= 1;
 }
@@ -58,8 +51,8 @@ bool Put(Queue* queue, void (*put)(Queue*, void*), IoBuffer* desc) {
 // Queues desc, which the queue then owns; without memory it is released, error is 11 and the result 0.
 int Enqueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc, void (*put)(Queue*, void*)) {
   IoBuffer* const kept = IsStream(node) || to == nullptr ? desc : KeepDestination(desc, *to);
-  if (kept == nullptr) return Drop(node, desc, MQ_AGAIN);
-  if (!Put(node->pending, put, kept)) return Drop(node, kept, MQ_AGAIN);
+  if (kept == nullptr) return mq::Drop(node, desc, MQ_AGAIN);
+  if (!Put(node->pending, put, kept)) return mq::Drop(node, kept, MQ_AGAIN);
   node->writesOutstanding += 1;
   return 1;
 }
@@ -71,7 +64,7 @@ int StartQueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc) {
     node->pending = Qalloc();
     SetNodeQLimit(node);
   }
-  if (node->pending == nullptr) return Drop(node, desc, MQ_AGAIN);
+  if (node->pending == nullptr) return mq::Drop(node, desc, MQ_AGAIN);
   if (!Enqueue(node, to, desc, Qput)) {
     if (Qdepth(node->pending) == 0) Qfree(&node->pending);
     return 0;
@@ -89,7 +82,7 @@ int SendQueued(MQNode* node, IoBuffer* desc) {
 int PutBack(MQNode* node, IoBuffer* desc) {
   if (Put(node->pending, Qputhead, desc)) return 1;
   CountDown(node);
-  return Drop(node, desc, MQ_AGAIN);
+  return mq::Drop(node, desc, MQ_AGAIN);
 }
 
 int FinishFailed(MQNode* node, IoBuffer* desc) {
@@ -97,7 +90,7 @@ int FinishFailed(MQNode* node, IoBuffer* desc) {
   mq::Trace("mnFinishWrite", node);
   if (node->error == MQ_AGAIN) return PutBack(node, desc);
   CountDown(node);
-  return Drop(node, desc, MQ_AGAIN);
+  return mq::Drop(node, desc, MQ_AGAIN);
 }
 
 }  // namespace
@@ -106,7 +99,7 @@ namespace mq {
 
 int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
   int queued = 0;
-  if (node->writeLimit > 0 && node->writesOutstanding >= node->writeLimit) {
+  if (IsAtWriteLimit(node)) {
     Drop(node, desc, MQ_WRITE_LIMIT);
   } else if (to == nullptr && !IsStream(node)) {
     // It could never be sent.

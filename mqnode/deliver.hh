@@ -7,9 +7,15 @@
 
 namespace mq {
 
-inline void Release(IoBuffer* desc) {
-  DeleteBuffer(desc);
-  FreeMemory(desc);
+// Ends a write that goes no further: the descriptor is released, and the result is the operation's.
+inline int Drop(MQNode* node, IoBuffer* desc, int code) {
+  Release(desc);
+  node->error = code;
+  return 0;
+}
+
+inline bool IsAtWriteLimit(const MQNode* node) {
+  return node->writeLimit > 0 && node->writesOutstanding >= node->writeLimit;
 }
 
 // A write that finds the limit reached or others waiting; takes desc as mnWriteToNode does.
@@ -19,10 +25,9 @@ int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority)
 int WriteUnfinished(MQNode* node, SockAddrRec* to, IoBuffer* desc, int taken);
 
 // What mnWriteToNode does.
-[[gnu::always_inline]] inline int WriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
+inline int WriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
   node->error = MQ_OK;
-  const bool limited = node->writeLimit > 0 && node->writesOutstanding >= node->writeLimit;
-  if (limited || node->pending != nullptr) [[unlikely]]
+  if (IsAtWriteLimit(node) || node->pending != nullptr) [[unlikely]]
     return WriteBehind(node, to, desc, highPriority);
   desc->sent = 0;
   desc->flags = 0;

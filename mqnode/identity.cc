@@ -13,7 +13,7 @@
 #include <cstring>
 
 #include "runtime/runtime.h"
-#include "runtime/text.hh"
+#include "sockutil/text.hh"
 
 char G_szApplName[49] = "";
 

@@ -21,6 +21,12 @@ inline void CreateReceiveBuffer(IoBuffer* buf, uint32_t length) {
   ResetBuffer(buf, std::min(length, buf->capacity));
 }
 
+// Releases a write descriptor.
+inline void Release(IoBuffer* desc) {
+  DeleteBuffer(desc);
+  FreeMemory(desc);
+}
+
 inline void CopySocketError(MQNode* node) { node->error = node->sock.error; }
 
 }  // namespace mq

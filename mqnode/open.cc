@@ -70,9 +70,7 @@ void mnClearPeningIO(MQNode* node) {
   if (node->pending == nullptr) return;
   while (Qdepth(node->pending) > 0) {
     auto* const desc = static_cast<IoBuffer*>(Qget(node->pending));
-    if (desc == nullptr) continue;
-    DeleteBuffer(desc);
-    FreeMemory(desc);
+    if (desc != nullptr) mq::Release(desc);
   }
   Qfree(&node->pending);
 }

@@ -66,10 +66,12 @@ void Reset(MQNode* node) {
   ResetBuffer(buf, std::min(IdleLength<Framing>(node), buf->capacity));
 }
 
+// Failures stay out of the reader, which is one function on the fast path.
+
 // Arms an empty buffer that is not armed for this framing: the other one used it last, or it has no area, because there
 // was no memory when the node was created or the node is closed. Then it gets one. False without memory.
 template <class Framing>
-bool Rearm(MQNode* node) {
+[[gnu::noinline]] bool Rearm(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   if (buf->capacity == 0) CreateBuffer(buf, mq::kReceiveCapacity);
   if (buf->capacity < Framing::kLength) return false;
@@ -79,7 +81,7 @@ bool Rearm(MQNode* node) {
 
 // Ends a gather or a read with a failure that the next call cannot continue from. Always 0.
 template <class Framing>
-int Fail(MQNode* node, const char* point, int code) {
+[[gnu::noinline]] int Fail(MQNode* node, const char* point, int code) {
   node->error = code;
   mq::Trace(point, node);
   Reset<Framing>(node);
@@ -88,7 +90,7 @@ int Fail(MQNode* node, const char* point, int code) {
 
 // Ends a gather whose receive failed; the bytes held stay when the socket would block. Always 0.
 template <class Framing>
-int FailReceive(MQNode* node) {
+[[gnu::noinline]] int FailReceive(MQNode* node) {
   mq::CopySocketError(node);
   if (Framing::kResetBeforeTrace && node->error != MQ_AGAIN) Reset<Framing>(node);
   mq::Trace(Framing::kGatherPoint, node);
@@ -96,11 +98,14 @@ int FailReceive(MQNode* node) {
   return 0;
 }
 
-// Receives until the buffer holds what it asks for; the first word is checked after each receive, and when nothing needs
-// to be received. On a datagram node one datagram is all.
+// Receives until the buffer holds what it asks for; on a datagram node one datagram, unless one is held already. The
+// first word is checked after each receive, and when nothing needs to be received.
 template <class Framing, bool kDatagram>
-int ReceiveAll(MQNode* node) {
+int Gather(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
+  node->error = MQ_OK;
+  if (kDatagram && buf->received == 0) buf->length = buf->capacity;
+  if (buf->length > buf->capacity || buf->capacity == 0) return Fail<Framing>(node, Framing::kGatherPoint, MQ_NO_ROOM);
   for (bool receive = buf->received < buf->length;; receive = true) {
     if (receive && !mq::Receive(&node->sock, buf)) return FailReceive<Framing>(node);
     if (kDatagram) buf->length = buf->received;
@@ -111,14 +116,14 @@ int ReceiveAll(MQNode* node) {
   }
 }
 
-// Prepares the buffer and receives. A datagram node that holds a datagram receives nothing.
-template <class Framing, bool kDatagram>
-int Gather(MQNode* node) {
-  IoBuffer* const buf = &node->recvBuffer;
-  node->error = MQ_OK;
-  if (kDatagram && buf->received == 0) buf->length = buf->capacity;
-  if (buf->length > buf->capacity || buf->capacity == 0) return Fail<Framing>(node, Framing::kGatherPoint, MQ_NO_ROOM);
-  return ReceiveAll<Framing, kDatagram>(node);
+// The second stage on a stream: the rest of a message whose header was checked and converted.
+template <class Framing>
+int GatherRest(MQNode* node) {
+  const IoBuffer* const buf = &node->recvBuffer;
+  while (buf->received < buf->length) {
+    if (!mq::Receive(&node->sock, &node->recvBuffer)) return FailReceive<Framing>(node);
+  }
+  return 1;
 }
 
 template <class Framing>
@@ -136,7 +141,6 @@ int EndRead(MQNode* node, int result) {
 template <class Framing, bool kDatagram>
 [[gnu::flatten]] int Read(PcfMessage* msg, MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
-  node->error = MQ_OK;
   const bool idle = buf->received == 0;
   const uint32_t idleLength = kDatagram ? buf->capacity : Framing::kLength;
   const bool armed = buf->length == idleLength && buf->capacity >= Framing::kLength;
@@ -149,7 +153,7 @@ template <class Framing, bool kDatagram>
   const int code = buf->received >= Framing::kLength ? Framing::Convert(node) : MQ_BAD_MESSAGE;
   if (code != MQ_OK) return Fail<Framing>(node, Framing::kReadPoint, code);
   if (kDatagram) return Framing::Deliver(msg, node);
-  const bool whole = ReceiveAll<Framing, kDatagram>(node) != 0;
+  const bool whole = GatherRest<Framing>(node) != 0;
   return EndRead<Framing>(node, whole ? Framing::Deliver(msg, node) : EndRead<Framing>(node, 0));
 }
 

@@ -9,7 +9,7 @@
 #include <cerrno>
 
 #include "runtime/runtime.h"
-#include "runtime/text.hh"
+#include "sockutil/text.hh"
 
 AlarmFn pSavedAlarm = nullptr;
 

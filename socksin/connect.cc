@@ -8,9 +8,9 @@
 
 #include <cerrno>
 
-#include "runtime/text.hh"
 #include "socksin/record.hh"
 #include "socksin/resolve.h"
+#include "sockutil/text.hh"
 
 namespace {
 

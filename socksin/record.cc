@@ -13,8 +13,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "runtime/text.hh"
 #include "socksin/record.hh"
+#include "sockutil/text.hh"
 
 SockTraceFn G_socket_trace = nullptr;
 

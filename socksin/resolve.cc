@@ -12,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "runtime/text.hh"
 #include "socksin/record.hh"
 #include "sockutil/sockutil.h"
+#include "sockutil/text.hh"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <ctime>
 
 #include "runtime/runtime.h"
-#include "runtime/text.hh"
+#include "sockutil/text.hh"
 
 namespace {
 

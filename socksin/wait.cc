@@ -121,8 +121,7 @@ bool Connects(const SockRec* rec) { return rec->connected == 0 && rec->type == S
 // Adds the sockets from index to before last to the sets and notes their descriptors in fds, up to the first that does
 // not fit; returns the index of that one, of the end of the list, or last. This runs for each socket of each wait: what
 // it needs stays in registers.
-template <bool kWrites>
-size_t AddFitting(Sets* sets, SockRec* const* list, size_t index, size_t last, int* fds) {
+size_t AddFitting(Sets* sets, SockRec* const* list, size_t index, size_t last, int* fds, bool writes) {
   const Sets known = *sets;
   int highest = known.highest;
   for (; index < last && list[index] != nullptr; ++index) {
@@ -134,34 +133,32 @@ size_t AddFitting(Sets* sets, SockRec* const* list, size_t index, size_t last, i
     const Place place(fd);
     Add(known.read, place);
     Add(known.except, place);
-    if (kWrites && Connects(rec)) Add(known.write, place);
+    if (writes && Connects(rec)) Add(known.write, place);
   }
   sets->highest = highest;
   return index;
 }
 
 // Any one socket; false without memory.
-template <bool kWrites>
-bool AddSocket(Sets* sets, const SockRec* rec) {
+bool AddSocket(Sets* sets, const SockRec* rec, bool writes) {
   if (rec->fd < 0) return true;
   if (!Reach(sets, rec->fd)) return false;
   const Place place(rec->fd);
   Add(sets->read, place);
   Add(sets->except, place);
-  if (kWrites && Connects(rec)) Add(sets->write, place);
+  if (writes && Connects(rec)) Add(sets->write, place);
   return true;
 }
 
 // Adds all sockets; returns how many there are, or -1 without memory.
-template <bool kWrites>
-int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch) {
+int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch, bool writes) {
   SockRec* const* const list = work->sockets;
   const auto last = static_cast<size_t>(work->size - 1);
   size_t index = 0;
   for (;; ++index) {
-    index = AddFitting<kWrites>(sets, list, index, std::min(last, kKnown), scratch->fd);
+    index = AddFitting(sets, list, index, std::min(last, kKnown), scratch->fd, writes);
     if (index >= last || list[index] == nullptr) break;
-    if (!AddSocket<kWrites>(sets, list[index])) return -1;
+    if (!AddSocket(sets, list[index], writes)) return -1;
     if (index < kKnown) scratch->fd[index] = list[index]->fd;
   }
   // Not watched.
@@ -268,6 +265,11 @@ void Collect(const Sets& sets, SockPostData* work, const Family& family, const S
   if (writes) ready.End(work->writable, ready.writable);
 }
 
+// free is never called with a null pointer: applications may interpose it.
+void Free(void* block) {
+  if (block != nullptr) free(block);
+}
+
 int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Family& family) {
   *status = 0;
   if (work->size < 1) {  // the lists have no room for a terminator
@@ -278,9 +280,7 @@ int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Fami
   Scratch scratch;
   Sets sets = RecordSets(work, &scratch);
   const bool added = !writes || AddWaitingWrites(&sets, work);
-  const int count = !added   ? -1
-                    : writes ? AddSockets<true>(&sets, work, &scratch)
-                             : AddSockets<false>(&sets, work, &scratch);
+  const int count = added ? AddSockets(&sets, work, &scratch, writes) : -1;
   int result = 0;
   if (count < 0) {
     *status = ENOMEM;
@@ -288,16 +288,8 @@ int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Fami
     Collect(sets, work, family, scratch, static_cast<size_t>(count));
     result = 1;
   }
-  if (sets.block != nullptr) free(sets.block);
+  Free(sets.block);
   return result;
-}
-
-// free is never called with a null pointer: applications may interpose it.
-template <typename T>
-void Free(T** block) {
-  if (*block == nullptr) return;
-  free(*block);
-  *block = nullptr;
 }
 
 }  // namespace
@@ -318,9 +310,9 @@ int InitSocketPostData(SockPostData* work, int size) {
 }
 
 void FreeSocketPostData(SockPostData* work) {
-  work->size = 0;
-  for (SockRec*** list : {&work->sockets, &work->readable, &work->writable, &work->exceptional}) Free(list);
-  for (fd_set** set : {&work->readSet, &work->writeSet, &work->exceptSet}) Free(set);
+  for (SockRec** list : {work->sockets, work->readable, work->writable, work->exceptional}) Free(list);
+  for (fd_set* set : {work->readSet, work->writeSet, work->exceptSet}) Free(set);
+  *work = SockPostData{};
 }
 
 int PostSocket(SockPostData* work, const PostTimeout* timeout, int* status) {

@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "runtime/text.hh"
+#include "sockutil/text.hh"
 
 namespace {
 

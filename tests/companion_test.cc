@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "companion/host.h"
-#include "runtime/text.hh"
+#include "sockutil/text.hh"
 #include "tests/support/sender.hh"
 
 // The system as the companion finds it: another time of day, a user without an entry or with this name, an iconv that

@@ -1,4 +1,4 @@
-// text.hh - fixed-size text fields: the one bounded copy that every room uses.
+// text.hh - fixed-size text fields: the one bounded copy that every module uses.
 #pragma once
 
 #include <cstddef>
