@@ -17,12 +17,14 @@ set(MQNODE_PCDIR ${MQNODE_LIBDIR}/pkgconfig)
 
 foreach(folder mqnode queue runtime sockutil socksin companion)
   install(DIRECTORY ${folder}/ DESTINATION ${MQNODE_INCLUDEDIR}/${folder} COMPONENT development
-    FILES_MATCHING PATTERN *.h PATTERN *.hpp)
+    FILES_MATCHING PATTERN *.h)
 endforeach()
+install(DIRECTORY cpp/mqnode/ DESTINATION ${MQNODE_INCLUDEDIR}/mqnode COMPONENT development)
 
-# In the build tree the headers are found from the top folder, in an installed one from include/mqnode-1.
+# In the build tree the headers are found from the top folder and from cpp/, in an installed one from include/mqnode-1.
 set_target_properties(mqnode mqcompanion PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+target_include_directories(mqnode_host INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/cpp>)
 set_target_properties(mqcompanion PROPERTIES EXPORT_NAME companion)
 set_target_properties(mqnode_host PROPERTIES EXPORT_NAME host)
 
