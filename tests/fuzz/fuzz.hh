@@ -1,4 +1,4 @@
-// fuzz.hh - what the targets share: the input as options and bytes, requirements, and the account of memory.
+// fuzz.hh - what the targets share: the input as options and bytes, requirements, allocations that fail.
 //
 // A target is one source with LLVMFuzzerTestOneInput. The first bytes of an input choose options, the code under test
 // gets the rest. The same input always does the same: no clock, no randomness, no network.
@@ -54,23 +54,6 @@ inline bool Same(Bytes a, Bytes b) { return std::equal(a.begin(), a.end(), b.beg
 struct Failing {
   explicit Failing(uint64_t nth) { mqc_fail_allocation(nth, 0); }
   ~Failing() { mqc_fail_allocation(0, 0); }
-};
-
-// Requires that what the companion allocated in its scope is released in it. The ring and the memory of accepted
-// messages belong to the process.
-class Account {
- public:
-  Account() : live_(Live()) { [[maybe_unused]] static const int quiet = mqc_log_to("/dev/null"); }
-  ~Account() { REQUIRE(Live() == live_); }
-
- private:
-  static uint64_t Live(const char* tag) {
-    MqcMemory memory;
-    mqc_memory(tag, &memory);
-    return memory.live_blocks;
-  }
-  static uint64_t Live() { return Live(nullptr) - Live("ring") - Live("replay"); }
-  uint64_t live_;
 };
 
 }  // namespace fuzz

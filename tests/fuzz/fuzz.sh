@@ -7,10 +7,9 @@ usage: ./run fuzz [--seconds N] [--coverage] [--choose N] [TARGET ...]
 
 Feeds invented inputs to everything that bytes or texts from outside reach, under the address and undefined-behaviour
 sanitizers, one target after another:
-  reader    reads and looks of plain and signed messages, streams and datagrams, with arrivals cut anywhere
-  message   conversion, parser, verifier, mqcat decode
+  reader    reads and looks of plain and signed messages, streams and datagrams, arrivals cut anywhere; the verifier
+  message   conversion, parser, mqcat decode
   keys      key and ring files
-  address   texts of addresses
   capture   the files that mqcat decode reads
   planted   a fault that has to be found, else the fuzzers find nothing
 
@@ -48,7 +47,7 @@ done
 ((${#targets[@]})) || mapfile -t targets < <(ls "$here/corpus")
 share=$((seconds / ${#targets[@]}))
 
-export ASAN_OPTIONS=quarantine_size_mb=16
+export ASAN_OPTIONS=quarantine_size_mb=16 MQCOMPANION_LOG=/dev/null
 limits=(-rss_limit_mb=1024 -malloc_limit_mb=160 -timeout=10)
 mkdir -p "$build/findings" "$build/logs"
 

@@ -187,7 +187,9 @@ class Session {
     REQUIRE(node_->msgsRead == before + counted);
     REQUIRE(error == MQ_AGAIN ? taken == begin_ + node_->recvBuffer.received : node_->recvBuffer.received == 0);
     if (!counted) return outcome;
-    if (!mixed_) CheckCounted(plan_.bytes.subspan(begin_, taken - begin_), secure, error == MQ_NOT_AUTHENTIC);
+    const fuzz::Bytes came = plan_.bytes.subspan(begin_, taken - begin_);
+    if (!mixed_) CheckCounted(came, secure, error == MQ_NOT_AUTHENTIC);
+    if (!mixed_ && secure && came.size() > fuzz::kTrailer) CheckAccepted(came, error != MQ_NOT_AUTHENTIC);
     if (outcome.result) fuzz::CheckDelivered(msg_);
     outcome.message.assign(msg_->raw.data, msg_->raw.data + msg_->raw.length);
     return outcome;
@@ -206,11 +208,19 @@ class Session {
     REQUIRE(memcmp(msg_->secHeader.userId, header.userId, sizeof header.userId) == 0);
   }
 
-  const fuzz::Account account_;
+  // What has to be accepted is accepted once.
+  void CheckAccepted(fuzz::Bytes came, bool accepted) {
+    const std::optional<bool> acceptable = fuzz::IsAcceptable(came);
+    const std::string mark = fuzz::TextOf(came.last(fuzz::kTrailer).first(fuzz::kSignature));
+    const bool first = accepted ? seen_.insert(mark).second : !seen_.contains(mark);
+    REQUIRE(accepted ? first && acceptable.value_or(true) : !first || nth() != 0 || !acceptable.value_or(false));
+  }
+
   const Plan& plan_;
   Wire wire_;
   PcfMessage* msg_;
-  MQNode* node_ = nullptr;  // null when there was no memory for one
+  std::set<std::string> seen_;  // trailers but for their signatures
+  MQNode* node_ = nullptr;      // null when there was no memory for one
   size_t call_ = 0;
   // The message that is being read: where it begins, its framing, and whether it was also read in the other one.
   size_t begin_ = 0;

@@ -32,8 +32,8 @@ void PutMessages(Form form) {
   Put("reader", name + "-datagrams", {1, 4, 0, 1, static_cast<int>(message.size())}, message + message);
   Put("reader", name + "-signed-datagram", {35, 12, 0, 0}, to_sign);
   Put("message", name, {0}, message);
-  Put("message", name + "-signed", {4}, to_sign);
-  Put("message", name + "-stream", {4}, message + "?" + to_sign);
+  Put("message", name + "-signed", {0}, to_sign);
+  Put("message", name + "-stream", {0}, message + "?" + to_sign);
 }
 
 // On both sides of every bound.
@@ -44,7 +44,7 @@ void PutBounds() {
   }
   for (const int seconds : {-301, -300, 300, 301}) {
     const Bytes message = ToSign({}, Plain({}, Body({}, "late"), "alice"), seconds);
-    Put("message", std::to_string(seconds) + "-seconds-off", {4}, message);
+    Put("reader", std::to_string(seconds) + "-seconds-off", {34, 0, 0, 0}, message);
   }
 }
 
