@@ -1,4 +1,4 @@
-// capture.cc - files for mqcat decode. What comes out is bounded by what went in; a dump that mqcat writes is read back.
+// capture.cc - files for mqcat decode. The input bounds the output; a dump that mqcat writes is read back.
 #include "tools/mqcat/capture.hh"
 
 #include "tests/fuzz/fuzz.hh"

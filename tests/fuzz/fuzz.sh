@@ -19,8 +19,8 @@ sanitizers, one target after another:
                 all but the found-* and seed-* ones; before, copy a finding there as found-SOMETHING
 
 What is learnt is kept in build/fuzz/corpus and used by the next run; inputs that break something are saved in
-build/fuzz/findings, and build/fuzz/bin/fuzz_TARGET FILE repeats one. Ends with 1 when anything was found, or the planted
-fault was not. A target uses at most 1 GiB of memory, an input 10 seconds.
+build/fuzz/findings, and build/fuzz/bin/fuzz_TARGET FILE repeats one. Ends with 1 when anything was found, or the
+planted fault was not. A target uses at most 1 GiB of memory, an input 10 seconds.
 TEXT
 }
 

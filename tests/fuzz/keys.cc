@@ -1,5 +1,6 @@
-// keys.cc - key files and ring files. The companion takes a file exactly when mqc_key_read takes each of its lines and
-// they agree with each other; a key that was written is read back; mqcat shows no key that is marked as secret.
+// keys.cc - key files and ring files. The companion takes no file of which mqc_key_read refuses a line, a signer exactly
+// when one line is right for it, and no secret key into the ring; a key that was written is read back; mqcat shows no
+// key that is marked as secret.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,9 +21,8 @@ bool SameKey(const MqcKey& a, const MqcKey& b) { return memcmp(a.key, b.key, siz
 bool ReadLines(fuzz::Bytes bytes, Keys* keys) {
   while (!bytes.empty()) {
     const auto end = std::find(bytes.begin(), bytes.end(), '\n');
-    std::vector<char> line(bytes.begin(), end);
-    line.push_back('\0');
-    line.shrink_to_fit();
+    std::vector<char> line(static_cast<size_t>(end - bytes.begin()) + 1);
+    std::copy(bytes.begin(), end, line.begin());
     bytes = bytes.subspan(std::min(line.size(), bytes.size()));
     MqcKey key, again;
     if (strlen(line.data()) + 1 != line.size() || !mqc_key_read(line.data(), &key)) return false;

@@ -1,7 +1,7 @@
 // mutate.cc - invents inputs. Half of the changes are libFuzzer's own, or a random byte where it is not linked. The
 // others know the layout of a message: they cut it where one of its parts begins, or next to that, or set a word there
-// to the number of bytes behind it, or one off. Then most of them let header and envelope announce what is there, so that
-// the parser sees the fault.
+// to the number of bytes behind it, or one off. Then most of them let header and envelope announce what is there, so
+// that the parser sees the fault.
 #include <cstring>
 #include <random>
 

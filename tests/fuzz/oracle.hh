@@ -1,5 +1,5 @@
-// oracle.hh - what a message has to become, and signatures for bytes that a fuzzer chose: it never guesses one, so the
-// targets sign as alice on its behalf.
+// oracle.hh - what becomes of a message, and signatures for bytes that a fuzzer chose: it never guesses one, so that
+// the reader's target signs as alice on its behalf.
 #pragma once
 
 #include <cstring>
@@ -96,7 +96,7 @@ inline void BeginSigned() {
   mqc_reset_replay(0);
 }
 
-// The trailer with which alice signs the part behind an envelope but for its trailer; time and nonce are those in there.
+// The trailer with which alice signs a message; part is what follows the envelope, with the trailer's time and nonce.
 inline std::string TrailerOf(Bytes part) {
   const std::string plain = TextOf(part.first(part.size() - kTrailer)), trailer = TextOf(part.last(kTrailer));
   uint64_t time = 0;
@@ -105,7 +105,7 @@ inline std::string TrailerOf(Bytes part) {
   return whole.substr(whole.size() - kTrailer);
 }
 
-// Signs all messages with envelopes from the front of a stream on, but for their marks. The last two bytes of a trailer's
+// Signs all messages with envelopes from the front of a stream on; their marks stay. The last two bytes of a trailer's
 // time are seconds before or after the present.
 inline void Seal(std::span<uint8_t> stream) {
   SecureHeader envelope;

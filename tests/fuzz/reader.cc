@@ -1,6 +1,6 @@
 // reader.cc - the reads and looks of the library, while a peer's bytes arrive in pieces. After each call result, error
-// and counters fit what was received and delivered. Then the bytes are read once more in one piece, without looks and by
-// a new node for each message, with the same outcome.
+// and counters fit what was received and delivered, and a signed message is accepted exactly when it has to be. Then the
+// bytes are read again in one piece, without looks and by a new node for each message, with the same outcome.
 //
 // The program defines recvfrom, poll and nanosleep, to which libmqnode binds: time passes, and the next piece arrives,
 // only where a reader finds nothing to receive or pauses.

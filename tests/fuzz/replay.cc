@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     const bool fixed = path.filename().string().starts_with("found-");
     for (unsigned change = 0; change <= (fixed ? 0 : kChanges); ++change) {
       std::vector<uint8_t> input = bytes;
-      for (unsigned more = 0; more < change % 5; ++more) {
+      for (unsigned more = change; more != 0; more /= 4) {
         input.resize(LLVMFuzzerCustomMutator(input.data(), input.size(), input.size(), static_cast<unsigned>(rand())));
       }
       LLVMFuzzerTestOneInput(fuzz::Copy(input).data(), input.size());

@@ -1,5 +1,5 @@
-// seeds.cc - writes the messages that fuzzing begins with: DIRECTORY/TARGET/NAME. They come from tests/support/sender.hh
-// in every form, signed ones without their signature, which the targets put in.
+// seeds.cc - writes the messages that fuzzing begins with: DIRECTORY/TARGET/NAME. tests/support/sender.hh makes them in
+// every form, signed ones without their signature, which reader.cc puts in.
 #include <filesystem>
 #include <fstream>
 
