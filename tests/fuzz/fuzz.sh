@@ -80,6 +80,7 @@ choose_inputs() {
 # Counted by the compiler in a build without sanitizers: their checks are no branches of the code.
 report_coverage() {
   local built=$build-coverage target objects=()
+  rm -f "$built"/*.profile
   for target in "${targets[@]}"; do
     LLVM_PROFILE_FILE=$built/$target.profile "$built/bin/fuzz_$target" "$build/corpus/$target" >"$built/replay.log" 2>&1
     objects+=(-object "$built/bin/fuzz_$target")
