@@ -5,8 +5,8 @@ usage() {
   cat <<'TEXT'
 usage: ./run fuzz [--seconds N] [--coverage] [--choose N] [TARGET ...]
 
-Feeds invented inputs to everything that bytes or texts from outside reach, under the address and undefined-behaviour
-sanitizers, one target after another:
+Feeds invented inputs to everything that reads messages, key files or captures, under the address and
+undefined-behaviour sanitizers, one target after another:
   reader    reads and looks of plain and signed messages, streams and datagrams, arrivals cut anywhere; the verifier
   message   conversion, parser, mqcat decode
   keys      key and ring files
