@@ -1,57 +1,59 @@
-// fuzz.hh - what every target stands on: the input as options and bytes, promises, and the account of memory.
+// fuzz.hh - what the targets share: the input as options and bytes, requirements, allocations that fail.
 //
-// A target is one source with LLVMFuzzerTestOneInput. The first bytes of an input choose options, the rest is what the
-// code under test meets. The same input always does the same: no clock, no randomness, no network.
+// A target is one source with LLVMFuzzerTestOneInput. The first bytes of an input choose options, the code under test
+// gets the rest. The same input always does the same: no clock, no randomness, no network.
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "companion/host.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+// Ends the process, which the fuzzer and the tests count as a finding.
+#define REQUIRE(condition) ((condition) ? void() : fuzz::Fail(#condition, __FILE__, __LINE__))
 
 namespace fuzz {
 
 using Bytes = std::span<const uint8_t>;
 
-// Says which promise was broken and ends the process, which the fuzzer and the tests count as a finding.
-[[noreturn]] void Broken(const char* promise, const char* file, int line);
-#define HOLDS(promise) (static_cast<bool>(promise) ? void() : ::fuzz::Broken(#promise, __FILE__, __LINE__))
+[[noreturn]] inline void Fail(const char* condition, const char* file, int line) {
+  fprintf(stderr, "%s:%d: requirement failed: %s\n", file, line, condition);
+  abort();
+}
 
-// Hands the input out from the front; behind its end there are zeros.
+// Splits an input from its front; behind its end are zeros.
 class Input {
  public:
   Input(const uint8_t* data, size_t size) : rest_(data, size) {}
-  uint8_t Byte();
-  Bytes Take(size_t size);  // at most that many
+  uint8_t Byte() { return rest_.empty() ? 0 : Take(1)[0]; }
+  Bytes Take(size_t most) {
+    const Bytes taken = rest_.first(std::min(most, rest_.size()));
+    rest_ = rest_.subspan(taken.size());
+    return taken;
+  }
   Bytes Rest() { return Take(rest_.size()); }
 
  private:
   Bytes rest_;
 };
 
-// A copy in a block of exactly this size, so that the first byte beyond it is noticed.
+// A copy in a block of exactly this size, so that the sanitizer sees an access to the first byte beyond it.
 inline std::vector<uint8_t> Copy(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
-
+inline std::string TextOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
 inline bool Same(Bytes a, Bytes b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
-inline std::string_view TextOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
-
-// Every block of the companion that was allocated in its scope has to be released in it, but for the ring and the
-// memory of seen messages, which belong to the process. No allocation fails before and behind it.
-class Account {
- public:
-  Account();
-  ~Account();
-  Account(const Account&) = delete;
-  Account& operator=(const Account&) = delete;
-
- private:
-  uint64_t live_;
+// Lets the companion's nth allocation in its scope fail; 0 for none. A temporary lasts for one expression:
+//   (fuzz::Failing(nth), function())
+struct Failing {
+  explicit Failing(uint64_t nth) { mqc_fail_allocation(nth, 0); }
+  ~Failing() { mqc_fail_allocation(0, 0); }
 };
 
 }  // namespace fuzz

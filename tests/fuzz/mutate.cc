@@ -1,58 +1,42 @@
-// mutate.cc - invents inputs for the fuzzers. Half of the changes are libFuzzer's own. The others know what a message
-// is: they cut it where one of its parts begins or ends, or next to that, or set one of its lengths to what is left, or
-// next to it; then most of them let header and envelope announce what is there, so that the parser sees the fault.
+// mutate.cc - invents inputs. Half of the changes are libFuzzer's own, or a random byte where it is not linked. The
+// others know the layout of a message: they cut it where one of its parts begins, or next to that, or set a word there
+// to the number of bytes behind it, or one off. Then most of them let header and envelope announce what is there, so
+// that the parser sees the fault.
 #include <cstring>
-#include <optional>
 #include <random>
 
-#include "runtime/message.h"
-#include "tests/fuzz/fuzz.hh"
+#include "tests/fuzz/oracle.hh"
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t most);
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed);
 
 namespace {
 
-using Random = std::minstd_rand;
+using fuzz::kEnvelope;
+using fuzz::kHeader;
 
-constexpr size_t kHeader = sizeof(MsgHeader);
-constexpr size_t kEnvelope = sizeof(SecureHeader);
-constexpr size_t kTrailer = 96;
-constexpr size_t kParamHead = 12;  // id, type, length
-
-struct Message {
-  size_t begin;  // of the header
-  size_t end;    // of the body
-  bool big;
-  bool enveloped;
-  std::vector<size_t> places;   // where a part begins or ends
-  std::vector<size_t> lengths;  // words: the number of parameters, the lengths of parameters
-};
-
-class Input {
+class Mutation {
  public:
-  Input(uint8_t* data, size_t size, size_t most, unsigned seed)
-      : data_(data), size_(size), most_(most), random_(seed) {}
+  Mutation(uint8_t* data, size_t size, unsigned seed) : data_(data), size_(size), random_(seed) {}
 
-  size_t Mutate() {
-    if (Below(2) == 0) {
-      size_ = LLVMFuzzerMutate(data_, size_, most_);
-      if (const auto message = Choose(); message && Below(2) == 0) {
-        const size_t back = message->enveloped ? kTrailer : 0;
-        if (size_ >= message->begin + kHeader + back) Fit(*message, size_ - back);
-      }
-    } else if (const auto message = Choose()) {
-      const size_t end = Below(2) == 0 ? Cut(*message) : SetLength(*message);
-      if (Below(4) != 0) Fit(*message, end);
-    } else {
-      size_ = LLVMFuzzerMutate(data_, size_, most_);
+  size_t Mutate(size_t most) {
+    const bool found = FindMessage();
+    if (!found || Below(2) == 0) {
+      end_ -= size_;
+      size_ = LLVMFuzzerMutate(data_, size_, most);
+      end_ += size_;
+    } else if (Below(2) == 0) {
+      Cut(std::clamp(Place() + Below(3), begin_ + 5, end_ + 1) - 1);
+    } else if (const size_t word = Place(); word + 4 <= end_) {
+      Store(word, big_, (Below(2) == 0 ? end_ - word - 4 : Load(word, big_)) + Below(3) - 1);
     }
+    if (found && Below(4) != 0) Fit();
     return size_;
   }
 
  private:
   size_t Below(size_t bound) { return random_() % bound; }
-
+  size_t Place() { return places_[Below(places_.size())]; }
   uint32_t Load(size_t at, bool big) const {
     uint32_t word;
     memcpy(&word, data_ + at, sizeof word);
@@ -63,73 +47,56 @@ class Input {
     const uint32_t stored = big ? __builtin_bswap32(word) : word;
     memcpy(data_ + at, &stored, sizeof stored);
   }
-  bool IsHeader(size_t at, uint32_t length) const { return Load(at, false) == length || Load(at, true) == length; }
+  bool IsLength(size_t at, uint32_t length) const { return Load(at, false) == length || Load(at, true) == length; }
 
-  // One of the messages whose header is in the input.
-  std::optional<Message> Choose() {
+  // Picks a message: its header and body, without envelope and trailer.
+  bool FindMessage() {
     std::vector<size_t> headers;
     for (size_t at = 0; at + kHeader <= size_; ++at) {
-      if (IsHeader(at, kHeader)) headers.push_back(at);
+      if (IsLength(at, kHeader)) headers.push_back(at);
     }
-    if (headers.empty()) return std::nullopt;
-    return Walk(headers[Below(headers.size())]);
+    if (headers.empty()) return false;
+    begin_ = headers[Below(headers.size())];
+    big_ = Load(begin_, true) == kHeader;
+    const size_t body = begin_ + kHeader;
+    end_ = std::min<size_t>(size_, body + Load(begin_ + offsetof(MsgHeader, bodyLength), big_));
+    places_ = {begin_, body, body + 4, end_};
+    for (size_t at = body + 8; at + 12 <= end_;) {
+      places_.insert(places_.end(), {at, at + 8, at + 12});
+      const size_t stored = Load(at + 8, big_) + (Load(at + 4, big_) == MQC_TEXT ? size_t{4} : 3);
+      at += 12 + stored / 4 * 4;
+    }
+    return true;
   }
 
-  Message Walk(size_t begin) const {
-    const bool big = Load(begin, true) == kHeader;
-    const size_t body = begin + kHeader;
-    const size_t end = std::min<size_t>(size_, body + Load(begin + offsetof(MsgHeader, bodyLength), big));
-    const bool enveloped = begin >= kEnvelope && IsHeader(begin - kEnvelope, kEnvelope);
-    Message message = {begin, end, big, enveloped, {begin, body, end}, {}};
-    if (body + 8 > end) return message;
-    message.lengths.push_back(body + 4);
-    for (size_t at = body + 8; at + kParamHead <= end;) {
-      const size_t value = at + kParamHead;
-      const size_t next = value + ((size_t{Load(at + 8, big)} + (Load(at + 4, big) == 3 ? 4 : 3)) & ~size_t{3});
-      message.lengths.push_back(at + 8);
-      message.places.insert(message.places.end(), {at, value, std::min(next, end)});
-      at = next;
-    }
-    return message;
-  }
-
-  // Takes out what is between a place and the end of the message, or one byte there. The new end.
-  size_t Cut(const Message& message) {
-    const size_t place = message.places[Below(message.places.size())] + Below(3);
-    const size_t from = std::clamp(place == 0 ? 0 : place - 1, message.begin + 4, message.end);
-    const size_t cut = Below(4) == 0 ? std::min<size_t>(1, message.end - from) : message.end - from;
+  // Takes out what is between this place and the end of the message, or one byte.
+  void Cut(size_t from) {
+    const size_t cut = Below(4) == 0 ? std::min<size_t>(1, end_ - from) : end_ - from;
     memmove(data_ + from, data_ + from + cut, size_ - from - cut);
     size_ -= cut;
-    return message.end - cut;
-  }
-
-  // Sets a length to what is left behind it, to what it was, or to nothing: exactly, or one more or less.
-  size_t SetLength(const Message& message) {
-    if (message.lengths.empty()) return message.end;
-    const size_t at = message.lengths[Below(message.lengths.size())];
-    const size_t values[] = {message.end - at - 4, Load(at, message.big), 0};
-    Store(at, message.big, values[Below(3)] + Below(3) - 1);
-    return message.end;
+    end_ -= cut;
   }
 
   // Lets header and envelope announce a body that ends there.
-  void Fit(const Message& message, size_t end) {
-    if (end < message.begin + kHeader) return;
-    Store(message.begin + offsetof(MsgHeader, bodyLength), message.big, end - message.begin - kHeader);
-    if (!message.enveloped) return;
-    const size_t envelope = message.begin - kEnvelope;
-    const size_t back = std::min(kTrailer, size_ - end);
-    Store(envelope + offsetof(SecureHeader, msgLength), Load(envelope, true) == kEnvelope, end + back - message.begin);
+  void Fit() {
+    if (end_ < begin_ + kHeader || end_ > size_) return;
+    Store(begin_ + offsetof(MsgHeader, bodyLength), big_, end_ - begin_ - kHeader);
+    if (begin_ < kEnvelope || !IsLength(begin_ - kEnvelope, kEnvelope)) return;
+    const bool big = Load(begin_ - kEnvelope, true) == kEnvelope;
+    const size_t length = end_ - begin_ + std::min(fuzz::kTrailer, size_ - end_);
+    Store(begin_ - kEnvelope + offsetof(SecureHeader, msgLength), big, length);
   }
 
   uint8_t* data_;
   size_t size_;
-  const size_t most_;
-  Random random_;
+  std::minstd_rand random_;
+  size_t begin_ = 0, end_ = 0;
+  bool big_ = false;
+  std::vector<size_t> places_;  // where parts begin; lengths of parameters are words at such places
 };
 
 }  // namespace
 
 size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed) {
-  return Input(data, size, most, seed).Mutate();
+  return Mutation(data, size, seed).Mutate(most);
 }

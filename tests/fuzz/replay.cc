@@ -1,36 +1,40 @@
-// replay.cc - main of the targets where no fuzzer is linked: runs the inputs in the files and folders of its arguments.
-#include <algorithm>
-#include <cstdio>
+// replay.cc - main of the targets where no fuzzer is linked: runs each input in the folders of its arguments, then, but
+// for those that once found something, with some changes, which are the same every time.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include "tests/fuzz/fuzz.hh"
 
-namespace {
+extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t most);
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed);
 
-std::vector<std::filesystem::path> FilesOf(const std::filesystem::path& path) {
-  if (!std::filesystem::is_directory(path)) return {path};
-  std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(path)) files.push_back(entry.path());
-  std::sort(files.begin(), files.end());
-  return files;
+size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t) {
+  if (size != 0) data[static_cast<size_t>(rand()) % size] = static_cast<uint8_t>(rand());
+  return size;
 }
 
-}  // namespace
-
 int main(int argc, char** argv) {
-  size_t count = 0;
+  constexpr unsigned kChanges = 100;
+  std::vector<std::filesystem::path> files;
+  std::error_code absent;
   for (int i = 1; i < argc; ++i) {
-    for (const auto& path : FilesOf(argv[i])) {
-      std::ifstream file(path, std::ios::binary);
-      if (!file) return fprintf(stderr, "%s cannot be read\n", path.c_str()), 2;
-      fprintf(stderr, "%s\n", path.c_str());
-      const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
-      LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-      ++count;
+    std::copy(std::filesystem::directory_iterator(argv[i], absent), {}, std::back_inserter(files));
+  }
+  std::sort(files.begin(), files.end());
+  for (const auto& path : files) {
+    fprintf(stderr, "%s\n", path.c_str());
+    std::ifstream file(path, std::ios::binary);
+    const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
+    const bool fixed = path.filename().string().starts_with("found-");
+    for (unsigned change = 0; change <= (fixed ? 0 : kChanges); ++change) {
+      std::vector<uint8_t> input = bytes;
+      for (unsigned more = change; more != 0; more /= 4) {
+        input.resize(LLVMFuzzerCustomMutator(input.data(), input.size(), input.size(), static_cast<unsigned>(rand())));
+      }
+      LLVMFuzzerTestOneInput(fuzz::Copy(input).data(), input.size());
     }
   }
-  printf("%zu inputs\n", count);
-  return count == 0 ? 2 : 0;
+  printf("%zu inputs\n", files.size());
+  return files.empty() ? 2 : 0;
 }
