@@ -1,18 +1,16 @@
-// calls.cc - the tables, and what nm says of the library.
-#include "tests/faults/calls.hh"
-
+// calls.cc - the calls that the library makes outside itself: which can fail and how, which cannot and why.
 #include <dlfcn.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
-#include "mqnode/mqnode.h"
+#include "tests/faults/faults.hh"
 
 namespace faults {
 
 namespace {
+
+constexpr int kCuts[] = {1, 7};  // bytes
 
 const FailingCall kFailing[] = {
     {"socket", {EMFILE, ENFILE, ENOBUFS, ENOMEM, EACCES, EAFNOSUPPORT}},
@@ -25,11 +23,12 @@ const FailingCall kFailing[] = {
      {EINTR, EAGAIN, ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTO, EPERM, ENETDOWN, ETIMEDOUT, EBADF}},
     {"send",
      {EINTR, EAGAIN, ECONNRESET, EPIPE, ENOBUFS, ENOMEM, ENETDOWN, ENETUNREACH, EHOSTUNREACH, ETIMEDOUT, ENOTCONN,
-      EBADF}},
+      EBADF, Cut(kCuts[0]), Cut(kCuts[1])}},
     {"sendto",
      {EINTR, EAGAIN, ENOBUFS, ENOMEM, EMSGSIZE, ECONNREFUSED, ENETDOWN, ENETUNREACH, EHOSTUNREACH, EPERM, EBADF}},
     {"recvfrom",
-     {EINTR, EAGAIN, ECONNRESET, ECONNREFUSED, ECONNABORTED, ETIMEDOUT, ENOTCONN, ENOMEM, ENOBUFS, EBADF, kZero}},
+     {EINTR, EAGAIN, ECONNRESET, ECONNREFUSED, ECONNABORTED, ETIMEDOUT, ENOTCONN, ENOMEM, ENOBUFS, EBADF, kZero,
+      Cut(kCuts[0]), Cut(kCuts[1])}},
     {"select", {EINTR, ENOMEM, EBADF, EINVAL, kZero}},
     {"setsockopt", {ENOPROTOOPT, EINVAL, EDOM, ENOMEM, ENOBUFS, EBADF}},
     {"getsockopt", {ENOPROTOOPT, EINVAL, EBADF}},
@@ -55,100 +54,71 @@ const FailingCall kFailing[] = {
     {kAllocation, {ENOMEM}},
 };
 
-constexpr std::string_view kPure = "works on memory alone";
-constexpr std::string_view kRuntime = "the C runtime's own";
-
-const SafeCall kSafe[] = {
-    {"alarm", "has no failure"},
-    {"atoi", kPure},
-    {"atol", kPure},
-    {"bcmp", kPure},
-    {"ctime", "null only for a year that no date has, which socket_test answers with Platform::SetTime(kNoDate)"},
-    {"ctype_b_loc", kPure},
-    {"cxa_finalize", kRuntime},
-    {"errno_location", kRuntime},
-    {"fileno", kPure},
-    {"free", "has no failure"},
-    {"fstat", "counts as a file of another user, which node_test plants"},
-    {"getauxval", kPure},
-    {"getenv", "null is an answer: the variable is not set"},
-    {"geteuid", "has no failure"},
-    {"getpid", "has no failure"},
-    {"getuid", "has no failure"},
-    {"htonl", kPure},
-    {"htons", kPure},
-    {"inet_addr", kPure},
-    {"inet_ntoa", kPure},
-    {"ioctl", "FIOCLEX fails only for a descriptor that is not open"},
-    {"lstat", "a failure says that nothing is there"},
-    {"memcmp", kPure},
-    {"memcpy", kPure},
-    {"memmove", kPure},
-    {"memset", kPure},
-    {"ntohl", kPure},
-    {"ntohs", kPure},
-    {"printf", "says what went wrong to whoever looks; whether it got there changes nothing"},
-    {"putchar", "as printf"},
-    {"puts", "as printf"},
-    {"signal", "fails only for numbers that are no signals; the library names SIGALRM"},
-    {"sleep", "when a signal cuts it short the next check comes earlier"},
-    {"snprintf", "formats whole numbers and bounded texts into areas of fixed size"},
-    {"stack_chk_fail", kRuntime},
-    {"stpcpy", kPure},
-    {"strcat", kPure},
-    {"strcmp", kPure},
-    {"strcpy", kPure},
-    {"strlen", kPure},
-    {"strncpy", kPure},
-    {"strnlen", kPure},
-    {"strtol", kPure},
-    {"time", "fails only for a place that cannot be written; the library gives none"},
-    {"tls_get_addr", kRuntime},
+const SafeCalls kSafe[] = {
+    {"work on memory alone",
+     "atoi atol bcmp ctype_b_loc errno_location fileno htonl htons inet_addr inet_ntoa memcmp memcpy memmove memset "
+     "ntohl ntohs snprintf stpcpy strcat strcmp strcpy strlen strncpy strnlen strtol"},
+    {"have no failure", "alarm free getenv geteuid getpid getuid"},
+    {"have no failure with the arguments that the library gives", "ioctl signal time"},
+    {"say what went wrong, or pause: their failure changes nothing", "printf putchar puts sleep"},
+    {"fail in node_test and socket_test", "ctime fstat lstat"},
+    {"are the C runtime's own", "cxa_finalize getauxval stack_chk_fail tls_get_addr"},
 };
 
 // "__isoc23_strtol" and "__snprintf_chk" are other names of strtol and snprintf.
-std::string PlainName(std::string name) {
+std::string PlainName(std::string_view name) {
   for (const std::string_view prefix : {"__isoc23_", "__"}) {
-    if (name.starts_with(prefix)) name.erase(0, prefix.size());
+    if (name.starts_with(prefix)) name.remove_prefix(prefix.size());
   }
-  if (name.ends_with("_chk")) name.erase(name.size() - 4);
-  return name;
+  return std::string(name.substr(0, name.size() - (name.ends_with("_chk") ? 4 : 0)));
+}
+
+bool IsKnown(std::string_view name) {
+  for (const FailingCall& call : kFailing) {
+    if (call.name == name) return true;
+  }
+  for (const SafeCalls& calls : kSafe) {
+    if (Lists(calls.names, name)) return true;
+  }
+  return false;
 }
 
 }  // namespace
 
-std::span<const FailingCall> FailingCalls() { return kFailing; }
-std::span<const SafeCall> SafeCalls() { return kSafe; }
+std::span<const FailingCall> Failing() { return kFailing; }
+std::span<const SafeCalls> Safe() { return kSafe; }
+
+bool Lists(std::string_view words, std::string_view word) {
+  for (size_t at = words.find(word); at != words.npos; at = words.find(word, at + 1)) {
+    const size_t end = at + word.size();
+    if ((at == 0 || words[at - 1] == ' ') && (end == words.size() || words[end] == ' ')) return true;
+  }
+  return false;
+}
 
 std::string CodeName(int code) {
   if (code == kZero) return "ZERO";
   if (code == kNone) return "NONE";
-  const char* const name = strerrorname_np(code);
-  return name != nullptr ? name : std::to_string(code);
+  if (IsCut(code)) return fmt::format("CUT{}", BytesOf(code));
+  return strerrorname_np(code);
 }
 
-int CodeFromName(std::string_view name) {
-  for (int code = kZero; code < 200; ++code) {
-    if (CodeName(code) == name) return code;
-  }
-  return -2;
-}
-
-std::vector<std::string> Imports() {
+std::vector<std::string> UnknownImports() {
   Dl_info info = {};
-  if (dladdr(reinterpret_cast<void*>(dlsym(RTLD_DEFAULT, "mnFinishWrite")), &info) == 0) return {};
-  FILE* const nm = popen(("nm -D --undefined-only '" + std::string(info.dli_fname) + "'").c_str(), "r");
-  if (nm == nullptr) return {};
+  dladdr(dlsym(RTLD_DEFAULT, "mnFinishWrite"), &info);
+  FILE* const nm = popen(fmt::format("nm -D --undefined-only '{}'", info.dli_fname).c_str(), "r");
   std::vector<std::string> names;
-  std::array<char, 512> line;
-  while (fgets(line.data(), line.size(), nm) != nullptr) {
-    const std::string_view text = line.data();
+  bool any = false;
+  for (char line[512]; nm != nullptr && fgets(line, sizeof line, nm) != nullptr;) {
+    const std::string_view text = line;
     const size_t version = text.find("@GLIBC");
     if (version == std::string_view::npos) continue;  // the companion's, or the sanitizers'
     const size_t begin = text.rfind(' ', version) + 1;
-    names.push_back(PlainName(std::string(text.substr(begin, version - begin))));
+    const std::string name = PlainName(text.substr(begin, version - begin));
+    any = true;
+    if (!IsKnown(name)) names.push_back(name);
   }
-  pclose(nm);
+  if (nm == nullptr || pclose(nm) != 0 || !any) names.emplace_back("something that nm does not tell");
   return names;
 }
 

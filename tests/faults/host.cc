@@ -1,7 +1,4 @@
 // host.cc - the operations, the model, and what is checked after each operation.
-// Not here: the table of promises (promises.cc), what is done in which order (scenarios.cc).
-#include "tests/faults/host.hh"
-
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
@@ -9,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tests/support/fixture.hh"
+#include "tests/faults/faults.hh"
 
 namespace faults {
 
@@ -17,7 +14,62 @@ namespace {
 
 constexpr int kPatience = 12;  // rounds of nothing but failures before the host gives up
 constexpr uint32_t kCapacity = 65536;
-constexpr uint32_t kParamOverhead = 20;
+constexpr char kUser[] = "tester";
+
+uint8_t Pattern(uint32_t number, size_t at) { return static_cast<uint8_t>(at * 7 + number); }
+
+// The message of this number and size, in a record that is large enough: no call here allocates.
+void Compose(PcfMessage* msg, uint32_t number, size_t size) {
+  static uint8_t bytes[kCapacity];
+  for (size_t i = 0; i < size; ++i) bytes[i] = Pattern(number, i);
+  if (!mqc_begin(msg, number) || !mqc_add_bytes(msg, 1, bytes, static_cast<uint32_t>(size))) abort();
+}
+
+bool IsMessage(const PcfMessage* msg, uint32_t number) {
+  MqcParam param;
+  char sender[13];
+  mqc_sender(msg, sender);
+  if (mqc_command(msg) != number || !mqc_param(msg, 0, &param) || param.bytes == nullptr) return false;
+  for (size_t i = 0; i < param.length; ++i) {
+    if (param.bytes[i] != Pattern(number, i)) return false;
+  }
+  return strcmp(sender, kUser) == 0;
+}
+
+int reports;     // calls of the error callback
+int open_calls;  // trace points "...:Before" without their "...:After"
+
+int CountReport(SockRec*) { return ++reports; }
+void CountTrace(const char* point, SockRec*) {
+  const std::string_view name = point;
+  open_calls += name.ends_with(":Before") - name.ends_with(":After");
+}
+void PassTrace(const char*, MQNode*) {}
+
+Outcome Of(const MQNode* node, int result) { return {result, node->error, node->sock.error}; }
+
+// The wait of that number on nodes, which end with a null pointer.
+int WaitBy(int form, MQNode** nodes, std::vector<MQNode*>* ready, int seconds, int* status, SockPostData* work) {
+  MQNode **const listen = ready[0].data(), **const read = ready[1].data(), **const write = ready[2].data();
+  if (form == 0) return mnPost(nodes, listen, read, seconds, status);
+  if (form == 1) return mnPostEx(nodes, listen, read, seconds, status, work);
+  if (form == 2) return mnPostExMSec(nodes, listen, read, seconds * 1000, status, work);
+  if (form == 3) return mnNPost(nodes, listen, read, write, seconds, status);
+  if (form == 4) return mnNPostEx(nodes, listen, read, write, seconds, status, work);
+  return mnNPostExMSec(nodes, listen, read, write, seconds * 1000, status, work);
+}
+
+}  // namespace
+
+MqcSigner* Signer() {
+  static MqcSigner* const signer = [] {
+    uint8_t secret[MQC_KEY_BYTES], key[MQC_KEY_BYTES];
+    mqc_generate_key(secret, key);
+    mqc_ring_add(kUser, key, nullptr, 0);
+    return mqc_signer_new(kUser, secret, nullptr, 0);
+  }();
+  return signer;
+}
 
 uint64_t Refusals() {
   MqcMemory all;
@@ -25,82 +77,18 @@ uint64_t Refusals() {
   return mqc_allocations() - all.total_blocks;
 }
 
-uint8_t Pattern(uint32_t number, size_t at) { return static_cast<uint8_t>(at * 7 + number); }
-
-bool Holds(const PcfMessage* msg, uint32_t number) {
-  MqcParam param;
-  if (mqc_command(msg) != number || !mqc_param(msg, 0, &param) || param.bytes == nullptr) return false;
-  for (size_t i = 0; i < param.length; ++i) {
-    if (param.bytes[i] != Pattern(number, i)) return false;
-  }
-  return true;
-}
-
-// Messages of this number and size in a record that is large enough: no call here allocates.
-void Compose(PcfMessage* msg, uint32_t number, size_t size) {
-  static uint8_t bytes[kCapacity];
-  for (size_t i = 0; i < size; ++i) bytes[i] = Pattern(number, i);
-  if (!mqc_begin(msg, number) || !mqc_add_bytes(msg, 1, bytes, static_cast<uint32_t>(size))) abort();
-}
-
-uint64_t Total(const Flow& flow) {
-  uint64_t total = 0;
-  for (const Flow::Item& item : flow.items) total += item.size;
-  return total;
-}
-
-// Where the first item that was not sent whole begins.
-uint64_t Boundary(const Flow& flow) {
-  uint64_t end = 0;
-  for (size_t i = 0; i < flow.whole; ++i) end += flow.items[i].size;
-  return end;
-}
-
-void DropFront(Flow* flow) {
-  flow->sent -= flow->items.front().size;
-  flow->received = 0;
-  flow->whole -= 1;
-  flow->items.pop_front();
-}
-
-bool WatchesWrites(int form) { return form >= 3; }
-
-int reports;
-
-int CountReport(SockRec*) { return ++reports; }
-
-template <typename Is, typename Must>
-std::string Number(const char* what, Is is, Must must) {
-  return std::string(what) + " is " + std::to_string(is) + ", must be " + std::to_string(must);
-}
-
-}  // namespace
-
-MqcSigner* Signer() {
-  static MqcSigner* const signer = [] {
-    uint8_t secret[MQC_KEY_BYTES];
-    uint8_t pub[MQC_KEY_BYTES];
-    char error[256];
-    MqcSigner* made = nullptr;
-    if (!mqc_generate_key(secret, pub) || !mqc_ring_add(kUser, pub, error, sizeof error) ||
-        (made = mqc_signer_new(kUser, secret, error, sizeof error)) == nullptr) {
-      abort();
-    }
-    return made;
-  }();
-  return signer;
-}
-
-int PortOf(int fd) {
-  sockaddr_in address = {};
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
-}
-
-Host::Host(Run run)
-    : run_(run), out_(mqc_message_new(kCapacity)), in_(mqc_message_new(0)), peek_(mqc_message_new(kCapacity)) {
-  if (out_ == nullptr || in_ == nullptr || peek_ == nullptr || !InitSocketPostData(&work_, SOCK_POST_SIZE)) abort();
+// Callbacks change the way that some operations take: half of the runs have them.
+Host::Host(Run run, bool small)
+    : run_(run),
+      small_(small),
+      out_(mqc_message_new(kCapacity)),
+      in_(mqc_message_new(0)),
+      peek_(mqc_message_new(kCapacity)) {
+  if (Signer() == nullptr || out_ == nullptr || in_ == nullptr || peek_ == nullptr ||
+      !InitSocketPostData(&work_, SOCK_POST_SIZE))
+    abort();
+  OnGSocketTrace(run == Run::kOnwards ? CountTrace : nullptr);
+  mnGSetTraceCallBack(run == Run::kOnwards ? PassTrace : nullptr);
 }
 
 Host::~Host() {
@@ -108,105 +96,98 @@ Host::~Host() {
   for (PcfMessage* msg : {out_, in_, peek_}) mqc_message_free(msg);
 }
 
-void Host::Fell(const std::string& what) {
-  if (verdicts_.size() < 8) verdicts_.push_back(what);
-}
-
 std::vector<size_t> Host::Sizes(const Link& link) const {
-  if (small) return {1, 40};
+  if (small_) return {1, 40};
   return {1, 4000, link.datagram ? size_t{16000} : size_t{40000}};
 }
 
-int Host::Do(Op op, const std::function<Came()>& run, End* end) {
-  Platform::Forget();
-  reports = 0;
-  const size_t injections = Platform::Injections();
-  const uint64_t refusals = Refusals();
-  Came came = run();
-  came.result = came.result != 0;
-  calls_ = Platform::Records();
-  // A failed allocation of the library is injected, and no call.
-  const auto injected =
-      static_cast<size_t>(std::count_if(calls_.begin(), calls_.end(), [](const Call& call) { return call.injected; }));
-  const bool refused = Refusals() != refusals || Platform::Injections() - injections > injected;
-  const std::string promised = Judge(op, calls_, refused, came);
-  if (!promised.empty()) {
-    std::string made;
-    for (const Call& call : calls_) made += " " + call.Text() + (call.injected ? " (injected)" : "");
-    Fell(Text(op) + ": result " + std::to_string(came.result) + ", error " + std::to_string(came.error) +
-         "; promised is " + promised + "; its calls:" + made + (refused ? "; memory was refused" : ""));
-  }
-  if (end != nullptr && !Settle(end)) Fell(Text(op) + ": the node's byte totals are not those of its calls");
-  return came.result;
+void Host::Expect(bool good, const std::string& otherwise) {
+  if (!good && verdicts_.size() < 8) verdicts_.push_back(otherwise);
 }
 
-int Host::DoOn(Op op, MQNode* node, const std::function<int()>& run, End* end) {
-  const auto come = [&] {
-    const int result = run();
-    return Came{result, node->error, node->sock.error};
-  };
-  return Do(op, come, end);
+int Host::Do(std::string_view operation, const std::function<Outcome()>& run) {
+  Platform::Forget();
+  reports = open_calls = 0;
+  const size_t injections = Platform::Injections();
+  const uint64_t refusals = Refusals();
+  Outcome outcome = run();
+  outcome.result = outcome.result != 0;
+  calls_ = Platform::Records();
+  // A failed allocation of the library is injected, and no call.
+  const auto injected = std::count_if(calls_.begin(), calls_.end(), [](const Call& call) { return call.injected; });
+  const bool refused = Refusals() != refusals || Platform::Injections() - injections > static_cast<size_t>(injected);
+  if (const std::string promised = Judge(operation, calls_, refused, outcome); !promised.empty()) {
+    std::string made;
+    for (const Call& call : calls_) made += fmt::format("; {}{}", call.Text(), call.injected ? " (injected)" : "");
+    Expect(false,
+           fmt::format("{}: result {}, error {}, of the socket {}; promised is {}{}{}", operation, outcome.result,
+                       outcome.error, outcome.socket_error, promised, made, refused ? "; memory was refused" : ""));
+  }
+  Expect(open_calls == 0, fmt::format("{}: trace points without their end: {}", operation, open_calls));
+  return outcome.result;
 }
 
 MQNode* Host::Create(const std::function<MQNode*()>& make) {
   MQNode* node = nullptr;
-  Do(Op::kCreate, [&] {
+  Do("create", [&] {
     node = make();
-    return node != nullptr ? Came{1, node->error} : Came{0, 0};
+    return node != nullptr ? Outcome{1, node->error} : Outcome{0, 0};
   });
   if (node != nullptr && IsNodeFailed(node)) Delete(&node);
   return node;
 }
 
-// Takes what the calls moved into the model. False when the node's totals say something else.
-bool Host::Settle(End* end) {
-  int failures = 0;
-  for (const Call& call : calls_) {
-    int code = 0;
-    if (call.fd != end->node->sock.fd) continue;
-    const bool failed = Failed(call, &code);
-    if (failed && !call.injected && code != EAGAIN && code != EINPROGRESS && call.name != "poll") {
-      Fell("a call failed by itself: " + call.Text());
-    }
-    if (call.name == "send" || call.name == "sendto" || call.name == "recvfrom") failures += failed;
-    if (failed) continue;
-    const auto bytes = static_cast<uint64_t>(call.result);
-    if (call.name == "send" || call.name == "sendto") {
-      end->out->sent += bytes;
-      end->bytes_sent += bytes;
-      moved_ += bytes;
-    } else if (call.name == "recvfrom") {
-      end->bytes_received += bytes;
-      if (call.flags & MSG_PEEK) continue;
-      end->in->received += bytes;
-      moved_ += bytes;
-    }
-  }
-  if (reports != failures) Fell(Number("calls of the error callback", reports, failures));
-  if (end->node->sock.buffer != nullptr) Fell("a transfer is over, and the socket record still names its buffer");
-  return end->bytes_sent == end->node->sock.bytesSent && end->bytes_received == end->node->sock.bytesReceived;
+int Host::DoOn(std::string_view operation, Link* link, int end, const std::function<int(MQNode*)>& run) {
+  MQNode* const node = link->nodes[end];
+  const int result = Do(operation, [&] { return Of(node, run(node)); });
+  Settle(link, end);
+  return result;
 }
 
-void Host::CheckCounters(const End& end) {
-  const MQNode* const node = end.node;
-  const size_t outstanding = end.out->items.size() - end.out->whole;
-  const auto depth = static_cast<size_t>(node->pending != nullptr ? Qdepth(node->pending) : 0);
-  if (static_cast<size_t>(node->writesOutstanding) != outstanding) {
-    Fell(Number("writesOutstanding", node->writesOutstanding, outstanding));
+// Takes what the calls moved into the model.
+void Host::Settle(Link* link, int end) {
+  const SockRec& sock = link->nodes[end]->sock;
+  Flow &out = link->flows[end], &in = link->flows[1 - end];
+  int failures = 0;
+  for (const Call& call : calls_) {
+    const bool sends = call.name == "send" || call.name == "sendto";
+    if (call.fd != sock.fd || !(sends || call.name == "recvfrom")) continue;
+    if (const std::optional<int> code = FailureOf(call)) {
+      Expect(call.injected || code == EAGAIN, "a call failed by itself: " + call.Text());
+      ++failures;
+      continue;
+    }
+    const bool looks = !sends && (call.flags & MSG_PEEK) != 0;
+    const auto bytes = static_cast<uint64_t>(call.result);
+    (sends ? out.sent : looks ? link->browsed[end] : in.received) += bytes;
+    if (!looks) moved_ += bytes;
   }
-  if (depth != outstanding) Fell(Number("the length of the queue", depth, outstanding));
-  if (node->writesCompleted != end.completed) Fell(Number("writesCompleted", node->writesCompleted, end.completed));
-  if (node->msgsRead != end.read) Fell(Number("msgsRead", node->msgsRead, end.read));
-  if (node->recvBuffer.received > node->recvBuffer.capacity || node->recvBuffer.length > kCapacity) {
-    Fell("the receive buffer holds more than it has room for");
-  }
+  for (; out.whole < out.items.size() && out.items[out.whole].end <= out.sent; ++out.whole) ++out.completed;
+  Expect(reports == failures, fmt::format("calls of the error callback are {}, must be {}", reports, failures));
+  Expect(sock.buffer == nullptr, "a transfer is over, and the socket record still names its buffer");
+  Expect(sock.bytesSent == out.sent && sock.bytesReceived == in.received + link->browsed[end],
+         "the node's byte totals are not those of its calls");
+}
+
+// A node's counters are those of the model.
+void Host::Check(const Link& link, int end) {
+  const MQNode& node = *link.nodes[end];
+  const Flow &out = link.flows[end], &in = link.flows[1 - end];
+  const size_t left = out.items.size() - out.whole;
+  const auto is = fmt::format("outstanding {}, queued {}, completed {}, read {}", node.writesOutstanding,
+                              Qdepth(node.pending), node.writesCompleted, node.msgsRead);
+  const auto must =
+      fmt::format("outstanding {}, queued {}, completed {}, read {}", left, left, out.completed, in.delivered);
+  Expect(is == must, fmt::format("counters: {}; must be {}", is, must));
+  Expect(node.recvBuffer.received <= node.recvBuffer.capacity && node.recvBuffer.length <= kCapacity,
+         "the receive buffer has more than its capacity");
 }
 
 bool Host::Twice(const char* what, const std::function<bool()>& attempt) {
   if (attempt()) return true;
-  if (run_ == Run::kClean) Fell(std::string(what) + " failed in a clean run");
+  Expect(run_ != Run::kClean, fmt::format("{} failed in a clean run", what));
   if (attempt()) return true;
-  if (run_ == Run::kOnce) Fell(std::string(what) + " failed twice after one failure");
+  Expect(run_ != Run::kOnce, fmt::format("{} failed twice after one failure", what));
   return false;
 }
 
@@ -220,363 +201,250 @@ MQNode* Host::Listener(const char* name, const char* service) {
 }
 
 // What a host does with a fresh node. An option that cannot be set changes nothing that matters here.
-bool Host::Prepare(End* end, bool blocking) {
-  SockRec* const sock = &end->node->sock;
-  memset(end->node->user, 0, sizeof end->node->user);
-  memcpy(end->node->user, kUser, sizeof kUser);
+bool Host::Prepare(MQNode* node, bool blocking) {
+  SockRec* const sock = &node->sock;
+  memset(node->user, 0, sizeof node->user);
+  memcpy(node->user, kUser, sizeof kUser);
   OnSocketError(sock, CountReport);
-  const auto came = [&](int result) { return Came{result, sock->error}; };
-  if (sock->type == SOCK_TYPE_STREAM) Do(Op::kOption, [&] { return came(SetTcpNoDelay(sock, 1)); });
-  return blocking || Do(Op::kMode, [&] { return came(NoblockSocket(sock)); });
+  if (sock->type == SOCK_TYPE_STREAM) Do("option", [&] { return Outcome{SetTcpNoDelay(sock, 1), sock->error}; });
+  return blocking || Do("mode", [&] { return Outcome{NoblockSocket(sock), sock->error}; });
 }
 
-bool Host::Connect(Link* link, MQNode* listener, bool blocking) {
+bool Host::Connect(Link* link, MQNode* listener) {
   if (listener == nullptr) return false;
   return link->open = Twice("a connection", [&] {
-           const bool open = Open(link, listener, blocking);
+           const bool open = Open(link, listener);
            if (!open) Close(link);
            return open;
          });
 }
 
-bool Host::Open(Link* link, MQNode* listener, bool blocking) {
-  End& client = link->ends[0];
+bool Host::Open(Link* link, MQNode* listener) {
   SockAddrRec address = AddressOf("127.0.0.1", PortOf(listener->sock.fd));
-  client.node = Create([&] { return CreateMQNode(&address, MQ_ROLE_CONNECT); });
-  if (client.node == nullptr || !Prepare(&client, blocking)) return false;
-  const int opened = DoOn(Op::kConnect, client.node, [&] { return mnOpen(client.node); });
-  if (!opened && client.node->error != MQ_AGAIN) return false;
-  if (!opened && blocking) return false;
+  MQNode* const client = link->nodes[0] = Create([&] { return CreateMQNode(&address, MQ_ROLE_CONNECT); });
+  if (client == nullptr || !Prepare(client, link->blocking)) return false;
+  const int opened = Do("connect", [&] { return Of(client, mnOpen(client)); });
+  Expect(client->openState == static_cast<uint32_t>(opened), "a node is open, and its connect failed; or the reverse");
+  if (!opened && (client->error != MQ_AGAIN || link->blocking)) return false;
   for (int round = 0; round < kPatience; ++round) {
-    End& child = link->ends[1];
-    std::vector<MQNode*> nodes = {client.node};
-    if (child.node == nullptr) nodes.push_back(listener);
+    std::vector<MQNode*> nodes = {client};
+    if (link->nodes[1] == nullptr) nodes.push_back(listener);
     if (!Wait(kNPostForm, nodes)) continue;
-    if (!read_ready.empty()) {  // nobody has written yet: the connect failed, and reading tells why
-      DoOn(Op::kRead, client.node, [&] { return mnRead(in_, client.node); });
+    if (!ready_[1].empty()) {  // nobody has written yet: the connect failed, and reading tells why
+      Do("read", [&] { return Of(client, mnRead(in_, client)); });
       return false;
     }
-    if (!listen_ready.empty()) Accept(link, listener);
-    if (client.node->openState == 0 || child.node == nullptr) continue;
-    for (int i = 0; i < 2; ++i) link->ends[i] = {link->ends[i].node, &link->flows[i], &link->flows[1 - i]};
-    return Prepare(&child, blocking);
+    if (!ready_[0].empty()) Accept(link, listener);
+    if (client->openState != 0 && link->nodes[1] != nullptr) return Prepare(link->nodes[1], link->blocking);
   }
   return false;
 }
 
-// Accepts the link's own connection. False when there is none yet.
-bool Host::Accept(Link* link, MQNode* listener) {
-  if (!DoOn(Op::kAccept, listener, [&] { return mnOpen(listener); })) return false;
-  MQNode* child = listener->child;
-  listener->child = nullptr;
-  if (child == nullptr) return false;  // no memory; the connection is closed
-  if (child->role != MQ_ROLE_CONNECT || child->openState != 1 || child->sock.owner != child || child->pending) {
-    Fell("an accepted child is not as it must be");
-  }
-  if (static_cast<int>(child->sock.name.port) != PortOf(link->ends[0].node->sock.fd)) {
+// Accepts the link's own connection, if there is one yet.
+void Host::Accept(Link* link, MQNode* listener) {
+  if (!Do("accept", [&] { return Of(listener, mnOpen(listener)); })) return;
+  MQNode* child = std::exchange(listener->child, nullptr);
+  if (child == nullptr) return;  // no memory; the connection is closed
+  Expect(child->role == MQ_ROLE_CONNECT && child->openState == 1 && child->sock.owner == child && !child->pending,
+         "an accepted child is not as it must be");
+  if (static_cast<int>(child->sock.name.port) == PortOf(link->nodes[0]->sock.fd)) {
+    link->nodes[1] = child;
+  } else {
     Delete(&child);  // of an earlier attempt
-    return false;
   }
-  link->ends[1].node = child;
-  return true;
 }
 
 bool Host::Bind(Link* link) {
   link->datagram = true;
   return link->open = Twice("a pair of datagram nodes", [&] {
-           bool ready = true;
-           for (int i = 0; i < 2 && ready; ++i) {
-             End& end = link->ends[i];
+           for (int i = 0; i < 2; ++i) {
              SockAddrRec address = AddressOf("127.0.0.1", 0);
-             Do(Op::kCreate, [&] {
-               end.node = CreateUDPMQNode(&address);
-               return end.node != nullptr ? Came{1, end.node->error} : Came{0, 0};
-             });
-             ready = end.node != nullptr && !IsNodeFailed(end.node);
-             if (!ready) break;
-             end = {end.node, &link->flows[i], &link->flows[1 - i], PortOf(end.node->sock.fd)};
-             ready = Prepare(&end, false);
+             MQNode* const node = link->nodes[i] = Create([&] { return CreateUDPMQNode(&address); });
+             if (node != nullptr) link->ports[i] = PortOf(node->sock.fd);
+             if (node != nullptr && Prepare(node, false)) continue;
+             Close(link);
+             return false;
            }
-           if (!ready) Close(link);
-           return ready;
+           return true;
          });
 }
 
-bool Host::Adopt(Link* link, int first, int second) {
-  const int fds[] = {first, second};
-  for (int i = 0; i < 2; ++i) {
-    End& end = link->ends[i];
-    SockRec sock;
-    CreateSocketFromExisting(&sock, fds[i]);
-    sock.connected = 1;
-    Twice("a node over a descriptor",
-          [&] { return (end.node = Create([&] { return CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT); })) != nullptr; });
-    if (end.node == nullptr) DeleteSocket(&sock);
-    end = {end.node, &link->flows[i], &link->flows[1 - i]};
-    link->open = (i == 0 || link->open) && end.node != nullptr && Twice("a mode", [&] { return Prepare(&end, false); });
-  }
-  if (!link->open) Close(link);
-  return link->open;
-}
-
-bool Host::Write(Link* link, int end, size_t size) {
+bool Host::Write(Link* link, int from, size_t size) {
   bool taken = false;
-  return Twice("a write",
-               [&] {
-                 taken = link->open && WriteOnce(link, end, size);
-                 // A closed link takes no more, and a full queue has to be finished first.
-                 return taken || !link->open || link->ends[end].node->error == MQ_WRITE_LIMIT;
-               }) &&
-         taken;
-}
-
-bool Host::WriteOnce(Link* link, int which, size_t size) {
-  End& end = link->ends[which];
-  Flow& flow = *end.out;
-  Compose(out_, ++number_, size);
-  const uint32_t plain = out_->raw.length;
-  const uint64_t wire = link->secure ? plain + 128 : plain;
-  SockAddrRec to = AddressOf("127.0.0.1", link->ends[1 - which].port);
-  const bool queued = end.node->pending != nullptr;
-  const auto write = [&] { return mnSWriteTo(out_, end.node, link->datagram ? &to : nullptr, link->secure, Signer()); };
-  const int taken = DoOn(Op::kWrite, end.node, write, &end);
-  if (taken) flow.items.push_back({number_, wire});
-  if (!taken && !queued && end.node->pending != nullptr) Fell("a write that failed left a queue behind");
-  if (flow.sent > Total(flow)) {
-    Lost(link, "a write that was refused had sent a part");
-    return false;
-  }
-  while (flow.whole < flow.items.size() && flow.sent >= Boundary(flow) + flow.items[flow.whole].size) {
-    flow.whole += 1;
-    end.completed += 1;
-  }
-  CheckCounters(end);
+  Twice("a write", [&] {
+    taken = link->open && WriteOnce(link, from, size);
+    // A closed link takes no more, and a full queue has to be finished first.
+    return taken || !link->open || link->nodes[from]->error == MQ_WRITE_LIMIT;
+  });
   return taken;
 }
 
-bool Host::Finish(Link* link, int which) {
-  End& end = link->ends[which];
-  Flow& flow = *end.out;
-  const int finished = DoOn(
-      Op::kFinish, end.node, [&] { return mnFinishWrite(end.node); }, &end);
-  while (flow.whole < flow.items.size() && flow.sent >= Boundary(flow) + flow.items[flow.whole].size) {
-    flow.whole += 1;
-    end.completed += 1;
-  }
-  const bool inPart = flow.sent > Boundary(flow);
-  if (!finished) {
-    if (flow.whole == flow.items.size()) {
-      Fell("a finish dropped a message that was not queued");
-    } else {
-      flow.items.erase(flow.items.begin() + static_cast<std::ptrdiff_t>(flow.whole));
+bool Host::WriteOnce(Link* link, int from, size_t size) {
+  Flow& flow = link->flows[from];
+  Compose(out_, ++number_, size);
+  const uint64_t end = flow.items.empty() ? flow.begin : flow.items.back().end;
+  flow.items.push_back({number_, end + out_->raw.length + (link->secure ? 128 : 0)});
+  SockAddrRec to = AddressOf("127.0.0.1", link->ports[1 - from]);
+  const bool queued = link->nodes[from]->pending != nullptr;
+  const bool taken = DoOn("write", link, from, [&](MQNode* node) {
+    return mnSWriteTo(out_, node, link->datagram ? &to : nullptr, link->secure, Signer());
+  });
+  if (!taken) {
+    Expect(queued || link->nodes[from]->pending == nullptr, "a write that failed left a queue behind");
+    flow.items.pop_back();
+    Expect(flow.whole <= flow.items.size(), "a write that was refused was sent");
+    if (flow.sent > end) {
+      Lose("a write that was refused had sent a part", link);
+      return false;
     }
-    Lose("a finish dropped a message");
   }
-  if (finished && mnIsPendingIO(end.node) != (flow.whole != flow.items.size())) Fell("the queue is not as finish says");
-  if (!finished && inPart) {
-    CheckCounters(end);
-    Close(link);  // the stream is out of step
-    return false;
+  Check(*link, from);
+  return taken;
+}
+
+bool Host::Finish(Link* link, int from) {
+  Flow& flow = link->flows[from];
+  const bool finished = DoOn("finish", link, from, mnFinishWrite);
+  if (finished) {
+    Expect(mnIsPendingIO(link->nodes[from]) == (flow.whole != flow.items.size()), "the queue is not as finish says");
+  } else if (flow.whole == flow.items.size()) {
+    Expect(false, "a finish dropped a message that was not queued");
+  } else {
+    const auto dropped = flow.items.begin() + static_cast<std::ptrdiff_t>(flow.whole);
+    const uint64_t begin = flow.whole == 0 ? flow.begin : std::prev(dropped)->end, size = dropped->end - begin;
+    for (auto after = flow.items.erase(dropped); after != flow.items.end(); ++after) after->end -= size;
+    Check(*link, from);
+    Lose("a finish dropped a message", flow.sent > begin ? link : nullptr);
   }
-  CheckCounters(end);
+  if (link->open) Check(*link, from);
   return finished;
 }
 
-// A read that has given a message must have given the next one, whole.
-void Host::CheckDelivered(const Flow& flow, bool whole) {
-  char sender[13];
-  mqc_sender(in_, sender);
-  if (!whole) return Fell("a message was delivered that was not sent, or not all of it");
-  if (!Holds(in_, flow.items.front().number)) Fell("a message is altered, twice there, or out of order");
-  if (strcmp(sender, kUser) != 0) Fell("a message came from " + std::string(sender));
-}
-
-bool Host::Read(Link* link, int which) {
-  End& end = link->ends[which];
-  Flow& flow = *end.in;
-  const auto from_node = [&] { return mnSRead(in_, end.node, link->secure, nullptr); };
-  const int read = DoOn(Op::kRead, end.node, from_node, &end);
-  const int error = end.node->error;
-  const bool whole = flow.whole > 0 && flow.received == flow.items.front().size;
-  if (read) CheckDelivered(flow, whole);
+bool Host::Read(Link* link, int to) {
+  const MQNode* const node = link->nodes[to];
+  Flow& flow = link->flows[1 - to];
+  const bool read = DoOn("read", link, to, [&](MQNode* at) { return mnSRead(in_, at, link->secure, nullptr); });
+  const bool whole = flow.whole > 0 && flow.received == flow.items.front().end;
+  const uint64_t held = whole || node->error != MQ_AGAIN ? 0 : flow.received - flow.begin;
+  Expect(node->recvBuffer.received == held, fmt::format("a read that left error {} keeps {} bytes, must keep {}",
+                                                        node->error, node->recvBuffer.received, held));
   if (whole) {
-    if (!read && error != MQ_NO_ROOM && error != MQ_NOT_AUTHENTIC) {
-      Fell(Number("error after a lost message", error, static_cast<int>(MQ_NO_ROOM)));
-    }
+    const bool rejected = node->error == MQ_NOT_AUTHENTIC;
+    Expect(!read || IsMessage(in_, flow.items.front().number), "a message is altered, twice there, or out of order");
+    Expect(read || rejected || node->error == MQ_NO_ROOM, fmt::format("error {} after a lost message", node->error));
+    flow.delivered += read || rejected;
+    flow.begin = flow.items.front().end;
+    flow.whole -= 1;
+    flow.items.pop_front();
     if (!read) Lose("a read dropped a message");
-    end.read += read || error == MQ_NOT_AUTHENTIC;
-    DropFront(&flow);
-  } else if (error == MQ_AGAIN) {
-    if (end.node->recvBuffer.received != flow.received) Fell("an unfinished read did not keep what it gathered");
   } else {
-    if (end.node->recvBuffer.received != 0) Fell("a read that failed keeps what it gathered");
-    if (flow.received != 0) Lost(link, "a read dropped a part of a message");
+    Expect(!read, "a message was delivered that was not sent, or not all of it");
+    if (held == 0 && flow.received != flow.begin) Lose("a read dropped a part of a message", link);
   }
-  if (link->open) CheckCounters(end);
-  return read != 0;
+  if (link->open) Check(*link, to);
+  return read;
 }
 
-bool Host::Browse(Link* link, int which) {
-  End& end = link->ends[which];
-  const int found = DoOn(
-      Op::kBrowse, end.node, [&] { return mnBrowse(peek_, end.node); }, &end);
+void Host::Browse(Link* link, int to) {
+  const Flow& flow = link->flows[1 - to];
+  if (!DoOn("browse", link, to, [&](MQNode* node) { return mnBrowse(peek_, node); })) return;
   uint32_t body = 0;
   memcpy(&body, peek_->raw.data + offsetof(MsgHeader, bodyLength), sizeof body);
-  if (found && (end.in->items.empty() || body + sizeof(MsgHeader) != end.in->items.front().size)) {
-    Fell("a browse shows another header than the next message's");
-  }
-  return found != 0;
+  Expect(!flow.items.empty() && flow.begin + body + sizeof(MsgHeader) == flow.items.front().end,
+         "a browse shows another header than the next message's");
 }
 
-// A failure was reported that cost a message.
-void Host::Lose(const char* why) {
+// A failure was reported that cost a message. The application closes a link that it left out of step.
+void Host::Lose(const char* why, Link* out_of_step) {
   lost_ += 1;
-  if (run_ == Run::kClean) Fell(std::string("in a clean run, ") + why);
-  if (run_ == Run::kOnce && lost_ > 1) Fell(std::string("one failure lost more than one message: ") + why);
+  Expect(run_ != Run::kClean, fmt::format("in a clean run, {}", why));
+  Expect(run_ != Run::kOnce || lost_ == 1, fmt::format("one failure lost more than one message: {}", why));
+  if (out_of_step != nullptr) Close(out_of_step);
 }
 
-// One that left the link out of step: the host closes it.
-void Host::Lost(Link* link, const char* why) {
-  Lose(why);
-  Close(link);
-}
-
-bool Host::ReadAll(Link* link, int end) {
-  for (int i = 0; i < 64 && link->open; ++i) {
-    const uint64_t before = moved_;
-    if (!Read(link, end) && (!link->open || link->ends[end].node->error == MQ_AGAIN || moved_ == before)) return false;
-  }
-  return true;
-}
-
-// The wait of that number on nodes, which end with a null pointer.
-int Host::WaitBy(int form, MQNode** nodes, MQNode** listen, MQNode** read, MQNode** write, int seconds, int* status) {
-  switch (form) {
-    case 0:
-      return mnPost(nodes, listen, read, seconds, status);
-    case 1:
-      return mnPostEx(nodes, listen, read, seconds, status, &work_);
-    case 2:
-      return mnPostExMSec(nodes, listen, read, seconds * 1000, status, &work_);
-    case 3:
-      return mnNPost(nodes, listen, read, write, seconds, status);
-    case 4:
-      return mnNPostEx(nodes, listen, read, write, seconds, status, &work_);
-    default:
-      return mnNPostExMSec(nodes, listen, read, write, seconds * 1000, status, &work_);
-  }
-}
-
-bool Host::Wait(int form, const std::vector<MQNode*>& nodes, int seconds) {
-  std::vector<MQNode*> list = nodes;
-  list.push_back(nullptr);
+bool Host::Wait(int form, std::vector<MQNode*> nodes, int seconds) {
   auto* const untouched = reinterpret_cast<MQNode*>(this);
-  std::vector<MQNode*> lists[3];
-  for (auto& each : lists) each.assign(list.size(), untouched);
+  nodes.push_back(nullptr);
+  for (auto& list : ready_) list.assign(nodes.size(), untouched);
   int status = kUntouched;
-  const int ready = Do(Op::kWait, [&] {
-    const int result = WaitBy(form, list.data(), lists[0].data(), lists[1].data(), lists[2].data(), seconds, &status);
-    return Came{result, status};
+  const bool ready = Do("wait", [&] {
+    const int result = WaitBy(form, nodes.data(), ready_, seconds, &status, &work_);
+    return Outcome{result, status};
   });
   timed_out_ = status == SOCK_WAIT_TIMEOUT && seconds > 0;
-  std::vector<MQNode*>* const found[] = {&listen_ready, &read_ready, &write_ready};
-  for (int i = 0; i < 3; ++i) {
-    found[i]->clear();
-    if (!ready || (i == 2 && !WatchesWrites(form))) {
-      if (lists[i][0] != untouched) Fell("a wait without a result wrote into its arrays");
-      continue;
-    }
-    for (MQNode* node : lists[i]) {
-      if (node == nullptr) break;
-      if (std::find(nodes.begin(), nodes.end(), node) == nodes.end()) {
-        Fell("a wait listed what it was not given");
-        break;
-      }
-      found[i]->push_back(node);
-    }
+  for (auto& list : ready_) {
+    const bool filled = ready && (&list != &ready_[2] || WatchesWrites(form));
+    const auto end = std::find(list.begin(), list.end(), filled ? nullptr : untouched);
+    Expect(end == (filled ? end : list.begin()), "a wait without a result wrote into its arrays");
+    list.erase(filled ? end : list.begin(), list.end());
+    for (MQNode* node : list)
+      Expect(node != untouched && std::count(nodes.begin(), nodes.end(), node), "a wait listed what it was not given");
   }
-  return ready != 0;
+  return ready;
 }
 
-void Host::FinishAll(Link* link, int end) {
-  for (int k = 0; k < 64 && link->open && mnIsPendingIO(link->ends[end].node); ++k) {
+void Host::FinishAll(Link* link, int from) {
+  for (bool goes_on = true; goes_on && link->open && mnIsPendingIO(link->nodes[from]);) {
     const uint64_t before = moved_;
-    if (!Finish(link, end) || moved_ == before) return;
+    goes_on = Finish(link, from) && moved_ != before;
+  }
+}
+
+// On a blocking node one message, once it was sent whole, after a look at it.
+void Host::ReadAll(Link* link, int to) {
+  const Flow& flow = link->flows[1 - to];
+  if (link->blocking) {
+    if (flow.whole > 0 && flow.received == flow.begin && !link->secure) Browse(link, to);
+    if (flow.whole > 0) Read(link, to);
+    return;
+  }
+  for (bool goes_on = true; goes_on && link->open;) {
+    const uint64_t before = moved_;
+    goes_on = Read(link, to) || (link->open && link->nodes[to]->error != MQ_AGAIN && moved_ != before);
   }
 }
 
 // Finishes what can go on, reads what can be read. The waits that do not watch writing only poll while something is
 // queued.
 void Host::Round(const std::vector<Link*>& links, int form) {
-  const bool watches_writes = WatchesWrites(form);
   std::vector<std::pair<Link*, int>> ends;
   std::vector<MQNode*> nodes;
   int seconds = 1;
   for (Link* link : links) {
-    for (int i = 0; i < 2; ++i) {
-      if (!watches_writes) FinishAll(link, i);
-      if (!link->open) break;
-      if (!watches_writes && mnIsPendingIO(link->ends[i].node)) seconds = 0;
-    }
+    for (int i = 0; i < 2 && !WatchesWrites(form); ++i) FinishAll(link, i);
     for (int i = 0; i < 2 && link->open; ++i) {
       ends.emplace_back(link, i);
-      nodes.push_back(link->ends[i].node);
+      nodes.push_back(link->nodes[i]);
+      if (!WatchesWrites(form) && mnIsPendingIO(link->nodes[i])) seconds = 0;
     }
   }
   if (!Wait(form, nodes, seconds)) return;
-  const auto has = [&](const std::vector<MQNode*>& list, size_t i) {
-    return std::find(list.begin(), list.end(), nodes[i]) != list.end();
-  };
   for (size_t i = 0; i < ends.size(); ++i) {
     const auto& [link, end] = ends[i];
-    if (link->open && has(read_ready, i)) ReadAll(link, end);
-    if (link->open && has(write_ready, i)) FinishAll(link, end);
-  }
-}
-
-void Host::GiveUp(const std::vector<Link*>& links, const char* why) {
-  if (run_ != Run::kOnwards) Fell(why);
-  for (Link* link : links) {
-    if (link->open) Close(link);
+    if (link->open && std::count(ready_[1].begin(), ready_[1].end(), nodes[i])) ReadAll(link, end);
+    if (link->open && std::count(ready_[2].begin(), ready_[2].end(), nodes[i])) FinishAll(link, end);
   }
 }
 
 void Host::Pump(const std::vector<Link*>& links, int form) {
-  int failures = 0;
-  int quiet = 0;
-  const auto outstanding = [&] {
-    return std::any_of(links.begin(), links.end(), [](const Link* link) {
-      return link->open && (!link->flows[0].items.empty() || !link->flows[1].items.empty());
-    });
+  const auto outstanding = [](const Link* link) {
+    return link->open && (!link->flows[0].items.empty() || !link->flows[1].items.empty());
   };
-  while (outstanding()) {
+  for (int failures = 0, quiet = 0; std::any_of(links.begin(), links.end(), outstanding);) {
     const uint64_t before = moved_;
     const size_t injections = Platform::Injections() + Refusals();
     Round(links, form);
     if (moved_ != before) {
       failures = quiet = 0;
-    } else if (Platform::Injections() + Refusals() != injections) {
-      if (++failures == kPatience) return GiveUp(links, "nothing but failures");
-    } else if (timed_out_ || ++quiet == 4) {
-      Fell("a message that was reported as written does not arrive, and no node says why");
-      return GiveUp(links, "nothing moves");
+      continue;
     }
-  }
-}
-
-void Host::PumpBlocking(Link* link) {
-  for (int i = 0; i < 2 && link->open; ++i) {
-    Flow& flow = *link->ends[i].in;
-    for (int failures = 0; link->open && !flow.items.empty();) {
-      const uint64_t before = moved_;
-      if (link->ends[1 - i].node->pending != nullptr) {
-        Finish(link, 1 - i);
-      } else if (flow.whole > 0) {
-        // Nobody browses in the middle of a message.
-        if (flow.received == 0 && !link->secure) Browse(link, i);
-        Read(link, i);
-      }
-      if (moved_ == before && ++failures == kPatience) return GiveUp({link}, "nothing but failures");
+    const bool failed = Platform::Injections() + Refusals() != injections;
+    Expect(failed || (!timed_out_ && quiet < 3),
+           "a message that was reported as written does not arrive, and no node says why");
+    Expect(failures < kPatience - 1 || run_ == Run::kOnwards, "nothing but failures");
+    if (!(failed ? ++failures == kPatience : timed_out_ || ++quiet == 4)) continue;
+    for (Link* link : links) {
+      if (link->open) Close(link);
     }
   }
 }
@@ -584,23 +452,20 @@ void Host::PumpBlocking(Link* link) {
 void Host::Delete(MQNode** node) {
   if (*node == nullptr) return;
   const int error = (*node)->sock.error;
-  Do(Op::kClose, [&] { return Came{mnClose(*node), (*node)->error}; });
+  Do("close", [&] { return Outcome{mnClose(*node), (*node)->error}; });
   const MQNode* const closed = *node;
-  if (closed->sock.fd != -1 || closed->openState != 0 || closed->pending != nullptr || closed->error != error ||
-      closed->recvBuffer.data != nullptr) {
-    Fell("a closed node is not as it must be");
-  }
-  Do(Op::kClose, [&] { return Came{DeleteMQNode(*node), 0}; });
+  Expect(closed->sock.fd == -1 && closed->openState == 0 && closed->pending == nullptr && closed->error == error &&
+             closed->recvBuffer.data == nullptr,
+         "a closed node is not as it must be");
+  Do("close", [&] { return Outcome{DeleteMQNode(*node), 0}; });
   *node = nullptr;
 }
 
 void Host::Close(Link* link) {
-  link->open = false;
-  for (End& end : link->ends) {
-    Delete(&end.node);
-    end = {};
-  }
-  for (Flow& flow : link->flows) flow = {};
+  for (MQNode*& node : link->nodes) Delete(&node);
+  Link fresh(link->secure, link->blocking);
+  fresh.datagram = link->datagram;
+  *link = fresh;
 }
 
 }  // namespace faults
