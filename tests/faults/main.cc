@@ -20,9 +20,7 @@ namespace faults {
 namespace {
 
 struct Options {
-  std::string scenario, call, code;
-  uint64_t nth = 0;
-  bool once = false, onwards = false;
+  std::string only;
   size_t every = 1;
   int seconds = 20;
 } options;
@@ -47,10 +45,9 @@ std::string now;  // the situation that is tried
 timer_t watchdog;
 size_t situations, fell;
 
-std::string Text(const Situation& tried) {
-  const std::string scenario = format("--scenario {}", tried.scenario->name);
-  if (tried.call.empty()) return scenario;
-  return format("{} --call '{}' --nth {} --errno {} --{}", scenario, tried.call, tried.nth, CodeName(tried.code),
+std::string NameOf(const Situation& tried) {
+  if (tried.call.empty()) return tried.scenario->name + "/";
+  return format("{}/{}/{}/{}/{}", tried.scenario->name, tried.call, tried.nth, CodeName(tried.code),
                 tried.onwards ? "onwards" : "once");
 }
 
@@ -115,21 +112,10 @@ void Report(const Lines& verdicts) {
   fflush(out);
 }
 
-// The scenario with nothing failing, many times; its calls.
-Counts Count(const Scenario& scenario) {
-  Counts counts;
-  Lines verdicts;
-  const Situation clean = {&scenario, "", 0, 0, false};
-  now = Text(clean);
-  for (int i = 0; i < kCleanRuns && verdicts.empty(); ++i) Try(clean, "", &verdicts, i == 0 ? &counts : nullptr);
-  Report(verdicts);
-  return counts;
-}
-
 void Fail(const Situation& tried) {
   static size_t turn = 0;
-  now = Text(tried);
-  if ((!options.code.empty() && CodeName(tried.code) != options.code) || turn++ % options.every != 0) return;
+  now = NameOf(tried);
+  if (!now.starts_with(options.only) || turn++ % options.every != 0 || fell == kMostFell) return;
   Lines verdicts;
   Try(tried, "", &verdicts);
   Try({tried.scenario, "", 0, 0, false}, "in the clean run after it: ", &verdicts);
@@ -137,58 +123,45 @@ void Fail(const Situation& tried) {
   Report(verdicts);
 }
 
-// Each way in which each call can fail, at each of its places.
-void FailEach(const Scenario& scenario, const Counts& counts) {
+// Runs a scenario with nothing failing, many times, then with each way in which each call can fail, at each of its
+// places. Returns its calls.
+Counts FailEach(const Scenario& scenario) {
+  Counts counts;
+  Lines verdicts;
+  const Situation clean = {&scenario, "", 0, 0, false};
+  now = NameOf(clean);
+  for (int i = 0; i < kCleanRuns && verdicts.empty(); ++i) Try(clean, "", &verdicts, i == 0 ? &counts : nullptr);
+  Report(verdicts);
   for (const FailingCall& call : kFailing) {
-    if (!options.call.empty() && call.name != options.call) continue;
-    const auto made = counts.find(call.name);
-    for (uint64_t nth = 1; made != counts.end() && nth <= made->second; ++nth) {
-      if (options.nth != 0 && nth != options.nth) continue;
+    const uint64_t last = verdicts.empty() ? counts[call.name] : 0;
+    for (uint64_t nth = 1; nth <= last; ++nth) {
       for (const int code : call.codes) {
         if (IsCut(code) && !scenario.streams) continue;
-        if (!options.onwards) Fail({&scenario, call.name, nth, code, false});
+        Fail({&scenario, call.name, nth, code, false});
         // All transfers are cut, or one is.
-        if (!options.once && (!IsCut(code) || nth == 1)) Fail({&scenario, call.name, nth, code, true});
-        if (fell >= kMostFell) return;
+        if (!IsCut(code) || nth == 1) Fail({&scenario, call.name, nth, code, true});
       }
     }
   }
+  return counts;
 }
 
 int RunAll() {
   const auto began = std::chrono::steady_clock::now();
   Counts all;
-  fmt::print(out, "{:16}{:>8} {:>11} {:>6}\n", "scenario", "calls", "situations", "fell");
+  fmt::print(out, "{:16}{:>11} {:>6}\n", "scenario", "situations", "fell");
   for (const Scenario& scenario : kScenarios) {
-    if (!options.scenario.empty() && options.scenario != scenario.name) continue;
+    const std::string name = scenario.name + "/";
+    if (!name.starts_with(options.only) && !options.only.starts_with(name)) continue;
     const size_t situations_before = situations, fell_before = fell;
-    const Counts counts = Count(scenario);
-    if (fell == fell_before) FailEach(scenario, counts);
-    uint64_t calls = 0;
-    for (const auto& [name, count] : counts) calls += count;
-    fmt::print(out, "{:16}{:8} {:11} {:6}\n", scenario.name, calls, situations - situations_before, fell - fell_before);
-    all.insert(counts.begin(), counts.end());
-    if (fell >= kMostFell) break;
+    for (const auto& [call, count] : FailEach(scenario)) all[call] += count;
+    fmt::print(out, "{:16}{:11} {:6}\n", scenario.name, situations - situations_before, fell - fell_before);
   }
   now = "the tables of calls";
-  if (options.scenario.empty() && fell < kMostFell) Report(CheckCalls(all));
+  if (options.only.empty()) Report(CheckCalls(all));
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
   fmt::print(out, "{} situations in {:.1f} s, {} fell\n", situations, took.count(), fell);
   return fell == 0 && situations != 0 ? 0 : 1;
-}
-
-void Declare(CLI::App* app) {
-  std::vector<std::string> scenarios, calls;
-  for (const Scenario& scenario : kScenarios) scenarios.emplace_back(scenario.name);
-  for (const FailingCall& call : kFailing) calls.emplace_back(call.name);
-  app->add_option("--scenario", options.scenario, "only this scenario")->check(CLI::IsMember(scenarios));
-  app->add_option("--call", options.call, "only this call")->check(CLI::IsMember(calls));
-  app->add_option("--nth", options.nth, "only its nth one, 1 the first");
-  app->add_option("--errno", options.code, "only this failure: EAGAIN ..., ZERO, NONE, CUT7");
-  auto* const once = app->add_flag("--once", options.once, "only that one fails");
-  app->add_flag("--onwards", options.onwards, "that one and all after it")->excludes(once);
-  app->add_option("--every", options.every, "only every kth situation")->check(CLI::PositiveNumber);
-  app->add_option("--seconds", options.seconds, "a situation that takes longer hangs")->capture_default_str();
 }
 
 void Say(const char* how) {
@@ -228,7 +201,10 @@ int main(int argc, char** argv) {
       "allocations, fails: the 1st, the 2nd, the 3rd ..., once and from there on, in each way that the call knows.\n"
       "After each: no crash, no hang, nothing leaked, counters consistent, result and error as stated, messages in\n"
       "order and whole, and the same scenario passes clean. Ends with 1 when something fell.");
-  Declare(&app);
+  app.add_option("--only", options.only,
+                 "only those whose names begin so: plain, plain/send, plain/send/8/EAGAIN/once");
+  app.add_option("--every", options.every, "only every kth situation")->check(CLI::PositiveNumber);
+  app.add_option("--seconds", options.seconds, "a situation that takes longer hangs")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
   out = fdopen(dup(STDOUT_FILENO), "w");
   std::string folder = (std::filesystem::temp_directory_path() / "mqfaults-XXXXXX").string();

@@ -17,6 +17,8 @@ constexpr int kShortPause = 3;         // pauses of the library until the rest o
 constexpr int kLongestPause = 500;     // sleeps, until the network is up
 constexpr int kLimit = 5;              // writes in a full queue
 
+inline const std::string kHeaderBytes = Wire(1, 1000).substr(0, kHeader);
+
 inline int pauses;
 inline std::function<void()> after_pauses;
 
@@ -55,7 +57,7 @@ inline void Talk(App* app, bool secure, bool datagram) {
   app->Delete(&listener);
 }
 
-// Streams, datagrams and a descriptor beyond 1024 in one wait, by each of the six forms.
+// Streams, datagrams and a descriptor beyond 1024 in one wait.
 inline void Many(App* app) {
   MQNode* listener = app->Listener();
   Link links[] = {Link(), Link(true), Link(), Link(false, true)};
@@ -68,17 +70,12 @@ inline void Many(App* app) {
     int32_t* const fd = &links[0].nodes[1]->sock.fd;
     close(std::exchange(*fd, fcntl(*fd, F_DUPFD, kHighDescriptor)));
   }
-  for (int form = 0; form < kWaitForms; ++form) {
+  for (const bool writing : {false, true}) {
     for (Link* link : all) {
-      for (int from = 0; from < 2; ++from) app->Write(link, from, app->Sizes(*link)[form % 2]);
+      for (int from = 0; from < 2; ++from) app->Write(link, from, app->Sizes(*link)[writing]);
     }
-    app->Pump(all, form);
+    app->Pump(all, writing);
   }
-  SockPostData work;
-  int32_t status = kUntouched;
-  app->Do(
-      "wait", [&] { return InitSocketPostData(&work, 8) && (status = 0, true); }, &status);
-  FreeSocketPostData(&work);
   for (Link* link : all) app->Close(link);
   app->Delete(&listener);
 }
@@ -92,19 +89,12 @@ inline void BrowsePieces(App* app) {
   MQNode* node = app->Create([&] { return CreateAndBindMQNode(&sock, MQ_ROLE_CONNECT); });
   if (node == nullptr) return;
   accepted.Release();
-  if (PcfMessage* const msg = mqc_message_new(0); msg != nullptr) {
-    MsgHeader header = {};
-    header.hdrLength = sizeof header;
-    header.asciiText = 1;
-    header.bodyLength = 1000;
-    const std::string_view bytes(reinterpret_cast<const char*>(&header), sizeof header);
-    peer.Send(bytes.substr(0, 10));
+  if (const Message msg; msg) {
+    peer.Send(kHeaderBytes.substr(0, 10));
     pauses = 0;
-    after_pauses = [&] { peer.Send(bytes.substr(10)); };
-    app->Do(
-        "browse", [&] { return mnBrowse(msg, node); }, &node->error, &node->sock.error);
+    after_pauses = [&] { peer.Send(kHeaderBytes.substr(10)); };
+    app->Do("browse", node, [&] { return mnBrowse(msg, node); });
     after_pauses = nullptr;
-    mqc_message_free(msg);
   }
   app->Delete(&node);
 }
@@ -123,18 +113,9 @@ inline void Names(App* app, const char* folder) {
   if (listener != nullptr) {
     SockRec* const sock = &listener->sock;
     SockOption option = {SOCK_OPT_RCVBUF, 0, 0};
-    app->Do(
-        "option", [&] { return GetSocketOptions(sock, &option); }, &sock->error);
-    app->Do(
-        "option", [&] { return SetTcpBuffer(sock, 65536); }, &sock->error);
-    app->Do(
-        "option", [&] { return ReuseSocket(sock, 1); }, &sock->error);
-    app->Do(
-        "option", [&] { return mnSetBufferSize(listener, 65536); }, &sock->error);
-    app->Do(
-        "mode", [&] { return NoblockSocket(sock); }, &sock->error);
-    app->Do(
-        "mode", [&] { return BlockSocket(sock); }, &sock->error);
+    app->Do("option", sock, [&] { return GetSocketOptions(sock, &option); });
+    app->Do("option", sock, [&] { return SetTcpBuffer(sock, 65536); });
+    app->Do("mode", sock, [&] { return BlockSocket(sock); });
   }
   app->Delete(&listener);
 }
