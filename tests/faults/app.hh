@@ -304,7 +304,7 @@ class App {
     return taken;
   }
 
-  bool Finish(Link* link, int from) {
+  void Finish(Link* link, int from) {
     Flow& flow = link->flows[from];
     const bool finished = DoOn("finish", link, from, mnFinishWrite);
     const bool left = flow.whole != flow.items.size();
@@ -319,10 +319,9 @@ class App {
       Lose("a finish dropped a message", link, flow.sent > begin);
     }
     Check(*link, from);
-    return finished;
   }
 
-  bool Read(Link* link, int to) {
+  void Read(Link* link, int to) {
     const MQNode* const node = link->nodes[to];
     Flow& flow = link->flows[1 - to];
     const bool read = DoOn("read", link, to, [&](MQNode* at) { return mnSRead(in_, at, link->secure, nullptr); });
@@ -344,20 +343,13 @@ class App {
     const bool part = held == 0 && flow.received != flow.begin;
     if ((whole && !read) || part) Lose("a read dropped a message or a part of one", link, part);
     Check(*link, to);
-    return read;
   }
 
-  void FinishAll(Link* link, int from) {
-    for (bool goes_on = true; goes_on && link->open && mnIsPendingIO(link->nodes[from]);) {
-      const uint64_t before = moved_;
-      goes_on = Finish(link, from) && moved_ != before;
-    }
-  }
-
-  void ReadAll(Link* link, int to) {
-    for (bool goes_on = true; goes_on && link->open;) {
-      const uint64_t before = moved_;
-      goes_on = Read(link, to) || (link->open && link->nodes[to]->error != MQ_AGAIN && moved_ != before);
+  // Takes a step of a link's end until it moves nothing.
+  void Repeat(void (App::*step)(Link*, int), Link* link, int end) {
+    for (uint64_t before = moved_ + 1; link->open && moved_ != before;) {
+      before = moved_;
+      (this->*step)(link, end);
     }
   }
 
@@ -388,7 +380,7 @@ class App {
     std::vector<MQNode*> nodes;
     int seconds = 1;
     for (Link* link : links) {
-      for (int i = 0; i < 2 && !writing; ++i) FinishAll(link, i);
+      for (int i = 0; i < 2 && !writing; ++i) Repeat(&App::Finish, link, i);
       for (int i = 0; i < 2 && link->open; ++i) {
         ends.emplace_back(link, i);
         nodes.push_back(link->nodes[i]);
@@ -401,8 +393,8 @@ class App {
     };
     for (size_t i = 0; i < ends.size(); ++i) {
       const auto& [link, end] = ends[i];
-      if (link->open && listed(1, i)) ReadAll(link, end);
-      if (link->open && listed(2, i)) FinishAll(link, end);
+      if (link->open && listed(1, i)) Repeat(&App::Read, link, end);
+      if (link->open && listed(2, i)) Repeat(&App::Finish, link, end);
     }
   }
 

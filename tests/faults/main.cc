@@ -22,7 +22,7 @@ namespace {
 struct Options {
   std::string only;
   size_t every = 1;
-  int seconds = 20;
+  unsigned seconds = 20;
 } options;
 
 struct Situation {
@@ -42,7 +42,6 @@ constexpr size_t kMostFell = 20;
 
 FILE* out;        // what the library itself prints goes nowhere
 std::string now;  // the situation that is tried
-timer_t watchdog;
 size_t situations, fell;
 
 std::string NameOf(const Situation& tried) {
@@ -75,14 +74,9 @@ std::string WhatIsLeft() {
   return format("{}, descriptors {}", text, fmt::join(OpenDescriptors(), " "));
 }
 
-void Watch(int seconds) {
-  const itimerspec patience = {{}, {seconds, 0}};
-  timer_settime(watchdog, 0, &patience, nullptr);
-}
-
 // Runs a situation; counts gets the calls.
 void Try(const Situation& tried, const std::string& when, Lines* verdicts, Counts* counts = nullptr) {
-  Watch(options.seconds);
+  alarm(options.seconds);
   PreparePlatform();
   mqc_reset_replay(0);
   const std::string before = WhatIsLeft();
@@ -102,7 +96,7 @@ void Try(const Situation& tried, const std::string& when, Lines* verdicts, Count
   }
   const std::string after = WhatIsLeft();
   if (after != before) verdicts->push_back(format("{}left are {}; before {}", when, after, before));
-  Watch(0);
+  alarm(0);
 }
 
 void Report(const Lines& verdicts) {
@@ -170,21 +164,15 @@ void Say(const char* how) {
 }
 
 void Die(int number) {
-  Say(number == SIGUSR1 ? "hangs" : sigdescr_np(number));
+  Say(number == SIGALRM ? "hangs" : sigdescr_np(number));
   _exit(1);
 }
 
 void Prepare() {
   signal(SIGPIPE, SIG_IGN);
-  for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGUSR1}) signal(number, Die);
+  for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(number, Die);
   if (__sanitizer_set_death_callback != nullptr) __sanitizer_set_death_callback([] { Say("a sanitizer ends it"); });
-  sigevent event = {};
-  event.sigev_notify = SIGEV_SIGNAL;
-  event.sigev_signo = SIGUSR1;
-  if (timer_create(CLOCK_MONOTONIC, &event, &watchdog) != 0) abort();
-  rlimit files = {};
-  getrlimit(RLIMIT_NOFILE, &files);
-  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  const rlimit files = {4096, 4096};
   setrlimit(RLIMIT_NOFILE, &files);
   mqc_log_to("/dev/null");
   unsetenv("TEVRA_HOME");
@@ -207,12 +195,11 @@ int main(int argc, char** argv) {
   app.add_option("--seconds", options.seconds, "a situation that takes longer hangs")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
   out = fdopen(dup(STDOUT_FILENO), "w");
-  std::string folder = (std::filesystem::temp_directory_path() / "mqfaults-XXXXXX").string();
+  folder = (std::filesystem::temp_directory_path() / "mqfaults-XXXXXX").string();
   if (out == nullptr || freopen("/dev/null", "w", stdout) == nullptr || mkdtemp(folder.data()) == nullptr) {
     perror("mqfaults");
     return 1;
   }
-  setenv("MQFAULTS_FOLDER", folder.c_str(), 1);
   Prepare();
   const int result = RunAll();
   std::filesystem::remove_all(folder);

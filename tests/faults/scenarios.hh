@@ -19,6 +19,7 @@ constexpr int kLimit = 5;              // writes in a full queue
 
 inline const std::string kHeaderBytes = Wire(1, 1000).substr(0, kHeader);
 
+inline std::string folder;  // the shell writes into it
 inline int pauses;
 inline std::function<void()> after_pauses;
 
@@ -100,8 +101,8 @@ inline void BrowsePieces(App* app) {
 }
 
 // Names instead of numbers, the name of the program, options.
-inline void Names(App* app, const char* folder) {
-  setenv("TEVRA_HOME", folder, 1);
+inline void Names(App* app) {
+  setenv("TEVRA_HOME", folder.c_str(), 1);
   char name[49] = {};
   int length = 48;
   app->Do("name", [&] { return GetApplName(name, &length); });
@@ -136,7 +137,7 @@ inline void Ask(App* app) {
 }
 
 inline void System(App* app) {
-  Names(app, getenv("MQFAULTS_FOLDER"));
+  Names(app);
   BrowsePieces(app);
   Ask(app);
 }
@@ -154,7 +155,7 @@ const Scenario kScenarios[] = {
     {"datagram", [](App* app) { Talk(app, false, true); }},
     {"signed-datagram", [](App* app) { Talk(app, true, true); }},
     {"trickle", [](App* app) { Talk(app, false, false); }, true, 50},
-    {"signed-trickle", [](App* app) { Talk(app, true, false); }, true, 20},
+    {"signed-trickle", [](App* app) { Talk(app, true, false); }, true, 50},
     {"waits", Many},
     {"system", System},
 };
@@ -171,7 +172,7 @@ inline void PreparePlatform() {
     if (pauses == kShortPause && after_pauses) after_pauses();
   });
   Platform::OnSystem([](const char*) {
-    FILE* const file = fopen(format("{}/{}", getenv("MQFAULTS_FOLDER"), getpid()).c_str(), "w");
+    FILE* const file = fopen(format("{}/{}", folder, getpid()).c_str(), "w");
     if (file == nullptr) return -1;
     fputs("faults\n", file);
     return fclose(file);
