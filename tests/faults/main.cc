@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -165,6 +164,7 @@ void Say(const char* how) {
 
 void Die(int number) {
   Say(number == SIGALRM ? "hangs" : sigdescr_np(number));
+  rmdir(folder.c_str());
   _exit(1);
 }
 
