@@ -1,7 +1,7 @@
-// app.hh - an application that does as the headers say: it tries again what may be tried again, goes on where a stream
-// is still in step, and closes a link that a reported failure has left out of step. When one call fails once, the second
-// attempt of everything succeeds and every message that a write took arrives; only a link that was closed for its
-// failure may lose some.
+// app.hh - an application that does as the headers say, and a model of what has to arrive. It tries again what may be
+// tried again, goes on where a stream is still in step, and closes a link that a reported failure has left out of step.
+// When one call fails once, the second attempt of everything succeeds and every message that a write took arrives; only
+// a link that was closed for its failure may lose some.
 #pragma once
 
 #include <deque>
@@ -139,8 +139,8 @@ class App {
     return taken;
   }
 
-  // Finishes what is queued and reads, by waits that watch writing or do not, until everything that was taken was delivered, or the
-  // links are closed.
+  // Finishes what is queued and reads until everything that was taken was delivered, or the links are closed. Without
+  // writing the waits watch reading alone.
   void Pump(const std::vector<Link*>& links, bool writing = true) {
     const auto outstanding = [](const Link* link) {
       return link->open && (!link->flows[0].items.empty() || !link->flows[1].items.empty());
