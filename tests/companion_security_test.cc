@@ -1,5 +1,4 @@
 // companion_security_test.cc - keys, key files, the ring, signatures and the memory of accepted messages.
-#include <signal.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -376,11 +375,9 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
       {alice + alice, 0600, "alice", ": holds 2 keys of this user"},
       {alice, 0600, "carol", ": holds no key of user carol"},
       {"# nothing\n", 0600, nullptr, ": holds no key"},
-      {"", 0600, nullptr, ": holds no key"},
       {alice + "bob\n", 0600, "alice", ":2: expected"},
       {"\n\nbob 1234\n", 0600, "bob", ":3: expected"},
       {"abcdefghijklm" + bob.substr(3), 0600, nullptr, ":1: expected"},
-      {bob + "0", 0600, nullptr, ":1: expected"},
       {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
       {bob + " more", 0600, nullptr, ":1: expected"},
       {bob + " public", 0600, nullptr, ":1: a public key cannot sign"},
@@ -428,29 +425,17 @@ TEST_F(SecurityTest, WordsBehindAKeyAreTakenOnce) {
   }
 }
 
-// Interrupted transfers go on. Others fail, as does a disk that takes no more, and leave no part of a key behind.
+// Interrupted transfers go on; others fail, and leave no part of a key behind.
 TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   const std::string path = folder_.Name("secret");
-  const auto write = [&] {
-    return mqc_secret_file_write(path.c_str(), "alice", alice_.secret, why_.text, sizeof why_.text);
-  };
-  for (const auto& [code, says] :
-       {std::pair{EIO, "Input/output error"}, {0, ""}, {EFBIG, "File too large"}, {EINTR, ""}}) {
-    rlimit old;
-    getrlimit(RLIMIT_FSIZE, &old);
-    const rlimit small = {10, old.rlim_max};
-    const auto before = signal(SIGXFSZ, SIG_IGN);
-    code == EFBIG ? static_cast<void>(setrlimit(RLIMIT_FSIZE, &small)) : static_cast<void>(next_transfer = code);
-    EXPECT_EQ(write(), code == EINTR) << code;
-    setrlimit(RLIMIT_FSIZE, &old);
-    signal(SIGXFSZ, before);
+  struct stat about = {};
+  for (const auto& [code, says] : {std::pair{EIO, "Input/output error"}, {0, ": "}, {EINTR, ""}, {-1, "File exists"}}) {
+    if (code >= 0) next_transfer = code;
+    const bool written = mqc_secret_file_write(path.c_str(), "alice", alice_.secret, why_.text, sizeof why_.text);
+    EXPECT_EQ(written, code == EINTR) << code;
     ExpectSays(why_.text, says);
-    EXPECT_EQ(access(path.c_str(), F_OK) == 0, code == EINTR);
+    EXPECT_EQ(stat(path.c_str(), &about) == 0, code == EINTR || code == -1);
   }
-  EXPECT_FALSE(write());
-  ExpectSays(why_.text, "File exists");
-  struct stat about;
-  ASSERT_EQ(stat(path.c_str(), &about), 0);
   EXPECT_EQ(about.st_mode & 07777, 0600u);
   EXPECT_EQ(Content(path), format("alice {} secret\n", alice_.secret_text));
   for (const auto& [code, says] : {std::pair{EIO, "Input/output error"}, {0, ":1: expected"}, {EINTR, ""}}) {
@@ -458,11 +443,9 @@ TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
     const Signer signer = Signer::load(path.c_str(), nullptr, &why_);
     ExpectSays(why_.text, says);
     ASSERT_EQ(!!signer, code == EINTR);
-    if (!signer) continue;
-    uint8_t open[32];
-    signer.public_key(open);
-    EXPECT_EQ(signer.user(), "alice");
-    EXPECT_EQ(memcmp(open, alice_.open, 32), 0);
+    uint8_t open[32] = {};
+    if (signer) signer.public_key(open);
+    EXPECT_TRUE(!signer || (signer.user() == "alice" && memcmp(open, alice_.open, 32) == 0));
   }
 }
 

@@ -45,17 +45,9 @@ class CompanionTest : public Fixture {
   ~CompanionTest() override { host = {}; }
 
   // Runs a disabled test in a process of its own, with one more variable in its environment.
-  static void RunAlone(const std::string& test, const char* variable = "MQ_NONE", const std::string& value = "") {
-    const pid_t child = fork();
-    if (child == 0) {
-      setenv(variable, value.c_str(), 1);
-      execl(program_invocation_name, "companion_test", ("--gtest_filter=" + test).c_str(),
-            "--gtest_also_run_disabled_tests", "--gtest_brief=1", nullptr);
-      _exit(127);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+  static void RunAlone(const std::string& test, const std::string& variable = "") {
+    const char* const how = "{} {} --gtest_filter={} --gtest_also_run_disabled_tests --gtest_brief=1";
+    EXPECT_EQ(system(format(fmt::runtime(how), variable, program_invocation_name, test).c_str()), 0);
   }
 };
 
@@ -69,43 +61,40 @@ std::string Text(const MqcMemory& account) {
 // Whatever the order of their release: no block overlaps another, records are zero, areas begin at multiples of 64.
 TEST_F(CompanionTest, BlocksStayApartAndAreCounted) {
   struct Block {
-    IoBuffer area;  // holds a record in its data only
-    uint32_t size;
     bool is_record;
+    uint32_t size;
     uint8_t fill;
+    IoBuffer area = {};  // a record is its data
+    bool IsFilled(int byte) const { return std::count(area.data, area.data + size, byte) == size; }
+    void Release() { is_record ? FreeMemory(area.data) : DeleteBuffer(&area); }
   };
   std::vector<Block> blocks;
   std::mt19937 random(1);
   MqcMemory records = {};
   for (int step = 0; step < 8000; ++step) {
     if (blocks.size() < 60 && random() % 5 < 3) {
-      Block block = {{}, 0, random() % 2 != 0, static_cast<uint8_t>(step | 1)};
-      block.size = random() % 2 != 0 ? 32 : random() % (random() % 40 == 0 ? 100000 : 2300);
+      const auto size = static_cast<uint32_t>(random() % 2 != 0 ? 32 : random() % (random() % 40 == 0 ? 100000 : 2300));
+      Block block = {random() % 2 != 0, size, static_cast<uint8_t>(step | 1)};
       if (block.is_record) {
-        void* place;
-        ASSERT_TRUE(fNewMemory(&place, block.size, "block"));
-        block.area.data = static_cast<uint8_t*>(place);
-        ASSERT_EQ(std::count(block.area.data, block.area.data + block.size, 0), block.size);
-        records.total_blocks += 1;
-        records.live_bytes += block.size;
+        ASSERT_TRUE(fNewMemory(reinterpret_cast<void**>(&block.area.data), size, "block") && block.IsFilled(0));
         records.peak_blocks = std::max(++records.live_blocks, records.peak_blocks);
+        records.total_blocks += 1, records.live_bytes += size;
       } else {
-        CreateBuffer(&block.area, block.size);
+        CreateBuffer(&block.area, size);
       }
-      ASSERT_EQ(reinterpret_cast<uintptr_t>(block.area.data) % (block.is_record ? 16 : 64), 0u) << block.size;
-      memset(block.area.data, block.fill, block.size);
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(block.area.data) % (block.is_record ? 16 : 64), 0u) << size;
+      memset(block.area.data, block.fill, size);
       blocks.push_back(block);
     } else if (!blocks.empty()) {
       std::swap(blocks[random() % blocks.size()], blocks.back());
-      Block& block = blocks.back();
-      ASSERT_EQ(std::count(block.area.data, block.area.data + block.size, block.fill), block.size);
-      block.is_record ? FreeMemory(block.area.data) : DeleteBuffer(&block.area);
-      if (block.is_record) records.live_blocks -= 1, records.live_bytes -= block.size;
+      ASSERT_TRUE(blocks.back().IsFilled(blocks.back().fill));
+      if (blocks.back().is_record) records.live_blocks -= 1, records.live_bytes -= blocks.back().size;
+      blocks.back().Release();
       blocks.pop_back();
     }
     ASSERT_EQ(Text(Account("block")), Text(records));
   }
-  for (Block& block : blocks) block.is_record ? FreeMemory(block.area.data) : DeleteBuffer(&block.area);
+  for (Block& block : blocks) block.Release();
 }
 
 // More places than are remembered, each told by its text then; no tag; more tags than are told apart.
@@ -117,29 +106,21 @@ TEST_F(CompanionTest, TagsAreToldByTheirTextUpToSixtyFour) {
     FreeMemory(block);
     return Account(tag != nullptr ? tag : "(none)").total_blocks;
   };
-  MqcMemory before, all;
-  ASSERT_TRUE(mqc_memory(nullptr, &before));
   for (uint64_t i = 0; i < 300; ++i) {
     strcpy(places[i], "T1");
-    EXPECT_EQ(allocate(places[i]), 2 * i + 1);
-    EXPECT_EQ(allocate(places[i]), 2 * i + 2);
+    EXPECT_EQ(allocate(places[i]) + allocate(places[i]), 4 * i + 3);
   }
   EXPECT_EQ(allocate(nullptr), 1u);
-  for (int i = 0; i < 100; ++i) {
-    snprintf(names[i], sizeof names[i], "tag %d", i);
-    allocate(names[i]);
-  }
-  EXPECT_GT(Account("(other)").total_blocks, 0u);
-  EXPECT_FALSE(mqc_memory("never used", &all));
-  EXPECT_EQ(Text(all), "0 live of 0, peak 0, 0 bytes");
-  uint64_t listed = 0;
+  for (int i = 0; i < 100; ++i) allocate(strcpy(names[i], format("tag {}", i).c_str()));
+  MqcMemory none, all;
+  EXPECT_FALSE(mqc_memory("never used", &none));
+  EXPECT_EQ(Text(none), "0 live of 0, peak 0, 0 bytes");
+  EXPECT_TRUE(mqc_memory(nullptr, &all));
   uint32_t count = 0;
-  while (const char* tag = mqc_memory_tag(count)) {
-    listed += Account(tag).total_blocks;
-    ++count;
-  }
+  for (; mqc_memory_tag(count) != nullptr; ++count) none.total_blocks += Account(mqc_memory_tag(count)).total_blocks;
   EXPECT_EQ(count, 64u);
-  EXPECT_EQ(listed, before.total_blocks + 701);
+  EXPECT_EQ(none.total_blocks, all.total_blocks);
+  EXPECT_GT(Account("(other)").total_blocks, 30u);
 }
 
 TEST_F(CompanionTest, BuffersKeepTheirContract) {
@@ -198,7 +179,7 @@ TEST_F(CompanionTest, TextChangesInPlace) {
   EXPECT_TRUE(IsLtEndian() && IsAscText());
 }
 
-// Without an entry, as in many containers, LOGNAME tells. Null: cannot be told.
+// Without an entry, as in many containers, LOGNAME tells. Empty: it cannot be told.
 TEST_F(CompanionTest, TheUserNameFitsOrIsRefused) {
   const struct {
     System system;
@@ -206,23 +187,24 @@ TEST_F(CompanionTest, TheUserNameFitsOrIsRefused) {
     int size;
     const char* name;
   } rows[] = {
-      {{.user = "entry"}, "logname", 6, "entry"},    {{.user = "entry"}, "logname", 5, nullptr},
-      {{.user = "entry"}, "logname", 0, nullptr},    {{.user = ""}, "logname", 256, nullptr},
-      {{.user_code = EIO}, "failed", 256, "failed"}, {{.has_user = false}, "logname", 256, "logname"},
-      {{.has_user = false}, "", 256, nullptr},       {{.has_user = false}, nullptr, 256, nullptr},
+      {{.user = "entry"}, "logname", 6, "entry"},
+      {{.user = "entry"}, "logname", 5, ""},
+      {{.user = "entry"}, "logname", 0, ""},
+      {{.user = ""}, "logname", 256, ""},
+      {{.user_code = EIO}, "failed", 256, "failed"},
+      {{.has_user = false}, "logname", 256, "logname"},
+      {{.has_user = false}, "", 256, ""},
+      {{.has_user = false}, nullptr, 256, ""},
   };
-  const std::string kept = getenv("LOGNAME") != nullptr ? getenv("LOGNAME") : "";
   for (const auto& row : rows) {
     host = row.system;
     row.logname != nullptr ? setenv("LOGNAME", row.logname, 1) : unsetenv("LOGNAME");
     char name[256];
     int length = row.size;
-    ASSERT_EQ(GetUserName(name, &length), row.name != nullptr) << row.logname;
-    if (row.name == nullptr) continue;
-    EXPECT_STREQ(name, row.name);
-    EXPECT_EQ(static_cast<size_t>(length), strlen(row.name));
+    const bool told = GetUserName(name, &length);
+    EXPECT_STREQ(told ? name : "", row.name);
+    EXPECT_TRUE(!told || static_cast<size_t>(length) == strlen(name));
   }
-  if (!kept.empty()) setenv("LOGNAME", kept.c_str(), 1);
 }
 
 // ---- Messages ----
@@ -301,11 +283,6 @@ TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
     for (const auto& [at, word, says] : rows) ExpectSays(Refusal(With(whole, at, word, form.big)), says);
     ExpectSays(Refusal(With(whole, 0, 135, form.big)), "not the length 136");
     ExpectSays(Refusal(With(whole, 8, !form.big, form.big)), "the byte order flag contradicts the first word");
-    for (const size_t at : {140, 148, 168, 184, 204, 220, 152, 172, 188, 208, 224}) {
-      for (const uint32_t word : {0x100u, MQ_MAX_MESSAGE, 0x7fffffffu, 0x80000000u, 0xfffffffcu, 0xffffffffu}) {
-        EXPECT_NE(Refusal(With(whole, at, word, form.big)), "") << at << ": " << word;
-      }
-    }
     // Cut anywhere, or with bytes behind, whether the header says so or not.
     for (size_t size = 0; size < whole.size() + 13; ++size) {
       if (size == whole.size()) continue;
@@ -556,20 +533,17 @@ TEST_F(LogTest, DumpsAreBoundedWhateverTheyShow) {
   ExpectSays(logged, "1901W message of 100160 bytes, area 100160, sender \"\": ");
   ExpectSays(logged, "\n1902W dump 000: 88000000 01000000 00000000 01000000 ");
   ExpectSays(logged, "\n1902W dump 160: 78787878 ");
-  PcfMessage empty;
-  mqc_message_init(&empty);
-  mqc_log_to(folder_.Name("empty").c_str());
-  DumpPcfMessage(&empty);
-  ExpectSays(Content(folder_.Name("empty")), "1901W message of 0 bytes, area 0, sender \"\": ");
-  mqc_log_to(folder_.Name("small").c_str());
   Exact small(Bytes(10, '\xff'));
   memset(small->secHeader.userId, '\n', 12);
   EXPECT_FALSE(RawToPcf(small.get()));
   DumpPcfMessage(small.get());
-  EXPECT_EQ(Content(folder_.Name("small")),
-            format("{0}1901W message of 10 bytes, area 10, sender \"............\": 10 bytes in an area of 10 are no "
-                   "message\n{0}1902W dump 000: ffffffff ffffffff ffff\n",
-                   kLeapDayText));
+  small->raw = {};
+  DumpPcfMessage(small.get());
+  const char* const rest =
+      "1901W message of 10 bytes, area 10, sender \"............\": {0}\n"
+      "1902W dump 000: ffffffff ffffffff ffff\n"
+      "1901W message of 0 bytes, area 0, sender \"............\": {0}\n";
+  EXPECT_EQ(Logged().substr(logged.size()), format(fmt::runtime(rest), small.error()));
 }
 
 // Runs in a process of its own, which loads the companion with a variable set.
@@ -577,7 +551,7 @@ TEST(LogChild, DISABLED_Writes) { LOGMSG("1157I child", 1); }
 
 // A link, a pipe that is read, a folder, a path that is too long, another user's file: the line goes to standard error.
 TEST_F(LogTest, TheEnvironmentNamesTheFile) {
-  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", path_);
+  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG=" + path_);
   ExpectSays(Content(path_), " 1157I child\n");
   const std::string link = folder_.Name("link"), fifo = folder_.Name("fifo"), theirs = folder_.File("theirs", "", 0666);
   ASSERT_EQ(symlink(path_.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);
@@ -589,7 +563,7 @@ TEST_F(LogTest, TheEnvironmentNamesTheFile) {
     const int file = open(seen.c_str(), O_WRONLY | O_CLOEXEC);
     const StandardError there(file);
     close(file);
-    RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG", other);
+    RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG=" + other);
     ExpectSays(Content(seen), " 1157I child\n");
   }
   EXPECT_EQ(Taken(reader) + Content(theirs), "");
@@ -603,7 +577,7 @@ TEST_F(LogTest, TheEnvironmentNamesTheFile) {
   const std::string journal = format("{}:{}", about.st_dev, about.st_ino);
   for (const std::string& stream : {journal + "1", "1" + journal, std::string("nothing"), journal}) {
     EXPECT_EQ(Taken(sockets[1]), "");
-    RunAlone("LogChild.DISABLED_Writes", "JOURNAL_STREAM", stream);
+    RunAlone("LogChild.DISABLED_Writes", "JOURNAL_STREAM=" + stream);
   }
   ExpectSays(Taken(sockets[1]), " 1157I child\n");
   for (const int fd : {reader, sockets[0], sockets[1]}) close(fd);
