@@ -15,7 +15,6 @@
 #include <utility>
 
 #include "mqnode/mqnode.hpp"
-#include "runtime/text.hh"
 #include "tests/support/fixture.hh"
 #include "tests/support/sender.hh"
 
@@ -121,13 +120,14 @@ constexpr uint32_t kSampleBody = 8 + 20 + 16 + 20 + 16 + 16;
 inline Bytes SampleFrom(Form form) { return sender::Plain(form, sender::Body(form, "four"), "alice"); }
 
 // What the library writes into a header before it sends.
-inline void FillHeader(mqnode::MessageRef msg, const std::string& user) {
+inline void FillHeader(mqnode::MessageRef msg, std::string user) {
   PcfMessage& record = msg.record();
   auto* const header = reinterpret_cast<MsgHeader*>(record.raw.data);
-  mq::CopyPadded(header->userId, sizeof header->userId, user.c_str(), sizeof header->userId);
-  mq::CopyPadded(header->applName, sizeof header->applName, "foreign sender", sizeof header->applName);
+  user.resize(sizeof header->userId);
+  user.copy(header->userId, user.size());
+  strcpy(header->applName, "foreign sender");
   record.secHeader = {32, 1, 0, 1, record.raw.length, {}};
-  memcpy(record.secHeader.userId, header->userId, sizeof header->userId);
+  user.copy(record.secHeader.userId, user.size());
 }
 
 inline void BuildSample(mqnode::MessageRef msg, const std::string& user = "alice") {
