@@ -451,7 +451,8 @@ TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
 // Alone, then among more users than the first area takes, around those of the file, in any order.
 TEST_F(SecurityTest, ARingIsLoadedWholeOrNotAtAll) {
   const char *one = alice_.open_text, *two = bob_.open_text;
-  EXPECT_TRUE(mqc_ring_remove("alice"));  // bob's alone
+  mqc_ring_clear();
+  EXPECT_TRUE(Load(format("bob {}", two)) && Add("alice", alice_) && mqc_ring_remove("alice"));  // grown from one
   const std::string good = format("z {}\na {}\nm {}\n", one, two, two);
   const std::tuple<std::string, mode_t, const char*> rows[] = {
       {good + "bad line\n", 0644, ":4: expected"},
