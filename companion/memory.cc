@@ -156,7 +156,7 @@ void DropKept(Kind kind) {
 
 }  // namespace mqc
 
-// A block that stayed is not cleared by a call: most records are descriptors of writes.
+// Fast path: a kept block, cleared without a call. Most records are descriptors of writes.
 int fNewMemory(void** out, uint32_t size, const char* tag) {
   void* block = size == sizeof(IoBuffer) ? mqc::TakeKept<mqc::kRecord>(sizeof(IoBuffer), mqc::FindTag(tag)) : nullptr;
   if (block == nullptr) return mqc::NewMemory(out, size, tag);
