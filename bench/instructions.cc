@@ -174,7 +174,7 @@ void MeasureInstructions(Report* report, const Settings& settings) {
   const Profile nodes = Count({"message", "nodes", "64"}, kPasses);
   Section section = {
       "instructions",
-      "Instructions of one message written and read, 64 B body (aim: nodes at most 370 above bare)",
+      "Instructions of one message written and read, 64 B body (aim: nodes at most 368 above bare)",
       {"what", "all", "library", "companion", "libc", "bench"},
       {},
       {"library: libmqnode alone; libc: with the allocations and copies that it and the companion ask for",

@@ -7,26 +7,27 @@
 #include "companion/memory.hh"
 #include "runtime/runtime.h"
 
+using mqc::Kind;
+
 namespace {
 
-using mqc::Kind;
+mqc::Tag& tag = mqc::tags[mqc::kTagBuffer];
 
 inline void Fill(IoBuffer* buf, void* area, uint32_t size) {
   *buf = {static_cast<uint8_t*>(area), size, size, 0, 0, 0};
 }
 
-[[gnu::noinline]] void CreateNew(IoBuffer* buf, uint32_t size, uint16_t shelf) {
-  void* area = mqc::AllocateNew<Kind::kArea>(size, mqc::tags[mqc::kTagBuffer], shelf);
+[[gnu::noinline]] void CreateNew(IoBuffer* buf, uint32_t size) {
+  void* area = mqc::AllocateNew<Kind::kArea>(size, tag);
   Fill(buf, area, area == nullptr ? 0 : size);
 }
 
 }  // namespace
 
 void CreateBuffer(IoBuffer* buf, uint32_t size) {
-  const uint16_t shelf = mqc::ShelfFor<Kind::kArea>(size);
-  void* area = mqc::TakeKept(size, mqc::tags[mqc::kTagBuffer], shelf);
+  void* area = mqc::TakeKept<Kind::kArea>(size, tag);
   if (area == nullptr) [[unlikely]]
-    return CreateNew(buf, size, shelf);
+    return CreateNew(buf, size);
   Fill(buf, area, size);
 }
 
@@ -39,19 +40,19 @@ void ResetBuffer(IoBuffer* buf, uint32_t length) {
 // Keeps what was received and, for a buffer being sent, what its length covers.
 void SizeBuffer(IoBuffer* buf, uint32_t size) {
   if (buf->data != nullptr && size <= buf->capacity) return;
-  auto* area = static_cast<uint8_t*>(mqc::Allocate<Kind::kArea>(size, mqc::tags[mqc::kTagBuffer]));
+  auto* area = static_cast<uint8_t*>(mqc::Allocate<Kind::kArea>(size, tag));
   if (area == nullptr) return;
   if (buf->data != nullptr) {
     const uint32_t held = buf->received > buf->length ? buf->received : buf->length;
     memcpy(area, buf->data, held < buf->capacity ? held : buf->capacity);
-    mqc::Release(buf->data);
+    mqc::Release<Kind::kArea>(buf->data);
   }
   buf->data = area;
   buf->capacity = size;
 }
 
 void DeleteBuffer(IoBuffer* buf) {
-  mqc::Release(buf->data);
+  mqc::Release<Kind::kArea>(buf->data);
   buf->data = nullptr;
   buf->length = 0;
   buf->capacity = 0;

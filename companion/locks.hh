@@ -15,7 +15,6 @@ enum LockIndex : uint32_t {
   kLockRing,    // users and their keys
   kLockReplay,  // accepted messages
   kLockTags,    // names of tags
-  kLockPool,    // chunks of records
   kLocks
 };
 

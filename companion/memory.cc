@@ -18,7 +18,7 @@ Tag tags[kTags] = {{.name = "buffer"}, {.name = "message"}, {.name = "PcfMessage
                    {.name = "signer"}, {.name = "ring"},    {.name = "replay"},
                    {.name = "file"},   {.name = "(none)"},  {.name = "(other)"}};
 uint64_t fail_countdown;
-void* shelves[1 + 2 * kShelvesOfAKind];
+Kept kept[2];
 
 namespace {
 
@@ -33,7 +33,6 @@ struct TagSlot {
 };
 constexpr uint32_t kSlots = 256;
 TagSlot tag_slots[kSlots];
-TagSlot no_slot = {nullptr, &tags[kTagNone]};
 
 inline uint32_t SlotOf(const char* name) {
   return static_cast<uint32_t>((reinterpret_cast<uintptr_t>(name) * 0x9E3779B97F4A7C15u) >> 56);
@@ -84,18 +83,15 @@ Tag* NewTag(const char* name) {
   return *tag;
 }
 
-// The slot that was looked for last: most records are descriptors of writes.
-std::atomic<const TagSlot*> recent_slot = &no_slot;
-
-Tag& FindTag(const char* name) {
+inline Tag& FindTag(const char* name) {
   const TagSlot& slot = tag_slots[SlotOf(name)];
-  if (name == nullptr || slot.key.load(std::memory_order_acquire) != name) return LearnTag(name);
-  recent_slot.store(&slot, std::memory_order_release);
+  if (slot.key.load(std::memory_order_acquire) != name || name == nullptr) [[unlikely]]
+    return LearnTag(name);
   return *slot.tag;
 }
 
 [[gnu::noinline]] int NewMemory(void** out, uint32_t size, const char* tag) {
-  void* block = Allocate<Kind::kRecord>(size, FindTag(tag));
+  void* block = Allocate<kRecord>(size, FindTag(tag));
   *out = block;
   if (block == nullptr) return 0;
   memset(block, 0, size);
@@ -145,33 +141,31 @@ void CountOut(Tag& tag, uint64_t size) {
   __atomic_fetch_sub(&tag.live, 1, __ATOMIC_RELAXED);
 }
 
-void ReleaseOther(void* place) {
-  const BlockHead head = HeadOf(place);
+void Free(void* place) {
+  const BlockHead& head = HeadOf(place);
   CountOut(*head.tag, head.size);
-  if (head.offset > kAreaAlignment) {
-    constexpr uint32_t kHead = sizeof(BlockHead);
-    GiveToPool(static_cast<char*>(place) - kHead, head.offset - kHead);
-  } else {
-    free(static_cast<char*>(place) - head.offset);
-  }
+  free(static_cast<char*>(place) - head.offset);
+}
+
+void DropKept(Kind kind) {
+  Kept& last = kept[kind];
+  if (last.bytes == 0 || !__libc_single_threaded) return;
+  free(static_cast<char*>(last.place) - HeadOf(last.place).offset);
+  last.bytes = 0;
 }
 
 }  // namespace mqc
 
-// The straight road is that of a write's descriptor.
+// Fast path: a kept block, cleared without a call. Most records are descriptors of writes.
 int fNewMemory(void** out, uint32_t size, const char* tag) {
-  const mqc::TagSlot& slot = *mqc::recent_slot.load(std::memory_order_acquire);
-  if (size != sizeof(IoBuffer) || slot.key.load(std::memory_order_relaxed) != tag)
-    return mqc::NewMemory(out, size, tag);
-  void* block = mqc::TakeKept(sizeof(IoBuffer), *slot.tag, mqc::ShelfFor<mqc::Kind::kRecord>(sizeof(IoBuffer)));
-  if (block == nullptr) [[unlikely]]
-    return mqc::NewMemory(out, size, tag);
+  void* block = size == sizeof(IoBuffer) ? mqc::TakeKept<mqc::kRecord>(sizeof(IoBuffer), mqc::FindTag(tag)) : nullptr;
+  if (block == nullptr) return mqc::NewMemory(out, size, tag);
   memset(block, 0, sizeof(IoBuffer));
   *out = block;
   return 1;
 }
 
-void FreeMemory(void* p) { mqc::Release(p); }
+void FreeMemory(void* p) { mqc::Release<mqc::kRecord>(p); }
 
 int mqc_memory(const char* tag, MqcMemory* out) {
   *out = {};

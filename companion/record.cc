@@ -121,7 +121,7 @@ bool GrowRaw(PcfMessage* msg, uint32_t size) {
   if (raw.data != nullptr) {
     // A browsed header counts in no length.
     memcpy(area, raw.data, std::min(raw.capacity, std::max(raw.length, kHeader)));
-    if (raw.library0 == raw.data) Release(raw.data);
+    if (raw.library0 == raw.data) Release<Kind::kArea>(raw.data);
   }
   raw.library0 = area;
   raw.data = area;
@@ -141,14 +141,14 @@ PcfMessage* mqc_message_new(uint32_t capacity) {
   if (msg == nullptr) return nullptr;
   mqc_message_init(msg);
   if (GrowRaw(msg, std::max(capacity, kHeader))) return msg;
-  Release(msg);
+  Release<Kind::kRecord>(msg);
   return nullptr;
 }
 
 void mqc_message_free(PcfMessage* msg) {
   if (msg == nullptr) return;
   mqc_message_release(msg);
-  Release(msg);
+  Release<Kind::kRecord>(msg);
 }
 
 void mqc_message_init(PcfMessage* msg) {
@@ -159,7 +159,7 @@ void mqc_message_init(PcfMessage* msg) {
 }
 
 void mqc_message_release(PcfMessage* msg) {
-  if (msg->raw.data != nullptr && msg->raw.library0 == msg->raw.data) Release(msg->raw.data);
+  if (msg->raw.data != nullptr && msg->raw.library0 == msg->raw.data) Release<Kind::kArea>(msg->raw.data);
   mqc_message_init(msg);
 }
 

@@ -109,7 +109,7 @@ void ForgetOldest(User* user) {
   Seen* oldest = TakeFirst(&user->seen);
   user->floor = std::max(user->floor, oldest->time);
   SetCount(user, user->count - 1);
-  Release(oldest);
+  Release<Kind::kRecord>(oldest);
 }
 
 // Two for each message that comes, so that fewer are held when fewer come.
@@ -152,7 +152,7 @@ Replay Remember(User* user, const Seen& message, Moment moment) {
   Seen* fresh = NewNode(message);
   if (fresh == nullptr) return Replay::kNoMemory;
   if (memory.count >= limit && !MakeRoom(user, message.time, moment.now)) {
-    Release(fresh);
+    Release<Kind::kRecord>(fresh);
     return Replay::kFull;
   }
   Insert(&user->seen, fresh);
@@ -170,8 +170,8 @@ bool ObeyLimit() {
 void ReleaseUsers(User* users) {
   while (users != nullptr) {
     User* user = TakeFirst(&users);
-    while (user->seen != nullptr) Release(TakeFirst(&user->seen));
-    Release(user);
+    while (user->seen != nullptr) Release<Kind::kRecord>(TakeFirst(&user->seen));
+    Release<Kind::kRecord>(user);
   }
 }
 

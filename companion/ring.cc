@@ -44,7 +44,7 @@ bool Grow(uint32_t number) {
   KeyLine* larger = NewMembers(number);
   if (larger == nullptr) return false;
   if (count != 0) memcpy(larger, members, count * sizeof(KeyLine));
-  Release(members);
+  Release<Kind::kRecord>(members);
   members = larger;
   room = number;
   return true;
@@ -133,12 +133,12 @@ bool Merge(const KeyLine* lines, uint32_t number) {
     if (count != 0) memcpy(sorted, members, count * sizeof(KeyLine));
     memcpy(sorted + count, lines, number * sizeof(KeyLine));
     qsort(sorted, all, sizeof(KeyLine), CompareLines);
-    Release(members);
+    Release<Kind::kRecord>(members);
     members = merged;
     room = all;
     count = Settle(sorted, all, merged);
   }
-  Release(sorted);
+  Release<Kind::kRecord>(sorted);
   return merged != nullptr;
 }
 
@@ -192,7 +192,7 @@ int mqc_ring_load(const char* path, char* error, size_t size) {
   uint32_t number;
   bool loaded = LoadLines(path, file, lines, &number, text);
   if (loaded && !Merge(lines, number)) loaded = Fail(text, "%s: no memory for its keys", path);
-  Release(lines);
+  Release<Kind::kRecord>(lines);
   return loaded;
 }
 
@@ -207,7 +207,7 @@ int mqc_ring_remove(const char* user) {
 
 void mqc_ring_clear(void) {
   const Locked locked(kLockRing);
-  Release(members);
+  Release<Kind::kRecord>(members);
   members = nullptr;
   count = 0;
   room = 0;

@@ -2,8 +2,8 @@
 # valgrind.sh BUILD_DIR - the test programs and the examples under valgrind's memcheck: no byte is read that nobody has
 # written, none outside its block, and at the end every block is released or still known to somebody.
 #
-# The build keeps no blocks on shelves (any type but Release). There are no suppressions. Not run here: the packaging,
-# the fuzz corpus and the demonstration, which the address sanitizer watches; they would take hours.
+# Access to the two blocks that the companion keeps for reuse is not seen. There are no suppressions. Not run here: the
+# packaging, the fuzz corpus and the demonstration, which the address sanitizer watches; they would take hours.
 set -uo pipefail
 build=$(cd "${1:?usage: valgrind.sh BUILD_DIR}" && pwd)
 cd "$(dirname "$0")/../.."

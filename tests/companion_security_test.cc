@@ -1,0 +1,519 @@
+// companion_security_test.cc - keys, key files, the ring, signatures and the memory of accepted messages.
+#include <sys/resource.h>
+
+#include <atomic>
+#include <thread>
+
+#include "tests/support/records.hh"
+
+namespace {
+
+using mqnode::Signer;
+
+std::atomic<int64_t> clock_now;
+
+struct Keys {
+  uint8_t secret[32], open[32];
+  char secret_text[65], open_text[65];
+  Keys() {
+    EXPECT_TRUE(mqc_generate_key(secret, open));
+    mqc_key_text(secret, secret_text);
+    mqc_key_text(open, open_text);
+  }
+};
+
+// How messages are sent: milliseconds before each, how far the sender's clock is ahead, and what becomes of each.
+struct How {
+  int64_t pace = 0, ahead = 0;
+  const char* says = "";  // why it is refused
+};
+
+class SecurityTest : public Fixture {
+ protected:
+  SecurityTest() {
+    clock_now = 1700000000000;
+    mqc_set_clock([] { return clock_now.load(); });
+    mqc_reset_replay(0);
+    mqc_ring_clear();
+    EXPECT_TRUE(Add("alice", alice_) && Add("bob", bob_));
+    BuildSample(msg_);
+  }
+  ~SecurityTest() override {
+    mqc_set_window(300);
+    mqc_set_replay_limit(262144);
+    mqc_ring_clear();
+    mqc_set_clock(nullptr);
+  }
+  bool Add(const char* user, const Keys& keys) { return mqc_ring_add(user, keys.open, why_.text, sizeof why_.text); }
+  bool Load(const std::string& ring, mode_t mode = 0644) {
+    return mqc_ring_load(folder_.File("ring", ring, mode).c_str(), why_.text, sizeof why_.text);
+  }
+
+  // The sample as this user signs it; empty when that is refused.
+  Bytes Sign(const std::string& user = "alice", const Signer* signer = nullptr) {
+    FillHeader(msg_, user);
+    IoBuffer out = {};
+    mqc_sign((signer != nullptr ? signer : user == "bob" ? &bob_signer_ : &alice_signer_)->get(), msg_.get(), &out);
+    const Bytes wire(reinterpret_cast<char*>(out.data), out.length);
+    DeleteBuffer(&out);
+    return wire;
+  }
+  // What a secure read does with the bytes of one message: why it was refused, or nothing.
+  static std::string Refusal(const Bytes& wire) {
+    SecureHeader envelope;
+    memcpy(&envelope, wire.data(), 32);
+    if ((envelope.hdrLength != 32 && envelope.hdrLength != bwlong(32)) || !AlienToNativeExt(&envelope)) return "header";
+    Bytes part = wire.substr(32);
+    if (part.size() != envelope.msgLength) return "length";
+    Exact record(part);
+    const auto length = static_cast<uint32_t>(part.size());
+    IoBuffer view = {reinterpret_cast<uint8_t*>(part.data()), length, length, 0, length, 0};
+    record->secHeader = envelope;
+    const bool accepted = mqc_authenticate(&record->secHeader, &view, record.get());
+    EXPECT_EQ(memcmp(&record->secHeader, &envelope, sizeof envelope), 0);
+    if (accepted) {
+      EXPECT_TRUE(record.Read());
+      EXPECT_EQ(Show(record), format("{0}{1}, foreign sender, {1}", kSample, record.sender()));
+      record->raw.length = length;
+      EXPECT_FALSE(mqc_authenticate(&record->secHeader, &view, record.get()));
+    }
+    EXPECT_EQ(Show(record), "0:; , , ") << "nothing is left of what is not believed";
+    return accepted ? "" : mqc_authenticate_error();
+  }
+  void Send(const std::string& user, int count, How how = {}) {
+    for (int i = 0; i < count && !HasFailure(); ++i) {
+      clock_now += how.pace + how.ahead;
+      const Bytes wire = Sign(user);
+      clock_now -= how.ahead;
+      const std::string refusal = Refusal(wire);
+      ExpectSays(refusal, how.says);
+      EXPECT_EQ(refusal.empty(), *how.says == '\0') << refusal << ", message " << i;
+      if (refusal.empty()) accepted_.push_back(wire);
+    }
+  }
+  void ExpectNothingIsAcceptedTwice() const {
+    for (const Bytes& wire : accepted_) ASSERT_NE(Refusal(wire), "");
+  }
+  static uint64_t Remembered() { return Account("replay").live_blocks; }
+
+  const Keys alice_, bob_;
+  const Signer alice_signer_ = Signer::create("alice", alice_.secret), bob_signer_ = Signer::create("bob", bob_.secret);
+  const mqnode::Message msg_ = mqnode::Message::create(512);
+  const Folder folder_;
+  std::vector<Bytes> accepted_;
+  mqnode::ErrorText why_;
+};
+
+constexpr char kForgotten[] = "longer than accepted messages are remembered";
+constexpr int kHour = 3600000;
+
+// ---- Signatures ----
+
+TEST_F(SecurityTest, EveryBitIsCovered) {
+  const Bytes wire = Sign();
+  ASSERT_EQ(wire.size(), 32 + msg_.raw().size() + 96);
+  for (size_t bit = 0; bit < 8 * wire.size(); ++bit) {
+    Bytes tampered = wire;
+    tampered[bit / 8] = static_cast<char>(tampered[bit / 8] ^ 1 << bit % 8);
+    ASSERT_NE(Refusal(tampered), "") << "bit " << bit;
+  }
+  EXPECT_EQ(Refusal(wire), "") << "a refused message must not be remembered";
+  ExpectSays(Refusal(wire), "replay");
+  EXPECT_NE(wire, Sign()) << "a nonce is used once";
+}
+
+// Bob signs well, then claims to be alice; alice's key is taken away, or replaced.
+TEST_F(SecurityTest, NobodySignsForAnother) {
+  const Bytes bobs = Sign("bob"), good = Sign();
+  Bytes claimed = Bytes(bobs).replace(20, 5, "alice");
+  ExpectSays(Refusal(claimed), "different users");
+  ExpectSays(Refusal(claimed.replace(32 + 72, 5, "alice")), "not user alice's");
+  EXPECT_TRUE(mqc_ring_remove("alice"));
+  EXPECT_FALSE(mqc_ring_remove("alice"));
+  ExpectSays(Refusal(good), "not in the ring");
+  EXPECT_TRUE(Add("alice", bob_));
+  ExpectSays(Refusal(good), "not user alice's");
+  EXPECT_TRUE(Add("alice", alice_));
+  EXPECT_EQ(mqc_ring_count(), 2u);
+  EXPECT_EQ(Refusal(good) + Refusal(bobs), "");
+}
+
+// An end is a day to its last millisecond, for who signs and for who reads.
+TEST_F(SecurityTest, KeysEnd) {
+  const std::string path = folder_.Name("secret");
+  EXPECT_TRUE(mqc_secret_file_write_until(path.c_str(), "alice", alice_.secret, clock_now, nullptr, 0));
+  const Signer signer = Signer::load(path.c_str());
+  EXPECT_EQ(mqc_signer_until(signer.get()), 1700006399999) << "2023-11-14 to its end";
+  EXPECT_TRUE(Load(format("alice {} until=2023-11-14", alice_.open_text)));
+  clock_now = 1700006399999;
+  EXPECT_EQ(Refusal(Sign("alice", &signer)), "");
+  const Bytes late = Sign();
+  clock_now += 1;
+  ExpectSays(Refusal(late), "the key of user alice ended on 2023-11-14");
+  EXPECT_EQ(Sign("alice", &signer), "");
+  ExpectSays(mqc_sign_error(), "the key of user alice ended on 2023-11-14");
+}
+
+// A revoked key stays so, whatever comes before and after it; another key of the user is another matter.
+TEST_F(SecurityTest, KeysAreRevoked) {
+  const std::string live = format("alice {}\n", alice_.open_text),
+                    revoked = format("alice {} revoked\n", alice_.open_text);
+  EXPECT_TRUE(Load(live) && Load(revoked) && Load(live + revoked) && Load(live)) << why_.text;
+  ExpectSays(Refusal(Sign()), "is revoked");
+  EXPECT_FALSE(Add("alice", alice_) || mqc_ring_remove("alice"));
+  EXPECT_EQ(mqc_ring_count(), 1u);
+  EXPECT_TRUE(Load(format("alice {}", bob_.open_text)));
+  EXPECT_EQ(mqc_ring_count(), 2u);
+  EXPECT_TRUE(Load(live));
+  ExpectSays(Refusal(Sign()), "is not user alice's");
+}
+
+// The mapping that a signer lies in, by the kernel's own account.
+TEST_F(SecurityTest, SignersAreLeftOutOfCoreDumpsAndSwap) {
+  std::ifstream maps("/proc/self/smaps");
+  uintptr_t at = reinterpret_cast<uintptr_t>(alice_signer_.get()), begin = 0, end = 0, from, to;
+  std::string flags;
+  for (std::string line; std::getline(maps, line);) {
+    if (sscanf(line.c_str(), "%zx-%zx ", &from, &to) == 2) begin = from, end = to;
+    if (begin <= at && at < end && line.starts_with("VmFlags:")) flags = line + " ";
+  }
+  ExpectSays(flags, " dd ");
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which make mlock do nothing
+  rlimit lockable;
+  getrlimit(RLIMIT_MEMLOCK, &lockable);
+  if (lockable.rlim_cur > 65536) ExpectSays(flags, " lo ");
+#endif
+}
+
+// What a host may ask to be signed without having looked at it: the context and the record.
+TEST_F(SecurityTest, SigningIsRefusedWithAReason) {
+  uint64_t no_signer[40] = {};
+  void* context;
+  const std::pair<const char*, std::function<void(PcfMessage&)>> rows[] = {
+      {"no security context", [&](PcfMessage&) { context = nullptr; }},
+      {"no signer", [&](PcfMessage&) { context = no_signer; }},
+      {"the node's user is alice, the key is that of bob", [&](PcfMessage&) { context = bob_signer_.get(); }},
+      {"the node's user is al,", [](PcfMessage& msg) { msg.secHeader.userId[2] = 0; }},
+      {"136 bytes in an area of 512 are no message", [](PcfMessage& msg) { msg.raw.length = 136; }},
+      {"513 bytes in an area of 512 are no message", [](PcfMessage& msg) { msg.raw.length = 513; }},
+      {"passes the bound", [](PcfMessage& msg) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
+      {"do not say the message's length of 232", [](PcfMessage& msg) { msg.secHeader.msgLength--; }},
+      {"do not say", [](PcfMessage& msg) { msg.raw.data[64]++; }},
+      {"different users", [](PcfMessage& msg) { msg.raw.data[72] = 'A'; }},
+      {"no memory to sign", [](PcfMessage&) { mqc_fail_allocation(1, 0); }},
+  };
+  for (const auto& [says, spoil] : rows) {
+    const auto msg = mqnode::Message::create(512);
+    BuildSample(msg);
+    context = alice_signer_.get();
+    spoil(msg.record());
+    IoBuffer out = {};
+    EXPECT_FALSE(mqc_sign(context, msg.get(), &out)) << says;
+    ExpectSays(mqc_sign_error(), says);
+  }
+}
+
+// What a host may hand to the check without having looked at it.
+TEST_F(SecurityTest, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
+  using Spoil = std::function<void(PcfMessage&, IoBuffer&)>;
+  const auto resize = [](uint32_t length) -> Spoil {
+    return [=](PcfMessage& msg, IoBuffer& part) { msg.raw.length = part.length = msg.secHeader.msgLength = length; };
+  };
+  const std::pair<const char*, Spoil> rows[] = {
+      {"an envelope of 33", [](PcfMessage& msg, IoBuffer&) { msg.secHeader.hdrLength = 33; }},
+      {"version 2", [](PcfMessage& msg, IoBuffer&) { msg.secHeader.version = 2; }},
+      {"the envelope says 329 bytes", [](PcfMessage& msg, IoBuffer&) { msg.secHeader.msgLength++; }},
+      {"232 bytes have no room", resize(136 + 96)},
+      {"the header says 96", resize(136 + 96 + 1)},
+      {"does not hold", [](PcfMessage& msg, IoBuffer&) { msg.raw.data = nullptr; }},
+      {"does not hold", [](PcfMessage&, IoBuffer& part) { part.data = nullptr; }},
+      {"does not hold", [](PcfMessage& msg, IoBuffer&) { msg.raw.length--; }},
+      {"does not hold", [](PcfMessage& msg, IoBuffer&) { msg.raw.capacity--; }},
+      {"other bytes", [](PcfMessage& msg, IoBuffer&) { msg.raw.data[150] ^= 1; }},
+      {"cannot be one",
+       [](PcfMessage& msg, IoBuffer& part) {
+         for (void* user : {msg.raw.data + 72, part.data + 72}) memcpy(user, "alice\0x", 7);
+         memcpy(msg.secHeader.userId, "alice\0x", 7);
+       }},
+      {"", [](PcfMessage& msg, IoBuffer& part) { part.data = msg.raw.data; }},
+  };
+  for (const auto& [says, spoil] : rows) {
+    const Bytes wire = Sign();
+    Bytes bytes = wire.substr(32);
+    Exact record(bytes);
+    memcpy(&record->secHeader, wire.data(), 32);
+    const auto length = static_cast<uint32_t>(bytes.size());
+    IoBuffer part = {reinterpret_cast<uint8_t*>(bytes.data()), length, length, 0, length, 0};
+    spoil(*record.get(), part);
+    EXPECT_EQ(mqc_authenticate(&record->secHeader, &part, record.get()), *says == '\0');
+    ExpectSays(mqc_authenticate_error(), says);
+  }
+}
+
+// ---- Accepted messages ----
+
+TEST_F(SecurityTest, AgeIsJudgedByTheWindow) {
+  EXPECT_FALSE(mqc_set_window(0) || mqc_set_window(MQC_WINDOW_MAX + 1));
+  ASSERT_TRUE(mqc_set_window(10));
+  Send("alice", 1, {.ahead = 10000});
+  Send("alice", 1, {.ahead = -10000});
+  Send("alice", 1, {.ahead = 10001, .says = "signed 10001 ms after the present, the window is 10000 ms"});
+  Send("alice", 1, {.ahead = -10001, .says = "signed 10001 ms before the present"});
+  mqc_refuse_before(clock_now);
+  mqc_refuse_before(0);
+  Send("alice", 1, {.says = kForgotten});
+  Send("alice", 1, {.ahead = 1});
+}
+
+// Messages over time make the oldest be forgotten; those of one moment fill the memory. Neither a wider window nor a
+// clock that goes back brings one back.
+TEST_F(SecurityTest, AFullMemoryForgetsButNeverAcceptsTwice) {
+  EXPECT_FALSE(mqc_set_replay_limit(1023) || mqc_set_replay_limit(16777217));
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  Send("alice", 1500, {.pace = 50});
+  EXPECT_EQ(Remembered(), 1025u) << "and the user";
+  clock_now += 700000;
+  Send("alice", 1024);
+  Send("alice", 1, {.says = "user alice has filled"});
+  clock_now += 400000;
+  Send("alice", 1);
+  ASSERT_TRUE(mqc_set_window(MQC_WINDOW_MAX));
+  ExpectNothingIsAcceptedTwice();
+  clock_now -= 400000;
+  ExpectNothingIsAcceptedTwice();
+}
+
+// Bob fills the memory with messages that are as far ahead as they may be: his own later ones are refused until the
+// time has come up to them, alice's are not.
+TEST_F(SecurityTest, NobodyFillsTheMemoryForOthers) {
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  Send("bob", 1024, {.ahead = 290000});
+  Send("bob", 1, {.ahead = 290000, .says = "user bob has filled"});
+  Send("alice", 1200, {.pace = 10});
+  Send("bob", 1, {.says = kForgotten});
+  EXPECT_EQ(Remembered(), 1024u + 2) << "and a block for each user";
+  ExpectNothingIsAcceptedTwice();
+  Send("bob", 1, {.pace = 290001});
+}
+
+// Both clocks were an hour ahead: what was accepted then is still refused, and nothing else is, until the memory of it
+// is full. Then the host says so: the messages of the wrong hour, and no others, are accepted once more in that hour.
+TEST_F(SecurityTest, AClockThatIsSetRightRefusesNothingNew) {
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  Send("alice", 1);
+  Send("alice", 1, {.pace = kHour});
+  Send("alice", 1, {.pace = -kHour});
+  Send("alice", 1, {.pace = kHour});
+  Send("alice", 1022);
+  clock_now -= kHour;
+  const Bytes refused = Sign();
+  ExpectSays(Refusal(refused), kForgotten);
+  mqc_refuse_before(clock_now + kHour);
+  mqc_reset_replay(clock_now);
+  EXPECT_EQ(Remembered(), 0u);
+  for (const Bytes& wire : {refused, accepted_[0]}) ExpectSays(Refusal(wire), kForgotten);
+  Send("alice", 1, {.pace = 1});
+  clock_now += kHour;
+  EXPECT_EQ(Refusal(accepted_[1000]), "");
+  ExpectSays(Refusal(accepted_[1000]), "replay");
+  // An hour after the window, two are forgotten for each that comes.
+  Send("alice", 1, {.pace = kHour + 300001});
+  EXPECT_EQ(Remembered(), 2u) << "the user and the last message";
+}
+
+// A lower limit makes the oldest be forgotten at once. A message that found no memory was not remembered.
+TEST_F(SecurityTest, ALowerLimitIsObeyed) {
+  const Bytes late = Sign();
+  Send("alice", 1300, {.pace = 1});
+  ASSERT_TRUE(mqc_set_replay_limit(1024));
+  EXPECT_EQ(Remembered(), 1025u);
+  ExpectSays(Refusal(late), kForgotten);
+  ExpectNothingIsAcceptedTwice();
+  clock_now += 1;
+  for (const char* user : {"alice", "bob"}) {
+    const Bytes last = Sign(user);
+    mqc_fail_allocation(1, 0);
+    ExpectSays(Refusal(last), "no memory");
+    EXPECT_EQ(Refusal(last), "");
+  }
+}
+
+TEST_F(SecurityTest, OneOfManyThreadsAcceptsAMessage) {
+  for (int round = 0; round < 20; ++round) {
+    const Bytes wire = Sign();
+    std::atomic<int> accepted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back([&] { accepted += Refusal(wire).empty(); });
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(accepted, 1);
+  }
+}
+
+// ---- Key files ----
+
+TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
+  const std::string alice = format("alice {}\n", alice_.secret_text), bob = format("bob\t{}", bob_.secret_text);
+  const auto expect = [&](const std::string& path, const char* user, std::string_view says) {
+    EXPECT_EQ(!Signer::load(path.c_str(), user, &why_), !says.empty());
+    EXPECT_EQ(std::string(why_.text).substr(0, path.size() + says.size()),
+              says.empty() ? "" : format("{}{}", path, says));
+    EXPECT_EQ(std::string(why_.text).find(std::string(bob_.secret_text, 10)), std::string::npos);
+  };
+  const struct {
+    std::string text;
+    mode_t mode;
+    const char *user, *says;
+  } rows[] = {
+      {"# keys\n\n  " + alice, 0600, nullptr, ""},
+      {alice + bob, 0400, "bob", ""},
+      {alice.substr(0, alice.size() - 1) + "\r\n" + bob + "\r", 0600, "alice", ""},
+      {bob + " until=2028-02-29\tsecret # his", 0600, "bob", ""},
+      {alice, 0640, nullptr, ": its group or others have access to this secret key (mode 0640); chmod 600"},
+      {alice, 0604, nullptr, ": its group or others"},
+      {alice + bob, 0600, nullptr, ": holds 2 keys, name the user"},
+      {alice + alice, 0600, "alice", ": holds 2 keys of this user"},
+      {alice, 0600, "carol", ": holds no key of user carol"},
+      {"# nothing\n", 0600, nullptr, ": holds no key"},
+      {alice + "bob\n", 0600, "alice", ":2: expected"},
+      {"\n\nbob 1234\n", 0600, "bob", ":3: expected"},
+      {"abcdefghijklm" + bob.substr(3), 0600, nullptr, ":1: expected"},
+      {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
+      {bob + " more", 0600, nullptr, ":1: expected"},
+      {bob + " public", 0600, nullptr, ":1: a public key cannot sign"},
+      {bob + " revoked", 0600, nullptr, ":1: this key is revoked"},
+      {bob + std::string(1, '\0') + "\n", 0600, nullptr, ":1: expected"},
+      {std::string(65537, '\n'), 0600, nullptr, ": 65537 bytes, at most 65536"},
+  };
+  for (const auto& row : rows) {
+    const std::string path = folder_.File("secret", row.text, row.mode);
+    expect(path, row.user, row.says);
+    unlink(path.c_str());
+  }
+  expect(folder_.Name("missing"), nullptr, ": No such file or directory (ENOENT)");
+  expect("/tmp", nullptr, ": not a regular file");
+  const std::string theirs = folder_.File("theirs", alice);
+  if (chown(theirs.c_str(), 65534, 65534) == 0)
+    expect(theirs, nullptr, ": belongs to user id 65534");  // root alone can
+  char cut[8] = "";
+  for (const size_t size : {sizeof cut, size_t{0}}) EXPECT_FALSE(mqc_signer_load("/", nullptr, cut, size));
+  EXPECT_STREQ(cut, "/: not ") << "a place of no size is not written to";
+  EXPECT_FALSE(mqc_signer_load("/", nullptr, nullptr, 0));
+}
+
+TEST_F(SecurityTest, WordsBehindAKeyAreTakenOnce) {
+  const std::string start = format("bob {} ", bob_.open_text);
+  MqcKey key;
+  for (const char* words : {"public secret", "revoked revoked", "until=2027-01-30 until=2027-01-30", "until=", "Public",
+                            "until=2027-1-30", "until=2027/01-30", "until=2027-01/30", "until=2o27-01-30",
+                            "until=2027-x1-30", "until=2027-01-3x", "until=2027-02-29", "until=1969-12-31"}) {
+    EXPECT_FALSE(mqc_key_read((start + words).c_str(), &key)) << words;
+    EXPECT_EQ(std::count(key.key, key.key + 32, 0), 32) << words;
+  }
+  char line[MQC_KEY_LINE];
+  for (const char* words : {"", "public", "secret until=1970-01-01", "public until=9999-12-31 revoked"}) {
+    ASSERT_TRUE(mqc_key_read((start + words).c_str(), &key)) << words;
+    mqc_key_write(&key, line);
+    EXPECT_EQ(line + std::string(*words == '\0' ? " " : ""), start + words);
+  }
+  key.kind = 9;
+  key.until = MQC_NO_END - 1;
+  mqc_key_write(&key, line);
+  EXPECT_EQ(line, start + "until=9999-12-31 revoked");
+  for (const char* user : {"", "thirteenchars", "a b", "a#b", "\x80", "\x7f"}) {
+    EXPECT_FALSE(Signer::create(user, bob_.secret) || mqc_ring_add(user, bob_.open, nullptr, 0)) << user;
+  }
+}
+
+// Interrupted transfers go on; others fail, and leave no part of a key behind.
+TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
+  const std::string path = folder_.Name("secret");
+  struct stat about = {};
+  for (const auto& [code, says] : {std::pair{EIO, "Input/output error"}, {0, ": "}, {EINTR, ""}, {-1, "File exists"}}) {
+    if (code >= 0) next_transfer = code;
+    const bool written = mqc_secret_file_write(path.c_str(), "alice", alice_.secret, why_.text, sizeof why_.text);
+    EXPECT_EQ(written, code == EINTR) << code;
+    ExpectSays(why_.text, says);
+    EXPECT_EQ(stat(path.c_str(), &about) == 0, code == EINTR || code == -1);
+  }
+  EXPECT_EQ(about.st_mode & 07777, 0600u);
+  EXPECT_EQ(Content(path), format("alice {} secret\n", alice_.secret_text));
+  for (const auto& [code, says] : {std::pair{EIO, "Input/output error"}, {0, ":1: expected"}, {EINTR, ""}}) {
+    next_transfer = code;
+    const Signer signer = Signer::load(path.c_str(), nullptr, &why_);
+    ExpectSays(why_.text, says);
+    ASSERT_EQ(!!signer, code == EINTR);
+    uint8_t open[32] = {};
+    if (signer) signer.public_key(open);
+    EXPECT_TRUE(!signer || (signer.user() == "alice" && memcmp(open, alice_.open, 32) == 0));
+  }
+}
+
+// Alone, then among more users than the first area takes, around those of the file, in any order.
+TEST_F(SecurityTest, ARingIsLoadedWholeOrNotAtAll) {
+  const char *one = alice_.open_text, *two = bob_.open_text;
+  mqc_ring_clear();
+  EXPECT_TRUE(Load(format("bob {}", two)) && Add("alice", alice_) && mqc_ring_remove("alice"));  // grown from one
+  const std::string good = format("z {}\na {}\nm {}\n", one, two, two);
+  const std::tuple<std::string, mode_t, const char*> rows[] = {
+      {good + "bad line\n", 0644, ":4: expected"},
+      {good + "# again\na " + one, 0644, ":5: user a has a key in line 2 already"},
+      {good + "q " + std::string(64, 'f'), 0644, ":4: not a valid public key"},
+      {good + "q " + std::string(64, '0') + " revoked", 0644, ":4: not a valid public key"},
+      {good + format("q {} secret", one), 0644, ":4: a secret key in a ring"},
+      {good, 0664, "chmod go-w"},
+  };
+  for (const uint32_t users : {0u, 40u}) {
+    for (uint32_t i = 0; i < users; ++i) ASSERT_TRUE(Add(format("zz{}", i * 7 % 40).c_str(), alice_));
+    for (const auto& [text, mode, says] : rows) {
+      EXPECT_FALSE(Load(text, mode));
+      ExpectSays(why_.text, says);
+      EXPECT_EQ(mqc_ring_count(), users + 1);
+    }
+    EXPECT_TRUE(Load(good) && Load(good)) << why_.text;
+    EXPECT_EQ(mqc_ring_count(), users + 4);
+    for (const char* user : {"a", "bob", "m", "z"})
+      EXPECT_TRUE(mqc_ring_remove(user) && (*user != 'b' || Add(user, bob_)));
+    for (uint32_t i = 0; i < users; ++i) EXPECT_TRUE(mqc_ring_remove(format("zz{}", i).c_str()));
+  }
+  Keys none;
+  memset(none.open, 0xff, sizeof none.open);
+  EXPECT_FALSE(Add("n", none));
+}
+
+// Everything that a host may do with memory, as one scenario that stops at the first failure.
+TEST_F(SecurityTest, EveryAllocationMayFail) {
+  const std::string secret = folder_.Name("secret");
+  const auto scenario = [&] {
+    mqc_ring_clear();
+    unlink(secret.c_str());
+    if (!mqc_secret_file_write(secret.c_str(), "alice", alice_.secret, nullptr, 0)) return false;
+    const Signer signer = Signer::load(secret.c_str());
+    if (!signer || !Add("alice", alice_) || !Load(format("bob {}\n", bob_.open_text))) return false;
+    const auto msg = mqnode::Message::create();
+    if (!msg || !msg.begin(1) || !msg.add(1, std::string(5000, 'x'))) return false;
+    FillHeader(msg, "alice");
+    IoBuffer out = {};
+    if (mqc_sign(signer.get(), msg.get(), &out)) SizeBuffer(&out, 9000);
+    const bool done = out.capacity == 9000;
+    DeleteBuffer(&out);
+    mqc_ring_clear();
+    return done;
+  };
+  ASSERT_TRUE(scenario());
+  for (const int onwards : {0, 1}) {
+    bool done = false;
+    for (uint64_t nth = 1; !done; ++nth) {
+      const uint64_t attempts = mqc_allocations();
+      const uint64_t before = Account(nullptr).live_blocks;
+      mqc_fail_allocation(nth, onwards);
+      done = scenario();
+      mqc_fail_allocation(0, 0);
+      mqc_ring_clear();
+      EXPECT_EQ(Account(nullptr).live_blocks, before) << "allocation " << nth;
+      EXPECT_TRUE(!done || (mqc_allocations() - attempts == nth - 1 && nth > 9)) << "one that nobody looked at";
+      ASSERT_TRUE(scenario()) << "after allocation " << nth;
+    }
+  }
+}
+
+}  // namespace
