@@ -83,9 +83,9 @@ row 0 "Exit codes:" "$mqcat" --help
 row 0 "mqcat 1." "$mqcat" --version
 row 2 "command is required" "$mqcat"
 row 2 'no command "lisen"' "$mqcat" lisen 5000
-for command in listen send ping decode keys explain abi; do row 0 "Example" "$mqcat" $command --help; done
+for command in listen send ping decode keys explain; do row 0 "Example" "$mqcat" $command --help; done
 # What the help names, the manual page and the completion name, too.
-options=$(for command in listen send ping decode 'keys add' 'keys list' explain abi; do
+options=$(for command in listen send ping decode 'keys add' 'keys list' explain; do
   # shellcheck disable=SC2086
   "$mqcat" $command --help | sed -n '/^Options/,/^$/s/^  \(-.,\)\?\(--[a-z-]*\).*/\2/p'
 done | sort -u)
@@ -136,7 +136,7 @@ row 3 "zero character" "$mqcat" send 127.0.0.1 5000 --json '{"command":1,"parame
 row 3 "parameter 0, value: 1e+300" "$mqcat" send 127.0.0.1 5000 \
   --json '{"command":1,"parameters":[{"id":1,"value":1e300}]}'
 
-# ---- explain, abi ----
+# ---- explain ----
 
 row 0 "MQ_BAD_MESSAGE" "$mqcat" explain 2026
 row 0 "ENOBUFS" "$mqcat" explain 105
@@ -149,16 +149,12 @@ row 2 "no code has this name" "$mqcat" explain 99999999999
 row 2 "name a code" "$mqcat" explain
 same "docs/errors.md is up to date" "$("$mqcat" explain --all --format markdown | cksum)" \
   "$(cksum <"$source_dir/docs/errors.md")"
-row 0 "1944 bytes" "$mqcat" abi MQNode
-row 0 '{"name":"raw","offset":60048,"size":32}' "$mqcat" abi --json
-row 2 "no such record" "$mqcat" abi Node
 
 # ---- Where output goes ----
 
 row 8 "EBADF" bash -c '"$0" explain --all >&-' "$mqcat"
 row 8 "ENOSPC" bash -c '"$0" explain --all >/dev/full' "$mqcat"
 # Who reads the head of a long output closes the pipe: no word, an exit code of its own.
-"$mqcat" abi 2>pipe.err | true
 same "exit code when the reader has gone" \
   "$(bash -c '"$0" decode --full /dev/stdin <"$1" 2>pipe.err | true; echo "${PIPESTATUS[0]}"' \
   "$mqcat" <(head -c 3000000 /dev/zero))" 9

@@ -72,7 +72,7 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", std::string("mqcat ") + MQCAT_VERSION);
   app.require_subcommand(1);
   app.footer(std::string(kExamples) + kExitCodes + "\nmqcat COMMAND --help says more about a command.");
-  for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain, AddAbi}) add(app, exit);
+  for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain}) add(app, exit);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

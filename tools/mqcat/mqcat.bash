@@ -6,7 +6,7 @@ _mqcat() {
   local command=${COMP_WORDS[1]:-} word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _mqcat_complete -W "listen send ping decode keys explain abi --help --version"
+    _mqcat_complete -W "listen send ping decode keys explain --help --version"
     return
   fi
   case $before in
@@ -42,10 +42,6 @@ _mqcat() {
     explain)
       local words="--all --format --help"
       [[ $word == -* ]] || words=$(mqcat explain --all --format json 2>/dev/null | sed 's/.*"name":"\([^"]*\)".*/\1/')
-      ;;
-    abi)
-      local words="--json --help"
-      [[ $word == -* ]] || words=$(mqcat abi --json 2>/dev/null | sed 's/.*"record":"\([^"]*\)".*/\1/')
       ;;
     *) return ;;
   esac
