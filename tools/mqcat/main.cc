@@ -19,7 +19,7 @@ constexpr char kExitCodes[] =
     "  0    done\n"
     "  1    a fault of mqcat itself\n"
     "  2    the command line is wrong\n"
-    "  3    a file or JSON cannot be read, or is malformed\n"
+    "  3    a file, an interface or JSON cannot be read, or is malformed\n"
     "  4    connection: name unknown, refused, address in use, lost\n"
     "  5    no answer in time\n"
     "  6    bytes that break the rules of the wire format\n"

@@ -19,6 +19,7 @@ _mqcat() {
       return
       ;;
     --input) _mqcat_complete -W "auto raw hex pcap" && return ;;
+    --interface) _mqcat_complete -W "any $(ls /sys/class/net)" && return ;;
     --ring | --sign | --file) _mqcat_complete -f && return ;;
   esac
   case $command in
@@ -31,7 +32,7 @@ _mqcat() {
         --udp --format --quiet --help"
       ;;
     ping) local words="--count --interval --size --deadline --timeout --quiet --json --udp --help" ;;
-    decode) local words="--input --format --full --help" ;;
+    decode) local words="--input --interface --filter --count --format --full --help" ;;
     keys)
       if [ "$COMP_CWORD" = 2 ]; then
         _mqcat_complete -W "new public add list --help"
