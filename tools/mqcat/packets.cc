@@ -253,7 +253,7 @@ class Assembler {
     }
     std::move(datagrams_.begin(), datagrams_.end(), std::back_inserter(capture.streams));
     if (const uint64_t unjoined = fragments_.Unjoined(); unjoined != 0) {
-      capture.faults.push_back(fmt::format("{} fragments of packets whose other fragments are missing", unjoined));
+      capture.faults.push_back(Count(unjoined, "fragment") + " without the rest of the packet");
     }
     if (skipped_ != 0) {
       capture.notes.push_back(fmt::format("{} of {} packets carry no IPv4 TCP or UDP", skipped_, packets_));

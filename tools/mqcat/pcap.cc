@@ -49,10 +49,7 @@ Capture Broken(std::string fault) {
   return capture;
 }
 
-std::string LinkFault(int link) {
-  const char* const name = pcap_datalink_val_to_name(link);
-  return fmt::format("link type {} ({}) is not known", link, name == nullptr ? "without a name" : name);
-}
+std::string LinkFault(int link) { return fmt::format("link type {} is not known", link); }
 
 // Opens an interface that delivers packets without blocking.
 Handle OpenInterface(const std::string& name) {
