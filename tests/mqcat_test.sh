@@ -2,6 +2,7 @@
 # mqcat_test.sh BUILD_DIR - the tool as its users meet it: every command, and the mistakes that people make.
 # A case is a row of a table: exit code, command, " => ", and a pattern for all that the command writes, standard output
 # before standard error, with " / " between lines.
+# shellcheck disable=SC2016,SC2034 # rows are evaluated later
 set -u -o pipefail
 build=$(cd "${1:?usage: mqcat_test.sh BUILD_DIR}" && pwd)
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
@@ -80,6 +81,8 @@ await() {
 
 head -c 67108864 /dev/zero >zeros.bin
 head -c 300000 /dev/zero >big.bin
+memory=900000  # KiB that 64 MiB of input may cost; sanitizers take all
+grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt" && memory=unlimited
 
 table <<'END'
 0 mqcat --help => *Exit codes:*
@@ -109,7 +112,7 @@ table <<'END'
 0 mqcat explain --all --format markdown | cmp - "$source_dir/docs/errors.md" =>
 8 mqcat explain --all >&- => mqcat: *EBADF*
 8 mqcat explain --all >/dev/full => mqcat: *ENOSPC*
-9 mqcat decode --full zeros.bin | true =>
+9 head -c 3000000 zeros.bin | mqcat decode --full | true =>
 END
 
 # What the help names, the manual page and the completion name, too.
@@ -170,7 +173,6 @@ table <<'END'
 0 grep 'a.tb' plain.out =>   1 text   "a\\tb"
 0 grep -o -e 'node fd' -e mnRead -e ReadSocket:After plain.err | sort -u => ReadSocket:After / mnRead / node fd
 4 mqcat send 127.0.0.1 $port -c 1 => *ECONNREFUSED (111)*
-4 mqcat ping 127.0.0.1 $port -c 1 => *ECONNREFUSED (111)*
 END
 
 # What moves a terminal's cursor, rings it or turns the direction of writing comes out as an escape, if at all.
@@ -184,14 +186,14 @@ for format in text json hex; do
 done
 check 0 'mqcat decode hex.out' '*command *258*1 message, 0 stray bytes, 0 faults'
 
-# Many clients at once, and one that never reads its answers: it delays nobody, and its messages stay where they are once
-# 1 MiB of answers wait.
+# Many clients at once, and one that never reads its answers: it delays nobody, and its messages stay where they are
+# once 1 MiB of answers wait.
 start many --echo --format quiet
 perl -MIO::Socket::INET -e '
   my $body = pack("V5", 1, 1, 1, 4, 900000) . "\0" x 900000;
   my $peer = IO::Socket::INET->new("127.0.0.1:$ARGV[0]") or die;
   $SIG{ALRM} = sub { exit };
-  alarm 2;
+  alarm 1;
   print $peer pack("V4 x48 V x68", 136, 1, 0, 1, length $body), $body while 1' "$port" &
 greedy=$!
 clients=()
@@ -204,11 +206,11 @@ table <<'END'
 0 mqcat ping 127.0.0.1 $port -c 5 -i 0.01 => *seq=4 time=*5 sent, 5 answered, 0% loss*rtt p50/p90/p99*####*
 0 mqcat ping 127.0.0.1 $port -c 3 -i 0 -s 100000 --json => *"answered":3*
 0 mqcat ping 127.0.0.1 $port -w 0.2 -i 0.05 -q => *ping statistics*answered*
-0 timeout -s INT 0.3 "$build/bin/mqcat" ping 127.0.0.1 $port -i 0.05 -q || [ $? = 124 ] => *ping statistics*
+0 timeout --foreground -s INT 1 "$build/bin/mqcat" ping 127.0.0.1 $port -i 0.05 -q || [ $? = 124 ] => *ping statistics*
 END
 wait "$greedy"
 stop many "not delivered"
-[ "$(sed -n 's/^mqcat: \([0-9]*\) messages.*/\1/p' many.err)" -lt 460 ] || fail "read too much: $(cat many.err)"
+[ "$(sed -n 's/^mqcat: \([0-9]*\) messages.*/\1/p' many.err)" -lt 470 ] || fail "read too much: $(cat many.err)"
 
 # What a client may cost: half a message and then nothing, a long one, a second client of the address.
 start bounds --max-message 1000 --max-clients 2 --max-per-address 1 --midway 1
@@ -285,7 +287,6 @@ table <<'END'
 0 chmod 640 real.ring; mqcat keys list link.ring => *until=2030-01-01*
 0 add carol link.ring --revoke => *1 of 1 keys*
 7 add carol link.ring --replace => mqcat: *is revoked*
-0 mqcat keys list real.ring => *revoked*
 0 stat -c '%F %a' link.ring real.ring => symbolic link 777 / regular file 640
 7 chmod 666 real.ring; mqcat keys list real.ring => mqcat: *chmod go-w*
 7 mqcat listen 0 --ring nowhere => mqcat: *nowhere*
@@ -347,8 +348,9 @@ bytes() {
     sub message { my ($o, $ascii, $user, @params) = @_;
       my $body = pack("${o}2", 7, scalar @params) . join "", @params; header($o, $ascii, length $body, $user) . $body }
     sub body { my $body = pack "V*", @_; header("V", 1, length $body, "u") . $body }
-    sub ip { my ($offset, $more, $p) = @_;
-      pack("CCn3CCnNN", 0x45, 0, 20 + length $p, 1, $offset / 8 | $more << 13, 64, 17, 0, (0x7f000001) x 2) . $p }
+    sub ip { my ($protocol, $fragment, $p) = @_;
+      pack("CCn3CCnNN", 0x45, 0, 20 + length $p, 1, $fragment, 64, $protocol, 0, (0x7f000001) x 2) . $p }
+    sub tcp { my ($seq, $flags, $p) = @_; ip(6, 0, pack("nnNNCCnnn", 4, 5, $seq, 0, 0x50, $flags, 0, 0, 0) . $p) }
     $m = message("V", 1, "u", text("V", "t"));
     binmode STDOUT; print eval $ARGV[0]; die $@ if $@' "$1"
 }
@@ -357,20 +359,18 @@ broken() { decode "$2" | grep -o "FAULT at byte [0-9]*: $1: "; }
 (cat plain.bin; printf 'noise\0\210\0\0'; cat signed.bin; bytes 'message("N", 1, "big", text("N", "hello"))') >noise.bin
 (head -c 180 plain.bin; cat plain.bin) >lost.bin
 od -Ax -tx1 plain.bin >od.txt
-od -An -v -tx1 plain.bin | tr -d ' \n' >digits.txt
 sed -n '/^0000[0-9a-f]* /p' "$source_dir/docs/wire-format.md" >example.txt
 printf '00000000 00 01 02 03\n*\n08000000\n' >repeats.txt
 table <<'END'
 0 mqcat decode plain.bin => *  136    4  command              7*-5*12345678901*00ff10*3 messages*0 faults
 0 mqcat decode signed.bin => *signed message*"alice"*"MQSIGN01"*UTC*1 message, 0 stray bytes, 0 faults
 0 mqcat decode --format json signed.bin => {*"name":"signature"*}
-0 mqcat decode --input raw - <plain.bin => *3 messages, 0 stray bytes, 0 faults
+0 od -An -v -tx1 plain.bin | tr -d ' \n' | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 mqcat decode od.txt => *3 messages, 0 stray bytes, 0 faults
-0 mqcat decode digits.txt => *3 messages, 0 stray bytes, 0 faults
 0 mqcat decode example.txt => *"hello"*1 message, 0 stray bytes, 0 faults
 3 mqcat decode --input hex repeats.txt => *mqcat: repeats.txt: line 3 is not a hexadecimal dump
 3 mqcat decode --input hex plain.bin => *line 1 is not a hexadecimal dump
-6 (ulimit -v 900000; "$build/bin/mqcat" decode zeros.bin) => *0 messages, 67108864 stray bytes, 1 fault
+6 (ulimit -v $memory; "$build/bin/mqcat" decode zeros.bin) => *0 messages, 67108864 stray bytes, 1 fault
 0 decode 'message("N", 1, "big", text("N", "hello"))' => *sender is big-endian*
 0 decode 'message("V", 0, "\x81\x82", text("V", "\xc8\x85\x93\x93\x96"))' => *"ab"*"Hello"*
 6 mqcat decode noise.bin => *5 messages, 9 stray bytes, 1 fault
@@ -417,14 +417,18 @@ if command -v text2pcap >/dev/null; then
   mergecap -a -w gap.pcapng {1,2,4,5,6,7}.pcapng
   head -c -20 one.pcap >cut.pcap
   printf 'dns!' | dump | capture foreign.pcapng -u 53,53
-  ip='my $d = pack("nnnn", 1, 2, 8 + length $m, 0) . $m; '
-  for part in 'ip(64, 0, substr $d, 64)' 'ip(0, 1, substr $d, 0, 64)'; do bytes "$ip$part" | dump; done |
-    capture fragments.pcapng -l 101
+  for packet in 'ip(17, 8, substr $d, 64)' 'ip(17, 0x2000, substr $d, 0, 64)'; do
+    bytes 'my $d = pack("nnnn", 1, 2, 8 + length $m, 0) . $m; '"$packet" | dump
+  done | capture fragments.pcapng -l 101
+  # Sequence numbers run over, then another connection has the same port.
+  for packet in 'tcp(0xffffffdf, 2, "")' 'tcp(0xffffffe0, 16, substr $m, 0, 100)' 'tcp(68, 16, substr $m, 100)' \
+                'tcp(9, 2, "")' 'tcp(10, 16, $m)'; do bytes "$packet" | dump; done | capture again.pcapng -l 101
   table <<'END'
 0 mqcat decode tcp.pcapng => TCP *:40000 > *:5000, * bytes*3 messages, 0 stray bytes, 0 faults
 0 mqcat decode - <order.pcapng => *3 messages, 0 stray bytes, 0 faults
 3 mqcat decode gap.pcapng => *:5000 (part 2), *mqcat: gap.pcapng: TCP *: 100 bytes are missing from the capture
 0 mqcat decode fragments.pcapng => UDP 127.0.0.1:1 > 127.0.0.1:2*1 message, 0 stray bytes, 0 faults
+0 mqcat decode again.pcapng => TCP *:5, 160 bytes*:5 (part 2), 160 bytes*2 messages, 0 stray bytes, 0 faults
 3 editcap -r fragments.pcapng - 1 | mqcat decode => *: 1 fragment without the rest of the packet
 0 mqcat decode foreign.pcapng => 0 messages, *:53: 4 bytes without a message, left out
 3 mqcat decode cut.pcap => 0 messages, *after packet 0: truncated dump file; *

@@ -22,20 +22,23 @@ fail() {
   failures=$((failures + 1))
 }
 
-# Each dump becomes a capture of its own port: datagrams from 5000N, a stream from 60000 on.
+# Each dump becomes a capture of its own port: datagrams from 5000N, a stream from 60000 on. Copies of the streams are
+# changed behind the head of TCP.
 make_captures() {
   local name number
   for name in *.hex; do
     name=${name%.hex} number=${name##*[!0-9]}
     case $name in
       stream-*) set -- -T "$((60000 + number % 997)),47110" ;;
-      mutated-*) set -- -T "$((62000 + number)),47110" ;;
       *) set -- -u "$((50000 + number)),47110" ;;
     esac
     text2pcap -q "$@" "$name.hex" "$name.pcap" 2>/dev/null
   done
   mergecap -a -w samples.pcap sample-?.pcap
   mergecap -a -w streams.pcap stream-{100,1460,60000}.pcap
+  for number in 7 100 1460; do
+    editcap -E 0.01 -o 54 --seed "$seed" "stream-$number.pcap" "mutated-$number.pcap" 2>/dev/null
+  done
 }
 
 # shark CAPTURE [OPTION ...]: tshark with the script, nothing on standard error but what matters.
@@ -45,7 +48,8 @@ forced=(-o mqnode.tcp_ports:47110 -o mqnode.udp_ports:47110)
 # check_values CAPTURE TIMES [OPTION ...]: every value of the samples is seen as often, and no other. Bytes longer than
 # 100 are not in what is expected.
 fields=(mqnode.command mqnode.user mqnode.application mqnode.param.id mqnode.param.length mqnode.param.int32
-        mqnode.param.int64 mqnode.param.text mqnode.param.bytes mqnode.env.user mqnode.trailer.milliseconds mqnode.error)
+        mqnode.param.int64 mqnode.param.text mqnode.param.bytes mqnode.env.user mqnode.trailer.milliseconds
+        mqnode.error)
 check_values() {
   local capture=$1 i columns=()
   for i in "${fields[@]}"; do columns+=(-e "$i"); done
@@ -91,7 +95,7 @@ unsafe='[\x00-\x08\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xd8\x9c|\xe2\x80[\x8e\x8f\xa8-
 check_health() {
   local cut options
   for cut in 45 59 72 89 124 204 234 314; do editcap -s "$cut" mutants.pcap "cut-$cut.pcap"; done
-  mergecap -a -w all.pcap broken.pcap mutants.pcap mutated-?.pcap cut-*.pcap
+  mergecap -a -w all.pcap broken.pcap mutants.pcap mutated-*.pcap cut-*.pcap
   for options in '-2' '-o tcp.desegment_tcp_streams:FALSE -o mqnode.companion:FALSE'; do
     # shellcheck disable=SC2086 # several options
     shark all.pcap "${forced[@]}" $options -O mqnode -V >seen 2>&1 || true
@@ -114,13 +118,13 @@ check_counts() {
   editcap -t -400 samples.pcap early.pcap
   editcap -t 400 samples.pcap late.pcap
   mergecap -a -w again.pcap samples.pcap early.pcap late.pcap
-  for row in 'parts mqnode.error 0' 'parts mqnode.expert.cut 37' 'samples mqnode.trailer 4' \
-             'samples mqnode.expert.replay||mqnode.expert.time 0' 'again mqnode.expert.replay 8' \
-             'again mqnode.expert.time 8' 'again mqnode.expert.time&&mqnode.expert.replay 8'; do
-    read -r capture filter expected <<<"$row"
-    [ "$(shark "$capture.pcap" "${forced[@]}" -Y "$filter" | wc -l)" = "$expected" ] || fail "$row"
+  for row in '0 parts mqnode.error' '37 parts mqnode.expert.cut' '0 samples mqnode.expert.replay||mqnode.expert.time' \
+             '8 again mqnode.expert.replay||mqnode.expert.time' \
+             '8 again mqnode.expert.replay&&mqnode.expert.time -2'; do
+    read -r expected capture filter <<<"$row"
+    # shellcheck disable=SC2086 # an option, perhaps
+    [ "$(shark "$capture.pcap" "${forced[@]}" -Y $filter | wc -l)" = "$expected" ] || fail "$row"
   done
-  [ "$(shark again.pcap -2 -Y 'mqnode.expert.time&&mqnode.expert.replay' | wc -l)" = 8 ] || fail 'replays in two passes'
 }
 
 # As the README says it.
@@ -134,7 +138,6 @@ check_install() {
 
 make_captures
 check_values samples.pcap 1  # recognised, each on its own
-check_values samples.pcap 1 "${forced[@]}"
 check_values streams.pcap 3
 check_values streams.pcap 3 -2 -d tcp.port==47110,mqnode
 check_values stream-7.pcap 1 "${forced[@]}"

@@ -5,7 +5,6 @@
 //   sample-N.hex, stream-N.hex  samples.txt: field TAB value, a line each. stream-N has segments of N bytes
 //   broken.hex                  broken.txt: node error TAB a part of the expert info, which may be empty
 //   mutants.hex                 mutants.txt: the node error
-//   mutated-N.hex               streams of mutants cut anywhere: nothing has to be seen but no failure
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -13,7 +12,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -27,7 +25,6 @@ namespace {
 using namespace sender;
 
 constexpr int kMutants = 400;
-constexpr int kMutatedStreams = 8;
 constexpr Form kNative = {false, false};
 
 struct Keys {
@@ -56,11 +53,6 @@ void Dump(std::ofstream& out, const Bytes& packet) {
   out << "000000";
   for (size_t i = 0; i < packet.size(); ++i) out << ' ' << digits.substr(2 * i, 2);
   out << '\n';
-}
-
-void DumpStream(const std::string& path, const Bytes& stream, const std::function<size_t()>& size) {
-  std::ofstream out(path);
-  for (size_t at = 0, taken; at < stream.size(); at += taken) Dump(out, stream.substr(at, taken = size()));
 }
 
 // A datagram node, and what it says of a datagram.
@@ -162,7 +154,8 @@ void WriteSamples(const std::string& path, std::vector<Bytes> samples) {
     stream += wire;
   }
   for (size_t size : {7, 100, 1460, 60000}) {
-    DumpStream(path + "stream-" + std::to_string(size) + ".hex", stream, [size] { return size; });
+    std::ofstream segments(path + "stream-" + std::to_string(size) + ".hex");
+    for (size_t at = 0; at < stream.size(); at += size) Dump(segments, stream.substr(at, size));
   }
 }
 
@@ -292,12 +285,6 @@ void WriteMutants(const std::string& path, Mutator mutator) {
     const Bytes wire = mutator.Mutant();
     Dump(packets, wire);
     seen << reader.Error(wire) << '\n';
-  }
-  for (int i = 0; i < kMutatedStreams; ++i) {
-    Bytes stream;
-    for (int k = 0; k < 6; ++k) stream += mutator.Mutant();
-    DumpStream(path + "mutated-" + std::to_string(i) + ".hex", stream,
-               [&] { return 1 + mutator.Below(mutator.Below(2) ? 40 : 1400); });
   }
 }
 
