@@ -1,5 +1,5 @@
-// capture.hh - finds the byte streams in a file (raw bytes, a hexadecimal dump, or a capture of packets) or on a network
-// interface. Trusts nothing, as decode.hh does; memory grows with the size of the input only.
+// capture.hh - finds the byte streams in a file (raw bytes, a hexadecimal dump, or a capture of packets) or on an
+// interface of the network. Trusts nothing, as decode.hh does; memory grows with the size of the input only.
 #pragma once
 
 #include <string>
