@@ -1,9 +1,10 @@
-// capture.cc - see capture.hh. Packets are in pcap.cc.
+// capture.cc - see capture.hh. Captures of packets are in pcap.cc.
 #include "capture.hh"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
+#include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "decode.hh"
@@ -13,16 +14,13 @@ namespace mqcat {
 namespace {
 
 constexpr uint64_t kMaxRepeat = 64u << 20;  // bytes that all '*' of a dump stand for
-constexpr std::array<std::array<uint8_t, 4>, 4> kPcapMarks = {
-    {{0xa1, 0xb2, 0xc3, 0xd4}, {0xd4, 0xc3, 0xb2, 0xa1}, {0xa1, 0xb2, 0x3c, 0x4d}, {0x4d, 0x3c, 0xb2, 0xa1}}};
-constexpr std::array<uint8_t, 4> kPcapNgMark = {0x0a, 0x0d, 0x0d, 0x0a};
 
-bool StartsWith(Bytes bytes, const std::array<uint8_t, 4>& mark) {
-  return bytes.size() >= mark.size() && std::equal(mark.begin(), mark.end(), bytes.begin());
-}
-
+// The first word of a pcap file, with times in microseconds or nanoseconds, in either byte order, or of a pcapng file.
 bool IsPcap(Bytes file) {
-  return std::any_of(kPcapMarks.begin(), kPcapMarks.end(), [file](const auto& mark) { return StartsWith(file, mark); });
+  uint32_t mark = 0;
+  if (file.size() >= sizeof mark) memcpy(&mark, file.data(), sizeof mark);
+  constexpr uint32_t kMarks[] = {0xa1b2c3d4, 0xd4c3b2a1, 0xa1b23c4d, 0x4d3cb2a1, 0x0a0d0d0a};
+  return std::find(std::begin(kMarks), std::end(kMarks), mark) != std::end(kMarks);
 }
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
@@ -125,7 +123,7 @@ Capture ReadHex(Bytes file) {
   Stream stream;
   size_t bad_line = 0;
   if (!ReadHexDump(file, stream.bytes, bad_line)) {
-    capture.faults.push_back(fmt::format("line {} is no hexadecimal dump", bad_line));
+    capture.faults.push_back(fmt::format("line {} is not a hexadecimal dump", bad_line));
   }
   capture.streams.push_back(std::move(stream));
   return capture;
@@ -159,12 +157,6 @@ bool ReadHexDump(Bytes text, std::vector<uint8_t>& bytes, size_t& bad_line) {
 }
 
 Capture ReadCapture(Bytes file, CaptureFormat format) {
-  if (StartsWith(file, kPcapNgMark) && format != CaptureFormat::kRaw) {
-    Capture capture;
-    capture.format = CaptureFormat::kPcap;
-    capture.faults.push_back("a pcapng file; make a pcap file of it: editcap -F pcap FILE NEWFILE");
-    return capture;
-  }
   switch (format) {
     case CaptureFormat::kRaw:
       return ReadRaw(file);

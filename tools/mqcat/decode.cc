@@ -4,10 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 
+#include "fmt/chrono.h"
 #include "fmt/compile.h"
-#include "fmt/format.h"
 
 namespace mqcat {
 namespace {
@@ -58,11 +57,9 @@ bool FlagsAgree(Bytes bytes, bool big) {
 bool LengthIsPossible(uint64_t head, uint64_t announced) { return announced != 0 && head + announced <= kMaxMessage; }
 
 std::string TimeText(uint64_t milliseconds) {
+  if (milliseconds > 253402300799999u) return "beyond the year 9999";
   const auto seconds = static_cast<time_t>(milliseconds / 1000);
-  tm parts = {};
-  if (milliseconds > 253402300799999u || gmtime_r(&seconds, &parts) == nullptr) return "beyond the year 9999";
-  return fmt::format(FMT_COMPILE("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} UTC"), parts.tm_year + 1900,
-                     parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds % 1000);
+  return fmt::format("{:%F %T}.{:03} UTC", fmt::gmtime(seconds), milliseconds % 1000);
 }
 
 // The stretch of the stream that one message announces, cut at the end of what is there, and what was found in it.

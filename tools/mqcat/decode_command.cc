@@ -1,4 +1,4 @@
-// decode_command.cc - mqcat decode: shows what decode.hh finds in the streams that capture.hh finds in a file.
+// decode_command.cc - mqcat decode: shows what decode.hh finds in the streams that capture.hh finds.
 #include <cstring>
 #include <memory>
 
@@ -7,17 +7,22 @@
 #include "input.hh"
 #include "options.hh"
 #include "output.hh"
+#include "signals.hh"
 
 namespace mqcat {
 namespace {
 
 constexpr size_t kMaxFile = 1u << 30;
+constexpr uint64_t kMostPackets = 1000000;
 constexpr size_t kAllText = 1u << 30;
 constexpr size_t kNarrow = 76;  // columns below which a meaning gets a line of its own
 
 struct Options {
   std::string file = "-";
   std::string input = "auto";
+  std::string interface;
+  std::string filter;
+  uint64_t count = 10000;
   std::string format = "text";
   bool full = false;
 };
@@ -225,9 +230,18 @@ class Notes {
   uint64_t count_ = 0;
 };
 
+Capture Read(const Options& options) {
+  if (options.interface.empty()) {
+    const std::string file = ReadFile(options.file, kMaxFile);
+    return ReadCapture(BytesOf(file), FormatOf(options.input));
+  }
+  CatchSignals();
+  return CaptureInterface(options.interface, options.filter, options.count);
+}
+
 ExitCode RunDecode(const Options& options) {
-  const std::string file = ReadFile(options.file, kMaxFile);
-  const Capture capture = ReadCapture(BytesOf(file), FormatOf(options.input));
+  const Capture capture = Read(options);
+  const std::string& source = options.interface.empty() ? options.file : options.interface;
   Totals totals;
   Notes foreign("without a message, left out"), notes("notes"), faults("faults of the capture");
   for (const Stream& stream : capture.streams) {
@@ -239,7 +253,7 @@ ExitCode RunDecode(const Options& options) {
   }
   Flush();
   for (const std::string& note : capture.notes) notes.Add(note);
-  for (const std::string& fault : capture.faults) faults.Add(fmt::format("{}: {}", options.file, fault));
+  for (const std::string& fault : capture.faults) faults.Add(fmt::format("{}: {}", source, fault));
   for (const Notes* some : {&foreign, &notes, &faults}) some->Finish();
   if (options.format == "text") {
     Print(Count(totals.messages, "message") + ", " + Count(totals.stray_bytes, "stray byte") + ", " +
@@ -254,10 +268,23 @@ ExitCode RunDecode(const Options& options) {
 void AddDecode(CLI::App& app, ExitCode& exit) {
   auto options = std::make_shared<Options>();
   CLI::App* const command = app.add_subcommand("decode", "Take a captured byte stream apart, field by field");
-  command->add_option("FILE", options->file, "What was captured; - or nothing for standard input");
-  command->add_option("--input", options->input, "raw, hex (xxd, hexdump -C, od), pcap, or auto")
-      ->check(CLI::IsMember({"auto", "raw", "hex", "pcap"}))
-      ->type_name("FORMAT");
+  CLI::Option* const file =
+      command->add_option("FILE", options->file, "What was captured; - or nothing for standard input");
+  CLI::Option* const input =
+      command->add_option("--input", options->input, "raw, hex (xxd, hexdump -C, od), pcap (and pcapng), or auto")
+          ->check(CLI::IsMember({"auto", "raw", "hex", "pcap"}))
+          ->type_name("FORMAT");
+  CLI::Option* const interface =
+      command->add_option("--interface", options->interface, "Capture packets from this network interface instead")
+          ->type_name("NAME")
+          ->excludes(file)
+          ->excludes(input);
+  command->add_option("--filter", options->filter, "Packets to capture, such as \"port 5000\" (see pcap-filter(7))")
+      ->type_name("EXPRESSION")
+      ->needs(interface);
+  AddNumber(*command, "--count", options->count, uint64_t{1}, kMostPackets,
+            "Packets to capture; SIGINT ends it earlier")
+      ->needs(interface);
   command->add_option("--format", options->format, "text, or json (one object a message)")
       ->check(CLI::IsMember({"text", "json"}))
       ->type_name("FORMAT");
@@ -266,7 +293,8 @@ void AddDecode(CLI::App& app, ExitCode& exit) {
       "Shows offset, size, name, value and meaning of every field, in either byte order and character set, plain and "
       "signed. Signatures are shown, not checked. Ends with 6 when a rule of the wire format is broken.\n\n"
       "Examples:\n  mqcat decode stream.bin\n  xxd stream.bin | mqcat decode\n"
-      "  tcpdump -i lo -w - port 5000 | mqcat decode --input pcap");
+      "  mqcat decode talk.pcapng\n"
+      "  mqcat decode --interface lo --filter 'port 5000' --count 20");
   command->callback([options, &exit] { exit = RunDecode(*options); });
 }
 

@@ -10,7 +10,7 @@ enum ExitCode : int {
   kExitOk = 0,
   kExitInternal = 1,       // a fault of mqcat itself
   kExitUsage = 2,          // the command line is wrong
-  kExitInput = 3,          // a file, or JSON, cannot be read or is malformed
+  kExitInput = 3,          // a file, an interface or JSON cannot be read, or is malformed
   kExitConnection = 4,     // name unknown, refused, address in use, lost
   kExitTimeout = 5,        // no answer in time
   kExitBadMessage = 6,     // bytes that break the rules of the wire format

@@ -19,7 +19,7 @@ constexpr char kExitCodes[] =
     "  0    done\n"
     "  1    a fault of mqcat itself\n"
     "  2    the command line is wrong\n"
-    "  3    a file or JSON cannot be read, or is malformed\n"
+    "  3    a file, an interface or JSON cannot be read, or is malformed\n"
     "  4    connection: name unknown, refused, address in use, lost\n"
     "  5    no answer in time\n"
     "  6    bytes that break the rules of the wire format\n"
@@ -72,7 +72,7 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", std::string("mqcat ") + MQCAT_VERSION);
   app.require_subcommand(1);
   app.footer(std::string(kExamples) + kExitCodes + "\nmqcat COMMAND --help says more about a command.");
-  for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain, AddAbi}) add(app, exit);
+  for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain}) add(app, exit);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

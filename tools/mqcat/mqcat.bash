@@ -6,7 +6,7 @@ _mqcat() {
   local command=${COMP_WORDS[1]:-} word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   if [ "$COMP_CWORD" = 1 ]; then
-    _mqcat_complete -W "listen send ping decode keys explain abi --help --version"
+    _mqcat_complete -W "listen send ping decode keys explain --help --version"
     return
   fi
   case $before in
@@ -19,6 +19,7 @@ _mqcat() {
       return
       ;;
     --input) _mqcat_complete -W "auto raw hex pcap" && return ;;
+    --interface) _mqcat_complete -W "any $(ls /sys/class/net)" && return ;;
     --ring | --sign | --file) _mqcat_complete -f && return ;;
   esac
   case $command in
@@ -31,7 +32,7 @@ _mqcat() {
         --udp --format --quiet --help"
       ;;
     ping) local words="--count --interval --size --deadline --timeout --quiet --json --udp --help" ;;
-    decode) local words="--input --format --full --help" ;;
+    decode) local words="--input --interface --filter --count --format --full --help" ;;
     keys)
       if [ "$COMP_CWORD" = 2 ]; then
         _mqcat_complete -W "new public add list --help"
@@ -42,10 +43,6 @@ _mqcat() {
     explain)
       local words="--all --format --help"
       [[ $word == -* ]] || words=$(mqcat explain --all --format json 2>/dev/null | sed 's/.*"name":"\([^"]*\)".*/\1/')
-      ;;
-    abi)
-      local words="--json --help"
-      [[ $word == -* ]] || words=$(mqcat abi --json 2>/dev/null | sed 's/.*"record":"\([^"]*\)".*/\1/')
       ;;
     *) return ;;
   esac

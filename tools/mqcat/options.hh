@@ -18,7 +18,6 @@ void AddPing(CLI::App& app, ExitCode& exit);
 void AddDecode(CLI::App& app, ExitCode& exit);
 void AddKeys(CLI::App& app, ExitCode& exit);
 void AddExplain(CLI::App& app, ExitCode& exit);
-void AddAbi(CLI::App& app, ExitCode& exit);
 
 // An option that takes a whole number from min to max.
 template <typename T>

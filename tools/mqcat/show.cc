@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#include "fmt/format.h"
+#include "fmt/chrono.h"
 #include "message.hh"
 #include "output.hh"
 #include "text.hh"
@@ -17,11 +17,9 @@ constexpr size_t kBytesLimit = 200;
 std::string TimeText(bool utc) {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
-  tm parts = {};
-  utc ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts);
-  return fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}.{:03}{}", parts.tm_year + 1900, parts.tm_mon + 1,
-                     parts.tm_mday, utc ? 'T' : ' ', parts.tm_hour, parts.tm_min, parts.tm_sec, now.tv_nsec / 1000000,
-                     utc ? "Z" : "");
+  const long milliseconds = now.tv_nsec / 1000000;
+  return utc ? fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(now.tv_sec), milliseconds)
+             : fmt::format("{:%F %T}.{:03}", fmt::localtime(now.tv_sec), milliseconds);
 }
 
 std::string Application(const PcfMessage* msg) {

@@ -601,7 +601,8 @@ local function AskForMore(tvb, at, pinfo, shape)
   local lacking = (shape.need or shape.total or 0) - (tvb:len() - at)
   if lacking <= 0 or pinfo.can_desegment == 0 then return false end
   pinfo.desegment_offset = at
-  pinfo.desegment_len = lacking
+  -- A length for the header and then another one for the message would lose the message in the second of two passes.
+  pinfo.desegment_len = shape.total and lacking or DESEGMENT_ONE_MORE_SEGMENT
   return true
 end
 
