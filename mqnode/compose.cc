@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "mqnode/deliver.h"
 #include "mqnode/deliver.hh"
 #include "mqnode/node.hh"
 #include "mqnode/wire.hh"
@@ -76,7 +77,7 @@ int WritePlain(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user,
   if (desc->capacity < raw->length) return mq::Drop(node, desc, MQ_AGAIN);
   memcpy(desc->data, raw->data, raw->length);
 
-  const int result = mq::WriteToNode(node, to, desc, highPriority);
+  const int result = mq::WriteFresh(node, to, desc, highPriority);
   mq::Trace("mnWriteMsg", node);
   return result;
 }
@@ -112,7 +113,7 @@ int mnSWriteMsgWithPriority(PcfMessage* msg, MQNode* node, SockAddrRec* to, cons
   if (desc->length > MQ_MAX_MESSAGE) return mq::Drop(node, desc, MQ_BAD_MESSAGE);
   desc->received = 0;
 
-  const int result = mq::WriteToNode(node, to, desc, highPriority);
+  const int result = mnWriteToNode(node, to, desc, highPriority);
   mq::Trace("mnSWriteMsg", node);
   return result;
 }

@@ -106,8 +106,6 @@ int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority)
     ReportFailure(&node->sock, SOCK_NO_DESTINATION);
     Drop(node, desc, MQ_AGAIN);
   } else {
-    desc->sent = 0;
-    desc->flags = 0;
     queued = Enqueue(node, to, desc, highPriority ? QputHigh : Qput);
   }
   Trace("mnWriteToNode", node);
@@ -124,7 +122,10 @@ int WriteUnfinished(MQNode* node, SockAddrRec* to, IoBuffer* desc, int taken) {
 }  // namespace mq
 
 int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
-  return mq::WriteToNode(node, to, desc, highPriority);
+  node->error = MQ_OK;
+  desc->sent = 0;
+  desc->flags = 0;
+  return mq::WriteFresh(node, to, desc, highPriority);
 }
 
 int mnFinishWrite(MQNode* node) {

@@ -24,13 +24,10 @@ int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority)
 // A write that the socket took in part, or, with taken 0, not at all; takes desc as mnWriteToNode does.
 int WriteUnfinished(MQNode* node, SockAddrRec* to, IoBuffer* desc, int taken);
 
-// What mnWriteToNode does.
-inline int WriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
-  node->error = MQ_OK;
+// What mnWriteToNode does with a descriptor that was never used, on a node without an error.
+inline int WriteFresh(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
   if (IsAtWriteLimit(node) || node->pending != nullptr) [[unlikely]]
     return WriteBehind(node, to, desc, highPriority);
-  desc->sent = 0;
-  desc->flags = 0;
   const int taken = Send(&node->sock, desc, to);
   if (!taken || desc->sent < desc->length) [[unlikely]]
     return WriteUnfinished(node, to, desc, taken);

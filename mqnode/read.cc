@@ -107,7 +107,7 @@ int Gather(MQNode* node) {
   if (kDatagram && buf->received == 0) buf->length = buf->capacity;
   if (buf->length > buf->capacity || buf->capacity == 0) return Fail<Framing>(node, Framing::kGatherPoint, MQ_NO_ROOM);
   for (bool receive = buf->received < buf->length;; receive = true) {
-    if (receive && !mq::Receive(&node->sock, buf)) return FailReceive<Framing>(node);
+    if (receive && !(kDatagram ? ReadSocket : mq::ReceiveStream)(&node->sock, buf)) return FailReceive<Framing>(node);
     if (kDatagram) buf->length = buf->received;
     if (buf->received >= Framing::kLength && !mq::IsHeader(buf->data, Framing::kLength)) {
       return Fail<Framing>(node, Framing::kGatherPoint, MQ_BAD_MESSAGE);
@@ -121,7 +121,7 @@ template <class Framing>
 int GatherRest(MQNode* node) {
   const IoBuffer* const buf = &node->recvBuffer;
   while (buf->received < buf->length) {
-    if (!mq::Receive(&node->sock, &node->recvBuffer)) return FailReceive<Framing>(node);
+    if (!mq::ReceiveStream(&node->sock, &node->recvBuffer)) return FailReceive<Framing>(node);
   }
   return 1;
 }

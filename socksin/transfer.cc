@@ -23,6 +23,6 @@ ssize_t SendTo(SockRec* rec, const IoBuffer* buf, SockAddrRec* destination) {
 
 }  // namespace mq
 
-int ReadSocket(SockRec* rec, IoBuffer* buf) { return mq::Receive(rec, buf); }
+int ReadSocket(SockRec* rec, IoBuffer* buf) { return mq::Receive<true>(rec, buf); }
 
 int WriteSocket(SockRec* rec, IoBuffer* buf, SockAddrRec* destination) { return mq::Send(rec, buf, destination); }

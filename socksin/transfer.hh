@@ -30,10 +30,13 @@ int FailTransfer(SockRec* rec, const char* point, int code);
 // sendto to a destination that is resolved first; as send, with errno 89 when there is none.
 ssize_t SendTo(SockRec* rec, const IoBuffer* buf, SockAddrRec* destination);
 
-inline int Receive(SockRec* rec, IoBuffer* buf) {
+// kAnyType: of whatever type the record is when something has arrived; else a stream socket.
+template <bool kAnyType>
+int Receive(SockRec* rec, IoBuffer* buf) {
   constexpr const char* kAfter = "ReadSocket:After";
   BeginTransfer(rec, buf, "ReadSocket:Before");
-  sockaddr_in peer = {};
+  sockaddr_in peer;
+  if (kAnyType) peer = {};
   socklen_t peerLength = sizeof peer;
   const ssize_t got = recvfrom(rec->fd, buf->data + buf->received, buf->length - buf->received,
                                static_cast<int>(buf->flags), reinterpret_cast<sockaddr*>(&peer), &peerLength);
@@ -42,8 +45,15 @@ inline int Receive(SockRec* rec, IoBuffer* buf) {
   rec->error = 0;
   buf->received += static_cast<uint32_t>(got);
   rec->bytesReceived += static_cast<uint64_t>(got);
-  if (rec->type == SOCK_TYPE_DATAGRAM && peerLength != 0) IpAddrToSocketAddr(&rec->from, &peer, rec->from.protocol);
+  if (kAnyType && rec->type == SOCK_TYPE_DATAGRAM && peerLength != 0) {
+    IpAddrToSocketAddr(&rec->from, &peer, rec->from.protocol);
+  }
   return EndTransfer(rec, kAfter, 1);
+}
+
+// ReadSocket for a stream socket, whose type only a trace callback could change.
+inline int ReceiveStream(SockRec* rec, IoBuffer* buf) {
+  return rec->onTrace == nullptr ? Receive<false>(rec, buf) : ReadSocket(rec, buf);
 }
 
 inline int Send(SockRec* rec, IoBuffer* buf, SockAddrRec* destination) {
