@@ -95,7 +95,7 @@ interrupted() {
   mqdemo "$@" --seconds 60 >interrupted 2>&1 &
   pid=$!
   started+=("$pid")
-  sleep 1
+  sleep 2
   kill -INT "$pid"
   SECONDS=0
   wait "$pid"
