@@ -1,6 +1,6 @@
 # Flags that the whole build shares, and those of the shared libraries.
 
-# What makes a fault harder to use; tests/checks/hardening.sh looks at the outcome and says what is left out.
+# What makes a fault harder to use; tests/checks/elf.sh looks at the outcome and says what is left out.
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fstack-protector-strong -fstack-clash-protection)
 add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 # Not where fuzzers bring their own system calls: clang takes these for second definitions of the fortified ones.

@@ -1,6 +1,6 @@
 # Debian packages, one a component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools. From a build folder:
 #   cpack -G DEB
-# tests/packages_test.sh does that and has lintian look at the result. There is no address for mail yet: to publish
+# tests/install_test.sh does that and has lintian look at the result. There is no address for mail yet: to publish
 # packages, set MQNODE_MAINTAINER.
 set(MQNODE_MAINTAINER "the mqnode authors <maintainers@mqnode.invalid>" CACHE STRING
   "Maintainer field of the packages")

@@ -90,7 +90,7 @@ TEST_F(FaceTest, HandlesOwnWhatTheyHold) {
   EXPECT_TRUE(given);
   Message msg = Filled(), other = Filled();
   other = std::move(msg);
-  msg.reset(mqc_message_new(0));
+  msg.reset(mqc_message_new(0));  // NOLINT(bugprone-use-after-move): one that was moved takes another
   EXPECT_TRUE(other && other.command() == 7 && msg);
 }
 

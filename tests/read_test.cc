@@ -263,7 +263,7 @@ TEST_F(ReadTest, BrowseConsumesNothing) {
 }
 
 TEST_F(ReadTest, BrowseOfHeaders) {
-  const auto browse = [this](const std::string& bytes, const char* failing = "") {
+  const auto browse = [](const std::string& bytes, const char* failing = "") {
     const Link link = Connect();
     const Message small(300);
     Send(link, bytes);

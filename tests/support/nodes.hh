@@ -79,7 +79,7 @@ inline std::string Foreign(std::string wire) {
   const bool plain = WordAt(wire, 0) != 32;
   for (const size_t at : plain ? std::vector<size_t>{0, 4, 8, 12, 64, 68, 132, 136, 140, 144, 148, 152}
                                : std::vector<size_t>{0, 4, 8, 12, 16}) {
-    if (at + 4 <= wire.size()) wire = WithWord(std::move(wire), at, __builtin_bswap32(WordAt(wire, at)));
+    if (at + 4 <= wire.size()) wire = WithWord(wire, at, __builtin_bswap32(WordAt(wire, at)));
   }
   return wire;
 }

@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# elf.sh CHECK ARGUMENT ... - what the linked files promise. Every broken promise is a line on standard error.
+#   names LIBRARY             libmqnode.so exports what exports.map lists and the headers mark with MQ_API, needs
+#                             libc.so.6 alone, takes other names from the companion's headers, runs no code when loaded
+#   hardened [--built] FILE   the file has what makes a fault in it harder to use; --built: it is a program of a build
+#                             tree, which finds the libraries by a search path of absolute directories
+#   refuses CC                hardened refuses files made by this compiler that each lack one thing
+#   copies PROGRAM            the program has its own copies of the library's four variables
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+status=0
+broken() {
+  printf '%s: %s\n' "$file" "$*" >&2
+  status=1
+}
+
+# same NAME NAMES NAME NAMES: two lists hold the same names.
+same() {
+  diff <(sort <<<"$2") <(sort <<<"$4") >&2 || broken "'<' is only in $1, '>' only in $3"
+}
+
+names() {
+  local exported listed declared undefined offered needed init
+  exported=$(nm -D --defined-only "$file" | awk '{ print $3 }')
+  listed=$(sed -n '/global:/,/local:/ s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' exports.map)
+  # The name is before the first parenthesis, bracket or semicolon of a declaration, which may have several lines.
+  declared=$(cat {mqnode,queue,sockutil,socksin}/*.h | tr '\n' ' ' | grep -oE '\bMQ_API [^([;]*' | sed 's/.*[ *]//')
+  same 'the library' "$exported" exports.map "$listed"
+  same exports.map "$listed" 'the headers' "$declared"
+
+  # A name of libc has its version; the few weak ones without are the linker's own.
+  undefined=$(nm -D --undefined-only "$file" | awk '$1 != "w" && !/@GLIBC_/ { print $2 }' | sort)
+  offered=$(grep -hoE '^MQ_RUNTIME [^(]*' runtime/*.h | sed 's/.*[ *]//' | sort)
+  undefined=$(comm -23 <(echo "$undefined") <(echo "$offered"))
+  [ -z "$undefined" ] || broken "names that neither libc nor the companion's headers offer:" $undefined
+  needed=$(readelf -dW "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+  [ "$needed" = libc.so.6 ] || broken "needs" $needed
+  ! readelf -dW "$file" | grep SYMBOLIC >&2 || broken 'linked with -Bsymbolic: a host could not replace the variables'
+  # One entry of 8 bytes: the compiler's own frame_dummy.
+  init=$(readelf -SW "$file" | sed -nE 's/.* \.(init_array|ctors) +[A-Z_]+ +[0-9a-f]+ [0-9a-f]+ ([0-9a-f]+) .*/\2/p')
+  [ "$init" = 000008 ] || broken "static initialisers: 0x$init bytes of them"
+}
+
+has() { grep -qE -- "$1" <<<"$facts" || broken "$2"; }
+lacks() { ! grep -qE -- "$1" <<<"$facts" || broken "$2"; }
+
+# A call of libmqnode.so.1 that a host may interpose keeps its name: of the fortified calls only those that stay within
+# the process are let through. Not asked for: control-flow enforcement (-fcf-protection), which costs 12 instructions a
+# message, while neither the C library nor the kernel of the supported systems turns it on.
+hardened() {
+  local facts within='mem(cpy|move|set)|str(cpy|cat)|(printf|v?snprintf|fgets)'
+  facts=$(readelf -dlW "$file"; nm -D --undefined-only "$file" | sed 's/@.*//')
+  has 'BIND_NOW|FLAGS_1.*NOW' 'names are bound while it runs (-z now)'
+  has 'GNU_RELRO' 'what was bound stays writable (-z relro)'
+  has 'GNU_STACK.* RW ' 'the stack is executable, or nothing says that it is not'
+  has 'Elf file type is DYN' 'is not position-independent'
+  has ' U __stack_chk_fail$' 'no function has a stack protector'
+  lacks '^ *LOAD.* (RWE|WE) ' 'a segment is writable and executable'
+  lacks TEXTREL 'the code has relocations'
+  [[ $file != *.so* ]] || has ' U __[a-z]+_chk$' 'no call of libc is fortified (-D_FORTIFY_SOURCE)'
+  # An empty element of a search path is the current directory.
+  [ -z "$built" ] || lacks '(RPATH|RUNPATH).*\[(.*:)?[^/]' 'its search path for libraries is not absolute throughout'
+  [ -n "$built" ] || lacks '(RPATH|RUNPATH)' 'has a search path for libraries'
+  [[ $file != *libmqnode.so* ]] || facts=$(grep -vE " __($within)_chk$" <<<"$facts")
+  [[ $file != *libmqnode.so* ]] || lacks ' U __[a-z]+_chk$' 'a call that a host may interpose has another name'
+}
+
+# A row: what hardened says (nothing: it accepts), the name of the file, what it is made with beside all that is good.
+refuses() {
+  local folder text name flags said
+  folder=$(mktemp -d)
+  # shellcheck disable=SC2064 # the folder is known now
+  trap "rm -rf '$folder'" EXIT
+  cat >"$folder/file.c" <<'SOURCE'
+#include <stdio.h>
+int Use(char *text, unsigned size) {
+  char place[64];
+  snprintf(place, size, "%s", text);
+  return puts(place);
+}
+#ifdef RENAMED
+long __recv_chk(int fd, void *place, unsigned long size, unsigned long all, int flags);
+long Receive(int fd, char *place) { return __recv_chk(fd, place, 1, 2, 0); }
+#endif
+#ifdef RELOCATED
+__asm__(".text\n .quad Use\n");
+#endif
+#ifdef MIXED
+__asm__(".section .mixed, \"awx\"\n .quad 0\n .text\n");
+#endif
+SOURCE
+  while IFS='|' read -r text name flags; do
+    # shellcheck disable=SC2086 # several flags
+    "$cc" -shared -O2 -fPIC -fstack-protector-strong -D_FORTIFY_SOURCE=3 -Wl,-z,relro,-z,now,-z,noexecstack \
+      "$folder/file.c" -o "$folder/${name##* }" $flags 2>"$folder/log" || { cat "$folder/log" >&2; exit 1; }
+    said=$(built=$([[ $name != --built* ]] || echo yes) file=$folder/${name##* } && hardened 2>&1)
+    [[ $said == *"$text"* && $(grep -c . <<<"$said") == "${text:+1}" || -z $said$text ]] ||
+      broken "made with '$flags': '$said' instead of '$text'"
+  done <<'ROWS'
+|libmqnode.so|
+bound while it runs|libmqnode.so|-Wl,-z,lazy
+stays writable|libmqnode.so|-Wl,-z,norelro
+stack is executable|libmqnode.so|-Wl,-z,execstack
+writable and executable|libmqnode.so|-DMIXED
+code has relocations|libmqnode.so|-DRELOCATED -Wl,-z,notext
+stack protector|libmqnode.so|-fno-stack-protector
+is fortified|libmqnode.so|-U_FORTIFY_SOURCE
+search path|libmqnode.so|-Wl,-rpath,/nowhere
+another name|libmqnode.so|-DRENAMED
+|--built program|-Wl,-rpath,/nowhere:/elsewhere
+not absolute throughout|--built program|-Wl,-rpath,/nowhere:
+not absolute throughout|--built program|-Wl,-rpath,/nowhere:$ORIGIN/lib
+ROWS
+}
+
+copies() {
+  local name
+  for name in G_node_trace G_socket_trace G_szApplName pSavedAlarm; do
+    readelf -rW "$file" | grep -qE "R_X86_64_COPY .* $name(@|\$| )" || broken "has no copy of $name"
+  done
+}
+
+check=$1 built=
+shift
+[ "$1" != --built ] || { built=yes; shift; }
+case $check in
+  refuses) cc=$1 file=refuses && refuses ;;
+  names | hardened | copies) for file; do "$check"; done ;;
+  *) exit 2 ;;
+esac
+exit $status

@@ -1,0 +1,64 @@
+# shell.sh - what the test scripts share. A script is called with the build directory and sources this file, which sets
+# build, tree and work (an empty directory). At the exit, what was started is ended, and the exit code is 1 after fail.
+# shellcheck shell=bash disable=SC2034 # used by those who source it
+set -uo pipefail
+build=$(cd "${1:?usage: $0 BUILD_DIR}" && pwd) || exit
+tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+work=$(mktemp -d)
+started=()
+failures=0
+unset TEVRA_HOME COLUMNS
+export LC_ALL=C.UTF-8
+
+finish() {
+  local code=$? pid
+  for pid in "${started[@]}"; do kill "$pid" 2>/dev/null; done
+  rm -rf "$work"
+  exit $((failures != 0 ? 1 : code))
+}
+trap finish EXIT
+
+fail() {
+  printf 'FAILED: %s\n' "$*" >&2
+  failures=$((failures + 1))
+}
+
+# quietly COMMAND ...: what it prints is shown when it fails.
+quietly() { "$@" >"$work/log" 2>&1 || fail "$*: $(tail -n 40 "$work/log")"; }
+
+# same WHAT EXPECTED ACTUAL
+same() { [ "$2" = "$3" ] || fail "$1: $(diff <(echo "$2") <(echo "$3"))"; }
+
+# has FILE TEXT ...: the file has each of these.
+has() {
+  local file=$1 text
+  shift
+  for text; do grep -qF -- "$text" "$file" || fail "no '$text' in ${file##*/}: $(head -c 2000 "$file")"; done
+}
+
+# serve NAME COMMAND ...: in the background, its output in $work/NAME and $work/NAME.err; sets pid, and port to what it
+# prints first. In the foreground of timeout a signal comes once: a second one in the middle of a leak check can hang.
+serve() {
+  local name=$1
+  shift
+  : >"$work/$name"
+  timeout --foreground 60 "$@" >"$work/$name" 2>"$work/$name.err" &
+  pid=$!
+  started+=("$pid")
+  for _ in {1..400}; do
+    read -r port <"$work/$name" && return
+    sleep 0.05
+  done
+  fail "$name does not listen: $(cat "$work/$name.err")"
+}
+
+# ends NAME CODE: the server that was started last ends by itself with this code.
+ends() {
+  wait "$pid"
+  local code=$?
+  same "exit code of $1, $(cat "$work/$1.err")" "$2" $code
+}
+stops() {
+  kill "$pid"
+  ends "$1" 0
+}
