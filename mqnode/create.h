@@ -5,9 +5,9 @@
  * DeleteMQNode.
  *
  * The identity of a node is the login name (at most 12 characters) and the name of the program (identity.h; found by a
- * shell command if TEVRA_HOME is set). Its trace callback is G_node_trace. Sockets created here linger for zero seconds,
- * so that closing them discards unsent data, and block until NoblockSocket(&node->sock) is called. A socket that the
- * caller passes keeps its options and mode.
+ * shell command if TEVRA_HOME is set). Its trace callback is G_node_trace. Sockets created here linger for zero
+ * seconds, so that closing them discards unsent data, and block until NoblockSocket(&node->sock) is called. A socket
+ * that the caller passes keeps its options and mode.
  *
  * Arguments
  *   addr  in  address to connect to or to bind: host ("*" any address, "@" local host) or ip, service and protocol. It
@@ -33,8 +33,8 @@ MQ_API MQNode* CreateMQNode(SockAddrRec* addr, int role);
 /* CreateMQNodeWithOpt - as CreateMQNode, but set opt instead of switching address reuse off. */
 MQ_API MQNode* CreateMQNodeWithOpt(SockAddrRec* addr, int role, SockOption* opt);
 
-/* CreateUDPMQNode, CreateUDPMQNodeWithOpt - create a datagram node that is bound to addr and open. It receives datagrams
- * of at most 16520 bytes. openState is 0 if the bind failed. */
+/* CreateUDPMQNode, CreateUDPMQNodeWithOpt - create a datagram node that is bound to addr and open. It receives
+ * datagrams of at most 16520 bytes. openState is 0 if the bind failed. */
 MQ_API MQNode* CreateUDPMQNode(SockAddrRec* addr);
 MQ_API MQNode* CreateUDPMQNodeWithOpt(SockAddrRec* addr, SockOption* opt);
 

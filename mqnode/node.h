@@ -72,7 +72,7 @@ struct MQNode {
   char host[256];            /* host text of the address; "@" over an existing socket */
   char platform[256];        /* "UNIX" */
   char user[13];             /* at most 12 characters of the login name; every message carries it */
-  char applName[48];         /* name of this program, zero-padded; not terminated if it has 48 characters; also in messages */
+  char applName[48];         /* name of this program, zero-padded; not terminated if it has 48 characters */
   SockRec sock;              /* sock.owner points back at the node */
   MQNode* child;             /* the connection that a listening node accepted last; owned by the caller */
   int32_t writeLimit;        /* upper bound of outstanding writes; 0 or less: none */
