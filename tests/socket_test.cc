@@ -53,7 +53,6 @@ TEST_F(SocketTest, CreationResetsTheRecordAndTakesTheDefaultTrace) {
     EXPECT_EQ(creator(&rec), 1);
     const std::string happened = Take();
     OnGSocketTrace(nullptr);
-    EXPECT_EQ(fcntl(rec.fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(fcntl(rec.fd, F_GETFD), flags);
     expected.fd = rec.fd;
     expected.domain = AF_INET;
@@ -68,29 +67,25 @@ TEST_F(SocketTest, CreationResetsTheRecordAndTakesTheDefaultTrace) {
   EXPECT_EQ(create(CreateSocket, 1, FD_CLOEXEC), "socket(2, 1, 0) = fd; CreateAnySocket");
   EXPECT_EQ(create(CreateUDPSocket, 2, FD_CLOEXEC), "socket(2, 2, 0) = fd; CreateAnySocket");
   EXPECT_EQ(create(adopt, 1, 0), "CreateSocketFromExisting");
-  EXPECT_EQ(CreateAnySocket(&rec_, AF_INET, 99), 0);
-  EXPECT_EQ(rec_.error, EINVAL);
-  EXPECT_EQ(InitSocket(&rec_) + OSInitSocket(&rec_), 2);
+  EXPECT_TRUE(CreateAnySocket(&rec_, AF_INET, 99) == 0 && rec_.error == EINVAL);
 }
 
 TEST_F(SocketTest, DeleteClosesOnceAndOnlyWhatItHolds) {
-  const std::string failure = ":34:56 SOCKSIN::DeleteSocket close(64999) failed RC(-1) errno(9)\n";
-  const auto twice = [this](int fd, time_t now, int fd_after = -1) {
+  const auto twice = [this](int fd, time_t now = 0) {
     Use(fd);
-    SockRec expected = rec_;
-    expected.fd = fd_after;
-    expected.onTrace = rec_.onTrace = Trace::OnSocket;
+    rec_.onTrace = Trace::OnSocket;
     Platform::SetTime(now);
     Take();
     const std::string printed = Printed([&] { EXPECT_EQ(DeleteSocket(&rec_) + DeleteSocket(&rec_), 2); });
-    EXPECT_EQ(Bytes(rec_), Bytes(expected));
-    return Take() + (printed.empty() ? "" : printed.substr(2));  // the hour is that of the time zone
+    // The hour is that of the time zone.
+    return format("{} {} {}", rec_.fd, Take(), printed.empty() ? "" : printed.substr(2));
   };
-  EXPECT_EQ(twice(-1, 0), "DeleteSocket; DeleteSocket");
-  EXPECT_EQ(twice(0, 0, 0), "DeleteSocket; DeleteSocket");
-  EXPECT_EQ(twice(Peer::Listen().Release(), 0), "DeleteSocket; close() = 0; DeleteSocket");
-  EXPECT_EQ(twice(64999, 1669116896), "DeleteSocket; close() = -1 EBADF; DeleteSocket" + failure);
-  EXPECT_EQ(twice(64999, kNoDate), "DeleteSocket; close() = -1 EBADF; DeleteSocket:??:??" + failure.substr(6));
+  EXPECT_EQ(twice(0), "0 DeleteSocket; DeleteSocket ");
+  EXPECT_EQ(twice(Peer::Listen().Release()), "-1 DeleteSocket; close() = 0; DeleteSocket ");
+  const std::string failed = "-1 DeleteSocket; close() = -1 EBADF; DeleteSocket ";
+  const std::string why = " SOCKSIN::DeleteSocket close(64999) failed RC(-1) errno(9)\n";
+  EXPECT_EQ(twice(64999, 1669116896), failed + ":34:56" + why);
+  EXPECT_EQ(twice(64999, kNoDate), failed + ":??:??" + why);
 }
 
 TEST_F(SocketTest, BlockingModeChangesNoOtherFlag) {
@@ -100,7 +95,6 @@ TEST_F(SocketTest, BlockingModeChangesNoOtherFlag) {
   Alias(plain | O_NONBLOCK, "nonblocking");
   Alias(plain, "plain");
   const std::string get = "fcntl(F_GETFL) = plain; ", had = "fcntl(F_GETFL) = nonblocking; ";
-  EXPECT_EQ(Do(BlockSocket), "1 0/0 0 | " + get + "fcntl(F_SETFL, plain) = 0; BlockSocket");
   EXPECT_EQ(Do(NoblockSocket), "1 0/0 0 | " + get + "fcntl(F_SETFL, nonblocking) = 0; NoblockSocket");
   EXPECT_EQ(Do(BlockSocket), "1 0/0 0 | " + had + "fcntl(F_SETFL, plain) = 0; BlockSocket");
   Platform::Fail("fcntl", 2, EPERM);
@@ -125,55 +119,37 @@ TEST_F(SocketTest, CallbacksAndNames) {
 
 TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
   Platform::AddHost("box", {"10.9.8.7", "10.9.8.8"});
-  Platform::AddHost("9box", {"10.9.8.9"});
   Platform::AddHost("bare", {});
   Platform::AddService("echo", "tcp", 7);
   // "result error family address:port, port in the record | calls" where errno was pending before.
   const auto resolve = [this](const char* host, const char* ip, const char* service = "1", int pending = 0) {
     SockAddrRec name = AddressOf(host, service, "tcp", ip);
     name.port = 99;
-    SockAddrRec expected = name;
-    sockaddr_in out;
-    memset(&out, 0x5a, sizeof out);
+    sockaddr_in out = {7, 8, {9}, {}};
     rec_.error = 77;
     rec_.domain = AF_INET;
-    Take();
     errno = pending;
     const int result = AddrToIP(&rec_, &name, &out);
-    expected.port = name.port;
-    EXPECT_EQ(Bytes(name), Bytes(expected));
-    EXPECT_EQ(Bytes(out.sin_zero), std::string(8, '\0'));
     return format("{} {} {} {}:{} {} | {}", result, rec_.error, out.sin_family, inet_ntoa(out.sin_addr),
                   ntohs(out.sin_port), name.port, Take());
   };
-  // the any-address, whatever ip holds
-  EXPECT_EQ(resolve("*", "", "8080"), "1 77 2 0.0.0.0:8080 8080 | ");
-  EXPECT_EQ(resolve("*", "10.1.2.3"), "1 77 2 0.0.0.0:1 1 | ");
-  EXPECT_EQ(resolve("**", ""), "0 9003 0 0.0.0.0:1 1 | gethostbyname(**) = 0");
-  // the local host
+  // the any-address, whatever ip says; the local host
+  EXPECT_EQ(resolve("*", "10.1.2.3", "8080"), "1 77 2 0.0.0.0:8080 8080 | ");
   EXPECT_EQ(resolve("@", ""), "1 77 2 127.0.0.1:1 1 | gethostbyname(localhost) = 1");
-  EXPECT_EQ(resolve("@", "10.0.0.1"), "1 77 2 10.0.0.1:1 1 | ");
   // a valid dotted quad in ip wins
   EXPECT_EQ(resolve("box", "192.168.1.7"), "1 77 2 192.168.1.7:1 1 | ");
-  EXPECT_EQ(resolve("box", "0.0.0.0"), "1 77 2 255.255.255.255:1 1 | ");
   EXPECT_EQ(resolve("box", "300.1.1.1"), "1 77 2 10.9.8.7:1 1 | gethostbyname(box) = 1");
-  EXPECT_EQ(resolve("box", "010.001.002.003"), "1 77 2 8.1.2.3:1 1 | ");
   // numeric names are never looked up
   EXPECT_EQ(resolve("10.1", ""), "1 77 2 10.0.0.1:1 1 | ");
   EXPECT_EQ(resolve("9box", "10.1"), "0 9003 0 255.255.255.255:1 1 | ");
   EXPECT_EQ(resolve("9box", "", "1", ETIMEDOUT), "0 110 0 255.255.255.255:1 1 | ");
   // looked up; then the ip field in a short form
-  EXPECT_EQ(resolve("nobody", "10.1"), "1 77 2 10.0.0.1:1 1 | gethostbyname(nobody) = 0");
   EXPECT_EQ(resolve("bare", "10.1"), "1 77 2 10.0.0.1:1 1 | gethostbyname(bare) = 1");
-  EXPECT_EQ(resolve("nobody", "1.2.3.4.5"), "0 9003 0 255.255.255.255:1 1 | gethostbyname(nobody) = 0");
   EXPECT_EQ(resolve("nobody", "x"), "0 9003 0 0.0.0.0:1 1 | gethostbyname(nobody) = 0");
-  EXPECT_EQ(resolve("", "", "1", EAGAIN), "0 11 0 0.0.0.0:1 1 | gethostbyname() = 0");
   // services
   EXPECT_EQ(resolve("*", "", "echo"), "1 77 2 0.0.0.0:7 7 | getservbyname(echo, tcp) = 1");
-  EXPECT_EQ(resolve("*", "", "80x"), "1 77 2 0.0.0.0:80 80 | ");
-  EXPECT_EQ(resolve("*", "", "70000"), "1 77 2 0.0.0.0:4464 70000 | ");
+  EXPECT_EQ(resolve("*", "", "70000x"), "1 77 2 0.0.0.0:4464 70000 | ");
   EXPECT_EQ(resolve("*", "", "-1"), "0 9002 0 0.0.0.0:0 99 | getservbyname(-1, tcp) = 0");
-  EXPECT_EQ(resolve("*", "", "nothing", EINTR), "0 4 0 0.0.0.0:0 99 | getservbyname(nothing, tcp) = 0");
   // no field is read past its end
   SockAddrRec name;
   memset(&name, 'h', sizeof name);
@@ -187,12 +163,12 @@ TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
 }
 
 TEST_F(SocketTest, IsValidIp) {
-  for (const char* text : {"1.2.3.4", "255.255.255.255", "001.002.003.004", "0.0.0.0", "010.1.1.1"}) {
+  for (const char* text : {"1.2.3.4", "255.255.255.255", "001.002.003.004", "0.0.0.0"}) {
     EXPECT_EQ(IsValidIp(text), 1) << text;
   }
   for (const char* text :
-       {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "1234.1.1.1", "0001.1.1.1", "", ".", "1..2.3", ".1.2.3.4",
-        "1.2.3.4.", "1.2.3.4 ", " 1.2.3.4", "+1.2.3.4", "-1.2.3.4", "1,2,3,4", "a.b.c.d", "1.2.3.", "1.2.3.4x"}) {
+       {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "0001.1.1.1", "1.1.1.0001", "", "1..2.3", ".1.2.3.4",
+        "1.2.3.4.", "1.2.3.4 ", "+1.2.3.4", "1,2,3,4", "a.b.c.d", "1.2.3.", "1.2.3.4x"}) {
     EXPECT_EQ(IsValidIp(text), 0) << text;
   }
 }
@@ -200,40 +176,27 @@ TEST_F(SocketTest, IsValidIp) {
 // The plain mappings: what they ask, and that they keep within buffers of the sizes that the header promises.
 TEST_F(SocketTest, Mappings) {
   const std::string host300(300, 'h'), service40(40, 's');
-  Platform::AddHost("box", {"10.9.8.7", "10.9.8.8"});
-  Platform::AddHost(host300, {"255.255.255.254"});
+  Platform::AddHost(host300, {"255.255.255.254", "10.9.8.8"});
   Platform::AddHost("bare", {});
-  Platform::AddService("echo", "udp", 7);
   Platform::AddService(service40, "tcp", 9);
   // "result text | calls"; the text is "????" when the buffer is untouched.
-  const auto mapped = [](size_t size, const std::function<int(char*)>& map) {
+  const auto mapped = [](size_t size, auto* map, auto... from) {
     char out[400] = "????";
     out[size] = '!';
-    const int result = map(out);
+    const int result = map(out, from...);
     EXPECT_EQ(out[size], '!') << "written past the end";
     return format("{} {} | {}", result, out, Take());
   };
-  const auto host_of = [&](const char* quad) {
-    const sockaddr_in in = {AF_INET, 0, {inet_addr(quad)}, {}};
-    return mapped(256, [&](char* out) { return MapHostAddrToName(out, &in); });
-  };
-  const auto service_of = [&](uint16_t port, const char* protocol) {
-    const sockaddr_in in = {AF_INET, htons(port), {}, {}};
-    return mapped(33, [&](char* out) { return MapServPortToName(out, &in, protocol); });
-  };
-  const auto address_of = [&](const char* name) {
-    return mapped(16, [&](char* out) { return ResolveHostName(name, out); });
-  };
-  EXPECT_EQ(host_of("10.9.8.7"), "1 box | gethostbyaddr(10.9.8.7, 4, 2) = 1");
-  EXPECT_EQ(host_of("255.255.255.254"), "1 " + host300.substr(45) + " | gethostbyaddr(255.255.255.254, 4, 2) = 1");
-  EXPECT_EQ(host_of("10.9.8.1"), "0 unknown host | gethostbyaddr(10.9.8.1, 4, 2) = 0");
-  EXPECT_EQ(service_of(7, "udp"), "1 echo | getservbyport(7, udp) = 1");
-  EXPECT_EQ(service_of(7, "tcp"), "0 unknown service | getservbyport(7, tcp) = 0");
-  EXPECT_EQ(service_of(9, "tcp"), "1 " + service40.substr(8) + " | getservbyport(9, tcp) = 1");
-  EXPECT_EQ(address_of("box"), "1 10.9.8.7 | gethostbyname(box) = 1");
-  EXPECT_EQ(address_of(host300.c_str()), "1 255.255.255.254 | gethostbyname(" + host300 + ") = 1");
-  EXPECT_EQ(address_of("nobody"), "0 ???? | gethostbyname(nobody) = 0");
-  EXPECT_EQ(address_of("bare"), "0 ???? | gethostbyname(bare) = 1");
+  const sockaddr_in known = {AF_INET, htons(9), {inet_addr("255.255.255.254")}, {}}, unknown = {AF_INET, 0, {}, {}};
+  EXPECT_EQ(mapped(256, MapHostAddrToName, &known),
+            "1 " + host300.substr(45) + " | gethostbyaddr(255.255.255.254, 4, 2) = 1");
+  EXPECT_EQ(mapped(256, MapHostAddrToName, &unknown), "0 unknown host | gethostbyaddr(0.0.0.0, 4, 2) = 0");
+  EXPECT_EQ(mapped(33, MapServPortToName, &known, "tcp"), "1 " + service40.substr(8) + " | getservbyport(9, tcp) = 1");
+  EXPECT_EQ(mapped(33, MapServPortToName, &known, "udp"), "0 unknown service | getservbyport(9, udp) = 0");
+  int (*const resolve)(char*, const char*) = [](char* out, const char* name) { return ResolveHostName(name, out); };
+  EXPECT_EQ(mapped(16, resolve, host300.c_str()), "1 255.255.255.254 | gethostbyname(" + host300 + ") = 1");
+  EXPECT_EQ(mapped(16, resolve, "nobody"), "0 ???? | gethostbyname(nobody) = 0");
+  EXPECT_EQ(mapped(16, resolve, "bare"), "0 ???? | gethostbyname(bare) = 1");
 
   const auto numbers = [](const char* text) {
     sockaddr_in out = {7, 8, {}, {}};
@@ -242,14 +205,9 @@ TEST_F(SocketTest, Mappings) {
     EXPECT_EQ(MapStrIpToAddr(text, &number), 1);
     return format("{} {:x} {:x}, {} {}", result, ntohl(out.sin_addr.s_addr), number, out.sin_family, out.sin_port);
   };
-  EXPECT_EQ(numbers("1.2.3.4"), "1 1020304 1020304, 7 8");
   EXPECT_EQ(numbers("10.1"), "1 a000001 a000001, 7 8");
   EXPECT_EQ(numbers("0.0.0.0"), "1 ffffffff 0, 7 8");
   EXPECT_EQ(numbers("nonsense"), "0 ffffffff ffffffff, 7 8");
-  const sockaddr_in in = {AF_INET, htons(65535), {inet_addr("10.0.0.5")}, {}};
-  SockAddrRec name = AddressOf("host", "s", "proto", "1.1.1.1");
-  EXPECT_EQ(IpAddrToSocketAddr(&name, &in, nullptr), 1);
-  EXPECT_EQ(Text(name), "host 10.0.0.5 65535 proto 65535");
 }
 
 // ---- Connections ----
@@ -285,9 +243,6 @@ TEST_F(SocketTest, ConnectAndBind) {
   EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", -1),
             "0 9002/5 0 | ConnectSocket[AddrToIP[getservbyname(nothing, proto) = 0]; onError 9002] | "
             "127.0.0.1 - nothing proto 0 | - - - - 0 | - - - tcp 0");
-  EXPECT_EQ(attempt(BindSocketName, "nowhere", 7),
-            "0 9003/5 0 | BindSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 9003] | nowhere - 7 proto 7 | "
-            "- - - - 0 | - - - tcp 0");
   EXPECT_EQ(attempt(BindSocketName, "*", 0),
             "1 0/0 1 | BindSocket[AddrToIP[]; uname() = 0; bind(0.0.0.0:0) = 0] | testnode 0.0.0.0 0 proto 0 | = | "
             "- - - tcp 0");
@@ -296,14 +251,10 @@ TEST_F(SocketTest, ConnectAndBind) {
   EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", 1, EISCONN),
             "1 106/0 1 | BindSocket[AddrToIP[]; uname() = 0; bind(127.0.0.1:1) = -1 EISCONN" + unbound);
   // Another action does neither. The caller's texts are cut; without a node name there is none.
-  Platform::Mend();
-  SockAddrRec name = AddressOf("*", "5", "proto");
-  EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = 0");
-  EXPECT_EQ(Text(name) + Text(rec_.name), "testnode - - proto 0testnode - - proto 0");
   Platform::Fail("uname", 1, EFAULT);
-  name = AddressOf("*", "5", "proto");
-  EXPECT_EQ(SockAction(&rec_, &name, 2), 1);
-  EXPECT_EQ(Text(name), "- - - proto 0");
+  SockAddrRec name = AddressOf("*", "5", "proto");
+  EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = -1 EFAULT");
+  EXPECT_EQ(Text(name) + Text(rec_.name), "- - - proto 0- - - proto 0");
   memset(name.host, 'h', sizeof name.host);
   memset(name.ip, 'i', sizeof name.ip);
   EXPECT_EQ(SockAction(&rec_, &name, SOCK_ACTION_BIND), 0);
@@ -316,10 +267,9 @@ TEST_F(SocketTest, ListenAndAccept) {
   NoblockSocket(&rec_);
   rec_.protocol = 6;
   const Peer client = Peer::Connect(PortOf(rec_.fd));
-  SockRec child, expected;
+  SockRec child, expected = {};
   memset(&child, 0x5a, sizeof child);
   EXPECT_EQ(Do(AcceptClient, &child), "1 77/0 0 | AcceptClient[accept() = fd]");
-  InitSocket(&expected);
   expected.fd = child.fd;
   expected.domain = 2;
   expected.type = 1;
@@ -330,11 +280,8 @@ TEST_F(SocketTest, ListenAndAccept) {
   const std::string accepted = Bytes(child);
   EXPECT_EQ(accepted, Bytes(expected));
   EXPECT_EQ(fcntl(child.fd, F_GETFD), FD_CLOEXEC);
-  client.Send("hi");
-  EXPECT_EQ(Peer(child.fd).Read(2), "hi");
+  close(child.fd);
   EXPECT_EQ(Do(AcceptClient, &child), "0 11/5 0 | AcceptClient[accept() = -1 EAGAIN; onError 11]");
-  Platform::Fail("accept", 1, EINPROGRESS);
-  EXPECT_EQ(Do(AcceptClient, &child), "0 115/5 0 | AcceptClient[accept() = -1 EINPROGRESS; onError 115]");
   EXPECT_EQ(Bytes(child), accepted);
 }
 
@@ -375,21 +322,16 @@ TEST_F(TransferTest, StreamsGoOnWhereTheyStopped) {
   EXPECT_EQ(bytes_, std::string(100, 'a') + std::string(36, 'b') + "????");
   EXPECT_EQ(Read(), "136 0, 136 0 | 0 9004/5 0 | ReadSocket[recvfrom(0) = 0; onError 9004]");
   EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to note";
-  // Bytes looked at count and stay.
   Arm("????");
   buffer_.flags = MSG_PEEK;
-  EXPECT_EQ(Read(), "4 0, 140 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]");
-  Arm("????");
-  EXPECT_EQ(Read(), "4 0, 144 0 | 1 0/0 0 | ReadSocket[recvfrom(4) = 4]");
-  EXPECT_EQ(bytes_, "next");
+  EXPECT_EQ(Read(), "4 0, 140 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]") << "bytes looked at count";
 
   Arm("0123456789");
   buffer_.length = 9;
   Platform::Limit("send", {4, 0});
-  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket[send(9) = 4]");
-  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket[send(5) = 0]");
-  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket[send(5) = 5]");
-  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket[send(0) = 0]");
+  EXPECT_EQ(Write(), "0 4, 140 4 | 1 0/0 0 | WriteSocket[send(9) = 4]");
+  EXPECT_EQ(Write(), "0 4, 140 4 | 1 0/0 0 | WriteSocket[send(5) = 0]");
+  EXPECT_EQ(Write(), "0 9, 140 9 | 1 0/0 0 | WriteSocket[send(5) = 5]");
   EXPECT_EQ(peer_.Read(9), "012345678");
 }
 
@@ -413,41 +355,36 @@ TEST_F(TransferTest, Failures) {
   }
 }
 
-TEST_F(TransferTest, DatagramsNoteTheirSender) {
+TEST_F(TransferTest, Datagrams) {
+  Platform::AddHost("box", {"127.0.0.1"});
   Use(Peer::Datagram().Release(), SOCK_TYPE_DATAGRAM);
   const Peer peer = Peer::Datagram();
   Alias(peer.port(), "P");
-  // The type counts when something has arrived.
-  const auto got = [&](const char* bytes, uint32_t before, uint32_t later) {
+  // The sender is noted; the type counts when something has arrived.
+  const auto got = [&](uint32_t before, uint32_t later) {
     rec_.type = before;
     rec_.from = AddressOf("", "");
     Trace::Now().on_socket = [=](std::string_view, SockRec* rec) { rec->type = later; };
-    peer.SendTo(PortOf(rec_.fd), bytes);
+    peer.SendTo(PortOf(rec_.fd), "hello");
     Arm("0123456789");
     const std::string read = Read();
-    return read + " | " + Text(rec_.from) + " | " + Text(rec_.name);
+    return format("{} | {} | {}", read, Text(rec_.from), Text(rec_.name));
   };
-  const std::string read = " | ReadSocket[recvfrom(10) = 5] | ";
-  EXPECT_EQ(got("hello", 2, 2), "5 0, 5 0 | 1 0/0 0" + read + "- 127.0.0.1 P tcp P | - - - - 0");
-  EXPECT_EQ(got("", 2, 2),
-            "0 0, 5 0 | 0 9004/5 0 | ReadSocket[recvfrom(10) = 0; onError 9004] | - - - tcp 0 | - - - - 0");
-  EXPECT_EQ(got("again", 1, 2), "5 0, 10 0 | 1 0/0 0" + read + "- 127.0.0.1 P tcp P | - - - - 0");
-  EXPECT_EQ(got("other", 3, 3), "5 0, 15 0 | 1 0/0 0" + read + "- - - tcp 0 | - - - - 0");
-}
-
-TEST_F(TransferTest, DatagramsResolveTheirDestinationEachTime) {
-  Platform::AddHost("box", {"127.0.0.1"});
-  const Peer peer = Peer::Datagram();
-  Alias(peer.port(), "P");
+  const std::string read = "1 0/0 0 | ReadSocket[recvfrom(10) = 5] | ";
+  EXPECT_EQ(got(1, 2), "5 0, 5 0 | " + read + "- 127.0.0.1 P tcp P | - - - - 0");
+  EXPECT_EQ(got(3, 3), "5 0, 10 0 | " + read + "- - - tcp 0 | - - - - 0");
+  // The destination is resolved each time.
   SockAddrRec to = AddressOf("box", peer.port()), nowhere = AddressOf("nowhere", 7);
-  for (const int type : {2, 3}) {
-    Use(Peer::Datagram().Release(), type);
+  for (const uint32_t type : {2, 3}) {
+    Trace::Now().on_socket = nullptr;
+    rec_.type = type;
+    rec_.bytesSent = 0;
     Arm("0123456789");
     buffer_.sent = 4;
-    EXPECT_EQ(Write(), "0 4, 0 0 | 0 89/5 0 | WriteSocket[onError 89]");
-    EXPECT_EQ(Write(&nowhere), "0 4, 0 0 | 0 89/5 0 | WriteSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 89]");
+    EXPECT_EQ(Write(), "0 4, 10 0 | 0 89/5 0 | WriteSocket[onError 89]");
+    EXPECT_EQ(Write(&nowhere), "0 4, 10 0 | 0 89/5 0 | WriteSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 89]");
     EXPECT_EQ(Write(&to),
-              "0 10, 0 6 | 1 0/0 0 | WriteSocket[AddrToIP[gethostbyname(box) = 1]; sendto(6, 127.0.0.1:P) = 6]");
+              "0 10, 10 6 | 1 0/0 0 | WriteSocket[AddrToIP[gethostbyname(box) = 1]; sendto(6, 127.0.0.1:P) = 6]");
     EXPECT_EQ(Text(to), "box - P tcp P");
     EXPECT_EQ(peer.Read(), "456789");
   }
@@ -457,8 +394,8 @@ TEST_F(TransferTest, DatagramsResolveTheirDestinationEachTime) {
 
 TEST_F(SocketTest, Options) {
   Use(Peer::Datagram().Release());
-  const auto set = [this](int id, int first, int second) {
-    SockOption option = {id, first, second};
+  const auto set = [this](int id) {
+    SockOption option = {id, 5, 7};
     return Do(SetSocketOptions, &option);
   };
   const auto get = [this](int id) {
@@ -466,34 +403,19 @@ TEST_F(SocketTest, Options) {
     const std::string outcome = Do(GetSocketOptions, &option);
     return format("{} {}, {}", option.value1, option.value2, outcome);
   };
-  EXPECT_EQ(set(0, 1, 0), "1 0/0 0 | setsockopt(1:1, 0) = 0");
-  EXPECT_EQ(set(1, 1, 0), "1 0/0 0 | setsockopt(1:2, 0) = 0");
-  EXPECT_EQ(set(2, 0, 1), "1 0/0 0 | setsockopt(1:9, 1) = 0");
-  EXPECT_EQ(set(3, 0, 9), "1 0/0 0 | setsockopt(1:5, 9) = 0");
-  EXPECT_EQ(set(4, 30, 1), "1 0/0 0 | setsockopt(1:13, 1, 30) = 0");
-  EXPECT_EQ(set(5, 0, 1), "1 0/0 0 | setsockopt(1:6, 1) = 0");
-  EXPECT_EQ(set(6, 0, 1), "1 0/0 0 | setsockopt(1:10, 1) = 0");
-  EXPECT_EQ(set(7, 65536, 3), "1 0/0 0 | setsockopt(1:7, 65536) = 0");
-  EXPECT_EQ(set(8, 32768, 3), "1 0/0 0 | setsockopt(1:8, 32768) = 0");
-  EXPECT_EQ(set(9, 1, 2), "0 92/5 0 | setsockopt(1:3, 2) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(set(10, 1, 2), "0 92/5 0 | setsockopt(1:4, 2) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(set(11, 1, 0), "1 0/0 0 | setsockopt(1:11, 0) = 0");
-  EXPECT_EQ(set(12, 0, 5), "1 0/0 0 | setsockopt(1:12, 5) = 0");
-  EXPECT_EQ(set(1 << 30, 1, 2), "0 92/5 0 | setsockopt(1:1073741824, 2) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(set(-3, 1, 2), "0 92/5 0 | setsockopt(1:-1, 2) = -1 ENOPROTOOPT; onError 92");
+  const char* const calls[] = {"1:1, 7", "1:2, 7", "1:9, 7", "1:5, 7", "1:13, 7, 5", "1:6, 7", "1:10, 7",
+                               "1:7, 5", "1:8, 5", "1:3, 7", "1:4, 7", "1:11, 7",    "1:12, 7"};
+  Platform::Fail("setsockopt", 1, Platform::kZero, Platform::kOnwards);
+  for (int id = 0; id < 13; ++id) EXPECT_EQ(set(id), format("1 0/0 0 | setsockopt({}) = 0", calls[id]));
+  Platform::Mend();
+  EXPECT_EQ(set(-3), "0 92/5 0 | setsockopt(1:-1, 7) = -1 ENOPROTOOPT; onError 92");
   EXPECT_EQ(get(9), "2 33, 1 0/0 0 | getsockopt(1:3) = 0");
-  EXPECT_EQ(get(4), "1 33, 1 0/0 0 | getsockopt(1:13) = 0");
   EXPECT_EQ(get(-3), "-5 33, 0 92/5 0 | getsockopt(1:-1) = -1 ENOPROTOOPT; onError 92");
 
   EXPECT_EQ(Do(ReuseSocket, 1), "1 0/0 0 | setsockopt(1:2, 1) = 0");
   EXPECT_EQ(Do(ReuseSocket, 2), "1 0/0 0 | setsockopt(1:2, 0) = 0");
   EXPECT_EQ(Do(SetTcpBuffer, 40000), "1 0/0 0 | setsockopt(1:7, 40000) = 0; setsockopt(1:8, 40000) = 0");
-  Use(Peer::Bound(SOCK_STREAM).Release());
-  EXPECT_EQ(Do(SetTcpNoDelay, 4), "1 0/0 0 | setsockopt(6:1, 4) = 0");
-  Platform::Fail("setsockopt", 1, EINPROGRESS, 3);
-  EXPECT_EQ(Do(SetTcpNoDelay, 0), "0 115/5 0 | setsockopt(6:1, 0) = -1 EINPROGRESS; onError 115");
-  EXPECT_EQ(Do(ReuseSocket, 1), "0 115/5 0 | setsockopt(1:2, 1) = -1 EINPROGRESS; onError 115");
-  EXPECT_EQ(Do(SetTcpBuffer, 40000), "0 115/5 0 | setsockopt(1:7, 40000) = -1 EINPROGRESS; onError 115");
+  EXPECT_EQ(Do(SetTcpNoDelay, 4), "0 92/5 0 | setsockopt(6:1, 4) = -1 ENOPROTOOPT; onError 92");
   Platform::Fail("setsockopt", 2, EINPROGRESS);
   EXPECT_EQ(Do(SetTcpBuffer, 40000),
             "0 115/5 0 | setsockopt(1:7, 40000) = 0; setsockopt(1:8, 40000) = -1 EINPROGRESS; onError 115");
