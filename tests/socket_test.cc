@@ -30,7 +30,6 @@ class SocketTest : public Fixture {
   template <typename... Formal, typename... Actual>
   std::string Do(int (*operation)(SockRec*, Formal...), Actual... arguments) {
     EXPECT_EQ(OnSocketTrace(&rec_, Trace::OnSocket) + OnSocketError(&rec_, Trace::OnError), 2);
-    Trace::Now().error_result = 5;
     rec_.error = 77;
     rec_.errorResult = 0;
     Take();

@@ -21,14 +21,12 @@ using fmt::format;
 struct Trace {
   static void OnSocket(const char* point, SockRec* rec);
   static void OnNode(const char* point, MQNode* node);
-  static int OnError(SockRec* rec);
+  static int OnError(SockRec* rec);  // returns 5
 
   std::map<const void*, std::string> names;
   std::string (*show)(const MQNode*) = nullptr;  // behind each trace point of a node
-  int error_result = 0;                          // of OnError
-  // Run inside the callbacks, after the event was noted. The point of an error is "onError".
+  // Run inside the callbacks of sockets, after the event was noted. The point of an error is "onError".
   std::function<void(std::string_view point, SockRec* rec)> on_socket;
-  std::function<void(std::string_view point, MQNode* node)> on_node;
 
   static Trace& Now();
 };
@@ -59,7 +57,6 @@ class Peer {
   static Peer Listen(int backlog = 20);
   static Peer Connect(int port);
   static Peer Datagram();
-  static Peer Adopt(int fd) { return Peer(fd); }
 
   Peer Accept() const;
   void Send(std::string_view bytes, int flags = 0) const;
