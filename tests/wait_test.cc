@@ -197,16 +197,12 @@ TEST_F(WaitTest, ManyNodes) {
   Size(kMany + 1);
   for (const size_t ready : {size_t{0}, kTaken - 1, kTaken, kMany - 1}) {
     many[ready].sock.fd = Sock(0)->fd;
-    for (const int form : {0, 1, 2}) {
-      read[0] = nullptr;
-      int status = 77;
-      if (form == 0) mnPost(list.data(), none.data(), read.data(), 0, &status);
-      if (form == 1) mnNPost(list.data(), none.data(), read.data(), none.data(), 0, &status);
-      if (form == 2) mnNPostEx(list.data(), none.data(), read.data(), none.data(), 0, &status, &work_);
-      const bool found = form == 2 || ready < kTaken;
-      EXPECT_EQ(status, found ? 0 : SOCK_WAIT_TIMEOUT) << ready;
-      EXPECT_EQ(read[0], found ? &many[ready] : nullptr) << ready;
-    }
+    read[0] = nullptr;
+    int status = 77;
+    mnPost(list.data(), none.data(), read.data(), 0, &status);
+    EXPECT_EQ(read[0], ready < kTaken ? &many[ready] : nullptr) << ready;
+    EXPECT_EQ(mnNPostEx(list.data(), none.data(), read.data(), none.data(), 0, &status, &work_), 1);
+    EXPECT_EQ(read[0], &many[ready]);
     many[ready].sock.fd = -1;
   }
 }
@@ -230,31 +226,31 @@ TEST_F(WaitTest, ForeignOwners) {
   EXPECT_EQ(Wait(kPost), "1 0 | ad ? c | - - ? | 1111");
 }
 
-// What both families hand to select, in each form. A signal ends every wait at once.
+// What all forms hand to select.
 TEST_F(WaitTest, Timeouts) {
   MQNode *none[] = {nullptr}, *out[1];
-  const auto limits = [&](char form, int timeout) {  // in milliseconds, seconds, or plain
-    Platform::Fail("select", 1, EINTR, 2);
-    int status = 0, other = 0;
-    if (form == 'm') mnPostExMSec(none, out, out, timeout, &status, &work_);
-    if (form == 'm') mnNPostExMSec(none, out, out, out, timeout, &other, &work_);
-    if (form == 's') mnPostEx(none, out, out, timeout, &status, &work_);
-    if (form == 's') mnNPostEx(none, out, out, out, timeout, &other, &work_);
-    if (form == 'p') mnPost(none, out, out, timeout, &status);
-    if (form == 'p') mnNPost(none, out, out, out, timeout, &other);
-    return format("{} {} {}", status, other, Take("c"));
+  const auto limit = [&](int timeout, bool seconds) {
+    Platform::Fail("select", 1, EINTR, Platform::kOnwards);
+    int status = 0;
+    if (seconds) {
+      mnPost(none, out, out, timeout, &status);
+      mnNPost(none, out, out, out, timeout, &status);
+      mnPostEx(none, out, out, timeout, &status, &work_);
+      mnNPostEx(none, out, out, out, timeout, &status, &work_);
+    } else {
+      mnPostExMSec(none, out, out, timeout, &status, &work_);
+      mnNPostExMSec(none, out, out, out, timeout, &status, &work_);
+    }
+    const Lines calls = Platform::Calls();
+    Take();
+    EXPECT_EQ(calls, Lines(seconds ? 4 : 2, calls.at(0)));
+    return calls[0];
   };
-  const auto both = [](const char* limit) {
-    return format("4 4 select({0}s) = -1 EINTR; select({0}s) = -1 EINTR", limit);
-  };
-  EXPECT_EQ(limits('m', 1500), both("1.500000"));
-  EXPECT_EQ(limits('m', -1), both("0.000000"));
-  EXPECT_EQ(limits('m', INT32_MAX), both("2147483.647000"));
-  for (const char form : {'s', 'p'}) {
-    EXPECT_EQ(limits(form, 3), both("3.000000"));
-    EXPECT_EQ(limits(form, -7), both("0.000000"));
-    EXPECT_EQ(limits(form, INT32_MAX), both("2147483.000000"));
-  }
+  EXPECT_EQ(limit(1500, false), "select(1.500000s) = -1 EINTR");
+  EXPECT_EQ(limit(-1, false), "select(0.000000s) = -1 EINTR");
+  EXPECT_EQ(limit(INT32_MAX, false), "select(2147483.647000s) = -1 EINTR");
+  EXPECT_EQ(limit(-7, true), "select(0.000000s) = -1 EINTR");
+  EXPECT_EQ(limit(INT32_MAX, true), "select(2147483.000000s) = -1 EINTR");
 }
 
 TEST_F(WaitTest, AFailedSelectTouchesNoList) {
@@ -270,26 +266,19 @@ TEST_F(WaitTest, AFailedSelectTouchesNoList) {
 // The lists and records count as they are when their turn comes.
 TEST_F(WaitTest, CallbacksMayCloseOrReplaceLaterSockets) {
   for (const bool writes : {kPost, kNPost}) {
-    MakeAll("r r r r");
-    const int other = Sock(2)->fd;
+    MakeAll("r r r . r r");
+    const int far = Sock(2)->fd, quiet = Sock(3)->fd;
     Trace::Now().on_socket = [&](std::string_view point, const SockRec* rec) {
+      if (rec == Sock(4)) work_.sockets[5] = nullptr;
       if (rec != Sock(0) || point == "DeleteSocket") return;
       DeleteSocket(Sock(1));
       Sock(2)->fd = 1 << 20;  // far outside the sets of this wait
+      Sock(3)->fd = Sock(4)->fd;
     };
-    EXPECT_EQ(Wait(writes).substr(0, 9), "1 0 | ad ");
-    Sock(2)->fd = other;
-
+    EXPECT_EQ(Wait(writes).substr(0, 10), "1 0 | ade ");
     Trace::Now().on_socket = nullptr;
-    MakeAll("r . r r");
-    const int quiet = Sock(1)->fd;
-    Trace::Now().on_socket = [&](std::string_view, const SockRec* rec) {
-      if (rec == Sock(0)) Sock(1)->fd = Sock(2)->fd;
-      if (rec == Sock(2)) work_.sockets[3] = nullptr;
-    };
-    EXPECT_EQ(Wait(writes).substr(0, 10), "1 0 | abc ");
-    Trace::Now().on_socket = nullptr;
-    Sock(1)->fd = quiet;
+    Sock(2)->fd = far;
+    Sock(3)->fd = quiet;
   }
 }
 
