@@ -102,63 +102,58 @@ class ApplNameTest : public NodeTest {
     EXPECT_EQ(GetApplName(name.data(), &length), 1);
     const std::string text = name.substr(0, strnlen(name.data(), 48));
     EXPECT_EQ(name, Field(text, 48) + '.') << "48 bytes, padded with zero bytes";
-    return format("{} {}{}", text, length, Platform::Calls({"system"}).empty() ? ", nothing run" : "");
+    const std::vector<Call> run = Platform::Records({"system"});
+    if (run.empty()) return format("{} {}, nothing run", text, length);
+    EXPECT_EQ(run[0].detail,
+              format("ps -p {0} | grep -v CMD | grep -v COMMAND  | awk '{{print $4}}'  > $TEVRA_HOME/{0}", getpid()));
+    return format("{} {}", text, length);
   }
-  // Puts something at the scratch file's place: a text, or a link.
+  // Puts something at the scratch file's place: a text, a link or nothing.
   int Plant(const std::string& what) const {
     remove(path_.c_str());
     if (what == "(link)") return symlink("/dev/null", path_.c_str());
-    std::ofstream(path_) << what;
+    if (what != "(none)") std::ofstream(path_) << what;
     return 0;
   }
   const std::string path_;
 };
 
-TEST_F(ApplNameTest, FromWhatTheListingWrote) {
-  const std::string letters = "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwx";
-  for (const auto& [written, name] :
-       {std::pair<std::string, std::string>{"Server2", "SERVER2 7"},
-        {"", " 0"},
-        {"first\nsecond\n", "FIRST 5"},
-        {" two words \n", "TWOWORDS 8"},
-        {letters + std::string(550, 'z'), "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV 48"},
-        {"a\t\n", "A 1"},
-        {"\033[2Jab~\x7f\x9b\n", "?[2JAB~?? 9"},
-        {"(link)", "UNKNOWN 0"}}) {
-    Platform::OnSystem([this, text = written](const char*) { return Plant(text); });
-    EXPECT_EQ(ApplName(), name);
-    EXPECT_EQ(Platform::Records({"system"})[0].detail,
-              format("ps -p {0} | grep -v CMD | grep -v COMMAND  | awk '{{print $4}}'  > $TEVRA_HOME/{0}", getpid()));
-    EXPECT_EQ(access(path_.c_str(), F_OK), -1) << "the scratch file was left behind";
+TEST_F(ApplNameTest, IsTheFirstLineThatTheListingWrote) {
+  const std::string home = ::testing::TempDir(), longest = "/" + std::string(243, 'x');
+  const std::string letters = "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwx" + std::string(550, 'z');
+  const std::string name48 = "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV";
+  const struct {
+    std::string home, before, written, name;
+  } rows[] = {
+      {home, "(none)", "Server2", "SERVER2 7"},
+      {home, "(none)", "", " 0"},
+      {home, "(none)", "first\nsecond\n", "FIRST 5"},
+      {home, "(none)", " two words \n", "TWOWORDS 8"},
+      {home, "(none)", "a\t\n", "A 1"},
+      {home, "(none)", "\033[2Jab~\x7f\x9b\n", "?[2JAB~?? 9"},
+      {home, "(none)", "(link)", "UNKNOWN 0"},
+      // what another user may have planted is neither written to nor read
+      {home, "(link)", "", "UNKNOWN 0, nothing run"},
+      {home, "a file that an earlier process left", "(none)", "UNKNOWN 0"},
+      {longest, "(none)", "(none)", "UNKNOWN 0"},
+      {longest + "x", "(none)", "(none)", "UNKNOWN 0, nothing run"},
+      {home, "(none)", letters, name48 + " 48"},
+  };
+  for (const auto& row : rows) {
+    setenv("TEVRA_HOME", row.home.c_str(), 1);
+    Plant(row.before);
+    Platform::OnSystem([&](const char*) { return Plant(row.written); });
+    EXPECT_EQ(ApplName(), row.name) << row.before;
+    EXPECT_EQ(access(path_.c_str(), F_OK) == 0, row.before == "(link)") << "the scratch file is removed";
+    Plant("(none)");
   }
-  Platform::OnSystem([&](const char*) { return Plant(letters); });
-  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV");
   // Taking the name leaves no errno behind for the lookup.
-  SockAddrRec address = AddressOf("127.0.0.1", "nosuch", "tcp");
+  Platform::OnSystem([&](const char*) { return Plant(letters); });
   errno = 0;
-  EXPECT_EQ(Node(CreateMQNode(&address, MQ_ROLE_LISTEN))->error, SOCK_SERVICE_UNKNOWN);
-}
-
-// Without a listing, and with what another user may have planted: that is neither written to nor read.
-TEST_F(ApplNameTest, Unknown) {
-  Platform::OnSystem([](const char*) { return 1; });
-  const std::string longest = "/" + std::string(243, 'x');
-  for (const auto& [home, planted, name] :
-       {std::tuple<std::string, std::string, std::string>{longest, "", "UNKNOWN 0"},
-        {longest + "x", "", "UNKNOWN 0, nothing run"},
-        {::testing::TempDir(), "(link)", "UNKNOWN 0, nothing run"},
-        {::testing::TempDir(), "a file that an earlier process left", "UNKNOWN 0"}}) {
-    setenv("TEVRA_HOME", home.c_str(), 1);
-    remove(path_.c_str());
-    if (!planted.empty()) Plant(planted);
-    EXPECT_EQ(ApplName(), name) << home << planted;
-    EXPECT_EQ(access(path_.c_str(), F_OK) == 0, planted[0] == '(');
-  }
-  char name[9] = "12345678";
-  int length = 0;
-  unsetenv("TEVRA_HOME");
-  EXPECT_EQ(GetApplName(name, &length), 1);
-  EXPECT_STREQ(name, "UNKNOWN") << "8 bytes are written whatever the length says";
+  SockAddrRec address = AddressOf("127.0.0.1", "nosuch");
+  const Node node(CreateMQNode(&address, MQ_ROLE_LISTEN));
+  EXPECT_EQ(node->error, SOCK_SERVICE_UNKNOWN);
+  EXPECT_EQ(std::string(node->applName, 48), name48);
 }
 
 TEST_F(ApplNameTest, IsThisPrograms) {
@@ -166,8 +161,12 @@ TEST_F(ApplNameTest, IsThisPrograms) {
   std::getline(std::ifstream("/proc/self/comm"), command);
   std::transform(command.begin(), command.end(), command.begin(), toupper);
   EXPECT_EQ(ApplName(), format("{} {}", command, command.size()));
-  // The application's own name for itself: nodes do not take it.
   unsetenv("TEVRA_HOME");
+  char name[9] = "12345678";
+  int length = 0;
+  EXPECT_EQ(GetApplName(name, &length), 1);
+  EXPECT_STREQ(name, "UNKNOWN") << "8 bytes are written whatever the length says";
+  // The application's own name for itself: nodes do not take it.
   SetApplName("short");
   SetApplName(nullptr);
   EXPECT_STREQ(G_szApplName, "short");
