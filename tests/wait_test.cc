@@ -138,6 +138,8 @@ TEST_F(WaitTest, SortsSocketsAndNodes) {
   // A record of size n takes n - 1 nodes, and so many of each kind.
   Size(0);
   check("r", "0 22 |    | ? ? ? | 1", "0 22 |    | ? ? ? | 1");
+  Size(1);
+  check("r", post_none + "1", npost_none + "1");
   Size(3);
   check("rwu rwu r", "1 0 | ab ? - | - ab ? | 001", "1 0 | ab ab - | - ab ab | 331");
   check("xwu .u", "1 0 | - ? a | - - ? | 00", "1 0 | - ab a | - a ab | 33");
