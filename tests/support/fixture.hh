@@ -5,9 +5,11 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "companion/host.h"
 #include "mqnode/mqnode.h"
@@ -50,11 +52,13 @@ class Peer {
     std::swap(fd_, other.fd_);
     return *this;
   }
-  ~Peer();
+  ~Peer() {
+    if (fd_ >= 0) close(fd_);
+  }
 
   // Sockets on 127.0.0.1, at a port that the kernel picked.
   static Peer Bound(int type);  // a stream socket that is only bound keeps everybody from listening there
-  static Peer Listen(int backlog = 20);
+  static Peer Listen();
   static Peer Connect(int port);
   static Peer Datagram();
 
@@ -65,7 +69,7 @@ class Peer {
   void Shutdown() const;                        // no more sending
   int fd() const { return fd_; }
   int port() const;
-  int Release();  // the descriptor, no longer owned
+  int Release() { return std::exchange(fd_, -1); }  // no longer owned
 
  private:
   int fd_ = -1;

@@ -189,7 +189,7 @@ servent* LookService(Call call, Fits fits) {
   return &entry;
 }
 
-// Runs what waits for the library's pauses; the rest of the record is detail.
+// Runs the hook of pauses, then passes detail on to the record.
 std::string Pause(std::string detail) {
   Now().on_pause();
   return detail;
@@ -268,7 +268,7 @@ long Platform::LibraryBlocks() { return 64 - std::count(library_blocks, library_
     ENTER(name, arguments);                                          \
     return Do({#name, __VA_ARGS__}, [&] { return real arguments; }); \
   }
-// The same for those that answer with a pointer.
+// The same for calls that answer with a pointer.
 #define LOOK_UP(type, name, parameters, arguments, detail)                       \
   type name parameters {                                                         \
     ENTER(name, arguments);                                                      \

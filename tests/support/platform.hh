@@ -57,11 +57,11 @@ class Platform {
   // No failures from now on.
   static void Mend() { Now().rules.clear(); }
   // The coming calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; those after them are free.
-  static void Limit(const std::string& name, const std::vector<size_t>& sizes) {
-    Now().limits[name].coming = {sizes.begin(), sizes.end()};
+  static void Limit(std::string_view name, const std::vector<size_t>& sizes) {
+    Now().limits[std::string(name)].coming = {sizes.begin(), sizes.end()};
   }
   // Every call moves at most size bytes.
-  static void LimitAll(const std::string& name, size_t size) { Now().limits[name].others = size; }
+  static void LimitAll(std::string_view name, size_t size) { Now().limits[std::string(name)].others = size; }
 
   // Answers of lookups. A host may have several addresses.
   static void AddHost(const std::string& name, std::vector<std::string> quads) { Now().hosts[name] = std::move(quads); }
