@@ -117,10 +117,6 @@ TEST_F(CompanionTest, TagsAreToldByTheirTextUpToSixtyFour) {
   EXPECT_EQ(sum, all.total_blocks);
 }
 
-// The address sanitizer lets nobody touch this byte; it is there in its builds alone.
-extern "C" __attribute__((weak)) int __asan_address_is_poisoned(const volatile void* byte);
-bool IsClosed(const void* byte) { return !__asan_address_is_poisoned || __asan_address_is_poisoned(byte); }
-
 TEST_F(CompanionTest, BuffersKeepTheirContract) {
   const struct {
     void (*act)(IoBuffer*);
@@ -147,12 +143,10 @@ TEST_F(CompanionTest, BuffersKeepTheirContract) {
     EXPECT_EQ(std::count(buf.data, buf.data + held, 7), held) << state;
     if (buf.data != nullptr) memset(buf.data, 7, buf.capacity);
   }
-  const IoBuffer copy = buf;
+  IoBuffer copy = buf;
   CreateBuffer(&buf, 50);  // the copy owns the first area now
   EXPECT_NE(copy.data, buf.data);
-  EXPECT_TRUE(IsClosed(copy.data + 50));
-  for (IoBuffer each : {copy, buf}) DeleteBuffer(&each);
-  EXPECT_TRUE(IsClosed(copy.data) && IsClosed(buf.data));
+  for (IoBuffer* each : {&copy, &buf}) DeleteBuffer(each);
 }
 
 // ---- Text ----
@@ -184,26 +178,23 @@ TEST_F(CompanionTest, TheUserNameFitsOrIsRefused) {
 
 // ---- Messages ----
 
+// What the functions for received messages say of this one, in turn.
+std::string Results(PcfMessage* msg) {
+  const auto results = {VerifyMessage(&msg->raw), RawToPcf(msg), AlienToNative(&msg->raw), RawToPcf(msg),
+                        AlienPcfToNative(msg),    RawToPcf(msg)};
+  return format("{}", fmt::join(results, ""));
+}
+
+// Nothing in a sender's form is parsed, nor a body behind a converted header; what is converted stays.
 TEST_F(CompanionTest, EverySenderArrivesAsIfItWereTheHost) {
   const auto built = mqnode::Message::create();
   ASSERT_TRUE(BuildSample(built));
-  const std::string shown = format("{}alice, foreign sender, ", kSample);
-  EXPECT_EQ(Show(built), shown + "alice");
+  EXPECT_EQ(Show(built), format("{}alice, foreign sender, alice", kSample));
   for (const Form form : kForms) {
     Exact arrived(SampleFrom(form));
-    PcfMessage* const msg = arrived.get();
-    // Nothing in a sender's form is parsed, nor a body behind a converted header; what is converted stays.
-    const auto results = {VerifyMessage(&msg->raw),
-                          RawToPcf(msg),
-                          AlienToNative(&msg->raw),
-                          AlienToNative(&msg->raw),
-                          RawToPcf(msg),
-                          AlienPcfToNative(msg),
-                          AlienPcfToNative(msg),
-                          VerifyMessage(&msg->raw),
-                          RawToPcf(msg)};
-    EXPECT_EQ(format("{}", fmt::join(results, "")), form.big || form.ebcdic ? "001101111" : "111111111");
-    EXPECT_EQ(Show(arrived), shown) << form.big << form.ebcdic;
+    EXPECT_EQ(Results(arrived.get()), form.big || form.ebcdic ? "001011" : "111111");
+    EXPECT_EQ(Results(arrived.get()), "111111");
+    EXPECT_EQ(Show(arrived), format("{}alice, foreign sender, ", kSample));
     EXPECT_EQ(RawOf(arrived), RawOf(built));
     EXPECT_FALSE(arrived.params()[5] || arrived.find(99));
   }
@@ -231,6 +222,7 @@ TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
     uint32_t word;
     const char* says;
   } rows[] = {
+      {0, 135, "not the length 136"},
       {8, 2, "the byte order flag is 2"},
       {12, 2, "the character set flag is 2"},
       {4, 0, "the body's encoding is version 0, not 1"},
@@ -251,15 +243,11 @@ TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
     const Bytes whole = SampleFrom(form);
     EXPECT_EQ(Refusal(whole), "");
     for (const auto& [at, word, says] : rows) ExpectSays(Refusal(With(whole, at, word, form.big)), says);
-    ExpectSays(Refusal(With(whole, 0, 135, form.big)), "not the length 136");
     ExpectSays(Refusal(With(whole, 8, !form.big, form.big)), "the byte order flag contradicts the first word");
-    // Cut anywhere, or with bytes behind, whether the header says so or not.
-    for (size_t size = 136; size < whole.size() + 13; ++size) {
-      Bytes other = whole;
+    for (uint32_t size = 136; size < whole.size() + 13; ++size) {
+      Bytes other = With(whole, 64, size - 136, form.big);
       other.resize(size);
       EXPECT_EQ(Refusal(other).empty(), size == whole.size()) << size;
-      other = With(other, 64, static_cast<uint32_t>(size) - 136, form.big);
-      EXPECT_EQ(Refusal(other).empty(), size == whole.size()) << size << ", announced";
     }
   }
   ExpectSays(Refusal(With(SampleFrom({}), 68, 4)), "the origin word is 4");
@@ -276,19 +264,18 @@ TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
   const struct {
     bool data;
     uint32_t capacity, length;
-    const char* results;  // AlienToNative, VerifyMessage, the last parameter, RawToPcf, AlienPcfToNative; the names
-  } rows[] = {{false, size, size, "00000; , , "},
-              {true, size - 1, size, "10100; alice, foreign sender, "},
-              {true, size, 135, "10000; , , "},
-              {true, 135, 135, "00000; , , "}};
+    const char* results;  // the last parameter, functions, names
+  } rows[] = {{false, size, size, "0 000000; , , "},
+              {true, size - 1, size, "1 001000; alice, foreign sender, "},
+              {true, size, 135, "0 001000; , , "},
+              {true, 135, 135, "0 000000; , , "}};
   for (const auto& row : rows) {
     Exact exact(sample);
     ASSERT_TRUE(exact.Read());
-    PcfMessage* const msg = exact.get();
-    msg->raw = {nullptr, row.data ? msg->raw.data : nullptr, nullptr, row.capacity, row.length};
-    const auto results = {AlienToNative(&msg->raw), VerifyMessage(&msg->raw), int{!!exact.params()[4]}, RawToPcf(msg),
-                          AlienPcfToNative(msg)};
-    EXPECT_EQ(format("{}{}", fmt::join(results, ""), Show(exact).substr(2)), row.results);
+    exact->raw = {nullptr, row.data ? exact->raw.data : nullptr, nullptr, row.capacity, row.length};
+    const bool is_there{exact.params()[4]};
+    const std::string results = Results(exact.get());
+    EXPECT_EQ(format("{:d} {}{}", is_there, results, Show(exact).substr(2)), row.results);
   }
   const auto browsed = mqnode::Message::create();
   memcpy(browsed.record().raw.data, SampleFrom({true, true}).data(), 136);
@@ -299,18 +286,15 @@ TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
 
 // Runs in a process of its own: the table is made once. Messages and envelopes are made while iconv knows it.
 TEST_F(CompanionTest, DISABLED_WithoutEbcdic) {
-  for (const bool big : {false, true}) {
-    const Bytes ascii = SampleFrom({big, false}), ebcdic = SampleFrom({big, true});
-    Bytes envelope = sender::Enveloped({big, true}, "", "alice", ""), before = envelope;
-    host.has_ebcdic = false;
-    EXPECT_EQ(Refusal(ascii), "");
-    EXPECT_EQ(Refusal(ebcdic), "the system's iconv does not know IBM1047");
-    EXPECT_FALSE(AlienToNativeExt(reinterpret_cast<SecureHeader*>(envelope.data())));
-    EXPECT_EQ(envelope, before);
-    host.has_ebcdic = true;
-  }
-  // A native header whose text is still EBCDIC.
-  ExpectSays(Refusal(With(SampleFrom({}), 68, 2)), "IBM1047");
+  const Bytes ascii = SampleFrom({true, false}), ebcdic = SampleFrom({true, true});
+  Bytes envelope = sender::Enveloped({true, true}, "", "alice", ""), before = envelope;
+  host.has_ebcdic = false;
+  EXPECT_EQ(Refusal(ascii), "");
+  EXPECT_TRUE(AlienToNativeExt(reinterpret_cast<SecureHeader*>(sender::Enveloped({true, false}, "", "", "").data())));
+  EXPECT_EQ(Refusal(ebcdic), "the system's iconv does not know IBM1047");
+  EXPECT_FALSE(AlienToNativeExt(reinterpret_cast<SecureHeader*>(envelope.data())));
+  EXPECT_EQ(envelope, before);
+  ExpectSays(Refusal(With(SampleFrom({}), 68, 2)), "IBM1047");  // a native header, the body's text is still EBCDIC
 }
 
 TEST_F(CompanionTest, WithoutEbcdicOnlyAsciiArrives) { RunAlone("CompanionTest.DISABLED_WithoutEbcdic"); }

@@ -49,18 +49,6 @@ void Exchange(NodeRef from, NodeRef to, Address* destination, int number, MqcSig
   EXPECT_EQ(in.text_or(1, "nothing"), value);
 }
 
-// Nothing comes, no message comes, the other side goes, nobody listens.
-void Fail(NodeRef client, NodeRef server) {
-  const Message in = Message::create();
-  const std::string noise(200, 'n');
-  EXPECT_TRUE(server.read(in).again());
-  EXPECT_EQ(send(client.descriptor(), noise.data(), noise.size(), 0), 200);
-  EXPECT_EQ(server.read(in).code(), MQ_BAD_MESSAGE);
-  server.close();
-  EXPECT_TRUE(client.read(in).peer_gone());
-  EXPECT_EQ(Node::connector(Local(1)).open().code(), ECONNREFUSED);
-}
-
 // The text of a failure is told to the thread that it happened to.
 void HearOnlyOwnFailures(int thread) {
   const auto number = static_cast<uint32_t>(1000 + thread);
@@ -109,7 +97,6 @@ void LiveAlone(int thread, const User& user, std::barrier<>* start) {
     };
     talk(nullptr);
     std::thread(talk, signer.get()).join();
-    Fail(client, child);
   }
 }
 
@@ -126,11 +113,6 @@ class ThreadsTest : public testing::Test {
     G_socket_trace = [](const char*, SockRec*) { ++traced; };
     EXPECT_TRUE(mqc_ring_add(user_.name.c_str(), user_.open, nullptr, 0));
   }
-  ~ThreadsTest() override {
-    mnGSetTraceCallBack(nullptr);
-    G_socket_trace = nullptr;
-  }
-
   const User user_;
 };
 
