@@ -48,9 +48,10 @@ class SecurityTest : public Fixture {
 
   // The sample as this user signs it, after what spoils it; empty when that is refused.
   Bytes Sign(const std::string& user, void* context, const Spoil& spoil = {}) {
-    const auto msg = mqnode::Message::create(512);
+    Exact msg(SampleFrom({}, user));
     IoBuffer out = {};
-    EXPECT_TRUE(BuildSample(msg, user));
+    msg->secHeader = {32, 1, 0, 1, msg->raw.length, {}};
+    user.copy(msg->secHeader.userId, sizeof msg->secHeader.userId);
     if (spoil) spoil(msg.record(), out);
     mqc_sign(context, msg.get(), &out);
     const Bytes wire(reinterpret_cast<char*>(out.data), out.length);
@@ -184,8 +185,8 @@ TEST_F(SecurityTest, SigningIsRefusedWithAReason) {
       {"no security context", nullptr, {}},
       {"no signer", no_signer, {}},
       {"the node's user is alice, the key is that of bob", bob_signer_.get(), {}},
-      {"136 bytes in an area of 512 are no message", nullptr, [](auto& msg, auto&) { msg.raw.length = 136; }},
-      {"513 bytes in an area of 512 are no message", nullptr, [](auto& msg, auto&) { msg.raw.length = 513; }},
+      {"136 bytes in an area of 232 are no message", nullptr, [](auto& msg, auto&) { msg.raw.length = 136; }},
+      {"233 bytes in an area of 232 are no message", nullptr, [](auto& msg, auto&) { msg.raw.length = 233; }},
       {"passes the bound", nullptr, [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
       {"do not say the message's length of 232", nullptr, [](auto& msg, auto&) { msg.secHeader.msgLength--; }},
       {"do not say", nullptr, [](auto& msg, auto&) { msg.raw.data[64]++; }},
@@ -303,11 +304,8 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
               says.empty() ? "" : format("{}{}", path, says));
     EXPECT_EQ(std::string(why_.text).find(std::string(bob_.secret_text, 10)), std::string::npos);
   };
-  const struct {
-    std::string text;
-    mode_t mode;
-    const char *user, *says;
-  } rows[] = {
+  const std::tuple<std::string, mode_t, const char*, const char*> rows[] = {
+      // The file and its mode; the user who is asked for; why it is refused.
       {"# keys\n\n  " + alice, 0400, nullptr, ""},
       {alice.substr(0, alice.size() - 1) + "\r\n" + bob + "\r", 0600, "alice", ""},
       {alice + bob + " until=2028-02-29\tsecret # his", 0600, "bob", ""},
@@ -324,9 +322,9 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
       {bob + std::string(1, '\0') + "\n", 0600, nullptr, ":1: expected"},
       {std::string(65537, '\n'), 0600, nullptr, ": 65537 bytes, at most 65536"},
   };
-  for (const auto& row : rows) {
-    const std::string path = folder_.File("secret", row.text, row.mode);
-    expect(path, row.user, row.says);
+  for (const auto& [text, mode, user, says] : rows) {
+    const std::string path = folder_.File("secret", text, mode);
+    expect(path, user, says);
     unlink(path.c_str());
   }
   expect(folder_.Name("missing"), nullptr, ": No such file or directory (ENOENT)");

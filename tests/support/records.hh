@@ -111,18 +111,8 @@ inline std::string Show(mqnode::MessageRef msg) {
 constexpr char kSample[] = "77: 1='four' 2=-5 3=-9223372036854775807 4=00feff 1=''; ";
 constexpr uint32_t kSampleBody = 8 + 20 + 16 + 20 + 16 + 16;
 
-inline Bytes SampleFrom(Form form) { return sender::Plain(form, sender::Body(form, "four"), "alice"); }
-
-// With the headers as the library fills them in before it sends. False without memory.
-inline bool BuildSample(mqnode::MessageRef msg, const std::string& user = "alice") {
-  if (!msg.begin(77) || !msg.add(1, "four") || !msg.add(2, -5) || !msg.add(3, INT64_MIN + 1)) return false;
-  if (!msg.add(4, mqnode::Bytes("\0\xfe\xff", 3)) || !msg.add(1, "")) return false;
-  PcfMessage& record = msg.record();
-  auto* const header = reinterpret_cast<MsgHeader*>(record.raw.data);
-  record.secHeader = {32, 1, 0, 1, record.raw.length, {}};
-  for (char* field : {header->userId, record.secHeader.userId}) user.copy(field, sizeof header->userId);
-  strcpy(header->applName, "foreign sender");
-  return true;
+inline Bytes SampleFrom(Form form, const std::string& user = "alice") {
+  return sender::Plain(form, sender::Body(form, "four"), user);
 }
 
 // The bytes with this word at that place, in a sender's order.
