@@ -36,6 +36,12 @@ has() {
   for text; do grep -qF -- "$text" "$file" || fail "no '$text' in ${file##*/}: $(head -c 2000 "$file")"; done
 }
 
+# unsafe FILE ...: the lines with what moves a terminal's cursor, rings it or turns the direction of writing.
+unsafe() {
+  LC_ALL=C grep -ahP -m 3 \
+    '[\x00-\x09\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xd8\x9c|\xe2\x80[\x8e\x8f\xa8-\xae]|\xe2\x81[\xa6-\xa9]' "$@" | cat -v
+}
+
 # serve NAME COMMAND ...: in the background, its output in $work/NAME and $work/NAME.err; sets pid, and port to what it
 # prints first. In the foreground of timeout a signal comes once: a second one in the middle of a leak check can hang.
 serve() {
