@@ -23,6 +23,12 @@ fail() {
   failures=$((failures + 1))
 }
 
+# needs TOOL ...: what goes on without them is skipped, with exit code 77.
+needs() {
+  local tool
+  for tool; do command -v "$tool" >/dev/null || { echo "skipped: no $tool"; exit 77; }; done
+}
+
 # quietly COMMAND ...: what it prints is shown when it fails.
 quietly() { "$@" >"$work/log" 2>&1 || fail "$*: $(tail -n 40 "$work/log")"; }
 
