@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include <fstream>
 #include <random>
 #include <vector>
 
@@ -31,29 +30,23 @@ std::minstd_rand generator;
 
 size_t Below(size_t bound) { return generator() % bound; }
 
-void Dump(fmt::ostream& out, const Bytes& packet) {
-  const std::vector<uint8_t> bytes(packet.begin(), packet.end());
-  out.print("000000 {:02x}\n", fmt::join(bytes, " "));
+void Dump(const std::string& path, const std::vector<Bytes>& packets) {
+  fmt::ostream out = fmt::output_file(path + ".hex");
+  for (const Bytes& packet : packets) {
+    out.print("000000 {:02x}\n", fmt::join(std::vector<uint8_t>(packet.begin(), packet.end()), " "));
+  }
 }
 
 Bytes With(Bytes bytes, size_t at, uint32_t word) { return bytes.replace(at, 4, Encoder(kNative).Word(word).bytes); }
 
 // Signed by "moritz", whom the ring knows.
-class Signer {
- public:
-  Signer() {
-    uint8_t open[MQC_KEY_BYTES];
-    Check(mqc_generate_key(seed_, open) && mqc_ring_add("moritz", open, nullptr, 0), "a key");
-  }
-  Bytes Sign(Form form, const Bytes& plain) {
-    return Signed(form, plain, "moritz", seed_, milliseconds, Encoder(kNative).Number(++count_, 8).bytes);
-  }
-  const uint64_t milliseconds = static_cast<uint64_t>(time(nullptr)) * 1000;
-
- private:
-  uint8_t seed_[MQC_KEY_BYTES];
-  uint64_t count_ = 0;
-};
+Bytes Sign(Form form, const Bytes& plain, uint64_t milliseconds) {
+  static uint8_t seed[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
+  static const bool known = mqc_generate_key(seed, open) && mqc_ring_add("moritz", open, nullptr, 0);
+  static uint64_t count = 0;
+  Check(known, "a key");
+  return Signed(form, plain, "moritz", seed, milliseconds, Encoder(form).Number(++count, 8).bytes);
+}
 
 class Reader {
  public:
@@ -79,7 +72,7 @@ class Reader {
 // ---- Good messages ----
 
 // Each message as a packet of its own, and all of them in segments. The last is longer than most segments.
-std::vector<Bytes> WriteSamples(const std::string& path, Signer& signer) {
+std::vector<Bytes> WriteSamples(const std::string& path, uint64_t now) {
   fmt::ostream seen = fmt::output_file(path + "samples.txt");
   std::vector<Bytes> samples = {Plain(kNative, Encoder(kNative).Word(0).Word(0).bytes)};
   seen.print("0\tmoritz\tforeign sender{:\t>8}\n", "");
@@ -92,20 +85,18 @@ std::vector<Bytes> WriteSamples(const std::string& path, Signer& signer) {
                                    {{true, false}, std::string(6000, 'x')},
                                    {{true, true}, printable}}) {
     samples.push_back(Plain(form, Body(form, text)));
-    samples.push_back(signer.Sign(form, samples.back()));
+    samples.push_back(Sign(form, samples.back(), now));
     const std::string row =
         fmt::format("77\tmoritz\tforeign sender\t1|2|3|4|1\t{}|4|8|3|0\t-5\t-9223372036854775807\t{}|\t00feff\t",
                     text.size(), form.ebcdic ? Convert(text, "ISO-8859-1", "UTF-8") : text);
-    seen.print("{0}\t\n{0}moritz\t{1}\n", row, signer.milliseconds);
+    seen.print("{0}\t\n{0}moritz\t{1}\n", row, now);
   }
-  for (size_t i = 0; i < samples.size(); ++i) {
-    fmt::ostream packet = fmt::output_file(path + fmt::format("sample-{}.hex", i));
-    Dump(packet, samples[i]);
-  }
+  for (size_t i = 0; i < samples.size(); ++i) Dump(path + fmt::format("sample-{}", i), {samples[i]});
   const Bytes stream = fmt::format("{}", fmt::join(samples, ""));
   for (size_t size : {7, 100, 1460, 60000}) {
-    fmt::ostream segments = fmt::output_file(path + fmt::format("stream-{}.hex", size));
-    for (size_t at = 0; at < stream.size(); at += size) Dump(segments, stream.substr(at, size));
+    std::vector<Bytes> segments;
+    for (size_t at = 0; at < stream.size(); at += size) segments.push_back(stream.substr(at, size));
+    Dump(path + fmt::format("stream-{}", size), segments);
   }
   return samples;
 }
@@ -124,21 +115,18 @@ Bytes WithBody(std::initializer_list<uint32_t> words) {
   return Plain(kNative, body.bytes);
 }
 
-std::vector<Broken> BrokenMessages(Signer& signer) {
-  const Bytes plain = Plain(kNative, Body(kNative, "text")), good = signer.Sign(kNative, plain);
+std::vector<Broken> BrokenMessages(uint64_t now) {
+  const Bytes plain = Plain(kNative, Body(kNative, "text")), good = Sign(kNative, plain, now);
   const Bytes big = Plain({true, false}, Body({true, false}, "text"));
   const Bytes long_body = Encoder(kNative).Word(99).Word(1).Word(1).Word(4).Word(17000).Raw(Bytes(17000, 'x')).bytes;
   const Bytes unsafe = "\x1b[2J\a\r\n\x7f\xc2\x9b\xd8\x9c\xe2\x80\xae\xe2\x81\xa6";
   return {
-      {With(plain, 0, 137), "first-word", "the first word is 137, neither 136 nor 32"},
       {With(big, 0, 135), "first-word", "the first word is 135"},
       {With(plain, 8, 1), "byte-order-flag", "the byte order flag contradicts the first word"},
-      {With(plain, 8, 2), "byte-order-flag", "the byte order flag is 2"},
       {With(plain, 12, 7), "charset-flag", "the character set flag is 7"},
       {With(plain, 64, 0), "body-length", "nothing follows the header"},
       {With(plain, 64, MQ_MAX_MESSAGE - 135), "body-length", "67108729 bytes follow the header"},
       {plain.substr(0, 100), "truncated", "a datagram of 100 bytes is shorter than a header"},
-      {plain.substr(0, plain.size() - 4), "truncated", "the headers say"},
       {good.substr(0, good.size() - 4), "truncated", "the headers say"},
       {plain + "more", "first-word", "the headers say"},
       {Plain(kNative, long_body), "none", "a datagram of 17156 bytes, a node has room for 16520"},
@@ -179,11 +167,13 @@ Bytes Mutant(Bytes wire) {
 }
 
 void Write(const std::string& path, Reader& reader, const std::vector<Broken>& messages) {
-  fmt::ostream packets = fmt::output_file(path + ".hex"), seen = fmt::output_file(path + ".txt");
+  fmt::ostream seen = fmt::output_file(path + ".txt");
+  std::vector<Bytes> packets;
   for (const Broken& broken : messages) {
-    Dump(packets, broken.wire);
+    packets.push_back(broken.wire);
     seen.print("{}\t{}\t{}\n", reader.Error(broken.wire), broken.rule, broken.says);
   }
+  Dump(path, packets);
 }
 
 }  // namespace
@@ -201,11 +191,11 @@ int main(int argc, char** argv) {
   if (argc != 3) return fputs("usage: captures DIRECTORY SEED\n", stderr), 2;
   const std::string path = std::string(argv[1]) + "/";
   generator.seed(static_cast<unsigned>(strtoul(argv[2], nullptr, 10)));
-  Signer signer;
+  const uint64_t now = static_cast<uint64_t>(time(nullptr)) * 1000;
   Reader reader;
-  const std::vector<Bytes> samples = WriteSamples(path, signer);
+  const std::vector<Bytes> samples = WriteSamples(path, now);
   for (const Bytes& sample : samples) Check(reader.Error(sample) == 0, "read a sample");
-  Write(path + "broken", reader, BrokenMessages(signer));
+  Write(path + "broken", reader, BrokenMessages(now));
   std::vector<Broken> mutants;
   for (int i = 0; i < kMutants; ++i) mutants.push_back({Mutant(samples[Below(samples.size())]), "any", "any"});
   Write(path + "mutants", reader, mutants);
