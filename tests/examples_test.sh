@@ -23,7 +23,6 @@ arguments_and_addresses() {
   for name in {,multi_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
     row 2 usage "$name" 127.0.0.1
   done
-  row 2 usage keys one two
   row 2 usage multi_server 127.0.0.1 0 1001
   row 2 'too long' client "$(printf 'x%.0s' {1..300})" 1 hello
   row 1 SOCK_SERVICE_UNKNOWN client 127.0.0.1 no-such-service hello
@@ -33,7 +32,6 @@ arguments_and_addresses() {
   ends pair 0
   has pair 'wie geht es? äöü'
   row 1 ECONNREFUSED client 127.0.0.1 "$port" 'nobody is there'
-  row 1 ECONNREFUSED cpp_client 127.0.0.1 "$port" 'nobody is there'
 }
 
 # More clients than the server takes at once; one that sends nonsense, and costs the others nothing.

@@ -299,7 +299,7 @@ table <<'END'
 0 mqcat decode - <order.pcapng => *3 messages, 0 stray bytes, 0 faults
 3 mqcat decode gap.pcapng => *:5000 (part 2), *mqcat: gap.pcapng: TCP *: 100 bytes are missing from the capture
 0 mqcat decode fragments.pcapng => UDP 127.0.0.1:1 > 127.0.0.1:2*1 message, 0 stray bytes, 0 faults
-0 mqcat decode again.pcapng => TCP *:5, 2[0-9][0-9] bytes*:5 (part 2), 2[0-9][0-9] bytes*2 messages, 0 stray bytes, 0 faults
+0 mqcat decode again.pcapng => TCP *:5, 240 bytes*:5 (part 2), 240 bytes*2 messages, 0 stray bytes, 0 faults
 3 editcap -r fragments.pcapng - 1 | mqcat decode => *: 1 fragment without the rest of the packet
 6 mqcat decode datagrams.pcap => *datagram-size: *
 0 mqcat decode foreign.pcapng => 0 messages, *:53: 4 bytes without a message, left out
@@ -309,6 +309,8 @@ table <<'END'
 3 link 147 '' => *link type 147 is not known
 0 link 101 '' => *1 message, 0 stray bytes, 0 faults
 0 link 1 '123456123456\x81\x00\x00\x01\x08\x00' => *1 message, 0 stray bytes, 0 faults
+0 link 113 '12345678901234\x08\x00' => *1 message, 0 stray bytes, 0 faults
+0 link 0 '\x02\x00\x00\x00' => *1 message, 0 stray bytes, 0 faults
 0 link 276 '\x08\x00123456789012345678' => *1 message, 0 stray bytes, 0 faults
 0 link 1 '123456123456\x86\xdd' => *1 of 1 packets carry no IPv4 TCP or UDP
 3 mqcat decode --interface nowhere => mqcat: capture from nowhere: *
