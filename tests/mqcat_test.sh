@@ -36,19 +36,12 @@ start() {
   port=$(sed -n 's/.*listening on [A-Z]* .*:\([0-9]*\)$/\1/p' "$1.err")
 }
 
-# stop NAME TEXT: SIGINT ends the listener with 0, and what it says holds the text.
-stop() {
-  kill -INT "$pid"
-  ends "$1" 0
-  has "$1.err" "$2"
-}
+# stop NAME TEXT: SIGINT ends the listener with 0, after the text.
+stop() { kill -INT "$pid" && ends "$1" 0 && has "$1.err" "$2"; }
 
-# await NAME TEXT: until the listener says so.
+# await NAME TEXT: until the listener says so, at most 20 s.
 await() {
-  for _ in {1..1000}; do
-    grep -qF -e "$2" "$1.err" && return
-    sleep 0.02
-  done
+  for _ in {1..1000}; do grep -qF -e "$2" "$1.err" && return || sleep 0.02; done
   has "$1.err" "$2"
 }
 
@@ -60,7 +53,6 @@ memory=900000  # KiB that 64 MiB of input may cost; sanitizers take all
 grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt" && memory=unlimited
 
 table <<'END'
-0 mqcat --help => *Exit codes:*
 2 mqcat lisen 5000 => mqcat: no command "lisen" / * --help says more
 2 mqcat send 127.0.0.1 65536 -c 1 => mqcat: service "65536": not a port from 0 to 65535
 2 mqcat ping 127.0.0.300 5000 => mqcat: host "127.0.0.300": not an IPv4 address (*)
@@ -116,7 +108,6 @@ table <<'END'
 0 mqcat send localhost $port -c 1 --repeat 20000 => mqcat: sent 20000 messages, *
 0 mqcat ping 127.0.0.1 $port -c 5 -i 0.01 => *seq=4 time=*5 sent, 5 answered, 0% loss*rtt p50/p90/p99*####*
 0 mqcat ping 127.0.0.1 $port -c 3 -i 0 -s 100000 --json => *"answered":3*
-0 mqcat ping 127.0.0.1 $port -w 0.2 -i 0.05 -q => *ping statistics*answered*
 0 timeout --foreground -s INT 1 "$tool" ping 127.0.0.1 $port -i 0.05 -q || [ $? = 124 ] => *ping statistics*
 0 mqcat send @ $port -c 1 --repeat 3 --interval 0.01 --reply --user bob => *; 3 answered
 0 grep -c '"user":"bob"' json.out => 3
@@ -155,13 +146,14 @@ check 0 'mqcat decode hex.out' '*command *258*1 message, 0 stray bytes, 0 faults
 start bounds --max-message 1000 --max-clients 2 --max-per-address 1 --midway 1
 exec {half}<>"/dev/tcp/127.0.0.1/$port"
 printf '\210\0\0\0' >&"$half"
-check 4 "mqcat send 127.0.0.1 $port -c 1 -q --repeat 1000 --interval 0.01" "mqcat: *to 127.0.0.1:$port*"
-await bounds "--max-per-address"
-await bounds "half a message for 1 s (--midway)"
-exec {half}>&-
-check 4 "mqcat send 127.0.0.1 $port -c 1 -q --repeat 1000 --interval 0.01 -p 1=$(x 1000)" "mqcat: *to 127.0.0.1:$port*"
-await bounds "a message of 1160 bytes is too long (--max-message)"
+table <<'END'
+4 mqcat send 127.0.0.1 $port -c 1 -q --repeat 1000 --interval 0.01 => mqcat: *to 127.0.0.1:*
+0 await bounds "half a message for 1 s (--midway)" =>
+4 mqcat send 127.0.0.1 $port -c 1 -q --repeat 1000 --interval 0.01 -p 1=$(x 1000) => mqcat: *to 127.0.0.1:*
+END
 stop bounds "3 clients, 3 dropped"
+has bounds.err "--max-per-address" "a message of 1160 bytes is too long (--max-message)"
+exec {half}>&-
 
 # ---- Datagrams: an answer is marked and never answered, so that two servers do not answer each other for ever ----
 
@@ -200,7 +192,6 @@ table <<'END'
 7 add alice fifo => mqcat: *not a regular file*
 7 chmod 644 mallory.key; mqcat send 127.0.0.1 9 -c 1 --sign mallory.key => mqcat: *chmod 600*
 0 chmod 600 *.key; mqcat keys new carol carol.key --until 2031-05-06 => carol * public until=2031-05-06 / *
-2 mqcat keys new carol other.key --until 2031-02-30 => mqcat: *expected a day*
 0 add carol link.ring => *1 of 1 keys are new*
 7 add carol link.ring --until 2030-01-01 => mqcat: *another end*
 0 add carol link.ring --until 2030-01-01 --replace => *1 of 1 keys*
@@ -230,9 +221,9 @@ table <<'END'
 0 mqcat send 127.0.0.1 $port -c 7 --sign mallory.key => mqcat: sent 1 message*
 0 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 100)" => mqcat: sent 1 message*
 END
-await signed "user mallory is not in the ring"
 await signed "it is not signed"
 stop signed "1 not authentic, 1 faulty"
+has signed.err "user mallory is not in the ring"
 
 # ---- Decode ----
 
@@ -247,7 +238,6 @@ table <<'END'
 0 mqcat decode 1.bin => *  136    4  command              77*dämmrig*-5*-9223372036854775807*00feff*1 message*0 faults
 0 mqcat decode 2.bin => *signed message*"moritz"*"MQSIGN01"*UTC*1 message, 0 stray bytes, 0 faults
 0 mqcat decode 3.bin => *"moritz"*"foreign sender"*" !*ABC*
-0 mqcat decode 5.bin => *sender is big-endian*
 0 od -An -v -tx1 plain.bin | tr -d ' \n' | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 od -Ax -tx1 plain.bin | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 sed -n '/^0000[0-9a-f]* /p' "$tree/docs/wire-format.md" | mqcat decode => *"hello"*1 message, 0 stray bytes, 0 faults
@@ -259,12 +249,10 @@ table <<'END'
 6 mqcat decode long.bin => *3 messages, *
 END
 while read -r _ rule _ <&3 && read -r dump <&4; do
-  if [ "$rule" = none ]; then
-    check 0 'mqcat decode <<<"$dump"' '*, 0 faults'
-  else
-    check 6 'mqcat decode <<<"$dump"' "*FAULT at byte [0-9]*: $rule: *"
-    has "$tree/docs/wire-format.md" "| \`$rule\` |"
-  fi
+  case $rule in
+    none) check 0 'mqcat decode <<<"$dump"' '*, 0 faults' ;;
+    *) check 6 'mqcat decode <<<"$dump"' "*FAULT at byte [0-9]*: $rule: *" && has "$tree/docs/wire-format.md" "| \`$rule\` |" ;;
+  esac
 done 3<broken.txt 4<broken.hex
 
 # Captures: segments out of order, twice, without a beginning and with one missing; links, fragments, a cut file.
@@ -304,7 +292,6 @@ table <<'END'
 6 mqcat decode datagrams.pcap => *datagram-size: *
 0 mqcat decode foreign.pcapng => 0 messages, *:53: 4 bytes without a message, left out
 3 mqcat decode cut.pcap => 0 messages, *after packet 0: truncated dump file; *
-3 head -c 30 tcp.pcapng | mqcat decode => 0 messages, *mqcat: -: not a pcap or pcapng file: truncated *
 3 mqcat decode --input pcap plain.bin => 0 messages, *not a pcap or pcapng file: unknown file format
 3 link 147 '' => *link type 147 is not known
 0 link 101 '' => *1 message, 0 stray bytes, 0 faults
