@@ -251,7 +251,8 @@ END
 while read -r _ rule _ <&3 && read -r dump <&4; do
   case $rule in
     none) check 0 'mqcat decode <<<"$dump"' '*, 0 faults' ;;
-    *) check 6 'mqcat decode <<<"$dump"' "*FAULT at byte [0-9]*: $rule: *" && has "$tree/docs/wire-format.md" "| \`$rule\` |" ;;
+    *) check 6 'mqcat decode <<<"$dump"' "*FAULT at byte [0-9]*: $rule: *"
+       has "$tree/docs/wire-format.md" "| \`$rule\` |" ;;
   esac
 done 3<broken.txt 4<broken.hex
 

@@ -2,7 +2,7 @@
 //   captures DIRECTORY SEED
 //
 // A datagram node reads every message; the error that it reports is the expected verdict.
-//   sample-N.hex  samples.txt: the columns that tests/wireshark_test.sh asks for; stream-N.hex: all in segments of N bytes
+//   sample-N.hex  samples.txt: the columns that wireshark_test.sh asks for; stream-N.hex: all in segments of N bytes
 //   broken.hex, mutants.hex     broken.txt, mutants.txt: error, first rule broken in a stream, part of the expert info
 #include <arpa/inet.h>
 #include <sys/socket.h>
