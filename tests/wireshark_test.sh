@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# wireshark_test.sh BUILD_DIR - what tools/wireshark/mqnode.lua makes tshark show of the messages of support/captures.cc.
-# MQNODE_SEED repeats the mutants of an earlier run. Exits 77 without tshark.
+# wireshark_test.sh BUILD_DIR - what tools/wireshark/mqnode.lua makes tshark show of the messages that captures.cc
+# writes. MQNODE_SEED repeats the mutants of an earlier run. Exits 77 without tshark.
 . "$(dirname "$0")/support/shell.sh"
 needs tshark text2pcap editcap mergecap
 cd "$work" || exit

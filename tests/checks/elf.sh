@@ -91,7 +91,7 @@ $code"
 writable and executable|libmqnode.so||__asm__(".section .mixed, \"awx\"\n .quad 0\n .text\n");
 code has relocations|libmqnode.so|-Wl,-z,notext|__asm__(".text\n .quad Use\n");
 search path|libmqnode.so|-Wl,-rpath,/nowhere|
-another name|libmqnode.so||long __recv_chk(int, void*, long, long, int); long Get(char* p) { return __recv_chk(1, p, 1, 2, 0); }
+another name|libmqnode.so||long __recv_chk(int, void*, long, long, int); long Get() { return __recv_chk(1, 0, 1, 2, 0); }
 |--built program|-Wl,-rpath,/nowhere:/elsewhere|
 not absolute throughout|--built program|-Wl,-rpath,/nowhere:|
 not absolute throughout|--built program|-Wl,-rpath,/nowhere:$ORIGIN/lib|
