@@ -1,7 +1,7 @@
 /* server.h - a server of many clients: one wait, one thread, and an upper bound on everything that a client may cost.
  *
- * Header-only, for C11 with POSIX (-std=gnu11) and C++17; link mqnode::host. An application fills MqServerEvents, adds its listening nodes and
- * calls mq_server_round until it wants to end:
+ * Header-only, for C11 with POSIX (-std=gnu11) and C++17; link mqnode::host. An application fills MqServerEvents, adds
+ * its listening nodes and calls mq_server_round until it wants to end:
  *
  *   MqServer server;
  *   const MqServerLimits limits = mq_server_limits();
@@ -15,18 +15,18 @@
  * Rules
  *   Reading    one message of each client in a round. A message that is longer than messageBytes is not taken in
  *   Writing    a queued write is finished when its socket takes more. A client that sends another message while more
- *              than waitingBytes wait behind its oldest answer is dropped
+ *              than waitingBytes wait behind its oldest answer is dropped. After a write with result 0 the application
+ *              drops the client: mq_server_wrote gives the reason
  *   Time       a client owes something until it has sent its first message, while it is in the middle of a message, and
- *              while answers wait for it. It is dropped after midwayMsec in which it began no message, finished none and
- *              moved fewer than progressBytes; without a debt after idleMsec. Time in which the server itself did not
- *              run does not count
+ *              while answers wait for it. It is dropped after midwayMsec in which it neither began nor finished a
+ *              message and moved fewer than progressBytes; when it owes nothing, after idleMsec. Time in which the
+ *              server itself did not run does not count
  *   Places     when all places are taken, or no descriptor is left, a newcomer takes the place of another client: of
  *              the address with the most clients, the one that has been quiet longest. One address can therefore push
  *              out clients of others only until it has as many as they have. A client keeps its place for keptMsec
  *   Accepting  while no place and no descriptor can be had, the listening nodes are not waited for, until a client has
  *              gone or a second is over
- *   Failures   a client whose read or write fails is dropped, and no other. A stream that lost a message is never
- *              written to again
+ *   Failures   a client whose read or queued write fails is dropped, and no other
  *   Memory     a receive area that a long message has made large is given back within a second after the message
  *   Log        a line for each dropped client, logLinesPerSecond at most, then the number of those left out
  *
@@ -98,9 +98,9 @@ typedef struct MqServerClient {
   int64_t turn;         /* the clients of one address make room in this order; in the future: not yet */
 } MqServerClient;
 
-/* What a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null, but message only
- * without listening nodes. An event may write to any client and drop any client; it must not call these three functions. A text that it returns or gives
- * to mq_server_drop must live until the dropped event. */
+/* What a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null; message only without
+ * listening nodes. An event may write to any client and drop any client; it must not call these three functions. A text
+ * that it returns or gives to mq_server_drop must live until the dropped event. */
 typedef struct MqServerEvents {
   /* A whole message was read. Null, or why the client is dropped. The record belongs to the server. */
   const char* (*message)(MqServer* server, MqServerClient* client, PcfMessage* msg);

@@ -11,8 +11,8 @@
 //   while (!stop && server.round(1s)) continue;
 //   server.end(2s);
 //
-// server.h has the rules and the limits. Each operation is the C function that its comment names, and noexcept. The nodes
-// that are added belong to the application, and live until the last round is over.
+// server.h has the rules and the limits. Each operation is the C function that its comment names, and noexcept. The
+// nodes that are added belong to the application, and live until the last round is over.
 #ifndef MQNODE_MQNODE_SERVER_HPP
 #define MQNODE_MQNODE_SERVER_HPP
 
@@ -74,7 +74,7 @@ class Server {
   // mq_server_round.
   Result round(std::chrono::milliseconds time) noexcept {
     const int waited = mq_server_round(&server_, static_cast<int>(time.count()));
-    return {waited, server_.status, MQ_IN_STATUS};
+    return {waited, waited != 0 ? MQ_OK : server_.status, MQ_IN_STATUS};
   }
   // mq_server_end. True: all answers were sent, and each client closed after that.
   bool end(std::chrono::milliseconds time) noexcept {

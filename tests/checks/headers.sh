@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# headers.sh CC CXX - every public header compiles alone, as C11 and as C++17, with every warning an error; those that are
-# code, in cpp/, with the calls of POSIX.
+# headers.sh CC CXX - every public header compiles alone, as C11 and as C++17, with every warning an error. cpp/ needs
+# POSIX.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 warnings=(-Wall -Wextra -pedantic -Wshadow -Werror -I. -Icpp -fsyntax-only)
