@@ -50,7 +50,6 @@ int main(int argc, char** argv) {
   bench::Wanted wanted;
   std::string json;
   std::string markdown;
-  std::string plots;
   std::vector<std::string> only;
   app.add_flag("--quick", settings.quick, "a first look: fewer slices");
   app.add_flag("--pin", wanted.pinned, "only with both processes on one processor (neither: both views)");
@@ -58,7 +57,6 @@ int main(int argc, char** argv) {
   app.add_flag("--functions", settings.functions, "instructions function by function");
   app.add_option("--json", json, "write the figures to this file too");
   app.add_option("--markdown", markdown, "write the tables to this file as Markdown");
-  app.add_option("--plots", plots, "draw pictures (SVG) into this folder")->check(CLI::ExistingDirectory);
   app.add_option("--only", only, "sections to run")
       ->delimiter(',')
       ->check(CLI::IsMember({"held", "instructions", "exchange", "wait", "signed", "others"}));
@@ -74,6 +72,5 @@ int main(int argc, char** argv) {
   bench::MeasureAll(&report, settings, wanted);
   if (!json.empty()) report.WriteJson(json);
   if (!markdown.empty()) report.WriteMarkdown(markdown);
-  if (!plots.empty()) bench::DrawPlots(report, plots);
   return 0;
 }

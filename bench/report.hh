@@ -36,7 +36,6 @@ class Report {
 
   // Null when the section was not measured.
   const Section* Find(const std::string& id) const;
-  const std::string& fact(size_t i) const { return facts_.at(i).second; }
 
  private:
   std::vector<std::pair<std::string, std::string>> facts_;

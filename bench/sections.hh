@@ -38,9 +38,6 @@ void MeasureInstructions(Report* report, const Settings& settings);
 // Every figure that has an aim, with the aim and whether it is met, from what the report holds.
 void Summarise(Report* report);
 
-// Draws what the report holds into folder, one SVG file for each picture.
-void DrawPlots(const Report& report, const std::string& folder);
-
 // The program that does the work of the last three; it stands beside this one.
 std::string WorkProgram();
 

@@ -23,8 +23,10 @@ constexpr Aim kAims[] = {
     {"wait", "mnPost/select", "+-", false, 1.05, 3, -1, "mnPost, time beside a bare select, idle nodes"},
     {"wait", "mnNPost/select", "+- mnNPost", false, 1.05, 3, -1, "mnNPost, time beside a bare select, idle nodes"},
     {"instructions", "all", nullptr, false, 368, 0, 2, "instructions a message above bare sockets"},
-    {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 0, "instructions a node in a wait, mnPost"},
-    {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 1, "instructions a node in a wait, mnNPost"},
+    {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 0,
+     "instructions a node in a wait, mnPost"},
+    {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 1,
+     "instructions a node in a wait, mnNPost"},
 };
 
 // Met also when the aim lies within the figure's scatter, which is said.

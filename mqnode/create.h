@@ -1,23 +1,23 @@
-/* create.h - make nodes. Conventions: node.h.
+/* create.h - create nodes. Conventions: node.h.
  *
- * A creator returns the node once its record could be allocated, even when the socket could not be created, configured,
- * bound or made to listen: test node->error, or IsNodeFailed, before use. The caller owns the node: DeleteMQNode.
+ * A creator returns a node whenever its record could be allocated, even if the socket could not be created, configured,
+ * bound or made to listen: check node->error, or call IsNodeFailed, before use. The caller releases the node with
+ * DeleteMQNode.
  *
- * Every node takes the login name (at most 12 characters) and the program's name (identity.h: a shell runs when
- * TEVRA_HOME is set) as its identity, and G_node_trace as its trace callback. Sockets made here linger for zero
- * seconds, closing throws away what was not sent, and they block until NoblockSocket(&node->sock); a socket that the
- * caller brings keeps its options and mode.
+ * The identity of a node is the login name (at most 12 characters) and the name of the program (identity.h; found by a
+ * shell command if TEVRA_HOME is set). Its trace callback is G_node_trace. Sockets created here linger for zero
+ * seconds, so that closing them discards unsent data, and block until NoblockSocket(&node->sock) is called. A socket
+ * that the caller passes keeps its options and mode.
  *
  * Arguments
- *   addr  in  where to connect, or what to bind: host ("*" any address, "@" local host) or ip, service and protocol;
- *             copied whole. A bind replaces the copy with the socket name
- *   role  in  0 connecting, 1 listening; another value makes a node that mnOpen does nothing with
- *   opt   in  an option for the socket, null for none
- * Result       the node; null without memory for its record
- * error        the outcome of the last socket call: an errno value, for a name that does not resolve errno or
- *              9002 and 9003
- * Trace point  the creator's name, at the end; "CreateUDPMQNodeWithOpt" for both datagram creators
- * Blocks       while a name is looked up, and while the shell runs */
+ *   addr  in  address to connect to or to bind: host ("*" any address, "@" local host) or ip, service and protocol. It
+ *             is copied; a bind replaces the copy with the socket name
+ *   role  in  0 connecting, 1 listening; mnOpen has no effect on a node with another value
+ *   opt   in  an option to set on the socket; null for none
+ * Result       the node; null if there is no memory for its record
+ * error        that of the last socket call: an errno value; for a name that does not resolve, errno, 9002 or 9003
+ * Trace point  the name of the creator, at the end; "CreateUDPMQNodeWithOpt" for both datagram creators
+ * Blocks       while a name is looked up, and while the shell command runs */
 #ifndef MQNODE_MQNODE_CREATE_H
 #define MQNODE_MQNODE_CREATE_H
 
@@ -26,23 +26,22 @@
 
 MQ_BEGIN_C
 
-/* CreateMQNode - a stream node, closed, address reuse off. A listening one is bound to addr and listens, with room for
- * 5 waiting connections. */
+/* CreateMQNode - create a stream node with address reuse off. A connecting node is not connected yet (mnOpen); a
+ * listening node is bound to addr and listens with an accept queue of 5. */
 MQ_API MQNode* CreateMQNode(SockAddrRec* addr, int role);
 
-/* CreateMQNodeWithOpt - the same with opt in place of address reuse off. */
+/* CreateMQNodeWithOpt - as CreateMQNode, but set opt instead of switching address reuse off. */
 MQ_API MQNode* CreateMQNodeWithOpt(SockAddrRec* addr, int role, SockOption* opt);
 
-/* CreateUDPMQNode, CreateUDPMQNodeWithOpt - a datagram node, bound to addr and open. Its datagrams are at most 16520
- * bytes long. openState is 0 when the bind failed. */
+/* CreateUDPMQNode, CreateUDPMQNodeWithOpt - create a datagram node that is bound to addr and open. It receives
+ * datagrams of at most 16520 bytes. openState is 0 if the bind failed. */
 MQ_API MQNode* CreateUDPMQNode(SockAddrRec* addr);
 MQ_API MQNode* CreateUDPMQNodeWithOpt(SockAddrRec* addr, SockOption* opt);
 
-/* CreateAndBindMQNode - a node over a socket that the caller holds, connected (role 0) or listening (role 1).
- *   sock  in  copied whole; the node owns its descriptor from here on. CreateSocketFromExisting makes one from a bare
- *             descriptor
- * host is "@", addr all zero, error 0; no option is set. A connected node is read and written at once, without
- * mnOpen. */
+/* CreateAndBindMQNode - create a node over an existing socket, connected (role 0) or listening (role 1).
+ *   sock  in  copied; the node owns its file descriptor from then on. CreateSocketFromExisting makes one from a bare
+ *             file descriptor
+ * host is "@", addr all zero, error 0; no option is set. A connected node can be read and written without mnOpen. */
 MQ_API MQNode* CreateAndBindMQNode(SockRec* sock, int role);
 
 MQ_END_C

@@ -1,9 +1,9 @@
-/* mqnode.h - everything a host process needs: message nodes, the socket layer below them, the queue.
+/* mqnode.h - includes everything: message nodes, the socket layer below them, and the queue.
  *
- * A host makes nodes (create.h), opens them (open.h), writes messages (compose.h), reads them (read.h, secure_read.h),
- * waits on many nodes at once (wait.h), finishes writes that could not complete (deliver.h) and deletes nodes (open.h).
- * node.h says what holds for all of them. Messages are records of the companion's message library (runtime/message.h);
- * with the companion of this project, companion/host.h builds them and takes them apart.
+ * An application creates nodes (create.h), opens them (open.h), writes messages (compose.h), reads messages (read.h,
+ * secure_read.h), waits on many nodes at once (wait.h), finishes queued writes (deliver.h) and deletes nodes (open.h).
+ * node.h documents the conventions of all of these. Messages are records of the companion (runtime/message.h); with the
+ * companion of this project, companion/host.h builds and parses them.
  *
  * Link or load the companion before libmqnode.so.1. */
 #ifndef MQNODE_MQNODE_MQNODE_H

@@ -1,4 +1,4 @@
-/* open.h - give a node its connection, take it away, release the node. Conventions: node.h. */
+/* open.h - connect, accept, close and delete nodes. Conventions: node.h. */
 #ifndef MQNODE_MQNODE_OPEN_H
 #define MQNODE_MQNODE_OPEN_H
 
@@ -6,36 +6,36 @@
 
 MQ_BEGIN_C
 
-/* mnOpen - connect a connecting node to its addr, or accept one waiting connection on a listening node.
- * An accepted connection becomes a new child node, left in node->child: a copy of the listening node with the accepted
- * socket, role 0, openState 1 and a receive buffer of its own. It is the caller's, who takes it from there after each
- * success and later deletes it; it shares nothing with its parent and may go to another thread. A listening node's own
- * openState never changes, so every call accepts one more. A call that accepts nothing leaves child as it is: it still
- * points at the node of the last success, which may have been deleted since.
- * Result       openState when the node was open already (nothing else happens, no trace point); else 1 connected or
- *              accepted, 0 not, also for a role that is neither 0 nor 1. Result 1 with child null: there was no memory
- *              for the child, and the connection was closed
- * error        0 or the socket's code: 11 while a non-blocking connect is in progress (mnNPost completes it) or when
- *              nothing waits to be accepted; for a name that does not resolve errno or 9002 and 9003; an errno value.
- *              After an accept that succeeded, what the listening socket's last failure left: trust the result
+/* mnOpen - connect a connecting node to its addr, or accept one connection on a listening node.
+ * An accepted connection becomes a new node in node->child: a copy of the listening node with the accepted socket, role
+ * 0, openState 1 and its own receive buffer. The caller owns it: take it from child after each success, and delete it
+ * when done. It shares nothing with its parent and may be handed to another thread. The openState of a listening node
+ * never changes, so each call accepts one more connection. A call that accepts nothing does not change child, which
+ * then still points to the previous node, even if that was deleted.
+ * Result       openState if the node was already open (nothing else happens, and no trace point runs); else 1 if it was
+ *              connected or accepted, 0 if not or if the role is neither 0 nor 1. Result 1 with a null child means that
+ *              there was no memory for the child; the connection was closed
+ * error        0 or the code of the socket: 11 while a non-blocking connect is in progress (mnNPost completes it), or
+ *              if no connection is waiting; errno, 9002 or 9003 for a name that does not resolve; an errno value. After
+ *              a successful accept it is that of the listening socket's last failure: rely on the result
  * Trace point  "mnOpen"
- * Blocks       when the socket does, and while a name is looked up */
+ * Blocks       while the socket blocks, and while a name is looked up */
 MQ_API int mnOpen(MQNode* node);
 
-/* mnClose - discard queued writes, close the socket, release the receive buffer. A closed node keeps its record, which
- * only DeleteMQNode has a use for: it cannot be opened again.
+/* mnClose - discard queued writes, close the socket and release the receive buffer. A closed node cannot be opened
+ * again; release its record with DeleteMQNode.
  * Result        1
- * error         the socket's error, which closing does not change
+ * error         the error of the socket, which closing does not change
  * Trace points  "mnClose", "mnClearPeningIO"
- * Unsent data is thrown away: nodes linger for zero seconds. */
+ * Data that the system has not sent yet is discarded, because nodes linger for zero seconds. */
 MQ_API int mnClose(MQNode* node);
 
-/* mnClearPeningIO - discard the queued writes. writesOutstanding and writesCompleted keep their values: with a
- * writeLimit, set writesOutstanding to 0 to write on.
+/* mnClearPeningIO - discard the queued writes. writesOutstanding and writesCompleted do not change: if writeLimit is
+ * set, set writesOutstanding to 0 before the next write.
  * Trace point  "mnClearPeningIO" */
 MQ_API void mnClearPeningIO(MQNode* node);
 
-/* DeleteMQNode - close the node, whether it was closed before or not, and release its record; its child stays.
+/* DeleteMQNode - close the node, unless it is closed, and release its record. Its child is not deleted.
  *   node    may be null
  * Result        1; 0 for a null node
  * Trace points  "DeleteMQNode", "mnClose", "mnClearPeningIO" */

@@ -1,20 +1,20 @@
-/* read.h - read plain messages from nodes, and look at the next one. Conventions: node.h.
+/* read.h - read plain messages from nodes, and browse the next one. Conventions: node.h.
  *
- * A read may come back before its message is whole: it keeps what it gathered in the node's receive buffer and reports
- * 11; the next call goes on. Every other failure drops what was gathered, and nothing resynchronises a stream: after
- * 2026 close the node. A read takes at most two receives when the data is there, never reads past its message, and
- * grows the receive buffer only for a message that is larger than any before. A signal that interrupts a blocking read
- * (EINTR) drops what was gathered: install handlers with SA_RESTART.
+ * A read may return before its message is complete. It then keeps the bytes received so far in the node's receive
+ * buffer and reports 11; call again to continue. Any other failure discards these bytes. A stream cannot be
+ * resynchronised: close the node after 2026. When the data is available, a read receives at most twice. It never
+ * receives bytes of the next message, and enlarges the receive buffer only for a message longer than all before. A
+ * signal that interrupts a blocking read (EINTR) discards the bytes received so far: install handlers with SA_RESTART.
  *
- * Only messages of 137 bytes to MQ_MAX_MESSAGE are delivered. A stream message without a body is a bad message, after
- * which the stream is still in step; a datagram must be exactly as long as it says (one longer than the receive buffer
- * is judged by the part that fits). A plain read and a browse belong on a node that is not in the middle of a message
- * of the other framing; a browse also not in the middle of a plain one.
+ * Messages of 137 bytes to MQ_MAX_MESSAGE are delivered. A stream message without a body is a bad message, after which
+ * the stream is still in step. The length of a datagram must equal that of its message; a datagram longer than the
+ * receive buffer is judged by the part that fits. Do not call a plain read or a browse on a node that holds part of a
+ * signed message, or a browse on a node that holds part of a plain message.
  *
- * A node for which there was no memory for a receive area when it was created works once there is some: mnRead and
- * mnSRead ask for the area again, and fail with 2102 without receiving while there is none. A read on a closed node
- * does the same, so that it ends with the socket's own code, 9 (EBADF); DeleteMQNode releases that area. The gather
- * steps alone do not ask for an area: they fail with 2102. */
+ * If there was no memory for the receive area of a node when it was created, mnRead and mnSRead allocate it. While
+ * there is no memory they fail with 2102 and receive nothing. A read on a closed node does the same and then fails with
+ * the code of the socket, 9 (EBADF); DeleteMQNode releases that area. mnReadMsg and mnSReadMsg do not allocate: they
+ * fail with 2102. */
 #ifndef MQNODE_MQNODE_READ_H
 #define MQNODE_MQNODE_READ_H
 
@@ -22,36 +22,35 @@
 
 MQ_BEGIN_C
 
-/* mnReadMsg - the gather step of a read: receive until the node's receive buffer holds as many bytes as it asks for, on
- * a datagram node one datagram. A datagram that an earlier call has gathered stays: nothing is received for it.
- * Result       1 it does; 0 not
- * error        0; 11 call again, what is held stays; 2026 the first word is not 136 in either byte order; 2102 the
- *              receive buffer is smaller than what is asked for; the socket's code. All but 11 reset the buffer
+/* mnReadMsg - the first step of a read: receive until the node's receive buffer holds recvBuffer.length bytes; on a
+ * datagram node, one datagram. If the node already holds a datagram, nothing is received.
+ * Result       1 if it does, 0 if not
+ * error        0; 11 call again, the bytes received so far are kept; 2026 the first word is not 136 in either byte
+ *              order; 2102 recvBuffer.length exceeds the capacity; the code of the socket. All but 11 reset the buffer
  * Trace point  "mnReadMsg", on failure only */
 MQ_API int mnReadMsg(MQNode* node);
 
 /* mnRead - read a plain message.
- *   msg     in/out  receives the raw message, enlarged when it must be, parsed by the message library; its
- *                   secHeader.userId receives the sender's user id
- * Result       nonzero a message was delivered (what RawToPcf returned); 0 none was
- * error        0; 11 unfinished, call again; 2026 bad message; 2102 msg cannot be enlarged and the message was dropped,
- *              or the receive buffer cannot and the body is still in the stream: close the node; 4005 the body could
- *              not be converted or parsed, msg holds the raw message and it was counted; the socket's code, 9004 when
- *              the peer closed the connection, on a datagram node when an empty datagram came
- * Trace point  "mnRead": twice for a stream message that came in one call */
+ *   msg     in/out  receives the message, parsed; enlarged if necessary. secHeader.userId receives the sender's user id
+ * Result       nonzero if a message was delivered (the result of RawToPcf), else 0
+ * error        0; 11 incomplete, call again; 2026 bad message; 2102 msg could not be enlarged and the message was
+ *              dropped, or the receive buffer could not be enlarged and the body is still in the stream: close the
+ *              node; 4005 the body could not be converted or parsed, msg holds the raw message and msgsRead counts it;
+ *              the code of the socket: 9004 when the peer closed the connection, or when an empty datagram arrived
+ * Trace point  "mnRead": twice for a stream message that was received in one call */
 MQ_API int mnRead(PcfMessage* msg, MQNode* node);
 
-/* mnBrowse - look at the header of the next plain message without consuming anything.
- *   msg     in/out  its raw data, at least 136 bytes, receives the header in native form; raw.length stays
- * When the header has not arrived whole, the browse looks once more at once. Then a non-blocking node reports 11; a
- * blocking one looks again with short pauses for at most a second before it reports 11. A datagram shorter than a
- * header is reported as a bad message, which a read then discards.
- * The announced length is not checked: it is compared with the capacity of msg as a signed number, and msg is enlarged
- * to hold that many bytes when it is greater. mnRead checks it.
- * Result       1 the header is there and msg can hold the body; 0 not
- * error        0; 11; 2026 no header, or it could not be converted (dumped then); 2102 msg cannot be enlarged: no
- *              memory, or more than the companion allows for a message; the socket's code, 9004 when the peer closed
- *              the connection
+/* mnBrowse - peek at the header of the next plain message without consuming it.
+ *   msg     in/out  raw.data, at least 136 bytes, receives the header in native form; raw.length does not change
+ * If the header has arrived only in part, the browse peeks again immediately. After that, a non-blocking node reports
+ * 11; a blocking one peeks again at short intervals for at most a second and then reports 11. A datagram shorter than a
+ * header is reported as a bad message; a read discards it.
+ * The announced length is not validated here, but by mnRead: it is compared with the capacity of msg as a signed
+ * number, and msg is enlarged to hold that many bytes if it is greater.
+ * Result       1 if the header is there and msg can hold the body, else 0
+ * error        0; 11; 2026 not a header, or it could not be converted (DumpPcfMessage is called then); 2102 msg could
+ *              not be enlarged: no memory, or longer than the companion allows; the code of the socket: 9004 when the
+ *              peer closed the connection
  * Trace point  "mnBrowse" */
 MQ_API int mnBrowse(PcfMessage* msg, MQNode* node);
 

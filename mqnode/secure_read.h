@@ -1,7 +1,8 @@
-/* secure_read.h - read signed messages from nodes. Conventions: node.h; what read.h says of reads holds here too.
+/* secure_read.h - read signed messages from nodes. Conventions: node.h; read.h applies as well.
  *
- * A secure message is a 32-byte envelope and the signed message. One node is read in one framing at a time: the first
- * secure read arms an idle buffer for envelopes, the next plain read arms an idle buffer for headers again. */
+ * A signed message is a 32-byte envelope followed by the plain message and its signature. A node may be read in both
+ * framings, but not in the middle of a message: a signed read prepares an empty receive buffer for an envelope, a plain
+ * read for a header. */
 #ifndef MQNODE_MQNODE_SECURE_READ_H
 #define MQNODE_MQNODE_SECURE_READ_H
 
@@ -9,22 +10,23 @@
 
 MQ_BEGIN_C
 
-/* mnSReadMsg - the gather step of a secure read, as mnReadMsg with an envelope of 32 bytes. It gathers as many bytes as
- * the receive buffer asks for: on a new node, armed for a plain header, that is 136. To gather envelopes without
- * mnSRead, arm the buffer with ResetBuffer(&node->recvBuffer, 32) first.
+/* mnSReadMsg - the first step of a signed read: as mnReadMsg, with an envelope of 32 bytes. It receives
+ * recvBuffer.length bytes, which is 136 on a new node. To receive envelopes without mnSRead, call
+ * ResetBuffer(&node->recvBuffer, 32) first.
  * Trace point  "mnSReadMsg", on failure only, before the buffer is reset */
 MQ_API int mnSReadMsg(MQNode* node);
 
-/* mnSRead - read a secure message, check its signature, and only then convert and parse it.
- *   msg              in/out  receives the envelope in native form as secHeader, and the signed message as its raw form
+/* mnSRead - read a signed message: check the signature, then convert and parse the message.
+ *   msg              in/out  secHeader receives the envelope in native form, the raw form receives the message
  *   secure           in      0: exactly mnRead
- *   securityContext  in      not consulted by a read
- * Result       nonzero a message was delivered (what RawToPcf returned); 0 none was
- * error        0; 11 unfinished, call again; 2026 bad envelope, or a signed message whose header could not be converted
- *              (counted and dumped then); 2102 msg or the receive buffer cannot be enlarged, the message was dropped;
- *              -1001 the signature does not hold: msg holds the message as it came, and it was counted; 4005 the body
- *              could not be converted or parsed, counted and dumped; the socket's code
- * Trace point  "mnSRead": twice for a stream message that came in one call */
+ *   securityContext  in      not used by a read
+ * Result       nonzero if a message was delivered (the result of RawToPcf), else 0
+ * error        0; 11 incomplete, call again; 2026 bad envelope, or the header of the signed message could not be
+ *              converted; 2102 msg or the receive buffer could not be enlarged, the message was dropped; -1001 the
+ *              signature is not valid, msg holds the message as it was received; 4005 the body could not be converted
+ *              or parsed; the code of the socket. msgsRead counts messages refused with -1001 and 4005, and those whose
+ *              header could not be converted; DumpPcfMessage is called for the latter two
+ * Trace point  "mnSRead": twice for a stream message that was received in one call */
 MQ_API int mnSRead(PcfMessage* msg, MQNode* node, int secure, void* securityContext);
 
 MQ_END_C

@@ -1,31 +1,32 @@
-/* wait.h - wait on many nodes at once and learn which can be accepted on, read and written. Conventions: node.h.
+/* wait.h - wait until nodes can be accepted on, read from or written to. Conventions: node.h.
  *
- * Two families: mnPost waits for reading and connections to accept, mnNPost for writing too. In each the plain form
- * takes seconds and sets up a work record for the one call, Ex takes seconds and the caller's record, ExMSec
- * milliseconds and the caller's record; a record kept for many waits saves the allocations (socksin/wait.h says when a
- * wait allocates).
+ * mnPost waits for data and connections, mnNPost also for the end of queued writes and connects. The plain forms take
+ * the timeout in seconds and allocate a work record for the call; the Ex forms take seconds and the caller's record,
+ * the ExMSec forms milliseconds and the caller's record. Keep a record for many waits to save its allocation;
+ * socksin/wait.h documents when a wait allocates.
  *
  * Arguments
- *   nodes         in   the nodes to wait on, ended by a null pointer. A record of size n takes n - 1, the plain forms
- *                      2512; nodes past that are not waited on
- *   listenReady   out  listening nodes with a connection to accept: mnOpen each
- *   readReady     out  other nodes with something to read: data, a closed peer or an error. mnNPost also lists nodes
- *                      with an exceptional condition here, or in listenReady, after the readable ones
- *   writeReady    out  mnNPost: nodes with queued writes that can go on (mnFinishWrite), then nodes whose connect
- *                      completed, which are open now. A node whose connect failed, or whose peer has sent already, is
- *                      in readReady only and stays as it is: read from it, and the error or the data tells
- *                 Each array has room for one entry more than there are nodes, keeps the order of nodes and is ended by
- *                 a null pointer; read it only after result 1
- *   seconds, milliseconds  0 polls; negative counts as 0; seconds above 2147483 count as that
- *   status        out  0; errno of select (EINTR: a signal came); 9000 timed out; ENOMEM and EINVAL (socksin/wait.h);
- *                      untouched when a plain form has no memory
+ *   nodes         in   the nodes to wait on, terminated by a null pointer. A record of size n takes n - 1 nodes, the
+ *                      plain forms 2512; further nodes are ignored
+ *   listenReady   out  listening nodes with a connection to accept: call mnOpen on each
+ *   readReady     out  other nodes that are readable: data, a closed connection or an error. mnNPost lists nodes with
+ *                      an exceptional condition here or in listenReady, after the readable ones
+ *   writeReady    out  mnNPost only: nodes with queued writes that can continue (call mnFinishWrite), then nodes whose
+ *                      connect has completed, which are open now. A node whose connect failed, or whose peer has
+ *                      already sent data, is in readReady only and does not change: a read returns the error or the
+ *                      data
+ *                 Each array needs space for one entry more than there are nodes, keeps the order of nodes and is
+ *                 terminated by a null pointer. Its contents are valid only if the call returns 1
+ *   seconds, milliseconds  0 polls; negative values count as 0; seconds above 2147483 count as 2147483
+ *   status        out  0; errno of select (EINTR after a signal); 9000 timed out; ENOMEM or EINVAL (socksin/wait.h);
+ *                      unchanged if a plain form has no memory for its record
  *   work          in   from InitSocketPostData, with all its lists
- * A node may be in readReady and in writeReady of one wait: close it (mnClose) where it fails, and delete closed nodes
- * once both arrays were walked.
- * Result        1 something was ready; 0 failed, timed out, or no memory: the arrays are untouched
- * error         no node's error is set
- * Trace points  on each listed node: "mnPost::Ready"; "mnNPost::Ready", "mnNPost::Exception", "mnNPost::Write". Those
- *               of PostSocket and NPostSocket run on the sockets before
+ * A node may be in both readReady and writeReady. If it fails, close it with mnClose, and delete closed nodes after
+ * both arrays were processed.
+ * Result        1 if a node was ready; 0 after a failure or a time-out: the arrays are unchanged
+ * error         not set on any node
+ * Trace points  on each listed node: "mnPost::Ready"; "mnNPost::Ready", "mnNPost::Exception", "mnNPost::Write"; before
+ *               that, those of PostSocket and NPostSocket on the sockets
  * Blocks        for at most the timeout */
 #ifndef MQNODE_MQNODE_WAIT_H
 #define MQNODE_MQNODE_WAIT_H

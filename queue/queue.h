@@ -1,12 +1,11 @@
 /* queue.h - a small first-in first-out queue of untyped pointers.
  *
- * Ownership: the queue owns its record and its entries, the caller owns the items while they are queued. The one
- * exception is Qfree, which releases items still queued with FreeMemory; a caller whose items own further memory takes
- * them out with Qget first.
+ * Ownership: the queue owns its record and its entries; the caller owns the queued items. The exception is Qfree, which
+ * calls FreeMemory on items that are still queued: if items own other memory, take them out with Qget first.
  * Memory: one block for a queue (tag "QALLOC"), one for each entry ("QPUT", "QPUTHEAD"), all from the companion.
- * Null queues: Qput, QputHigh, Qget and Qputhead print one line on standard output and do nothing; Qremove, Qstart,
- * Qnext, Qdepth, SetQLimit, GetQLimit and IsQReady accept one silently.
- * Threads: one thread at a time uses a queue. No function blocks. */
+ * Null queues: Qput, QputHigh, Qget and Qputhead print one line on standard output and do nothing; the other functions
+ * accept a null queue silently.
+ * Threads: a queue must be used by one thread at a time. No function blocks. */
 #ifndef MQNODE_QUEUE_QUEUE_H
 #define MQNODE_QUEUE_QUEUE_H
 
@@ -39,49 +38,49 @@ MQ_STATIC_ASSERT(offsetof(Queue, cursor) == 16, "Queue.cursor");
 MQ_STATIC_ASSERT(offsetof(Queue, count) == 24, "Queue.count");
 MQ_STATIC_ASSERT(offsetof(Queue, limit) == 28, "Queue.limit");
 
-/* Qalloc - a new empty queue with limit -1.
- * Result   the queue, the caller's to Qfree; null without memory */
+/* Qalloc - create an empty queue with limit -1.
+ * Result   the queue, to be released with Qfree; null if there is no memory */
 MQ_API Queue* Qalloc(void);
 
-/* Qfree - release a queue with its entries and the items still queued, and store null through pq.
+/* Qfree - release a queue, its entries and the items still queued, and set *pq to null.
  *   pq      in/out  the caller's pointer; when pq or the queue is null, nothing happens */
 MQ_API void Qfree(Queue** pq);
 
-/* Qput - append item at the tail. Without memory nothing is queued and nothing is reported: compare Qdepth. */
+/* Qput - append item at the tail. If there is no memory, nothing is queued and nothing is reported: compare Qdepth. */
 MQ_API void Qput(Queue* q, void* item);
 
-/* QputHigh - exactly Qput: gives the item no precedence over items already queued. */
+/* QputHigh - the same as Qput: the item gets no precedence over queued items. */
 MQ_API void QputHigh(Queue* q, void* item);
 
-/* Qputhead - push item at the head, so that the next Qget returns it. Without memory as Qput. */
+/* Qputhead - insert item at the head, so that the next Qget returns it. If there is no memory, as Qput. */
 MQ_API void Qputhead(Queue* q, void* item);
 
-/* Qget - take the head entry.
- * Result   its item; null when the queue is empty */
+/* Qget - remove the entry at the head.
+ * Result   its item; null if the queue is empty */
 MQ_API void* Qget(Queue* q);
 
-/* Qremove - take out every entry whose item is this very pointer; the item itself is not released. */
+/* Qremove - remove each entry whose item equals this pointer. The item itself is not released. */
 MQ_API void Qremove(Queue* q, void* item);
 
-/* Qstart - put the cursor at the head. Puts, gets and removals never move the cursor: whoever takes out the entry at
- * the cursor starts over. */
+/* Qstart - set the cursor to the head. Other functions than Qnext do not move the cursor: after the entry at the cursor
+ * was removed, call Qstart again. */
 MQ_API void Qstart(Queue* q);
 
-/* Qnext - the item at the cursor; the cursor moves on.
- * Result   null at the end, and when the queue is empty */
+/* Qnext - return the item at the cursor, and advance the cursor.
+ * Result   null at the end, and if the queue is empty */
 MQ_API void* Qnext(Queue* q);
 
-/* Qdepth - the number of entries; 0 for a null queue. */
+/* Qdepth - return the number of entries; 0 for a null queue. */
 MQ_API int Qdepth(Queue* q);
 
-/* SetQLimit - set the advisory limit; -1 means none. No put looks at it. */
+/* SetQLimit - set the advisory limit; -1 for none. Only IsQReady uses it. */
 MQ_API void SetQLimit(Queue* q, int limit);
 
-/* GetQLimit - the advisory limit; -1 for a null queue. */
+/* GetQLimit - return the advisory limit; -1 for a null queue. */
 MQ_API int GetQLimit(Queue* q);
 
 /* IsQReady - whether the queue is within its limit.
- * Result   1 for a null queue, for limit -1 and while count is at most limit; else 0 */
+ * Result   1 for a null queue, for limit -1 and if count is at most limit; else 0 */
 MQ_API int IsQReady(Queue* q);
 
 MQ_END_C

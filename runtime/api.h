@@ -1,8 +1,8 @@
-/* api.h - how a name becomes part of an interface.
+/* api.h - macros for the declarations of the interface.
  *
- * MQ_API      on a declaration: exported by libmqnode.so.1
- * MQ_RUNTIME  on a declaration: provided by the companion runtime that the host loads first
- * MQ_BEGIN_C, MQ_END_C around declarations give them C linkage in C++ hosts. */
+ * MQ_API      exported by libmqnode.so.1
+ * MQ_RUNTIME  provided by the companion, which the application loads first
+ * MQ_BEGIN_C, MQ_END_C give the declarations between them C linkage in C++. */
 #ifndef MQNODE_RUNTIME_API_H
 #define MQNODE_RUNTIME_API_H
 
@@ -17,7 +17,7 @@
 #define MQ_END_C
 #endif
 
-/* Pins a size or an offset of a shared record, in C and in C++. */
+/* Checks the size or an offset of a shared record, in C and in C++. */
 #ifdef __cplusplus
 #define MQ_STATIC_ASSERT(condition, text) static_assert(condition, text)
 #else

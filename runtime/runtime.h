@@ -1,11 +1,11 @@
-/* runtime.h - the services that mqnode takes from its companion runtime.
+/* runtime.h - the functions that libmqnode calls in its companion.
  *
- * The host loads the companion before libmqnode.so.1; the names below are bound when the library is loaded, and a host
- * without a companion is told the missing name then. libmqcompanion.so.1 is this project's own companion; a host may
- * bring another one that keeps the contract written here.
+ * The application loads the companion before libmqnode.so.1. The functions are bound when the library is loaded;
+ * without a companion, loading fails and names a missing function. libmqcompanion.so.1 is the companion of this
+ * project; an application may use another one that fulfils this contract.
  *
- * Conventions: every pointer is required and not null unless its line says otherwise. Sizes are bytes. The services are
- * called on the thread that called into the library, and the library adds no lock of its own. */
+ * Conventions: pointers are not null unless documented otherwise. Sizes are in bytes. The functions are called on the
+ * thread that called the library, which takes no locks. */
 #ifndef MQNODE_RUNTIME_RUNTIME_H
 #define MQNODE_RUNTIME_RUNTIME_H
 
@@ -16,16 +16,15 @@
 
 MQ_BEGIN_C
 
-/* A byte buffer with the counters of one transfer.
- * The record belongs to its holder; the data area belongs to the buffer functions below.
+/* A byte buffer with the counters of one transfer. The data area is managed by the buffer functions below.
  * While receiving, received <= length <= capacity; while sending, sent <= length.
- * A write descriptor is an IoBuffer allocated on its own with the tag "MQNODE": whoever finishes with it calls
- * DeleteBuffer on it and then FreeMemory on the record. */
+ * A write descriptor is an IoBuffer allocated with the tag "MQNODE"; it is released with DeleteBuffer and then
+ * FreeMemory. */
 typedef struct IoBuffer {
   uint8_t* data;     /* the data area */
-  uint32_t length;   /* bytes that the current transfer wants in all */
+  uint32_t length;   /* total number of bytes of the current transfer */
   uint32_t capacity; /* size of the data area */
-  uint32_t flags;    /* handed unchanged to send, sendto and recvfrom; 0 normally */
+  uint32_t flags;    /* passed unchanged to send, sendto and recvfrom; usually 0 */
   uint32_t received; /* bytes received so far into data */
   uint32_t sent;     /* bytes of data sent so far */
 } IoBuffer;
@@ -39,53 +38,54 @@ MQ_STATIC_ASSERT(offsetof(IoBuffer, sent) == 24, "IoBuffer.sent");
 
 /* ---- Memory ---- */
 
-/* fNewMemory - allocate size bytes, all zero, and store their address in *out.
- *   tag     names the allocation for the runtime's accounting; constant text. The library's tags: "MQNode" (node),
- *           "MQNODE" (write descriptor), "QALLOC" (queue), "QPUT" and "QPUTHEAD" (queue entries)
- * Result   nonzero; 0 when there is no memory, *out is null then */
+/* fNewMemory - allocate size bytes, set to zero, and store their address in *out.
+ *   tag     name of the allocation for accounting; constant text. The library's tags: "MQNode" (node), "MQNODE" (write
+ *           descriptor), "QALLOC" (queue), "QPUT" and "QPUTHEAD" (queue entries)
+ * Result   nonzero; 0 if there is no memory: *out is null then */
 MQ_RUNTIME int fNewMemory(void** out, uint32_t size, const char* tag);
 
-/* FreeMemory - release a block that fNewMemory gave. */
+/* FreeMemory - release a block from fNewMemory. */
 MQ_RUNTIME void FreeMemory(void* p);
 
 /* ---- Buffers ---- */
 
-/* CreateBuffer - give buf a fresh data area of size bytes.
- * Afterwards capacity and length are size; flags, received and sent are 0. A data area that the record named before is
- * neither read nor released: a copy of the record may own it. Without memory: data null, every other field 0. */
+/* CreateBuffer - allocate a data area of size bytes for buf.
+ * Sets capacity and length to size; flags, received and sent to 0. A previous data area is neither read nor released,
+ * because a copy of the record may own it. If there is no memory, data is null and all other fields are 0. */
 MQ_RUNTIME void CreateBuffer(IoBuffer* buf, uint32_t size);
 
-/* ResetBuffer - arm buf for a new transfer: length as given, received and sent 0; data, capacity and flags stay. */
+/* ResetBuffer - prepare buf for a new transfer: set length as given, received and sent to 0. Nothing else changes. */
 MQ_RUNTIME void ResetBuffer(IoBuffer* buf, uint32_t length);
 
-/* SizeBuffer - grow the data area to at least size bytes, keeping the bytes received and all counters.
- * data may move, capacity becomes the new size. Without memory nothing changes: compare capacity with size. */
+/* SizeBuffer - enlarge the data area to at least size bytes, preserving the received bytes and all counters.
+ * data may move; capacity is set to the new size. If there is no memory, nothing changes: compare capacity with size.
+ * */
 MQ_RUNTIME void SizeBuffer(IoBuffer* buf, uint32_t size);
 
-/* DeleteBuffer - release the data area, not the record.
- * Afterwards data is null and capacity, length, received and sent are 0; a second call releases nothing. */
+/* DeleteBuffer - release the data area, but not the record.
+ * Sets data to null and capacity, length, received and sent to 0; a second call releases nothing. */
 MQ_RUNTIME void DeleteBuffer(IoBuffer* buf);
 
 /* ---- Log ---- */
 
-/* LOGMSG - write one line to the product's log.
+/* LOGMSG - write one line to the log.
  *   text    four digits, one severity letter ("I" information, "W" warning), one blank, the message; no newline
  *   kind    the library always passes 1
- * Must be safe in a signal handler: AlarmHandler calls it from one. */
+ * Must be async-signal-safe: AlarmHandler calls it. */
 MQ_RUNTIME void LOGMSG(const char* text, int kind);
 
 /* ---- Identity and text ---- */
 
-/* GetUserName - the current user's login name.
- *   buf     out     receives the name, NUL-terminated
- *   len     in/out  size of buf; on success the length of the name, from 0 to less than that size
- * Result   nonzero; 0 when the user cannot be told, buf is not to be used then */
+/* GetUserName - get the current user's login name.
+ *   buf     out     receives the name, null-terminated
+ *   len     in/out  size of buf; on success the length of the name, less than that size
+ * Result   nonzero; 0 if the name is not known: the contents of buf are undefined then */
 MQ_RUNTIME int GetUserName(char* buf, int* len);
 
 /* strip_spaces - remove every blank from s in place. */
 MQ_RUNTIME void strip_spaces(char* s);
 
-/* strupper - turn the lower-case letters of s into upper case in place. */
+/* strupper - convert the lower-case letters of s to upper case in place. */
 MQ_RUNTIME void strupper(char* s);
 
 /* trim_str - remove leading and trailing white space from s in place. */
@@ -93,13 +93,13 @@ MQ_RUNTIME void trim_str(char* s);
 
 /* ---- Byte order and character set ---- */
 
-/* bwlong - v with its four bytes in reverse order. */
+/* bwlong - return v with its four bytes in reverse order. */
 MQ_RUNTIME uint32_t bwlong(uint32_t v);
 
 /* IsLtEndian - nonzero on a little-endian host. */
 MQ_RUNTIME int IsLtEndian(void);
 
-/* IsAscText - nonzero when the host's text is ASCII. */
+/* IsAscText - nonzero if the character set of the host is ASCII. */
 MQ_RUNTIME int IsAscText(void);
 
 MQ_END_C

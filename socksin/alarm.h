@@ -1,7 +1,7 @@
 /* alarm.h - a guard that logs a warning when a blocking operation outlasts a time limit.
  *
- * The guard is SIGALRM and the process's one alarm: one thread at a time may use it, an alarm set elsewhere is replaced
- * by enable_alarm and cancelled by disable_alarm. Pairs do not nest: a second enable_alarm saves AlarmHandler
+ * The guard uses SIGALRM and the alarm of the process: only one thread at a time may use it, and enable_alarm replaces,
+ * disable_alarm cancels an alarm that was set elsewhere. Calls do not nest: a second enable_alarm saves AlarmHandler
  * itself. */
 #ifndef MQNODE_SOCKSIN_ALARM_H
 #define MQNODE_SOCKSIN_ALARM_H
@@ -12,19 +12,19 @@ MQ_BEGIN_C
 
 typedef void (*AlarmFn)(int signalNumber);
 
-/* The SIGALRM handler that enable_alarm replaced; null, the default action, when the library is loaded. */
+/* The SIGALRM handler that enable_alarm replaced; null, the default action, at first. */
 extern MQ_API AlarmFn pSavedAlarm;
 
-/* enable_alarm - install AlarmHandler for SIGALRM, keep the handler it replaces, and arm the alarm.
+/* enable_alarm - install AlarmHandler for SIGALRM, save the handler that it replaces, and set the alarm.
  *   seconds  until the signal
- * Result  seconds that were left of an earlier alarm, 0 when there was none */
+ * Result  the seconds that were left of an earlier alarm; 0 if there was none */
 MQ_API unsigned enable_alarm(unsigned seconds);
 
-/* disable_alarm - cancel the alarm and install the handler that pSavedAlarm holds. */
+/* disable_alarm - cancel the alarm and install the handler in pSavedAlarm. */
 MQ_API void disable_alarm(void);
 
-/* AlarmHandler - the signal handler: logs "0106W" through LOGMSG, which must be safe in a signal handler, and keeps
- * errno. Whether the interrupted system call goes on is the platform's signal semantics. */
+/* AlarmHandler - the signal handler: logs "0106W" with LOGMSG, which must be async-signal-safe, and preserves errno.
+ * Whether the interrupted system call is restarted depends on the platform. */
 MQ_API void AlarmHandler(int signalNumber);
 
 MQ_END_C

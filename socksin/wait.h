@@ -1,22 +1,22 @@
 /* wait.h - wait on many sockets at once, with one timeout and one select.
  *
- * The work record carries the socket lists in and out; the caller owns it and keeps it for any number of waits, one at
- * a time. Fill sockets (and, for NPostSocket, writable) with at most size - 1 pointers and a null pointer, wait, read
- * the output lists. Every socket of the writable input list must be in sockets too; then no output list can overflow.
+ * The work record contains the input and output lists. The caller owns it and may use it for any number of waits, one
+ * at a time. Fill sockets (and, for NPostSocket, writable) with at most size - 1 pointers and a null pointer, wait, and
+ * read the output lists. Each socket of the writable input list must also be in sockets; then no output list overflows.
  *
- * Results  1 when something was ready: the output lists are filled, in the order of the input lists, and terminated.
- *          0 when the wait failed or timed out: the output lists are untouched, not even terminated
- * status   0; errno of select (EINTR when a signal arrived); 9000 timed out; ENOMEM, see below; EINVAL for a record
- *          whose size is below 1: its lists have no room for a terminator, and nothing is read or written there
+ * Results  1 if a socket was ready: the output lists are filled, in the order of the input lists, and terminated.
+ *          0 if the wait failed or timed out: the output lists are unchanged and may not be terminated
+ * status   0; errno of select (EINTR after a signal); 9000 timed out; ENOMEM, see below; EINVAL if size is below 1:
+ *          the lists have no space for a terminator, and are neither read nor written
  * Blocks   in select, for at most the timeout
- * Memory   a wait allocates nothing while all descriptors are below 1024. With a descriptor of 1024 or more it
- *          allocates descriptor sets sized from the highest one and releases them before it returns; without memory for
- *          them the result is 0 and the status ENOMEM
- * A socket whose fd is negative is passed over. A descriptor that was closed without its record being told is an error
- * of the application, and select does not always report it: below the size of the process's descriptor table the status
- * is EBADF; above it, such a socket is ignored, or listed as ready when another socket is.
- * A trace callback may close or replace sockets that have not been reported yet, and end the input lists: results are
- * collected from the lists up to their null pointers, and from the descriptors, as they are at that moment. */
+ * Memory   a wait allocates nothing while all file descriptors are below 1024. With a higher one it allocates file
+ *          descriptor sets as large as necessary and releases them before it returns; without memory for them the
+ *          result is 0 and the status ENOMEM
+ * A socket with a negative fd is ignored. An application must not close a file descriptor behind its record, and select
+ * does not always detect this: within the process's file descriptor table the status is EBADF; beyond it, such a socket
+ * is ignored, or listed as ready when another socket is.
+ * A trace callback may close or replace sockets that have not been reported yet, and shorten the input lists: results
+ * are collected from the lists and file descriptors as they are at that time. */
 #ifndef MQNODE_SOCKSIN_WAIT_H
 #define MQNODE_SOCKSIN_WAIT_H
 
@@ -29,7 +29,7 @@
 
 MQ_BEGIN_C
 
-/* The waits of many nodes set up records of this size: 2512 sockets and the terminator. */
+/* Size of the records that mnPost and mnNPost allocate: 2512 sockets and the terminator. */
 #define SOCK_POST_SIZE 2513
 
 typedef struct SockPostData {
@@ -38,7 +38,7 @@ typedef struct SockPostData {
   SockRec** readable;    /* out: ready to read; null: reading is not watched */
   SockRec** writable;    /* NPostSocket. in: writes are waiting; out: ready to write; null: writing is not watched */
   SockRec** exceptional; /* out: exceptional condition; null: not watched */
-  fd_set* readSet;       /* the sets handed to select while every descriptor is below 1024 */
+  fd_set* readSet;       /* the sets passed to select while all file descriptors are below 1024 */
   fd_set* writeSet;
   fd_set* exceptSet;
 } SockPostData;
@@ -53,7 +53,7 @@ MQ_STATIC_ASSERT(offsetof(SockPostData, writeSet) == 48, "SockPostData.writeSet"
 MQ_STATIC_ASSERT(offsetof(SockPostData, exceptSet) == 56, "SockPostData.exceptSet");
 MQ_STATIC_ASSERT(sizeof(fd_set) == 128, "a descriptor set is 128 bytes");
 
-/* A wait lasts at most sec seconds plus msec milliseconds; both 0 polls. msec is below 1000. */
+/* A wait lasts at most sec seconds and msec milliseconds; 0 and 0 poll. msec must be below 1000. */
 typedef struct PostTimeout {
   uint32_t msec;
   uint32_t sec;
@@ -62,24 +62,24 @@ typedef struct PostTimeout {
 MQ_STATIC_ASSERT(sizeof(PostTimeout) == 8, "PostTimeout is 8 bytes");
 MQ_STATIC_ASSERT(offsetof(PostTimeout, sec) == 4, "PostTimeout.sec");
 
-/* InitSocketPostData - set up a work record for size - 1 sockets: four lists and three sets, from malloc. A size below
- * 1 makes a record that no wait accepts.
- * Result  1; 0 without memory: release the record with FreeSocketPostData all the same */
+/* InitSocketPostData - initialise a work record for size - 1 sockets: four lists and three sets, from malloc. No wait
+ * accepts a record of a size below 1.
+ * Result  1; 0 if there is no memory: call FreeSocketPostData nevertheless */
 MQ_API int InitSocketPostData(SockPostData* work, int size);
 
-/* FreeSocketPostData - release what the record points to; all its fields are null and 0 afterwards. May be called
- * again, and the record set up again. */
+/* FreeSocketPostData - release the lists and sets of the record, and set all its fields to null and 0. It may be called
+ * again, and the record may be initialised again. */
 MQ_API void FreeSocketPostData(SockPostData* work);
 
-/* PostSocket - wait for reading and exceptional conditions. A socket that is both is listed as readable only.
+/* PostSocket - wait for reading and exceptional conditions. A socket with both is listed as readable only.
  * Trace points  on each listed socket: "PostSocket:Ready", "PostSocket:Exception" */
 MQ_API int PostSocket(SockPostData* work, const PostTimeout* timeout, int* status);
 
-/* NPostSocket - wait for writing too: for the sockets of the writable list, and for stream sockets whose connected is
- * 0, whose non-blocking connect has not completed. Every socket listed as writable has connected 1 afterwards, whether
- * its connect succeeded or not: the first transfer tells. A pending connect that is readable too is listed as readable
- * only.
- * Trace points  on each listed socket: "NPostSocket:Write" (waiting writes, first), then in the order of sockets
+/* NPostSocket - wait as PostSocket, and for writing: on the sockets of the writable list, and on stream sockets whose
+ * connected is 0, that is, whose non-blocking connect has not completed. connected is set to 1 for each socket listed
+ * as writable, whether its connect succeeded or not: the first transfer reports the failure. A pending connect that is
+ * also readable is listed as readable only.
+ * Trace points  on each listed socket: first "NPostSocket:Write" for queued writes; then, in the order of sockets,
  *               "NPostSocket:Ready", "NPostSocket:Exception" or "NPostSocket:Write" (completed connects) */
 MQ_API int NPostSocket(SockPostData* work, const PostTimeout* timeout, int* status);
 

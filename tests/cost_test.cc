@@ -80,12 +80,4 @@ TEST_F(CostTest, Waits) {
   EXPECT_EQ(Cost([&] { return set.wait(std::chrono::seconds(0)); }), "select(0.000000s) = 1 | 0 0");
 }
 
-TEST_F(CostTest, CreationThroughTheCppInterface) {
-  SockAddrRec any = AddressOf("127.0.0.1", 0);
-  EXPECT_EQ(Cost([&] { return !mqnode::Node::listener(any).failed(); }),
-            Cost([&] { return !Node(CreateMQNode(&any, MQ_ROLE_LISTEN)).failed(); }));
-  EXPECT_EQ(Cost([&] { return !mqnode::Node::datagram(any).failed(); }),
-            Cost([&] { return !Node(CreateUDPMQNode(&any)).failed(); }));
-}
-
 }  // namespace

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <span>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -26,42 +26,31 @@ TEST(Errors, EveryEntryIsFoundByCodeInEachOfItsPlacesAndByBothNames) {
 
 // What the headers' enumerations define must be in the table under that name.
 TEST(Errors, CodesOfTheHeadersAreNamedAsThere) {
-#define NAMED(code, place) EXPECT_STREQ(mq_error_find(code, place)->name, #code)
-  NAMED(MQ_OK, MQ_IN_NODE);
-  NAMED(MQ_AGAIN, MQ_IN_NODE);
-  NAMED(MQ_NO_DESCRIPTOR, MQ_IN_NODE);
-  NAMED(MQ_BAD_MESSAGE, MQ_IN_NODE);
-  NAMED(MQ_NO_ROOM, MQ_IN_NODE);
-  NAMED(MQ_BAD_BODY, MQ_IN_NODE);
-  NAMED(MQ_NOT_SIGNED, MQ_IN_NODE);
-  NAMED(MQ_NOT_AUTHENTIC, MQ_IN_NODE);
-  NAMED(MQ_WRITE_LIMIT, MQ_IN_NODE);
-  NAMED(SOCK_WOULD_BLOCK, MQ_IN_SOCKET);
-  NAMED(SOCK_NO_DESTINATION, MQ_IN_SOCKET);
-  NAMED(SOCK_WAIT_TIMEOUT, MQ_IN_STATUS);
-  NAMED(SOCK_SERVICE_UNKNOWN, MQ_IN_SOCKET);
-  NAMED(SOCK_HOST_UNKNOWN, MQ_IN_SOCKET);
-  NAMED(SOCK_PEER_CLOSED, MQ_IN_SOCKET);
-  NAMED(ENOBUFS, MQ_IN_SOCKET);
-#undef NAMED
+  const auto check = [](unsigned place, std::initializer_list<std::pair<int, const char*>> codes) {
+    for (const auto& [code, name] : codes) EXPECT_STREQ(mq_error_find(code, place)->name, name);
+  };
+#define NAMED(code) {code, #code}
+  check(MQ_IN_NODE, {NAMED(MQ_OK), NAMED(MQ_AGAIN), NAMED(MQ_NO_DESCRIPTOR), NAMED(MQ_BAD_MESSAGE), NAMED(MQ_NO_ROOM),
+                     NAMED(MQ_BAD_BODY), NAMED(MQ_NOT_SIGNED), NAMED(MQ_NOT_AUTHENTIC), NAMED(MQ_WRITE_LIMIT)});
+  check(MQ_IN_SOCKET, {NAMED(SOCK_WOULD_BLOCK), NAMED(SOCK_NO_DESTINATION), NAMED(SOCK_SERVICE_UNKNOWN),
+                       NAMED(SOCK_HOST_UNKNOWN), NAMED(SOCK_PEER_CLOSED), NAMED(ENOBUFS)});
+  check(MQ_IN_STATUS, {NAMED(SOCK_WAIT_TIMEOUT)});
 }
 
 TEST(Errors, TheCauseOfANodesFailureIsItsOwnOrOfADroppedWriteItsSockets) {
-  const auto cause = [](int of_node, int of_socket) {
+  for (const auto& [of_node, of_socket, cause, place] : {std::tuple{+MQ_OK, 0, +MQ_OK, +MQ_IN_SOCKET},
+                                                         {MQ_BAD_MESSAGE, 0, MQ_BAD_MESSAGE, MQ_IN_NODE},
+                                                         {ENOBUFS, ENOBUFS, ENOBUFS, MQ_IN_SOCKET},
+                                                         {MQ_NO_DESCRIPTOR, 0, MQ_NO_DESCRIPTOR, MQ_IN_NODE},
+                                                         {MQ_AGAIN, EPIPE, EPIPE, MQ_IN_SOCKET},
+                                                         {MQ_AGAIN, SOCK_WOULD_BLOCK, MQ_AGAIN, MQ_IN_NODE}}) {
     MQNode node{};
     node.error = of_node;
     node.sock.error = of_socket;
-    unsigned place = 0;
-    const int code = mq_node_cause(&node, &place);
-    return std::pair(code, place);
-  };
-  EXPECT_EQ(cause(MQ_OK, 0), std::pair(int{MQ_OK}, unsigned{MQ_IN_SOCKET}));
-  EXPECT_EQ(cause(MQ_BAD_MESSAGE, 0), std::pair(int{MQ_BAD_MESSAGE}, unsigned{MQ_IN_NODE}));
-  EXPECT_EQ(cause(ENOBUFS, ENOBUFS), std::pair(ENOBUFS, unsigned{MQ_IN_SOCKET}));
-  EXPECT_EQ(cause(MQ_NO_DESCRIPTOR, 0), std::pair(int{MQ_NO_DESCRIPTOR}, unsigned{MQ_IN_NODE}));
-  EXPECT_EQ(cause(MQ_AGAIN, EPIPE), std::pair(EPIPE, unsigned{MQ_IN_SOCKET}));
-  EXPECT_EQ(cause(MQ_AGAIN, 0), std::pair(int{MQ_AGAIN}, unsigned{MQ_IN_NODE}));
-  EXPECT_EQ(cause(MQ_AGAIN, SOCK_WOULD_BLOCK), std::pair(int{MQ_AGAIN}, unsigned{MQ_IN_NODE}));
+    unsigned found = 0;
+    EXPECT_EQ(mq_node_cause(&node, &found), cause);
+    EXPECT_EQ(found, static_cast<unsigned>(place)) << cause;
+  }
   EXPECT_EQ(mq_node_cause(nullptr, nullptr), ENOMEM);
 }
 

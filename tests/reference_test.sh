@@ -15,7 +15,7 @@ for name in $exported; do
   section "$name" SYNOPSIS "[ *]${name}[(;[]"
   section "$name" DESCRIPTION '[a-z]'
 done
-section mnFinishWrite DESCRIPTION '105 when an entry without a descriptor was dropped'
+section mnFinishWrite DESCRIPTION '105 if an entry without a descriptor was dropped'
 section NoblockSocket DESCRIPTION 'errno of fcntl, reported'
 section BlockSocket DESCRIPTION 'errno of fcntl, reported'
 section mq_error_remedy DESCRIPTION 'of a code\\\(aqs first entry'
@@ -26,5 +26,5 @@ same groff '' "$(groff -man -ww -z -Tutf8 ./*.3 2>&1)"
 
 quietly "$tree/docs/reference/make.sh" html "$work" 0
 same doxygen '' "$(<"$work/log")"
-has "$work/html/deliver_8h.html" '105 when an entry without a' 'A node has no queue until'
-has "$work/html/structMQNode.html" 'where to connect, or what was bound'
+has "$work/html/deliver_8h.html" '105 if an entry without' 'A node gets a queue when'
+has "$work/html/structMQNode.html" 'address to connect to, or that was bound'

@@ -58,8 +58,8 @@ bool IsSafe(uint32_t point) {
   return point < 0x2066 || point > 0x2069;
 }
 
-// Appends text until its end, or limit characters. What is not safe or not UTF-8, and a quote or a backslash when quoted,
-// is appended by replace(out, bytes). Returns how many bytes were taken.
+// Appends text until its end, or limit characters. What is not safe or not UTF-8, and a quote or a backslash when
+// quoted, is appended by replace(out, bytes). Returns how many bytes were taken.
 template <typename Replace>
 size_t AppendSafe(std::string& out, std::string_view text, size_t limit, bool quoted, Replace replace) {
   const auto stays = [quoted](char c) {
