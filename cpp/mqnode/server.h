@@ -138,7 +138,7 @@ struct MqServer {
   SockPostData work;              /* of the waits */
 };
 
-/* mq_server_limits - the limits that their lines name. */
+/* mq_server_limits - the default limits, which MqServerLimits names. */
 static inline MqServerLimits mq_server_limits(void) {
   const MqServerLimits limits = {1000, 1000, 128, 32, 20, 10000, 600000, 1000, 65536, 262144, 65536, 65536};
   return limits;
