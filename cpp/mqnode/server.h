@@ -120,8 +120,9 @@ struct MqServer {
   FILE* log;                      /* stderr at first; null: no log */
   int status;                     /* of the last wait */
   int count;                      /* clients */
-  MqServerClient** clients;       /* in the order of their nodes' places in memory */
+  MqServerClient** clients;       /* in the order of their nodes' places in memory; behind them, unused records */
   MqServerClient** others;        /* this and what follows belong to the server */
+  MqServerClient* records;        /* of all clients, used and unused */
   MQNode** nodes;                 /* waited for, ended by a null pointer */
   MQNode** listening;             /* outcome of the wait */
   MQNode** readable;              /* outcome of the wait */
@@ -212,14 +213,15 @@ static inline void mq_server_sweep(MqServer* server) {
       server->clients[kept++] = client;
     }
   }
+  if (gone == 0) return;
   server->count = kept;
-  if (gone > 0) server->accepting = 1;
+  server->accepting = 1;
+  memcpy(server->clients + kept, server->others, sizeof *server->others * (size_t)gone);
   for (int i = 0; i < gone; ++i) {
     MqServerClient* const client = server->others[i];
     client->leaving = 1;
     if (server->events.dropped != NULL) server->events.dropped(server, client, client->why);
     DeleteMQNode(client->node);
-    free(client);
   }
 }
 
@@ -335,10 +337,10 @@ static inline const char* mq_server_admit(MqServer* server, int index, MQNode* n
   const in_addr_t address = inet_addr(node->sock.name.ip);
   if (mq_server_is_crowded(server, address)) return "its address has all its places";
   if (!NoblockSocket(&node->sock)) return mq_error_name(node->sock.error);
-  MqServerClient* const client = (MqServerClient*)calloc(1, sizeof *client);
-  if (client == NULL) return "no memory";
   mq_server_make_room(server, chosen);
   SetTcpNoDelay(&node->sock, 1);
+  MqServerClient* const client = server->clients[server->count];
+  memset(client, 0, sizeof *client);
   client->node = node;
   client->origin = server->added[index];
   client->secure = server->secure[index];
@@ -463,10 +465,15 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
   const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, its end included */
   server->clients = (MqServerClient**)calloc((size_t)entries, sizeof *server->clients);
   server->others = (MqServerClient**)calloc((size_t)entries, sizeof *server->others);
+  server->records = (MqServerClient*)calloc((size_t)entries, sizeof *server->records);
   server->nodes = (MQNode**)calloc((size_t)entries * 4, sizeof *server->nodes);
   server->in = mqc_message_new(0);
   if (!InitSocketPostData(&server->work, entries)) return 0;
-  if (server->clients == NULL || server->others == NULL || server->nodes == NULL || server->in == NULL) return 0;
+  if (server->clients == NULL || server->others == NULL || server->records == NULL || server->nodes == NULL ||
+      server->in == NULL) {
+    return 0;
+  }
+  for (int i = 0; i < limits->clients; ++i) server->clients[i] = server->records + i;
   server->listening = server->nodes + entries;
   server->readable = server->listening + entries;
   server->writable = server->readable + entries;
@@ -596,6 +603,7 @@ static inline void mq_server_close(MqServer* server) {
   mqc_message_free(server->in);
   FreeSocketPostData(&server->work);
   free(server->nodes);
+  free(server->records);
   free(server->others);
   free(server->clients);
   memset(server, 0, sizeof *server);
