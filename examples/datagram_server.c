@@ -2,22 +2,18 @@
  *   datagram_server HOST SERVICE      service 0 lets the kernel pick. The port is printed.
  * answers.h says what it does not answer, and how often it answers an address. */
 #include <signal.h>
-#include <time.h>
 
 #include "answers.h"
 #include "example.h"
-#include "limits.h"
+#include "mqnode/server.h"
 
 enum { MOST_PENDING = 64 }; /* answers that wait for the socket; those beyond are lost, as datagrams may be */
 
-typedef struct Server {
-  MQNode* node;
+typedef struct Records {
   PcfMessage* in;
   PcfMessage* out;
   Answers answers;
-  Teller teller;
-  long second; /* of the lines and answers that are counted */
-} Server;
+} Records;
 
 static volatile sig_atomic_t stop;
 
@@ -26,51 +22,41 @@ static void on_signal(int number) {
   stop = 1;
 }
 
-/* Says what failed and why, unless this second has lines enough. */
-static void tell_failed(Server* server, const char* what) {
-  if (may_tell(&server->teller)) failed(what, server->node);
-}
-
-/* Reads one datagram and answers a question. A bad datagram and an answer that cannot be sent are reported; the next
+/* Reads one datagram and answers a question. A bad datagram and an answer that cannot be sent are logged; the next
  * datagram is not affected. */
-static void serve(Server* server) {
-  MQNode* const node = server->node;
-  PcfMessage *const in = server->in, *const out = server->out;
+static void serve(MqServer* server, MQNode* node) {
+  Records* const own = server->data;
+  PcfMessage *const in = own->in, *const out = own->out;
   MqcParam text;
   SockAddrRec sender;
-  if (!mnRead(in, node)) {
-    if (node->error != MQ_AGAIN) tell_failed(server, "read");
+  const int got = mnRead(in, node);
+  GetFromAddr(&node->sock, &sender);
+  if (!got) {
+    if (node->error != MQ_AGAIN) mq_server_say(server, "read from", &sender, mq_error_name(node->error));
     return;
   }
-  GetFromAddr(&node->sock, &sender);
   if (mqc_command(in) != COMMAND_ASK || is_answer(in)) return;
   if (!mqc_find(in, PARAM_TEXT, &text) || text.type != MQC_TEXT) return;
-  if (!may_answer(&server->answers, &sender, server->second, MOST_ANSWERS)) return;
-  if (!mqc_begin(out, COMMAND_ANSWER) || !mqc_add_text(out, PARAM_TEXT, text.text) || !mark_answer(out) ||
-      !mnWriteTo(out, node, &sender)) {
-    tell_failed(server, "write");
-  }
+  if (!may_answer(&own->answers, &sender, (long)(server->now / 1000), MOST_ANSWERS)) return;
+  if (!mqc_begin(out, COMMAND_ANSWER) || !mqc_add_text(out, PARAM_TEXT, text.text) || !mark_answer(out)) return;
+  if (!mnWriteTo(out, node, &sender)) mq_server_say(server, "write to", &sender, mq_error_name(node->error));
 }
 
-static int run(Server* server) {
-  MQNode* nodes[] = {server->node, NULL};
-  MQNode *listening[2], *readable[2], *writable[2];
-  int status;
+static int run(MqServer* server, MQNode* node) {
+  if (!mq_server_add(server, node, 0)) return failed("bind", node);
+  node->writeLimit = MOST_PENDING;
+  if (!print_port(node)) return 0;
   while (!stop) {
-    if (server->second != (long)time(NULL)) tell_untold(&server->teller);
-    server->second = (long)time(NULL);
-    if (mnNPost(nodes, listening, readable, writable, 1, &status)) {
-      if (writable[0] != NULL && !mnFinishWrite(server->node)) tell_failed(server, "write");
-      if (readable[0] != NULL) serve(server);
-    } else if (status != SOCK_WAIT_TIMEOUT && status != EINTR) {
-      return 0;
-    }
+    if (!mq_server_round(server, 1000)) return 0;
   }
   return 1;
 }
 
 int main(int argc, char** argv) {
-  static Server server;
+  static Records own;
+  MqServer server;
+  const MqServerLimits limits = mq_server_limits();
+  const MqServerEvents events = {NULL, NULL, NULL, serve};
   SockAddrRec addr;
   if (argc != 3 || !make_address(&addr, argv[1], argv[2], "udp")) {
     fprintf(stderr, "usage: datagram_server HOST SERVICE\n");
@@ -79,18 +65,14 @@ int main(int argc, char** argv) {
   signal(SIGINT, on_signal);
   signal(SIGTERM, on_signal);
 
-  server.in = mqc_message_new(0);
-  server.out = mqc_message_new(0);
-  server.node = CreateUDPMQNode(&addr);
-  int ok = 0;
-  if (server.in == NULL || server.out == NULL || IsNodeFailed(server.node)) {
-    failed("bind", server.node);
-  } else {
-    server.node->writeLimit = MOST_PENDING;
-    ok = NoblockSocket(&server.node->sock) && print_port(server.node) && run(&server);
-  }
-  DeleteMQNode(server.node);
-  mqc_message_free(server.out);
-  mqc_message_free(server.in);
+  own.in = mqc_message_new(0);
+  own.out = mqc_message_new(0);
+  MQNode* node = CreateUDPMQNode(&addr);
+  const int opened = mq_server_open(&server, &limits, &events, &own) && own.in != NULL && own.out != NULL;
+  const int ok = opened ? run(&server, node) : failed("open", NULL);
+  mq_server_close(&server);
+  DeleteMQNode(node);
+  mqc_message_free(own.out);
+  mqc_message_free(own.in);
   return ok ? 0 : 1;
 }

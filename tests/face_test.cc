@@ -1,4 +1,5 @@
-// face_test.cc - mqnode.hpp: it owns what it should and loses no code. What it costs: cost_test.cc.
+// face_test.cc - mqnode.hpp: it owns what it should and loses no code. What it costs: cost_test.cc. server.hpp: its end;
+// the hostile runs test its limits.
 #include "mqnode/mqnode.hpp"
 
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <span>
 #include <type_traits>
 
+#include "mqnode/server.hpp"
 #include "tests/support/fixture.hh"
 
 namespace {
@@ -318,6 +320,43 @@ TEST_F(FaceWaitTest, RemovedNodesAreGoneFromAllLists) {
   EXPECT_FALSE(set_.remove(third));
   EXPECT_EQ(Listed(set_.readable()) + Listed(set_.nodes()), "0 5 0 5 ");
   EXPECT_TRUE(set_.remove(pairs_[0].server) && set_.readable().front() == pairs_[5].server);
+}
+
+// Answers with more than sockets hold.
+class LargeServer : public Server {
+ public:
+  using Server::Server;
+  std::string told;
+
+ private:
+  const char* accepted(ServerClient) noexcept override { return told += "in ", nullptr; }
+  const char* message(ServerClient client, MessageRef msg) noexcept override {
+    return msg.add(2, std::vector<uint8_t>(4 << 20)) ? sent(client.node().write(msg)) : "no memory";
+  }
+  void dropped(ServerClient, const char* why) noexcept override { told += why != nullptr ? why : "left"; }
+};
+
+TEST_F(FaceTest, ServersSendWhatWaitsBeforeTheyEnd) {
+  MqServerLimits limits = mq_server_limits();
+  limits.clientsPerAddress = 1;
+  const Node listener = Node::listener(Local(0));
+  Node client = Node::connector(Local(listener.local_port()));
+  const Node second = Node::connector(Local(listener.local_port()));
+  LargeServer server(limits);
+  server.record().log = nullptr;
+  Message msg = Filled();
+  ASSERT_TRUE(server.add(listener) && client.open() && second.open() && client.write(msg));
+  for (int i = 0; i < 500 && (server.size() == 0 || !NodeRef(server.record().clients[0]->node).has_pending()); ++i) {
+    ASSERT_TRUE(server.round(10ms));
+  }
+  EXPECT_TRUE(second.read(msg).peer_gone());
+  const pid_t reader = fork();
+  if (reader == 0) _exit(client.read(msg) && msg.params().size() == 2 && !client.read(msg) ? 0 : 1);
+  client.reset();
+  EXPECT_TRUE(server.end(30s));
+  EXPECT_EQ(server.told, "in left");
+  int status = 1;
+  EXPECT_TRUE(waitpid(reader, &status, 0) == reader && status == 0);
 }
 
 }  // namespace

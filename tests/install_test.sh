@@ -43,7 +43,7 @@ has <("$prefix/bin/mqcat" --version) "$(pkg-config --modversion mqnode)"
 
 # The C++ interface without exceptions, and an application that calls nothing in the companion.
 cat >cpp.cc <<'SOURCE'
-#include <mqnode/mqnode.hpp>
+#include <mqnode/server.hpp>
 int main() { return mqnode::Message::create().begin(1) && mqnode::WaitSet().readable().empty() ? 0 : 1; }
 SOURCE
 cat >bare.c <<'SOURCE'

@@ -1,0 +1,122 @@
+// server.hpp - the server of server.h as a C++17 class: derive from it and answer messages. Header-only.
+//
+//   class Echo : public mqnode::Server {
+//     const char* message(ServerClient client, MessageRef msg) noexcept override {
+//       return sent(client.node().write(msg));
+//     }
+//   };
+//
+//   Echo server;
+//   if (!server.add(listener)) ...
+//   while (!stop && server.round(1s)) continue;
+//   server.end(2s);
+//
+// server.h has the rules and the limits. Each operation is the C function that its comment names, and noexcept. The
+// nodes that are added belong to the application, and live until the last round is over.
+#ifndef MQNODE_MQNODE_SERVER_HPP
+#define MQNODE_MQNODE_SERVER_HPP
+
+#include <chrono>
+#include <climits>
+
+#include "mqnode/mqnode.hpp"
+#include "mqnode/server.h"
+
+namespace mqnode {
+
+// ServerClient - a connected client, valid until dropped() has returned.
+class ServerClient {
+ public:
+  explicit ServerClient(MqServerClient* client) noexcept : pointer_(client) {}
+
+  MqServerClient* get() const noexcept { return pointer_; }
+  MqServerClient& record() const noexcept { return *pointer_; }
+  // Its node: write to it, do not read from it. The listening node that accepted it.
+  NodeRef node() const noexcept { return pointer_->node; }
+  const MQNode* origin() const noexcept { return pointer_->origin; }
+  // The application's pointer; null at first.
+  void set_data(void* data) const noexcept { pointer_->data = data; }
+  template <class Type>
+  Type* data() const noexcept {
+    return static_cast<Type*>(pointer_->data);
+  }
+
+ private:
+  MqServerClient* pointer_;
+};
+
+// Server - accepts clients, reads their messages and drops those that exceed a limit.
+class Server {
+ public:
+  // mq_server_open.
+  explicit Server(const MqServerLimits& limits = mq_server_limits()) noexcept {
+    static const MqServerEvents events = {on_message, on_accepted, on_dropped, on_ready};
+    failed_ = mq_server_open(&server_, &limits, &events, this) == 0;
+  }
+  // Clients that are left are released without dropped(), whose class is gone by then: call close() before.
+  virtual ~Server() {
+    server_.events.dropped = nullptr;
+    mq_server_close(&server_);
+  }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Whether there was no memory for the server: only destroying is allowed then.
+  bool failed() const noexcept { return failed_; }
+  MqServer& record() noexcept { return server_; }
+  int size() const noexcept { return server_.count; }
+
+  // mq_server_add.
+  Result add(NodeRef node, bool is_signed = false) noexcept {
+    const int added = !failed_ && mq_server_add(&server_, node.get(), is_signed ? 1 : 0);
+    if (added != 0) return {1, MQ_OK, MQ_IN_NODE};
+    return failed_ || !node.failed() ? Result(0, ENOMEM, MQ_IN_SOCKET) : node.status();
+  }
+  // mq_server_round.
+  Result round(std::chrono::milliseconds time) noexcept {
+    const int waited = mq_server_round(&server_, to_int(time));
+    return {waited, waited != 0 ? MQ_OK : server_.status, MQ_IN_STATUS};
+  }
+  // mq_server_end. True: all answers were sent, and each client closed after that.
+  bool end(std::chrono::milliseconds time) noexcept { return mq_server_end(&server_, to_int(time)) != 0; }
+  // mq_server_close. Only destroying, or another close(), may follow.
+  void close() noexcept { mq_server_close(&server_); }
+  // mq_server_drop, mq_server_say.
+  void drop(ServerClient client, const char* why) noexcept { mq_server_drop(&server_, client.get(), why); }
+  void say(const char* what, const SockAddrRec& peer, const char* why) noexcept {
+    mq_server_say(&server_, what, &peer, why);
+  }
+
+ protected:
+  // The events of MqServerEvents.
+  virtual const char* message(ServerClient client, MessageRef msg) noexcept = 0;
+  virtual const char* accepted(ServerClient) noexcept { return nullptr; }
+  virtual void dropped(ServerClient, const char*) noexcept {}
+  virtual void ready(NodeRef) noexcept {}
+
+  // What message() returns after a write.
+  static const char* sent(const Result& result) noexcept { return result ? nullptr : result.name(); }
+
+ private:
+  static int to_int(std::chrono::milliseconds time) noexcept {
+    return static_cast<int>(time.count() < 0 ? 0 : time.count() > INT_MAX ? INT_MAX : time.count());
+  }
+  static Server& self(const MqServer* server) noexcept { return *static_cast<Server*>(server->data); }
+  static const char* on_message(MqServer* server, MqServerClient* client, PcfMessage* msg) {
+    return self(server).message(ServerClient(client), msg);
+  }
+  static const char* on_accepted(MqServer* server, MqServerClient* client) {
+    return self(server).accepted(ServerClient(client));
+  }
+  static void on_dropped(MqServer* server, MqServerClient* client, const char* why) {
+    self(server).dropped(ServerClient(client), why);
+  }
+  static void on_ready(MqServer* server, MQNode* node) { self(server).ready(node); }
+
+  MqServer server_;
+  bool failed_;
+};
+
+}  // namespace mqnode
+
+#endif
