@@ -262,7 +262,10 @@ TEST_F(SecurityTest, NobodyFillsTheMemoryForOthers) {
   ASSERT_TRUE(mqc_set_replay_limit(1024));
   Send("bob", 1024, {.ahead = 290000});
   Send("bob", 1, {.ahead = 290000, .says = "user bob has filled"});
-  Send("alice", 1200, {.pace = 10});
+  Send("alice", 1000, {.pace = 10});
+  const Bytes late = Sign();
+  Send("alice", 200, {.pace = 10});
+  EXPECT_EQ(Refusal(late), "") << "alice has her share too";
   Send("bob", 1, {.says = kForgotten});
   EXPECT_EQ(Remembered(), 1024u + 2) << "and a block for each user";
   ExpectNothingIsAcceptedTwice();
