@@ -256,10 +256,12 @@ class App {
     flow.items.push_back(
         {format("{}:{} from tester", number_, size), end + out_->raw.length + (link->secure ? 128 : 0)});
     SockAddrRec to = AddressOf("127.0.0.1", PortOf(link->nodes[1 - from]->sock.fd));
+    const bool queued = link->nodes[from]->pending != nullptr;
     const bool taken = DoOn("write", link, from, [&](MQNode* node) {
       return mnSWriteTo(out_, node, link->datagram ? &to : nullptr, link->secure, keys_.signer.get());
     });
     if (!taken) {
+      Expect(queued || link->nodes[from]->pending == nullptr, "a write that failed left a queue behind");
       flow.items.pop_back();
       if (flow.sent > end) Lose("a write that was refused had sent a part", link, true);
     }

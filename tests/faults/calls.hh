@@ -9,9 +9,7 @@ namespace faults {
 
 // Codes beside errno values. kZero: the call returns 0 (the peer ended, the wait timed out). kNone: a failure without
 // an errno. kCut: a transfer moves one byte.
-constexpr int kZero = Platform::kZero;
-constexpr int kNone = 0;
-constexpr int kCut = kZero - 1;
+constexpr int kZero = Platform::kZero, kNone = 0, kCut = kZero - 1;
 
 inline std::string CodeName(int code) {
   return code == kCut ? "CUT" : code == kZero ? "ZERO" : code == kNone ? "NONE" : strerrorname_np(code);
