@@ -24,7 +24,7 @@ Package: libmqnode-dev Depends: libmqnode1, libmqcompanion1
 Package: libmqnode1 Depends: libc6
   lib/libmqnode.so.1.x
   lib/libmqnode.so.1
-Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libsodium, libstdc++6
+Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libpcap0.8, libsodium, libstdc++6
   bin/mqcat
   share/bash-completion/completions/mqcat
   share/man/man1/mqcat.1.gz
@@ -34,7 +34,7 @@ prefix=$work/root/usr
 lib=$prefix/lib/x86_64-linux-gnu
 export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
 same 'installed headers' \
-  "$(cd "$tree" && git ls-files '*.h' '*.hpp' | grep -E '^(mqnode|queue|runtime|socksin|sockutil|companion|cpp)/')" \
+  "$(cd "$tree" && git ls-files '*.h' '*.hpp' | sed -nE '/^(mqnode|queue|runtime|socksin|sockutil|companion|cpp)/{s,^cpp/,,;p}' | sort)" \
   "$(cd "$prefix/include/mqnode-1" && find . -type f | sed 's,^\./,,' | sort)"
 same 'directories of this machine' '' "$(grep -rIlE "$build|$tree|$work" "$prefix")"
 quietly "$tree/tests/checks/elf.sh" hardened "$lib"/libmq*.so.? "$prefix/bin/mqcat"
