@@ -1,19 +1,20 @@
 // companion_test.cc - the companion runtime: memory, buffers, text, messages and the log.
 // Not here: keys and signatures (companion_security_test.cc).
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <fmt/ranges.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <random>
+#include <regex>
 
 #include "tests/support/records.hh"
 
-// The system as the companion finds it: another time of day, a user without an entry or with this name, an iconv that
+// The system as the companion finds it: another time of day, a user of this name or without an entry, an iconv that
 // knows no EBCDIC.
 struct System {
   const timespec* time = nullptr;
-  bool has_user = true;
   const char* user = nullptr;
   int user_code = 0;
   bool has_ebcdic = true;
@@ -26,16 +27,15 @@ extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
   return 0;
 }
 
-extern "C" int getpwuid_r(uid_t uid, passwd* entry, char* place, size_t size, passwd** found) {
-  const int result = Next<decltype(getpwuid_r)>("getpwuid_r")(uid, entry, place, size, found);
-  if (!host.has_user) *found = nullptr;
-  if (host.user != nullptr && *found != nullptr) entry->pw_name = const_cast<char*>(host.user);
-  return host.user_code != 0 ? host.user_code : result;
+extern "C" int getpwuid_r(uid_t, passwd* entry, char*, size_t, passwd** found) {
+  entry->pw_name = const_cast<char*>(host.user);
+  *found = host.user != nullptr ? entry : nullptr;
+  return host.user_code;
 }
 
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
-  if (!host.has_ebcdic) return reinterpret_cast<iconv_t>(-1);
-  return Next<decltype(iconv_open)>("iconv_open")(to, from);
+  static const auto next = reinterpret_cast<decltype(&iconv_open)>(dlsym(RTLD_NEXT, "iconv_open"));
+  return host.has_ebcdic ? next(to, from) : reinterpret_cast<iconv_t>(-1);
 }
 
 namespace {
@@ -44,37 +44,34 @@ class CompanionTest : public Fixture {
  protected:
   ~CompanionTest() override { host = {}; }
 
-  // Runs a disabled test in a process of its own, with one more variable in its environment.
-  static void RunAlone(const std::string& test, const std::string& variable = "") {
+  // Runs a disabled test in a process of its own, behind what the shell is to read first.
+  static void RunAlone(const std::string& test, const std::string& before = "") {
     const char* const how = "{} {} --gtest_filter={} --gtest_also_run_disabled_tests --gtest_brief=1";
-    EXPECT_EQ(system(format(fmt::runtime(how), variable, program_invocation_name, test).c_str()), 0);
+    EXPECT_EQ(system(format(fmt::runtime(how), before, program_invocation_name, test).c_str()), 0);
   }
 };
 
 // ---- Memory ----
 
-std::string Text(const MqcMemory& account) {
-  return format("{} live of {}, peak {}, {} bytes", account.live_blocks, account.total_blocks, account.peak_blocks,
-                account.live_bytes);
+std::string Text(const MqcMemory& it) {
+  return format("{} of {}, peak {}, {} bytes", it.live_blocks, it.total_blocks, it.peak_blocks, it.live_bytes);
 }
 
 // Whatever the order of their release: no block overlaps another, records are zero, areas begin at multiples of 64.
 TEST_F(CompanionTest, BlocksStayApartAndAreCounted) {
   struct Block {
     bool is_record;
-    uint32_t size;
-    uint8_t fill;
-    IoBuffer area = {};  // a record is its data
-    bool IsFilled(int byte) const { return std::count(area.data, area.data + size, byte) == size; }
-    void Release() { is_record ? FreeMemory(area.data) : DeleteBuffer(&area); }
+    int fill;
+    IoBuffer area;  // a record is its data
+    bool IsFilled(int byte) const { return std::count(area.data, area.data + area.length, byte) == area.length; }
   };
   std::vector<Block> blocks;
   std::mt19937 random(1);
   MqcMemory records = {};
-  for (int step = 0; step < 8000; ++step) {
-    if (blocks.size() < 60 && random() % 5 < 3) {
+  for (int step = 0; step < 8000 || !blocks.empty(); ++step) {
+    if (step < 8000 && blocks.size() < 60 && random() % 5 < 3) {
       const auto size = static_cast<uint32_t>(random() % 2 != 0 ? 32 : random() % (random() % 40 == 0 ? 100000 : 2300));
-      Block block = {random() % 2 != 0, size, static_cast<uint8_t>(step | 1)};
+      Block block = {random() % 2 != 0, (step | 1) & 0xff, {nullptr, size, size, 0, 0, 0}};
       if (block.is_record) {
         ASSERT_TRUE(fNewMemory(reinterpret_cast<void**>(&block.area.data), size, "block") && block.IsFilled(0));
         records.peak_blocks = std::max(++records.live_blocks, records.peak_blocks);
@@ -87,221 +84,173 @@ TEST_F(CompanionTest, BlocksStayApartAndAreCounted) {
       blocks.push_back(block);
     } else if (!blocks.empty()) {
       std::swap(blocks[random() % blocks.size()], blocks.back());
-      ASSERT_TRUE(blocks.back().IsFilled(blocks.back().fill));
-      if (blocks.back().is_record) records.live_blocks -= 1, records.live_bytes -= blocks.back().size;
-      blocks.back().Release();
+      Block block = blocks.back();
       blocks.pop_back();
+      ASSERT_TRUE(block.IsFilled(block.fill));
+      if (block.is_record) records.live_blocks -= 1, records.live_bytes -= block.area.length;
+      block.is_record ? FreeMemory(block.area.data) : DeleteBuffer(&block.area);
     }
     ASSERT_EQ(Text(Account("block")), Text(records));
   }
-  for (Block& block : blocks) block.Release();
 }
 
 // More places than are remembered, each told by its text then; no tag; more tags than are told apart.
 TEST_F(CompanionTest, TagsAreToldByTheirTextUpToSixtyFour) {
-  static char places[300][4], names[100][8];
-  const auto allocate = [](const char* tag) {
-    void* block;
-    EXPECT_TRUE(fNewMemory(&block, 1, tag));
-    FreeMemory(block);
-    return Account(tag != nullptr ? tag : "(none)").total_blocks;
-  };
-  for (uint64_t i = 0; i < 300; ++i) {
-    strcpy(places[i], "T1");
-    EXPECT_EQ(allocate(places[i]) + allocate(places[i]), 4 * i + 3);
-  }
-  EXPECT_EQ(allocate(nullptr), 1u);
-  for (int i = 0; i < 100; ++i) allocate(strcpy(names[i], format("tag {}", i).c_str()));
+  static char names[400][8];
   MqcMemory none, all;
-  EXPECT_TRUE(mqc_memory("T1", &all) && !mqc_memory("never used", &none));
-  EXPECT_EQ(Text(none), "0 live of 0, peak 0, 0 bytes");
-  EXPECT_TRUE(mqc_memory(nullptr, &all));
+  uint64_t sum = 0;
+  for (int i = 0; i < 400; ++i) {
+    void* block;
+    strcpy(names[i], i < 300 ? "T1" : format("tag {}", i).c_str());
+    for (const char* tag : {names[i], names[i], static_cast<char*>(nullptr)}) {
+      ASSERT_TRUE(fNewMemory(&block, 1, tag));
+      FreeMemory(block);
+    }
+  }
+  EXPECT_EQ(Text(Account("T1")), "0 of 600, peak 1, 0 bytes");
+  EXPECT_EQ(Account("(none)").total_blocks, 400u);
+  EXPECT_GT(Account("(other)").total_blocks, 60u);
+  EXPECT_TRUE(mqc_memory("T1", &all) && mqc_memory(nullptr, &all) && !mqc_memory("never used", &none));
+  EXPECT_EQ(Text(none), "0 of 0, peak 0, 0 bytes");
   uint32_t count = 0;
-  for (; mqc_memory_tag(count) != nullptr; ++count) none.total_blocks += Account(mqc_memory_tag(count)).total_blocks;
+  for (; mqc_memory_tag(count) != nullptr; ++count) sum += Account(mqc_memory_tag(count)).total_blocks;
   EXPECT_EQ(count, 64u);
-  EXPECT_EQ(none.total_blocks, all.total_blocks);
-  EXPECT_GT(Account("(other)").total_blocks, 30u);
+  EXPECT_EQ(sum, all.total_blocks);
 }
 
-// The address sanitizer lets nobody touch this byte; it is there in its builds alone.
-extern "C" __attribute__((weak)) int __asan_address_is_poisoned(const volatile void* byte);
-bool IsClosed(const void* byte) { return !__asan_address_is_poisoned || __asan_address_is_poisoned(byte); }
-
 TEST_F(CompanionTest, BuffersKeepTheirContract) {
-  const struct {
-    void (*act)(IoBuffer*);
-    const char* state;
-  } steps[] = {
-      {[](IoBuffer* buf) { mqc_fail_allocation(1, 0), CreateBuffer(buf, 50); }, "0/0, flags 0, received 0, sent 0"},
-      {[](IoBuffer* buf) { CreateBuffer(buf, 16520); }, "16520/16520, flags 0, received 0, sent 0"},
-      {[](IoBuffer* buf) { *buf = {buf->data, 10, 16520, 2, 136, 3}, SizeBuffer(buf, 20000); },
-       "10/20000, flags 2, received 136, sent 3"},
-      {[](IoBuffer* buf) { SizeBuffer(buf, 10); }, "10/20000, flags 2, received 136, sent 3"},
-      {[](IoBuffer* buf) { buf->length = 200, SizeBuffer(buf, 30000); }, "200/30000, flags 2, received 136, sent 3"},
-      {[](IoBuffer* buf) { mqc_fail_allocation(1, 0), SizeBuffer(buf, 40000); },
-       "200/30000, flags 2, received 136, sent 3"},
-      {[](IoBuffer* buf) { ResetBuffer(buf, 32); }, "32/30000, flags 2, received 0, sent 0"},
-      {[](IoBuffer* buf) { DeleteBuffer(buf); }, "0/0, flags 2, received 0, sent 0"},
-      {[](IoBuffer* buf) { DeleteBuffer(buf); }, "0/0, flags 2, received 0, sent 0"},
-      {[](IoBuffer* buf) { SizeBuffer(buf, 50); }, "0/50, flags 2, received 0, sent 0"},
+  const std::pair<void (*)(IoBuffer*), const char*> steps[] = {
+      // What is done; length, capacity, flags, received, sent.
+      {[](IoBuffer* buf) { mqc_fail_allocation(1, 0), CreateBuffer(buf, 50); }, "0 0 0 0 0"},
+      {[](IoBuffer* buf) { CreateBuffer(buf, 16520); }, "16520 16520 0 0 0"},
+      {[](IoBuffer* buf) { *buf = {buf->data, 10, 16520, 2, 136, 3}, SizeBuffer(buf, 20000); }, "10 20000 2 136 3"},
+      {[](IoBuffer* buf) { SizeBuffer(buf, 10); }, "10 20000 2 136 3"},
+      {[](IoBuffer* buf) { buf->length = 200, SizeBuffer(buf, 30000); }, "200 30000 2 136 3"},
+      {[](IoBuffer* buf) { mqc_fail_allocation(1, 0), SizeBuffer(buf, 40000); }, "200 30000 2 136 3"},
+      {[](IoBuffer* buf) { ResetBuffer(buf, 32); }, "32 30000 2 0 0"},
+      {[](IoBuffer* buf) { buf->received = buf->sent = 1, DeleteBuffer(buf), DeleteBuffer(buf); }, "0 0 2 0 0"},
+      {[](IoBuffer* buf) { SizeBuffer(buf, 50); }, "0 50 2 0 0"},
   };
   IoBuffer buf;
   memset(static_cast<void*>(&buf), 0xff, sizeof buf);  // is not looked at by the first step
   for (const auto& [act, state] : steps) {
     act(&buf);
-    EXPECT_EQ(
-        format("{}/{}, flags {}, received {}, sent {}", buf.length, buf.capacity, buf.flags, buf.received, buf.sent),
-        state);
+    EXPECT_EQ(format("{} {} {} {} {}", buf.length, buf.capacity, buf.flags, buf.received, buf.sent), state);
     ASSERT_EQ(buf.data == nullptr, buf.capacity == 0);
     // What was received, and what is to be sent, stays.
     const uint32_t held = buf.received != 0 ? std::max(buf.received, buf.length) : 0;
     EXPECT_EQ(std::count(buf.data, buf.data + held, 7), held) << state;
     if (buf.data != nullptr) memset(buf.data, 7, buf.capacity);
   }
-  const IoBuffer copy = buf;
+  IoBuffer copy = buf;
   CreateBuffer(&buf, 50);  // the copy owns the first area now
   EXPECT_NE(copy.data, buf.data);
-  EXPECT_TRUE(IsClosed(copy.data + 50));
-  for (IoBuffer each : {copy, buf}) DeleteBuffer(&each);
-  EXPECT_TRUE(IsClosed(copy.data) && IsClosed(buf.data));
+  for (IoBuffer* each : {&copy, &buf}) DeleteBuffer(each);
 }
 
 // ---- Text ----
 
 TEST_F(CompanionTest, TextChangesInPlace) {
-  const struct {
-    void (*change)(char*);
-    const char *in, *out;
-  } rows[] = {
-      {strip_spaces, " a b\tc\n ", "abc"}, {strip_spaces, "", ""}, {strupper, "a[z{\xe4Q9", "A[Z{\xe4Q9"},
-      {trim_str, " \t a b \r\n", "a b"},   {trim_str, "   ", ""},  {trim_str, "x", "x"},
-  };
-  for (const auto& [change, in, out] : rows) {
-    std::string text = in;
+  const auto changed = [](void (*change)(char*), std::string text) {
     change(text.data());
-    EXPECT_STREQ(text.c_str(), out) << "from \"" << in << '"';
-  }
-  EXPECT_EQ(bwlong(0x88000000), 136u);
-  EXPECT_TRUE(IsLtEndian() && IsAscText());
+    return std::string(text.c_str());
+  };
+  EXPECT_EQ(changed(strip_spaces, " a b\tc\n "), "abc");
+  EXPECT_EQ(changed(strupper, "a[z{\xe4Q9"), "A[Z{\xe4Q9");
+  EXPECT_EQ(changed(trim_str, " \t a b \r\n") + changed(trim_str, "  "), "a b");
+  EXPECT_TRUE(bwlong(0x88000000) == 136 && IsLtEndian() && IsAscText());
 }
 
 // Without an entry, as in many containers, LOGNAME tells. Empty: it cannot be told.
 TEST_F(CompanionTest, TheUserNameFitsOrIsRefused) {
-  const struct {
-    System system;
-    const char* logname;
-    int size;
-    const char* name;
-  } rows[] = {
-      {{.user = "entry"}, "logname", 6, "entry"},
-      {{.user = "entry"}, "logname", 5, ""},
-      {{.user = "entry"}, "logname", 0, ""},
-      {{.user = ""}, "logname", 256, ""},
-      {{.user_code = EIO}, "failed", 256, "failed"},
-      {{.has_user = false}, "logname", 256, "logname"},
-      {{.has_user = false}, "", 256, ""},
-      {{.has_user = false}, nullptr, 256, ""},
+  const auto name = [](const char* user, int code, const char* logname, int size) -> std::string {
+    host = {.user = user, .user_code = code};
+    logname != nullptr ? setenv("LOGNAME", logname, 1) : unsetenv("LOGNAME");
+    char text[256];
+    return GetUserName(text, &size) ? "is " + std::string(text, static_cast<size_t>(size)) : "";
   };
-  for (const auto& row : rows) {
-    host = row.system;
-    row.logname != nullptr ? setenv("LOGNAME", row.logname, 1) : unsetenv("LOGNAME");
-    char name[256];
-    int length = row.size;
-    const bool told = GetUserName(name, &length);
-    EXPECT_STREQ(told ? name : "", row.name);
-    EXPECT_TRUE(!told || static_cast<size_t>(length) == strlen(name));
-  }
+  EXPECT_EQ(name("entry", 0, "logname", 6), "is entry");
+  EXPECT_EQ(name("entry", 0, "logname", 5) + name("entry", 0, "logname", 0) + name("", 0, "logname", 256), "");
+  EXPECT_EQ(name("failed", EIO, "log", 4), "is log");
+  EXPECT_EQ(name(nullptr, 0, "logname", 8) + name(nullptr, 0, nullptr, 256), "is logname");
 }
 
 // ---- Messages ----
 
+// What the functions for received messages say of this one, in turn.
+std::string Results(PcfMessage* msg) {
+  const auto results = {VerifyMessage(&msg->raw), RawToPcf(msg), AlienToNative(&msg->raw), RawToPcf(msg),
+                        AlienPcfToNative(msg),    RawToPcf(msg)};
+  return format("{}", fmt::join(results, ""));
+}
+
+// Nothing in a sender's form is parsed, nor a body behind a converted header; what is converted stays.
 TEST_F(CompanionTest, EverySenderArrivesAsIfItWereTheHost) {
   const auto built = mqnode::Message::create();
-  BuildSample(built);
-  const std::string shown = format("{}alice, foreign sender, ", kSample);
-  EXPECT_EQ(Show(built), shown + "alice");
+  ASSERT_TRUE(built.begin(77) && built.add(1, "four") && built.add(2, -5) && built.add(3, INT64_MIN + 1));
+  ASSERT_TRUE(built.add(4, mqnode::Bytes("\0\xfe\xff", 3)) && built.add(1, ""));
+  auto* const header = reinterpret_cast<MsgHeader*>(built.record().raw.data);
+  strcpy(header->userId, "alice");  // as the library does before it sends
+  strcpy(header->applName, "foreign sender");
+  EXPECT_EQ(Show(built), format("{}alice, foreign sender, ", kSample));
   for (const Form form : kForms) {
-    SCOPED_TRACE(format("big {} ebcdic {}", form.big, form.ebcdic));
     Exact arrived(SampleFrom(form));
-    PcfMessage* const msg = arrived.get();
-    // Nothing in a sender's form is parsed, nor a body behind a converted header; what is converted stays.
-    std::string results;
-    for (const int result :
-         {VerifyMessage(&msg->raw), RawToPcf(msg), AlienToNative(&msg->raw), AlienToNative(&msg->raw), RawToPcf(msg),
-          AlienPcfToNative(msg), AlienPcfToNative(msg), RawToPcf(msg), VerifyMessage(&msg->raw)}) {
-      results += std::to_string(result);
-    }
-    EXPECT_EQ(results, form.big || form.ebcdic ? "001101111" : "111111111");
-    EXPECT_EQ(Show(arrived), shown);
+    EXPECT_EQ(Results(arrived.get()), form.big || form.ebcdic ? "001011" : "111111");
+    EXPECT_EQ(Results(arrived.get()), "111111");
+    EXPECT_EQ(Show(arrived), format("{}alice, foreign sender, ", kSample));
     EXPECT_EQ(RawOf(arrived), RawOf(built));
     EXPECT_FALSE(arrived.params()[5] || arrived.find(99));
   }
 }
 
-// What becomes of the bytes of one message: nothing, or why it was refused. One that was is as it was, or its header is
-// converted; it has no parameters.
+// Why the bytes of one message are refused, or nothing. What was refused is as it was, or its header is converted; it
+// has no parameters.
 std::string Refusal(const Bytes& raw) {
   Exact arrived(raw);
   const bool has_header = AlienToNative(&arrived->raw);
-  const Bytes before = has_header ? RawOf(arrived) : raw;
-  EXPECT_TRUE(has_header || RawOf(arrived) == raw);
+  const Bytes before = RawOf(arrived);
+  EXPECT_TRUE(has_header || before == raw);
   if (!has_header) return mqc_header_error();
   const bool converted = AlienPcfToNative(arrived.get());
   EXPECT_TRUE(converted || RawOf(arrived) == before);
   if (converted && RawToPcf(arrived.get())) return "";
   EXPECT_EQ(arrived.command() + arrived.params().size(), 0u);
-  EXPECT_NE(arrived.error(), "");
   return mqc_message_error(arrived.get());
 }
 
 // The words of the sample: five parameters with their heads at 144, 164, 180, 200 and 216, 232 bytes in all.
 TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
-  const struct {
-    size_t at;
-    uint32_t word;
-    const char* says;
-  } rows[] = {
+  const std::tuple<size_t, uint32_t, const char*> rows[] = {
+      {0, 135, "not the length 136"},
       {8, 2, "the byte order flag is 2"},
       {12, 2, "the character set flag is 2"},
       {4, 0, "the body's encoding is version 0, not 1"},
       {64, 0, "the header says 0 bytes of body, the message has 96"},
-      {64, kSampleBody + 1, "the header says 97 bytes"},
       {64, 0xffffffff, "the header says 4294967295 bytes"},
       {140, 4, "16 bytes follow the last parameter"},
       {140, 6, "parameter 5 of 6: the body ends in its head"},
       {140, MQC_MAX_PARAMS + 1, "3741 parameters, at most 3740"},
       {148, 0, "parameter 0 (id 1, type 0): unknown type, length 4"},
-      {148, 5, "(id 1, type 5): unknown type"},
       {152, 77, "longer than the body, bytes left: 76"},
       {152, 76, "padding beyond the body, bytes left: 76"},
       {152, 3, "padding is not zero after 3"},
       {152, 5, "text with a zero byte among its 5"},
       {168, 2, "parameter 1 (id 2, type 2): an integer of length 4"},
       {172, 3, "parameter 1 (id 2, type 1): an integer of length 3"},
-      {188, 4, "parameter 2 (id 3, type 2): an integer of length 4"},
-      {208, 2, "padding is not zero after 2"},
-      {224, 4, "parameter 4 (id 1, type 3): padding beyond the body, bytes left: 4"},
   };
   for (const Form form : kForms) {
-    SCOPED_TRACE(format("big {} ebcdic {}", form.big, form.ebcdic));
     const Bytes whole = SampleFrom(form);
     EXPECT_EQ(Refusal(whole), "");
     for (const auto& [at, word, says] : rows) ExpectSays(Refusal(With(whole, at, word, form.big)), says);
-    ExpectSays(Refusal(With(whole, 0, 135, form.big)), "not the length 136");
     ExpectSays(Refusal(With(whole, 8, !form.big, form.big)), "the byte order flag contradicts the first word");
-    // Cut anywhere, or with bytes behind, whether the header says so or not.
-    for (size_t size = 0; size < whole.size() + 13; ++size) {
-      if (size == whole.size()) continue;
-      Bytes other = whole;
+    for (uint32_t size = 136; size < whole.size() + 13; ++size) {
+      Bytes other = With(whole, 64, size - 136, form.big);
       other.resize(size);
-      EXPECT_NE(Refusal(other), "") << size;
-      if (size < 136) continue;
-      const auto body = static_cast<uint32_t>(size - 136);
-      EXPECT_NE(Refusal(With(other, 64, body, form.big)), "") << size << ", announced";
+      EXPECT_EQ(Refusal(other).empty(), size == whole.size()) << size;
     }
   }
-  ExpectSays(Refusal(With(SampleFrom({false, false}), 68, 4)), "the origin word is 4");
-  Exact broken(With(SampleFrom({false, false}), 140, 6));
+  ExpectSays(Refusal(With(SampleFrom({}), 68, 4)), "the origin word is 4");
+  Exact broken(With(SampleFrom({}), 140, 6));
   EXPECT_FALSE(VerifyMessage(&broken->raw));
   ExpectSays(mqc_header_error(), "the body ends in its head");
 }
@@ -309,25 +258,21 @@ TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
 // Records whose area, or what they say of it, can hold no message: no function reads it. A browse leaves the length, so
 // that a header is judged by the area alone; it moves along when the area grows.
 TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
-  const Bytes sample = SampleFrom({false, false});
+  const Bytes sample = SampleFrom({});
   const auto size = static_cast<uint32_t>(sample.size());
-  const struct {
-    bool data;
-    uint32_t capacity, length;
-    const char* results;  // AlienToNative, VerifyMessage, the last parameter, RawToPcf, AlienPcfToNative; the names
-  } rows[] = {{false, size, size, "00000; , , "},
-              {true, size - 1, size, "10100; alice, foreign sender, "},
-              {true, size, 135, "10000; , , "},
-              {true, 135, 135, "00000; , , "},
-              {true, 136, 0, "10000; , , "}};
-  for (const auto& row : rows) {
+  const std::tuple<bool, uint32_t, uint32_t, const char*> rows[] = {
+      // Whether there is an area, its capacity, its length; the last parameter, functions, names.
+      {false, size, size, "0 000000; , , "},
+      {true, size - 1, size, "1 001000; alice, foreign sender, "},
+      {true, size, 135, "0 001000; , , "},
+      {true, 135, 135, "0 000000; , , "}};
+  for (const auto& [has_area, capacity, length, shown] : rows) {
     Exact exact(sample);
     ASSERT_TRUE(exact.Read());
-    PcfMessage* const msg = exact.get();
-    msg->raw = {nullptr, row.data ? msg->raw.data : nullptr, nullptr, row.capacity, row.length};
-    std::string results = format("{}{}{:d}", AlienToNative(&msg->raw), VerifyMessage(&msg->raw), !!exact.params()[4]);
-    for (const int result : {RawToPcf(msg), AlienPcfToNative(msg)}) results += std::to_string(result);
-    EXPECT_EQ(results + Show(exact).substr(2), row.results);
+    exact->raw = {nullptr, has_area ? exact->raw.data : nullptr, nullptr, capacity, length};
+    const bool is_there{exact.params()[4]};
+    const std::string results = Results(exact.get());
+    EXPECT_EQ(format("{:d} {}{}", is_there, results, Show(exact).substr(2)), shown);
   }
   const auto browsed = mqnode::Message::create();
   memcpy(browsed.record().raw.data, SampleFrom({true, true}).data(), 136);
@@ -336,52 +281,25 @@ TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
   EXPECT_EQ(reinterpret_cast<MsgHeader*>(browsed.record().raw.data)->bodyLength, kSampleBody);
 }
 
-// Runs in a process of its own: the table is made once.
+// Runs in a process of its own: the table is made once. Messages and envelopes are made while iconv knows it.
 TEST_F(CompanionTest, DISABLED_WithoutEbcdic) {
-  std::vector<std::pair<Bytes, Bytes>> arriving;  // messages and envelopes, made while iconv knows it
-  for (const Form form : kForms) arriving.emplace_back(SampleFrom(form), sender::Enveloped(form, "", "alice", ""));
+  const Bytes ascii = SampleFrom({true, false}), ebcdic = SampleFrom({true, true});
+  Bytes envelope = sender::Enveloped({true, true}, "", "alice", ""), before = envelope;
   host.has_ebcdic = false;
-  for (size_t i = 0; i < std::size(kForms); ++i) {
-    auto& [message, envelope] = arriving[i];
-    const Bytes before = envelope;
-    EXPECT_EQ(Refusal(message), kForms[i].ebcdic ? "the system's iconv does not know IBM1047" : "");
-    EXPECT_EQ(AlienToNativeExt(reinterpret_cast<SecureHeader*>(envelope.data())), !kForms[i].ebcdic);
-    EXPECT_TRUE(!kForms[i].ebcdic || envelope == before);
-  }
-  // A native header whose text is still EBCDIC.
-  ExpectSays(Refusal(With(arriving[0].first, 68, 2)), "IBM1047");
+  EXPECT_EQ(Refusal(ascii), "");
+  EXPECT_TRUE(AlienToNativeExt(reinterpret_cast<SecureHeader*>(sender::Enveloped({true, false}, "", "", "").data())));
+  EXPECT_EQ(Refusal(ebcdic), "the system's iconv does not know IBM1047");
+  EXPECT_FALSE(AlienToNativeExt(reinterpret_cast<SecureHeader*>(envelope.data())));
+  EXPECT_EQ(envelope, before);
+  ExpectSays(Refusal(With(SampleFrom({}), 68, 2)), "IBM1047");  // a native header, the body's text is still EBCDIC
 }
 
 TEST_F(CompanionTest, WithoutEbcdicOnlyAsciiArrives) { RunAlone("CompanionTest.DISABLED_WithoutEbcdic"); }
 
-// An area of the host's own is used while it is large enough, and never released.
-TEST_F(CompanionTest, OnlyItsOwnAreaIsReleased) {
-  const struct {
-    uint32_t capacity, added;
-    bool stays;
-    uint64_t blocks;  // of the companion's, afterwards
-  } rows[] = {{0, 0, false, 1}, {100, 0, false, 1}, {200, 0, true, 0}, {200, 40, true, 0}, {200, 300, false, 1}};
-  uint8_t area[200];
-  const std::string text(300, 'x');
-  for (const auto& row : rows) {
-    const uint64_t live = Account("message").live_blocks;
-    PcfMessage record = {};
-    record.raw.data = row.capacity != 0 ? area : nullptr;
-    record.raw.capacity = row.capacity;
-    ASSERT_TRUE(mqc_begin(&record, 1));
-    ASSERT_TRUE(row.added == 0 || mqc_add_bytes(&record, 1, text.data(), row.added));
-    EXPECT_EQ(record.raw.data == area, row.stays) << row.capacity;
-    EXPECT_EQ(Account("message").live_blocks, live + row.blocks) << row.capacity;
-    mqc_message_release(&record);
-    mqc_message_release(&record);
-    EXPECT_EQ(record.raw.data, nullptr);
-    EXPECT_FALSE(mqc_add_int32(&record, 1, 1));
-    EXPECT_STREQ(mqc_message_error(&record), "the record holds no message to add to");
-  }
-  mqc_message_free(nullptr);
-}
-
 TEST_F(CompanionTest, MessagesAreBounded) {
+  PcfMessage empty = {};
+  EXPECT_FALSE(mqc_add_int32(&empty, 1, 1));
+  EXPECT_STREQ(mqc_message_error(&empty), "the record holds no message to add to");
   const auto msg = mqnode::Message::create(1006);  // the 54th parameter ends two bytes behind this area
   ASSERT_TRUE(msg.begin(1));
   for (uint32_t i = 0; i < MQC_MAX_PARAMS; ++i) {
@@ -391,9 +309,8 @@ TEST_F(CompanionTest, MessagesAreBounded) {
   const Bytes most = RawOf(msg);
   EXPECT_FALSE(msg.add(1, 1));
   EXPECT_EQ(msg.error(), "a message has at most 3740 parameters");
-  EXPECT_EQ(RawOf(msg), most) << "a failed add leaves the message as it was";
   Exact arrived(most);
-  EXPECT_TRUE(arrived.Read());
+  EXPECT_TRUE(RawOf(msg) == most && arrived.Read()) << "a failed add leaves the message as it was";
   EXPECT_EQ(arrived.params()[MQC_MAX_PARAMS - 1].number(), MQC_MAX_PARAMS - 1);
 
   const std::string half(MQ_MAX_MESSAGE / 2, 'x');
@@ -407,33 +324,29 @@ TEST_F(CompanionTest, MessagesAreBounded) {
 
 // ---- Log ----
 
-constexpr timespec kLeapDay = {1709210096, 789000000};
-constexpr char kLeapDayText[] = "2024-02-29T12:34:56.789Z ";
+// Without the time of each line.
+std::string Untimed(const std::string& text) {
+  return std::regex_replace(text, std::regex("\\d{4}-\\d\\d-\\d\\dT[0-9:.]{12}Z "), "");
+}
 
 class LogTest : public CompanionTest {
  protected:
-  LogTest() {
-    host.time = &kLeapDay;
-    mqc_log_to(path_.c_str());
+  LogTest() { mqc_log_to(path_.c_str()); }
+  ~LogTest() override {
+    dup2(standard_error_, STDERR_FILENO);
+    close(standard_error_);
   }
-  // What was logged, without the time of each line.
-  std::string Logged() const {
-    std::string text = Content(path_), start = kLeapDayText;
-    for (size_t at; (at = text.find(start)) != text.npos;) text.erase(at, start.size());
-    return text;
-  }
+  std::string Logged() const { return Untimed(Content(path_)); }
+  const int standard_error_ = dup(STDERR_FILENO);
   const Folder folder_;
   const std::string path_ = folder_.Name("log");
 };
 
 TEST_F(LogTest, WritesOneLineFromASignalHandler) {
-  struct sigaction action = {}, before;
-  action.sa_handler = [](int) { LOGMSG("1158I from a handler", 1); };
-  sigaction(SIGUSR1, &action, &before);
+  signal(SIGUSR1, [](int) { LOGMSG("1158I from a handler", 1); });
   errno = 1234;
   raise(SIGUSR1);
   EXPECT_EQ(errno, 1234);
-  sigaction(SIGUSR1, &before, nullptr);
   LOGMSG("0106W two\nlines\x1b[2J\x7f", 1);
   LOGMSG(std::string(5000, 'x').c_str(), 1);
   for (const int code : {EINTR, EIO, EIO}) {
@@ -443,10 +356,8 @@ TEST_F(LogTest, WritesOneLineFromASignalHandler) {
   LOGMSG("0106W last", 1);
   EXPECT_EQ(Logged(), format("1158I from a handler\n0106W two.lines.[2J.\n{}\n0106W interrupted, or lost\n"
                              "1903W lines lost before this one: 2\n0106W last\n",
-                             std::string(1023 - strlen(kLeapDayText), 'x')));
-  struct stat about;
-  stat(path_.c_str(), &about);
-  EXPECT_EQ(about.st_mode & 07777 & ~0022, 0640u & ~0022u);
+                             std::string(1023 - 25, 'x')));
+  EXPECT_EQ(std::filesystem::status(path_).permissions() & ~std::filesystem::perms(022), std::filesystem::perms(0640));
 }
 
 // The last second of every day until 2105.
@@ -463,19 +374,6 @@ TEST_F(LogTest, WritesTheDateOfAnyDay) {
   EXPECT_TRUE(Content(path_) == expected);
 }
 
-// Standard error, for as long as this lives.
-class StandardError {
- public:
-  explicit StandardError(int fd) { dup2(fd, STDERR_FILENO); }
-  ~StandardError() {
-    dup2(kept_, STDERR_FILENO);
-    close(kept_);
-  }
-
- private:
-  const int kept_ = dup(STDERR_FILENO);
-};
-
 // What can be read now.
 std::string Taken(int fd) {
   std::string text(1 << 20, ' ');
@@ -490,32 +388,21 @@ TEST_F(LogTest, WaitsForNobody) {
   ASSERT_EQ(pipe(ends) + socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
   EXPECT_TRUE(mqc_log_to("/nowhere/at/all"));
   EXPECT_FALSE(mqc_log_to(std::string(1024, 'x').c_str()));
+  const std::string page(static_cast<size_t>(fcntl(ends[1], F_GETPIPE_SZ)), 'x');
+  ASSERT_EQ(write(ends[1], page.data(), page.size()), static_cast<ssize_t>(page.size()));
   for (const int fd : {sockets[0], ends[1], ends[0], -1}) {
-    const StandardError there(fd);
-    if (fd == -1) close(STDERR_FILENO);
-    if (fd == ends[1]) {
-      const std::string page(4096, 'x');
-      fcntl(fd, F_SETFL, O_NONBLOCK);
-      while (write(fd, page.data(), page.size()) > 0) continue;
-      fcntl(fd, F_SETFL, 0);
-    }
+    fd == -1 ? close(STDERR_FILENO) : dup2(fd, STDERR_FILENO);
     for (int i = 0; i < 3; ++i) LOGMSG("1157I lost", 1);
   }
-  EXPECT_EQ(Taken(sockets[1]), "");
-  EXPECT_EQ(Taken(ends[0]).find_first_not_of('x'), std::string::npos);
-  {
-    const StandardError there(ends[1]);
-    errno = 1234;
-    LOGMSG("1157I first", 1);
-    EXPECT_EQ(errno, 1234);
-    mqc_log_to("");
-    LOGMSG("1157I second", 1);
-    EXPECT_EQ(fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0) << "others have the descriptor too";
-    EXPECT_EQ(Taken(ends[0]),
-              format("{0}1903W lines lost before this one: 12\n{0}1157I first\n{0}1157I second\n", kLeapDayText));
-    close(ends[0]);
-    LOGMSG("1157I and no signal", 1);
-  }
+  EXPECT_EQ(Taken(sockets[1]) + Taken(ends[0]), page);
+  dup2(ends[1], STDERR_FILENO);
+  LOGMSG("1157I first", 1);
+  mqc_log_to("");
+  LOGMSG("1157I second", 1);
+  EXPECT_EQ(fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0) << "others have the descriptor too";
+  EXPECT_EQ(Untimed(Taken(ends[0])), "1903W lines lost before this one: 12\n1157I first\n1157I second\n");
+  close(ends[0]);
+  LOGMSG("1157I and no signal", 1);
   mqc_log_to(path_.c_str());
   LOGMSG("1157I third", 1);
   EXPECT_EQ(Logged(), "1903W lines lost before this one: 1\n1157I third\n");
@@ -528,20 +415,14 @@ TEST_F(LogTest, DumpsAreBoundedWhateverTheyShow) {
   DumpPcfMessage(big.get());
   const std::string logged = Logged();
   EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 7);
-  ExpectSays(logged, "1901W message of 100160 bytes, area 100160, sender \"\": ");
-  ExpectSays(logged, "\n1902W dump 000: 88000000 01000000 00000000 01000000 ");
   ExpectSays(logged, "\n1902W dump 160: 78787878 ");
   Exact small(Bytes(10, '\xff'));
   memset(small->secHeader.userId, '\n', 12);
   EXPECT_FALSE(RawToPcf(small.get()));
   DumpPcfMessage(small.get());
-  small->raw = {};
-  DumpPcfMessage(small.get());
-  const char* const rest =
-      "1901W message of 10 bytes, area 10, sender \"............\": {0}\n"
-      "1902W dump 000: ffffffff ffffffff ffff\n"
-      "1901W message of 0 bytes, area 0, sender \"............\": {0}\n";
-  EXPECT_EQ(Logged().substr(logged.size()), format(fmt::runtime(rest), small.error()));
+  EXPECT_EQ(Logged().substr(logged.size()), format("1901W message of 10 bytes, area 10, sender \"............\": {}\n"
+                                                   "1902W dump 000: ffffffff ffffffff ffff\n",
+                                                   small.error()));
 }
 
 // Runs in a process of its own, which loads the companion with a variable set.
@@ -549,20 +430,15 @@ TEST(LogChild, DISABLED_Writes) { LOGMSG("1157I child", 1); }
 
 // A link, a pipe that is read, a folder, a path that is too long, another user's file: the line goes to standard error.
 TEST_F(LogTest, TheEnvironmentNamesTheFile) {
-  RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG=" + path_);
-  ExpectSays(Content(path_), " 1157I child\n");
   const std::string link = folder_.Name("link"), fifo = folder_.Name("fifo"), theirs = folder_.File("theirs", "", 0666);
   ASSERT_EQ(symlink(path_.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);
   const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
-  std::vector<std::string> refused = {link, fifo, "/tmp", std::string(1024, 'x')};
-  if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) refused.push_back(theirs);  // root alone can
-  for (const std::string& other : refused) {
+  std::vector<std::string> names = {path_, link, fifo, "/tmp", std::string(1024, 'x')};
+  if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) names.push_back(theirs);  // root alone can
+  for (const std::string& name : names) {
     const std::string seen = folder_.File("seen", "");
-    const int file = open(seen.c_str(), O_WRONLY | O_CLOEXEC);
-    const StandardError there(file);
-    close(file);
-    RunAlone("LogChild.DISABLED_Writes", "MQCOMPANION_LOG=" + other);
-    ExpectSays(Content(seen), " 1157I child\n");
+    RunAlone("LogChild.DISABLED_Writes", format("2>{} MQCOMPANION_LOG={}", seen, name));
+    ExpectSays(Content(name == path_ ? path_ : seen), " 1157I child\n");
   }
   EXPECT_EQ(Taken(reader) + Content(theirs), "");
   EXPECT_EQ(Content(path_).find('\n'), Content(path_).size() - 1) << "no second line";
@@ -571,7 +447,7 @@ TEST_F(LogTest, TheEnvironmentNamesTheFile) {
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
   struct stat about;
   fstat(sockets[0], &about);
-  const StandardError there(sockets[0]);
+  dup2(sockets[0], STDERR_FILENO);
   const std::string journal = format("{}:{}", about.st_dev, about.st_ino);
   for (const std::string& stream : {journal + "1", "1" + journal, std::string("nothing"), journal}) {
     EXPECT_EQ(Taken(sockets[1]), "");

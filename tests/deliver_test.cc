@@ -118,7 +118,7 @@ TEST_F(DeliverTest, UserOfTheHeader) {
     const auto write = [&](PcfMessage* out) {
       return mnWriteMsg(out, link.node, nullptr, reinterpret_cast<const char*>(out->raw.data + at), 0);
     };
-    EXPECT_EQ(sent(at, std::string("own", 4), write), "own") << at;
+    EXPECT_EQ(sent(at, Field("own", 4), write), "own") << at;
   }
   // An application that writes into the node's field may leave something behind its text.
   for (size_t length = 0; length <= 12; ++length) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 #include <cstdlib>
 #include <span>
 #include <type_traits>
@@ -166,6 +167,38 @@ TEST_F(FaceTest, APartialLossClosesTheNode) {
   Platform::Fail("send", 1, EINTR);
   EXPECT_EQ(Told(pair.client.write(msg)), "failed 11 EINTR");
   EXPECT_TRUE(pair.client.write(msg) && pair.server.read(msg));
+}
+
+// A node that is deleted discards what was not sent yet; one that was finished has delivered everything.
+TEST_F(FaceTest, FinishedNodesLoseNothing) {
+  constexpr int kMessages = 20;
+  const std::vector<uint8_t> large(1 << 20);
+  // The result, and how many messages the peer has read. It leaves after so many, or stays.
+  const auto write_all = [&](int reads, bool stays, std::chrono::milliseconds longest) {
+    const Node listener = Node::listener(Local(0));
+    const pid_t reader = fork();
+    if (reader == 0) {
+      Node server;
+      int read = 0;
+      const Message in = Message::create();
+      if (!listener.accept(server)) _exit(1);
+      while (read < reads && server.read(in)) ++read;
+      if (stays) pause();
+      _exit(read < reads && server.finish(20s) ? read : 0);
+    }
+    const Node client = Node::connector(Local(listener.local_port()));
+    const Message msg = Message::create();
+    EXPECT_TRUE(client.open() && client.set_blocking(false) && msg.begin(1) && msg.add(1, large));
+    for (int i = 0; i < kMessages && client.write(msg); ++i) continue;
+    const std::string told = Told(client.finish(longest));
+    if (stays) kill(reader, SIGTERM);
+    int status = 0;
+    waitpid(reader, &status, 0);
+    return format("{}, {}", told, WIFEXITED(status) ? WEXITSTATUS(status) : 0);
+  };
+  EXPECT_EQ(write_all(INT_MAX, false, 20s), "ok 0 MQ_OK, 20");
+  EXPECT_EQ(write_all(kMessages, true, 300ms), "failed 110 ETIMEDOUT, 0");
+  EXPECT_EQ(write_all(1, false, 20s).substr(0, 6), "failed") << "the peer left";
 }
 
 // Nothing is cut: the operation that would have used the text fails.

@@ -1,6 +1,5 @@
 // node_test.cc - nodes: made, named, configured, opened, closed, deleted.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,22 +9,18 @@
 
 namespace {
 
-// What a creator left in a node.
+// What a creator left in a node: "role open error asked/capacity host, address".
 std::string Facts(const MQNode* node) {
-  return format("role {}, open {}, error {}, asks {}/{}, host {}, addr {}", node->role, node->openState, node->error,
-                node->recvBuffer.length, node->recvBuffer.capacity, node->host, Text(node->addr));
+  return format("{} {} {} {}/{} {}, {}", node->role, node->openState, node->error, node->recvBuffer.length,
+                node->recvBuffer.capacity, node->host, Text(node->addr));
 }
 
 // The calls and trace points of nodes, and what is left. A creator returns the node with the reason; what comes after a
 // failed step is still attempted, but for the listen.
 TEST_F(NodeTest, Creators) {
   G_node_trace = Trace::OnNode;
-  const Peer taken = Peer::Listen();
-  Alias(taken.port(), "P");
-  const SockAddrRec any = AddressOf("*", 0), busy = AddressOf("127.0.0.1", taken.port());
-  const auto make = [&](const std::function<MQNode*(SockAddrRec*)>& create, const SockAddrRec& at,
-                        const char* failing = "", int nth = 1, int code = 0) {
-    if (*failing != '\0') Platform::Fail(failing, nth, code);
+  const auto make = [](const std::function<MQNode*(SockAddrRec*)>& create, const char* host = "*") {
+    const SockAddrRec at = AddressOf(host, 0);
     SockAddrRec name = at;
     Take();
     errno = 0;
@@ -38,44 +33,27 @@ TEST_F(NodeTest, Creators) {
   SockOption alive = {SOCK_OPT_KEEPALIVE, 0, 1};
   const auto connector = [](SockAddrRec* name) { return CreateMQNode(name, MQ_ROLE_CONNECT); };
   const auto listener = [](SockAddrRec* name) { return CreateMQNode(name, MQ_ROLE_LISTEN); };
-  const auto other = [](SockAddrRec* name) { return CreateMQNode(name, 7); };
-  const auto with_none = [](SockAddrRec* name) { return CreateMQNodeWithOpt(name, 0, nullptr); };
-  const auto with_option = [&](SockAddrRec* name) { return CreateMQNodeWithOpt(name, 1, &alive); };
+  const auto with_option = [&](SockAddrRec* name) { return CreateMQNodeWithOpt(name, 7, &alive); };
   const auto datagram_with_option = [&](SockAddrRec* name) { return CreateUDPMQNodeWithOpt(name, &alive); };
-  const std::string linger = "setsockopt(1:13, 1, 0) = 0; ", options = "setsockopt(1:2, 0) = 0; " + linger;
   const std::string stream = "socket(2, 1, 0) = fd; ", datagram = "socket(2, 2, 0) = fd; ";
-  const std::string bind = "uname() = 0; bind(0.0.0.0:0) = 0; ", listen = bind + "listen(5) = 0; ";
-  const std::string made = "CreateMQNode | ", made_with = "CreateMQNodeWithOpt | ";
-  const std::string made_udp = "CreateUDPMQNodeWithOpt | role 0, ";
-  const std::string idle = ", open 0, error {}, asks 136/16520, host *, addr ";
-  const std::string fine = format(fmt::runtime(idle), 0);
-  const std::string bound = "testnode 0.0.0.0 0 tcp 0", unbound = "testnode - - tcp 0", asked = "* - 0 tcp 0";
-  EXPECT_EQ(make(connector, any), stream + options + made + "role 0" + fine + asked);
-  EXPECT_EQ(make(other, any), stream + options + made + "role 7" + fine + asked);
-  EXPECT_EQ(make(with_none, any), stream + linger + made_with + "role 0" + fine + asked);
-  EXPECT_EQ(make(listener, any), stream + options + listen + made + "role 1" + fine + bound);
-  EXPECT_EQ(make(with_option, any),
-            stream + "setsockopt(1:9, 1) = 0; " + linger + listen + made_with + "role 1" + fine + bound);
-  EXPECT_EQ(make(datagram_with_option, any), datagram + "setsockopt(1:9, 1) = 0; " + linger + bind + made_udp +
-                                                 "open 1, error 0, asks 16520/16520, host *, addr " + bound);
-  EXPECT_EQ(make(CreateUDPMQNode, any),
-            datagram + linger + bind + made_udp + "open 1, error 0, asks 16520/16520, host *, addr " + bound);
-  EXPECT_EQ(make(listener, any, "socket", 1, EMFILE),
+  const std::string linger = "setsockopt(1:13, 1, 0) = 0; ", bind = "uname() = 0; bind(0.0.0.0:0) = 0; ";
+  const std::string no_reuse = "setsockopt(1:2, 0) = 0; " + linger, options = "setsockopt(1:9, 1) = 0; " + linger;
+  EXPECT_EQ(make(listener),
+            stream + no_reuse + bind + "listen(5) = 0; CreateMQNode | 1 0 0 136/16520 *, testnode 0.0.0.0 0 tcp 0");
+  EXPECT_EQ(make(with_option), stream + options + "CreateMQNodeWithOpt | 7 0 0 136/16520 *, * - 0 tcp 0");
+  EXPECT_EQ(make(datagram_with_option),
+            datagram + options + bind + "CreateUDPMQNodeWithOpt | 0 1 0 16520/16520 *, testnode 0.0.0.0 0 tcp 0");
+  EXPECT_EQ(make(CreateUDPMQNode, "nowhere"),
+            datagram + linger +
+                "gethostbyname(nowhere) = 0; CreateUDPMQNodeWithOpt | 0 0 9003 16520/16520 nowhere, "
+                "nowhere - 0 tcp 0");
+  Platform::Fail("setsockopt", 1, ENOMEM);
+  EXPECT_EQ(make(connector),
+            stream + "setsockopt(1:2, 0) = -1 ENOMEM; " + linger + "CreateMQNode | 0 0 0 136/16520 *, * - 0 tcp 0");
+  Platform::Fail("socket", 1, EMFILE);
+  EXPECT_EQ(make(listener),
             "socket(2, 1, 0) = -1 EMFILE; setsockopt(1:2, 0) = -1 EBADF; setsockopt(1:13, 1, 0) = -1 EBADF; uname() = "
-            "0; bind(0.0.0.0:0) = -1 EBADF; CreateMQNode | role 1" +
-                format(fmt::runtime(idle), EBADF) + unbound);
-  EXPECT_EQ(make(connector, any, "setsockopt", 1, ENOMEM),
-            stream + "setsockopt(1:2, 0) = -1 ENOMEM; " + linger + made + "role 0" + fine + asked);
-  EXPECT_EQ(make(connector, any, "setsockopt", 2, ENOMEM),
-            stream + "setsockopt(1:2, 0) = 0; setsockopt(1:13, 1, 0) = -1 ENOMEM; " + made + "role 0" +
-                format(fmt::runtime(idle), ENOMEM) + asked);
-  EXPECT_EQ(make(listener, any, "listen", 1, EINVAL), stream + options + bind + "listen(5) = -1 EINVAL; " + made +
-                                                          "role 1" + format(fmt::runtime(idle), EINVAL) + bound);
-  EXPECT_EQ(make(listener, busy), stream + options + "uname() = 0; bind(127.0.0.1:P) = -1 EADDRINUSE; " + made +
-                                      "role 1, open 0, error 98, asks 136/16520, host 127.0.0.1, addr " + unbound);
-  EXPECT_EQ(make(CreateUDPMQNode, AddressOf("nowhere", "0")),
-            datagram + linger + "gethostbyname(nowhere) = 0; " + made_udp +
-                "open 0, error 9003, asks 16520/16520, host nowhere, addr nowhere - 0 tcp 0");
+            "0; bind(0.0.0.0:0) = -1 EBADF; CreateMQNode | 1 0 9 136/16520 *, testnode - - tcp 0");
 }
 
 // Every field that does not depend on the creator, and a node over a socket that exists.
@@ -84,20 +62,17 @@ TEST_F(NodeTest, NewRecord) {
   EXPECT_EQ(format("type {}, {}, {}, limits {} {}, {} {}", node->nodeType, node->platform, WriteState(node),
                    node->writeLimit, node->pendingLimit, node->sock.owner == node.get(), node->child == nullptr),
             "type 2, UNIX, 0, sent 0, out 0, limits -1 100, true true");
-  EXPECT_EQ(node->onTrace, nullptr);
-  EXPECT_TRUE(node->opOpen == mnOpen && node->opClose == mnClose && node->opRead == mnRead &&
-              node->opBrowse == mnBrowse && node->opWrite == mnWrite && node->opPost == mnPost);
+  EXPECT_TRUE(node->onTrace == nullptr && node->opOpen == mnOpen && node->opClose == mnClose &&
+              node->opRead == mnRead && node->opBrowse == mnBrowse && node->opWrite == mnWrite &&
+              node->opPost == mnPost);
   SockRec held;
   CreateSocketFromExisting(&held, Peer::Listen().Release());
   held.error = 5;
-  mqc_fail_allocation(1, 0);
-  EXPECT_EQ(CreateAndBindMQNode(&held, MQ_ROLE_LISTEN), nullptr);
-  EXPECT_EQ(held.owner, nullptr);
   Take();
   G_node_trace = Trace::OnNode;
   const Node over(CreateAndBindMQNode(&held, MQ_ROLE_LISTEN));
   EXPECT_EQ(Take(), "CreateAndBindMQNode");
-  EXPECT_EQ(Facts(over), "role 1, open 0, error 0, asks 136/16520, host @, addr - - - - 0");
+  EXPECT_EQ(Facts(over), "1 0 0 136/16520 @, - - - - 0");
   EXPECT_EQ(over->sock.owner, over.get());
   held.owner = over;
   EXPECT_EQ(memcmp(&over->sock, &held, sizeof held), 0);
@@ -105,16 +80,10 @@ TEST_F(NodeTest, NewRecord) {
 
 TEST_F(NodeTest, UserIsAtMostTwelveCharactersOfTheLogin) {
   for (const auto& [login, user] : {std::pair{"bob", "bob"},
-                                    {"exactly12chr", "exactly12chr"},
-                                    {"a-login-of-20-letter", "a-login-of-2"},
-                                    {"", ""},
                                     {"a-login-name-that-fits-into-forty-eight-charact", "a-login-name"},
-                                    {"a-login-name-that-does-not-fit-into-48-character", ""},
-                                    {"nobody", ""}}) {
+                                    {"a-login-name-that-does-not-fit-into-48-character", ""}}) {
     Companion::Now().user = login;
-    Companion::Now().has_user = login != std::string("nobody");
-    const Node node = Create(0, MQ_ROLE_CONNECT);
-    EXPECT_EQ(std::string(node->user, sizeof node->user), Field(user, sizeof node->user));
+    EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->user, sizeof MQNode::user), Field(user, sizeof MQNode::user));
   }
 }
 
@@ -133,71 +102,58 @@ class ApplNameTest : public NodeTest {
     EXPECT_EQ(GetApplName(name.data(), &length), 1);
     const std::string text = name.substr(0, strnlen(name.data(), 48));
     EXPECT_EQ(name, Field(text, 48) + '.') << "48 bytes, padded with zero bytes";
-    return format("{} {}{}", text, length, Platform::Calls({"system"}).empty() ? ", nothing run" : "");
+    const std::vector<Call> run = Platform::Records({"system"});
+    if (run.empty()) return format("{} {}, nothing run", text, length);
+    EXPECT_EQ(run[0].detail,
+              format("ps -p {0} | grep -v CMD | grep -v COMMAND  | awk '{{print $4}}'  > $TEVRA_HOME/{0}", getpid()));
+    return format("{} {}", text, length);
   }
-  // Puts something at the scratch file's place: a text, or a link or pipe.
+  // Puts something at the scratch file's place: a text, a link or nothing.
   int Plant(const std::string& what) const {
     remove(path_.c_str());
     if (what == "(link)") return symlink("/dev/null", path_.c_str());
-    if (what == "(pipe)") return mkfifo(path_.c_str(), 0600);
-    std::ofstream(path_) << what;
+    if (what != "(none)") std::ofstream(path_) << what;
     return 0;
   }
   const std::string path_;
 };
 
-TEST_F(ApplNameTest, FromWhatTheListingWrote) {
-  const std::string fifty = "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwx";
-  for (const auto& [written, name] : {std::pair<std::string, std::string>{"server\n", "SERVER 6"},
-                                      {"Server2", "SERVER2 7"},
-                                      {"", " 0"},
-                                      {"\n", " 0"},
-                                      {"first\nsecond\n", "FIRST 5"},
-                                      {" two words \n", "TWOWORDS 8"},
-                                      {fifty + "\n", "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV 48"},
-                                      {std::string(600, 'z'), std::string(48, 'Z') + " 48"},
-                                      // the newline is cut before blanks are taken out, behind the last blank
-                                      {"a\t\n", "A 1"},
-                                      {"\033[2Jab~\x7f\x9b\n", "?[2JAB~?? 9"},
-                                      {"(link)", "UNKNOWN 0"}}) {
-    Platform::OnSystem([this, text = written](const char*) { return Plant(text); });
-    EXPECT_EQ(ApplName(), name);
-    EXPECT_EQ(Platform::Records({"system"})[0].detail,
-              format("ps -p {0} | grep -v CMD | grep -v COMMAND  | awk '{{print $4}}'  > $TEVRA_HOME/{0}", getpid()));
-    EXPECT_EQ(access(path_.c_str(), F_OK), -1) << "the scratch file was left behind";
+TEST_F(ApplNameTest, IsTheFirstLineThatTheListingWrote) {
+  const std::string home = ::testing::TempDir(), longest = "/" + std::string(243, 'x');
+  const std::string letters = "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwx" + std::string(550, 'z');
+  const std::string name48 = "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV";
+  const struct {
+    std::string home, before, written, name;
+  } rows[] = {
+      {home, "(none)", "Server2", "SERVER2 7"},
+      {home, "(none)", "", " 0"},
+      {home, "(none)", "first\nsecond\n", "FIRST 5"},
+      {home, "(none)", " two words \n", "TWOWORDS 8"},
+      {home, "(none)", "a\t\n", "A 1"},
+      {home, "(none)", "\033[2Jab~\x7f\x9b\n", "?[2JAB~?? 9"},
+      {home, "(none)", "(link)", "UNKNOWN 0"},
+      // what another user may have planted is neither written to nor read
+      {home, "(link)", "", "UNKNOWN 0, nothing run"},
+      {home, "a file that an earlier process left", "(none)", "UNKNOWN 0"},
+      {longest, "(none)", "(none)", "UNKNOWN 0"},
+      {longest + "x", "(none)", "(none)", "UNKNOWN 0, nothing run"},
+      {home, "(none)", letters, name48 + " 48"},
+  };
+  for (const auto& row : rows) {
+    setenv("TEVRA_HOME", row.home.c_str(), 1);
+    Plant(row.before);
+    Platform::OnSystem([&](const char*) { return Plant(row.written); });
+    EXPECT_EQ(ApplName(), row.name) << row.before;
+    EXPECT_EQ(access(path_.c_str(), F_OK) == 0, row.before == "(link)") << "the scratch file is removed";
+    Plant("(none)");
   }
-  Platform::OnSystem([&](const char*) { return Plant(fifty); });
-  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), "ABCDEFGHIJKLMNOPQRSTUVWXYZABCDEFGHIJKLMNOPQRSTUV");
   // Taking the name leaves no errno behind for the lookup.
-  SockAddrRec address = AddressOf("127.0.0.1", "nosuch", "tcp");
+  Platform::OnSystem([&](const char*) { return Plant(letters); });
   errno = 0;
-  EXPECT_EQ(Node(CreateMQNode(&address, MQ_ROLE_LISTEN))->error, SOCK_SERVICE_UNKNOWN);
-}
-
-// Without a listing, and with what another user may have planted: that is neither written to nor read.
-TEST_F(ApplNameTest, Unknown) {
-  Platform::OnSystem([](const char*) { return 1; });
-  const std::string longest = "/" + std::string(243, 'x');
-  for (const auto& [home, planted, name] :
-       {std::tuple<std::string, std::string, std::string>{"", "", "UNKNOWN 0, nothing run"},
-        {"/nonexistent", "", "UNKNOWN 0"},
-        {longest, "", "UNKNOWN 0"},
-        {longest + "x", "", "UNKNOWN 0, nothing run"},
-        {::testing::TempDir(), "(link)", "UNKNOWN 0, nothing run"},
-        {::testing::TempDir(), "(pipe)", "UNKNOWN 0, nothing run"},
-        {::testing::TempDir(), "a file that an earlier process left", "UNKNOWN 0"}}) {
-    setenv("TEVRA_HOME", home.c_str(), 1);
-    if (home.empty()) unsetenv("TEVRA_HOME");
-    remove(path_.c_str());
-    if (!planted.empty()) Plant(planted);
-    EXPECT_EQ(ApplName(), name) << home << planted;
-    EXPECT_EQ(access(path_.c_str(), F_OK) == 0, planted[0] == '(');
-  }
-  char name[9] = "12345678";
-  int length = 0;
-  unsetenv("TEVRA_HOME");
-  EXPECT_EQ(GetApplName(name, &length), 1);
-  EXPECT_STREQ(name, "UNKNOWN") << "8 bytes are written whatever the length says";
+  SockAddrRec address = AddressOf("127.0.0.1", "nosuch");
+  const Node node(CreateMQNode(&address, MQ_ROLE_LISTEN));
+  EXPECT_EQ(node->error, SOCK_SERVICE_UNKNOWN);
+  EXPECT_EQ(std::string(node->applName, 48), name48);
 }
 
 TEST_F(ApplNameTest, IsThisPrograms) {
@@ -205,9 +161,12 @@ TEST_F(ApplNameTest, IsThisPrograms) {
   std::getline(std::ifstream("/proc/self/comm"), command);
   std::transform(command.begin(), command.end(), command.begin(), toupper);
   EXPECT_EQ(ApplName(), format("{} {}", command, command.size()));
-  EXPECT_EQ(std::string(Create(0, MQ_ROLE_CONNECT)->applName, 48), Field(command, 48));
-  // The application's own name for itself: nodes do not take it.
   unsetenv("TEVRA_HOME");
+  char name[9] = "12345678";
+  int length = 0;
+  EXPECT_EQ(GetApplName(name, &length), 1);
+  EXPECT_STREQ(name, "UNKNOWN") << "8 bytes are written whatever the length says";
+  // The application's own name for itself: nodes do not take it.
   SetApplName("short");
   SetApplName(nullptr);
   EXPECT_STREQ(G_szApplName, "short");
@@ -221,7 +180,7 @@ TEST_F(ApplNameTest, IsThisPrograms) {
 
 TEST_F(NodeTest, SmallCalls) {
   const Node node = Create(0, MQ_ROLE_CONNECT);
-  for (const auto& [error, failed] : {std::pair{0, 0}, {-1111, 0}, {11, 1}, {-1000, 1}, {2026, 1}}) {
+  for (const auto& [error, failed] : {std::pair{0, 0}, {-1111, 0}, {11, 1}}) {
     node->error = error;
     EXPECT_EQ(IsNodeFailed(node), failed) << error;
   }
@@ -257,24 +216,16 @@ std::string Open(MQNode* node) {
 }
 
 TEST_F(NodeTest, OpenConnects) {
-  const Peer listener = Peer::Listen(), nobody = Peer::Bound(SOCK_STREAM);
-  const auto open = [](SockAddrRec to, bool blocking = true) {
-    const Node node(CreateMQNode(&to, MQ_ROLE_CONNECT));
-    if (!blocking) NoblockSocket(&node->sock);
-    Watch(node);
-    return Open(node);
-  };
-  const std::string to = " | ConnectSocket[AddrToIP[]", done = "]; mnOpen";
-  EXPECT_EQ(open(AddressOf("localhost", listener.port())), "1, 0, 1" + to + done);
-  EXPECT_EQ(open(AddressOf("127.0.0.1", nobody.port())), "0, 111, 0" + to + "; onError 111" + done);
-  EXPECT_EQ(open(AddressOf("127.0.0.1", listener.port()), false), "0, 11, 0" + to + "; onError 11" + done);
-  EXPECT_EQ(open(AddressOf("nowhere", 1)), "0, 9003, 0" + to + "; onError 9003" + done);
+  const Peer nobody = Peer::Bound(SOCK_STREAM);
+  const Node refused = Create(nobody.port(), MQ_ROLE_CONNECT);
+  Watch(refused);
+  EXPECT_EQ(Open(refused), "0, 111, 0 | ConnectSocket[AddrToIP[]; onError 111]; mnOpen");
   // An open node; one that is connected but not known to be open; another role.
   const Link link = Connect();
   Watch(link.node);
   EXPECT_EQ(Open(link.node), "1, 0, 1 | ");
   link.node->openState = 0;
-  EXPECT_EQ(Open(link.node), "1, 0, 1" + to + done);
+  EXPECT_EQ(Open(link.node), "1, 0, 1 | ConnectSocket[AddrToIP[]]; mnOpen");
   link.node->openState = 0;
   link.node->role = 2;
   EXPECT_EQ(Open(link.node), "0, 0, 0 | mnOpen");
@@ -283,10 +234,8 @@ TEST_F(NodeTest, OpenConnects) {
 TEST_F(NodeTest, OpenAcceptsIntoChildren) {
   const Node parent = Create(0, MQ_ROLE_LISTEN);
   Watch(parent);
-  const Peer first = Peer::Connect(PortOf(parent->sock.fd));
-  const Peer second = Peer::Connect(PortOf(parent->sock.fd));
-  Alias(first.port(), "P");
-  Alias(second.port(), "Q");
+  const Peer peer = Peer::Connect(PortOf(parent->sock.fd));
+  Alias(peer.port(), "P");
   parent->error = 77;
   parent->writeLimit = 3;
   parent->msgsRead = 9;
@@ -305,14 +254,10 @@ TEST_F(NodeTest, OpenAcceptsIntoChildren) {
   EXPECT_TRUE(child->sock.owner == child.get() && child->sock.onTrace == nullptr);
   EXPECT_EQ(Text(child->sock.name), "- 127.0.0.1 P - P");
   EXPECT_TRUE(parent->pending == nullptr && parent->recvBuffer.data != child->recvBuffer.data);
-  EXPECT_EQ(Facts(parent).substr(0, 46), "role 1, open 0, error 0, asks 136/16520, host ");
-
-  EXPECT_EQ(Open(parent), "1, 0, 0 | AcceptClient[]; mnOpen");
-  const Node other(parent->child);
-  EXPECT_EQ(Text(other->sock.name), "- 127.0.0.1 Q - Q");
+  EXPECT_EQ(Facts(parent).substr(0, 15), "1 0 0 136/16520");
   NoblockSocket(&parent->sock);
   EXPECT_EQ(Open(parent), "0, 11, 0 | AcceptClient[onError 11]; mnOpen");
-  EXPECT_EQ(parent->child, other.get());
+  EXPECT_EQ(parent->child, child.get());
 }
 
 TEST_F(NodeTest, CloseAndDelete) {

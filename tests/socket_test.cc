@@ -30,7 +30,6 @@ class SocketTest : public Fixture {
   template <typename... Formal, typename... Actual>
   std::string Do(int (*operation)(SockRec*, Formal...), Actual... arguments) {
     EXPECT_EQ(OnSocketTrace(&rec_, Trace::OnSocket) + OnSocketError(&rec_, Trace::OnError), 2);
-    Trace::Now().error_result = 5;
     rec_.error = 77;
     rec_.errorResult = 0;
     Take();
@@ -38,7 +37,29 @@ class SocketTest : public Fixture {
     return format("{} {}/{} {} | {}", result, rec_.error, rec_.errorResult, rec_.connected, Take());
   }
 
+  void Connect() {
+    const Peer listener = Peer::Listen();
+    Use(Peer::Connect(listener.port()).Release());
+    peer_ = listener.Accept();
+  }
+  void Arm(std::string_view bytes) {
+    bytes_ = bytes;
+    const auto size = static_cast<uint32_t>(bytes.size());
+    buffer_ = {reinterpret_cast<uint8_t*>(bytes_.data()), size, size, 0, 0, 0};
+  }
+  // A transfer: "received sent, totals | " and what Do says.
+  template <typename... Arguments>
+  std::string Move(Arguments... arguments) {
+    const std::string outcome = Do(arguments...);
+    return format("{} {}, {} {} | {}", buffer_.received, buffer_.sent, rec_.bytesReceived, rec_.bytesSent, outcome);
+  }
+  std::string Read() { return Move(ReadSocket, &buffer_); }
+  std::string Write(SockAddrRec* to = nullptr) { return Move(WriteSocket, &buffer_, to); }
+
   SockRec rec_;
+  Peer peer_;
+  std::string bytes_;
+  IoBuffer buffer_;
 };
 
 // ---- The life of a record ----
@@ -53,7 +74,6 @@ TEST_F(SocketTest, CreationResetsTheRecordAndTakesTheDefaultTrace) {
     EXPECT_EQ(creator(&rec), 1);
     const std::string happened = Take();
     OnGSocketTrace(nullptr);
-    EXPECT_EQ(fcntl(rec.fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(fcntl(rec.fd, F_GETFD), flags);
     expected.fd = rec.fd;
     expected.domain = AF_INET;
@@ -68,29 +88,25 @@ TEST_F(SocketTest, CreationResetsTheRecordAndTakesTheDefaultTrace) {
   EXPECT_EQ(create(CreateSocket, 1, FD_CLOEXEC), "socket(2, 1, 0) = fd; CreateAnySocket");
   EXPECT_EQ(create(CreateUDPSocket, 2, FD_CLOEXEC), "socket(2, 2, 0) = fd; CreateAnySocket");
   EXPECT_EQ(create(adopt, 1, 0), "CreateSocketFromExisting");
-  EXPECT_EQ(CreateAnySocket(&rec_, AF_INET, 99), 0);
-  EXPECT_EQ(rec_.error, EINVAL);
-  EXPECT_EQ(InitSocket(&rec_) + OSInitSocket(&rec_), 2);
+  EXPECT_TRUE(CreateAnySocket(&rec_, AF_INET, 99) == 0 && rec_.error == EINVAL);
 }
 
 TEST_F(SocketTest, DeleteClosesOnceAndOnlyWhatItHolds) {
-  const std::string failure = ":34:56 SOCKSIN::DeleteSocket close(64999) failed RC(-1) errno(9)\n";
-  const auto twice = [this](int fd, time_t now, int fd_after = -1) {
+  const auto twice = [this](int fd, time_t now = 0) {
     Use(fd);
-    SockRec expected = rec_;
-    expected.fd = fd_after;
-    expected.onTrace = rec_.onTrace = Trace::OnSocket;
+    rec_.onTrace = Trace::OnSocket;
     Platform::SetTime(now);
     Take();
     const std::string printed = Printed([&] { EXPECT_EQ(DeleteSocket(&rec_) + DeleteSocket(&rec_), 2); });
-    EXPECT_EQ(Bytes(rec_), Bytes(expected));
-    return Take() + (printed.empty() ? "" : printed.substr(2));  // the hour is that of the time zone
+    // The hour is that of the time zone.
+    return format("{} {} {}", rec_.fd, Take(), printed.empty() ? "" : printed.substr(2));
   };
-  EXPECT_EQ(twice(-1, 0), "DeleteSocket; DeleteSocket");
-  EXPECT_EQ(twice(0, 0, 0), "DeleteSocket; DeleteSocket");
-  EXPECT_EQ(twice(Peer::Listen().Release(), 0), "DeleteSocket; close() = 0; DeleteSocket");
-  EXPECT_EQ(twice(64999, 1669116896), "DeleteSocket; close() = -1 EBADF; DeleteSocket" + failure);
-  EXPECT_EQ(twice(64999, kNoDate), "DeleteSocket; close() = -1 EBADF; DeleteSocket:??:??" + failure.substr(6));
+  EXPECT_EQ(twice(0), "0 DeleteSocket; DeleteSocket ");
+  EXPECT_EQ(twice(Peer::Listen().Release()), "-1 DeleteSocket; close() = 0; DeleteSocket ");
+  const std::string failed = "-1 DeleteSocket; close() = -1 EBADF; DeleteSocket ";
+  const std::string why = " SOCKSIN::DeleteSocket close(64999) failed RC(-1) errno(9)\n";
+  EXPECT_EQ(twice(64999, 1669116896), failed + ":34:56" + why);
+  EXPECT_EQ(twice(64999, kNoDate), failed + ":??:??" + why);
 }
 
 TEST_F(SocketTest, BlockingModeChangesNoOtherFlag) {
@@ -99,12 +115,10 @@ TEST_F(SocketTest, BlockingModeChangesNoOtherFlag) {
   const int plain = fcntl(rec_.fd, F_GETFL);
   Alias(plain | O_NONBLOCK, "nonblocking");
   Alias(plain, "plain");
-  const std::string get = "fcntl(F_GETFL) = plain; ", had = "fcntl(F_GETFL) = nonblocking; ";
-  EXPECT_EQ(Do(BlockSocket), "1 0/0 0 | " + get + "fcntl(F_SETFL, plain) = 0; BlockSocket");
-  EXPECT_EQ(Do(NoblockSocket), "1 0/0 0 | " + get + "fcntl(F_SETFL, nonblocking) = 0; NoblockSocket");
-  EXPECT_EQ(Do(BlockSocket), "1 0/0 0 | " + had + "fcntl(F_SETFL, plain) = 0; BlockSocket");
+  EXPECT_EQ(Do(NoblockSocket), "1 0/0 0 | fcntl(F_GETFL) = plain; fcntl(F_SETFL, nonblocking) = 0; NoblockSocket");
+  EXPECT_EQ(Do(BlockSocket), "1 0/0 0 | fcntl(F_GETFL) = nonblocking; fcntl(F_SETFL, plain) = 0; BlockSocket");
   Platform::Fail("fcntl", 2, EPERM);
-  EXPECT_EQ(Do(NoblockSocket), "0 1/5 0 | " + get + "fcntl(F_SETFL, nonblocking) = -1 EPERM; onError 1; NoblockSocket");
+  EXPECT_EQ(Do(BlockSocket).substr(0, 8), "0 1/5 0 ");
 }
 
 TEST_F(SocketTest, CallbacksAndNames) {
@@ -113,67 +127,49 @@ TEST_F(SocketTest, CallbacksAndNames) {
   OnSocketTrace(&rec_, nullptr);
   EXPECT_EQ(ListenSocket(&rec_, 1) + rec_.errorResult, 0) << "no callback, no result of it";
   EXPECT_EQ(Take(), "listen(1) = -1 EBADF");
-  memset(&rec_.name, 0x41, sizeof rec_.name);
-  memset(&rec_.from, 0x42, sizeof rec_.from);
-  SockAddrRec name, from, address = AddressOf("h", "s", "p", "1.2.3.4");
-  EXPECT_EQ(format("{} {} {}", GetSocketName(&rec_, &name), GetFromAddr(&rec_, &from), GetHostIP(&address)), "1 1 1");
-  EXPECT_EQ(Bytes(name) + Bytes(from), Bytes(rec_.name) + Bytes(rec_.from));
-  EXPECT_EQ(Text(address), "h 0.0.0.0 s p 0");
+  rec_.name = AddressOf("name", 1);
+  rec_.from = AddressOf("from", 2);
+  SockAddrRec name, from;
+  EXPECT_EQ(GetSocketName(&rec_, &name) + GetFromAddr(&rec_, &from), 2);
+  EXPECT_EQ(GetHostIP(&from), 1);
+  EXPECT_EQ(Text(name) + " | " + Text(from), "name - 1 tcp 0 | from 0.0.0.0 2 tcp 0");
 }
 
 // ---- Names and addresses ----
 
 TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
   Platform::AddHost("box", {"10.9.8.7", "10.9.8.8"});
-  Platform::AddHost("9box", {"10.9.8.9"});
   Platform::AddHost("bare", {});
   Platform::AddService("echo", "tcp", 7);
   // "result error family address:port, port in the record | calls" where errno was pending before.
   const auto resolve = [this](const char* host, const char* ip, const char* service = "1", int pending = 0) {
     SockAddrRec name = AddressOf(host, service, "tcp", ip);
     name.port = 99;
-    SockAddrRec expected = name;
-    sockaddr_in out;
-    memset(&out, 0x5a, sizeof out);
+    sockaddr_in out = {7, 8, {9}, {}};
     rec_.error = 77;
     rec_.domain = AF_INET;
-    Take();
     errno = pending;
     const int result = AddrToIP(&rec_, &name, &out);
-    expected.port = name.port;
-    EXPECT_EQ(Bytes(name), Bytes(expected));
-    EXPECT_EQ(Bytes(out.sin_zero), std::string(8, '\0'));
     return format("{} {} {} {}:{} {} | {}", result, rec_.error, out.sin_family, inet_ntoa(out.sin_addr),
                   ntohs(out.sin_port), name.port, Take());
   };
-  // the any-address, whatever ip holds
-  EXPECT_EQ(resolve("*", "", "8080"), "1 77 2 0.0.0.0:8080 8080 | ");
-  EXPECT_EQ(resolve("*", "10.1.2.3"), "1 77 2 0.0.0.0:1 1 | ");
-  EXPECT_EQ(resolve("**", ""), "0 9003 0 0.0.0.0:1 1 | gethostbyname(**) = 0");
-  // the local host
+  // the any-address, whatever ip says; the local host
+  EXPECT_EQ(resolve("*", "10.1.2.3", "8080"), "1 77 2 0.0.0.0:8080 8080 | ");
   EXPECT_EQ(resolve("@", ""), "1 77 2 127.0.0.1:1 1 | gethostbyname(localhost) = 1");
-  EXPECT_EQ(resolve("@", "10.0.0.1"), "1 77 2 10.0.0.1:1 1 | ");
   // a valid dotted quad in ip wins
   EXPECT_EQ(resolve("box", "192.168.1.7"), "1 77 2 192.168.1.7:1 1 | ");
-  EXPECT_EQ(resolve("box", "0.0.0.0"), "1 77 2 255.255.255.255:1 1 | ");
   EXPECT_EQ(resolve("box", "300.1.1.1"), "1 77 2 10.9.8.7:1 1 | gethostbyname(box) = 1");
-  EXPECT_EQ(resolve("box", "010.001.002.003"), "1 77 2 8.1.2.3:1 1 | ");
   // numeric names are never looked up
   EXPECT_EQ(resolve("10.1", ""), "1 77 2 10.0.0.1:1 1 | ");
   EXPECT_EQ(resolve("9box", "10.1"), "0 9003 0 255.255.255.255:1 1 | ");
   EXPECT_EQ(resolve("9box", "", "1", ETIMEDOUT), "0 110 0 255.255.255.255:1 1 | ");
   // looked up; then the ip field in a short form
-  EXPECT_EQ(resolve("nobody", "10.1"), "1 77 2 10.0.0.1:1 1 | gethostbyname(nobody) = 0");
   EXPECT_EQ(resolve("bare", "10.1"), "1 77 2 10.0.0.1:1 1 | gethostbyname(bare) = 1");
-  EXPECT_EQ(resolve("nobody", "1.2.3.4.5"), "0 9003 0 255.255.255.255:1 1 | gethostbyname(nobody) = 0");
   EXPECT_EQ(resolve("nobody", "x"), "0 9003 0 0.0.0.0:1 1 | gethostbyname(nobody) = 0");
-  EXPECT_EQ(resolve("", "", "1", EAGAIN), "0 11 0 0.0.0.0:1 1 | gethostbyname() = 0");
   // services
   EXPECT_EQ(resolve("*", "", "echo"), "1 77 2 0.0.0.0:7 7 | getservbyname(echo, tcp) = 1");
-  EXPECT_EQ(resolve("*", "", "80x"), "1 77 2 0.0.0.0:80 80 | ");
-  EXPECT_EQ(resolve("*", "", "70000"), "1 77 2 0.0.0.0:4464 70000 | ");
+  EXPECT_EQ(resolve("*", "", "70000x"), "1 77 2 0.0.0.0:4464 70000 | ");
   EXPECT_EQ(resolve("*", "", "-1"), "0 9002 0 0.0.0.0:0 99 | getservbyname(-1, tcp) = 0");
-  EXPECT_EQ(resolve("*", "", "nothing", EINTR), "0 4 0 0.0.0.0:0 99 | getservbyname(nothing, tcp) = 0");
   // no field is read past its end
   SockAddrRec name;
   memset(&name, 'h', sizeof name);
@@ -187,12 +183,12 @@ TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
 }
 
 TEST_F(SocketTest, IsValidIp) {
-  for (const char* text : {"1.2.3.4", "255.255.255.255", "001.002.003.004", "0.0.0.0", "010.1.1.1"}) {
+  for (const char* text : {"1.2.3.4", "255.255.255.255", "001.002.003.004", "0.0.0.0"}) {
     EXPECT_EQ(IsValidIp(text), 1) << text;
   }
   for (const char* text :
-       {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "1234.1.1.1", "0001.1.1.1", "", ".", "1..2.3", ".1.2.3.4",
-        "1.2.3.4.", "1.2.3.4 ", " 1.2.3.4", "+1.2.3.4", "-1.2.3.4", "1,2,3,4", "a.b.c.d", "1.2.3.", "1.2.3.4x"}) {
+       {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "0001.1.1.1", "1.1.1.0001", "", "1..2.3", ".1.2.3.4",
+        "1.2.3.4.", "1.2.3.4 ", "+1.2.3.4", "1,2,3,4", "a.b.c.d", "1.2.3.", "1.2.3.4x"}) {
     EXPECT_EQ(IsValidIp(text), 0) << text;
   }
 }
@@ -200,61 +196,40 @@ TEST_F(SocketTest, IsValidIp) {
 // The plain mappings: what they ask, and that they keep within buffers of the sizes that the header promises.
 TEST_F(SocketTest, Mappings) {
   const std::string host300(300, 'h'), service40(40, 's');
-  Platform::AddHost("box", {"10.9.8.7", "10.9.8.8"});
-  Platform::AddHost(host300, {"255.255.255.254"});
+  Platform::AddHost(host300, {"9.9.9.9", "10.9.8.8"});
   Platform::AddHost("bare", {});
-  Platform::AddService("echo", "udp", 7);
   Platform::AddService(service40, "tcp", 9);
   // "result text | calls"; the text is "????" when the buffer is untouched.
-  const auto mapped = [](size_t size, const std::function<int(char*)>& map) {
+  const auto mapped = [](size_t size, auto* map, auto... from) {
     char out[400] = "????";
     out[size] = '!';
-    const int result = map(out);
+    const int result = map(out, from...);
     EXPECT_EQ(out[size], '!') << "written past the end";
     return format("{} {} | {}", result, out, Take());
   };
-  const auto host_of = [&](const char* quad) {
-    const sockaddr_in in = {AF_INET, 0, {inet_addr(quad)}, {}};
-    return mapped(256, [&](char* out) { return MapHostAddrToName(out, &in); });
-  };
-  const auto service_of = [&](uint16_t port, const char* protocol) {
-    const sockaddr_in in = {AF_INET, htons(port), {}, {}};
-    return mapped(33, [&](char* out) { return MapServPortToName(out, &in, protocol); });
-  };
-  const auto address_of = [&](const char* name) {
-    return mapped(16, [&](char* out) { return ResolveHostName(name, out); });
-  };
-  EXPECT_EQ(host_of("10.9.8.7"), "1 box | gethostbyaddr(10.9.8.7, 4, 2) = 1");
-  EXPECT_EQ(host_of("255.255.255.254"), "1 " + host300.substr(45) + " | gethostbyaddr(255.255.255.254, 4, 2) = 1");
-  EXPECT_EQ(host_of("10.9.8.1"), "0 unknown host | gethostbyaddr(10.9.8.1, 4, 2) = 0");
-  EXPECT_EQ(service_of(7, "udp"), "1 echo | getservbyport(7, udp) = 1");
-  EXPECT_EQ(service_of(7, "tcp"), "0 unknown service | getservbyport(7, tcp) = 0");
-  EXPECT_EQ(service_of(9, "tcp"), "1 " + service40.substr(8) + " | getservbyport(9, tcp) = 1");
-  EXPECT_EQ(address_of("box"), "1 10.9.8.7 | gethostbyname(box) = 1");
-  EXPECT_EQ(address_of(host300.c_str()), "1 255.255.255.254 | gethostbyname(" + host300 + ") = 1");
-  EXPECT_EQ(address_of("nobody"), "0 ???? | gethostbyname(nobody) = 0");
-  EXPECT_EQ(address_of("bare"), "0 ???? | gethostbyname(bare) = 1");
+  const sockaddr_in known = {AF_INET, htons(9), {inet_addr("9.9.9.9")}, {}}, unknown = {AF_INET, 0, {}, {}};
+  EXPECT_EQ(mapped(256, MapHostAddrToName, &known), "1 " + host300.substr(45) + " | gethostbyaddr(9.9.9.9, 4, 2) = 1");
+  EXPECT_EQ(mapped(256, MapHostAddrToName, &unknown), "0 unknown host | gethostbyaddr(0.0.0.0, 4, 2) = 0");
+  EXPECT_EQ(mapped(33, MapServPortToName, &known, "tcp"), "1 " + service40.substr(8) + " | getservbyport(9, tcp) = 1");
+  EXPECT_EQ(mapped(33, MapServPortToName, &known, "udp"), "0 unknown service | getservbyport(9, udp) = 0");
+  int (*const resolve)(char*, const char*) = [](char* out, const char* name) { return ResolveHostName(name, out); };
+  EXPECT_EQ(mapped(16, resolve, host300.c_str()), "1 9.9.9.9 | gethostbyname(" + host300 + ") = 1");
+  EXPECT_EQ(mapped(16, resolve, "nobody"), "0 ???? | gethostbyname(nobody) = 0");
+  EXPECT_EQ(mapped(16, resolve, "bare"), "0 ???? | gethostbyname(bare) = 1");
 
-  const auto numbers = [](const char* text) {
+  for (const auto& [text, result, address, number] :
+       {std::tuple{"10.1", 1, 0xa000001u, 0xa000001u}, {"0.0.0.0", 1, ~0u, 0u}, {"nonsense", 0, ~0u, ~0u}}) {
     sockaddr_in out = {7, 8, {}, {}};
-    uint64_t number = ~uint64_t{0};
-    const int result = MapHostIPToAddr(text, &out);
-    EXPECT_EQ(MapStrIpToAddr(text, &number), 1);
-    return format("{} {:x} {:x}, {} {}", result, ntohl(out.sin_addr.s_addr), number, out.sin_family, out.sin_port);
-  };
-  EXPECT_EQ(numbers("1.2.3.4"), "1 1020304 1020304, 7 8");
-  EXPECT_EQ(numbers("10.1"), "1 a000001 a000001, 7 8");
-  EXPECT_EQ(numbers("0.0.0.0"), "1 ffffffff 0, 7 8");
-  EXPECT_EQ(numbers("nonsense"), "0 ffffffff ffffffff, 7 8");
-  const sockaddr_in in = {AF_INET, htons(65535), {inet_addr("10.0.0.5")}, {}};
-  SockAddrRec name = AddressOf("host", "s", "proto", "1.1.1.1");
-  EXPECT_EQ(IpAddrToSocketAddr(&name, &in, nullptr), 1);
-  EXPECT_EQ(Text(name), "host 10.0.0.5 65535 proto 65535");
+    uint64_t host_order = ~uint64_t{0};
+    EXPECT_EQ(MapHostIPToAddr(text, &out), result);
+    EXPECT_EQ(MapStrIpToAddr(text, &host_order), 1);
+    EXPECT_TRUE(ntohl(out.sin_addr.s_addr) == address && host_order == number && out.sin_family == 7) << text;
+  }
 }
 
 // ---- Connections ----
 
-// Each attempt: its outcome, then the caller's record, the socket's name and its from address ("=" the same as before).
+// Each attempt: its outcome, then the caller's record, the socket's name and its from address ("=": the same again).
 TEST_F(SocketTest, ConnectAndBind) {
   const Peer listener = Peer::Listen(), nobody = Peer::Bound(SOCK_STREAM);
   const int p = listener.port(), q = nobody.port();
@@ -264,46 +239,36 @@ TEST_F(SocketTest, ConnectAndBind) {
     Use(socket(AF_INET, SOCK_STREAM, 0));
     rec_.connected = 7;
     errno = 0;
-    SockAddrRec name = AddressOf(host, port >= 0 ? std::to_string(port) : "nothing", "proto");
+    SockAddrRec name = AddressOf(host, port >= 0 ? std::to_string(port) : "none", "pro");
     Platform::Mend();
     if (code >= 0) Platform::Fail(act == ConnectSocket ? "connect" : "bind", 1, code);
     const std::string outcome = Do(act, &name), asked = Text(name), own = Text(rec_.name), from = Text(rec_.from);
     return format("{} | {} | {} | {}", outcome, asked, own == asked ? "=" : own, from == own ? "=" : from);
   };
-  const std::string to_q = "ConnectSocket[AddrToIP[]; uname() = 0; connect(127.0.0.1:Q) = -1";
-  const std::string local_q = "] | 127.0.0.1 - Q proto Q | = | =",
-                    unbound = "] | testnode - - proto 0 | = | - - - tcp 0";
-  EXPECT_EQ(attempt(ConnectSocket, "@", p),
-            "1 0/0 1 | ConnectSocket[AddrToIP[gethostbyname(localhost) = 1]; uname() = 0; connect(127.0.0.1:P) = 0] | "
-            "@ - P proto P | = | @ 127.0.0.1 P proto P");
+  const std::string at = "ConnectSocket[AddrToIP[]; uname() = 0; connect(127.0.0.1:";
+  const std::string bind = "BindSocket[AddrToIP[]; uname() = 0; bind(", to_q = "] | 127.0.0.1 - Q pro Q | = | =";
+  const std::string unbound = "] | testnode - - pro 0 | = | - - - tcp 0";
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", p),
+            "1 0/0 1 | " + at + "P) = 0] | 127.0.0.1 - P pro P | = | 127.0.0.1 127.0.0.1 P pro P");
   EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", p, EISCONN),
-            "1 0/0 1 | ConnectSocket[AddrToIP[]; uname() = 0; connect(127.0.0.1:P) = -1 EISCONN] | "
-            "127.0.0.1 - P proto P | = | 127.0.0.1 127.0.0.1 P proto P");
-  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q), "0 111/5 0 | " + to_q + " ECONNREFUSED; onError 111" + local_q);
-  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 115), "0 11/5 0 | " + to_q + " EINPROGRESS; onError 11" + local_q);
-  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 0), "0 0/5 0 | " + to_q + "; onError 0" + local_q);
-  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", -1),
-            "0 9002/5 0 | ConnectSocket[AddrToIP[getservbyname(nothing, proto) = 0]; onError 9002] | "
-            "127.0.0.1 - nothing proto 0 | - - - - 0 | - - - tcp 0");
-  EXPECT_EQ(attempt(BindSocketName, "nowhere", 7),
-            "0 9003/5 0 | BindSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 9003] | nowhere - 7 proto 7 | "
+            "1 0/0 1 | " + at + "P) = -1 EISCONN] | 127.0.0.1 - P pro P | = | 127.0.0.1 127.0.0.1 P pro P");
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q), "0 111/5 0 | " + at + "Q) = -1 ECONNREFUSED; onError 111" + to_q);
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 115), "0 11/5 0 | " + at + "Q) = -1 EINPROGRESS; onError 11" + to_q);
+  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 0), "0 0/5 0 | " + at + "Q) = -1; onError 0" + to_q);
+  EXPECT_EQ(attempt(ConnectSocket, "*", -1),
+            "0 9002/5 0 | ConnectSocket[AddrToIP[getservbyname(none, pro) = 0]; onError 9002] | * - none pro 0 | "
             "- - - - 0 | - - - tcp 0");
   EXPECT_EQ(attempt(BindSocketName, "*", 0),
-            "1 0/0 1 | BindSocket[AddrToIP[]; uname() = 0; bind(0.0.0.0:0) = 0] | testnode 0.0.0.0 0 proto 0 | = | "
-            "- - - tcp 0");
+            "1 0/0 1 | " + bind + "0.0.0.0:0) = 0] | testnode 0.0.0.0 0 pro 0 | = | - - - tcp 0");
   EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", p),
-            "0 98/5 0 | BindSocket[AddrToIP[]; uname() = 0; bind(127.0.0.1:P) = -1 EADDRINUSE; onError 98" + unbound);
+            "0 98/5 0 | " + bind + "127.0.0.1:P) = -1 EADDRINUSE; onError 98" + unbound);
   EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", 1, EISCONN),
-            "1 106/0 1 | BindSocket[AddrToIP[]; uname() = 0; bind(127.0.0.1:1) = -1 EISCONN" + unbound);
+            "1 106/0 1 | " + bind + "127.0.0.1:1) = -1 EISCONN" + unbound);
   // Another action does neither. The caller's texts are cut; without a node name there is none.
-  Platform::Mend();
-  SockAddrRec name = AddressOf("*", "5", "proto");
-  EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = 0");
-  EXPECT_EQ(Text(name) + Text(rec_.name), "testnode - - proto 0testnode - - proto 0");
   Platform::Fail("uname", 1, EFAULT);
-  name = AddressOf("*", "5", "proto");
-  EXPECT_EQ(SockAction(&rec_, &name, 2), 1);
-  EXPECT_EQ(Text(name), "- - - proto 0");
+  SockAddrRec name = AddressOf("*", "5", "proto");
+  EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = -1 EFAULT");
+  EXPECT_EQ(Text(name) + Text(rec_.name), "- - - proto 0- - - proto 0");
   memset(name.host, 'h', sizeof name.host);
   memset(name.ip, 'i', sizeof name.ip);
   EXPECT_EQ(SockAction(&rec_, &name, SOCK_ACTION_BIND), 0);
@@ -316,10 +281,9 @@ TEST_F(SocketTest, ListenAndAccept) {
   NoblockSocket(&rec_);
   rec_.protocol = 6;
   const Peer client = Peer::Connect(PortOf(rec_.fd));
-  SockRec child, expected;
+  SockRec child, expected = {};
   memset(&child, 0x5a, sizeof child);
   EXPECT_EQ(Do(AcceptClient, &child), "1 77/0 0 | AcceptClient[accept() = fd]");
-  InitSocket(&expected);
   expected.fd = child.fd;
   expected.domain = 2;
   expected.type = 1;
@@ -330,124 +294,83 @@ TEST_F(SocketTest, ListenAndAccept) {
   const std::string accepted = Bytes(child);
   EXPECT_EQ(accepted, Bytes(expected));
   EXPECT_EQ(fcntl(child.fd, F_GETFD), FD_CLOEXEC);
-  client.Send("hi");
-  EXPECT_EQ(Peer(child.fd).Read(2), "hi");
+  close(child.fd);
   EXPECT_EQ(Do(AcceptClient, &child), "0 11/5 0 | AcceptClient[accept() = -1 EAGAIN; onError 11]");
-  Platform::Fail("accept", 1, EINPROGRESS);
-  EXPECT_EQ(Do(AcceptClient, &child), "0 115/5 0 | AcceptClient[accept() = -1 EINPROGRESS; onError 115]");
   EXPECT_EQ(Bytes(child), accepted);
 }
 
 // ---- Transfers ----
 
-class TransferTest : public SocketTest {
- protected:
-  void Connect() {
-    const Peer listener = Peer::Listen();
-    Use(Peer::Connect(listener.port()).Release());
-    peer_ = listener.Accept();
-  }
-  void Arm(std::string_view bytes) {
-    bytes_ = bytes;
-    const auto size = static_cast<uint32_t>(bytes.size());
-    buffer_ = {reinterpret_cast<uint8_t*>(bytes_.data()), size, size, 0, 0, 0};
-  }
-  // "received sent, totals | result error/errorResult connected | what happened".
-  std::string Moved(const std::string& outcome) const {
-    return format("{} {}, {} {} | {}", buffer_.received, buffer_.sent, rec_.bytesReceived, rec_.bytesSent, outcome);
-  }
-  std::string Read() { return Moved(Do(ReadSocket, &buffer_)); }
-  std::string Write(SockAddrRec* to = nullptr) { return Moved(Do(WriteSocket, &buffer_, to)); }
-
-  Peer peer_;
-  std::string bytes_;
-  IoBuffer buffer_;
-};
-
-TEST_F(TransferTest, StreamsGoOnWhereTheyStopped) {
+TEST_F(SocketTest, StreamsGoOnWhereTheyStopped) {
   Connect();
-  peer_.Send(std::string(100, 'a') + std::string(36, 'b') + "next");
-  Platform::Limit("recvfrom", {100});
-  Arm(std::string(140, '?'));
-  buffer_.length = 136;
-  EXPECT_EQ(Read(), "100 0, 100 0 | 1 0/0 0 | ReadSocket[recvfrom(136) = 100]");
-  EXPECT_EQ(Read(), "136 0, 136 0 | 1 0/0 0 | ReadSocket[recvfrom(36) = 36]");
-  EXPECT_EQ(bytes_, std::string(100, 'a') + std::string(36, 'b') + "????");
-  EXPECT_EQ(Read(), "136 0, 136 0 | 0 9004/5 0 | ReadSocket[recvfrom(0) = 0; onError 9004]");
+  peer_.Send("0123456789");
+  Platform::Limit("recvfrom", {4});
+  Arm("??????????");
+  buffer_.length = 6;
+  EXPECT_EQ(Read(), "4 0, 4 0 | 1 0/0 0 | ReadSocket[recvfrom(6) = 4]");
+  EXPECT_EQ(Read(), "6 0, 6 0 | 1 0/0 0 | ReadSocket[recvfrom(2) = 2]");
+  EXPECT_EQ(bytes_, "012345????");
+  EXPECT_EQ(Read(), "6 0, 6 0 | 0 9004/5 0 | ReadSocket[recvfrom(0) = 0; onError 9004]");
   EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to note";
-  // Bytes looked at count and stay.
   Arm("????");
   buffer_.flags = MSG_PEEK;
-  EXPECT_EQ(Read(), "4 0, 140 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]");
-  Arm("????");
-  EXPECT_EQ(Read(), "4 0, 144 0 | 1 0/0 0 | ReadSocket[recvfrom(4) = 4]");
-  EXPECT_EQ(bytes_, "next");
+  EXPECT_EQ(Read(), "4 0, 10 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]") << "bytes looked at count";
 
   Arm("0123456789");
   buffer_.length = 9;
   Platform::Limit("send", {4, 0});
-  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket[send(9) = 4]");
-  EXPECT_EQ(Write(), "0 4, 144 4 | 1 0/0 0 | WriteSocket[send(5) = 0]");
-  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket[send(5) = 5]");
-  EXPECT_EQ(Write(), "0 9, 144 9 | 1 0/0 0 | WriteSocket[send(0) = 0]");
+  EXPECT_EQ(Write(), "0 4, 10 4 | 1 0/0 0 | WriteSocket[send(9) = 4]");
+  EXPECT_EQ(Write(), "0 4, 10 4 | 1 0/0 0 | WriteSocket[send(5) = 0]");
+  EXPECT_EQ(Write(), "0 9, 10 9 | 1 0/0 0 | WriteSocket[send(5) = 5]");
   EXPECT_EQ(peer_.Read(9), "012345678");
 }
 
 // Failures move and count nothing; callbacks see the buffer and the error as it is then.
-TEST_F(TransferTest, Failures) {
+TEST_F(SocketTest, Failures) {
   Connect();
   Trace::Now().on_socket = [&](std::string_view, SockRec* rec) {
-    Platform::Note('s', format("({}{})", rec->error, rec->buffer == &buffer_ ? " with buffer" : ""));
+    Platform::Note('s', format("({}{})", rec->error, rec->buffer == &buffer_ ? "b" : ""));
   };
-  for (const auto& [code, kept] : {std::pair{EAGAIN, 11}, {EINPROGRESS, 11}, {EINTR, EINTR}}) {
-    for (const bool reading : {true, false}) {
-      Platform::Fail(reading ? "recvfrom" : "send", 1, code);
-      Arm("0123456789");
-      buffer_.received = buffer_.sent = 3;
-      EXPECT_EQ(reading ? Read() : Write(),
-                format("3 3, 0 0 | 0 {2}/5 0 | {0}Socket[(77 with buffer); {1}(7) = -1 {4}; onError {3}; ({3} with "
-                       "buffer)]; ({2} with buffer)",
-                       reading ? "Read" : "Write", reading ? "recvfrom" : "send", kept, code, strerrorname_np(code)));
-      EXPECT_TRUE(bytes_ == "0123456789" && rec_.buffer == nullptr);
-    }
-  }
+  Arm("0123456789");
+  buffer_.received = buffer_.sent = 3;
+  Platform::Fail("recvfrom", 1, EINPROGRESS);
+  EXPECT_EQ(Read(),
+            "3 3, 0 0 | 0 11/5 0 | ReadSocket[(77b); recvfrom(7) = -1 EINPROGRESS; onError 115; (115b)]; (11b)");
+  Platform::Fail("send", 1, EINTR);
+  EXPECT_EQ(Write(), "3 3, 0 0 | 0 4/5 0 | WriteSocket[(77b); send(7) = -1 EINTR; onError 4; (4b)]; (4b)");
+  EXPECT_TRUE(bytes_ == "0123456789" && rec_.buffer == nullptr);
 }
 
-TEST_F(TransferTest, DatagramsNoteTheirSender) {
+TEST_F(SocketTest, Datagrams) {
+  Platform::AddHost("box", {"127.0.0.1"});
   Use(Peer::Datagram().Release(), SOCK_TYPE_DATAGRAM);
   const Peer peer = Peer::Datagram();
   Alias(peer.port(), "P");
-  // The type counts when something has arrived.
-  const auto got = [&](const char* bytes, uint32_t before, uint32_t later) {
+  // The sender is noted; the type counts when something has arrived.
+  const auto got = [&](uint32_t before, uint32_t later) {
     rec_.type = before;
     rec_.from = AddressOf("", "");
     Trace::Now().on_socket = [=](std::string_view, SockRec* rec) { rec->type = later; };
-    peer.SendTo(PortOf(rec_.fd), bytes);
+    peer.SendTo(PortOf(rec_.fd), "hello");
     Arm("0123456789");
     const std::string read = Read();
-    return read + " | " + Text(rec_.from) + " | " + Text(rec_.name);
+    return format("{} | {} | {}", read, Text(rec_.from), Text(rec_.name));
   };
-  const std::string read = " | ReadSocket[recvfrom(10) = 5] | ";
-  EXPECT_EQ(got("hello", 2, 2), "5 0, 5 0 | 1 0/0 0" + read + "- 127.0.0.1 P tcp P | - - - - 0");
-  EXPECT_EQ(got("", 2, 2),
-            "0 0, 5 0 | 0 9004/5 0 | ReadSocket[recvfrom(10) = 0; onError 9004] | - - - tcp 0 | - - - - 0");
-  EXPECT_EQ(got("again", 1, 2), "5 0, 10 0 | 1 0/0 0" + read + "- 127.0.0.1 P tcp P | - - - - 0");
-  EXPECT_EQ(got("other", 3, 3), "5 0, 15 0 | 1 0/0 0" + read + "- - - tcp 0 | - - - - 0");
-}
-
-TEST_F(TransferTest, DatagramsResolveTheirDestinationEachTime) {
-  Platform::AddHost("box", {"127.0.0.1"});
-  const Peer peer = Peer::Datagram();
-  Alias(peer.port(), "P");
+  const std::string read = "1 0/0 0 | ReadSocket[recvfrom(10) = 5] | ";
+  EXPECT_EQ(got(1, 2), "5 0, 5 0 | " + read + "- 127.0.0.1 P tcp P | - - - - 0");
+  EXPECT_EQ(got(3, 3), "5 0, 10 0 | " + read + "- - - tcp 0 | - - - - 0");
+  // The destination is resolved each time.
   SockAddrRec to = AddressOf("box", peer.port()), nowhere = AddressOf("nowhere", 7);
-  for (const int type : {2, 3}) {
-    Use(Peer::Datagram().Release(), type);
+  for (const uint32_t type : {2, 3}) {
+    Trace::Now().on_socket = nullptr;
+    rec_.type = type;
+    rec_.bytesSent = 0;
     Arm("0123456789");
     buffer_.sent = 4;
-    EXPECT_EQ(Write(), "0 4, 0 0 | 0 89/5 0 | WriteSocket[onError 89]");
-    EXPECT_EQ(Write(&nowhere), "0 4, 0 0 | 0 89/5 0 | WriteSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 89]");
+    EXPECT_EQ(Write(), "0 4, 10 0 | 0 89/5 0 | WriteSocket[onError 89]");
+    EXPECT_EQ(Write(&nowhere), "0 4, 10 0 | 0 89/5 0 | WriteSocket[AddrToIP[gethostbyname(nowhere) = 0]; onError 89]");
     EXPECT_EQ(Write(&to),
-              "0 10, 0 6 | 1 0/0 0 | WriteSocket[AddrToIP[gethostbyname(box) = 1]; sendto(6, 127.0.0.1:P) = 6]");
+              "0 10, 10 6 | 1 0/0 0 | WriteSocket[AddrToIP[gethostbyname(box) = 1]; sendto(6, 127.0.0.1:P) = 6]");
     EXPECT_EQ(Text(to), "box - P tcp P");
     EXPECT_EQ(peer.Read(), "456789");
   }
@@ -457,8 +380,8 @@ TEST_F(TransferTest, DatagramsResolveTheirDestinationEachTime) {
 
 TEST_F(SocketTest, Options) {
   Use(Peer::Datagram().Release());
-  const auto set = [this](int id, int first, int second) {
-    SockOption option = {id, first, second};
+  const auto set = [this](int id) {
+    SockOption option = {id, 5, 7};
     return Do(SetSocketOptions, &option);
   };
   const auto get = [this](int id) {
@@ -466,34 +389,19 @@ TEST_F(SocketTest, Options) {
     const std::string outcome = Do(GetSocketOptions, &option);
     return format("{} {}, {}", option.value1, option.value2, outcome);
   };
-  EXPECT_EQ(set(0, 1, 0), "1 0/0 0 | setsockopt(1:1, 0) = 0");
-  EXPECT_EQ(set(1, 1, 0), "1 0/0 0 | setsockopt(1:2, 0) = 0");
-  EXPECT_EQ(set(2, 0, 1), "1 0/0 0 | setsockopt(1:9, 1) = 0");
-  EXPECT_EQ(set(3, 0, 9), "1 0/0 0 | setsockopt(1:5, 9) = 0");
-  EXPECT_EQ(set(4, 30, 1), "1 0/0 0 | setsockopt(1:13, 1, 30) = 0");
-  EXPECT_EQ(set(5, 0, 1), "1 0/0 0 | setsockopt(1:6, 1) = 0");
-  EXPECT_EQ(set(6, 0, 1), "1 0/0 0 | setsockopt(1:10, 1) = 0");
-  EXPECT_EQ(set(7, 65536, 3), "1 0/0 0 | setsockopt(1:7, 65536) = 0");
-  EXPECT_EQ(set(8, 32768, 3), "1 0/0 0 | setsockopt(1:8, 32768) = 0");
-  EXPECT_EQ(set(9, 1, 2), "0 92/5 0 | setsockopt(1:3, 2) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(set(10, 1, 2), "0 92/5 0 | setsockopt(1:4, 2) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(set(11, 1, 0), "1 0/0 0 | setsockopt(1:11, 0) = 0");
-  EXPECT_EQ(set(12, 0, 5), "1 0/0 0 | setsockopt(1:12, 5) = 0");
-  EXPECT_EQ(set(1 << 30, 1, 2), "0 92/5 0 | setsockopt(1:1073741824, 2) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(set(-3, 1, 2), "0 92/5 0 | setsockopt(1:-1, 2) = -1 ENOPROTOOPT; onError 92");
+  const char* const calls[] = {"1:1, 7", "1:2, 7", "1:9, 7", "1:5, 7", "1:13, 7, 5", "1:6, 7", "1:10, 7",
+                               "1:7, 5", "1:8, 5", "1:3, 7", "1:4, 7", "1:11, 7",    "1:12, 7"};
+  Platform::Fail("setsockopt", 1, Platform::kZero, Platform::kOnwards);
+  for (int id = 0; id < 13; ++id) EXPECT_EQ(set(id), format("1 0/0 0 | setsockopt({}) = 0", calls[id]));
+  Platform::Mend();
+  EXPECT_EQ(set(-3), "0 92/5 0 | setsockopt(1:-1, 7) = -1 ENOPROTOOPT; onError 92");
   EXPECT_EQ(get(9), "2 33, 1 0/0 0 | getsockopt(1:3) = 0");
-  EXPECT_EQ(get(4), "1 33, 1 0/0 0 | getsockopt(1:13) = 0");
   EXPECT_EQ(get(-3), "-5 33, 0 92/5 0 | getsockopt(1:-1) = -1 ENOPROTOOPT; onError 92");
 
   EXPECT_EQ(Do(ReuseSocket, 1), "1 0/0 0 | setsockopt(1:2, 1) = 0");
   EXPECT_EQ(Do(ReuseSocket, 2), "1 0/0 0 | setsockopt(1:2, 0) = 0");
   EXPECT_EQ(Do(SetTcpBuffer, 40000), "1 0/0 0 | setsockopt(1:7, 40000) = 0; setsockopt(1:8, 40000) = 0");
-  Use(Peer::Bound(SOCK_STREAM).Release());
-  EXPECT_EQ(Do(SetTcpNoDelay, 4), "1 0/0 0 | setsockopt(6:1, 4) = 0");
-  Platform::Fail("setsockopt", 1, EINPROGRESS, 3);
-  EXPECT_EQ(Do(SetTcpNoDelay, 0), "0 115/5 0 | setsockopt(6:1, 0) = -1 EINPROGRESS; onError 115");
-  EXPECT_EQ(Do(ReuseSocket, 1), "0 115/5 0 | setsockopt(1:2, 1) = -1 EINPROGRESS; onError 115");
-  EXPECT_EQ(Do(SetTcpBuffer, 40000), "0 115/5 0 | setsockopt(1:7, 40000) = -1 EINPROGRESS; onError 115");
+  EXPECT_EQ(Do(SetTcpNoDelay, 4), "0 92/5 0 | setsockopt(6:1, 4) = -1 ENOPROTOOPT; onError 92");
   Platform::Fail("setsockopt", 2, EINPROGRESS);
   EXPECT_EQ(Do(SetTcpBuffer, 40000),
             "0 115/5 0 | setsockopt(1:7, 40000) = 0; setsockopt(1:8, 40000) = -1 EINPROGRESS; onError 115");

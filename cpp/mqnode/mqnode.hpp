@@ -46,6 +46,7 @@
 
 #include "companion/host.h"
 #include "mqnode/errors.h"
+#include "mqnode/finish.h"
 #include "mqnode/mqnode.h"
 
 namespace mqnode {
@@ -430,6 +431,12 @@ class NodeRef {
   }
   bool has_pending() const noexcept { return mnIsPendingIO(pointer_) != 0; }
   void discard_pending() const noexcept { mnClearPeningIO(pointer_); }
+
+  // mq_finish, before a node is deleted whose last messages must arrive: sends what is queued, shuts the sending side
+  // down and waits until the peer has read everything and closed. False with ETIMEDOUT when that took too long.
+  Result finish(std::chrono::milliseconds longest) const noexcept {
+    return outcome(mq_finish(pointer_, static_cast<int>(longest.count())));
+  }
 
   // IsNodeFailed: the last operation failed, or is unfinished. True for an empty one too.
   bool failed() const noexcept { return IsNodeFailed(pointer_) != 0; }

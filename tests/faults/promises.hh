@@ -39,7 +39,6 @@ constexpr Promise kPromises[] = {
     {"create", "getservbyname gethostbyname", kFails, 1, kSome},
     {"create", kAnyCall, kFails, 1, kItself},
     {"create", kMemory, kEnds, 0, kAny},
-    {"connect", "getservbyname gethostbyname", kFails, 0, kSome},
     {"connect", "connect", EISCONN, 1, 0},
     {"connect", "connect", EINPROGRESS, 0, SOCK_WOULD_BLOCK},
     {"accept", "accept", kWhole, 1, kAny},  // without memory for the child the result is 1 too
@@ -59,10 +58,6 @@ constexpr Promise kPromises[] = {
     {"wait", kMemory, kEnds, 0, kUntouched},
     {"wait", kMemory, kEnds, 0, ENOMEM},
 
-    {"ask", "gethostname", kFails, 1, kAny},  // the network is down
-    {"ask", "gethostname", kWhole, 0, kAny},
-    {"ask", kAnyCall, kFails, 0, kAny},
-
     {"close", kNoCall, kEnds, 1, kAny},
     {"create write finish wait name", kNoCall, kEnds, 1, 0},
     {"", kAnyCall, kFails, 0, kItself},
@@ -74,7 +69,7 @@ inline std::optional<int> FailureOf(const Call& call) {
   if (call.result == -1) return call.error;
   if (call.result != 0) return std::nullopt;
   if (Lists("recvfrom select poll", call.name)) return kZero;
-  constexpr std::string_view kReturnPointers = "gethostbyname gethostbyaddr getservbyname getservbyport fopen fgets";
+  constexpr std::string_view kReturnPointers = "gethostbyname getservbyname fopen fgets";
   return Lists(kReturnPointers, call.name) ? std::optional(call.error) : std::nullopt;
 }
 

@@ -7,10 +7,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr size_t kMostRepeated = 64u << 20;  // bytes that all '*' of a dump stand for
   fuzz::Input input(data, size);
   const uint8_t options = input.Byte();
-  const auto format = static_cast<mqcat::CaptureFormat>(options % 4);
   std::vector<uint8_t> file = fuzz::Copy(input.Rest());
   if ((options & 8) == 0) std::replace(file.begin(), file.end(), '*', '#');  // most of the time would go into repeating
-  const mqcat::Capture capture = mqcat::ReadCapture(file, format);
+  const mqcat::Capture capture = mqcat::ReadCapture(file, static_cast<mqcat::CaptureFormat>(options % 4));
   size_t total = 0;
   for (const mqcat::Stream& stream : capture.streams) total += stream.bytes.size();
   REQUIRE(total <= file.size() + (capture.format == mqcat::CaptureFormat::kHex ? kMostRepeated : 0));

@@ -1,4 +1,4 @@
-// fuzz.hh - what the targets share: the input as options and bytes, requirements, allocations that fail.
+// fuzz.hh - what the targets share: the input as options and bytes, requirements.
 //
 // A target is one source with LLVMFuzzerTestOneInput. The first bytes of an input choose options, the code under test
 // gets the rest. The same input always does the same: no clock, no randomness, no network.
@@ -15,6 +15,8 @@
 #include "companion/host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t most);
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed);
 
 // Ends the process, which the fuzzer and the tests count as a finding.
 #define REQUIRE(condition) ((condition) ? void() : fuzz::Fail(#condition, __FILE__, __LINE__))
@@ -22,6 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 namespace fuzz {
 
 using Bytes = std::span<const uint8_t>;
+
+constexpr int64_t kPresent = 1'700'000'000'000;  // where the clock is stopped
 
 [[noreturn]] inline void Fail(const char* condition, const char* file, int line) {
   fprintf(stderr, "%s:%d: requirement failed: %s\n", file, line, condition);
@@ -47,13 +51,5 @@ class Input {
 // A copy in a block of exactly this size, so that the sanitizer sees an access to the first byte beyond it.
 inline std::vector<uint8_t> Copy(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
 inline std::string TextOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
-inline bool Same(Bytes a, Bytes b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
-
-// Lets the companion's nth allocation in its scope fail; 0 for none. A temporary lasts for one expression:
-//   (fuzz::Failing(nth), function())
-struct Failing {
-  explicit Failing(uint64_t nth) { mqc_fail_allocation(nth, 0); }
-  ~Failing() { mqc_fail_allocation(0, 0); }
-};
 
 }  // namespace fuzz

@@ -6,9 +6,6 @@
 
 #include "tests/fuzz/fuzz.hh"
 
-extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t most);
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed);
-
 size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t) {
   if (size != 0) data[static_cast<size_t>(rand()) % size] = static_cast<uint8_t>(rand());
   return size;
@@ -35,6 +32,5 @@ int main(int argc, char** argv) {
       LLVMFuzzerTestOneInput(fuzz::Copy(input).data(), input.size());
     }
   }
-  printf("%zu inputs\n", files.size());
   return files.empty() ? 2 : 0;
 }

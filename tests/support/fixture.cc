@@ -4,11 +4,9 @@
 #include <arpa/inet.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <utility>
 
 namespace {
 
@@ -60,13 +58,12 @@ void Trace::OnSocket(const char* point, SockRec* rec) {
 
 void Trace::OnNode(const char* point, MQNode* node) {
   Note('n', node, Now().show != nullptr ? format("{} {}", point, Now().show(node)) : point);
-  if (Now().on_node) Now().on_node(point, node);
 }
 
 int Trace::OnError(SockRec* rec) {
   Note('s', rec, format("onError {}", rec->error));
   if (Now().on_socket) Now().on_socket("onError", rec);
-  return Now().error_result;
+  return 5;
 }
 
 std::string Take(std::string_view kinds) {
@@ -96,10 +93,6 @@ Peer::Peer(int fd) : fd_(fd) {
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
 }
 
-Peer::~Peer() {
-  if (fd_ >= 0) close(fd_);
-}
-
 Peer Peer::Bound(int type) {
   Peer peer(Check(socket(AF_INET, type, 0), "socket"));
   const sockaddr_in address = Loopback(0);
@@ -107,9 +100,9 @@ Peer Peer::Bound(int type) {
   return peer;
 }
 
-Peer Peer::Listen(int backlog) {
+Peer Peer::Listen() {
   Peer peer = Bound(SOCK_STREAM);
-  Check(listen(peer.fd_, backlog), "listen");
+  Check(listen(peer.fd_, 20), "listen");
   return peer;
 }
 
@@ -141,7 +134,6 @@ std::string Peer::Read(size_t size) const {
 
 void Peer::Shutdown() const { Check(shutdown(fd_, SHUT_WR), "shutdown"); }
 int Peer::port() const { return PortOf(fd_); }
-int Peer::Release() { return std::exchange(fd_, -1); }
 
 int PortOf(int fd) {
   sockaddr_in address = {};

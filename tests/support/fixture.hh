@@ -5,9 +5,11 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "companion/host.h"
 #include "mqnode/mqnode.h"
@@ -21,14 +23,12 @@ using fmt::format;
 struct Trace {
   static void OnSocket(const char* point, SockRec* rec);
   static void OnNode(const char* point, MQNode* node);
-  static int OnError(SockRec* rec);
+  static int OnError(SockRec* rec);  // returns 5
 
   std::map<const void*, std::string> names;
   std::string (*show)(const MQNode*) = nullptr;  // behind each trace point of a node
-  int error_result = 0;                          // of OnError
-  // Run inside the callbacks, after the event was noted. The point of an error is "onError".
+  // Run inside the callbacks of sockets, after the event was noted. The point of an error is "onError".
   std::function<void(std::string_view point, SockRec* rec)> on_socket;
-  std::function<void(std::string_view point, MQNode* node)> on_node;
 
   static Trace& Now();
 };
@@ -52,14 +52,15 @@ class Peer {
     std::swap(fd_, other.fd_);
     return *this;
   }
-  ~Peer();
+  ~Peer() {
+    if (fd_ >= 0) close(fd_);
+  }
 
   // Sockets on 127.0.0.1, at a port that the kernel picked.
   static Peer Bound(int type);  // a stream socket that is only bound keeps everybody from listening there
-  static Peer Listen(int backlog = 20);
+  static Peer Listen();
   static Peer Connect(int port);
   static Peer Datagram();
-  static Peer Adopt(int fd) { return Peer(fd); }
 
   Peer Accept() const;
   void Send(std::string_view bytes, int flags = 0) const;
@@ -68,7 +69,7 @@ class Peer {
   void Shutdown() const;                        // no more sending
   int fd() const { return fd_; }
   int port() const;
-  int Release();  // the descriptor, no longer owned
+  int Release() { return std::exchange(fd_, -1); }  // no longer owned
 
  private:
   int fd_ = -1;

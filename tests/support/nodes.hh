@@ -14,7 +14,6 @@
 
 struct Companion {
   std::string user = "tester";  // the login name
-  bool has_user = true;
   bool little = true;
   bool ascii = true;
   std::string failing;  // this function returns 0 and does nothing
@@ -38,7 +37,7 @@ extern "C" {
 
 inline __attribute__((used)) int GetUserName(char* buf, int* len) {
   const Companion& now = Companion::Now();
-  if (!now.has_user || static_cast<size_t>(*len) <= now.user.size()) return 0;
+  if (static_cast<size_t>(*len) <= now.user.size()) return 0;
   memcpy(buf, now.user.c_str(), now.user.size() + 1);
   *len = static_cast<int>(now.user.size());
   return 1;

@@ -19,38 +19,12 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <deque>
-#include <optional>
 
 #include "runtime/runtime.h"
 
 namespace {
 
-struct Rule {
-  std::string name;
-  int skip, count, code;
-};
-
-struct Service {
-  std::string name, protocol;
-  int port;
-};
-
-struct State {
-  std::vector<Call> records;
-  std::vector<Rule> rules;
-  std::map<std::string, std::deque<size_t>, std::less<>> limits;
-  std::map<std::string, size_t, std::less<>> constant_limits;
-  std::map<std::string, std::vector<std::string>, std::less<>> hosts = {{"localhost", {"127.0.0.1"}}};
-  std::vector<Service> services;
-  std::string node_name;
-  std::optional<time_t> now;
-  std::function<int(const char*)> run_system;
-  std::function<void()> on_pause = [] {};
-  bool skip_pauses = false;
-  size_t allocations = 0, injections = 0;
-  std::map<std::string, size_t, std::less<>> counts;
-};
+using Service = Platform::Service;
 
 struct Place {
   const char* name;
@@ -65,14 +39,7 @@ void* library_blocks[64];
 constexpr char kCompanionMalloc[] = "companion malloc";
 bool counting;
 
-State& Now() {
-  static State state;
-  // What the library's destructors call at the end of the process, as they do in a coverage build, goes past.
-  static const struct End {
-    ~End() { library.end = companion.end = 0; }
-  } end;
-  return state;
-}
+Platform::State& Now() { return Platform::Now(); }
 
 int FindPlaces(dl_phdr_info* info, size_t, void*) {
   for (Place* place : {&library, &companion}) {
@@ -104,7 +71,7 @@ std::optional<int> Injected(const char* name) {
   const int before = errno;
   std::optional<int> code;
   ++Now().counts[name];
-  for (Rule& rule : Now().rules) {
+  for (auto& rule : Now().rules) {
     if (rule.name != name) continue;
     if (rule.skip > 0) {
       --rule.skip;
@@ -119,13 +86,12 @@ std::optional<int> Injected(const char* name) {
 }
 
 size_t Limited(const char* name, size_t size) {
-  const auto all = Now().constant_limits.find(name);
-  if (all != Now().constant_limits.end()) size = std::min(size, all->second);
-  std::deque<size_t>& script = Now().limits[name];
-  if (script.empty()) return size;
-  const size_t limit = script.front();
-  script.pop_front();
-  return std::min(size, limit);
+  auto& [coming, limit] = Now().limits[name];
+  size = std::min(size, limit);
+  if (coming.empty()) return size;
+  size = std::min(size, coming.front());
+  coming.pop_front();
+  return size;
 }
 
 void Record(Call call) {
@@ -138,19 +104,17 @@ void Record(Call call) {
 template <typename Run>
 auto Do(Call call, Run run) -> decltype(run()) {
   const int before = errno;
-  if (const auto code = Injected(call.name.c_str())) {
-    call.injected = true;
-    call.result = *code == Platform::kZero ? 0 : -1;
-    errno = *code == Platform::kZero ? before : *code;
-  } else {
-    call.result = static_cast<long>(run());
-  }
+  const auto code = Injected(call.name.c_str());
+  const bool zero = code == Platform::kZero;
+  const auto result = code ? static_cast<decltype(run())>(zero ? 0 : -1) : run();
+  call.injected = code.has_value();
+  call.result = static_cast<long>(result);
+  if (code) errno = *code;
   if (call.result == -1) {
     call.error = errno;
   } else {
     errno = before;
   }
-  const auto result = static_cast<decltype(run())>(call.result);
   Record(std::move(call));
   return result;
 }
@@ -198,20 +162,17 @@ hostent* LookHost(Call call, Fits fits) {
   static std::vector<char*> list;
   static char* aliases[] = {nullptr};
   static hostent entry;
-  const bool any = Look(std::move(call), [&] {
-    const auto& hosts = Now().hosts;
-    const auto host = std::find_if(hosts.begin(), hosts.end(), fits);
-    if (host == hosts.end()) return false;
-    host_name = host->first;
-    addresses.clear();
-    list.clear();
-    for (const auto& quad : host->second) addresses.push_back({inet_addr(quad.c_str())});
-    for (auto& address : addresses) list.push_back(reinterpret_cast<char*>(&address));
-    return true;
-  });
+  const auto& hosts = Now().hosts;
+  const auto host = std::find_if(hosts.begin(), hosts.end(), fits);
+  if (!Look(std::move(call), [&] { return host != hosts.end(); })) return nullptr;
+  host_name = host->first;
+  addresses.clear();
+  list.clear();
+  for (const auto& quad : host->second) addresses.push_back({inet_addr(quad.c_str())});
+  for (auto& address : addresses) list.push_back(reinterpret_cast<char*>(&address));
   list.push_back(nullptr);
   entry = {host_name.data(), aliases, AF_INET, sizeof(in_addr), list.data()};
-  return any ? &entry : nullptr;
+  return &entry;
 }
 
 // The last service that fits.
@@ -220,14 +181,25 @@ servent* LookService(Call call, Fits fits) {
   static Service found;
   static char* aliases[] = {nullptr};
   static servent entry;
-  const bool any = Look(std::move(call), [&] {
-    const auto& all = Now().services;
-    const auto last = std::find_if(all.rbegin(), all.rend(), fits);
-    if (last != all.rend()) found = *last;
-    return last != all.rend();
-  });
+  const auto& all = Now().services;
+  const auto last = std::find_if(all.rbegin(), all.rend(), fits);
+  if (!Look(std::move(call), [&] { return last != all.rend(); })) return nullptr;
+  found = *last;
   entry = {found.name.data(), aliases, htons(static_cast<uint16_t>(found.port)), found.protocol.data()};
-  return any ? &entry : nullptr;
+  return &entry;
+}
+
+// Runs the hook of pauses, then passes detail on to the record.
+std::string Pause(std::string detail) {
+  Now().on_pause();
+  return detail;
+}
+
+// The value of a socket option: one word, or two.
+std::string OptionText(const void* value, socklen_t length) {
+  int words[2] = {};
+  memcpy(words, value, std::min<size_t>(length, sizeof words));
+  return fmt::format(fmt::runtime(length > 4 ? "{}, {}" : "{}"), words[0], words[1]);
 }
 
 // While next is looked up, and only then, libc's own serves.
@@ -252,27 +224,14 @@ std::string Call::Text() const {
   return fmt::format("{} = {}", text, result);
 }
 
-void Platform::Reset() { Now() = State(); }
-void Platform::Fail(std::string_view name, int nth, int code, int count) {
-  Now().rules.push_back({std::string(name), nth - 1, count, code});
+Platform::State& Platform::Now() {
+  static State state;
+  // What the library's destructors call at the end of the process, as they do in a coverage build, goes past.
+  static const struct End {
+    ~End() { library.end = companion.end = 0; }
+  } end;
+  return state;
 }
-void Platform::Mend() { Now().rules.clear(); }
-void Platform::Limit(std::string_view name, std::vector<size_t> sizes) {
-  Now().limits[std::string(name)] = {sizes.begin(), sizes.end()};
-}
-void Platform::LimitAll(std::string_view name, size_t size) { Now().constant_limits[std::string(name)] = size; }
-void Platform::AddHost(std::string_view name, std::vector<std::string> quads) {
-  Now().hosts[std::string(name)] = std::move(quads);
-}
-void Platform::AddService(std::string_view name, std::string_view protocol, int port) {
-  Now().services.push_back({std::string(name), std::string(protocol), port});
-}
-void Platform::SetNodeName(std::string_view name) { Now().node_name = name; }
-void Platform::SetTime(time_t now) { Now().now = now; }
-void Platform::OnSystem(std::function<int(const char*)> run) { Now().run_system = std::move(run); }
-void Platform::OnPause(std::function<void()> run) { Now().on_pause = std::move(run); }
-void Platform::SkipPauses() { Now().skip_pauses = true; }
-
 std::vector<Call> Platform::Records(std::initializer_list<std::string_view> names) {
   std::vector<Call> chosen = Now().records;
   std::erase_if(chosen, [&](const Call& call) {
@@ -286,16 +245,12 @@ std::vector<std::string> Platform::Calls(std::initializer_list<std::string_view>
   return texts;
 }
 void Platform::Note(char kind, std::string event) { Record({.name = std::move(event), .kind = kind}); }
-void Platform::Forget() { Now().records.clear(); }
 
 void Platform::StartCounting() {
   Now().counts.clear();
   counting = true;
 }
-std::map<std::string, size_t, std::less<>> Platform::Counts() { return Now().counts; }
-size_t Platform::Injections() { return Now().injections; }
 long Platform::LibraryBlocks() { return 64 - std::count(library_blocks, library_blocks + 64, nullptr); }
-size_t Platform::Allocations() { return Now().allocations; }
 
 // The definitions that libmqnode.so binds to. REAL names the next definition; FOREIGN leaves when the caller is not the
 // library; ENTER does both.
@@ -312,6 +267,14 @@ size_t Platform::Allocations() { return Now().allocations; }
   type name parameters exceptions {                                  \
     ENTER(name, arguments);                                          \
     return Do({#name, __VA_ARGS__}, [&] { return real arguments; }); \
+  }
+// The same for calls that answer with a pointer.
+#define LOOK_UP(type, name, parameters, arguments, detail)                       \
+  type name parameters {                                                         \
+    ENTER(name, arguments);                                                      \
+    type answer = nullptr;                                                       \
+    Look({#name, detail}, [&] { return (answer = real arguments) != nullptr; }); \
+    return answer;                                                               \
   }
 // The same for those that move bytes, perhaps fewer than asked for.
 #define MOVE(name, parameters, arguments, detail)                                                             \
@@ -340,19 +303,13 @@ MOVE(sendto, (int fd, const void* data, size_t size, int flags, const sockaddr* 
 MOVE(recvfrom, (int fd, void* data, size_t size, int flags, sockaddr* from, socklen_t* length),
      (fd, data, size, flags, from, length), TEXT("{}", size))
 
-int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
-  ENTER(select, (count, read, write, except, timeout));
-  return Do({"select", TEXT("{}.{:06}s", timeout->tv_sec, timeout->tv_usec), -1, static_cast<size_t>(count)},
-            [&] { return real(count, read, write, except, timeout); });
-}
-
-int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
-  ENTER(setsockopt, (fd, level, option, value, length));
-  int words[2] = {};
-  memcpy(words, value, std::min<size_t>(length, sizeof words));
-  const std::string detail = TEXT("{}:{}, {}", level, option, words[0]) + (length > 4 ? TEXT(", {}", words[1]) : "");
-  return Do({"setsockopt", detail, fd}, [&] { return real(fd, level, option, value, length); });
-}
+PASS_ON(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout),
+        (count, read, write, except, timeout), , TEXT("{}.{:06}s", timeout->tv_sec, timeout->tv_usec), -1,
+        static_cast<size_t>(count))
+PASS_ON(int, setsockopt, (int fd, int level, int option, const void* value, socklen_t length),
+        (fd, level, option, value, length), noexcept, TEXT("{}:{}, {}", level, option, OptionText(value, length)), fd)
+PASS_ON(int, poll, (pollfd * fds, nfds_t count, int milliseconds), (fds, count, milliseconds), ,
+        Pause(TEXT("{}, {}", count, milliseconds)))
 
 // An injected failure leaves the descriptor or file closed all the same, as the system does.
 int close(int fd) {
@@ -422,22 +379,14 @@ int system(const char* command) {
 
 unsigned sleep(unsigned seconds) {
   ENTER(sleep, (seconds));
-  Now().on_pause();
-  Record({"sleep", TEXT("{}", seconds)});
+  Record({"sleep", Pause(TEXT("{}", seconds))});
   return 0;
 }
 
 int nanosleep(const timespec* wanted, timespec* left) {
   ENTER(nanosleep, (wanted, left));
-  Now().on_pause();
-  return Do({"nanosleep", TEXT("{}.{:09}s", wanted->tv_sec, wanted->tv_nsec)},
+  return Do({"nanosleep", Pause(TEXT("{}.{:09}s", wanted->tv_sec, wanted->tv_nsec))},
             [&] { return Now().skip_pauses ? 0 : real(wanted, left); });
-}
-
-int poll(pollfd* fds, nfds_t count, int milliseconds) {
-  ENTER(poll, (fds, count, milliseconds));
-  Now().on_pause();
-  return Do({"poll", TEXT("{}, {}", count, milliseconds)}, [&] { return real(fds, count, milliseconds); });
 }
 
 // signal and alarm may be the last thing that an exported function does, and then seem to be called by the test: they
@@ -466,19 +415,8 @@ long sysconf(int name) noexcept {
 }
 
 // What the library does with files answers a lookup's way: there or not.
-FILE* fopen(const char* path, const char* mode) {
-  ENTER(fopen, (path, mode));
-  FILE* file = nullptr;
-  Look({"fopen", mode}, [&] { return (file = real(path, mode)) != nullptr; });
-  return file;
-}
-
-char* fgets(char* line, int size, FILE* file) {
-  ENTER(fgets, (line, size, file));
-  char* read = nullptr;
-  Look({"fgets", TEXT("{}", size)}, [&] { return (read = real(line, size, file)) != nullptr; });
-  return read;
-}
+LOOK_UP(FILE*, fopen, (const char* path, const char* mode), (path, mode), mode)
+LOOK_UP(char*, fgets, (char* line, int size, FILE* file), (line, size, file), TEXT("{}", size))
 
 time_t time(time_t* out) noexcept {
   ENTER(time, (out));

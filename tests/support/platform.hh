@@ -14,10 +14,12 @@
 #pragma once
 
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <initializer_list>
 #include <limits>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,40 +48,74 @@ class Platform {
   static constexpr int kZero = -1;  // in place of an errno: the call returns 0 and does nothing
 
   // No scripts, no records, nothing faked but name lookups and sleep. The fixture calls it before each test.
-  static void Reset();
+  static void Reset() { Now() = State(); }
   // Makes the nth call of name from now on fail with errno code, and the count - 1 calls after it (kOnwards: all).
   // Lookups find nothing and set errno only when code is not 0.
-  static void Fail(std::string_view name, int nth, int code, int count = 1);
+  static void Fail(std::string_view name, int nth, int code, int count = 1) {
+    Now().rules.push_back({std::string(name), nth - 1, count, code});
+  }
   // No failures from now on.
-  static void Mend();
+  static void Mend() { Now().rules.clear(); }
   // The coming calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; those after them are free.
-  static void Limit(std::string_view name, std::vector<size_t> sizes);
+  static void Limit(std::string_view name, const std::vector<size_t>& sizes) {
+    Now().limits[std::string(name)].coming = {sizes.begin(), sizes.end()};
+  }
   // Every call moves at most size bytes.
-  static void LimitAll(std::string_view name, size_t size);
+  static void LimitAll(std::string_view name, size_t size) { Now().limits[std::string(name)].others = size; }
 
   // Answers of lookups. A host may have several addresses.
-  static void AddHost(std::string_view name, std::vector<std::string> quads);
-  static void AddService(std::string_view name, std::string_view protocol, int port);
-  static void SetNodeName(std::string_view name);  // of uname
-  static void SetTime(time_t now);                 // what time returns
+  static void AddHost(const std::string& name, std::vector<std::string> quads) { Now().hosts[name] = std::move(quads); }
+  static void AddService(std::string_view name, std::string_view protocol, int port) {
+    Now().services.push_back({std::string(name), std::string(protocol), port});
+  }
+  static void SetNodeName(std::string_view name) { Now().node_name = name; }  // of uname
+  static void SetTime(time_t now) { Now().now = now; }                        // what time returns
   // Called instead of the shell; its result is system's.
-  static void OnSystem(std::function<int(const char* command)> run);
+  static void OnSystem(std::function<int(const char* command)> run) { Now().run_system = std::move(run); }
   // Called at every sleep, nanosleep or poll that the library makes, before it is carried out.
-  static void OnPause(std::function<void()> run);
+  static void OnPause(std::function<void()> run) { Now().on_pause = std::move(run); }
   // nanosleep returns at once.
-  static void SkipPauses();
+  static void SkipPauses() { Now().skip_pauses = true; }
 
   // What happened since Reset or Forget: the library's calls and noted events, all or only the names given.
   static std::vector<Call> Records(std::initializer_list<std::string_view> names = {});
   static std::vector<std::string> Calls(std::initializer_list<std::string_view> names = {});
   static void Note(char kind, std::string event);
-  static void Forget();
+  static void Forget() { Now().records.clear(); }
 
   // Calls that a failure can be injected into. In a process that has begun to count, which has one thread, the mallocs
   // of the companion are among them.
   static void StartCounting();
-  static std::map<std::string, size_t, std::less<>> Counts();
-  static size_t Injections();   // failures injected since Reset
-  static long LibraryBlocks();  // blocks that the library has from malloc and calloc now, since the process began
-  static size_t Allocations();  // malloc and calloc calls of the library since Reset
+  static std::map<std::string, size_t, std::less<>> Counts() { return Now().counts; }
+  static size_t Injections() { return Now().injections; }    // failures injected since Reset
+  static long LibraryBlocks();                               // blocks that the library has from malloc and calloc
+  static size_t Allocations() { return Now().allocations; }  // malloc and calloc calls of the library since Reset
+
+  struct Rule {
+    std::string name;
+    int skip, count, code;
+  };
+  struct Limits {
+    std::deque<size_t> coming;
+    size_t others = std::numeric_limits<size_t>::max();
+  };
+  struct Service {
+    std::string name, protocol;
+    int port;
+  };
+  struct State {
+    std::vector<Call> records;
+    std::vector<Rule> rules;
+    std::map<std::string, Limits> limits;
+    std::map<std::string, std::vector<std::string>> hosts = {{"localhost", {"127.0.0.1"}}};
+    std::vector<Service> services;
+    std::string node_name;
+    std::optional<time_t> now;
+    std::function<int(const char*)> run_system;
+    std::function<void()> on_pause = [] {};
+    bool skip_pauses = false;
+    size_t allocations = 0, injections = 0;
+    std::map<std::string, size_t, std::less<>> counts;
+  };
+  static State& Now();
 };

@@ -2,7 +2,6 @@
 // folder of their own, and transfers that fail. One source of a test program includes it.
 #pragma once
 
-#include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -35,11 +34,6 @@ inline ssize_t Transfer(long number, int fd, void* data, size_t size) {
 extern "C" ssize_t read(int fd, void* data, size_t size) { return Transfer(SYS_read, fd, data, size); }
 extern "C" ssize_t write(int fd, const void* data, size_t size) {
   return Transfer(SYS_write, fd, const_cast<void*>(data), size);
-}
-
-template <typename Function>
-Function* Next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 inline void ExpectSays(std::string_view text, std::string_view part) {
@@ -117,24 +111,8 @@ inline std::string Show(mqnode::MessageRef msg) {
 constexpr char kSample[] = "77: 1='four' 2=-5 3=-9223372036854775807 4=00feff 1=''; ";
 constexpr uint32_t kSampleBody = 8 + 20 + 16 + 20 + 16 + 16;
 
-inline Bytes SampleFrom(Form form) { return sender::Plain(form, sender::Body(form, "four"), "alice"); }
-
-// What the library writes into a header before it sends.
-inline void FillHeader(mqnode::MessageRef msg, std::string user) {
-  PcfMessage& record = msg.record();
-  auto* const header = reinterpret_cast<MsgHeader*>(record.raw.data);
-  user.resize(sizeof header->userId);
-  user.copy(header->userId, user.size());
-  strcpy(header->applName, "foreign sender");
-  record.secHeader = {32, 1, 0, 1, record.raw.length, {}};
-  user.copy(record.secHeader.userId, user.size());
-}
-
-inline void BuildSample(mqnode::MessageRef msg, const std::string& user = "alice") {
-  constexpr uint8_t kBytes[] = {0x00, 0xfe, 0xff};
-  ASSERT_TRUE(msg.begin(77) && msg.add(1, "four") && msg.add(2, -5) && msg.add(3, INT64_MIN + 1));
-  ASSERT_TRUE(msg.add(4, mqnode::Bytes(kBytes, 3)) && msg.add(1, ""));
-  FillHeader(msg, user);
+inline Bytes SampleFrom(Form form, const std::string& user = "alice") {
+  return sender::Plain(form, sender::Body(form, "four"), user);
 }
 
 // The bytes with this word at that place, in a sender's order.

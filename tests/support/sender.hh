@@ -21,17 +21,15 @@ inline void Check(bool good, const char* what) {
 }
 
 struct Form {
-  bool big;
-  bool ebcdic;
+  bool big, ebcdic;
 };
 
 inline std::string Convert(std::string text, const char* from, const char* to) {
-  const iconv_t converter = iconv_open(to, from);
-  Check(converter != reinterpret_cast<iconv_t>(-1), "iconv_open");
   std::string out(text.size() * 2, 0);
   char *in = text.data(), *at = out.data();
   size_t left = text.size(), room = out.size();
-  Check(iconv(converter, &in, &left, &at, &room) == 0, "iconv");
+  const iconv_t converter = iconv_open(to, from);
+  Check(iconv(converter, &in, &left, &at, &room) == 0, from);
   iconv_close(converter);
   out.resize(out.size() - room);
   return out;
@@ -79,10 +77,9 @@ inline Bytes Body(Form form, const std::string& text) {
 
 // A signed message but for the signature, which is a part of the trailer.
 inline Bytes Enveloped(Form form, const Bytes& plain, const std::string& user, const Bytes& trailer) {
-  Encoder envelope(form);
-  envelope.Word(32).Word(1).Word(form.big).Word(!form.ebcdic);
-  envelope.Word(static_cast<uint32_t>(plain.size() + trailer.size())).Text(user, 12);
-  return envelope.bytes + plain + trailer;
+  const auto length = static_cast<uint32_t>(plain.size() + trailer.size());
+  return Encoder(form).Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(length).Text(user, 12).bytes + plain +
+         trailer;
 }
 
 // A message signed with the key of this seed, of 32 bytes; a nonce of up to 16 bytes is filled up with zeros.
@@ -91,9 +88,9 @@ inline Bytes Signed(Form form, const Bytes& plain, const std::string& user, cons
   nonce.resize(16);
   const Bytes head = Encoder({true, false}).Raw("MQSIGN01").Number(milliseconds, 8).Raw(nonce).bytes;
   const auto length = static_cast<uint32_t>(plain.size() + 96);
-  const Bytes covered = head + Encoder({true, false}).Word(1).Word(length).Text(user, 12).bytes + plain;
+  const Bytes covered = Encoder({true, false}).Raw(head).Word(1).Word(length).Text(user, 12).Raw(plain).bytes;
   uint8_t open[32], secret[64], signature[64];
-  Check(crypto_sign_seed_keypair(open, secret, seed) == 0, "crypto_sign_seed_keypair");
+  crypto_sign_seed_keypair(open, secret, seed);
   crypto_sign_state state;
   crypto_sign_init(&state);
   crypto_sign_update(&state, reinterpret_cast<const uint8_t*>(covered.data()), covered.size());
