@@ -3,6 +3,7 @@
 #include "mqnode/mqnode.hpp"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

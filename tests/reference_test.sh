@@ -16,8 +16,6 @@ for name in $exported; do
   section "$name" DESCRIPTION '[a-z]'
 done
 section mnFinishWrite DESCRIPTION '105 if an entry without a descriptor was dropped'
-section NoblockSocket DESCRIPTION 'errno of fcntl, reported'
-section BlockSocket DESCRIPTION 'errno of fcntl, reported'
 section mq_error_remedy DESCRIPTION 'of a code\\\(aqs first entry'
 
 same 'SEE ALSO of pages that do not exist' '' \

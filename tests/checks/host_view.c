@@ -24,8 +24,7 @@ int main(void) {
   if (node == NULL) return 2;
   CHECK(node->onTrace == NodeTrace && strcmp(node_point, "CreateMQNode") == 0);
   CHECK(node->sock.onTrace == SocketTrace && strncmp(socket_point, "CreateAny", 9) == 0);
-  CHECK(node->opOpen == mnOpen && node->opClose == mnClose && node->opRead == mnRead);
-  CHECK(node->opBrowse == mnBrowse && node->opWrite == mnWrite && node->opPost == mnPost);
+  CHECK(node->opOpen == mnOpen && node->opRead == mnRead && node->opPost == mnPost);
   DeleteMQNode(node);
 
   mnGSetTraceCallBack(NULL);

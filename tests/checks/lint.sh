@@ -35,8 +35,7 @@ mapfile -t programs < <(git ls-files {tools,demo,examples,tests}/'*.cc' |
 
 # each COMMAND ... - the files of standard input, a process for each.
 each() { xargs -P "$(nproc)" -n 1 "$@"; }
-
-check_tidy() { printf '%s\n' "${libraries[@]}" | each clang-tidy --quiet -p "$build" 2>/dev/null; }
+tidy() { each clang-tidy --quiet -p "$build" "$@" 2>/dev/null; }
 
 # Of programs and tests, most of whose text is headers from outside: what is cheap and is a fault when it is found.
 few='-*,bugprone-*use-after-move,bugprone-dangling*,bugprone-infinite-loop,bugprone-suspicious-*,bugprone-unused-*'
@@ -45,18 +44,6 @@ few+=',bugprone-string-*,bugprone-macro-*,misc-redundant-expression,misc-unused-
 # purpose.
 few+=',-performance-no-int-to-ptr,-performance-no-automatic-move,-performance-inefficient-vector-operation'
 few+=',-bugprone-suspicious-memory-comparison'
-check_programs() {
-  # clang takes the system calls that tests and chaos.cc define for second definitions of the fortified ones.
-  printf '%s\n' "${programs[@]}" |
-    each clang-tidy --quiet -p "$build" --checks="$few" --extra-arg=-U_FORTIFY_SOURCE 2>/dev/null
-}
-
-# cppcheck knows libc by tables of its own; the headers of the system are not read, and it need not say so. It does not
-# understand all C++ of the programs.
-check_cppcheck() {
-  cppcheck --quiet --enable=warning,performance,portability --inline-suppr --std=c++20 --error-exitcode=1 \
-    --suppress=missingIncludeSystem -I . -j "$(nproc)" "${libraries[@]}"
-}
 
 # Of C++ the analyzer understands the part that the libraries keep to. Leaks are left out there: it follows a block by
 # its first byte, and every block of the companion is handed out behind a head; the tests look for leaks.
@@ -89,9 +76,14 @@ step 'line length' none 'lines of more than 120 columns' git grep -nE '^.{121,}$
 step 'paths' none 'paths of one machine' git grep -nIE '(^|[^A-Za-z0-9_.$}])/(work|home|root|Users)/[A-Za-z0-9_.]'
 step 'suppressions with reasons' none 'without a reason' without_reason
 step 'shellcheck' check_scripts
-step 'cppcheck' check_cppcheck
+# cppcheck knows libc by tables of its own; the headers of the system are not read, and it need not say so. It does not
+# understand all C++ of the programs.
+step 'cppcheck' cppcheck --quiet --enable=warning,performance,portability --inline-suppr --std=c++20 -I . \
+  -j "$(nproc)" --error-exitcode=1 --suppress=missingIncludeSystem "${libraries[@]}"
 step 'analyzer (gcc)' check_analyzer
-step 'clang-tidy: libraries' check_tidy
-step 'clang-tidy, some checks: programs and tests' check_programs
+step 'clang-tidy: libraries' tidy < <(printf '%s\n' "${libraries[@]}")
+# clang takes the system calls that tests and chaos.cc define for second definitions of the fortified ones.
+step 'clang-tidy, some checks: programs and tests' tidy --checks="$few" --extra-arg=-U_FORTIFY_SOURCE \
+  < <(printf '%s\n' "${programs[@]}")
 ((${#failed[@]} == 0)) || { printf 'lint: failed:%s\n' "$(printf ' %s;' "${failed[@]}")" >&2; exit 1; }
 echo 'lint: nothing to report'

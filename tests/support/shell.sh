@@ -23,6 +23,12 @@ fail() {
   failures=$((failures + 1))
 }
 
+# needs TOOL ...: what goes on without them is skipped, with exit code 77.
+needs() {
+  local tool
+  for tool; do command -v "$tool" >/dev/null || { echo "skipped: no $tool"; exit 77; }; done
+}
+
 # quietly COMMAND ...: what it prints is shown when it fails.
 quietly() { "$@" >"$work/log" 2>&1 || fail "$*: $(tail -n 40 "$work/log")"; }
 
@@ -34,6 +40,12 @@ has() {
   local file=$1 text
   shift
   for text; do grep -qF -- "$text" "$file" || fail "no '$text' in ${file##*/}: $(head -c 2000 "$file")"; done
+}
+
+# unsafe FILE ...: the lines with what moves a terminal's cursor, rings it or turns the direction of writing.
+unsafe() {
+  LC_ALL=C grep -ahP -m 3 \
+    '[\x00-\x09\x0b-\x1f\x7f]|\xc2[\x80-\x9f]|\xd8\x9c|\xe2\x80[\x8e\x8f\xa8-\xae]|\xe2\x81[\xa6-\xa9]' "$@" | cat -v
 }
 
 # serve NAME COMMAND ...: in the background, its output in $work/NAME and $work/NAME.err; sets pid, and port to what it
