@@ -64,8 +64,8 @@ static inline int mq_finish_drain(MQNode* node, int64_t end) {
  *   node          connected; lingering is switched off, so that the system goes on sending even after a time-out
  *   milliseconds  upper bound for all of this
  * Result  1 the peer's system has received all bytes, and the peer has closed the connection
- *         0 this is not known: ETIMEDOUT (110), the time is over; ECONNRESET (104), the peer reset the connection; 11, a
- *           queued message was dropped, with the reason in node->sock.error; another errno
+ *         0 this is not known: ETIMEDOUT (110), the time is over; ECONNRESET (104), the peer reset the connection; 11,
+ *           a queued message was dropped, with the reason in node->sock.error; another errno
  * error   0, or as above
  * Blocks  for at most the given time; longer only if the node blocks and has queued writes */
 static inline int mq_finish(MQNode* node, int milliseconds) {

@@ -1,5 +1,5 @@
-// keys.cc - key files and ring files. The companion takes no file of which mqc_key_read refuses a line, a signer exactly
-// when one line is right for it, and no secret key into the ring; a key that was written is read back.
+// keys.cc - key files and ring files. The companion takes no file of which mqc_key_read refuses a line, a signer
+// exactly when one line is right for it, and no secret key into the ring; a key that was written is read back.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
-// mutate.cc - invents inputs. Most changes are libFuzzer's own, or of a random byte where it is not linked; some cut the
-// end off a message, or off an input without one. Then most let header and envelope announce what is there, so that the
-// parser sees the fault.
+// mutate.cc - invents inputs. Most changes are libFuzzer's own, or of a random byte where it is not linked; some cut
+// the end off a message, or off an input without one. Then most let header and envelope announce what is there, so that
+// the parser sees the fault.
 #include <cstring>
 #include <random>
 

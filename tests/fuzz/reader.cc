@@ -1,9 +1,9 @@
 // reader.cc - the reads and looks of the library, while a peer's bytes arrive in pieces. After each call result, error
-// and counters fit what was received and delivered, and a signed message is accepted exactly when it has to be. Then the
-// bytes are read again in one piece, without looks and by a new node for each message, with the same outcome.
+// and counters fit what was received and delivered, and a signed message is accepted exactly when it has to be. Then
+// the bytes are read again in one piece, without looks and by a new node for each message, with the same outcome.
 //
-// The program defines recvfrom, to which libmqnode binds: the next piece arrives when a reader finds nothing to receive.
-// It also defines what verifies signatures, which a fuzzer never guesses: zeros are right.
+// The program defines recvfrom, to which libmqnode binds: the next piece arrives when a reader finds nothing to
+// receive. It also defines what verifies signatures, which a fuzzer never guesses: zeros are right.
 #include <fcntl.h>
 #include <sodium.h>
 #include <sys/socket.h>
