@@ -61,11 +61,11 @@ typedef int (*MQNodeFn)(MQNode* node);
 typedef int (*MQMessageFn)(PcfMessage* msg, MQNode* node);
 typedef int (*MQPostFn)(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status);
 
-/* Callers may read any field, and may set writeLimit and pendingLimit. To write as a user other than the login, store
- * that user, zero-padded, in user before writing. To give back the memory of a receive area that a long message made
- * grow, call DeleteBuffer, CreateBuffer with 16520 bytes and ResetBuffer on recvBuffer between two messages (while
- * recvBuffer.received is 0); reset it to the length of the next header (136, or 32 for a signed message), on a datagram
- * node to the capacity. */
+/* Callers may read any field, and may set writeLimit and pendingLimit. To write as a user other than the login, or to
+ * name the program, store that text, zero-padded, in user or applName before writing. To give back the memory of a
+ * receive area that a long message made grow, call DeleteBuffer, CreateBuffer with 16520 bytes and ResetBuffer on
+ * recvBuffer between two messages (while recvBuffer.received is 0); reset it to the length of the next header (136, or
+ * 32 for a signed message), on a datagram node to the capacity. */
 struct MQNode {
   uint32_t nodeType;         /* 2 */
   uint32_t role;             /* 0 connecting or datagram, 1 listening */

@@ -244,7 +244,9 @@ TEST_F(FaceTest, ParametersAreWalkedAndFound) {
 TEST_F(FaceTest, SignedMessagesSayWhoSigned) {
   const Message msg = Filled();
   const Connected pair;
-  const std::string user(pair.client.user());
+  const std::string user = "alice";
+  EXPECT_TRUE(pair.client.set_user(user) && pair.client.set_application("planner"));
+  EXPECT_FALSE(pair.client.set_user(std::string(13, 'u')) || pair.client.set_application(std::string(49, 'a')));
   ErrorText why;
   EXPECT_FALSE(Signer::create("a user id that is too long", kSecret, &why));
   EXPECT_NE(why.view(), "");
@@ -255,7 +257,7 @@ TEST_F(FaceTest, SignedMessagesSayWhoSigned) {
   EXPECT_EQ(Told(pair.server.read_signed(msg)), "failed -1001 MQ_NOT_AUTHENTIC");
   Trust(user.c_str());
   ASSERT_TRUE(msg.begin(8) && pair.client.write_signed(msg, signer) && pair.server.read_signed(msg));
-  EXPECT_TRUE(msg.sender() == user && msg.user() == user && msg.application() == pair.client.application());
+  EXPECT_TRUE(msg.sender() == user && msg.user() == user && msg.application() == "planner");
 }
 
 // ---- Waits ----

@@ -134,6 +134,14 @@ namespace detail {
 // The text of a zero-filled field, which may lack a terminator.
 inline std::string_view text_of(const char* field, std::size_t size) noexcept { return {field, strnlen(field, size)}; }
 
+// Copies text of at most that many characters into a zero-padded field of a node; false when it is longer.
+inline bool fill(char* field, std::size_t size, std::string_view text, std::size_t most) noexcept {
+  if (text.size() > most) return false;
+  std::memset(field, 0, size);
+  if (!text.empty()) std::memcpy(field, text.data(), text.size());
+  return true;
+}
+
 // Copies text into a field with its terminator, or otherwise when it has no room there or holds a zero byte.
 template <std::size_t size>
 void put_text(char (&field)[size], std::string_view text, std::string_view otherwise) noexcept {
@@ -461,6 +469,14 @@ class NodeRef {
   std::string_view user() const noexcept { return detail::text_of(pointer_->user, sizeof pointer_->user); }
   std::string_view application() const noexcept {
     return detail::text_of(pointer_->applName, sizeof pointer_->applName);
+  }
+  // The user and the program that messages name, in place of the login and what GetApplName found. Children that a
+  // listening node accepts from then on have the same. False, with nothing changed, for more than 12 and 48 characters.
+  bool set_user(std::string_view user) const noexcept {
+    return detail::fill(pointer_->user, sizeof pointer_->user, user, MQC_USER_MAX);
+  }
+  bool set_application(std::string_view name) const noexcept {
+    return detail::fill(pointer_->applName, sizeof pointer_->applName, name, sizeof pointer_->applName);
   }
   // GetFromAddr: who sent the last datagram, or the target of a connect.
   Address sender() const noexcept { return pointer_->sock.from; }

@@ -74,6 +74,11 @@ MessagePtr NewMessage() {
   return msg;
 }
 
+void SetApplication(MQNode* node) {
+  memset(node->applName, 0, sizeof node->applName);
+  memcpy(node->applName, "mqcat", 5);
+}
+
 Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason) {
   unsigned place = MQ_IN_ANY;
   const int code = mq_node_cause(node, &place);
@@ -129,6 +134,7 @@ Link::Link(const SockAddrRec& target, Transport transport, Clock::time_point dea
     node_.reset(CreateMQNode(&target_, MQ_ROLE_CONNECT));
   }
   if (node_ == nullptr) throw Failure{kExitResources, "no memory for a node"};
+  SetApplication(node_.get());
   if (node_->error != 0) throw NodeFailure(fmt::format("socket for {}", target_text_), node_.get());
   LingerNot(node_.get());
   NoblockSocket(&node_->sock);

@@ -37,6 +37,9 @@ using MessagePtr = std::unique_ptr<PcfMessage, MessageDeleter>;
 
 MessagePtr NewMessage();
 
+// Messages of the node, and of those it accepts, name this program.
+void SetApplication(MQNode* node);
+
 // "what TARGET: NAME (code): meaning", from what the node and its socket say; the exit code fits the cause. On a line
 // of its own follows the reason when it is known, from the caller or from signing and authentication, else the remedy.
 Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason = "");

@@ -120,6 +120,7 @@ class Listener {
     SockOption reuse = {SOCK_OPT_REUSEADDR, 0, 1};
     node_.reset(options_.udp ? CreateUDPMQNode(&address) : CreateMQNodeWithOpt(&address, MQ_ROLE_LISTEN, &reuse));
     if (node_ == nullptr) throw Failure{kExitResources, "no memory for a node"};
+    SetApplication(node_.get());
     const std::string place = fmt::format("{}:{}", host, address.port);
     if (node_->error != 0)
       throw NodeFailure(fmt::format("listen on {} {}", options_.udp ? "UDP" : "TCP", place), node_.get());
