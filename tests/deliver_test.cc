@@ -221,7 +221,9 @@ TEST_F(DeliverTest, DescriptorsStartAfresh) {
     desc->sent = 3;
     desc->flags = MSG_OOB;
     if (full) Queue(link.node, {1});
+    link.node->error = 77;
     EXPECT_EQ(mnWriteToNode(link.node, nullptr, desc, 0), 1);
+    EXPECT_EQ(link.node->error, 0);
     EXPECT_EQ(mnFinishWrite(link.node), 1);
     EXPECT_EQ(Platform::Calls({"send"}).back(), "send(5) = 5");
     EXPECT_EQ(link.peer.Read(full ? 165 : 5).substr(full ? 160 : 0), "bytes");
@@ -249,6 +251,7 @@ TEST_F(DeliverTest, WritesJoinTheQueueInOrder) {
   }
   EXPECT_EQ(Take("c"), "");
   EXPECT_EQ(WriteState(link.node), "0, sent 0, out 6, queue 6");
+  EXPECT_EQ(LiveBlocks()["MQNODE"], 6u);
   EXPECT_EQ(mnFinishWrite(link.node), 1);
   EXPECT_EQ(Arrived(link.peer, 6), "123444");
   EXPECT_EQ(Take("n"), "mnFinishWrite 0");

@@ -113,7 +113,7 @@ class ApplNameTest : public NodeTest {
     remove(path_.c_str());
     if (what == "(link)") return symlink("/dev/null", path_.c_str());
     if (what != "(none)") std::ofstream(path_) << what;
-    return 0;
+    return what == "(another's)" && geteuid() == 0 ? chown(path_.c_str(), 12345, 12345) : 0;
   }
   const std::string path_;
 };
@@ -132,6 +132,7 @@ TEST_F(ApplNameTest, IsTheFirstLineThatTheListingWrote) {
       {home, "(none)", "a\t\n", "A 1"},
       {home, "(none)", "\033[2Jab~\x7f\x9b\n", "?[2JAB~?? 9"},
       {home, "(none)", "(link)", "UNKNOWN 0"},
+      {home, "(none)", "(another's)", geteuid() == 0 ? "UNKNOWN 0" : "(ANOTHER'S) 11"},
       // what another user may have planted is neither written to nor read
       {home, "(link)", "", "UNKNOWN 0, nothing run"},
       {home, "a file that an earlier process left", "(none)", "UNKNOWN 0"},
