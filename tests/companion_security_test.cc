@@ -340,7 +340,7 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
 }
 
 TEST_F(SecurityTest, WordsBehindAKeyAreTakenOnce) {
-  const std::string start = format("bob {} ", bob_.open_text);
+  const std::string start = format("~!twelvechrs {} ", bob_.open_text);
   MqcKey key;
   for (const char* words : {"public secret", "revoked revoked", "until=2027-01-30 until=2027-01-30", "until=", "Public",
                             "until=2027-1-30", "until=2027/01-30", "until=2027-01/30", "until=2o27-01-30",
