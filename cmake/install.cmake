@@ -46,7 +46,7 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake ${PROJECT_BINARY_D
 
 file(RELATIVE_PATH MQNODE_PC_PREFIX /prefix/${MQNODE_PCDIR} /prefix)
 string(REGEX REPLACE "/$" "" MQNODE_PC_PREFIX ${MQNODE_PC_PREFIX})
-foreach(name mqnode mqnode-companion)
+foreach(name mqnode mqnode-companion mqnode-host)
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT development)
 endforeach()

@@ -158,10 +158,10 @@ TEST_F(DeliverTest, TraceOfEachEntryPoint) {
 }
 
 TEST_F(DeliverTest, OneWrite) {
-  const auto write = [](std::vector<size_t> taken, int code, int limit = -1) {
+  const auto write = [](const std::vector<size_t>& taken, int code, int limit = -1) {
     const Link link = Connect();
     link.node->writeLimit = limit;
-    Platform::Limit("send", std::move(taken));
+    Platform::Limit("send", taken);
     if (code != 0) Platform::Fail("send", 1, code);
     Watch(link.node, Error);
     const int result = mnWriteMsg(Message(1, 4), link.node, nullptr, "u", 0);

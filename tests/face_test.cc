@@ -135,6 +135,7 @@ TEST_F(FaceTest, ResultsNameTheCause) {
     Platform::Fail("send", 1, EAGAIN);
     mqc_fail_allocation(nth, 0);
     EXPECT_EQ(Told(client.write(msg)), "failed 11 ENOMEM");
+    EXPECT_FALSE(client.has_pending());
   }
   // 105 is the socket's, or the node's.
   Platform::Fail("recvfrom", 1, ENOBUFS);

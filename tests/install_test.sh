@@ -60,12 +60,17 @@ target_link_libraries(cpp mqnode::companion mqnode::mqnode)
 add_executable(bare bare.c)
 target_link_libraries(bare mqnode::host)
 PROJECT
-read -ra flags < <(pkg-config --cflags --libs mqnode mqnode-companion) # puts the companion first in any order
+read -ra flags < <(pkg-config --cflags --libs mqnode mqnode-host) # puts the companion first in any order
 mkdir pkg-config
 quietly c++ -std=c++17 -Wall -Wextra -pedantic -Werror -fno-exceptions -fno-rtti cpp.cc -o pkg-config/cpp "${flags[@]}"
 quietly cc -Wl,--as-needed bare.c -o pkg-config/bare "${flags[@]}"
 quietly cmake -B find_package -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed
 quietly cmake --build find_package
+# The same project with the tree inside it.
+sed "s,^find_package.*,add_subdirectory($tree mqnode)," CMakeLists.txt >inside
+mkdir -p add_subdirectory/source && mv inside add_subdirectory/source/CMakeLists.txt && cp ./*.c* add_subdirectory/source
+quietly cmake -S add_subdirectory/source -B add_subdirectory -G Ninja -DCMAKE_DISABLE_FIND_PACKAGE_fmt=ON
+quietly ninja -C add_subdirectory -t query bare
 for program in {pkg-config,find_package}/{cpp,bare}; do
   quietly "./$program"
   same "loaded by $program" 'libmqcompanion.so.1 libmqnode.so.1' \

@@ -301,6 +301,7 @@ TEST_F(WaitTest, HighDescriptors) {
       if (number != 0) close(std::exchange(Sock(i)->fd, dup2(Sock(i)->fd, number)));
     }
   };
+  const long blocks = Platform::LibraryBlocks();
   make("r x r", {kHighest, 1024, 0});
   EXPECT_EQ(Wait(kPost), "1 0 | ac ? b | - ac ? | 111");
   make(". .", {1087, 2048});
@@ -316,6 +317,7 @@ TEST_F(WaitTest, HighDescriptors) {
     EXPECT_EQ(Take("c"), "") << "no select";
   }
   EXPECT_EQ(Wait(kNPost), "1 0 | de bdc - | - de bdc | 13330");
+  EXPECT_EQ(Platform::LibraryBlocks(), blocks);
 }
 
 TEST_F(WaitTest, WorkRecordsAreSetUpAndReleased) {
