@@ -148,14 +148,17 @@ void AppendFieldJson(std::string& out, const Field& field) {
   start.PutName(field);
   start.Put("\",\"value\":");
   AppendKey(out, start.text(), field.value);
-  out.append(",\"meaning\":\"").append(field.meaning).append(field.detail).append("\"},");
+  Start meaning;
+  meaning.Put(",\"meaning\":\"");
+  meaning.Put(field.meaning);
+  out.append(meaning.text()).append(field.detail).append("\"},", 3);
 }
 
 void AppendFaultJson(std::string& out, const Fault& fault) {
   AppendKey(out, "{\"offset\":", fault.offset);
   out.append(",\"rule\":\"").append(fault.rule);
   AppendKey(out, "\",\"text\":", fault.text);
-  out += "},";
+  out.append("},", 2);
 }
 
 // Ends a list whose elements each have a comma behind them.

@@ -58,17 +58,24 @@ bool IsSafe(uint32_t point) {
   return point < 0x2066 || point > 0x2069;
 }
 
+// Which bytes are appended as they are, and which of them within quotes.
+constexpr std::array<std::array<bool, 256>, 2> kStays = [] {
+  std::array<std::array<bool, 256>, 2> stays{};
+  for (int c = 0x20; c < 0x7f; ++c) stays[0][c] = stays[1][c] = true;
+  stays[1]['"'] = stays[1]['\\'] = false;
+  return stays;
+}();
+
 // Appends text until its end, or limit characters. What is not safe or not UTF-8, and a quote or a backslash when
 // quoted, is appended by replace(out, bytes). Returns how many bytes were taken.
 template <typename Replace>
 size_t AppendSafe(std::string& out, std::string_view text, size_t limit, bool quoted, Replace replace) {
-  const auto stays = [quoted](char c) {
-    return IsPrintable(static_cast<uint8_t>(c)) && !(quoted && (c == '"' || c == '\\'));
-  };
+  const bool* const stays = kStays[quoted].data();
   size_t at = 0;
   for (size_t shown = 0; at < text.size() && shown < limit; ++shown) {
     const size_t begin = at;
-    while (at < text.size() && at - begin < limit - shown && stays(text[at])) ++at;
+    const size_t end = begin + std::min(text.size() - begin, limit - shown);
+    while (at < end && stays[static_cast<uint8_t>(text[at])]) ++at;
     out.append(text, begin, at - begin);
     shown += at - begin;
     if (at == text.size() || shown == limit) break;
