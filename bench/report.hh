@@ -29,7 +29,7 @@ struct Section {
 class Report {
  public:
   Report();  // records date, machine and load
-  // Prints the section at once and keeps it for the file.
+  // Prints the section at once and keeps it for the files.
   void Add(Section section);
   void WriteJson(const std::string& path) const;
   void WriteMarkdown(const std::string& path) const;

@@ -32,7 +32,7 @@ set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/after_packing.cmake)
 find_program(GZIP gzip)
 string(TIMESTAMP MQNODE_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 
-# Installs a file compressed by gzip, without name and time stamp: builds are reproducible.
+# Installs a file compressed by gzip, without name and time stamp.
 function(mqnode_install_gzipped source name folder component)
   set(packed ${PROJECT_BINARY_DIR}/packages/${component}/${name}.gz)
   file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packages/${component})

@@ -9,7 +9,7 @@
 namespace mqc {
 namespace {
 
-// One parameter in raw: its head in native form. The value is still in the sender's form.
+// A parameter in raw. Its head is decoded; its value is still in the sender's form.
 struct Param {
   uint32_t index;
   uint32_t id;

@@ -17,7 +17,7 @@ struct Form {
   bool ebcdic;
 };
 
-// Finds out the sender's form from a header or envelope, whose first word must be length, and checks that its fields
+// Determines the sender's form from a header or envelope, whose first word must be length, and checks that its fields
 // are consistent.
 bool TellForm(const uint8_t* h, uint32_t length, Form* form, ErrorText error) {
   const uint32_t first = Load(h + kAtLength);

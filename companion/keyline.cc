@@ -16,7 +16,7 @@ namespace {
 
 constexpr char kBlanks[] = " \t\r";
 constexpr char kUntil[] = "until=";
-constexpr size_t kDate = 10;           // 2027-06-30
+constexpr size_t kDate = 10;           // length of 2027-06-30
 constexpr int64_t kDay = 86400000;     // milliseconds
 constexpr int64_t kLastDay = 2932896;  // 9999-12-31
 

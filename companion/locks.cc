@@ -17,8 +17,7 @@ void ReleaseAll() {
   for (uint32_t i = kLocks; i > 0; --i) pthread_mutex_unlock(&locks[i - 1]);
 }
 
-// If there is no memory for the handlers, the companion works, but a fork in a process with several threads is not
-// safe.
+// If there is no memory for the handlers, the companion works, but forking a process with several threads is not safe.
 __attribute__((constructor)) void WatchForks() { pthread_atfork(TakeAll, ReleaseAll, ReleaseAll); }
 
 }  // namespace

@@ -23,7 +23,7 @@
 namespace {
 
 constexpr size_t kMaxPath = 1024;
-constexpr size_t kMaxLine = 1024;  // longer messages are truncated; below PIPE_BUF, so that a line is written whole
+constexpr size_t kMaxLine = 1024;  // longer messages are truncated; below PIPE_BUF, so that writes to a pipe are atomic
 constexpr int kLogMode = 0640;
 
 struct LogFile {
@@ -65,8 +65,7 @@ void TakeJournal(const char* stream) {
   journal_inode = strtoull(end + 1, nullptr, 10);
 }
 
-// Runs when the companion is loaded, when no other thread changes the environment yet; LOGMSG runs it if called
-// earlier.
+// Runs when the companion is loaded, before other threads can change the environment. LOGMSG runs it if called earlier.
 __attribute__((constructor)) void TakeEnvironment() {
   if (file_known.load(std::memory_order_acquire)) return;
   TakeJournal(secure_getenv("JOURNAL_STREAM"));

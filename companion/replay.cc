@@ -98,7 +98,7 @@ void SetCount(User* user, uint32_t count) {
   if (moves && count != 0) Link(user);
 }
 
-// Returns this user if none has a higher rank, else one of the highest rank. There must be a message.
+// Returns this user if none has a higher rank, else one of the highest rank. At least one user must have messages.
 User* Largest(User* user) {
   uint32_t rank = kRanks - 1;
   while (memory.ranks[rank] == nullptr) --rank;

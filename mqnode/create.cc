@@ -1,7 +1,6 @@
 // create.cc - creates nodes: record, identity, socket and operation table.
 // Not here: the operations in that table (open.cc, read.cc, compose.cc, wait.cc).
-// Invariant: the result is null only if there was no memory for the record of the node; nothing else has been done
-// then.
+// Invariant: a null result means that there was no memory for the node, and that nothing was done.
 #include "mqnode/create.h"
 
 #include <cstring>

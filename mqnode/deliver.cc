@@ -41,8 +41,7 @@ SockAddrRec* DestinationOf(IoBuffer* desc) {
   return desc->received == MarkOf(desc) ? &reinterpret_cast<DatagramWrite*>(desc)->to : nullptr;
 }
 
-// Puts a descriptor on an existing queue. The queue does not report a lack of memory: its depth shows whether desc was
-// queued.
+// Puts a descriptor on an existing queue. Returns false if there is no memory, which only the depth of the queue shows.
 bool Put(Queue* queue, void (*put)(Queue*, void*), IoBuffer* desc) {
   const int before = Qdepth(queue);
   put(queue, desc);

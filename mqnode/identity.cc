@@ -27,7 +27,7 @@ constexpr size_t kLongestHome = 244;  // kPathSize less a slash, ten digits and 
 constexpr char kUnknown[] = "UNKNOWN";
 constexpr char kListingCommand[] = "ps -p %d | grep -v CMD | grep -v COMMAND  | awk '{print $4}'  > $TEVRA_HOME/%d";
 
-// Of the effective or the real user: the shell may drop to the privileges of the latter.
+// A regular file of the effective or the real user: the shell may drop privileges.
 bool IsOwnFile(const struct stat& file) {
   return S_ISREG(file.st_mode) && (file.st_uid == geteuid() || file.st_uid == getuid());
 }
