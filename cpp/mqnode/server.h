@@ -178,6 +178,12 @@ static inline void mq_server_drop(MqServer* server, MqServerClient* client, cons
   client->leaving = 1;
   client->why = why;
   if (why != NULL) mq_server_say(server, "dropped", &client->node->sock.name, why);
+  /* A client that has shut down its sending side and received everything is closed without a reset, so that its
+   * mq_finish succeeds. Others are reset: the system would otherwise keep the data that they do not read. */
+  if (why == NULL && client->node->error == SOCK_PEER_CLOSED && mq_finish_confirmed(client->node)) {
+    SockOption no_linger = {SOCK_OPT_LINGER, 0, 0};
+    SetSocketOptions(&client->node->sock, &no_linger);
+  }
   mnClose(client->node);
 }
 
@@ -414,14 +420,6 @@ static inline void mq_server_read_failed(MqServer* server, MqServerClient* clien
   const MQNode* const node = client->node;
   const int midway = node->sock.bytesReceived != client->whole || node->pending != NULL;
   if (node->error == MQ_AGAIN) return; /* the node keeps what it has, the next read goes on */
-  if (node->error == SOCK_PEER_CLOSED && !midway && mq_finish_confirmed(node)) {
-    /* The client has shut down its sending side and has received everything. Close without a reset, so that its
-     * mq_finish succeeds. With data unsent, lingering stays on: a client that reads nothing must cost nothing. */
-    SockOption no_linger = {SOCK_OPT_LINGER, 0, 0};
-    SetSocketOptions(&client->node->sock, &no_linger);
-    mq_server_drop(server, client, NULL);
-    return;
-  }
   if (node->error != SOCK_PEER_CLOSED && node->error != ECONNRESET) {
     mq_server_drop(server, client, mq_error_name(node->error));
   } else {
