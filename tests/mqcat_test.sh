@@ -241,8 +241,8 @@ table <<'END'
 0 od -An -v -tx1 plain.bin | tr -d ' \n' | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 od -Ax -tx1 plain.bin | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 sed -n '/^0000[0-9a-f]* /p' "$tree/docs/wire-format.md" | mqcat decode => *"hello"*1 message, 0 stray bytes, 0 faults
-3 printf '00000000 00 01 02 03\n*\n08000000\n' | mqcat decode --input hex => *mqcat: -: line 3 is not a hexadecimal dump
-3 mqcat decode --input hex plain.bin => *line 1 is not a hexadecimal dump
+3 printf '00000000 00 01 02 03\n*\n08000000\n' | mqcat decode --input hex => *mqcat: -: line 3 is not part of a hexadecimal dump
+3 mqcat decode --input hex plain.bin => *line 1 is not part of a hexadecimal dump
 6 (ulimit -v $memory; "$tool" decode zeros.bin) => *0 messages, 67108864 stray bytes, 1 fault
 6 mqcat decode noise.bin => *5 messages, 9 stray bytes, 1 fault
 6 mqcat decode lost.bin => *4 messages, *
@@ -284,17 +284,17 @@ packets 'ip(17, 8, substr $d, 64)' 'ip(17, 0x2000, substr $d, 0, 64)' | capture 
 packets 'tcp(0xffffffdf, 2, "")' 'tcp(0xffffffe0, 16, substr $m, 0, 100)' 'tcp(68, 16, substr $m, 100)' \
   'tcp(9, 2, "")' 'tcp(10, 16, $m)' | capture again.pcapng -l 101
 table <<'END'
-0 mqcat decode tcp.pcapng => TCP *:40000 > *:5000, * bytes*3 messages, 0 stray bytes, 0 faults
+0 mqcat decode tcp.pcapng => TCP *:40000 > *:5000 / *3 messages, 0 stray bytes, 0 faults
 0 mqcat decode - <order.pcapng => *3 messages, 0 stray bytes, 0 faults
-3 mqcat decode gap.pcapng => *:5000 (part 2), *mqcat: gap.pcapng: TCP *: 100 bytes are missing from the capture
+3 mqcat decode gap.pcapng => *:5000 (part 2) / *mqcat: gap.pcapng: TCP *: 100 bytes are missing from the capture
 0 mqcat decode fragments.pcapng => UDP 127.0.0.1:1 > 127.0.0.1:2*1 message, 0 stray bytes, 0 faults
-0 mqcat decode again.pcapng => TCP *:5, 240 bytes*:5 (part 2), 240 bytes*2 messages, 0 stray bytes, 0 faults
+0 mqcat decode again.pcapng => TCP *:5 / *:5 (part 2) / *2 messages, 0 stray bytes, 0 faults
 3 editcap -r fragments.pcapng - 1 | mqcat decode => *: 1 fragment without the rest of the packet
 6 mqcat decode datagrams.pcap => *datagram-size: *
 0 mqcat decode foreign.pcapng => 0 messages, *:53: 4 bytes without a message, left out
 3 mqcat decode cut.pcap => 0 messages, *after packet 0: truncated dump file; *
 3 mqcat decode --input pcap plain.bin => 0 messages, *not a pcap or pcapng file: unknown file format
-3 link 147 '' => *link type 147 is not known
+3 link 147 '' => *link type 147 is not supported
 0 link 101 '' => *1 message, 0 stray bytes, 0 faults
 0 link 1 '123456123456\x81\x00\x00\x01\x08\x00' => *1 message, 0 stray bytes, 0 faults
 0 link 113 '12345678901234\x08\x00' => *1 message, 0 stray bytes, 0 faults
@@ -310,7 +310,7 @@ live=$!
 for _ in {1..100}; do [ -s live.err ] && break; sleep 0.02; done
 if grep -q capturing live.err; then
   mqcat send 127.0.0.1 47111 --udp -c 5 --repeat 2 -q
-  check 0 'wait $live; cat live.out' '*:47111, *2 messages, 0 stray bytes, 0 faults'
+  check 0 'wait $live; cat live.out' '*:47111 / *2 messages, 0 stray bytes, 0 faults'
   check 2 'mqcat decode --interface lo --filter "port ((" ' 'mqcat: --filter: *'
 else
   echo "left out: capture from an interface: $(<live.err)"
