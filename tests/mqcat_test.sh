@@ -67,11 +67,11 @@ table <<'END'
 3 mqcat send 127.0.0.1 5000 -c 1 -p 1:bytes=abc => *"abc" is not an even number of hexadecimal digits*
 3 mqcat send 127.0.0.1 5000 -c 1 --file 4=. => *EISDIR*
 3 json '{"command":' => mqcat: --json, line 1, column 12: not JSON: *
-3 json '{"command":1,"paramters":[]}' => mqcat: --json*key "paramters"*
-3 json $'{"command":1,\n"command":2}' => mqcat: --json, line 2, column 9: key "command" is there twice*
+3 json '{"command":1,"paramters":[]}' => mqcat: --json, line 1, column 14: unknown key "paramters"*
+3 json $'{"command":1,\n"command":2}' => mqcat: --json, line 2, column 1: key "command" appears twice*
 3 json "{\"command\":$(printf '[%.0s' {1..9999})}" => mqcat: --json*nested deeper*
 3 json '{"command":1,"parameters":[{"id":1,"value":"a\u0000b"}]}' => mqcat: --json*zero character*
-3 json '{"command":1,"parameters":[{"id":1,"value":1e300}]}' => mqcat: --json*parameter 0, value: 1e+300*
+3 json $'{"command":1,\n"parameters":[{"id":1,"value":"ß\\\\\\""},{"id":2,"value": 1e300}]}' => *line 2, column 57: *1e+300*
 0 mqcat explain 2026 105 -1001 sock_peer_closed => *MQ_BAD_MESSAGE*ENOBUFS*MQ_NOT_AUTHENTIC*9004*
 0 mqcat explain --all --format markdown | cmp - "$tree/docs/errors.md" =>
 0 COLUMNS=40 mqcat explain --all | awk 'length > 72' =>
@@ -94,7 +94,7 @@ done
 
 message='"command":4294967295,"parameters":[{"id":1,"type":"text","value":"grüß \"Gott\"\n"},'
 message+='{"id":4294967295,"type":"int32","value":-2147483648},{"id":0,"type":"int64","value":9223372036854775807},'
-message+='{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","hex":"fffe41"},'
+message+='{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","value":"��A","hex":"fffe41"},'
 message+='{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""},'
 message+='{"id":7,"type":"text","value":"\u001b[2J\u007f\u009b\u061c\u202e\u2066"}]}'
 start json --format json --echo
@@ -244,6 +244,9 @@ table <<'END'
 3 printf '00000000 00 01 02 03\n*\n08000000\n' | mqcat decode --input hex => *mqcat: -: line 3 is not part of a hexadecimal dump
 3 mqcat decode --input hex plain.bin => *line 1 is not part of a hexadecimal dump
 6 (ulimit -v $memory; "$tool" decode zeros.bin) => *0 messages, 67108864 stray bytes, 1 fault
+0 mqcat decode 1.bin --format json => *"value":77,*"name":"value","value":"dämmrig*"value":-9223372036854775807,*
+0 mqcat decode 3.bin --format json => *"name":"userId","value":"moritz"*
+0 sed 's/64 c3 a4/64 c3 ff/' sample-1.hex | mqcat decode --format json => *"value":"d��*","hex":"64c3ff*
 6 mqcat decode noise.bin => *5 messages, 9 stray bytes, 1 fault
 6 mqcat decode lost.bin => *4 messages, *
 6 mqcat decode long.bin => *3 messages, *
@@ -304,6 +307,19 @@ table <<'END'
 3 mqcat decode --interface nowhere => mqcat: capture from nowhere: *
 2 mqcat decode --interface lo one.pcap => mqcat: FILE excludes --interface*
 END
+
+# Each message appears as soon as it has arrived through a pipe; SIGINT ends with the summary.
+mkfifo pipe
+for input in 1.bin one.pcap sample-1.hex; do
+  "$tool" decode <pipe >piped.err 2>&1 &
+  live=$!
+  exec {pipe}>pipe
+  cat "$input" >&"$pipe"
+  await piped "message 1: plain message"
+  kill -INT $live
+  check 130 'wait $live; code=$?; cat piped.err; (exit $code)' '*1 message, 0 stray bytes, 0 faults'
+  exec {pipe}>&-
+done
 
 "$tool" decode --interface lo --filter 'udp port 47111' --count 2 >live.out 2>live.err &
 live=$!

@@ -14,7 +14,7 @@
 namespace mqcat {
 namespace {
 
-constexpr uint64_t kMaxRepeat = 64u << 20;  // bytes that all '*' of a dump may repeat
+constexpr uint64_t kMaxRepeat = 64u << 20;   // bytes that all '*' of a dump may repeat
 constexpr size_t kMostUndecided = 1u << 30;  // bytes of text that are held
 
 // Whether a file begins as pcap (microseconds or nanoseconds, either byte order) or pcapng.
@@ -141,14 +141,15 @@ bool IsText(Bytes bytes) {
 // A dump, of which bytes were read.
 void ReadHex(HexReader reader, std::vector<uint8_t> bytes, const ByteSource& next, Receiver& receiver) {
   const auto stream = receiver.Begin("");
-  bool good = true;
-  for (Bytes text; good && !(text = next()).empty();) {
+  const auto hand_on = [&] {
     stream->Take(bytes);
     bytes.clear();
-    good = reader.Take(text, bytes);
-  }
+  };
+  hand_on();
+  bool good = true;
+  for (Bytes text; good && !(text = next()).empty(); hand_on()) good = reader.Take(text, bytes);
   good = good && reader.Finish(bytes);
-  stream->Take(bytes);
+  hand_on();
   stream->End();
   if (!good) receiver.Fault(fmt::format("line {} is not part of a hexadecimal dump", reader.line()));
 }

@@ -255,7 +255,8 @@ bool AddParam(Part& part, uint32_t index, uint64_t& at) {
                fmt::format(FMT_COMPILE("parameter {}: the type is {}, not 1 to 4"), index, param.type));
   } else if (!LengthFitsType(param)) {
     part.Break(at + 8, "parameter-length",
-               fmt::format(FMT_COMPILE("parameter {}: a length of {} bytes does not fit {}"), index, param.length, TypeName(param.type)));
+               fmt::format(FMT_COMPILE("parameter {}: a length of {} bytes does not fit {}"), index, param.length,
+                           TypeName(param.type)));
   } else {
     AddValue(part, param);
   }
@@ -278,8 +279,7 @@ void AddBody(Part& part, uint64_t at) {
   part.AddWord(at, "command");
   const uint32_t count = part.AddWord(at + 4, "parameters");
   if (count > kMaxParams) {
-    part.Break(at + 4, "parameter-count",
-               fmt::format(FMT_COMPILE("{} parameters, more than {}"), count, kMaxParams));
+    part.Break(at + 4, "parameter-count", fmt::format(FMT_COMPILE("{} parameters, more than {}"), count, kMaxParams));
   }
   at += kBodyHead;
   for (uint32_t index = 0; index < std::min(count, kMaxParams); ++index) {
@@ -318,9 +318,9 @@ struct Extent {
 void CheckBodyLength(Part& part, uint64_t header, uint64_t body_length) {
   if (LengthIsPossible(kHeader, body_length)) return;
   part.Break(header + 64, "body-length",
-             body_length == 0
-                 ? std::string("the body is empty: such a message is never delivered")
-                 : fmt::format(FMT_COMPILE("a body of {} bytes makes the message longer than {}"), body_length, kMaxMessage));
+             body_length == 0 ? std::string("the body is empty: such a message is never delivered")
+                              : fmt::format(FMT_COMPILE("a body of {} bytes makes the message longer than {}"),
+                                            body_length, kMaxMessage));
 }
 
 Extent DecodePlain(Part& part, const Piece& piece) {
@@ -360,7 +360,8 @@ void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
   if (first.length != kHeader) {
     return part.Break(
         kEnvelope, "header-in-envelope",
-        fmt::format(FMT_COMPILE("the signed message begins with {}, not with 136, the length of a header"), part.At(kEnvelope)));
+        fmt::format(FMT_COMPILE("the signed message begins with {}, not with 136, the length of a header"),
+                    part.At(kEnvelope)));
   }
   if (!part.Has(kEnvelope, kHeader)) return;
   piece.big_endian = first.big;
@@ -386,8 +387,9 @@ Extent DecodeSecure(Part& part, Piece& piece) {
   const uint64_t announced = part.At(16);
   if (!LengthIsPossible(kEnvelope, announced)) {
     part.Break(16, "message-length",
-               announced == 0 ? std::string("the envelope is empty: such a message is never delivered")
-                              : fmt::format(FMT_COMPILE("{} bytes make the message longer than {}"), announced, kMaxMessage));
+               announced == 0
+                   ? std::string("the envelope is empty: such a message is never delivered")
+                   : fmt::format(FMT_COMPILE("{} bytes make the message longer than {}"), announced, kMaxMessage));
     return {kEnvelope, announced != 0};
   }
   const uint64_t end = kEnvelope + announced;
@@ -434,8 +436,7 @@ void FillStray(Piece& piece, Bytes begin, uint64_t size) {
   std::string text = begin.size() < 4 ? std::string("too few bytes for a first word")
                                       : fmt::format(FMT_COMPILE("the first word is {} or {}, neither 136 nor 32"),
                                                     Word(begin, 0, false), Word(begin, 0, true));
-  piece.fields.push_back(
-      {piece.offset, size, "bytes", ValueKind::kBytes, 0, begin, "not part of a message", "", -1});
+  piece.fields.push_back({piece.offset, size, "bytes", ValueKind::kBytes, 0, begin, "not part of a message", "", -1});
   piece.faults.push_back({piece.offset, "first-word", std::move(text)});
 }
 

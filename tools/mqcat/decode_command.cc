@@ -336,7 +336,7 @@ class StreamReport final : public Stream {
 
   Report& report_;
   const std::string name_;
-  bool is_ours_;  // it has a message, or is the whole input
+  bool is_ours_;      // it has a message, or is the whole input
   Piece stray_ = {};  // the stray bytes before the first message
   std::vector<uint8_t> stray_bytes_;
   Decoder decoder_;
@@ -424,7 +424,8 @@ void AddDecode(CLI::App& app, ExitCode& exit) {
   command->add_flag("--full", options->full, "Show long texts and byte strings in full");
   command->footer(
       "Shows offset, size, name, value and meaning of every field, in either byte order and character set, plain and "
-      "signed, as soon as a message is complete. Signatures are shown, not verified. Exit code 6: a message breaks a rule "
+      "signed, as soon as a message is complete. Signatures are shown, not verified. Exit code 6: a message breaks a "
+      "rule "
       "of the wire format. Ctrl-C ends with the summary; the exit code is then 130, with --interface that of the "
       "messages.\n\n"
       "Examples:\n  mqcat decode stream.bin\n  xxd stream.bin | mqcat decode\n"

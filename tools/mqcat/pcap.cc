@@ -122,7 +122,8 @@ void ReadPcap(Bytes begin, const ByteSource& next, Receiver& receiver) {
   const int link = pcap_datalink(handle.get());
   if (!IsKnownLink(link)) return receiver.Fault(LinkFault(link));
   Source source{handle.get()};
-  AssembleStreams(link, [&source] { return source.Next(); }, receiver);
+  AssembleStreams(
+      link, [&source] { return source.Next(); }, receiver);
   feed.Rethrow();
   if (source.result == PCAP_ERROR && !Interrupted()) {
     receiver.Fault(fmt::format("after packet {}: {}", source.packets, pcap_geterr(handle.get())));
