@@ -246,7 +246,7 @@ table <<'END'
 6 (ulimit -v $memory; "$tool" decode zeros.bin) => *0 messages, 67108864 stray bytes, 1 fault
 0 mqcat decode 1.bin --format json => *"value":77,*"name":"value","value":"dämmrig*"value":-9223372036854775807,*
 0 mqcat decode 3.bin --format json => *"name":"userId","value":"moritz"*
-0 sed 's/64 c3 a4/64 c3 ff/' sample-1.hex | mqcat decode --format json => *"value":"d��*","hex":"64c3ff*
+0 sed 's/64 c3 a4/64 c3 ff/' sample-1.hex | mqcat decode --format json => *"value":"d\\ufffd*","hex":"64c3ff*
 6 mqcat decode noise.bin => *5 messages, 9 stray bytes, 1 fault
 6 mqcat decode lost.bin => *4 messages, *
 6 mqcat decode long.bin => *3 messages, *
