@@ -21,8 +21,8 @@
 namespace demo {
 namespace {
 
-// In memory that all processes share, so that children learn of it: the terminal tells their parent alone.
-std::atomic<bool>* interrupted;
+// The signal that asked the program to end; 0 before. Shared with the children: only their parent gets the signal.
+std::atomic<int>* interrupt;
 
 [[noreturn]] void Live(pid_t parent, const std::function<int()>& work, int log, rlim_t descriptors) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -130,16 +130,17 @@ bool Await(const std::function<bool()>& done, double seconds) {
 }
 
 void CatchInterrupts() {
-  void* const area = mmap(nullptr, sizeof *interrupted, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* const area = mmap(nullptr, sizeof *interrupt, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (area == MAP_FAILED) throw std::bad_alloc();
-  interrupted = static_cast<std::atomic<bool>*>(area);
+  interrupt = static_cast<std::atomic<int>*>(area);
   struct sigaction action {};
-  action.sa_handler = [](int) { *interrupted = true; };
+  action.sa_handler = [](int number) { *interrupt = number; };
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
 
-bool IsInterrupted() { return *interrupted; }
+int Interrupt() { return *interrupt; }
 
 void Sleep(double seconds) { usleep(static_cast<useconds_t>(seconds * 1e6)); }
 
