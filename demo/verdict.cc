@@ -50,8 +50,8 @@ class Verdict {
     outcome_.problems.push_back(fmt::format("{}: {}: {}, expected {}", who, what, is, range));
   }
 
-  // On a connection that was not cut both ends count the same. Missing datagrams were dropped, repeated ones doubled, by
-  // the chaos or, in unknown directions, by the system.
+  // On a connection that was not cut both ends count the same. Missing datagrams were dropped, repeated ones doubled,
+  // by the chaos or, in unknown directions, by the system.
   void CheckKind(size_t index) {
     const Kind& kind = kKinds[index];
     const Tally& server = server_.kinds[index];
