@@ -137,7 +137,7 @@ class Text {
   void Ending() {
     for (const std::string& problem : outcome_.problems) Line("{} {}", Styled("1;31", "FAILED:"), problem);
     if (!outcome_.problems.empty()) return;
-    Line("\n{} {} questions, {} answers, each compared byte by byte, {} lost: every message is accounted for.",
+    Line("\n{} {} questions, {} answers, each compared byte by byte; {} lost, all accounted for.",
          Styled("1;32", "OK:"), Grouped(all_[kQuestions]), Grouped(all_[kAnswers]), Grouped(all_[kLost]));
   }
 

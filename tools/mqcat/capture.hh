@@ -1,6 +1,6 @@
-// capture.hh - finds the byte streams in an input as it arrives: raw bytes, a hexadecimal dump, or captured packets from
-// a file, a pipe or a network interface. Trusts nothing, as decode.hh does; memory is bounded by the size of the input,
-// and for captured packets by kMostHeld in packets.cc.
+// capture.hh - finds the byte streams in an input as it arrives: raw bytes, a hexadecimal dump, or captured packets
+// from a file, a pipe or a network interface. Trusts nothing, as decode.hh does; memory is bounded by the size of the
+// input, and for captured packets by kMostHeld in packets.cc.
 #pragma once
 
 #include <functional>
@@ -40,9 +40,9 @@ using ByteSource = std::function<Bytes()>;
 // Reads an input to its end. An input that could be raw bytes or a dump is held until that is known.
 void ReadCapture(const ByteSource& next, CaptureFormat format, Receiver& receiver);
 
-// Reads a dump as xxd, hexdump -C, od -Ax -tx1 and mqcat listen --format hex write it, or digits alone. Lines that begin
-// with '#' are skipped; '*' repeats the line before up to the next offset.
-// Result   false with the number of the first line that is not part of a dump
+// Reads a dump as xxd, hexdump -C, od -Ax -tx1 and mqcat listen --format hex write it, or digits alone. Lines that
+// begin with '#' are skipped; '*' repeats the line before up to the next offset. Result   false with the number of the
+// first line that is not part of a dump
 bool ReadHexDump(Bytes text, std::vector<uint8_t>& bytes, size_t& bad_line);
 
 // Reads a pcap or pcapng file, of which begin has arrived. pcap.cc

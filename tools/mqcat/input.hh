@@ -20,8 +20,8 @@ class Input {
   Input(const Input&) = delete;
   Input& operator=(const Input&) = delete;
 
-  // The next bytes, valid until the next call; none at the end, and after an interruption. Flushes standard output before
-  // it waits. Throws a Failure if the input cannot be read.
+  // The next bytes, valid until the next call; none at the end, and after an interruption. Flushes standard output
+  // before it waits. Throws a Failure if the input cannot be read.
   Bytes Next();
   bool is_terminal() const;
   const std::string& shown() const { return shown_; }  // the name in messages

@@ -131,7 +131,8 @@ class CountingIterator {
   size_t* taken_;
 };
 
-// Builds a value. Anything that is in no message is refused where it begins, so that the value is small beside the text.
+// Builds a value. Anything that is in no message is refused where it begins, so that the value is small beside the
+// text.
 class JsonBuilder : public nlohmann::json_sax<Json> {
  public:
   JsonBuilder(const std::string& text, const Source& source) : text_(text), source_(source) {}
@@ -165,7 +166,8 @@ class JsonBuilder : public nlohmann::json_sax<Json> {
 
   // position: of the last character that was read, from 1; beyond the text at its end.
   bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception& error) override {
-    // "[json.exception...] parse error at line 1, column 12: syntax error while parsing value - ...": only the last part.
+    // "[json.exception...] parse error at line 1, column 12: syntax error while parsing value - ...": only the last
+    // part.
     std::string_view what = error.what();
     for (const auto& [begin, end] : {std::pair{"[", "] "}, {"parse error", ": "}, {"syntax error", " - "}}) {
       const size_t cut = what.starts_with(begin) ? what.find(end) : std::string_view::npos;

@@ -39,7 +39,8 @@ struct Source {
   size_t line = 0;  // number of its first line; 0 means 1
 };
 
-// Builds a message. Throws a Failure with line and column if the text is not JSON, has a key twice, or is not a message.
+// Builds a message. Throws a Failure with line and column if the text is not JSON, has a key twice, or is not a
+// message.
 void MessageFromJson(PcfMessage* msg, const std::string& text, const Source& source);
 
 // {"command": ..., "parameters": [...]}

@@ -1,5 +1,5 @@
-// packets.hh - joins captured frames into streams: IPv4 over Ethernet, Linux cooked, raw and null links; fragments joined,
-// TCP segments in order, UDP. Trusts nothing; memory is bounded.
+// packets.hh - joins captured frames into streams: IPv4 over Ethernet, Linux cooked, raw and null links; fragments
+// joined, TCP segments in order, UDP. Trusts nothing; memory is bounded.
 #pragma once
 
 #include <functional>

@@ -14,8 +14,8 @@ inline constexpr const char* kShowFormats[] = {"text", "json", "hex", "raw", "qu
 // Throws a Failure for raw if standard output is a terminal.
 ShowFormat ShowFormatOf(const std::string& name);
 
-// Prints a message from a peer, "127.0.0.1:5000". is_signed: the sender is the user whose key signed it. Raw is header and
-// body as the library delivers them: in this host's byte order and character set, without envelope and trailer.
+// Prints a message from a peer, "127.0.0.1:5000". is_signed: the sender is the user whose key signed it. Raw is header
+// and body as the library delivers them: in this host's byte order and character set, without envelope and trailer.
 void ShowMessage(const PcfMessage* msg, const std::string& peer, bool is_signed, ShowFormat format);
 
 // "2026-01-31 12:00:00.000", local time, or UTC with a T and a Z.
