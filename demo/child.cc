@@ -23,6 +23,18 @@ namespace {
 
 // The signal that asked the program to end; 0 before. Shared with the children: only their parent gets the signal.
 std::atomic<int>* interrupt;
+double interruptedAt;
+
+// One Ctrl-C may arrive twice, sent to the process and to its group: only a later signal ends the program at once.
+void OnInterrupt(int number) {
+  if (*interrupt == 0) {
+    *interrupt = number;
+    interruptedAt = Now();
+  } else if (Now() > interruptedAt + 0.5) {
+    signal(number, SIG_DFL);
+    raise(number);
+  }
+}
 
 [[noreturn]] void Live(pid_t parent, const std::function<int()>& work, int log, rlim_t descriptors) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -134,8 +146,7 @@ void CatchInterrupts() {
   if (area == MAP_FAILED) throw std::bad_alloc();
   interrupt = static_cast<std::atomic<int>*>(area);
   struct sigaction action {};
-  action.sa_handler = [](int number) { *interrupt = number; };
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  action.sa_handler = OnInterrupt;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
