@@ -304,7 +304,7 @@ void AddTrailer(Part& part, uint64_t at) {
   part.AddNumber(at + 8, 8, "time", ValueKind::kUnsigned, time, "signed",
                  fmt::format(FMT_COMPILE(" {}"), TimeText(time)));
   part.AddBytes(at + 16, 16, "nonce", ValueKind::kBytes, 16);
-  part.AddBytes(at + 32, 64, "signature", ValueKind::kBytes, 64, "not checked");
+  part.AddBytes(at + 32, 64, "signature", ValueKind::kBytes, 64, "not verified");
 }
 
 // ---- Messages ----

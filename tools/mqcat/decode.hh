@@ -75,7 +75,7 @@ class Decoder {
   explicit Decoder(PieceSink sink, size_t keep = 64);
 
   void Take(Bytes bytes);
-  void Finish();  // the stream has ended: what was held is decoded as it is
+  void Finish();  // ends the stream: decodes the bytes that are held
 
   uint64_t size() const { return base_ + held_.size(); }  // bytes of the stream so far
   size_t held() const { return held_.capacity() + stray_.capacity(); }
@@ -104,10 +104,10 @@ class Decoder {
 // One datagram is one message.
 void DecodeDatagram(Bytes bytes, const PieceSink& sink);
 
-// Whether bytes begin as a message does: the first word alone, as a reader judges.
+// Whether bytes begin with the first word of a message, which is all that a receiver looks at.
 bool BeginsMessage(Bytes bytes);
 
-// Whether bytes begin with what is a header or an envelope beyond the first word.
+// Whether bytes begin with a header or an envelope, judged by more than the first word.
 bool LooksLikeMessage(Bytes bytes);
 
 }  // namespace mqcat
