@@ -45,9 +45,8 @@ using Piece = std::tuple<uint64_t, size_t, size_t>;  // its offset, and how many
 // What is found does not depend on how a stream arrives.
 std::vector<Piece> DecodedInPieces(fuzz::Bytes bytes, size_t size) {
   std::vector<Piece> pieces;
-  mqcat::Decoder decoder([&](const mqcat::Piece& piece) {
-    pieces.emplace_back(piece.offset, piece.fields.size(), piece.faults.size());
-  });
+  mqcat::Decoder decoder(
+      [&](const mqcat::Piece& piece) { pieces.emplace_back(piece.offset, piece.fields.size(), piece.faults.size()); });
   for (; !bytes.empty(); bytes = bytes.subspan(std::min(size, bytes.size()))) {
     decoder.Take(bytes.first(std::min(size, bytes.size())));
   }
