@@ -23,7 +23,7 @@ uint64_t Moved(const SockRec& rec) { return rec.bytesSent + rec.bytesReceived; }
 std::string Peer(const SockRec& rec) {
   const bool has_sender = rec.type == SOCK_TYPE_DATAGRAM && rec.from.ip[0] != '\0';
   const SockAddrRec& address = has_sender ? rec.from : rec.name;
-  return address.ip[0] != '\0' || address.host[0] != '\0' ? " " + AddressText(address) : "";
+  return address.ip[0] != '\0' || address.host[0] != '\0' ? fmt::format(" {}", AddressText(address)) : "";
 }
 
 void Tell(const SockRec& rec, const std::string& peer, const std::string& text) {
@@ -44,7 +44,7 @@ void TraceNode(const char* point, MQNode* node) {
 void TraceSocket(const char* point, SockRec* rec) {
   const bool transfer = strncmp(point, "ReadSocket", 10) == 0 || strncmp(point, "WriteSocket", 11) == 0;
   const bool after = transfer && strstr(point, ":After") != nullptr;
-  const std::string bytes = after ? " " + Count(Moved(*rec) - moved, "byte") : "";
+  const std::string bytes = after ? fmt::format(" {}", Count(Moved(*rec) - moved, "byte")) : "";
   moved = Moved(*rec);
   Tell(*rec, Peer(*rec), point + bytes + Error(rec->error, MQ_IN_SOCKET));
 }
