@@ -85,12 +85,19 @@ void SetApplication(MQNode* node) {
   memcpy(node->applName, "mqcat", 5);
 }
 
-Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason) {
+std::string NodeCodeText(const MQNode* node) {
   unsigned place = MQ_IN_ANY;
   const int code = mq_node_cause(node, &place);
+  const bool is_datagram = node->sock.type == SOCK_TYPE_DATAGRAM;
+  if (code != SOCK_PEER_CLOSED) return CodeText(code, place);
+  return is_datagram ? "an empty datagram" : fmt::format("SOCK_PEER_CLOSED ({}): the peer closed the connection", code);
+}
+
+Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason) {
+  const int code = mq_node_cause(node, nullptr);
   const std::string why = reason.empty() ? ReasonOf(code) : reason;
   return {ExitCodeOf(code),
-          fmt::format("{}: {}{}", what, CodeText(code, place), why.empty() ? AdviceText(code) : "\n  " + why)};
+          fmt::format("{}: {}{}", what, NodeCodeText(node), why.empty() ? AdviceText(code) : "\n  " + why)};
 }
 
 Waiter::Waiter(size_t count) {

@@ -40,6 +40,9 @@ MessagePtr NewMessage();
 // Messages of the node, and of those it accepts, name this program.
 void SetApplication(MQNode* node);
 
+// "NAME (code): meaning" of the code that a node's last operation left.
+std::string NodeCodeText(const MQNode* node);
+
 // "what TARGET: NAME (code): meaning", from what the node and its socket say; the exit code fits the cause. On a line
 // of its own follows the reason if it is known, from the caller or from signing and authentication, else advice.
 Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason = "");

@@ -279,7 +279,7 @@ class Listener : public mqnode::Server {
     if (node->error == MQ_BAD_MESSAGE) reason = FramingHint(bytes);
     if (node->error == MQ_NOT_AUTHENTIC) reason = mqc_authenticate_error();
     const bool is_last = node->error == MQ_BAD_MESSAGE && !options_.udp;
-    const std::string text = CodeText(node->error, MQ_IN_NODE) + (reason.empty() ? "" : "\n  " + reason);
+    const std::string text = NodeCodeText(node) + (reason.empty() ? "" : "\n  " + reason);
     say(is_last ? "dropped" : "message from", peer, text.c_str());
   }
 
@@ -324,10 +324,9 @@ class Listener : public mqnode::Server {
       return true;
     }
     ++totals_.answers_lost;
-    unsigned place = MQ_IN_ANY;
-    const int code = mq_node_cause(node, &place);
+    const int code = mq_node_cause(node, nullptr);
     const std::string why = code == MQ_NOT_SIGNED ? std::string("\n  ") + mqc_sign_error() : AdviceText(code);
-    say("no answer to", to != nullptr ? *to : node->sock.name, (CodeText(code, place) + why).c_str());
+    say("no answer to", to != nullptr ? *to : node->sock.name, (NodeCodeText(node) + why).c_str());
     return false;
   }
 
