@@ -1,4 +1,4 @@
-// help.hh - the texts that are made from the command line's own definition: help, and what is wrong with a command line.
+// help.hh - help and usage errors, made from the definition of the command line.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -1,4 +1,4 @@
-// link.hh - nodes with an owner and a deadline: connect, send and receive without ever blocking for longer than asked.
+// link.hh - nodes with an owner and a deadline: connect, send and receive within a deadline.
 #pragma once
 
 #include <chrono>

@@ -233,6 +233,7 @@ class Listener : public mqnode::Server {
     PcfMessage* const msg = datagram_.get();
     Guard([&] {
       for (int i = 0; i < kMostAtOnce && record().reading; ++i) {
+        const uint64_t before = node->sock.bytesReceived;
         if (mnSRead(msg, node, security_.check, nullptr)) {
           const std::string peer = AddressText(node->sock.from);
           Deliver(node, msg, peer);
@@ -241,7 +242,7 @@ class Listener : public mqnode::Server {
         } else if (node->error == MQ_AGAIN) {
           return;
         } else {
-          TellBadMessage(node, node->sock.from, Arrived(node, sizeof(MsgHeader)), msg);
+          TellBadMessage(node, node->sock.from, Arrived(node, node->sock.bytesReceived - before), msg);
         }
       }
     });

@@ -58,7 +58,7 @@ class Sender {
 
   PcfMessage* message() { return msg_.get(); }
 
-  // Sends the message that message() holds, as often as asked.
+  // Sends message() as often as --repeat says.
   void SendRepeated() {
     for (uint64_t i = 0; i < options_.repeat; ++i) {
       if (sent_ != 0) Pause();
