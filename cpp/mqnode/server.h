@@ -127,8 +127,8 @@ typedef struct MqServerEvents {
   void (*ready)(MqServer* server, MQNode* node);
   /* A message of a client was not accepted, or its rest will not come: client->node->error is the code, and the node's
    * recvBuffer.data begins with what arrived of it, client->node->sock.bytesReceived - client->whole bytes in all.
-   * Why the client is dropped, such as the given reason; null keeps it after MQ_BAD_BODY and MQ_NOT_AUTHENTIC, and drops
-   * it without a line in the log after any other code. */
+   * Returns why the client is dropped, such as the given reason. Null keeps it after MQ_BAD_BODY and MQ_NOT_AUTHENTIC;
+   * after any other code it is dropped without a line in the log. */
   const char* (*failed)(MqServer* server, MqServerClient* client, const char* why);
 } MqServerEvents;
 
@@ -467,8 +467,8 @@ static inline int mq_server_read_failed(MqServer* server, MqServerClient* client
   return !client->leaving;
 }
 
-/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when there may be
- * another one. */
+/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when another one
+ * may be there. */
 static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   MQNode* const node = client->node;
   if (!(client->secure ? mnSReadMsg(node) : mnReadMsg(node))) return mq_server_read_failed(server, client);

@@ -1,4 +1,4 @@
-// failure.cc - see failure.hh. errors.h advises programmers of the library; the advice here is for the user at the shell.
+// failure.cc - see failure.hh. The advice in errors.h is for programmers, the advice here for the user at the shell.
 #include "failure.hh"
 
 #include <cerrno>

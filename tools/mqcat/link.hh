@@ -1,4 +1,4 @@
-// link.hh - nodes with an owner and a deadline: connect, send and receive within a deadline.
+// link.hh - nodes with an owner: connect, send and receive within a deadline.
 #pragma once
 
 #include <chrono>
@@ -95,8 +95,8 @@ class Link {
   // Answers are not wanted: they are discarded as they come, so that the peer can go on reading.
   void DiscardAnswers() { discard_ = true; }
 
-  // Sends what is queued, shuts the sending side down and waits until the peer's system has confirmed everything and the
-  // peer has closed, or is silent. A Failure when the peer reset the connection, or confirms too little in time. On UDP
+  // Sends what is queued, shuts the sending side down and waits until the peer's system has confirmed everything, and
+  // the peer has closed or is silent. A Failure when the peer reset the connection, or confirms too little in time. On UDP
   // nothing is known afterwards. awaits_refusal: gives the peer a moment to refuse, before the end of the stream makes
   // it close in any case.
   void Finish(Clock::time_point deadline, bool awaits_refusal);

@@ -23,7 +23,7 @@ class RoundTrips {
   // The smallest sample that this percentage of the samples does not exceed; 0 without samples.
   double Percentile(double percent) const;
 
-  // A line for each bucket, four buckets for a power of ten, bars of at most width characters; no lines without samples.
+  // A line for each bucket, four buckets for a power of ten; bars of at most width characters. Empty without samples.
   struct Bucket {
     double from, to;
     uint64_t count;
