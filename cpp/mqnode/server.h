@@ -467,8 +467,8 @@ static inline int mq_server_read_failed(MqServer* server, MqServerClient* client
   return !client->leaving;
 }
 
-/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when another one
- * may be there. */
+/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when there may
+ * be another one. */
 static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   MQNode* const node = client->node;
   if (!(client->secure ? mnSReadMsg(node) : mnReadMsg(node))) return mq_server_read_failed(server, client);

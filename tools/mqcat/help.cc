@@ -139,7 +139,7 @@ void CheckFormat(const FormatOptions& options) {
   if (options.format != "raw" || options.force || !OutputIsTerminal()) return;
   throw Failure{kExitUsage,
                 "--format raw: raw bytes can put the terminal out of order"
-                "\n  redirect standard output to a file or a pipe, or add --force"};
+                "\n  redirect standard output, use --format hex, or add --force"};
 }
 
 void AddKeyOptions(CLI::App& app, KeyOptions& options, const std::string& sign, const std::string& ring,

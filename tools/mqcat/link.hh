@@ -96,9 +96,9 @@ class Link {
   void DiscardAnswers() { discard_ = true; }
 
   // Sends what is queued, shuts the sending side down and waits until the peer's system has confirmed everything, and
-  // the peer has closed or is silent. A Failure when the peer reset the connection, or confirms too little in time. On UDP
-  // nothing is known afterwards. awaits_refusal: gives the peer a moment to refuse, before the end of the stream makes
-  // it close in any case.
+  // the peer has closed or is silent. Throws a Failure if the peer resets the connection, or confirms too little in
+  // time. On UDP nothing is known afterwards. awaits_refusal: gives the peer a moment to refuse, before the end of the
+  // stream makes it close in any case.
   void Finish(Clock::time_point deadline, bool awaits_refusal);
 
   // Reads the next message before the deadline. False when none came; throws a Failure for everything else.
