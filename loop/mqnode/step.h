@@ -17,9 +17,8 @@
  *               nothing, until mq_step_resume: after a moment, and when a connection was closed
  *   Ending      mq_step_end: flush the queue, shut down the sending side, discard what arrives until the peer has
  *               closed, wait until its system has confirmed every byte. The engine bounds the time
- *   Closing     stop waiting for the descriptor, then mq_step_close. Callbacks may do so in the middle of a turn:
- *               between mq_step_enter and mq_step_leave the record stays, and the outermost leave says when to
- *               release it */
+ *   Closing     stop waiting for the descriptor, then mq_step_close. A callback may do so in the middle of a turn:
+ *               look at the phase after each callback, and release the node and the step only when no turn is left */
 #ifndef MQNODE_MQNODE_STEP_H
 #define MQNODE_MQNODE_STEP_H
 
@@ -32,6 +31,7 @@
 #include <sys/socket.h>
 
 #include "mqnode/errors.h"
+#include "mqnode/limits.h"
 #include "mqnode/mqnode.h"
 
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
@@ -41,20 +41,6 @@ enum {
   MQ_STEP_SINGLE_TURNS = 15, /* of one message, after a second look that found nothing */
   MQ_STEP_CONFIRM_MSEC = 10  /* before mq_step_end is called again when it waits for nothing */
 };
-
-/* Upper bounds of what a node may cost. */
-typedef struct MqStepLimits {
-  uint32_t messageBytes;    /* of a message without its header or envelope: 65536. A longer one is not received */
-  uint32_t messagesPerTurn; /* 16 */
-  uint32_t acceptsPerTurn;  /* 32 */
-  uint32_t highBytes;       /* queued, above which reading is held: 262144 */
-  uint32_t lowBytes;        /* queued, at which reading goes on: 65536 */
-  uint32_t queueBytes;      /* queued, above which writes are refused: 4194304 */
-  uint32_t progressBytes;   /* moved within a message that count as progress: 65536 */
-  int firstMsec;            /* milliseconds until an accepted node has sent a message: 10000; 0: as idleMsec */
-  int midwayMsec;           /* milliseconds without progress in a message, or with queued writes: 10000; 0: no limit */
-  int idleMsec;             /* milliseconds without a message otherwise: 600000; 0: no limit */
-} MqStepLimits;
 
 /* Outcomes of the calls below. */
 enum {
@@ -78,14 +64,13 @@ enum {
 
 typedef struct MqStep {
   MQNode* node;
-  const MqStepLimits* limits;
+  const MqLoopLimits* limits;
   int secure;         /* 1: signed messages; 0: plain ones */
   int phase;          /* MQ_STEP_OPEN ... */
   int error;          /* of the last outcome that was not DONE or WAIT */
   int paused;         /* 1: the engine or its application wants no messages */
   int held;           /* 1: too much is queued to read, or nothing is left to accept with */
   int peerClosed;     /* 1: the peer sends no more */
-  int busy;           /* depth of mq_step_enter */
   int accepted;       /* 1: a listening node accepted it */
   uint32_t left;      /* of this turn: messages or connections */
   uint32_t got;       /* in this turn */
@@ -98,12 +83,6 @@ typedef struct MqStep {
   uint32_t done;      /* messages read and written then */
   int midway;         /* in a message or with queued writes then */
 } MqStep;
-
-/* mq_step_limits - the default limits, which MqStepLimits names. */
-static inline MqStepLimits mq_step_limits(void) {
-  const MqStepLimits limits = {65536, 16, 32, 262144, 65536, 4194304, 65536, 10000, 10000, 600000};
-  return limits;
-}
 
 static inline int mq_step_fail(MqStep* step, int code) {
   step->error = code;
@@ -139,7 +118,7 @@ static inline void mq_step_trim(MqStep* step) {
  *   limits   in   must outlive the step
  *   now      in   milliseconds of a clock that only goes forward
  * Result   MQ_STEP_DONE or MQ_STEP_FAILED */
-static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const MqStepLimits* limits, int64_t now) {
+static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const MqLoopLimits* limits, int64_t now) {
   memset(step, 0, sizeof *step);
   step->node = node;
   step->secure = secure;
@@ -456,11 +435,6 @@ static inline void mq_step_close(MqStep* step) {
   step->phase = MQ_STEP_CLOSED;
   mnClose(step->node);
 }
-
-/* mq_step_enter, mq_step_leave - around a turn, and around anything else that runs callbacks or suspends.
- * Result of mq_step_leave   1 the node was closed and nothing else uses the step: release both */
-static inline void mq_step_enter(MqStep* step) { ++step->busy; }
-static inline int mq_step_leave(MqStep* step) { return --step->busy == 0 && step->phase == MQ_STEP_CLOSED; }
 
 // NOLINTEND(modernize-use-nullptr)
 
