@@ -26,6 +26,7 @@ std::vector<EchoServer> EchoServers() {
   servers.push_back(EchoBareUv());
 #endif
 #ifdef MQBENCH_ASIO
+  servers.push_back(EchoNodesAsio());
   servers.push_back(EchoBareAsio());
 #endif
   servers.push_back(EchoNodesWait());
