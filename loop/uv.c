@@ -61,7 +61,7 @@ struct MqUv {
   int count;    /* nodes whose on_end is still to come */
   int accepted; /* open accepted nodes */
   int handles;  /* not closed yet */
-  int leaving;  /* in mq_uv_free */
+  int leaving;  /* 1 after mq_uv_finish, 2 once everything is being released */
 };
 
 #define OWNER(type, field, pointer) ((type*)(void*)((char*)(pointer)-offsetof(type, field)))
@@ -171,7 +171,7 @@ static void on_node_closed(uv_handle_t* handle) {
   if (node->events->on_end != NULL) node->events->on_end(node, node->code, node->why);
   DeleteMQNode(node->step.node);
   free(node);
-  --uv->count;
+  if (--uv->count == 0 && uv->leaving == 1) mq_uv_free(uv);
   forget_handle(uv);
 }
 
@@ -486,12 +486,23 @@ MqUv* mq_uv_new(uv_loop_t* loop, const MqLoopLimits* limits) {
 }
 
 void mq_uv_free(MqUv* uv) {
-  if (uv == NULL || uv->leaving) return;
-  uv->leaving = 1;
+  if (uv == NULL || uv->leaving == 2) return;
+  uv->leaving = 2;
   while (!list_is_empty(&uv->listeners)) mq_uv_stop(OWNER(MqUvNode, member, uv->listeners.next));
   while (!list_is_empty(&uv->nodes)) mq_uv_stop(OWNER(MqUvNode, member, uv->nodes.next));
   uv_close((uv_handle_t*)&uv->timer, on_own_closed);
   uv_close((uv_handle_t*)&uv->idle, on_own_closed);
+}
+
+void mq_uv_finish(MqUv* uv) {
+  if (uv->leaving) return;
+  uv->leaving = 1;
+  while (!list_is_empty(&uv->listeners)) mq_uv_stop(OWNER(MqUvNode, member, uv->listeners.next));
+  for (Link *link = uv->nodes.next, *next; link != &uv->nodes; link = next) {
+    next = link->next;
+    mq_uv_end(OWNER(MqUvNode, member, link));
+  }
+  if (uv->count == 0) mq_uv_free(uv);
 }
 
 int mq_uv_count(const MqUv* uv) { return uv->count; }

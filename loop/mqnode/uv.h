@@ -81,8 +81,11 @@ typedef struct MqUvEvents {
  * Result   null without memory */
 MQ_API MqUv* mq_uv_new(uv_loop_t* loop, const MqLoopLimits* limits);
 
-/* mq_uv_free - stop all nodes and release everything. Run the loop once more until its handles are closed: on_end is
- * called from there, and uv is valid until then. It may be null. */
+/* mq_uv_finish - stop the listening nodes, end all others in order (mq_uv_end), then mq_uv_free. */
+MQ_API void mq_uv_finish(MqUv* uv);
+
+/* mq_uv_free - stop all nodes and release everything. Run the loop until its handles are closed: on_end is called from
+ * there, and uv is valid until then. uv may be null. A second call does nothing. */
 MQ_API void mq_uv_free(MqUv* uv);
 
 /* mq_uv_count - nodes in the loop, those included whose on_end is still to come. */
