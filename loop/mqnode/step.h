@@ -8,14 +8,14 @@
  *   Readiness   level-triggered. A node never receives bytes behind the message that it reads, so nothing is hidden
  *               from the next wait: an engine may return to its loop after any call
  *   Fairness    mq_step_turn begins a turn when the node is ready to read; mq_step_read and mq_step_accept say
- *               MQ_STEP_WAIT when its share of messages or connections is used. A node whose second look found
- *               nothing several times over reads one message a turn for a while: that saves a system call a message
+ *               MQ_STEP_WAIT when its share of messages or connections is used. A node that had one
+ *               message and no second one reads one message a turn for a while: that saves a system call a message
  *   Writing     after each write function of compose.h call mq_step_wrote with its result. Writes complete in order:
  *               mq_step_completed counts them. mq_step_flush goes on when the node is writable
  *   Marks       reading is held while more than highBytes are queued, until no more than lowBytes are
  *   Accepting   without a descriptor or memory mq_step_accept says MQ_STEP_FULL and the listening node waits for
  *               nothing, until mq_step_resume: after a moment, and when a connection was closed
- *   Ending      mq_step_end: flush the queue, shut down the sending side, discard what arrives until the peer has
+ *   Ending      mq_step_begin_end, then mq_step_end: flush the queue, shut down the sending side, discard what arrives until the peer has
  *               closed, wait until its system has confirmed every byte. The engine bounds the time
  *   Closing     stop waiting for the descriptor, then mq_step_close. A callback may do so in the middle of a turn:
  *               look at the phase after each callback, and release the node and the step only when no turn is left */
@@ -178,7 +178,7 @@ static inline int mq_step_wants(const MqStep* step) {
       return write | (step->held || step->paused ? 0 : MQ_STEP_READABLE);
     case MQ_STEP_FLUSHING:
     case MQ_STEP_DRAINING:
-      return write | (step->peerClosed ? 0 : MQ_STEP_READABLE);
+      return write | (step->peerClosed || !mq_step_is_stream(step) ? 0 : MQ_STEP_READABLE);
     default:
       return 0;
   }
@@ -397,31 +397,29 @@ static inline int mq_step_confirmed(const MqStep* step) {
   return ioctl(step->node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes == 0;
 }
 
-/* mq_step_end - begin to end a node in order, or go on when it is ready. No read and no write may follow.
- *   step   in/out   neither connecting nor listening. A datagram node is only flushed
+/* mq_step_begin_end - let no read and no write follow; lingering is switched off, so that what the system has taken is
+ * sent even if the node is closed before the end.
+ *   step   in/out   neither connecting nor listening */
+static inline void mq_step_begin_end(MqStep* step) {
+  SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
+  if (mq_step_is_stream(step)) SetSocketOptions(&step->node->sock, &noLinger);
+  step->phase = MQ_STEP_FLUSHING;
+}
+
+/* mq_step_end - end a node in order: call it after mq_step_begin_end and when the node is ready. A datagram node is only
+ * flushed.
  * Result   MQ_STEP_DONE the peer's system has received all bytes, and the peer has closed: close the node.
  *          MQ_STEP_WAIT: when mq_step_wants is 0, call again after MQ_STEP_CONFIRM_MSEC.
  *          MQ_STEP_LOST a queued datagram was dropped: call again.
- *          MQ_STEP_FAILED: it is not known what the peer has received
- * Lingering is switched off: what the system has taken is sent even if the node is closed before. */
+ *          MQ_STEP_FAILED: it is not known what the peer has received */
 static inline int mq_step_end(MqStep* step) {
-  SockRec* const sock = &step->node->sock;
-  if (!mq_step_is_stream(step)) {
-    step->phase = MQ_STEP_FLUSHING;
-    step->peerClosed = 1;
-    return mq_step_flush(step);
-  }
-  if (step->phase == MQ_STEP_OPEN) {
-    SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
-    SetSocketOptions(sock, &noLinger);
-    step->phase = MQ_STEP_FLUSHING;
-  }
+  if (!mq_step_is_stream(step)) return mq_step_flush(step);
   int outcome = mq_step_discard(step); /* while flushing too: two peers that end at once must not block each other */
   if (step->phase == MQ_STEP_FLUSHING) {
     if (outcome == MQ_STEP_FAILED) return outcome;
     const int flushed = mq_step_flush(step);
     if (flushed != MQ_STEP_DONE) return flushed;
-    if (shutdown(sock->fd, SHUT_WR) != 0) return mq_step_fail(step, errno);
+    if (shutdown(step->node->sock.fd, SHUT_WR) != 0) return mq_step_fail(step, errno);
     step->phase = MQ_STEP_DRAINING;
   }
   if (outcome == MQ_STEP_FAILED && step->error == ECONNRESET && mq_step_confirmed(step)) return MQ_STEP_DONE;
