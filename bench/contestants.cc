@@ -23,6 +23,7 @@ std::vector<Contestant> OtherContestants() {
 std::vector<EchoServer> EchoServers() {
   std::vector<EchoServer> servers;
 #ifdef MQBENCH_UV
+  servers.push_back(EchoNodesUv());
   servers.push_back(EchoBareUv());
 #endif
 #ifdef MQBENCH_ASIO

@@ -37,6 +37,7 @@ void Serve(const std::function<void(uint16_t)>& listening) {
   const mqnode::Message msg = mqnode::Message::create();
   MqLoopLimits limits = mq_loop_limits();
   limits.nodes = INT_MAX;
+  limits.backlog = kEchoBacklog;
   AsyncNode listener(loop.get_executor(), mqnode::Node(ListenNode()), AsyncNode::Framing::kPlain, limits);
   Check(bool(listener.status()), "listen");
   listening(static_cast<uint16_t>(listener.node().local_port()));
