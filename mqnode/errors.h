@@ -134,8 +134,10 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "a datagram has no destination, or it does not resolve",
        "WriteSocket, and so mnWriteTo and the other writes on datagram nodes",
        "pass a destination whose host and service resolve; mnWrite passes none and serves streams only"},
-      {EMSGSIZE, kBoth, "EMSGSIZE", NULL, "the datagram is too long", "writes on datagram nodes",
-       "keep messages on datagram nodes to at most 16520 bytes, which is all that a reader takes, or use a stream"},
+      {EMSGSIZE, kBoth, "EMSGSIZE", NULL, "the datagram or message is too long",
+       "writes on datagram nodes; reads of nodes in an event loop, above messageBytes",
+       "keep messages on datagram nodes to at most 16520 bytes, which is all that a reader takes, or use a stream; "
+       "raise messageBytes for peers that may send more"},
       {EPROTOTYPE, kBoth, "EPROTOTYPE", NULL, "protocol and socket type do not fit", "CreateAnySocket",
        "use CreateSocket or CreateUDPSocket"},
       {ENOPROTOOPT, kBoth, "ENOPROTOOPT", NULL, "the system does not know this option here",
@@ -179,6 +181,9 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "wait with mnNPost until the node is listed, instead of opening again"},
       {EINPROGRESS, MQ_IN_SOCKET, "EINPROGRESS", NULL, "a connect is in progress",
        "seen only by the error callback of a transfer; the record keeps 11", "wait until the socket is writable"},
+      {ECANCELED, kBoth, "ECANCELED", NULL, "the operation was cancelled, or its node was closed",
+       "nodes in an event loop (mqnode/asio.hpp, mqnode/uv.h)",
+       "nothing is wrong; repeat a cancelled operation if its node is still open"},
   };
   if (count != NULL) *count = sizeof(table) / sizeof(table[0]);
   return table;

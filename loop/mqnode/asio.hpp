@@ -174,6 +174,7 @@ inline asio::awaitable<void> async_wait_for_end(AsyncShared own, asio::error_cod
 }
 
 inline asio::awaitable<Result> async_finish(AsyncShared own) {
+  if (own->step.phase == MQ_STEP_OPEN) mq_step_begin_end(&own->step);
   for (;;) {
     const int outcome = mq_step_end(&own->step);
     if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
