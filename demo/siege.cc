@@ -34,7 +34,7 @@ const Target kTargets[] = {
     {"mqdemo_udp", kDatagram, nullptr, {}, Echo::kAll},
     {"multi_server", kPlain, "multi_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
     {"cpp_server", kPlain, "cpp_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
-    {"uv_server", kPlain, "uv_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
+    {"uv_server", kPlain, "uv_server", {"127.0.0.1", "0", "1000", "2"}, Echo::kTextAlone},
     {"datagram_server", kDatagram, "datagram_server", {"127.0.0.1", "0"}, Echo::kTextAlone},
     {"mqcat", kPlain, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}, Echo::kSame, true},
     {"mqcat_signed",

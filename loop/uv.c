@@ -5,6 +5,7 @@
  * callback, which libuv runs later in the same turn of the loop, so that nothing above it on the stack loses it. */
 #include "mqnode/uv.h"
 
+#include <arpa/inet.h>
 #include <stdlib.h>
 
 #include "companion/host.h"
@@ -16,7 +17,8 @@ _Static_assert((int)UV_READABLE == MQ_STEP_READABLE && (int)UV_WRITABLE == MQ_ST
 enum {
   AWAY_MSEC = 500,     /* a timer that is so late shows that the loop did not run */
   CATCH_UP_MSEC = 100, /* for what has arrived meanwhile to be read */
-  RETRY_MSEC = 1000    /* before accepting is tried again */
+  ORIGIN_LISTS = 256,
+  RETRY_MSEC = 1000 /* before accepting is tried again */
 };
 
 /* A write whose end is to be told. */
@@ -27,6 +29,13 @@ typedef struct Completion {
   void* argument;
 } Completion;
 
+/* An address with accepted nodes. */
+typedef struct Origin {
+  Link member; /* of uv->origins */
+  in_addr_t address;
+  int nodes;
+} Origin;
+
 struct MqUvNode {
   MqStep step;
   uv_poll_t poll;
@@ -34,14 +43,15 @@ struct MqUvNode {
   const MqUvEvents* events;
   void* data;
   void* signer;
-  Link member;   /* of uv->nodes or uv->listeners */
-  Link soon;     /* of uv->soon */
-  Link timed;    /* of uv->wheel */
-  int64_t tick;  /* of timed */
-  int64_t begun; /* milliseconds: when it was accepted */
-  int64_t until; /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
-  int watching;  /* what the poll handle waits for */
-  int code;      /* for on_end */
+  Link member;    /* of uv->nodes or uv->listeners */
+  Link soon;      /* of uv->soon */
+  Link timed;     /* of uv->wheel */
+  int64_t tick;   /* of timed */
+  int64_t begun;  /* milliseconds: when it was accepted */
+  Origin* origin; /* null unless it was accepted, and is open */
+  int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
+  int watching;   /* what the poll handle waits for */
+  int code;       /* for on_end */
   const char* why;
   uint64_t written; /* writes that were sent */
   Completion *first, *last;
@@ -56,6 +66,7 @@ struct MqUv {
   int64_t armed; /* the tick that the timer is set for */
   int64_t away;  /* milliseconds in which the loop did not run */
   Link nodes, listeners;
+  Link origins[ORIGIN_LISTS];
   Link soon; /* nodes to go on with in the next turn: completions to tell of, an end to begin */
   PcfMessage* in;
   int count;    /* nodes whose on_end is still to come */
@@ -175,6 +186,39 @@ static void on_node_closed(uv_handle_t* handle) {
   forget_handle(uv);
 }
 
+static Link* origins_like(MqUv* uv, in_addr_t address) { return &uv->origins[ntohl(address) % ORIGIN_LISTS]; }
+
+/* Counts an accepted node under its address. 0 without memory. */
+static int join_origin(MqUvNode* node) {
+  MqUv* const uv = node->uv;
+  const in_addr_t address = inet_addr(node->step.node->sock.name.ip);
+  Link* const list = origins_like(uv, address);
+  for (Link* link = list->next; link != list && node->origin == NULL; link = link->next) {
+    Origin* const origin = OWNER(Origin, member, link);
+    if (origin->address == address) node->origin = origin;
+  }
+  if (node->origin == NULL) {
+    node->origin = (Origin*)calloc(1, sizeof *node->origin);
+    if (node->origin == NULL) return 0;
+    node->origin->address = address;
+    list_append(list, &node->origin->member);
+  }
+  ++node->origin->nodes;
+  ++uv->accepted;
+  node->step.accepted = 1;
+  return 1;
+}
+
+static void leave_origin(MqUvNode* node) {
+  Origin* const origin = node->origin;
+  if (origin == NULL) return;
+  node->origin = NULL;
+  --node->uv->accepted;
+  if (--origin->nodes > 0) return;
+  list_remove(&origin->member);
+  free(origin);
+}
+
 static void close_node(MqUvNode* node, int code, const char* why) {
   MqUv* const uv = node->uv;
   if (node->step.phase == MQ_STEP_CLOSED) return;
@@ -186,7 +230,7 @@ static void close_node(MqUvNode* node, int code, const char* why) {
   uv_poll_stop(&node->poll);
   mq_step_close(&node->step);
   uv_close((uv_handle_t*)&node->poll, on_node_closed);
-  if (node->step.accepted) --uv->accepted;
+  leave_origin(node);
   resume_listeners(uv);
 }
 
@@ -299,17 +343,23 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   return node;
 }
 
-/* The accepted node that has been quiet longest, of those that have had their place for some time; or null. */
+/* Whether a gives way before b: of the address with more nodes, not one that was accepted after before, quiet longer. */
+static int gives_way(const MqUvNode* a, const MqUvNode* b, int64_t before) {
+  if (a->origin->nodes != b->origin->nodes) return a->origin->nodes > b->origin->nodes;
+  if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
+  return a->step.since < b->step.since;
+}
+
+/* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has as
+ * many as they have. */
 static MqUvNode* choose(const MqUv* uv) {
   MqUvNode* chosen = NULL;
-  if (uv->limits.keptMsec < 0) return NULL;
   const int64_t before = clock_of(uv) - uv->limits.keptMsec;
   for (const Link* link = uv->nodes.next; link != &uv->nodes; link = link->next) {
     MqUvNode* const node = OWNER(MqUvNode, member, link);
-    if (!node->step.accepted || node->begun > before) continue;
-    if (chosen == NULL || node->step.since < chosen->step.since) chosen = node;
+    if (node->origin != NULL && (chosen == NULL || gives_way(node, chosen, before))) chosen = node;
   }
-  return chosen;
+  return uv->limits.keptMsec >= 0 && chosen != NULL && chosen->begun <= before ? chosen : NULL;
 }
 
 static void give_way(MqUvNode* node) {
@@ -322,8 +372,7 @@ static void stop_accepting(MqUvNode* listener) {
 }
 
 static void admit(MqUvNode* listener, MQNode* child) {
-  MqUv* const uv = listener->uv;
-  MqUvNode* const node = add(uv, child, listener->step.secure);
+  MqUvNode* const node = add(listener->uv, child, listener->step.secure);
   if (node == NULL) {
     const int code = child->error;
     DeleteMQNode(child);
@@ -333,8 +382,10 @@ static void admit(MqUvNode* listener, MQNode* child) {
   node->events = listener->events;
   node->data = listener->data;
   node->signer = listener->signer;
-  node->step.accepted = 1;
-  ++uv->accepted;
+  if (!join_origin(node)) {
+    close_node(node, ENOMEM, mq_error_name(ENOMEM));
+    return;
+  }
   if (node->events->on_accept != NULL) node->events->on_accept(listener, node);
   settle(node);
 }
@@ -478,6 +529,7 @@ MqUv* mq_uv_new(uv_loop_t* loop, const MqLoopLimits* limits) {
   list_init(&uv->nodes);
   list_init(&uv->listeners);
   list_init(&uv->soon);
+  for (int i = 0; i < ORIGIN_LISTS; ++i) list_init(&uv->origins[i]);
   uv_timer_init(loop, &uv->timer);
   uv_idle_init(loop, &uv->idle);
   uv->timer.data = uv->idle.data = uv;
@@ -522,10 +574,7 @@ static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* ev
 }
 
 MqUvNode* mq_uv_start(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
-  if (mqnode->role == MQ_ROLE_LISTEN && !ListenSocket(&mqnode->sock, uv->limits.backlog)) {
-    SetMQNodeError(mqnode);
-    return NULL;
-  }
+  if (mqnode->role == MQ_ROLE_LISTEN && mq_step_listen(mqnode, &uv->limits) == MQ_STEP_FAILED) return NULL;
   MqUvNode* const node = take(uv, mqnode, secure, events, data);
   if (node != NULL) settle(node);
   return node;

@@ -136,10 +136,15 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
 }
 
-/* mq_step_listen - give a listening node a longer accept queue than its creator did. The system may allow less. */
-static inline int mq_step_listen(MqStep* step, int backlog) {
-  SockRec* const sock = &step->node->sock;
-  return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
+/* mq_step_listen - give a listening node the limits of what it accepts: a longer accept queue than its creator did,
+ * which the system may shorten, and buffers. */
+static inline int mq_step_listen(MQNode* node, const MqLoopLimits* limits) {
+  if ((limits->socketBytes > 0 && !mnSetBufferSize(node, limits->socketBytes)) ||
+      !ListenSocket(&node->sock, limits->backlog)) {
+    SetMQNodeError(node);
+    return MQ_STEP_FAILED;
+  }
+  return MQ_STEP_DONE;
 }
 
 /* mq_step_connect - begin to connect a node, or see whether its connect has ended, when it is writable.
