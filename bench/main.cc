@@ -28,8 +28,9 @@ struct Wanted {
 
 void MeasureAll(Report* report, const Settings& settings, const Wanted& wanted) {
   if (wanted.Has("held")) MeasureHeld(report);
+  if (wanted.Has("loop")) MeasureLoops(report, settings);
   if (wanted.Has("instructions")) MeasureInstructions(report, settings);
-  PinToOneProcessor();
+  PinToProcessor(0);
   if (wanted.pinned && wanted.Has("exchange")) MeasureExchanges(report, settings, "pinned");
   if (wanted.Has("wait")) MeasureWaits(report, settings);
   if (wanted.pinned && wanted.Has("signed")) MeasureSigned(report, settings, "pinned");
@@ -59,13 +60,14 @@ int main(int argc, char** argv) {
   app.add_option("--markdown", markdown, "write the tables to this file as Markdown");
   app.add_option("--only", only, "sections to run")
       ->delimiter(',')
-      ->check(CLI::IsMember({"held", "instructions", "exchange", "wait", "signed", "others"}));
+      ->check(CLI::IsMember({"held", "instructions", "exchange", "wait", "signed", "others", "loop"}));
   CLI11_PARSE(app, argc, argv);
   if (!wanted.pinned && !wanted.free) wanted.pinned = wanted.free = true;
   wanted.sections = {only.begin(), only.end()};
   settings.exchange = settings.quick ? bench::Effort{0.001, 2} : bench::Effort{0.0015, 25};
   settings.others = settings.quick ? bench::Effort{0.002, 2} : bench::Effort{0.002, 10};
   settings.wait = settings.quick ? bench::Effort{0.0005, 20} : bench::Effort{0.0005, 300};
+  settings.loop = settings.quick ? bench::Effort{0.1, 1} : bench::Effort{0.3, 5};
   signal(SIGPIPE, SIG_IGN);
 
   bench::Report report;

@@ -98,15 +98,17 @@ size_t CountFor(double seconds, const std::function<double(size_t)>& run) {
   return count;
 }
 
-void PinToOneProcessor() {
-  for (int cpu = CPU_SETSIZE - 1; cpu >= 0; --cpu) {
+void PinToProcessor(int from_last) {
+  int chosen = -1;
+  for (int cpu = CPU_SETSIZE - 1; cpu >= 0 && from_last >= 0; --cpu) {
     if (!CPU_ISSET(cpu, &allowed)) continue;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(cpu, &one);
-    Check(sched_setaffinity(0, sizeof one, &one) == 0, "sched_setaffinity");
-    return;
+    chosen = cpu;
+    --from_last;
   }
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(chosen, &one);
+  Check(sched_setaffinity(0, sizeof one, &one) == 0, "sched_setaffinity");
 }
 
 void UnpinProcessor() { Check(sched_setaffinity(0, sizeof allowed, &allowed) == 0, "sched_setaffinity"); }

@@ -34,8 +34,9 @@ Samples Interleave(size_t contestants, size_t rounds, const std::function<double
 // The number of repetitions that makes run(count), which returns seconds, last about this long; at least 1.
 size_t CountFor(double seconds, const std::function<double(size_t)>& run);
 
-// Keeps this process and its later children on one of the processors it may use.
-void PinToOneProcessor();
+// Keeps this process and its later children on one of the processors it may use: 0 the last, 1 the one before; the first
+// if there are not as many.
+void PinToProcessor(int from_last);
 // Undoes that.
 void UnpinProcessor();
 

@@ -15,6 +15,7 @@ struct Settings {
   Effort exchange;
   Effort others;
   Effort wait;
+  Effort loop;
 };
 
 // Round trips and one-way streams between two processes. placement says where they run, for the titles.
@@ -28,6 +29,9 @@ void MeasureSigned(Report* report, const Settings& settings, const std::string& 
 
 // One wait over idle nodes and one that is ready.
 void MeasureWaits(Report* report, const Settings& settings);
+
+// Servers in event loops with many connections, beside bare sockets and other libraries.
+void MeasureLoops(Report* report, const Settings& settings);
 
 // Memory of many nodes held at once.
 void MeasureHeld(Report* report);

@@ -236,6 +236,7 @@ int SignedFraming::Deliver(PcfMessage* msg, MQNode* node) {
   memcpy(&msg->secHeader, buf->data, kEnvelopeLength);
   if (!Authenticate(msg, *buf)) return Fail<SignedFraming>(node, kReadPoint, MQ_NOT_AUTHENTIC);
   if (!AlienToNative(&msg->raw)) {
+    node->error = MQ_BAD_MESSAGE;
     DumpPcfMessage(msg);
     return Fail<SignedFraming>(node, kReadPoint, MQ_BAD_MESSAGE);
   }

@@ -151,6 +151,20 @@ TEST_F(FaceTest, ResultsNameTheCause) {
   EXPECT_EQ(Told(server.read(msg)), "failed 104 ECONNRESET, peer gone");
 }
 
+// A read with a time limit keeps what arrived, and leaves the node blocking.
+TEST_F(FaceTest, ReadsEndInTime) {
+  const Message msg = Filled();
+  Connected pair;
+  Platform::Limit("send", {100});
+  EXPECT_TRUE(pair.client.set_blocking(false) && pair.client.write(msg) && pair.client.has_pending());
+  const Result read = pair.server.read(msg, 20ms);
+  EXPECT_TRUE(!read && read.timed_out());
+  EXPECT_EQ(pair.server.record().recvBuffer.received, 100U);
+  Platform::Mend();
+  EXPECT_TRUE(pair.client.finish_write() && pair.server.read(msg, 10s));
+  EXPECT_EQ(fcntl(pair.server.descriptor(), F_GETFL) & O_NONBLOCK, 0);
+}
+
 // After half a message was lost the peer would take the next one for its rest.
 TEST_F(FaceTest, APartialLossClosesTheNode) {
   const Message msg = Filled();
@@ -177,8 +191,9 @@ TEST_F(FaceTest, APartialLossClosesTheNode) {
 TEST_F(FaceTest, FinishedNodesLoseNothing) {
   constexpr int kMessages = 20;
   const std::vector<uint8_t> large(1 << 20);
-  // The result, and how many messages the peer has read. It leaves after so many, or stays.
-  const auto write_all = [&](int reads, bool stays, std::chrono::milliseconds longest) {
+  // The result, and how many messages the peer has read. It leaves after so many, or stays; or it writes as much first.
+  enum Then { kLeaves, kStays, kAnswersFirst };
+  const auto write_all = [&](int reads, Then then, std::chrono::milliseconds longest) {
     const Node listener = Node::listener(Local(0));
     const pid_t reader = fork();
     if (reader == 0) {
@@ -186,8 +201,10 @@ TEST_F(FaceTest, FinishedNodesLoseNothing) {
       int read = 0;
       const Message in = Message::create();
       if (!listener.accept(server)) _exit(1);
+      if (then == kAnswersFirst && !(in.begin(2) && in.add(1, large))) _exit(1);
+      for (int i = 0; i < kMessages && then == kAnswersFirst && server.write(in); ++i) continue;
       while (read < reads && server.read(in)) ++read;
-      if (stays) pause();
+      if (then == kStays) pause();
       _exit(read < reads && server.finish(20s) ? read : 0);
     }
     const Node client = Node::connector(Local(listener.local_port()));
@@ -195,14 +212,15 @@ TEST_F(FaceTest, FinishedNodesLoseNothing) {
     EXPECT_TRUE(client.open() && client.set_blocking(false) && msg.begin(1) && msg.add(1, large));
     for (int i = 0; i < kMessages && client.write(msg); ++i) continue;
     const std::string told = Told(client.finish(longest));
-    if (stays) kill(reader, SIGTERM);
+    if (then == kStays) kill(reader, SIGTERM);
     int status = 0;
     waitpid(reader, &status, 0);
     return format("{}, {}", told, WIFEXITED(status) ? WEXITSTATUS(status) : 0);
   };
-  EXPECT_EQ(write_all(INT_MAX, false, 20s), "ok 0 MQ_OK, 20");
-  EXPECT_EQ(write_all(kMessages, true, 300ms), "failed 110 ETIMEDOUT, 0");
-  EXPECT_EQ(write_all(1, false, 20s).substr(0, 6), "failed") << "the peer left";
+  EXPECT_EQ(write_all(INT_MAX, kLeaves, 20s), "ok 0 MQ_OK, 20");
+  EXPECT_EQ(write_all(INT_MAX, kAnswersFirst, 20s), "ok 0 MQ_OK, 20");
+  EXPECT_EQ(write_all(kMessages, kStays, 300ms), "failed 110 ETIMEDOUT, 0");
+  EXPECT_EQ(write_all(1, kLeaves, 20s).substr(0, 6), "failed") << "the peer left";
 }
 
 // Nothing is cut: the operation that would have used the text fails.

@@ -28,7 +28,9 @@
 #ifndef MQNODE_MQNODE_MQNODE_HPP
 #define MQNODE_MQNODE_MQNODE_HPP
 
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -148,6 +150,11 @@ void put_text(char (&field)[size], std::string_view text, std::string_view other
   const bool fits = text.size() < size && text.find('\0') == std::string_view::npos;
   const std::string_view chosen = fits ? text : otherwise;
   if (!chosen.empty()) std::memcpy(field, chosen.data(), chosen.size());
+}
+
+// Milliseconds for the C functions, which take an int.
+constexpr int to_int(std::chrono::milliseconds time) noexcept {
+  return static_cast<int>(time.count() < 0 ? 0 : time.count() > INT_MAX ? INT_MAX : time.count());
 }
 
 // Stands in a list for a node that was taken out of it; only its address counts.
@@ -419,6 +426,14 @@ class NodeRef {
   Result read(MessageRef msg) const noexcept { return outcome(mnRead(msg.get(), pointer_)); }
   Result read_signed(MessageRef msg) const noexcept { return outcome(mnSRead(msg.get(), pointer_, 1, nullptr)); }
   Result browse(MessageRef msg) const noexcept { return outcome(mnBrowse(msg.get(), pointer_)); }
+  // The same with a time limit, whether the node blocks or not. False with timed_out() when the message is not complete
+  // by then; what arrived is kept for the next read.
+  Result read(MessageRef msg, std::chrono::milliseconds longest) const noexcept {
+    return in_time(longest, [&] { return read(msg); });
+  }
+  Result read_signed(MessageRef msg, std::chrono::milliseconds longest) const noexcept {
+    return in_time(longest, [&] { return read_signed(msg); });
+  }
 
   // mnWrite, mnSWrite on a stream node; mnWriteTo, mnSWriteTo on a datagram node, where to may not be sender() itself
   // but a copy. True: sent or queued, the record may be used again. False after a part was sent: the node is closed,
@@ -443,7 +458,7 @@ class NodeRef {
   // mq_finish, before a node is deleted whose last messages must arrive: sends what is queued, shuts the sending side
   // down and waits until the peer has read everything and closed. False with ETIMEDOUT when that took too long.
   Result finish(std::chrono::milliseconds longest) const noexcept {
-    return outcome(mq_finish(pointer_, static_cast<int>(longest.count())));
+    return outcome(mq_finish(pointer_, detail::to_int(longest)));
   }
 
   // IsNodeFailed: the last operation failed, or is unfinished. True for an empty one too.
@@ -457,6 +472,14 @@ class NodeRef {
   }
   Result set_no_delay(bool on) const noexcept { return of_socket(SetTcpNoDelay(&pointer_->sock, on ? 1 : 0)); }
   Result set_buffer_size(std::uint32_t size) const noexcept { return of_socket(mnSetBufferSize(pointer_, size)); }
+  // SetSocketOptions: whether the system looks after a quiet peer, and how many seconds a close waits for what was not
+  // sent yet: 0, as a node is created, discards it; a negative number lets the system send it in the background.
+  Result set_keep_alive(bool on) const noexcept { return set_option({SOCK_OPT_KEEPALIVE, 0, on}); }
+  Result set_linger(int seconds) const noexcept {
+    return set_option({SOCK_OPT_LINGER, seconds < 0 ? 0 : seconds, seconds >= 0});
+  }
+  // ListenSocket, of a listening node: how many connections may wait to be accepted.
+  Result set_backlog(int connections) const noexcept { return of_socket(ListenSocket(&pointer_->sock, connections)); }
   // Most writes that may be outstanding; 0 or less: no limit.
   void set_write_limit(std::int32_t writes) const noexcept { pointer_->writeLimit = writes; }
   // mnSetTraceCallBack; null for none.
@@ -512,6 +535,22 @@ class NodeRef {
     return {value, MQ_AGAIN, cause != MQ_AGAIN ? cause : ENOMEM, MQ_IN_SOCKET};
   }
   Result of_socket(int value) const noexcept { return {value, pointer_->sock.error, MQ_IN_SOCKET}; }
+  Result set_option(SockOption option) const noexcept { return of_socket(SetSocketOptions(&pointer_->sock, &option)); }
+  // Repeats an unfinished read until the time is over. The node does not block meanwhile.
+  template <class Read>
+  Result in_time(std::chrono::milliseconds longest, Read read_once) const noexcept {
+    const std::int64_t end = mq_clock() + detail::to_int(longest);
+    const bool blocks = (fcntl(descriptor(), F_GETFL) & O_NONBLOCK) == 0;
+    if (blocks && !set_blocking(false)) return of_socket(0);
+    Result result = read_once();
+    for (std::int64_t left; result.again() && (left = end - mq_clock()) > 0; result = read_once()) {
+      pollfd wanted = {descriptor(), POLLIN, 0};
+      poll(&wanted, 1, static_cast<int>(left));
+    }
+    if (result.again()) result = {0, SOCK_WAIT_TIMEOUT, MQ_IN_STATUS};
+    if (blocks) static_cast<void>(set_blocking(true));
+    return result;
+  }
 };
 
 // Node - a node that it owns. A creator gives a node as soon as there was memory for its record, with the outcome of
@@ -703,7 +742,7 @@ class WaitSet {
   Result wait_for(std::chrono::milliseconds time, bool writing) noexcept {
     int status = ENOMEM;
     if (!prepare()) return {0, status, MQ_IN_STATUS};
-    const int most = static_cast<int>(time.count() < 0 ? 0 : time.count() > INT_MAX ? INT_MAX : time.count());
+    const int most = detail::to_int(time);
     MQNode** const listening = ready_;
     MQNode** const readable = ready_ + ready_room_;
     MQNode** const writable = ready_ + 2 * ready_room_;

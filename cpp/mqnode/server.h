@@ -42,15 +42,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include "companion/host.h"
 #include "mqnode/errors.h"
+#include "mqnode/finish.h"
 #include "mqnode/mqnode.h"
-
-#ifndef CLOCK_MONOTONIC
-#error "mqnode/server.h needs clock_gettime: compile with -std=gnu11, or with -D_POSIX_C_SOURCE=200809L"
-#endif
 
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
@@ -143,13 +139,6 @@ struct MqServer {
 static inline MqServerLimits mq_server_limits(void) {
   const MqServerLimits limits = {1000, 1000, 128, 32, 20, 10000, 600000, 1000, 65536, 262144, 65536, 65536};
   return limits;
-}
-
-/* Internal: milliseconds of a clock that only goes forward. */
-static inline int64_t mq_server_clock(void) {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
 /* ---- Log ---- */
@@ -461,7 +450,7 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
   server->data = data;
   server->log = stderr;
   server->accepting = 1;
-  server->now = server->looked = mq_server_clock();
+  server->now = server->looked = mq_clock();
   const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, its end included */
   server->clients = (MqServerClient**)calloc((size_t)entries, sizeof *server->clients);
   server->others = (MqServerClient**)calloc((size_t)entries, sizeof *server->others);
@@ -515,7 +504,7 @@ static inline int mq_server_wait(MqServer* server, int msec) {
   const int ready = mnNPostExMSec(server->nodes, server->listening, server->readable, server->writable, msec,
                                   &server->status, &server->work);
   if (!ready) *server->listening = *server->readable = *server->writable = NULL;
-  server->now = mq_server_clock();
+  server->now = mq_clock();
   return ready || server->status == SOCK_WAIT_TIMEOUT || server->status == EINTR;
 }
 
@@ -571,7 +560,7 @@ static inline int mq_server_round(MqServer* server, int msec) {
  *   msec   in   for all of this. The clients that are left then are dropped
  * Result   1 all answers were sent, and each client closed after that; 0 not */
 static inline int mq_server_end(MqServer* server, int msec) {
-  const int64_t until = mq_server_clock() + msec;
+  const int64_t until = mq_clock() + msec;
   int taken = 1;
   server->ending = 1;
   mq_server_sweep(server);
@@ -582,7 +571,7 @@ static inline int mq_server_end(MqServer* server, int msec) {
       shutdown(client->node->sock.fd, SHUT_WR);
       client->shut = 1;
     }
-    const int64_t left = until - mq_server_clock();
+    const int64_t left = until - mq_clock();
     if (left <= 0 || !mq_server_wait(server, (int)left)) break;
     mq_server_transfer(server);
     for (int i = 0; i < server->count; ++i) taken = taken && server->clients[i]->why == NULL;

@@ -17,7 +17,6 @@
 #define MQNODE_MQNODE_SERVER_HPP
 
 #include <chrono>
-#include <climits>
 
 #include "mqnode/mqnode.hpp"
 #include "mqnode/server.h"
@@ -74,11 +73,11 @@ class Server {
   }
   // mq_server_round.
   Result round(std::chrono::milliseconds time) noexcept {
-    const int waited = mq_server_round(&server_, to_int(time));
+    const int waited = mq_server_round(&server_, detail::to_int(time));
     return {waited, waited != 0 ? MQ_OK : server_.status, MQ_IN_STATUS};
   }
   // mq_server_end. True: all answers were sent, and each client closed after that.
-  bool end(std::chrono::milliseconds time) noexcept { return mq_server_end(&server_, to_int(time)) != 0; }
+  bool end(std::chrono::milliseconds time) noexcept { return mq_server_end(&server_, detail::to_int(time)) != 0; }
   // mq_server_close. Only destroying, or another close(), may follow.
   void close() noexcept { mq_server_close(&server_); }
   // mq_server_drop, mq_server_say.
@@ -98,9 +97,6 @@ class Server {
   static const char* sent(const Result& result) noexcept { return result ? nullptr : result.name(); }
 
  private:
-  static int to_int(std::chrono::milliseconds time) noexcept {
-    return static_cast<int>(time.count() < 0 ? 0 : time.count() > INT_MAX ? INT_MAX : time.count());
-  }
   static Server& self(const MqServer* server) noexcept { return *static_cast<Server*>(server->data); }
   static const char* on_message(MqServer* server, MqServerClient* client, PcfMessage* msg) {
     return self(server).message(ServerClient(client), msg);
