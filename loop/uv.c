@@ -67,7 +67,7 @@ struct MqUv {
   int64_t away;  /* milliseconds in which the loop did not run */
   Link nodes, listeners;
   Link origins[ORIGIN_LISTS];
-  Link soon; /* nodes to go on with in the next turn: completions to tell of, an end to begin */
+  Link soon; /* nodes with completions to tell of in the next turn */
   PcfMessage* in;
   int count;    /* nodes whose on_end is still to come */
   int accepted; /* open accepted nodes */
@@ -81,9 +81,7 @@ static int64_t clock_of(const MqUv* uv) { return (int64_t)uv_now(uv->loop) - uv-
 
 static int is_listening(const MqUvNode* node) { return node->step.node->role == MQ_ROLE_LISTEN; }
 
-static int is_ending(const MqUvNode* node) {
-  return node->step.phase == MQ_STEP_FLUSHING || node->step.phase == MQ_STEP_DRAINING;
-}
+static int is_ending(const MqUvNode* node) { return node->step.phase == MQ_STEP_ENDING; }
 
 static void lost(MqUvNode* node, int code) {
   if (node->events->on_lost != NULL) node->events->on_lost(node, code);
@@ -178,7 +176,7 @@ static void on_node_closed(uv_handle_t* handle) {
   MqUvNode* const node = (MqUvNode*)handle->data;
   MqUv* const uv = node->uv;
   tell_sent(node);
-  while (node->first != NULL) tell_first(node, node->code != 0 ? node->code : ECANCELED);
+  while (node->first != NULL) tell_first(node, node->code != 0 ? node->code : ECONNABORTED);
   if (node->events->on_end != NULL) node->events->on_end(node, node->code, node->why);
   DeleteMQNode(node->step.node);
   free(node);
@@ -363,7 +361,7 @@ static MqUvNode* choose(const MqUv* uv) {
 }
 
 static void give_way(MqUvNode* node) {
-  if (node != NULL) close_node(node, EBUSY, "its place is needed");
+  if (node != NULL) close_node(node, ECONNABORTED, "its place is needed");
 }
 
 static void stop_accepting(MqUvNode* listener) {
@@ -503,8 +501,6 @@ static void on_idle(uv_idle_t* idle) {
     MqUvNode* const node = OWNER(MqUvNode, soon, soon.next);
     list_remove(&node->soon);
     tell_sent(node);
-    if (is_ending(node)) end_turn(node);
-    settle(node);
   }
   if (list_is_empty(&uv->soon)) uv_idle_stop(idle);
 }
@@ -562,7 +558,7 @@ int mq_uv_count(const MqUv* uv) { return uv->count; }
 /* Hands a node over as far as it can be undone. */
 static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
   if (uv->leaving) {
-    mqnode->error = ECANCELED;
+    mqnode->error = EINVAL;
     return NULL;
   }
   uv_update_time(uv->loop);
@@ -602,13 +598,6 @@ static Completion* new_completion(MqUvWrittenFn fn, void* argument) {
   return completion;
 }
 
-/* Goes on with a node in the next turn of the loop. */
-static void go_on_soon(MqUvNode* node) {
-  if (node->soon.next != NULL) return;
-  list_append(&node->uv->soon, &node->soon);
-  uv_idle_start(&node->uv->idle, on_idle);
-}
-
 /* Appends the completion of the write that was taken last. */
 static void await_completion(MqUvNode* node, Completion* completion) {
   completion->number = node->step.taken;
@@ -618,7 +607,9 @@ static void await_completion(MqUvNode* node, Completion* completion) {
     node->last->next = completion;
   }
   node->last = completion;
-  if (completion->number <= node->written) go_on_soon(node);
+  if (completion->number > node->written || node->soon.next != NULL) return;
+  list_append(&node->uv->soon, &node->soon);
+  uv_idle_start(&node->uv->idle, on_idle);
 }
 
 int mq_uv_write_to(MqUvNode* node, PcfMessage* msg, SockAddrRec* to, MqUvWrittenFn fn, void* argument) {
@@ -669,7 +660,7 @@ void mq_uv_end(MqUvNode* node) {
     return;
   }
   begin_end(node, 0);
-  go_on_soon(node);
+  settle(node);
 }
 
 void mq_uv_stop(MqUvNode* node) { close_node(node, node->code, node->why); }
