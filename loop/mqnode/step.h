@@ -201,8 +201,10 @@ static inline void mq_step_resume(MqStep* step) { step->held = 0; }
 
 /* ---- Accept ---- */
 
-/* Internal: why nothing was accepted. */
+/* Internal: why nothing was accepted. The system asks for a descriptor before it looks for a connection: when none is
+ * left, it may be that none is wanted. */
 static inline int mq_step_accept_failed(MqStep* step) {
+  struct pollfd state = {step->node->sock.fd, POLLIN, 0};
   step->error = step->node->error;
   switch (step->error) {
     case MQ_AGAIN:
@@ -211,6 +213,7 @@ static inline int mq_step_accept_failed(MqStep* step) {
     case ENFILE:
     case ENOBUFS:
     case ENOMEM:
+      if (poll(&state, 1, 0) == 0) return MQ_STEP_WAIT;
       step->held = 1;
       return MQ_STEP_FULL;
     case EBADF:
