@@ -361,8 +361,6 @@ TEST_F(LoopTest, TimeOuts) {
   MqLoopLimits limits = mq_loop_limits();
   limits.firstMsec = 100, limits.midwayMsec = 200, limits.idleMsec = 400, limits.connectMsec = 100;
   limits.socketBytes = 4096, limits.backlog = 1;
-  Loop loop(limits);
-  const int port = loop.Listen(&app);
   const Node full = Node::listener(Local(0));
   ListenSocket(&full.record().sock, 0);
   const Node taken = Client(full.local_port());
@@ -377,6 +375,8 @@ TEST_F(LoopTest, TimeOuts) {
   Row rows[] = {{"silent", 100, "end ETIMEDOUT, too slow"},          {"midway", 200, "end ETIMEDOUT, too slow"},
                 {"unread", 200, "end ETIMEDOUT, takes no answers"},  {"idle", 400, "end ETIMEDOUT, idle"},
                 {"connects", 100, "end ETIMEDOUT, does not answer"}, {"active", 1000, ""}};
+  Loop loop(limits);
+  const int port = loop.Listen(&app);
   for (Row& row : rows) {
     if (std::string_view(row.peer) == "connects") {
       ASSERT_NE(loop.Connect(&row.app, full.local_port()), nullptr);
@@ -419,9 +419,9 @@ TEST_F(LoopTest, TimeOuts) {
 TEST_F(LoopTest, ThousandsComeAndGo) {
   MqLoopLimits limits = mq_loop_limits();
   limits.nodes = 64, limits.keptMsec = -1;
+  size_t most = 0;
   Loop loop(limits);
   const int port = loop.Listen(&app);
-  size_t most = 0;
   app.on = [&](std::string_view event, MqUvNode* node, PcfMessage* msg) {
     if (event == "message") mq_uv_write(node, msg, nullptr, nullptr);
     most = std::max(most, app.nodes.size());
