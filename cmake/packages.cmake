@@ -106,6 +106,7 @@ command messages with peers over TCP or UDP, plain or in a signed envelope.
 .
 This package has the library that runs nodes in a loop of libuv: events for
 messages, back-pressure, time-outs, and ends that lose no message.]])
+  set(CPACK_DEBIAN_UV_PACKAGE_DEPENDS "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
   mqnode_library_package(uv libmqnode-uv)
   mqnode_package(uv_development libmqnode-uv-dev libdevel "message nodes in a libuv loop, development files" [[
 mqnode lets a process create message nodes, endpoints that exchange framed

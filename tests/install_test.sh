@@ -23,7 +23,7 @@ Package: libmqnode-dev Depends: libmqnode1, libmqcompanion1
   lib/libmqnode.so
 Package: libmqnode-uv-dev Depends: libmqnode-uv1, libmqnode-dev, libuv1-dev
   lib/libmqnode-uv.so
-Package: libmqnode-uv1 Depends: libc6, libmqcompanion1, libmqnode1, libuv1
+Package: libmqnode-uv1 Depends: libmqnode1, libmqcompanion1, libc6, libuv1
   lib/libmqnode-uv.so.1.x
   lib/libmqnode-uv.so.1
 Package: libmqnode1 Depends: libc6
