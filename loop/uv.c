@@ -65,6 +65,7 @@ struct MqUv {
   Wheel wheel;
   int64_t armed; /* the tick that the timer is set for */
   int64_t away;  /* milliseconds in which the loop did not run */
+  int spared;    /* the timer was late, and nobody was looked at then */
   Link nodes, listeners;
   Link origins[ORIGIN_LISTS];
   Link soon; /* nodes with completions to tell of in the next turn */
@@ -476,7 +477,8 @@ static void look(MqUvNode* node) {
 static void on_timer(uv_timer_t* timer) {
   MqUv* const uv = (MqUv*)timer->data;
   const int64_t late = clock_of(uv) - uv->armed * WHEEL_TICK_MSEC;
-  if (late > AWAY_MSEC) {
+  uv->spared = late > AWAY_MSEC && !uv->spared; /* not twice: a loop that is always late still has time-outs */
+  if (uv->spared) {
     uv->away += late + CATCH_UP_MSEC;
     arm(uv, uv->armed);
     return;
