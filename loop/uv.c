@@ -328,7 +328,9 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   }
   node->uv = uv;
   node->begun = clock_of(uv);
-  int error = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun) ? 0 : node->step.error;
+  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun);
+  if (begun && is_listening(node)) begun = mq_step_listen(&node->step, uv->limits.backlog);
+  int error = begun ? 0 : node->step.error;
   if (error == 0) error = -uv_poll_init(uv->loop, &node->poll, mqnode->sock.fd);
   if (error != 0) {
     mqnode->error = error;
@@ -572,7 +574,6 @@ static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* ev
 }
 
 MqUvNode* mq_uv_start(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
-  if (mqnode->role == MQ_ROLE_LISTEN && mq_step_listen(mqnode, &uv->limits) == MQ_STEP_FAILED) return NULL;
   MqUvNode* const node = take(uv, mqnode, secure, events, data);
   if (node != NULL) settle(node);
   return node;

@@ -134,15 +134,13 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
 }
 
-/* mq_step_listen - give a listening node the limits of what it accepts: a longer accept queue than its creator did,
- * which the system may shorten, and buffers. */
-static inline int mq_step_listen(MQNode* node, const MqLoopLimits* limits) {
-  if ((limits->socketBytes > 0 && !mnSetBufferSize(node, limits->socketBytes)) ||
-      !ListenSocket(&node->sock, limits->backlog)) {
-    SetMQNodeError(node);
-    return MQ_STEP_FAILED;
-  }
-  return MQ_STEP_DONE;
+/* mq_step_listen - let a listening node accept within its limits: with an accept queue of backlog connections, which the
+ * system may shorten, and buffers of socketBytes. */
+static inline int mq_step_listen(MqStep* step, int backlog) {
+  SockRec* const sock = &step->node->sock;
+  const uint32_t size = step->limits->socketBytes;
+  if (size > 0 && !mnSetBufferSize(step->node, size)) return mq_step_fail(step, sock->error);
+  return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
 }
 
 /* mq_step_connect - begin to connect a node, or see whether its connect has ended, when it is writable.
