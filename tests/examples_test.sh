@@ -20,7 +20,7 @@ row() {
 
 arguments_and_addresses() {
   local name
-  for name in {,multi_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
+  for name in {,multi_,epoll_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
     row 2 usage "$name" 127.0.0.1
   done
   row 2 usage multi_server 127.0.0.1 0 1001
