@@ -1,5 +1,5 @@
-# Manual pages of the library's functions, made from the headers at every build and installed with them. The pages for a
-# browser are made by ./run reference.
+# Manual pages of the functions, made from the headers at every build and installed with them. The HTML pages are made
+# by ./run reference.
 find_program(AWK awk)
 if(NOT AWK)
   message(STATUS "no awk: the manual pages of the functions are not made")
@@ -9,7 +9,7 @@ endif()
 set(reference ${PROJECT_BINARY_DIR}/reference)
 file(GLOB reference_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/reference/*.sh
   ${PROJECT_SOURCE_DIR}/docs/reference/man.awk ${PROJECT_SOURCE_DIR}/companion/host.h)
-foreach(folder mqnode cpp/mqnode socksin sockutil queue runtime)
+foreach(folder mqnode cpp/mqnode loop/mqnode socksin sockutil queue runtime)
   file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h)
   list(APPEND reference_sources ${headers})
 endforeach()

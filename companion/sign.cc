@@ -1,14 +1,15 @@
-// sign.cc - signed messages: mqc_sign, mqc_authenticate, and the trailer between them.
+// sign.cc - signed messages: mqc_sign, mqc_authenticate, and the trailer that they write and read.
 // Not here: keys and signers (keys.cc), accepted users (ring.cc), seen messages (replay.cc).
-// Invariant: nothing about a message is believed, or remembered, before its signature was found right.
+// Invariant: nothing in a message is trusted or remembered before its signature has been verified.
 //
-// A signed message is the plain message as it stands and a trailer of 96 bytes:
+// In the envelope, the unchanged plain message is followed by a trailer of 96 bytes:
 //    0,  8   "MQSIGN01"
 //    8,  8   time of signing, milliseconds since 1970-01-01 UTC, big-endian
 //   16, 16   nonce, random
 //   32, 64   signature: Ed25519ph over the first 32 bytes of the trailer, the envelope's version and msgLength as two
 //            big-endian words, the envelope's 12 bytes of user id in ASCII, and the plain message as sent
-// This form of the envelope is the same on every host, and so before and after its conversion.
+// These fields of the envelope are signed in a form that is the same on every host, so a receiver may convert the
+// envelope first.
 
 #include <sodium.h>
 #include <time.h>
@@ -36,11 +37,11 @@ static_assert(kTrailer == 96 && sizeof(kMark) - 1 == kAtTime);
 thread_local char sign_error[kErrorText];
 thread_local char authenticate_error[kErrorText];
 
-std::atomic<MqcClock> host_clock;
+std::atomic<MqcClock> application_clock;
 std::atomic<uint32_t> window_seconds = 300;
 
 int64_t Now() {
-  const MqcClock clock = host_clock.load(std::memory_order_acquire);
+  const MqcClock clock = application_clock.load(std::memory_order_acquire);
   if (clock != nullptr) return clock();
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -54,7 +55,7 @@ void StoreBig(uint8_t* at, uint64_t value, int bytes) {
 int64_t LoadBigTime(const uint8_t* at) {
   uint64_t value = 0;
   for (int i = 0; i < 8; ++i) value = value << 8 | at[i];
-  // A time beyond all clocks stays beyond every window and overflows nothing.
+  // Limited, so that differences of times do not overflow. The limit is still outside every window.
   return value > INT64_MAX / 2 ? INT64_MAX / 2 : static_cast<int64_t>(value);
 }
 
@@ -71,7 +72,7 @@ crypto_sign_state Digest(const SecureHeader& envelope, const uint8_t* trailer, c
   return state;
 }
 
-// True when the 12-byte field holds exactly this user, zero-filled.
+// Whether the 12-byte field contains exactly this user, padded with zero bytes.
 bool IsFieldOf(const char* user, const char field[kUserField]) {
   char filled[kUserField] = {};
   memcpy(filled, user, strnlen(user, kUserField));
@@ -101,7 +102,7 @@ bool CheckForSigning(const MqcSigner& signer, const PcfMessage& msg, ErrorText e
   return true;
 }
 
-// Lengths and users of what arrived. Sets *plain to the length of the plain message.
+// Checks the lengths and users of a received message. Sets *plain to the length of the plain message.
 bool CheckArrived(const SecureHeader& envelope, const IoBuffer& part, uint32_t* plain, ErrorText error) {
   if (envelope.hdrLength != kEnvelope || envelope.version != kVersion) {
     return Fail(error, "an envelope of %u bytes, version %u", envelope.hdrLength, envelope.version);
@@ -140,7 +141,7 @@ bool CheckSignature(const SecureHeader& envelope, const IoBuffer& part, uint32_t
   return true;
 }
 
-// Age, then replay. The signature was found right.
+// Checks the age, then for a replay. The signature has been verified.
 bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText error) {
   const int64_t time = LoadBigTime(trailer + kAtTime);
   const int64_t window = int64_t{window_seconds.load(std::memory_order_relaxed)} * 1000;
@@ -165,7 +166,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
   return Fail(error, "no memory to remember accepted messages");
 }
 
-// What is parsed later is what was signed: the record holds the same bytes as the signed part.
+// Checks that the record contains the bytes of the signed part, so that what is parsed later is what was signed.
 bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
   if (raw.data == nullptr || part.data == nullptr || raw.length != part.length || raw.capacity < part.length) {
     return Fail(error, "the record does not hold the %u bytes of the signed part", part.length);
@@ -176,7 +177,7 @@ bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
   return true;
 }
 
-// Everything that is asked of a signed message, in the order in which it may be believed.
+// All checks of a signed message, each of which relies only on those before it.
 bool IsAuthentic(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, uint32_t* plain) {
   const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
   return HoldsPart(raw, part, error) && CheckArrived(envelope, part, plain, error) &&
@@ -231,7 +232,7 @@ int mqc_set_window(uint32_t seconds) {
   return 1;
 }
 
-void mqc_set_clock(MqcClock clock) { host_clock.store(clock, std::memory_order_release); }
+void mqc_set_clock(MqcClock clock) { application_clock.store(clock, std::memory_order_release); }
 
 const char* mqc_sign_error(void) { return sign_error; }
 

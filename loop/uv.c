@@ -5,6 +5,7 @@
  * callback, which libuv runs later in the same turn of the loop, so that nothing above it on the stack loses it. */
 #include "mqnode/uv.h"
 
+#include <arpa/inet.h>
 #include <stdlib.h>
 
 #include "companion/host.h"
@@ -16,7 +17,8 @@ _Static_assert((int)UV_READABLE == MQ_STEP_READABLE && (int)UV_WRITABLE == MQ_ST
 enum {
   AWAY_MSEC = 500,     /* a timer that is so late shows that the loop did not run */
   CATCH_UP_MSEC = 100, /* for what has arrived meanwhile to be read */
-  RETRY_MSEC = 1000    /* before accepting is tried again */
+  ORIGIN_LISTS = 256,
+  RETRY_MSEC = 1000 /* before accepting is tried again */
 };
 
 /* A write whose end is to be told. */
@@ -27,6 +29,13 @@ typedef struct Completion {
   void* argument;
 } Completion;
 
+/* An address with accepted nodes. */
+typedef struct Origin {
+  Link member; /* of uv->origins */
+  in_addr_t address;
+  int nodes;
+} Origin;
+
 struct MqUvNode {
   MqStep step;
   uv_poll_t poll;
@@ -34,14 +43,15 @@ struct MqUvNode {
   const MqUvEvents* events;
   void* data;
   void* signer;
-  Link member;   /* of uv->nodes or uv->listeners */
-  Link soon;     /* of uv->soon */
-  Link timed;    /* of uv->wheel */
-  int64_t tick;  /* of timed */
-  int64_t begun; /* milliseconds: when it was accepted */
-  int64_t until; /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
-  int watching;  /* what the poll handle waits for */
-  int code;      /* for on_end */
+  Link member;    /* of uv->nodes or uv->listeners */
+  Link soon;      /* of uv->soon */
+  Link timed;     /* of uv->wheel */
+  int64_t tick;   /* of timed */
+  int64_t begun;  /* milliseconds: when it was accepted */
+  Origin* origin; /* null unless it was accepted, and is open */
+  int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
+  int watching;   /* what the poll handle waits for */
+  int code;       /* for on_end */
   const char* why;
   uint64_t written; /* writes that were sent */
   Completion *first, *last;
@@ -55,8 +65,10 @@ struct MqUv {
   Wheel wheel;
   int64_t armed; /* the tick that the timer is set for */
   int64_t away;  /* milliseconds in which the loop did not run */
+  int spared;    /* the timer was late, and nobody was looked at then */
   Link nodes, listeners;
-  Link soon; /* nodes to go on with in the next turn: completions to tell of, an end to begin */
+  Link origins[ORIGIN_LISTS];
+  Link soon; /* nodes with completions to tell of in the next turn */
   PcfMessage* in;
   int count;    /* nodes whose on_end is still to come */
   int accepted; /* open accepted nodes */
@@ -70,9 +82,7 @@ static int64_t clock_of(const MqUv* uv) { return (int64_t)uv_now(uv->loop) - uv-
 
 static int is_listening(const MqUvNode* node) { return node->step.node->role == MQ_ROLE_LISTEN; }
 
-static int is_ending(const MqUvNode* node) {
-  return node->step.phase == MQ_STEP_FLUSHING || node->step.phase == MQ_STEP_DRAINING;
-}
+static int is_ending(const MqUvNode* node) { return node->step.phase == MQ_STEP_ENDING; }
 
 static void lost(MqUvNode* node, int code) {
   if (node->events->on_lost != NULL) node->events->on_lost(node, code);
@@ -167,12 +177,45 @@ static void on_node_closed(uv_handle_t* handle) {
   MqUvNode* const node = (MqUvNode*)handle->data;
   MqUv* const uv = node->uv;
   tell_sent(node);
-  while (node->first != NULL) tell_first(node, node->code != 0 ? node->code : ECANCELED);
+  while (node->first != NULL) tell_first(node, node->code != 0 ? node->code : ECONNABORTED);
   if (node->events->on_end != NULL) node->events->on_end(node, node->code, node->why);
   DeleteMQNode(node->step.node);
   free(node);
   if (--uv->count == 0 && uv->leaving == 1) mq_uv_free(uv);
   forget_handle(uv);
+}
+
+static Link* origins_like(MqUv* uv, in_addr_t address) { return &uv->origins[ntohl(address) % ORIGIN_LISTS]; }
+
+/* Counts an accepted node under its address. 0 without memory. */
+static int join_origin(MqUvNode* node) {
+  MqUv* const uv = node->uv;
+  const in_addr_t address = inet_addr(node->step.node->sock.name.ip);
+  Link* const list = origins_like(uv, address);
+  for (Link* link = list->next; link != list && node->origin == NULL; link = link->next) {
+    Origin* const origin = OWNER(Origin, member, link);
+    if (origin->address == address) node->origin = origin;
+  }
+  if (node->origin == NULL) {
+    node->origin = (Origin*)calloc(1, sizeof *node->origin);
+    if (node->origin == NULL) return 0;
+    node->origin->address = address;
+    list_append(list, &node->origin->member);
+  }
+  ++node->origin->nodes;
+  ++uv->accepted;
+  node->step.accepted = 1;
+  return 1;
+}
+
+static void leave_origin(MqUvNode* node) {
+  Origin* const origin = node->origin;
+  if (origin == NULL) return;
+  node->origin = NULL;
+  --node->uv->accepted;
+  if (--origin->nodes > 0) return;
+  list_remove(&origin->member);
+  free(origin);
 }
 
 static void close_node(MqUvNode* node, int code, const char* why) {
@@ -186,7 +229,7 @@ static void close_node(MqUvNode* node, int code, const char* why) {
   uv_poll_stop(&node->poll);
   mq_step_close(&node->step);
   uv_close((uv_handle_t*)&node->poll, on_node_closed);
-  if (node->step.accepted) --uv->accepted;
+  leave_origin(node);
   resume_listeners(uv);
 }
 
@@ -285,7 +328,9 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   }
   node->uv = uv;
   node->begun = clock_of(uv);
-  int error = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun) ? 0 : node->step.error;
+  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun);
+  if (begun && is_listening(node)) begun = mq_step_listen(&node->step, uv->limits.backlog);
+  int error = begun ? 0 : node->step.error;
   if (error == 0) error = -uv_poll_init(uv->loop, &node->poll, mqnode->sock.fd);
   if (error != 0) {
     mqnode->error = error;
@@ -299,21 +344,27 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   return node;
 }
 
-/* The accepted node that has been quiet longest, of those that have had their place for some time; or null. */
+/* Whether a gives way before b: of the address with more nodes, not one that was accepted after before, quiet longer. */
+static int gives_way(const MqUvNode* a, const MqUvNode* b, int64_t before) {
+  if (a->origin->nodes != b->origin->nodes) return a->origin->nodes > b->origin->nodes;
+  if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
+  return a->step.since < b->step.since;
+}
+
+/* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has as
+ * many as they have. */
 static MqUvNode* choose(const MqUv* uv) {
   MqUvNode* chosen = NULL;
-  if (uv->limits.keptMsec < 0) return NULL;
   const int64_t before = clock_of(uv) - uv->limits.keptMsec;
   for (const Link* link = uv->nodes.next; link != &uv->nodes; link = link->next) {
     MqUvNode* const node = OWNER(MqUvNode, member, link);
-    if (!node->step.accepted || node->begun > before) continue;
-    if (chosen == NULL || node->step.since < chosen->step.since) chosen = node;
+    if (node->origin != NULL && (chosen == NULL || gives_way(node, chosen, before))) chosen = node;
   }
-  return chosen;
+  return uv->limits.keptMsec >= 0 && chosen != NULL && chosen->begun <= before ? chosen : NULL;
 }
 
 static void give_way(MqUvNode* node) {
-  if (node != NULL) close_node(node, EBUSY, "its place is needed");
+  if (node != NULL) close_node(node, ECONNABORTED, "its place is needed");
 }
 
 static void stop_accepting(MqUvNode* listener) {
@@ -322,8 +373,7 @@ static void stop_accepting(MqUvNode* listener) {
 }
 
 static void admit(MqUvNode* listener, MQNode* child) {
-  MqUv* const uv = listener->uv;
-  MqUvNode* const node = add(uv, child, listener->step.secure);
+  MqUvNode* const node = add(listener->uv, child, listener->step.secure);
   if (node == NULL) {
     const int code = child->error;
     DeleteMQNode(child);
@@ -333,8 +383,10 @@ static void admit(MqUvNode* listener, MQNode* child) {
   node->events = listener->events;
   node->data = listener->data;
   node->signer = listener->signer;
-  node->step.accepted = 1;
-  ++uv->accepted;
+  if (!join_origin(node)) {
+    close_node(node, ENOMEM, mq_error_name(ENOMEM));
+    return;
+  }
   if (node->events->on_accept != NULL) node->events->on_accept(listener, node);
   settle(node);
 }
@@ -427,7 +479,8 @@ static void look(MqUvNode* node) {
 static void on_timer(uv_timer_t* timer) {
   MqUv* const uv = (MqUv*)timer->data;
   const int64_t late = clock_of(uv) - uv->armed * WHEEL_TICK_MSEC;
-  if (late > AWAY_MSEC) {
+  uv->spared = late > AWAY_MSEC && !uv->spared; /* not twice: a loop that is always late still has time-outs */
+  if (uv->spared) {
     uv->away += late + CATCH_UP_MSEC;
     arm(uv, uv->armed);
     return;
@@ -452,8 +505,6 @@ static void on_idle(uv_idle_t* idle) {
     MqUvNode* const node = OWNER(MqUvNode, soon, soon.next);
     list_remove(&node->soon);
     tell_sent(node);
-    if (is_ending(node)) end_turn(node);
-    settle(node);
   }
   if (list_is_empty(&uv->soon)) uv_idle_stop(idle);
 }
@@ -478,6 +529,7 @@ MqUv* mq_uv_new(uv_loop_t* loop, const MqLoopLimits* limits) {
   list_init(&uv->nodes);
   list_init(&uv->listeners);
   list_init(&uv->soon);
+  for (int i = 0; i < ORIGIN_LISTS; ++i) list_init(&uv->origins[i]);
   uv_timer_init(loop, &uv->timer);
   uv_idle_init(loop, &uv->idle);
   uv->timer.data = uv->idle.data = uv;
@@ -510,7 +562,7 @@ int mq_uv_count(const MqUv* uv) { return uv->count; }
 /* Hands a node over as far as it can be undone. */
 static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
   if (uv->leaving) {
-    mqnode->error = ECANCELED;
+    mqnode->error = EINVAL;
     return NULL;
   }
   uv_update_time(uv->loop);
@@ -522,10 +574,6 @@ static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* ev
 }
 
 MqUvNode* mq_uv_start(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
-  if (mqnode->role == MQ_ROLE_LISTEN && !ListenSocket(&mqnode->sock, uv->limits.backlog)) {
-    SetMQNodeError(mqnode);
-    return NULL;
-  }
   MqUvNode* const node = take(uv, mqnode, secure, events, data);
   if (node != NULL) settle(node);
   return node;
@@ -553,13 +601,6 @@ static Completion* new_completion(MqUvWrittenFn fn, void* argument) {
   return completion;
 }
 
-/* Goes on with a node in the next turn of the loop. */
-static void go_on_soon(MqUvNode* node) {
-  if (node->soon.next != NULL) return;
-  list_append(&node->uv->soon, &node->soon);
-  uv_idle_start(&node->uv->idle, on_idle);
-}
-
 /* Appends the completion of the write that was taken last. */
 static void await_completion(MqUvNode* node, Completion* completion) {
   completion->number = node->step.taken;
@@ -569,7 +610,9 @@ static void await_completion(MqUvNode* node, Completion* completion) {
     node->last->next = completion;
   }
   node->last = completion;
-  if (completion->number <= node->written) go_on_soon(node);
+  if (completion->number > node->written || node->soon.next != NULL) return;
+  list_append(&node->uv->soon, &node->soon);
+  uv_idle_start(&node->uv->idle, on_idle);
 }
 
 int mq_uv_write_to(MqUvNode* node, PcfMessage* msg, SockAddrRec* to, MqUvWrittenFn fn, void* argument) {
@@ -620,7 +663,7 @@ void mq_uv_end(MqUvNode* node) {
     return;
   }
   begin_end(node, 0);
-  go_on_soon(node);
+  settle(node);
 }
 
 void mq_uv_stop(MqUvNode* node) { close_node(node, node->code, node->why); }

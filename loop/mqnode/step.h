@@ -15,22 +15,21 @@
  *   Marks       reading is held while more than highBytes are queued, until no more than lowBytes are
  *   Accepting   without a descriptor or memory mq_step_accept says MQ_STEP_FULL and the listening node waits for
  *               nothing, until mq_step_resume: after a moment, and when a connection was closed
- *   Ending      mq_step_begin_end, then mq_step_end: flush the queue, shut down the sending side, discard what arrives until the peer has
- *               closed, wait until its system has confirmed every byte. The engine bounds the time
+ *   Ending      mq_step_begin_end, then mq_step_end (mqnode/finish.h says what happens). The engine bounds the time
  *   Closing     stop waiting for the descriptor, then mq_step_close. A callback may do so in the middle of a turn:
  *               look at the phase after each callback, and release the node and the step only when no turn is left */
 #ifndef MQNODE_MQNODE_STEP_H
 #define MQNODE_MQNODE_STEP_H
 
 #include <errno.h>
-#include <linux/sockios.h>
+#include <poll.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "mqnode/errors.h"
+#include "mqnode/finish.h"
 #include "mqnode/limits.h"
 #include "mqnode/mqnode.h"
 
@@ -57,8 +56,7 @@ enum { MQ_STEP_READABLE = 1, MQ_STEP_WRITABLE = 2 };
 enum {
   MQ_STEP_OPEN,       /* reads and writes, or accepts */
   MQ_STEP_CONNECTING, /* a connect is in progress */
-  MQ_STEP_FLUSHING,   /* ending: writes are still queued */
-  MQ_STEP_DRAINING,   /* ending: the sending side is shut down */
+  MQ_STEP_ENDING,     /* mq_step_begin_end was called */
   MQ_STEP_CLOSED      /* the descriptor is closed */
 };
 
@@ -70,7 +68,6 @@ typedef struct MqStep {
   int error;          /* of the last outcome that was not DONE or WAIT */
   int paused;         /* 1: the engine or its application wants no messages */
   int held;           /* 1: too much is queued to read, or nothing is left to accept with */
-  int peerClosed;     /* 1: the peer sends no more */
   int accepted;       /* 1: a listening node accepted it */
   uint32_t left;      /* of this turn: messages or connections */
   uint32_t got;       /* in this turn */
@@ -82,6 +79,7 @@ typedef struct MqStep {
   int64_t since;      /* milliseconds: when progress was last seen */
   uint32_t done;      /* messages read and written then */
   int midway;         /* in a message or with queued writes then */
+  MqFinish finish;    /* of an end */
 } MqStep;
 
 static inline int mq_step_fail(MqStep* step, int code) {
@@ -136,9 +134,12 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
 }
 
-/* mq_step_listen - give a listening node a longer accept queue than its creator did. The system may allow less. */
+/* mq_step_listen - let a listening node accept within its limits: with an accept queue of backlog connections, which the
+ * system may shorten, and buffers of socketBytes. */
 static inline int mq_step_listen(MqStep* step, int backlog) {
   SockRec* const sock = &step->node->sock;
+  const uint32_t size = step->limits->socketBytes;
+  if (size > 0 && !mnSetBufferSize(step->node, size)) return mq_step_fail(step, sock->error);
   return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
 }
 
@@ -176,9 +177,9 @@ static inline int mq_step_wants(const MqStep* step) {
       return MQ_STEP_WRITABLE;
     case MQ_STEP_OPEN:
       return write | (step->held || step->paused ? 0 : MQ_STEP_READABLE);
-    case MQ_STEP_FLUSHING:
-    case MQ_STEP_DRAINING:
-      return write | (step->peerClosed || !mq_step_is_stream(step) ? 0 : MQ_STEP_READABLE);
+    case MQ_STEP_ENDING:
+      return ((step->finish.events & POLLIN) != 0 ? MQ_STEP_READABLE : 0) |
+             ((step->finish.events & POLLOUT) != 0 ? MQ_STEP_WRITABLE : 0);
     default:
       return 0;
   }
@@ -198,8 +199,10 @@ static inline void mq_step_resume(MqStep* step) { step->held = 0; }
 
 /* ---- Accept ---- */
 
-/* Internal: why nothing was accepted. */
+/* Internal: why nothing was accepted. The system asks for a descriptor before it looks for a connection: when none is
+ * left, it may be that none is wanted. */
 static inline int mq_step_accept_failed(MqStep* step) {
+  struct pollfd state = {step->node->sock.fd, POLLIN, 0};
   step->error = step->node->error;
   switch (step->error) {
     case MQ_AGAIN:
@@ -208,6 +211,7 @@ static inline int mq_step_accept_failed(MqStep* step) {
     case ENFILE:
     case ENOBUFS:
     case ENOMEM:
+      if (poll(&state, 1, 0) == 0) return MQ_STEP_WAIT;
       step->held = 1;
       return MQ_STEP_FULL;
     case EBADF:
@@ -269,7 +273,7 @@ static inline int mq_step_read_failed(MqStep* step) {
   }
   step->error = code;
   if (!mq_step_is_stream(step) && code != EBADF && code != ENOTSOCK) return MQ_STEP_LOST;
-  step->peerClosed = code == SOCK_PEER_CLOSED;
+  step->finish.closed = code == SOCK_PEER_CLOSED;
   return MQ_STEP_FAILED;
 }
 
@@ -380,51 +384,26 @@ static inline int64_t mq_step_deadline(const MqStep* step) {
 
 /* ---- End ---- */
 
-/* Internal: discard what has arrived, a bounded amount. MQ_STEP_DONE when the peer has closed. */
-static inline int mq_step_discard(MqStep* step) {
-  char unread[16384];
-  if (step->peerClosed) return MQ_STEP_DONE;
-  const ssize_t got = recv(step->node->sock.fd, unread, sizeof unread, MSG_DONTWAIT);
-  if (got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) return MQ_STEP_WAIT;
-  if (got < 0) return mq_step_fail(step, errno);
-  step->peerClosed = 1;
-  return MQ_STEP_DONE;
-}
-
-/* Internal: whether the peer's system has confirmed every byte, and that no more will come; also after a reset. */
-static inline int mq_step_confirmed(const MqStep* step) {
-  int bytes = 0;
-  return ioctl(step->node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes == 0;
-}
-
 /* mq_step_begin_end - let no read and no write follow; lingering is switched off, so that what the system has taken is
  * sent even if the node is closed before the end.
  *   step   in/out   neither connecting nor listening */
 static inline void mq_step_begin_end(MqStep* step) {
   SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
   if (mq_step_is_stream(step)) SetSocketOptions(&step->node->sock, &noLinger);
-  step->phase = MQ_STEP_FLUSHING;
+  step->phase = MQ_STEP_ENDING;
+  step->finish.events = POLLOUT; /* the first call is due at once */
 }
 
-/* mq_step_end - end a node in order: call it after mq_step_begin_end and when the node is ready. A datagram node is only
- * flushed.
+/* mq_step_end - go on with the end, when the node is ready. A datagram node is only flushed.
  * Result   MQ_STEP_DONE the peer's system has received all bytes, and the peer has closed: close the node.
  *          MQ_STEP_WAIT: when mq_step_wants is 0, call again after MQ_STEP_CONFIRM_MSEC.
  *          MQ_STEP_LOST a queued datagram was dropped: call again.
  *          MQ_STEP_FAILED: it is not known what the peer has received */
 static inline int mq_step_end(MqStep* step) {
   if (!mq_step_is_stream(step)) return mq_step_flush(step);
-  int outcome = mq_step_discard(step); /* while flushing too: two peers that end at once must not block each other */
-  if (step->phase == MQ_STEP_FLUSHING) {
-    if (outcome == MQ_STEP_FAILED) return outcome;
-    const int flushed = mq_step_flush(step);
-    if (flushed != MQ_STEP_DONE) return flushed;
-    if (shutdown(step->node->sock.fd, SHUT_WR) != 0) return mq_step_fail(step, errno);
-    step->phase = MQ_STEP_DRAINING;
-  }
-  if (outcome == MQ_STEP_FAILED && step->error == ECONNRESET && mq_step_confirmed(step)) return MQ_STEP_DONE;
-  if (outcome == MQ_STEP_DONE && !mq_step_confirmed(step)) outcome = MQ_STEP_WAIT;
-  return outcome;
+  const int result = mq_finish_step(step->node, &step->finish);
+  if (result < 0) return MQ_STEP_WAIT;
+  return result ? MQ_STEP_DONE : mq_step_fail(step, mq_node_cause(step->node, NULL));
 }
 
 /* mq_step_close - close the node. Its record stays until the engine deletes it. Nothing happens the second time. */

@@ -46,8 +46,8 @@ MQ_BEGIN_C
 typedef struct MqUv MqUv;         /* the nodes of one loop */
 typedef struct MqUvNode MqUvNode; /* a node in a loop */
 
-/* The end of a write: code 0 when the system has taken all of it, else why it was dropped: ECANCELED when the node was
- * stopped. Called once for each write that was accepted, in their order. */
+/* The end of a write: code 0 when the system has taken all of it, else why it was dropped: ECONNABORTED when the
+ * node was stopped. Called once for each write that was accepted, in their order. */
 typedef void (*MqUvWrittenFn)(MqUvNode* node, int code, void* argument);
 
 /* What an application is told. All may be null. The record must live as long as its nodes. */
@@ -69,7 +69,7 @@ typedef struct MqUvEvents {
   void (*on_lost)(MqUvNode* node, int code);
   /* The node is closed.
    *   code   0 after mq_uv_stop and a successful mq_uv_end; 9004 the peer has closed between two messages, and got what
-   *          was queued; ETIMEDOUT; EMSGSIZE a message was too long; EBUSY its place was needed; ECONNREFUSED and other
+   *          was queued; ETIMEDOUT; EMSGSIZE a message was too long; ECONNABORTED its place was needed; ECONNREFUSED and other
    *          codes of a connect; other codes of mnRead, mnSRead and mnFinishWrite
    *   why    text for a log; null when nobody has done anything wrong */
   void (*on_end)(MqUvNode* node, int code, const char* why);

@@ -84,11 +84,10 @@ std::string ToMarkdownRow(const MqErrorInfo& entry) {
 
 constexpr char kMarkdownHead[] =
     "# Error codes\n\n"
-    "Made from `mqnode/errors.h` by `mqcat explain --all --format markdown`; do not edit.\n\n"
-    "A code is read in `node->error`, in `sock.error` (a socket record's, or `node->sock.error`), or in the status "
-    "word\n"
-    "of a wait. Two codes mean different things in two places: 11 and 105. `mqcat explain CODE` prints one entry;\n"
-    "programs call `mq_error_name`, `mq_error_meaning` and `mq_error_remedy`.\n\n"
+    "Generated from `mqnode/errors.h` by `mqcat explain --all --format markdown`. Do not edit.\n\n"
+    "A code is found in `node->error`, in the `error` of a socket record such as `node->sock`, or in the status word\n"
+    "of a wait. The codes 11 and 105 have different meanings in different places. `mqcat explain CODE` describes one\n"
+    "code; applications call `mq_error_name`, `mq_error_meaning` and `mq_error_remedy`.\n\n"
     "| code | name | meaning | seen in | from | what to do |\n"
     "|---:|---|---|---|---|---|\n";
 
