@@ -9,7 +9,7 @@ endif()
 set(reference ${PROJECT_BINARY_DIR}/reference)
 file(GLOB reference_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/reference/*.sh
   ${PROJECT_SOURCE_DIR}/docs/reference/man.awk ${PROJECT_SOURCE_DIR}/companion/host.h)
-foreach(folder mqnode cpp/mqnode socksin sockutil queue runtime)
+foreach(folder mqnode cpp/mqnode loop/mqnode socksin sockutil queue runtime)
   file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h)
   list(APPEND reference_sources ${headers})
 endforeach()
