@@ -10,7 +10,9 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include "mqnode/mqnode.h"
+#include "mqnode/deliver.h"
+#include "mqnode/node.h"
+#include "socksin/options.h"
 
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
