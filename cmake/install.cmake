@@ -1,6 +1,6 @@
-# What is installed, in components: library, companion, development, tools (mqcat says in tools/ what is its own).
-# Headers go to include/mqnode-1, pkg-config files (mqnode, mqnode-companion) and the CMake package (mqnode) beside the
-# libraries. Both find their files from where they lie: an installed tree may be moved.
+# What is installed, in components: library, companion, development, documentation, tools (in tools/CMakeLists.txt).
+# Headers are installed in include/mqnode-1, the files for pkg-config (mqnode, mqnode-companion, mqnode-host) and the
+# CMake package (mqnode) beside the libraries. Their paths are relative: an installed tree may be moved.
 include(CMakePackageConfigHelpers)
 
 # On Debian libraries lie in a folder of their architecture, here under every prefix, so that packages can be made from
@@ -50,3 +50,23 @@ foreach(name mqnode mqnode-companion mqnode-host)
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT development)
 endforeach()
+
+# The dissector, where Wireshark and tshark look for plugins.
+if(MQNODE_BUILD_TOOLS)
+  install(FILES tools/wireshark/mqnode.lua DESTINATION ${MQNODE_LIBDIR}/wireshark/plugins COMPONENT tools)
+endif()
+
+# Documents and examples, in one folder so that the links between them work. The pages for a browser are made when their
+# component is installed, as the packages do it: cmake --install build/release --component documentation
+if(PROJECT_IS_TOP_LEVEL)
+  install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+  install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation PATTERN reference EXCLUDE)
+  install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+    PATTERN examples/CMakeLists.txt EXCLUDE)
+  if(DOXYGEN)
+    install(CODE "execute_process(COMMAND_ERROR_IS_FATAL ANY OUTPUT_QUIET COMMAND
+      ${PROJECT_SOURCE_DIR}/docs/reference/make.sh html ${reference} ${PROJECT_VERSION})"
+      COMPONENT documentation EXCLUDE_FROM_ALL)
+    install(DIRECTORY ${reference}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation EXCLUDE_FROM_ALL)
+  endif()
+endif()

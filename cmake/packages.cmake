@@ -1,4 +1,5 @@
-# Debian packages, one a component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools. From a build folder:
+# Debian packages, one for each component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-doc, and mqnode-tools if
+# mqcat is built. From a build folder:
 #   cpack -G DEB
 # tests/install_test.sh does that and has lintian look at the result. There is no address for mail yet: to publish
 # packages, set MQNODE_MAINTAINER.
@@ -18,7 +19,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL library companion development tools)
+set(CPACK_COMPONENTS_ALL library companion development documentation)
+if(MQNODE_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${MQNODE_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${MQNODE_MAINTAINER})
@@ -92,15 +96,29 @@ mqnode lets a process create message nodes, endpoints that exchange framed
 command messages with peers over TCP or UDP, plain or in a signed envelope,
 and wait on many of them at once.
 .
-This package has the headers for C and C++, the files for pkg-config (mqnode,
-mqnode-companion) and the CMake package (mqnode).]])
+This package has the headers for C and C++, their manual pages, the files for
+pkg-config (mqnode-host, mqnode, mqnode-companion) and the CMake package
+(mqnode).]])
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libmqnode1 (= ${MQNODE_PACKAGE_VERSION}), libmqcompanion1 (= ${MQNODE_PACKAGE_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "mqnode-doc")
+
+mqnode_package(documentation mqnode-doc doc "message nodes over TCP and UDP, documentation" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope,
+and wait on many of them at once.
+.
+This package has the guide, the examples in C and C++, the wire format, and
+the reference of the library as pages for a browser.]])
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 
 mqnode_package(tools mqnode-tools net "send, receive and take apart mqnode messages" [[
 mqcat speaks the protocol of mqnode nodes on the command line: it listens,
 sends, measures round trips, takes captured bytes apart field by field, keeps
-key files, and explains error codes.]])
+key files, and explains error codes.
+.
+A dissector for Wireshark and tshark comes with it.]])
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
 
