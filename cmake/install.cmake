@@ -1,4 +1,4 @@
-# Installation, in the components library, companion, development and tools (see also tools/), and uv and
+# Installation, in the components library, companion, development, documentation and tools (see also tools/), and uv and
 # uv_development if libuv was found.
 # Headers go to include/mqnode-1; pkg-config files and the CMake package go to folders below that of the libraries. Both
 # refer to other files relative to their own location: an installed tree may be moved.
@@ -68,3 +68,23 @@ foreach(name mqnode mqnode-companion mqnode-host mqnode-uv)
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT ${pc_component})
 endforeach()
+
+# The dissector, where Wireshark and tshark look for plugins.
+if(MQNODE_BUILD_TOOLS)
+  install(FILES tools/wireshark/mqnode.lua DESTINATION ${MQNODE_LIBDIR}/wireshark/plugins COMPONENT tools)
+endif()
+
+# Documents and examples, in one folder so that the links between them work. The pages for a browser are made when their
+# component is installed, as the packages do it: cmake --install build/release --component documentation
+if(PROJECT_IS_TOP_LEVEL)
+  install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+  install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation PATTERN reference EXCLUDE)
+  install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+    PATTERN examples/CMakeLists.txt EXCLUDE)
+  if(DOXYGEN)
+    install(CODE "execute_process(COMMAND_ERROR_IS_FATAL ANY OUTPUT_QUIET COMMAND
+      ${PROJECT_SOURCE_DIR}/docs/reference/make.sh html ${reference} ${PROJECT_VERSION})"
+      COMPONENT documentation EXCLUDE_FROM_ALL)
+    install(DIRECTORY ${reference}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation EXCLUDE_FROM_ALL)
+  endif()
+endif()

@@ -21,6 +21,7 @@ Package: libmqcompanion1 Depends: libc6, libsodium
 Package: libmqnode-dev Depends: libmqnode1, libmqcompanion1
   lib/libmqcompanion.so
   lib/libmqnode.so
+  share/man/man7/mqnode.7.gz
 Package: libmqnode-uv-dev Depends: libmqnode-uv1, libmqnode-dev, libuv1-dev
   lib/libmqnode-uv.so
 Package: libmqnode-uv1 Depends: libmqnode1, libmqcompanion1, libc6, libuv1
@@ -29,8 +30,10 @@ Package: libmqnode-uv1 Depends: libmqnode1, libmqcompanion1, libc6, libuv1
 Package: libmqnode1 Depends: libc6
   lib/libmqnode.so.1.x
   lib/libmqnode.so.1
+Package: mqnode-doc
 Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libpcap0.8, libsodium, libstdc++6
   bin/mqcat
+  lib/wireshark/plugins/mqnode.lua
   share/bash-completion/completions/mqcat
   share/fish/vendor_completions.d/mqcat.fish
   share/man/man1/mqcat.1.gz
@@ -40,6 +43,7 @@ CONTENTS
 prefix=$work/root/usr
 lib=$prefix/lib/x86_64-linux-gnu
 export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
+for document in html/index.html docs/guide.md examples/hello.c; do quietly test -f "$prefix/share/doc/mqnode/$document"; done
 same 'installed headers' \
   "$(cd "$tree" && git ls-files '*.h' '*.hpp' | grep -E '^(mqnode|queue|runtime|socksin|sockutil|companion|cpp|loop/mqnode)/' |
     sed -E 's,^(cpp|loop)/,,' | sort)" \
@@ -91,7 +95,8 @@ quietly ./find_package/uv
 # The same project with the tree inside it.
 sed "s,^find_package.*,add_subdirectory($tree mqnode)," CMakeLists.txt >inside
 mkdir -p add_subdirectory/source && mv inside add_subdirectory/source/CMakeLists.txt && cp ./*.c* add_subdirectory/source
-quietly cmake -S add_subdirectory/source -B add_subdirectory -G Ninja -DCMAKE_DISABLE_FIND_PACKAGE_fmt=ON
+quietly cmake -S add_subdirectory/source -B add_subdirectory -G Ninja \
+  -DCMAKE_DISABLE_FIND_PACKAGE_{CLI11,fmt,nlohmann_json}=ON
 quietly ninja -C add_subdirectory -t query bare
 for program in {pkg-config,find_package}/{cpp,bare}; do
   quietly "./$program"

@@ -48,9 +48,21 @@
 #include <sys/socket.h>
 
 #include "companion/host.h"
+#include "mqnode/compose.h"
+#include "mqnode/deliver.h"
 #include "mqnode/errors.h"
 #include "mqnode/finish.h"
-#include "mqnode/mqnode.h"
+#include "mqnode/node.h"
+#include "mqnode/open.h"
+#include "mqnode/read.h"
+#include "mqnode/secure_read.h"
+#include "mqnode/wait.h"
+#include "queue/record.h"
+#include "runtime/buffer.h"
+#include "runtime/message.h"
+#include "socksin/connect.h"
+#include "socksin/options.h"
+#include "socksin/record.h"
 
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
@@ -432,11 +444,10 @@ static inline void mq_server_accept(MqServer* server, int index) {
 /* Internal: bytes of answers that wait behind the oldest one, which may be of any size. */
 static inline uint64_t mq_server_waiting(const MQNode* node) {
   uint64_t bytes = 0;
-  const IoBuffer* write;
-  if (node->pending == NULL) return 0;
-  Qstart(node->pending);
-  Qnext(node->pending);
-  while ((write = (const IoBuffer*)Qnext(node->pending)) != NULL) bytes += write->length;
+  if (node->pending == NULL || node->pending->head == NULL) return 0;
+  for (const struct MQQueueEntry* entry = node->pending->head->next; entry != NULL; entry = entry->next) {
+    bytes += ((const IoBuffer*)entry->item)->length;
+  }
   return bytes;
 }
 
