@@ -489,8 +489,11 @@ class NodeRef {
   Result set_linger(int seconds) const noexcept {
     return set_option({SOCK_OPT_LINGER, seconds < 0 ? 0 : seconds, seconds >= 0});
   }
-  // ListenSocket, of a listening node: how many connections may wait to be accepted.
-  Result set_backlog(int connections) const noexcept { return of_socket(ListenSocket(&pointer_->sock, connections)); }
+  // Of a listening node: how many connections may wait to be accepted. The system may allow fewer.
+  Result set_backlog(int connections) const noexcept {
+    const bool done = listen(descriptor(), connections) == 0;
+    return {done ? 1 : 0, done ? MQ_OK : errno, MQ_IN_SOCKET};
+  }
   // Most writes that may be outstanding; 0 or less: no limit.
   void set_write_limit(std::int32_t writes) const noexcept { pointer_->writeLimit = writes; }
   // mnSetTraceCallBack; null for none.
