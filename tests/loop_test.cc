@@ -356,7 +356,7 @@ TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
   }
 }
 
-// Who is dropped after which time, and who is not.
+// The node that breaks each rule on time is closed after that time; an active node is not.
 TEST_F(LoopTest, TimeOuts) {
   MqLoopLimits limits = mq_loop_limits();
   limits.firstMsec = 100, limits.midwayMsec = 200, limits.idleMsec = 400, limits.connectMsec = 100;
