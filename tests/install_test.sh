@@ -32,7 +32,9 @@ Package: libmqnode1 Depends: libc6
 Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libpcap0.8, libsodium, libstdc++6
   bin/mqcat
   share/bash-completion/completions/mqcat
+  share/fish/vendor_completions.d/mqcat.fish
   share/man/man1/mqcat.1.gz
+  share/zsh/vendor-completions/_mqcat
 CONTENTS
 
 prefix=$work/root/usr
