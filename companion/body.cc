@@ -159,6 +159,7 @@ using namespace mqc;
 
 int AlienPcfToNative(PcfMessage* msg) {
   Content& content = ContentOf(msg);
+  msg->library0 = content.ready == kOpened ? kWasSealed : 0;
   DropContent(content);
   return IsConverted(msg->raw) ? 1 : ConvertOther(msg->raw, ErrorOf(content));
 }

@@ -154,6 +154,10 @@ MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
  * refused with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
+/* mqc_sealed - 1 if the message that was read last was sealed and has been opened; 0 otherwise, also after a read that
+ * was refused and for a message that is being built. */
+MQ_RUNTIME int mqc_sealed(const PcfMessage* msg);
+
 /* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.
  * The text belongs to the record and holds until the next call on it. */
 MQ_RUNTIME const char* mqc_message_error(const PcfMessage* msg);
@@ -234,6 +238,15 @@ MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[
  * A key that has an end signs nothing after it: mqc_sign_error says so.
  * Result   the signer, for mqc_signer_free; null with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
+
+/* mqc_signer_sealing - a security context that signs as another one does, and seals what it signs: only the key of this
+ * user opens the message. Length, sender and recipient remain visible.
+ *   signer  in  whose key signs; copied, and not needed afterwards
+ *   user    in  a user of the ring. Each message is sealed for the key that the ring has for the user at that time;
+ *               without one, or with one that is revoked or past its end, it is not signed (mqc_sign_error)
+ * A sealed message is 64 bytes longer than a signed one.
+ * Result   the signer, for mqc_signer_free; null with an error text: no such user, no key to seal for, no memory */
+MQ_RUNTIME MqcSigner* mqc_signer_sealing(const MqcSigner* signer, const char* user, char* error, size_t size);
 
 /* mqc_signer_user - user of a signer. The text belongs to the signer. */
 MQ_RUNTIME const char* mqc_signer_user(const MqcSigner* signer);
@@ -319,6 +332,24 @@ MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
  * The function returns milliseconds since 1970-01-01 UTC and is called on the thread that signs or authenticates. */
 typedef int64_t (*MqcClock)(void);
 MQ_RUNTIME void mqc_set_clock(MqcClock clock);
+
+/* mqc_set_opener - open messages that are sealed for this signer's user, with its key, in the whole process.
+ *   signer  in  copied, and not needed afterwards; null: nothing is opened
+ * The key that was set before is wiped before the call returns; a read in another thread that is using it finishes with
+ * a copy, and wipes that. After the last day of the key nothing is opened.
+ * Result   1; 0 without memory, nothing changes then */
+MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
+
+/* mqc_set_sealing - which signed messages are accepted in the whole process: sealed ones, others or both.
+ *   setting  in  an MqcSealing; MQC_SEAL_MAY at first
+ * Other messages are refused with node error -1001. Reads of plain messages are not affected.
+ * Result   1; 0 for another value, nothing changes then */
+typedef enum MqcSealing {
+  MQC_SEAL_MAY = 0,  /* both */
+  MQC_SEAL_MUST = 1, /* only messages that are sealed for the user of mqc_set_opener */
+  MQC_SEAL_NEVER = 2 /* only messages that are not sealed */
+} MqcSealing;
+MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
 /* mqc_sign_error - why the last mqc_sign that failed on this thread did; empty when none has. After a write that
  * ended with node error -1000. */

@@ -12,6 +12,7 @@ namespace mqc {
 // In the order in which they are taken: while a thread holds one, it takes only later ones.
 enum LockIndex : uint32_t {
   kLockOnce,    // what is set up at its first use
+  kLockOpener,  // the key that opens sealed messages
   kLockRing,    // users and their keys
   kLockReplay,  // accepted messages
   kLockTags,    // names of tags
