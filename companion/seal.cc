@@ -155,16 +155,12 @@ bool Open(uint8_t* message, uint32_t length, Bound bound, int64_t now, ErrorText
   Wiped<Derivation> derivation;
   const uint8_t* const seal = message + length;
   const Additional additional = AdditionalOf(bound, seal);
-  bool opened = FindOpener(seal, now, &own, error);  // it may have been replaced meanwhile
-  if (opened) {
-    opened = Derive(&derivation, own.secret, seal + kAtEphemeral, seal + kAtEphemeral, own.x25519) &&
-             crypto_aead_xchacha20poly1305_ietf_decrypt_detached(message, nullptr, message, length, seal + kAtTag,
-                                                                 additional.bytes, sizeof(additional), bound.nonce,
-                                                                 derivation.key) == 0;
-    if (!opened) Fail(error, "the seal is broken, or was made for another key of user %s", own.user);
-  }
-  if (!opened) sodium_memzero(message, length);
-  return opened;
+  if (!FindOpener(seal, now, &own, error)) return false;  // it may have been replaced since CheckSeal
+  const bool opened = Derive(&derivation, own.secret, seal + kAtEphemeral, seal + kAtEphemeral, own.x25519) &&
+                      crypto_aead_xchacha20poly1305_ietf_decrypt_detached(
+                          message, nullptr, message, length, seal + kAtTag, additional.bytes, sizeof(additional),
+                          bound.nonce, derivation.key) == 0;
+  return opened || Fail(error, "the seal is broken, or was made for another key of user %s", own.user);
 }
 
 }  // namespace mqc

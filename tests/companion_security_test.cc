@@ -269,7 +269,8 @@ TEST_F(SecurityTest, EveryBitOfASealedMessageIsBound) {
 TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
   const Signer seals = alice_signer_.sealing("bob"), other = Signer::create("bob", alice_.secret);
   const auto now = static_cast<uint64_t>(clock_now);
-  const Bytes plain = SampleFrom({true, true}), part = sender::Sealed(plain, "alice", "bob", bob_.open, now, "");
+  const Bytes plain = SampleFrom({true, true}), part = sender::Sealed(plain, "alice", "bob", bob_.open, now, ""),
+              weak = sender::Sealed(plain, "alice", "bob", bob_.open, now, "", true);
   const auto sealed = [&](size_t at, const Bytes& field) {
     return Sealed(plain, [&](Bytes& changed) { changed.replace(plain.size() + at, field.size(), field); });
   };
@@ -280,7 +281,7 @@ TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
       {MQC_SEAL_MAY, &other, Sealed(plain), "the seal is broken, or was made for another key of user bob"},
       {MQC_SEAL_MAY, &bob_signer_, sealed(4, "x"), "cannot be one"},
       {MQC_SEAL_MAY, &bob_signer_, sealed(15, "\1"), "the reserved bytes of the seal are not zero"},
-      {MQC_SEAL_MAY, &bob_signer_, sealed(16, Bytes(32, '\0')), "the seal is broken"},
+      {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, weak, "alice", alice_.secret, now, "", 2), "the seal is broken"},
       // Signed by another user, or announced as a message that is not sealed.
       {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, part, "bob", bob_.secret, now, "", 2), "the seal is broken"},
       {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, part, "alice", alice_.secret, now, ""), "the first word"},
@@ -338,6 +339,7 @@ TEST_F(SecurityTest, SealsLeaveNothingBehind) {
   const Bytes wire = Sign("alice", seals.get());
   EXPECT_EQ(Refusal(wire), "");
   const Bytes all = *std::exchange(wiped, std::nullopt), once = wire.substr(32 + 136 + kSampleBody + 16, 32);
+  EXPECT_EQ(Sign("alice", seals.get()).find(once), Bytes::npos);
   uint8_t expanded[64], open[32], secret[32], shared[32];
   crypto_sign_seed_keypair(open, expanded, bob_.secret);
   crypto_sign_ed25519_sk_to_curve25519(secret, expanded);

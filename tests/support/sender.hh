@@ -5,6 +5,7 @@
 #include <iconv.h>
 #include <sodium.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -105,9 +106,9 @@ inline Bytes Signed(Form form, const Bytes& part, const std::string& user, const
 }
 
 // A message of this user, encrypted for a recipient with this public key, and its seal; to be signed as version 2 with
-// the same time and nonce.
+// the same time and nonce. weak: the key made for the message is zero, and so is what it has in common with any key.
 inline Bytes Sealed(const Bytes& plain, const std::string& user, const std::string& recipient, const uint8_t* open,
-                    uint64_t milliseconds, Bytes nonce) {
+                    uint64_t milliseconds, Bytes nonce, bool weak = false) {
   nonce.resize(16);
   uint8_t secret[32], mine[32], theirs[32], shared[32], key[32];
   randombytes_buf(secret, sizeof secret);
@@ -115,6 +116,7 @@ inline Bytes Sealed(const Bytes& plain, const std::string& user, const std::stri
   const bool right =
       crypto_sign_ed25519_pk_to_curve25519(theirs, open) == 0 && crypto_scalarmult(shared, secret, theirs) == 0;
   Check(right, "seal");
+  if (weak) std::fill_n(mine, 32, 0), std::fill_n(shared, 32, 0);
   const auto text = [](const uint8_t* bytes) { return Bytes(reinterpret_cast<const char*>(bytes), 32); };
   const auto data = [](const Bytes& bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); };
   const Bytes mixed = "MQSEAL02" + text(shared) + text(mine) + text(theirs);
