@@ -26,8 +26,8 @@ MQ_BEGIN_C
  *
  * Every allocation of the companion is counted under a tag: blocks of fNewMemory under the tag they were asked with,
  * data areas of IoBuffers under "buffer", raw areas of PcfMessages under "message", records of mqc_message_new under
- * "PcfMessage", signers under "signer", the ring of users under "ring", the memory of seen messages under "replay", key
- * files while they are read under "file". */
+ * "PcfMessage", signers and the key of mqc_set_opener under "signer", the ring of users under "ring", the memory of seen
+ * messages under "replay", key files while they are read under "file". */
 
 typedef struct MqcMemory {
   uint64_t live_blocks;  /* allocated and not yet released */

@@ -37,6 +37,7 @@ struct Form {
   char mark[kAtTime + 1];
   uint32_t seal;  // bytes between the message and the trailer
 
+  bool IsSealed() const { return seal != 0; }
   uint32_t Behind() const { return seal + kTrailer; }
 };
 constexpr Form kPlain = {1, "MQSIGN01", 0};
@@ -133,9 +134,8 @@ bool CheckArrived(const SecureHeader& envelope, const Form& form, const IoBuffer
   }
   if (part.length <= kHeader + form.Behind()) return Fail(error, "%u bytes have no room for a signature", part.length);
   *plain = part.length - form.Behind();
-  const bool is_sealed = form.seal != 0;
-  if (!CheckSeal(is_sealed ? part.data + *plain : nullptr, Now(), error)) return false;
-  if (!is_sealed && !CheckHeader(envelope, part.data, *plain, error)) return false;
+  if (!CheckSeal(form.IsSealed() ? part.data + *plain : nullptr, Now(), error)) return false;
+  if (!form.IsSealed() && !CheckHeader(envelope, part.data, *plain, error)) return false;
   return memcmp(part.data + *plain + form.seal, form.mark, kAtTime) == 0 ||
          Fail(error, "no signature follows the message");
 }
@@ -191,7 +191,7 @@ bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
   return true;
 }
 
-// Decrypts a sealed message in the record. Nothing of it remains there when it is refused.
+// Decrypts a sealed message in the record. Nothing of it is left there when it is refused.
 bool OpenSealed(const SecureHeader& envelope, const Words& words, uint8_t* message, uint32_t length, ErrorText error) {
   const uint8_t* const trailer = message + length + kSeal;
   if (!Open(message, length, {words.bytes, trailer + kAtTime}, Now(), error)) return false;
@@ -200,16 +200,19 @@ bool OpenSealed(const SecureHeader& envelope, const Words& words, uint8_t* messa
   return false;
 }
 
-// Everything that is asked of a signed message, in the order in which it may be believed.
-bool IsAuthentic(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, const Form** form,
-                 uint32_t* plain) {
+// Everything that is asked of a signed message, in the order in which it may be believed. Returns its form, and in
+// *plain the length of the message; null if it is refused.
+const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, uint32_t* plain) {
   const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
-  if (!HoldsPart(raw, part, error) || (*form = FormOf(envelope, error)) == nullptr) return false;
-  if (!CheckArrived(envelope, **form, part, plain, error)) return false;
-  const uint8_t* const trailer = part.data + *plain + (*form)->seal;
+  if (!HoldsPart(raw, part, error)) return nullptr;
+  const Form* const form = FormOf(envelope, error);
+  if (form == nullptr || !CheckArrived(envelope, *form, part, plain, error)) return nullptr;
   const Words words = WordsOf(envelope);
-  return CheckSignature(envelope, words, part.data, trailer, error) && CheckFresh(envelope, trailer, error) &&
-         (*form != &kSealed || OpenSealed(envelope, words, raw.data, *plain, error));
+  const uint8_t* const trailer = part.data + *plain + form->seal;
+  if (!CheckSignature(envelope, words, part.data, trailer, error) || !CheckFresh(envelope, trailer, error)) {
+    return nullptr;
+  }
+  return !form->IsSealed() || OpenSealed(envelope, words, raw.data, *plain, error) ? form : nullptr;
 }
 
 // The trailer but for its signature.
@@ -223,7 +226,7 @@ void BeginTrailer(const Form& form, uint8_t* trailer) {
 bool Sign(const MqcSigner& signer, const Form& form, const PcfMessage& msg, IoBuffer* out, ErrorText error) {
   const PcfRawData& raw = msg.raw;
   uint8_t x25519[MQC_KEY_BYTES];
-  if (form.seal != 0 && !FindRecipient(signer, Now(), x25519, error)) return false;
+  if (form.IsSealed() && !FindRecipient(signer, Now(), x25519, error)) return false;
   CreateBuffer(out, kEnvelope + raw.length + form.Behind());
   if (out->data == nullptr) return Fail(error, "no memory to sign a message of %u bytes", raw.length);
   SecureHeader envelope = msg.secHeader;
@@ -234,7 +237,7 @@ bool Sign(const MqcSigner& signer, const Form& form, const PcfMessage& msg, IoBu
   uint8_t* const trailer = part + raw.length + form.seal;
   memcpy(out->data, &envelope, kEnvelope);
   BeginTrailer(form, trailer);
-  if (form.seal == 0) {
+  if (!form.IsSealed()) {
     memcpy(part, raw.data, raw.length);
   } else if (!Seal(signer, x25519, {words.bytes, trailer + kAtTime}, raw.data, raw.length, part, error)) {
     return false;
@@ -268,16 +271,16 @@ int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out) {
 }
 
 int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* msg) {
-  const Form* form = nullptr;
   uint32_t plain = 0;
   Content& content = ContentOf(msg);
   DropContent(content);
   msg->library0 = 0;
-  if (!IsAuthentic(*envelope, *signedPart, msg->raw, &form, &plain)) {
+  const Form* const form = Accept(*envelope, *signedPart, msg->raw, &plain);
+  if (form == nullptr) {
     content.ready = kRefused;
     return 0;
   }
-  if (form == &kSealed) {
+  if (form->IsSealed()) {
     content.ready = kOpened;
     msg->library0 = kWasSealed;
   }
