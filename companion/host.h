@@ -239,8 +239,8 @@ MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[
  * Result   the signer, for mqc_signer_free; null with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
 
-/* mqc_signer_sealing - a security context that signs as another one does, and seals what it signs: only the key of this
- * user opens the message. Length, sender and recipient remain visible.
+/* mqc_signer_sealing - a security context that also seals what it signs: only this user's key opens it.
+ * Nobody else can read header and body. Length, sender and recipient remain visible.
  *   signer  in  whose key signs; copied, and not needed afterwards
  *   user    in  a user of the ring. Each message is sealed for the key that the ring has for the user at that time;
  *               without one, or with one that is revoked or past its end, it is not signed (mqc_sign_error)
@@ -340,15 +340,12 @@ MQ_RUNTIME void mqc_set_clock(MqcClock clock);
  * Result   1; 0 without memory, nothing changes then */
 MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
 
-/* mqc_set_sealing - which signed messages are accepted in the whole process: sealed ones, others or both.
- *   setting  in  an MqcSealing; MQC_SEAL_MAY at first
+/* mqc_set_sealing - which signed messages are accepted in the whole process.
+ *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for the
+ *                user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
  * Other messages are refused with node error -1001. Reads of plain messages are not affected.
  * Result   1; 0 for another value, nothing changes then */
-typedef enum MqcSealing {
-  MQC_SEAL_MAY = 0,  /* both */
-  MQC_SEAL_MUST = 1, /* only messages that are sealed for the user of mqc_set_opener */
-  MQC_SEAL_NEVER = 2 /* only messages that are not sealed */
-} MqcSealing;
+typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;
 MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
 /* mqc_sign_error - why the last mqc_sign that failed on this thread did; empty when none has. After a write that
