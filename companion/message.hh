@@ -99,7 +99,7 @@ struct Entry {
   uint32_t length;
 };
 
-// The parsed content of a record. Valid while ready is kReady; error always is.
+// The parsed content of a record. Valid while ready is kReady, else not to be read; error always is.
 struct Content {
   uint32_t ready;
   uint32_t command;
@@ -126,8 +126,6 @@ inline ErrorText ErrorOf(Content& content) { return {content.error, sizeof(conte
 
 inline void DropContent(Content& content) {
   content.ready = 0;
-  content.command = 0;
-  content.count = 0;
   content.error[0] = '\0';
 }
 

@@ -181,6 +181,7 @@ int mqc_begin(PcfMessage* msg, uint32_t command) {
   Store(h + kHeader + 4, 0);
   msg->raw.length = kHeader + kBodyHead;
   content.command = command;
+  content.count = 0;
   content.ready = kReady;
   return 1;
 }
