@@ -41,11 +41,17 @@ std::atomic<uint32_t> sealing = MQC_SEAL_MAY;
 
 // A T that is wiped at its end.
 template <typename T>
-struct Wiped : T {
-  Wiped() : T{} {}
-  ~Wiped() { sodium_memzero(this, sizeof(*this)); }
+class Wiped {
+ public:
+  Wiped() = default;
+  ~Wiped() { sodium_memzero(&value_, sizeof(value_)); }
   Wiped(const Wiped&) = delete;
   Wiped& operator=(const Wiped&) = delete;
+  T* operator->() { return &value_; }
+  T& operator*() { return value_; }
+
+ private:
+  T value_ = {};
 };
 
 struct Derivation {
@@ -84,11 +90,10 @@ Additional AdditionalOf(Bound bound, const uint8_t* seal) {
   return additional;
 }
 
-// The ring takes no key for which this fails.
 bool ConvertKey(const char* user, const uint8_t ed25519[MQC_KEY_BYTES], uint8_t x25519[MQC_KEY_BYTES],
                 ErrorText error) {
-  if (crypto_sign_ed25519_pk_to_curve25519(x25519, ed25519) == 0) return true;  // GCOVR_EXCL_BR_LINE
-  return Fail(error, kNoSealing, user);                                         // GCOVR_EXCL_LINE
+  const bool converted = crypto_sign_ed25519_pk_to_curve25519(x25519, ed25519) == 0;
+  return converted || Fail(error, kNoSealing, user);  // GCOVR_EXCL_BR_LINE: the ring takes no such key
 }
 
 // Copies the opener to *copy, unless copy is null. False with the reason when there is none for the seal's user.
@@ -127,14 +132,13 @@ bool Seal(const MqcSigner& signer, const uint8_t x25519[MQC_KEY_BYTES], Bound bo
   uint8_t* const seal = out + length;
   memset(seal, 0, kAtEphemeral);
   memcpy(seal, signer.recipient, strlen(signer.recipient));
-  randombytes_buf(ephemeral.secret, MQC_KEY_BYTES);
-  crypto_scalarmult_base(seal + kAtEphemeral, ephemeral.secret);
-  if (!Derive(&derivation, ephemeral.secret, x25519, seal + kAtEphemeral, x25519)) {
-    return Fail(error, kNoSealing, signer.recipient);  // GCOVR_EXCL_LINE: no key of the ring does this
-  }
+  randombytes_buf(ephemeral->secret, MQC_KEY_BYTES);
+  crypto_scalarmult_base(seal + kAtEphemeral, ephemeral->secret);
+  const bool derived = Derive(&*derivation, ephemeral->secret, x25519, seal + kAtEphemeral, x25519);
+  if (!derived) return Fail(error, kNoSealing, signer.recipient);  // GCOVR_EXCL_BR_LINE: the ring takes no such key
   const Additional additional = AdditionalOf(bound, seal);
   crypto_aead_xchacha20poly1305_ietf_encrypt_detached(out, seal + kAtTag, nullptr, plain, length, additional.bytes,
-                                                      sizeof(additional), nullptr, bound.nonce, derivation.key);
+                                                      sizeof(additional), nullptr, bound.nonce, derivation->key);
   return true;
 }
 
@@ -155,12 +159,12 @@ bool Open(uint8_t* message, uint32_t length, Bound bound, int64_t now, ErrorText
   Wiped<Derivation> derivation;
   const uint8_t* const seal = message + length;
   const Additional additional = AdditionalOf(bound, seal);
-  if (!FindOpener(seal, now, &own, error)) return false;  // it may have been replaced since CheckSeal
-  const bool opened = Derive(&derivation, own.secret, seal + kAtEphemeral, seal + kAtEphemeral, own.x25519) &&
+  if (!FindOpener(seal, now, &*own, error)) return false;  // it may have been replaced since CheckSeal
+  const bool opened = Derive(&*derivation, own->secret, seal + kAtEphemeral, seal + kAtEphemeral, own->x25519) &&
                       crypto_aead_xchacha20poly1305_ietf_decrypt_detached(
                           message, nullptr, message, length, seal + kAtTag, additional.bytes, sizeof(additional),
-                          bound.nonce, derivation.key) == 0;
-  return opened || Fail(error, "the seal is broken, or was made for another key of user %s", own.user);
+                          bound.nonce, derivation->key) == 0;
+  return opened || Fail(error, "the seal is broken, or was made for another key of user %s", own->user);
 }
 
 }  // namespace mqc
