@@ -87,13 +87,7 @@ inline std::optional<bool> IsAcceptable(Bytes message) {
   memcpy(&time, trailer.data() + kAtTime, sizeof time);
   const bool fresh = __builtin_bswap64(time) - (kPresent - kWindow) <= uint64_t{2 * kWindow};
   if (!fresh || std::count(signature.begin(), signature.end(), 0) != std::ssize(signature)) return false;
-  if (IsSealed(message)) {
-    if (message.size() < kSeal + kTrailer) return false;
-    const std::string seal = TextOf(message.last(kSeal + kTrailer));
-    const bool opens = seal.starts_with(std::string("alice\0\0\0\0\0\0\0\0\0\0\0", 16)) &&
-                       seal.compare(kSeal - 16, 16 + kAtTime, std::string(16, '\0') + "MQSIGN02") == 0;
-    return opens ? std::nullopt : std::optional(false);
-  }
+  if (IsSealed(message)) return std::nullopt;
   std::set<std::string> broken = BrokenRules(message);
   std::erase_if(broken, [](const std::string& rule) {  // nobody looks at the body before the signature was verified
     return rule.starts_with("parameter-") || rule == "body-head" || rule == "body-rest" || rule == "text-zero-byte" ||
