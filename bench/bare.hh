@@ -1,4 +1,4 @@
-// bare.hh - plain sockets: what the bare contestant and the crowd of idle peers are made of.
+// bare.hh - helpers for bare sockets, used by the bare contestant and by the peers of a crowd.
 #pragma once
 
 #include <netinet/in.h>
@@ -8,7 +8,7 @@
 
 namespace bench {
 
-// Options as the contestants' nodes have them: linger zero seconds, buffers of kSocketBuffer, no delay.
+// Sets the same options as nodes have here: linger zero seconds, buffers of kSocketBuffer bytes, TCP_NODELAY.
 void SetUpSocket(int fd);
 
 sockaddr_in Loopback(uint16_t port);

@@ -1,6 +1,6 @@
-// bare_end.cc - bare sockets that make the system calls and the copies of a node, and nothing else.
-// A write: a buffer from malloc, one copy into it, one send, free. A read: recvfrom with a peer address for the header,
-// again for the rest, one copy into the caller's area. Areas start at multiples of 64, as the companion's do.
+// bare_end.cc - bare sockets that make the same system calls and copies as a node, and nothing else.
+// A write: malloc, one copy into the block, one send, free. A read: recvfrom with a peer address for the header, the
+// same for the rest, one copy into the caller's area. Areas start at multiples of 64, like those of the companion.
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -66,11 +66,11 @@ namespace {
 constexpr size_t kAlignment = 64;
 constexpr uint32_t kHeader = sizeof(MsgHeader);
 
-uint8_t* AlignUp(void* place) {
-  return reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(place) + kAlignment - 1) & ~(kAlignment - 1));
+uint8_t* AlignUp(void* block) {
+  return reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(block) + kAlignment - 1) & ~(kAlignment - 1));
 }
 
-// Memory from malloc that only grows.
+// An area from malloc, which only grows.
 class Area {
  public:
   ~Area() { free(block_); }
@@ -137,32 +137,32 @@ class BareEnd : public End {
   }
 
   void Read() override {
-    size_t held = Receive(0, kHeader);
+    size_t received = Receive(0, kHeader);
     uint32_t body;
     memcpy(&body, received_.data() + offsetof(MsgHeader, bodyLength), sizeof body);
     const size_t total = size_t{kHeader} + body;
-    if (total > MQ_MAX_MESSAGE) Die("a length that cannot be");
+    if (total > MQ_MAX_MESSAGE) Die("invalid length");
     received_.Reserve(total);
-    held = Receive(held, total);
+    received = Receive(received, total);
     message_.Reserve(total);
-    memcpy(message_.data(), received_.data(), held);
-    length_ = held;
+    memcpy(message_.data(), received_.data(), received);
+    length_ = received;
   }
 
   std::span<const uint8_t> Body() const override { return {message_.data() + kHeader, length_ - kHeader}; }
 
  private:
-  // Receives until so many bytes are held.
-  size_t Receive(size_t held, size_t wanted) {
-    while (held < wanted) {
+  // Receives until the wanted number of bytes has arrived, received of which are there already. Returns the number.
+  size_t Receive(size_t received, size_t wanted) {
+    while (received < wanted) {
       sockaddr_in peer;
       socklen_t size = sizeof peer;
       const ssize_t got =
-          recvfrom(fd_, received_.data() + held, wanted - held, 0, reinterpret_cast<sockaddr*>(&peer), &size);
+          recvfrom(fd_, received_.data() + received, wanted - received, 0, reinterpret_cast<sockaddr*>(&peer), &size);
       if (got <= 0) Die("recvfrom");
-      held += static_cast<size_t>(got);
+      received += static_cast<size_t>(got);
     }
-    return held;
+    return received;
   }
 
   int listener_ = -1;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# bench.sh BUILD_DIR ARGS... - runs the benchmarks of a build; mqbench --help says what they take.
+# bench.sh BUILD_DIR ARGS... - runs the benchmarks of a build; see mqbench --help for the arguments.
 #   bench.sh BUILD_DIR parts ARGS...   single calls, with Google Benchmark (its own arguments)
 set -euo pipefail
 bin=$1/bin

@@ -1,4 +1,5 @@
 // contestants.cc - the lists of contestants.
+#include "bench/echo.hh"
 #include "bench/end.hh"
 
 namespace bench {
@@ -17,6 +18,24 @@ std::vector<Contestant> OtherContestants() {
   others.insert(others.begin(), Nodes());
   others.push_back(BareSockets());
   return others;
+}
+
+std::vector<EchoServer> EchoServers() {
+  std::vector<EchoServer> servers;
+#ifdef MQBENCH_UV
+  servers.push_back(EchoBareUv());
+#endif
+#ifdef MQBENCH_ASIO
+  servers.push_back(EchoBareAsio());
+#endif
+  servers.push_back(EchoNodesWait());
+#ifdef MQBENCH_ZMQ
+  servers.push_back(EchoZmq());
+#endif
+#ifdef MQBENCH_NNG
+  servers.push_back(EchoNng());
+#endif
+  return servers;
 }
 
 std::vector<uint8_t> SomeBytes(size_t size) {

@@ -1,4 +1,4 @@
-// crowd.cc - lets a second process connect in small groups, no more than a listening node keeps waiting.
+// crowd.cc - connects a second process in groups that fit in the accept queue of a listening node.
 #include "bench/crowd.hh"
 
 #include <sys/prctl.h>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kGroup = 4;
 constexpr size_t kBody = 64;
-constexpr size_t kMostNodes = 4096;
+constexpr size_t kMaxNodes = 4096;
 
 struct Command {
   size_t first;
@@ -31,7 +31,7 @@ struct Command {
 Crowd::Crowd() : listener_(ListenNode()) {
   int pair[2];
   Check(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
-  nodes_.reserve(kMostNodes);
+  nodes_.reserve(kMaxNodes);
   fflush(stdout);
   peer_ = fork();
   Check(peer_ != -1, "fork");
@@ -77,7 +77,7 @@ void Crowd::Obey() {
       else
         Check(send(sockets.at(i), message.data(), message.size(), 0) == ssize_t(message.size()), "send");
     }
-    Check(send(control_, "", 1, MSG_NOSIGNAL) == 1, "the crowd's host is gone");
+    Check(send(control_, "", 1, MSG_NOSIGNAL) == 1, "the process of the nodes is gone");
   }
   _exit(0);
 }

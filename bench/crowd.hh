@@ -1,4 +1,4 @@
-// crowd.hh - many connections held at once: nodes here, bare sockets in a process of their own.
+// crowd.hh - many open connections: nodes in this process, bare sockets in another one.
 #pragma once
 
 #include <sys/types.h>
@@ -12,15 +12,15 @@ namespace bench {
 
 class Crowd {
  public:
-  // Forks the other process; no connection yet.
+  // Forks the other process. There are no connections yet.
   Crowd();
   ~Crowd();
   Crowd(const Crowd&) = delete;
   Crowd& operator=(const Crowd&) = delete;
 
-  // Accepts connections until so many nodes are held.
+  // Accepts connections until there are this many nodes.
   void Grow(size_t nodes);
-  // Has the other side send each of these nodes one plain message, and waits until it has done so.
+  // Makes the other process send one plain message to each of these nodes, and waits until it has.
   void Send(size_t first, size_t count);
 
   std::vector<MQNode*>& nodes() { return nodes_; }

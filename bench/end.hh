@@ -1,5 +1,5 @@
-// end.hh - what a contestant is: one end of a connection that writes and reads whole messages. A further contestant is
-// one source file with a class like these and one line in contestants.cc.
+// end.hh - the interface of a contestant: one end of a connection, which writes and reads whole messages. To add a
+// contestant, derive a class from End in a source file of its own, and add a line to contestants.cc.
 #pragma once
 
 #include <cstddef>
@@ -10,28 +10,29 @@
 
 namespace bench {
 
-// A paced writer is at most a few groups of messages ahead of the reader. Small messages that fill a receive buffer
-// make the kernel drop some of them and wait until they are sent again, and a figure says no more than how often that
-// was.
+// A paced writer is at most a few groups of messages ahead of the reader. Without pacing, small messages that fill a
+// receive buffer make the kernel drop segments and wait for their retransmission, and a figure shows little but how
+// often that happened.
 enum class Pattern { kRoundTrip, kOneWay, kPacedOneWay };
 
 class End {
  public:
   virtual ~End() = default;
 
-  // One of: listen on a port of 127.0.0.1 that the kernel picks, which is returned, and then accept one connection; or
-  // connect to such a port.
+  // An end either listens on a port of 127.0.0.1 that the kernel picks and Listen returns, and accepts one connection,
+  // or it connects to such a port.
   virtual uint16_t Listen() = 0;
   virtual void Accept() = 0;
   virtual void Connect(uint16_t port) = 0;
 
-  // Makes the message that the first Write sends, with this body. Later ones send it again, or what was read last.
+  // Creates the message that the first Write sends, with a body of this size. Later writes send it again, or the
+  // message that was read last.
   virtual void Prepare(size_t body) = 0;
 
   virtual void Write() = 0;
   virtual void Read() = 0;
 
-  // The body of the message in hand.
+  // The body of the message that the next Write would send.
   virtual std::span<const uint8_t> Body() const = 0;
 };
 
@@ -43,19 +44,19 @@ struct Contestant {
 Contestant Nodes();
 Contestant SignedNodes();
 Contestant BareSockets();
-Contestant Zmq();  // where the build has found libzmq
-Contestant Nng();  // where the build has found nng
+Contestant Zmq();  // if libzmq was found at build time
+Contestant Nng();  // if nng was found at build time
 
-// Those that are measured beside bare sockets, which come last.
+// Nodes, and last, as the baseline, bare sockets.
 std::vector<Contestant> Contestants();
 
-// The same with the other libraries that the build has found; empty without any.
+// The same with the other libraries found at build time; empty if there are none.
 std::vector<Contestant> OtherContestants();
 
-// Sockets of every contestant get buffers of this size, both ways, and send small segments at once.
+// Size of the send and receive buffers of the sockets of every contestant, in bytes.
 constexpr int kSocketBuffer = 256 * 1024;
 
-// Bytes to fill a message with.
+// Bytes to fill a message with; the same on each call.
 std::vector<uint8_t> SomeBytes(size_t size);
 
 }  // namespace bench

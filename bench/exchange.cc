@@ -1,4 +1,4 @@
-// exchange.cc - messages between two processes, nodes and other contestants beside bare sockets.
+// exchange.cc - exchanges messages between two processes, and compares nodes and other contestants with bare sockets.
 #include "bench/exchange.hh"
 
 #include <fmt/format.h>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr double kMicro = 1e6;
 
-// The bare sockets are the last contestant: a slice is as many messages as they manage in its time.
+// The bare sockets, the last contestant, determine how many messages a slice of every contestant consists of.
 void ExchangeIn(Duel& duel, Pattern pattern, const Effort& effort, Exchanges* result) {
   const size_t bare = duel.size() - 1;
   // A stream needs some time to fill its buffers.
@@ -51,7 +51,7 @@ void Append(Samples* all, const Samples& more) {
 
 namespace {
 
-// The columns of the contestants beside bare sockets: as elapsed time says, and as processor time says.
+// Adds for each contestant its ratio to bare sockets and the spread of that ratio.
 void AddRatios(std::vector<Cell>* row, const Samples& samples, bool of_rates) {
   const size_t bare = samples.size() - 1;
   for (size_t c = 0; c < bare; ++c) {
@@ -68,8 +68,8 @@ void Measure(Report* report, const Settings& settings, const std::string& placem
   const size_t bare = contestants.size() - 1;
   Section section;
   section.id = fmt::format("{}_{}", one_way ? "one_way" : "round_trip", placement);
-  section.title = one_way ? fmt::format("One way, {}: rate beside bare sockets (aim 0.97 or more)", placement)
-                          : fmt::format("Round trip, {}: time beside bare sockets (aim 1.03 or less)", placement);
+  section.title = one_way ? fmt::format("One way, {}: rate relative to bare sockets (aim 0.97 or more)", placement)
+                          : fmt::format("Round trip, {}: time relative to bare sockets (aim 1.03 or less)", placement);
   section.columns = {"body"};
   for (const Contestant& c : contestants) section.columns.push_back(fmt::format("{} us", c.name));
   for (const char* measure : {"", " cpu"}) {
@@ -79,7 +79,7 @@ void Measure(Report* report, const Settings& settings, const std::string& placem
           fmt::format("+-{}", c == 0 ? measure : fmt::format(" {}{}", contestants[c].name, measure)));
     }
   }
-  section.notes = {"cpu: the same ratio of the time that the two processes ran, without what others ran in between"};
+  section.notes = {"cpu: the same ratio for the processor time of the two processes"};
   for (const size_t body : kBodies) {
     Exchanges exchanges;
     for (unsigned layout = 0; layout < kLayouts; ++layout) {

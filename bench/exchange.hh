@@ -1,4 +1,4 @@
-// exchange.hh - messages between two processes, by any list of contestants.
+// exchange.hh - exchanges of messages between two processes, for any list of contestants.
 #pragma once
 
 #include <cstddef>
@@ -19,10 +19,11 @@ struct Exchanges {
   Samples processor;
 };
 
-// Where the areas of a connection lie in memory decides how fast copies are: every row is taken over so many layouts.
+// The speed of copies depends on the addresses of a connection's buffers: each row is measured with this many layouts.
 constexpr unsigned kLayouts = 12;
 
-// Seconds a message, by contestant, over one connection each. The last contestant sets the length of a slice.
+// Measures seconds per message, by contestant, over one connection each. The last contestant determines the number of
+// messages in a slice.
 Exchanges ExchangeOnce(const std::vector<Contestant>& contestants, Pattern pattern, size_t body, const Effort& effort,
                        unsigned layout);
 

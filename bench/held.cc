@@ -1,4 +1,4 @@
-// held.cc - memory of many nodes held at once, measured in a fresh process.
+// held.cc - memory of many open nodes, measured in a new process.
 #include <cstdio>
 #include <string>
 
@@ -23,11 +23,11 @@ void MeasureHeld(Report* report) {
   Check(pclose(pipe) == 0 && found == 4, "mqbench_work held");
   report->Add(
       {"held",
-       "Connections held at once: memory a node, bytes",
+       "Many open connections: memory per node, bytes",
        {"nodes", "resident, idle", "resident, after a message", "asked for", "allocations"},
        {{Number(kNodes, 0), Count(idle), Count(read), Count(asked), Number(open, 2)}},
-       {"resident: growth of the process; asked for: node record and receive buffer; the kernel's part is not in "
-        "these"}});
+       {"resident: growth of the process; asked for: node record and receive buffer; memory of the kernel is not "
+        "included"}});
 }
 
 }  // namespace bench

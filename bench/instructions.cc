@@ -1,6 +1,6 @@
-// instructions.cc - user-space instructions, counted by valgrind's callgrind: they do not scatter as times do.
-// The work program is run under callgrind, which counts only inside mqbench_pass; its output names each function's own
-// cost and the library that the function lies in.
+// instructions.cc - counts user-space instructions with valgrind's callgrind; unlike times, they hardly vary.
+// The work program runs under callgrind, which counts only inside mqbench_pass. Its output lists the cost of each
+// function itself and the library that contains it.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/wait.h>
@@ -18,11 +18,11 @@ namespace bench {
 namespace {
 
 struct Profile {
-  std::map<std::pair<std::string, std::string>, double> own;  // (library, function): instructions a pass
+  std::map<std::pair<std::string, std::string>, double> own;  // (library, function): instructions per pass
 
   double Of(const std::string& library) const {
     double sum = 0;
-    for (const auto& [place, cost] : own) sum += place.first == library ? cost : 0;
+    for (const auto& [name, cost] : own) sum += name.first == library ? cost : 0;
     return sum;
   }
   double All() const {
@@ -38,7 +38,8 @@ std::string LibraryOf(const std::string& object) {
   return file.rfind("lib", 0) == 0 ? file.substr(0, file.find('.')) : "bench";
 }
 
-// A line of cost belongs to the function named last; the line after "calls=" repeats the callee's cost.
+// A cost line belongs to the function named last; the line after "calls=" repeats the cost of the callee and is
+// skipped.
 Profile ReadProfile(const std::string& path, double passes) {
   Profile profile;
   std::ifstream file(path);
@@ -111,11 +112,11 @@ std::vector<Cell> MessageRow(const char* name, const Profile& profile) {
 
 Profile Difference(const Profile& one, const Profile& other) {
   Profile result = one;
-  for (const auto& [place, cost] : other.own) result.own[place] -= cost;
+  for (const auto& [name, cost] : other.own) result.own[name] -= cost;
   return result;
 }
 
-// A function's name without its arguments and unnamed namespaces.
+// The name of a function without its arguments and unnamed namespaces.
 std::string BareName(std::string name) {
   const std::string unnamed = "(anonymous namespace)::";
   for (size_t at; (at = name.find(unnamed)) != std::string::npos;) name.erase(at, unnamed.size());
@@ -124,23 +125,23 @@ std::string BareName(std::string name) {
 
 void AddFunctions(Report* report, const Profile& nodes, const Profile& bare) {
   Section section = {
-      "instructions_functions", "The same, function by function", {"function", "library", "nodes", "bare"}, {}, {}};
+      "instructions_functions", "Instructions by function", {"function", "library", "nodes", "bare"}, {}, {}};
   std::map<std::pair<std::string, std::string>, double> all = nodes.own;
   all.insert(bare.own.begin(), bare.own.end());
   std::vector<std::pair<double, std::pair<std::string, std::string>>> order;
-  const auto cost = [](const Profile& profile, const std::pair<std::string, std::string>& place) {
-    const auto found = profile.own.find(place);
+  const auto cost = [](const Profile& profile, const std::pair<std::string, std::string>& function) {
+    const auto found = profile.own.find(function);
     return found == profile.own.end() ? 0 : found->second;
   };
   for (const auto& entry : all)
     order.emplace_back(std::max(cost(nodes, entry.first), cost(bare, entry.first)), entry.first);
   std::sort(order.rbegin(), order.rend());
-  for (const auto& [most, place] : order) {
+  for (const auto& [most, function] : order) {
     if (most < 0.5) break;
-    std::string name = BareName(place.second);
+    std::string name = BareName(function.second);
     if (name.size() > 48) name.resize(48);
-    section.rows.push_back(
-        {Text(std::move(name)), Text(place.first), Number(cost(nodes, place), 0), Number(cost(bare, place), 0)});
+    section.rows.push_back({Text(std::move(name)), Text(function.first), Number(cost(nodes, function), 0),
+                            Number(cost(bare, function), 0)});
   }
   report->Add(std::move(section));
 }
@@ -151,7 +152,7 @@ void MeasureWaitInstructions(Report* report, bool quick) {
   constexpr int kMost = 2500;
   constexpr int kPasses = 20;
   Section section = {"instructions_wait",
-                     "Instructions a node in one wait (aim 46)",
+                     "Instructions per node of one wait (aim 46)",
                      {"wait", "10 nodes, all", "a node, from 10 to 410", "a node, libraries only", "a node of 2500"},
                      {},
                      {}};
@@ -174,13 +175,13 @@ void MeasureInstructions(Report* report, const Settings& settings) {
   const Profile nodes = Count({"message", "nodes", "64"}, kPasses);
   Section section = {
       "instructions",
-      "Instructions of one message written and read, 64 B body (aim: nodes at most 368 above bare)",
+      "Instructions to write and read one message, 64 B body (aim: nodes at most 368 above bare)",
       {"what", "all", "library", "companion", "libc", "bench"},
       {},
-      {"library: libmqnode alone; libc: with the allocations and copies that it and the companion ask for",
-       "bench: the loop, and what the bare sockets' own code does"}};
+      {"library: libmqnode alone; libc: includes its allocations and copies for the library and the companion",
+       "bench: the loop, and the code of the bare sockets"}};
   if (nodes.own.empty()) {
-    section.notes = {"valgrind is missing (package valgrind): no instructions were counted"};
+    section.notes = {"valgrind is not installed (package valgrind): no instructions were counted"};
     return report->Add(std::move(section));
   }
   const Profile bare = Count({"message", "bare", "64"}, kPasses);

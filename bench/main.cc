@@ -1,4 +1,4 @@
-// main.cc - what the benchmarks are asked for on the command line.
+// main.cc - the command line of the benchmarks.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -28,8 +28,9 @@ struct Wanted {
 
 void MeasureAll(Report* report, const Settings& settings, const Wanted& wanted) {
   if (wanted.Has("held")) MeasureHeld(report);
+  if (wanted.Has("loop")) MeasureLoops(report, settings);
   if (wanted.Has("instructions")) MeasureInstructions(report, settings);
-  PinToOneProcessor();
+  PinToProcessor(0);
   if (wanted.pinned && wanted.Has("exchange")) MeasureExchanges(report, settings, "pinned");
   if (wanted.Has("wait")) MeasureWaits(report, settings);
   if (wanted.pinned && wanted.Has("signed")) MeasureSigned(report, settings, "pinned");
@@ -45,27 +46,28 @@ void MeasureAll(Report* report, const Settings& settings, const Wanted& wanted) 
 }  // namespace bench
 
 int main(int argc, char** argv) {
-  CLI::App app("Measures nodes beside bare sockets that make the same system calls and copies.", "bench");
+  CLI::App app("Compares nodes with bare sockets that make the same system calls and copies.", "bench");
   bench::Settings settings;
   bench::Wanted wanted;
   std::string json;
   std::string markdown;
   std::vector<std::string> only;
-  app.add_flag("--quick", settings.quick, "a first look: fewer slices");
-  app.add_flag("--pin", wanted.pinned, "only with both processes on one processor (neither: both views)");
-  app.add_flag("--free", wanted.free, "only where the system puts them");
-  app.add_flag("--functions", settings.functions, "instructions function by function");
-  app.add_option("--json", json, "write the figures to this file too");
-  app.add_option("--markdown", markdown, "write the tables to this file as Markdown");
+  app.add_flag("--quick", settings.quick, "fewer slices, for a first impression");
+  app.add_flag("--pin", wanted.pinned, "measure only with both processes on one processor (default: --pin and --free)");
+  app.add_flag("--free", wanted.free, "measure only with the processes where the system schedules them");
+  app.add_flag("--functions", settings.functions, "also count instructions by function");
+  app.add_option("--json", json, "also write the figures to this file");
+  app.add_option("--markdown", markdown, "also write the tables to this file, as Markdown");
   app.add_option("--only", only, "sections to run")
       ->delimiter(',')
-      ->check(CLI::IsMember({"held", "instructions", "exchange", "wait", "signed", "others"}));
+      ->check(CLI::IsMember({"held", "instructions", "exchange", "wait", "signed", "others", "loop"}));
   CLI11_PARSE(app, argc, argv);
   if (!wanted.pinned && !wanted.free) wanted.pinned = wanted.free = true;
   wanted.sections = {only.begin(), only.end()};
   settings.exchange = settings.quick ? bench::Effort{0.001, 2} : bench::Effort{0.0015, 25};
   settings.others = settings.quick ? bench::Effort{0.002, 2} : bench::Effort{0.002, 10};
   settings.wait = settings.quick ? bench::Effort{0.0005, 20} : bench::Effort{0.0005, 300};
+  settings.loop = settings.quick ? bench::Effort{0.1, 1} : bench::Effort{0.3, 5};
   signal(SIGPIPE, SIG_IGN);
 
   bench::Report report;

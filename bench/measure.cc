@@ -1,4 +1,4 @@
-// measure.cc - clock, medians, resampling, order of slices, processor.
+// measure.cc - clock, medians, resampling, order of slices, processor affinity.
 #include "bench/measure.hh"
 
 #include <sched.h>
@@ -15,7 +15,7 @@ namespace bench {
 namespace {
 
 constexpr int kResamplings = 300;
-constexpr size_t kMostRepetitions = 1u << 24;
+constexpr size_t kMaxRepetitions = 1u << 24;
 
 std::mt19937& Random() {
   static std::mt19937 engine(20240229);
@@ -50,7 +50,7 @@ void Check(bool ok, const char* what) {
 double Seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 double Median(std::vector<double> values) {
-  Check(!values.empty(), "a median of nothing");
+  Check(!values.empty(), "median of no values");
   return MedianInPlace(values);
 }
 
@@ -90,7 +90,7 @@ Samples Interleave(size_t contestants, size_t rounds, const std::function<double
 size_t CountFor(double seconds, const std::function<double(size_t)>& run) {
   size_t count = 1;
   run(count);
-  for (; count < kMostRepetitions; count *= 2) {
+  for (; count < kMaxRepetitions; count *= 2) {
     const double taken = run(count);
     if (taken < seconds / 4) continue;
     return std::max<size_t>(1, static_cast<size_t>(static_cast<double>(count) * seconds / taken));
@@ -98,15 +98,17 @@ size_t CountFor(double seconds, const std::function<double(size_t)>& run) {
   return count;
 }
 
-void PinToOneProcessor() {
-  for (int cpu = CPU_SETSIZE - 1; cpu >= 0; --cpu) {
+void PinToProcessor(int from_last) {
+  int chosen = -1;
+  for (int cpu = CPU_SETSIZE - 1; cpu >= 0 && from_last >= 0; --cpu) {
     if (!CPU_ISSET(cpu, &allowed)) continue;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(cpu, &one);
-    Check(sched_setaffinity(0, sizeof one, &one) == 0, "sched_setaffinity");
-    return;
+    chosen = cpu;
+    --from_last;
   }
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(chosen, &one);
+  Check(sched_setaffinity(0, sizeof one, &one) == 0, "sched_setaffinity");
 }
 
 void UnpinProcessor() { Check(sched_setaffinity(0, sizeof allowed, &allowed) == 0, "sched_setaffinity"); }

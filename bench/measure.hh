@@ -1,5 +1,5 @@
-// measure.hh - time, medians, and the one way in which contestants are compared: short slices of each in turn, many
-// times over, so that whatever else the machine does falls on all of them alike.
+// measure.hh - time, medians, and the method of comparison: short slices of each contestant in turn, repeated many
+// times, so that other load on the machine affects all of them alike.
 #pragma once
 
 #include <cstddef>
@@ -9,15 +9,15 @@
 
 namespace bench {
 
-// Ends the program with a line about what failed, and errno's text unless errno is 0.
+// Prints what failed, with the text of errno unless that is 0, and exits.
 [[noreturn]] void Die(const std::string& what);
 void Check(bool ok, const char* what);
 
-double Seconds();  // of a clock that only moves forward
+double Seconds();  // of the monotonic clock
 
 double Median(std::vector<double> values);
 
-// A ratio of two medians with the range in which it lies in 95 of 100 resamplings of the slices.
+// A ratio of two medians with its 95 % confidence interval, found by resampling the slices.
 struct Ratio {
   double value;
   double low;
@@ -26,23 +26,24 @@ struct Ratio {
 };
 Ratio RatioOfMedians(const std::vector<double>& numerator, const std::vector<double>& denominator);
 
-// samples[c][i] is what slice(c) returned the i-th time. In each round the contestants come in a random order and
-// then in that order backwards: two slices of each.
+// samples[c][i] is the result of the i-th call of slice(c). Each round consists of two slices of each contestant: in
+// random order, then in the reverse of that order.
 using Samples = std::vector<std::vector<double>>;
 Samples Interleave(size_t contestants, size_t rounds, const std::function<double(size_t)>& slice);
 
-// The number of repetitions that makes run(count), which returns seconds, last about this long; at least 1.
+// Finds the count for which run(count), which returns its duration in seconds, takes about this long; at least 1.
 size_t CountFor(double seconds, const std::function<double(size_t)>& run);
 
-// Keeps this process and its later children on one of the processors it may use.
-void PinToOneProcessor();
+// Pins this process and its future children to one of the processors that it may use: 0 the last one, 1 the one before.
+// The first one if there are fewer.
+void PinToProcessor(int from_last);
 // Undoes that.
 void UnpinProcessor();
 
-// How long the benchmarks may take: the quick ones are for a first look.
+// Duration of a benchmark.
 struct Effort {
-  double slice;   // seconds of one slice
-  size_t rounds;  // of Interleave, each two slices of each contestant
+  double slice;   // seconds
+  size_t rounds;  // of Interleave
 };
 
 }  // namespace bench

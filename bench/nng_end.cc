@@ -1,4 +1,4 @@
-// nng_end.cc - nng in its natural patterns: request and reply, or push and pull.
+// nng_end.cc - nng with its own patterns: request and reply, or push and pull.
 #include <nng/nng.h>
 #include <nng/protocol/pipeline0/pull.h>
 #include <nng/protocol/pipeline0/push.h>
@@ -32,7 +32,7 @@ class NngEnd : public End {
     return static_cast<uint16_t>(port);
   }
 
-  void Accept() override {}  // its own threads do
+  void Accept() override {}  // done by the threads of nng
 
   void Connect(uint16_t port) override {
     CheckNng(round_trip_ ? nng_req0_open(&socket_) : nng_push0_open(&socket_), "open");

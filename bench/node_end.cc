@@ -1,4 +1,4 @@
-// node_end.cc - nodes, plain and signed, used as a host uses them.
+// node_end.cc - nodes, plain and signed, used as by an application.
 #include <cstring>
 
 #include "bench/bare.hh"
@@ -72,7 +72,7 @@ class NodeEnd : public End {
     }
   }
 
-  // Without what a signature appends.
+  // Without the trailer of a signed message.
   std::span<const uint8_t> Body() const override {
     return {msg_->raw.data + sizeof(MsgHeader), reinterpret_cast<const MsgHeader*>(msg_->raw.data)->bodyLength};
   }

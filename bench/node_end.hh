@@ -1,4 +1,4 @@
-// node_end.hh - making and accepting nodes on the loopback address.
+// node_end.hh - creates and accepts nodes on the loopback address.
 #pragma once
 
 #include <cstddef>
@@ -14,11 +14,11 @@ SockAddrRec LoopbackName(uint16_t port);
 MQNode* ListenNode();
 MQNode* AcceptNode(MQNode* listener);
 
-// A message with a body of this size, 20 bytes or more: one parameter. For mqc_message_free.
+// Creates a message with one parameter and a body of this size, at least 20 bytes. Released with mqc_message_free.
 PcfMessage* NewMessage(size_t body);
 
-// Makes a pair of keys for the user that nodes of this process carry, and has the ring accept it. Before the first
-// fork, so that both processes have them. Further calls do nothing.
+// Generates a key pair for the user of this process's nodes and adds it to the ring. Called before the first fork, so
+// that both processes have the keys. Later calls do nothing.
 void ShareKeys();
 MqcSigner* SharedSigner();
 

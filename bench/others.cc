@@ -1,5 +1,6 @@
-// others.cc - the same exchanges done by other messaging libraries, in the pattern that each has for them.
-// Every connection is measured in a process of its own: one that has used these libraries may not fork a peer any more.
+// others.cc - the same exchanges with other messaging libraries, each with its own pattern for them.
+// Each connection is measured in a process of its own, because a process that has used these libraries cannot safely
+// fork a peer.
 #include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,10 +21,10 @@ void Send(int fd, const Samples& samples) {
   }
 }
 
-void ReadAll(int fd, void* place, size_t size) {
-  for (auto* at = static_cast<char*>(place); size > 0;) {
+void ReadAll(int fd, void* buffer, size_t size) {
+  for (auto* at = static_cast<char*>(buffer); size > 0;) {
     const ssize_t got = read(fd, at, size);
-    Check(got > 0, "a measuring process ended early");
+    Check(got > 0, "the process that measures ended early");
     at += got;
     size -= static_cast<size_t>(got);
   }
@@ -64,15 +65,16 @@ void Measure(Report* report, const Settings& settings, const std::string& placem
   const bool one_way = pattern == Pattern::kOneWay;
   Section section;
   section.id = fmt::format("others_{}_{}", one_way ? "one_way" : "round_trip", placement);
-  section.title = one_way ? fmt::format("One way beside other libraries, {}: microseconds a message", placement)
-                          : fmt::format("Round trip beside other libraries, {}: microseconds", placement);
+  section.title = one_way
+                      ? fmt::format("One way, compared with other libraries, {}: microseconds per message", placement)
+                      : fmt::format("Round trip, compared with other libraries, {}: microseconds", placement);
   section.columns = {"body"};
   for (const Contestant& c : contestants) section.columns.push_back(fmt::format("{} us", c.name));
   for (size_t c = 1; c + 1 < contestants.size(); ++c) {
     section.columns.push_back(fmt::format("{}/nodes", contestants[c].name));
   }
-  section.notes = {one_way ? "others: push and pull; threads of their own do the input and output"
-                           : "others: request and reply; threads of their own do the input and output"};
+  section.notes = {one_way ? "others: push and pull, with I/O threads of their own"
+                           : "others: request and reply, with I/O threads of their own"};
   for (const size_t body : kBodies) {
     Samples samples;
     for (unsigned layout = 0; layout < kOtherLayouts; ++layout) {

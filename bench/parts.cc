@@ -1,5 +1,5 @@
-// parts.cc - single calls of the libraries that make no system call, with Google Benchmark: what a change to one of
-// them is tried on.
+// parts.cc - times single calls of the libraries that make no system calls, with Google Benchmark, to try out changes
+// to them.
 #include <benchmark/benchmark.h>
 #include <sodium.h>
 

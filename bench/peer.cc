@@ -1,5 +1,5 @@
 // peer.cc - forks the second process, connects each contestant to it, and runs slices.
-// Invariant: outside of Run and the constructor the peer waits for a command, which is no load.
+// Invariant: outside Run and the constructor, the peer waits for a command and uses no processor time.
 #include "bench/peer.hh"
 
 #include <sys/prctl.h>
@@ -16,7 +16,7 @@
 namespace bench {
 namespace {
 
-// Messages of a paced stream.
+// In a paced stream, the reader answers after each group of messages, and the writer is at most kAhead messages ahead.
 constexpr size_t kGroup = 128;
 constexpr size_t kAhead = 2 * kGroup;
 
@@ -74,7 +74,7 @@ Spent Duel::Run(size_t c, size_t count) {
   Tell({Order::kServe, static_cast<uint32_t>(c), count});
   Hear();
   const bool both_ways = pattern_ == Pattern::kRoundTrip;
-  if (both_ways) {  // the peer has woken up when its first answer is here
+  if (both_ways) {  // not counted: it wakes the peer up
     end.Write();
     end.Read();
   }
@@ -106,7 +106,7 @@ void Duel::Serve(End& end, size_t count) {
 
 void Duel::Obey() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  random_.discard(size());  // places of its own
+  random_.discard(size());  // for other spacers than those of the parent
   for (size_t c = 0; c < size(); ++c) MakeEnd(c);
   Command command;
   while (recv(control_, &command, sizeof command, MSG_WAITALL) == sizeof command) {

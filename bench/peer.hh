@@ -1,4 +1,4 @@
-// peer.hh - the second process: holds the far end of a connection and does as it is told through a socket pair.
+// peer.hh - the second process, which has the other end of each connection and is controlled through a socket pair.
 #pragma once
 
 #include <sys/types.h>
@@ -13,14 +13,14 @@ namespace bench {
 
 struct Spent {
   double elapsed;    // seconds
-  double processor;  // seconds that both processes ran, the system's work for them included
+  double processor;  // processor time of both processes in seconds, user and system
 };
 
-// What this process measures, against a peer that was forked from it and so has the same contestants.
+// Measures exchanges between this process and a peer, which is forked from it and so has the same contestants.
 class Duel {
  public:
-  // layout picks where in memory the contestants' areas come to lie: a copy can run much slower when its two places are
-  // a little apart modulo 4096, and nobody shall win by that.
+  // layout determines the addresses of the contestants' buffers: a copy can be much slower if source and destination
+  // are a small distance apart modulo 4096, which must not decide a comparison.
   Duel(std::vector<Contestant> contestants, Pattern pattern, size_t body, unsigned layout);
   ~Duel();
   Duel(const Duel&) = delete;
@@ -29,7 +29,7 @@ class Duel {
   size_t size() const { return contestants_.size(); }
   const char* name(size_t c) const { return contestants_[c].name; }
 
-  // What count messages of contestant c take: there and back, or one way until the peer has read the last one.
+  // Measures count messages of contestant c: round trips, or one way until the peer has read the last one.
   Spent Run(size_t c, size_t count);
 
  private:

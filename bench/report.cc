@@ -1,4 +1,4 @@
-// report.cc - prints sections in columns and writes them as JSON.
+// report.cc - prints sections in columns and writes them as JSON and Markdown.
 #include "bench/report.hh"
 
 #include <fmt/format.h>
@@ -40,7 +40,7 @@ std::string Date() {
 
 void PrintRow(const std::vector<std::string>& cells, const std::vector<size_t>& widths) {
   for (size_t i = 0; i < cells.size(); ++i) {
-    // Names to the left, figures to the right.
+    // Names are left-aligned, figures right-aligned.
     if (i == 0)
       fmt::print("  {:<{}}", cells[i], widths[i]);
     else

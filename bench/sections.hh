@@ -1,4 +1,4 @@
-// sections.hh - what is measured, a section or a few each.
+// sections.hh - the measurements; each adds one or a few sections to the report.
 #pragma once
 
 #include <cstddef>
@@ -11,34 +11,39 @@ namespace bench {
 
 struct Settings {
   bool quick = false;
-  bool functions = false;  // instructions function by function too
+  bool functions = false;  // also count instructions by function
   Effort exchange;
   Effort others;
   Effort wait;
+  Effort loop;
 };
 
-// Round trips and one-way streams between two processes. placement says where they run, for the titles.
+// Round trips and one-way streams between two processes. placement, for the titles, says on which processors they run.
 void MeasureExchanges(Report* report, const Settings& settings, const std::string& placement);
 
-// The same beside other messaging libraries, where the build has found them.
+// The same with other messaging libraries, if any were found at build time.
 void MeasureOthers(Report* report, const Settings& settings, const std::string& placement);
 
-// Signed round trips beside plain ones, and the signature by itself.
+// Signed round trips compared with plain ones, and the signature functions alone.
 void MeasureSigned(Report* report, const Settings& settings, const std::string& placement);
 
-// One wait over idle nodes and one that is ready.
+// Waits on idle nodes and one that is ready.
 void MeasureWaits(Report* report, const Settings& settings);
 
-// Memory of many nodes held at once.
+// Servers in event loops with many connections, compared with bare sockets and other libraries.
+void MeasureLoops(Report* report, const Settings& settings);
+
+// Memory of many open nodes.
 void MeasureHeld(Report* report);
 
-// User-space instructions of one message and of one wait; needs valgrind.
+// User-space instructions for one message and for one wait; needs valgrind.
 void MeasureInstructions(Report* report, const Settings& settings);
 
-// Every figure that has an aim, with the aim and whether it is met, from what the report holds.
+// Adds a table of all figures in the report that have an aim, and whether they meet it.
 void Summarise(Report* report);
 
-// The program that does the work of the last three; it stands beside this one.
+// Path of mqbench_work, which does the work of MeasureHeld and MeasureInstructions; it is in the folder of this
+// program.
 std::string WorkProgram();
 
 }  // namespace bench

@@ -1,4 +1,4 @@
-// signed.cc - what a signature costs: whole round trips, and the two security functions by themselves.
+// signed.cc - the cost of signatures: in whole round trips, and of mqc_sign and mqc_authenticate alone.
 #include <fmt/format.h>
 
 #include "bench/exchange.hh"
@@ -17,7 +17,7 @@ struct Cost {
   double authenticate;
 };
 
-// One message at a time, so that every area is one that was used just before, as in a round trip.
+// One message at a time, so that buffers are reused at once, as in a round trip.
 Cost MeasureSignature(size_t body, size_t messages) {
   PcfMessage* const msg = MessageToSign(body);
   PcfMessage* const received = NewMessage(body);
@@ -43,14 +43,15 @@ Cost MeasureSignature(size_t body, size_t messages) {
 
 void MeasureSigned(Report* report, const Settings& settings, const std::string& placement) {
   ShareKeys();
-  Section section = {fmt::format("signed_{}", placement),
-                     fmt::format("Signed round trip, {}: beside a plain one, and the signatures' share", placement),
-                     {"body", "signed us", "plain us", "signed/plain", "+-", "sign us", "authenticate us", "share"},
-                     {},
-                     {"share: of the time of a signed round trip, what two signatures and two checks take"}};
+  Section section = {
+      fmt::format("signed_{}", placement),
+      fmt::format("Signed round trip, {}: compared with a plain one, and the share of the signatures", placement),
+      {"body", "signed us", "plain us", "signed/plain", "+-", "sign us", "authenticate us", "share"},
+      {},
+      {"share: part of the time of a signed round trip that two signatures and two checks take"}};
   for (const size_t body : kSignedBodies) {
     Duel duel({SignedNodes(), Nodes()}, Pattern::kRoundTrip, body, 0);
-    // The signed ones set the count: a receiver remembers each of their messages.
+    // The signed contestant determines the count, to limit the messages that a receiver has to remember.
     const size_t count = CountFor(settings.exchange.slice, [&](size_t n) { return duel.Run(0, n).elapsed; });
     const Samples samples = Interleave(duel.size(), settings.exchange.rounds * kLayouts, [&](size_t c) {
       return duel.Run(c, count).elapsed / static_cast<double>(count);

@@ -9,27 +9,27 @@ namespace {
 struct Aim {
   const char* section;
   const char* column;
-  const char* spread;  // column; null when the figure does not scatter
+  const char* spread;  // column; null if the figure does not vary
   bool at_least;
   double limit;
   int decimals;
-  int row;  // -1: every row, each named by its first cell
+  int row;  // -1: all rows, named by their first cells
   const char* what;
 };
 
 constexpr Aim kAims[] = {
-    {"round_trip_pinned", "nodes/bare", "+-", false, 1.03, 3, -1, "round trip, time beside bare sockets"},
-    {"one_way_pinned", "nodes/bare", "+-", true, 0.97, 3, -1, "one way, rate beside bare sockets"},
-    {"wait", "mnPost/select", "+-", false, 1.05, 3, -1, "mnPost, time beside a bare select, idle nodes"},
-    {"wait", "mnNPost/select", "+- mnNPost", false, 1.05, 3, -1, "mnNPost, time beside a bare select, idle nodes"},
-    {"instructions", "all", nullptr, false, 368, 0, 2, "instructions a message above bare sockets"},
+    {"round_trip_pinned", "nodes/bare", "+-", false, 1.03, 3, -1, "round trip, time relative to bare sockets"},
+    {"one_way_pinned", "nodes/bare", "+-", true, 0.97, 3, -1, "one way, rate relative to bare sockets"},
+    {"wait", "mnPost/select", "+-", false, 1.05, 3, -1, "mnPost, time relative to a bare select, idle nodes"},
+    {"wait", "mnNPost/select", "+- mnNPost", false, 1.05, 3, -1, "mnNPost, time relative to a bare select, idle nodes"},
+    {"instructions", "all", nullptr, false, 368, 0, 2, "instructions per message above bare sockets"},
     {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 0,
-     "instructions a node in a wait, mnPost"},
+     "instructions per node of a wait, mnPost"},
     {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 1,
-     "instructions a node in a wait, mnNPost"},
+     "instructions per node of a wait, mnNPost"},
 };
 
-// Met also when the aim lies within the figure's scatter, which is said.
+// "yes", "no", or "within +-" if the figure misses the aim by no more than its spread.
 std::string Verdict(const Aim& aim, double figure, double spread) {
   const double beyond = aim.at_least ? aim.limit - figure : figure - aim.limit;
   if (beyond <= 0) return "yes";

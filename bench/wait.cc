@@ -1,4 +1,4 @@
-// wait.cc - one wait over many idle nodes and one ready node, beside the bare calls over the same descriptors.
+// wait.cc - one wait on many idle nodes and one ready node, compared with bare calls on the same file descriptors.
 #include <fmt/format.h>
 
 #include "bench/crowd.hh"
@@ -34,12 +34,12 @@ Samples Wait(const std::vector<MQNode*>& nodes, const Effort& effort) {
 void MeasureWaits(Report* report, const Settings& settings) {
   Section section = {
       "wait",
-      "One wait over idle nodes and one ready, one processor: time beside a bare select (aim 1.05 or less)",
+      "One wait on idle nodes and a ready one, one processor: time relative to a bare select (aim 1.05 or less)",
       {"idle nodes"},
       {},
       {"select: descriptors in one array; records: the same select, each descriptor in its connection's record",
        "poll: array filled once; epoll: descriptors registered once; for information",
-       "2500: descriptors of 1024 and more, the sets are sized from the highest one"}};
+       "2500: descriptors of 1024 and more, sets sized for the highest one"}};
   for (const WaitKind& kind : WaitKinds()) section.columns.push_back(fmt::format("{} us", kind.name));
   for (const char* column :
        {"mnPost/select", "+-", "mnNPost/select", "+- mnNPost", "mnPost/records", "mnNPost/records"}) {
@@ -48,7 +48,7 @@ void MeasureWaits(Report* report, const Settings& settings) {
   Crowd crowd;
   for (const size_t idle : kIdle) {
     crowd.Grow(idle + 1);
-    // The first node is the ready one; it stands in the middle of the list.
+    // The first node of the crowd, which is the ready one, is put in the middle of the list.
     const auto& all = crowd.nodes();
     std::vector<MQNode*> nodes(all.begin() + 1, all.begin() + static_cast<std::ptrdiff_t>(idle) + 1);
     nodes.insert(nodes.begin() + static_cast<std::ptrdiff_t>(idle / 2), all[0]);

@@ -1,4 +1,4 @@
-// waits.cc - one wait over many nodes, five ways. Every timeout is kTimeoutMsec and is never reached.
+// waits.cc - one wait on many nodes, in six ways. The time-out is kTimeoutMsec and never expires.
 #include "bench/waits.hh"
 
 #include <poll.h>
@@ -22,7 +22,7 @@ std::vector<int> DescriptorsOf(const std::vector<MQNode*>& nodes) {
   return fds;
 }
 
-// A record kept for all waits, as a server does.
+// Uses one work record for all waits, as a server does.
 class NodeWaiter : public Waiter {
  public:
   explicit NodeWaiter(const std::vector<MQNode*>& nodes)
@@ -67,7 +67,7 @@ class NPostWaiter : public NodeWaiter {
   }
 };
 
-// Descriptors in one array, which is as near as they can be.
+// Descriptors in one array: the densest layout.
 class DescriptorArray {
  public:
   explicit DescriptorArray(const std::vector<MQNode*>& nodes) : fds_(DescriptorsOf(nodes)) {}
@@ -78,7 +78,7 @@ class DescriptorArray {
   const std::vector<int> fds_;
 };
 
-// Each descriptor in the record of its connection, where a program with more to know of a connection has it.
+// Each descriptor in the record of its connection, as in a program that keeps more data about a connection.
 class DescriptorsInRecords {
  public:
   explicit DescriptorsInRecords(const std::vector<MQNode*>& nodes) : nodes_(nodes) {}
@@ -89,7 +89,7 @@ class DescriptorsInRecords {
   const std::vector<MQNode*> nodes_;
 };
 
-// Three sets as a node wait has them, cleared, filled and walked each time; what is ready goes into a list.
+// Three sets as in a wait on nodes, cleared, filled and scanned each time; ready descriptors are put in a list.
 template <typename Descriptors>
 class SelectWaiter : public Waiter {
  public:

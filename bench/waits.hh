@@ -1,4 +1,4 @@
-// waits.hh - the waits that are compared: nodes' ones and the bare calls over the same descriptors.
+// waits.hh - the waits that are compared: those on nodes, and bare calls on the same file descriptors.
 #pragma once
 
 #include <memory>
@@ -20,7 +20,7 @@ struct WaitKind {
   std::unique_ptr<Waiter> (*make)(const std::vector<MQNode*>& nodes);
 };
 
-// mnPostExMSec, mnNPostExMSec, select, poll, epoll, in this order.
+// mnPostExMSec, mnNPostExMSec, select, poll, epoll, and select with descriptors in records, in this order.
 const std::vector<WaitKind>& WaitKinds();
 
 }  // namespace bench

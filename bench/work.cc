@@ -1,10 +1,9 @@
-// work.cc - does a known amount of work, for the counts of instructions and memory.
-//   mqbench_work message CONTESTANT BODY COUNT   messages written and read by two ends in this process
-//   mqbench_work wait KIND NODES COUNT           waits over idle nodes and one ready
-//   mqbench_work held NODES                      prints resident bytes a node, idle and after a message, bytes asked
-//   for
-//                                                and allocations a node
-// The counted work is done in mqbench_pass.
+// work.cc - does a known amount of work, for measurements of instructions and memory.
+//   mqbench_work message CONTESTANT BODY COUNT   writes and reads messages with two ends in this process
+//   mqbench_work wait KIND NODES COUNT           waits on idle nodes and a ready one
+//   mqbench_work held NODES                      prints per node: resident bytes, idle and after a message; allocated
+//                                                bytes; allocations
+// Instructions are counted inside mqbench_pass.
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// zmq_end.cc - libzmq in its natural patterns: request and reply, or push and pull.
+// zmq_end.cc - libzmq with its own patterns: request and reply, or push and pull.
 #include <zmq.h>
 
 #include <string>
@@ -29,7 +29,7 @@ class ZmqEnd : public End {
     return static_cast<uint16_t>(std::stoi(text.substr(text.rfind(':') + 1)));
   }
 
-  void Accept() override {}  // its own thread does
+  void Accept() override {}  // done by the I/O thread of libzmq
 
   void Connect(uint16_t port) override {
     Open(pattern_ == Pattern::kRoundTrip ? ZMQ_REQ : ZMQ_PUSH);

@@ -1,5 +1,5 @@
-# Run by cpack on the finished packages. It gives every package with a shared library maintainer scripts that call
-# ldconfig; ours have a trigger for that, and Debian wants one of the two.
+# Run by cpack on the finished packages. cpack adds maintainer scripts that call ldconfig to every package with a shared
+# library. These packages have a trigger for that; Debian packages must have only one of the two.
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
   set(folder ${package}.unpacked)
   execute_process(COMMAND dpkg-deb -R ${package} ${folder} COMMAND_ERROR_IS_FATAL ANY)

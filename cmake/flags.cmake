@@ -1,9 +1,9 @@
-# Flags that the whole build shares, and those of the shared libraries.
+# Flags of the whole build, and those of the shared libraries.
 
-# What makes a fault harder to use; tests/checks/elf.sh looks at the outcome and says what is left out.
+# Hardening. tests/checks/elf.sh verifies the result and documents which measures are not taken.
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fstack-protector-strong -fstack-clash-protection)
 add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
-# Not where fuzzers bring their own system calls: clang takes these for second definitions of the fortified ones.
+# Not with fuzzers, which define system calls of their own: clang rejects these as redefinitions of the fortified ones.
 if(NOT MQNODE_SANITIZE AND NOT MQNODE_FUZZ)
   add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>")
 endif()
@@ -12,17 +12,17 @@ if(MQNODE_SANITIZE)
   add_link_options(-fsanitize=${MQNODE_SANITIZE})
 endif()
 if(MQNODE_FUZZ AND MQNODE_SANITIZE)
-  # Both need the type information that the libraries are built without.
+  # The vptr and function checks need type information, which the libraries are built without.
   add_compile_options(-fsanitize=fuzzer-no-link -fno-sanitize=vptr,function)
 endif()
 
-# What such a build makes needs more than a plain one and is neither installed nor packed.
+# The output of an instrumented build needs additional libraries and is neither installed nor packaged.
 set(MQNODE_INSTRUMENTED OFF)
 if(MQNODE_SANITIZE OR MQNODE_COVERAGE OR MQNODE_FUZZ)
   set(MQNODE_INSTRUMENTED ON)
 endif()
 
-# Counts branches in a library. Several processes and threads count at once.
+# Counts branches in a library. Threads count concurrently, hence the atomic update.
 function(mqnode_count_branches target)
   if(MQNODE_COVERAGE)
     target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic -Dalways_inline=noinline)
@@ -30,9 +30,10 @@ function(mqnode_count_branches target)
   endif()
 endfunction()
 
-# Flat C interface, everything else hidden; no exceptions, no RTTI. Exported functions may be called directly from
-# within the library (-fno-semantic-interposition), while their addresses and the exported globals stay what the host
-# sees. Records are filled from registers: collecting their fields in a vector register first costs more than it saves.
+# Flat C interface, everything else hidden; no exceptions, no RTTI. Calls of exported functions inside the library may
+# be direct (-fno-semantic-interposition); the addresses of these functions and the exported variables are still those
+# that the application sees. The fields of a record are not stored as vectors (-fno-tree-slp-vectorize): collecting them
+# in a vector register costs more than it saves.
 function(mqnode_library_flags target)
   set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
@@ -40,9 +41,9 @@ function(mqnode_library_flags target)
   mqnode_count_branches(${target})
 endfunction()
 
-# A program that finds the libraries of the build tree by an absolute search path and is installed without one. CMake's
-# own way, a path that the installation replaces, ends the path in the build tree with an empty element, which names the
-# current directory.
+# Installs a program. In the build tree it finds the libraries by an absolute search path, which the installation
+# removes. CMake's default, a padded path that the installation replaces, would have an empty element at its end in the
+# build tree, which means the current directory.
 function(mqnode_install_program target component)
   set_target_properties(${target} PROPERTIES
     BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH ${CMAKE_LIBRARY_OUTPUT_DIRECTORY} INSTALL_RPATH_USE_LINK_PATH ON)

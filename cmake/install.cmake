@@ -1,10 +1,10 @@
-# What is installed, in components: library, companion, development, tools (mqcat says in tools/ what is its own).
-# Headers go to include/mqnode-1, pkg-config files (mqnode, mqnode-companion) and the CMake package (mqnode) beside the
-# libraries. Both find their files from where they lie: an installed tree may be moved.
+# Installation, in the components library, companion, development and tools (see also tools/).
+# Headers go to include/mqnode-1; pkg-config files and the CMake package go to folders below that of the libraries. Both
+# refer to other files relative to their own location: an installed tree may be moved.
 include(CMakePackageConfigHelpers)
 
-# On Debian libraries lie in a folder of their architecture, here under every prefix, so that packages can be made from
-# any build.
+# On Debian, libraries go to the folder of their architecture under every prefix, not only /usr, so that packages can be
+# made from any build.
 set(libdir ${CMAKE_INSTALL_LIBDIR})
 if(libdir STREQUAL lib AND CMAKE_LIBRARY_ARCHITECTURE AND EXISTS /etc/debian_version)
   set(libdir lib/${CMAKE_LIBRARY_ARCHITECTURE})

@@ -1,10 +1,10 @@
-# Debian packages, one a component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools. From a build folder:
+# Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools. In a build folder, run:
 #   cpack -G DEB
-# tests/install_test.sh does that and has lintian look at the result. There is no address for mail yet: to publish
-# packages, set MQNODE_MAINTAINER.
+# tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
+# MQNODE_MAINTAINER to publish packages.
 set(MQNODE_MAINTAINER "the mqnode authors <maintainers@mqnode.invalid>" CACHE STRING
   "Maintainer field of the packages")
-# Not a revision of Debian's: 0, and one of ours.
+# Debian revision 0, because Debian has no such package, and our own revision mq1.
 set(MQNODE_PACKAGE_RELEASE 0mq1)
 set(MQNODE_PACKAGE_VERSION ${PROJECT_VERSION}-${MQNODE_PACKAGE_RELEASE})
 
@@ -23,7 +23,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${MQNODE_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${MQNODE_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# What the packages need of others is read from the files; of one another it is said below.
+# Dependencies on other packages are read from the binaries; those among these packages are given below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/before_packing.cmake)
@@ -32,7 +32,7 @@ set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/after_packing.cmake)
 find_program(GZIP gzip)
 string(TIMESTAMP MQNODE_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 
-# A file compressed without its name and time.
+# Installs a file compressed by gzip, without name and time stamp.
 function(mqnode_install_gzipped source name folder component)
   set(packed ${PROJECT_BINARY_DIR}/packages/${component}/${name}.gz)
   file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packages/${component})
@@ -40,8 +40,8 @@ function(mqnode_install_gzipped source name folder component)
   install(FILES ${packed} DESTINATION ${folder} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endfunction()
 
-# mqnode_package(COMPONENT NAME SECTION SUMMARY DESCRIPTION): names the package of a component and gives it what every
-# Debian package has: a copyright file and the two changelogs. These are not part of a plain cmake --install.
+# mqnode_package(COMPONENT NAME SECTION SUMMARY DESCRIPTION): names the package of a component and adds the files that
+# every Debian package has: copyright and two changelogs. A plain cmake --install does not install these.
 function(mqnode_package component name section summary description)
   set(documents ${CMAKE_INSTALL_DATADIR}/doc/${name})
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/copyright DESTINATION ${documents} COMPONENT ${component} EXCLUDE_FROM_ALL)
@@ -55,8 +55,8 @@ function(mqnode_package component name section summary description)
   set(CPACK_DEBIAN_${COMPONENT}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
 endfunction()
 
-# mqnode_library_package(COMPONENT LIBRARY): the control files of a package with a shared library: what programs linked
-# with it depend on, and the trigger that makes the loader notice it.
+# mqnode_library_package(COMPONENT LIBRARY): adds the control files of a package with a shared library: the dependency
+# of programs linked with it, and the trigger that runs ldconfig.
 function(mqnode_library_package component library)
   set(folder ${PROJECT_BINARY_DIR}/packages/${component})
   set(major ${PROJECT_VERSION_MAJOR})
@@ -72,19 +72,19 @@ command messages with peers over TCP or UDP, plain or in a signed envelope,
 and wait on many of them at once. There is no server, no thread and no main
 loop: the process calls the library.
 .
-This package has the library that programs load. It takes names from a
-companion runtime that a program loads before it: the one in libmqcompanion1,
-or its own.]])
+This package contains the shared library. A program loads it after a
+companion, which provides memory, log and message encoding: the one in
+libmqcompanion1, or its own.]])
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS "libmqcompanion1")
 mqnode_library_package(library libmqnode)
 
-mqnode_package(companion libmqcompanion1 libs "companion runtime of the mqnode messaging library" [[
-mqnode takes memory, buffers, log, identity, the message encoding and the
-signatures from a companion runtime, under fixed names.
+mqnode_package(companion libmqcompanion1 libs "companion of the mqnode messaging library" [[
+mqnode gets memory, buffers, log, identity, message encoding and signatures
+from a companion, a library with functions of fixed names.
 .
-This package has the one that comes with it: an account of memory by tag,
+This package contains the companion of the project: memory accounting by tag,
 messages with typed parameters in both byte orders, Ed25519 signatures with
-protection against replay.]])
+replay protection.]])
 mqnode_library_package(companion libmqcompanion)
 
 mqnode_package(development libmqnode-dev libdevel "message nodes over TCP and UDP, development files" [[
@@ -92,14 +92,14 @@ mqnode lets a process create message nodes, endpoints that exchange framed
 command messages with peers over TCP or UDP, plain or in a signed envelope,
 and wait on many of them at once.
 .
-This package has the headers for C and C++, the files for pkg-config (mqnode,
-mqnode-companion) and the CMake package (mqnode).]])
+This package contains the headers for C and C++, the pkg-config files (mqnode,
+mqnode-companion, mqnode-host) and the CMake package (mqnode).]])
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libmqnode1 (= ${MQNODE_PACKAGE_VERSION}), libmqcompanion1 (= ${MQNODE_PACKAGE_VERSION})")
 
-mqnode_package(tools mqnode-tools net "send, receive and take apart mqnode messages" [[
+mqnode_package(tools mqnode-tools net "send, receive and decode mqnode messages" [[
 mqcat speaks the protocol of mqnode nodes on the command line: it listens,
-sends, measures round trips, takes captured bytes apart field by field, keeps
+sends, measures round trips, decodes captured bytes field by field, manages
 key files, and explains error codes.]])
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")

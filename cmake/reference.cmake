@@ -1,5 +1,5 @@
-# Manual pages of the library's functions, made from the headers at every build and installed with them. The pages for a
-# browser are made by ./run reference.
+# Manual pages of the functions, made from the headers at every build and installed with them. The HTML pages are made
+# by ./run reference.
 find_program(AWK awk)
 if(NOT AWK)
   message(STATUS "no awk: the manual pages of the functions are not made")

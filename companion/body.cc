@@ -1,7 +1,7 @@
-// body.cc - bodies: checked, converted to the host's form, indexed.
+// body.cc - checks bodies, converts them to native form, and indexes their parameters.
 // Not here: headers (header.cc), building a body and reading its parameters (record.cc).
-// Invariant: no byte is read before the lengths that lead to it were checked against raw.length, and nothing is
-// converted before the whole body was checked.
+// Invariant: every length is checked against raw.length before the bytes that it covers are read, and a whole body is
+// checked before any of it is converted.
 
 #include "companion/charset.hh"
 #include "companion/message.hh"
@@ -9,7 +9,7 @@
 namespace mqc {
 namespace {
 
-// One parameter as it stands in raw. Lengths are checked, the value is still in its sender's form.
+// A parameter in raw. Its head is decoded; its value is still in the sender's form.
 struct Param {
   uint32_t index;
   uint32_t id;
@@ -18,26 +18,26 @@ struct Param {
   uint32_t at;  // of the parameter's head, from the start of raw
 };
 
-// Takes the parameter by value: a reference would keep every parameter of every body in memory.
+// Takes the parameter by value: with a reference, the compiler would store each Param of a body to memory.
 [[gnu::cold, gnu::noinline]] bool FailParam(ErrorText error, Param param, const char* what, uint32_t number) {
   return Fail(error, "parameter %u (id %u, type %u): %s %u", param.index, param.id, param.type, what, number);
 }
 
-// Bytes that a value of this length takes in the body; the length is at most MQ_MAX_MESSAGE.
+// Number of bytes that a value takes in the body, with its padding. length is at most MQ_MAX_MESSAGE.
 inline uint32_t StoredLength(uint32_t type, uint32_t length) { return (length + (type == MQC_TEXT ? 1 : 0) + 3) & ~3u; }
 
-// True when the bytes from length to stored are zero; there are at most four of them.
+// Whether the bytes from length to stored are zero. There are at most four of them.
 inline bool IsPaddingZero(const uint8_t* value, uint32_t length, uint32_t stored) {
   const uint32_t padding = stored - length;
   if (padding == 0) return true;
-  const uint32_t last = LoadAs<kHostIsBig == 1>(value + stored - 4);  // the last byte is the highest
+  const uint32_t last = LoadAs<kHostIsBig == 1>(value + stored - 4);  // as little-endian: the last byte is the highest
   return last >> 8 * (4 - padding) == 0;
 }
 
-// room: bytes of the body behind the parameter's head; the length is no more than that.
-inline bool CheckPadded(const uint8_t* value, const Param& param, uint32_t room, ErrorText error) {
+// left: number of bytes in the body after the parameter's head, at least param.length.
+inline bool CheckPadded(const uint8_t* value, const Param& param, uint32_t left, ErrorText error) {
   const uint32_t stored = StoredLength(param.type, param.length);
-  if (stored > room) return FailParam(error, param, "padding beyond the body, bytes left:", room);
+  if (stored > left) return FailParam(error, param, "padding beyond the body, bytes left:", left);
   if (!IsPaddingZero(value, param.length, stored)) {
     return FailParam(error, param, "padding is not zero after", param.length);
   }
@@ -47,8 +47,8 @@ inline bool CheckPadded(const uint8_t* value, const Param& param, uint32_t room,
   return true;
 }
 
-inline bool CheckParam(const uint8_t* value, const Param& param, uint32_t room, ErrorText error) {
-  if (param.length > room) return FailParam(error, param, "longer than the body, bytes left:", room);
+inline bool CheckParam(const uint8_t* value, const Param& param, uint32_t left, ErrorText error) {
+  if (param.length > left) return FailParam(error, param, "longer than the body, bytes left:", left);
   switch (param.type) {
     case MQC_INT32:
       return param.length == sizeof(int32_t) || FailParam(error, param, "an integer of length", param.length);
@@ -56,14 +56,14 @@ inline bool CheckParam(const uint8_t* value, const Param& param, uint32_t room, 
       return param.length == sizeof(int64_t) || FailParam(error, param, "an integer of length", param.length);
     case MQC_TEXT:
     case MQC_BYTES:
-      return CheckPadded(value, param, room, error);
+      return CheckPadded(value, param, left, error);
     default:
       return FailParam(error, param, "unknown type, length", param.length);
   }
 }
 
-// Walks the body of raw, whose integers are in the host's order or, with kSwap, in the other one; every parameter that
-// passes its checks goes to visit(param). Stops at the first fault.
+// Walks the body of raw, whose integers are in host byte order or, with kSwap, in the opposite one. Calls visit(param)
+// for every parameter that is valid; stops at the first that is not.
 template <bool kSwap, typename Visit>
 bool WalkBody(const PcfRawData& raw, ErrorText error, Visit visit) {
   const uint32_t end = raw.length;
@@ -97,7 +97,7 @@ void SwapParam(uint8_t* head, uint32_t type) {
   }
 }
 
-// Checks first, so that a body is converted whole or not at all.
+// Checks the whole body first, so that it is converted completely or not at all.
 template <bool kSwap>
 bool ConvertBody(PcfRawData& raw, const uint8_t* ebcdic, ErrorText error) {
   if (!WalkBody<kSwap>(raw, error, [](const Param&) {})) return false;
@@ -131,7 +131,7 @@ bool CheckComplete(const PcfRawData& raw, ErrorText error) {
   return IsNativeMessage(raw.data, raw.length) || CheckNativeHeader(raw.data, raw.length, error);
 }
 
-// The straight road: a whole message of which nothing is to be converted.
+// The fast path: a complete message in native form.
 inline bool IsConverted(const PcfRawData& raw) {
   return raw.data != nullptr && raw.length >= kHeader && raw.length <= raw.capacity &&
          IsNativeMessage(raw.data, raw.length) && Load(raw.data + kAtOrigin) == 0;

@@ -1,5 +1,5 @@
 // buffers.cc - data areas of IoBuffers.
-// Not here: raw areas of messages (record.cc), the account (memory.cc).
+// Not here: raw areas of messages (record.cc), accounting (memory.cc).
 // Invariant: data is null exactly when the record owns no area.
 
 #include <string.h>
@@ -37,14 +37,14 @@ void ResetBuffer(IoBuffer* buf, uint32_t length) {
   buf->sent = 0;
 }
 
-// Keeps what was received and, for a buffer being sent, what its length covers.
+// Preserves the received bytes and, in a buffer that is being sent, the first length bytes.
 void SizeBuffer(IoBuffer* buf, uint32_t size) {
   if (buf->data != nullptr && size <= buf->capacity) return;
   auto* area = static_cast<uint8_t*>(mqc::Allocate<Kind::kArea>(size, tag));
   if (area == nullptr) return;
   if (buf->data != nullptr) {
-    const uint32_t held = buf->received > buf->length ? buf->received : buf->length;
-    memcpy(area, buf->data, held < buf->capacity ? held : buf->capacity);
+    const uint32_t used = buf->received > buf->length ? buf->received : buf->length;
+    memcpy(area, buf->data, used < buf->capacity ? used : buf->capacity);
     mqc::Release<Kind::kArea>(buf->data);
   }
   buf->data = area;

@@ -1,5 +1,5 @@
 // charset.cc - the conversion table from EBCDIC, taken from the system's iconv.
-// The target is ISO-8859-1, of which ASCII is the lower half: every byte has exactly one, so lengths never change.
+// The target is ISO-8859-1, whose lower half is ASCII: every byte maps to exactly one byte, so lengths never change.
 
 #include "companion/charset.hh"
 

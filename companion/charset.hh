@@ -1,4 +1,4 @@
-// charset.hh - EBCDIC text of foreign senders.
+// charset.hh - text of senders that use EBCDIC.
 #pragma once
 
 #include <stddef.h>
@@ -6,8 +6,8 @@
 
 namespace mqc {
 
-// The host's character for each byte of IBM-1047, one for one; byte 0 and only byte 0 gives 0. Null when the system's
-// iconv does not know the character set. Built at the first call, good for the life of the process.
+// Table that maps each byte of IBM-1047 to a character of the host, one to one; only byte 0 maps to 0. Null if the
+// system's iconv does not support that character set. Built on the first call; valid until the process ends.
 const uint8_t* EbcdicTable();
 
 inline void FromEbcdic(uint8_t* text, size_t length, const uint8_t* table) {

@@ -7,24 +7,24 @@
 
 namespace mqc {
 
-constexpr size_t kErrorText = 160;  // enough for every text of the messages and the signatures
+constexpr size_t kErrorText = 160;  // no error text about messages or signatures is longer
 
-// Where an error text goes: a caller's place, which may be null, or one of ours.
+// Destination of an error text: the caller's buffer, which may be null, or one of the companion's.
 struct ErrorText {
-  char* place;
+  char* text;
   size_t size;
 };
 
 inline void Clear(ErrorText error) {
-  if (error.place != nullptr && error.size != 0) error.place[0] = '\0';
+  if (error.text != nullptr && error.size != 0) error.text[0] = '\0';
 }
 
-// Always false, so that a check reads: return Fail(error, ...).
+// Formats the text. Always returns false, so that a check can end with: return Fail(error, ...).
 [[gnu::cold, gnu::noinline, gnu::format(printf, 2, 3)]] inline bool Fail(ErrorText error, const char* format, ...) {
-  if (error.place == nullptr || error.size == 0) return false;
+  if (error.text == nullptr || error.size == 0) return false;
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(error.place, error.size, format, arguments);
+  vsnprintf(error.text, error.size, format, arguments);
   va_end(arguments);
   return false;
 }

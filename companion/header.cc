@@ -1,6 +1,6 @@
-// header.cc - plain headers and envelopes: from any sender's form to the host's.
+// header.cc - converts plain headers and envelopes to native form.
 // Not here: bodies (body.cc), signatures (sign.cc).
-// Invariant: a header is converted whole or left as it was, and a native one stays as it is.
+// Invariant: a header is converted completely or not changed at all. A native header does not change.
 
 #include "companion/charset.hh"
 #include "companion/message.hh"
@@ -17,7 +17,8 @@ struct Form {
   bool ebcdic;
 };
 
-// Reads the sender's form off a header or envelope whose first word is to be length, and sees that it fits together.
+// Determines the sender's form from a header or envelope, whose first word must be length, and checks that its fields
+// are consistent.
 bool TellForm(const uint8_t* h, uint32_t length, Form* form, ErrorText error) {
   const uint32_t first = Load(h + kAtLength);
   form->swapped = first == __builtin_bswap32(length);
@@ -31,7 +32,8 @@ bool TellForm(const uint8_t* h, uint32_t length, Form* form, ErrorText error) {
   return true;
 }
 
-// The table for a sender's text; null with form.ebcdic false is right.
+// Sets *table to the conversion table for the sender's text, null if no conversion is needed. Returns false if it is
+// needed but not available.
 bool NeedTable(const Form& form, const uint8_t** table, ErrorText error) {
   *table = form.ebcdic ? EbcdicTable() : nullptr;
   if (form.ebcdic && *table == nullptr) return Fail(error, "the system's iconv does not know IBM1047");
@@ -88,7 +90,7 @@ bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error) {
 
 using namespace mqc;
 
-// A browsed record says length 0, whatever it holds: capacity tells whether a header can be there.
+// After a browse, length may be 0 although there is a header: capacity shows whether one fits.
 int AlienToNative(PcfRawData* raw) {
   if (raw->data == nullptr || raw->capacity < kHeader) [[unlikely]]
     return FailRoom(raw);

@@ -1,4 +1,4 @@
-// keyline.cc - a key as text: its digits, and the line of a key file.
+// keyline.cc - keys as text: hexadecimal digits, and the lines of key files.
 // Not here: files (keys.cc), the ring (ring.cc).
 
 #include <sodium.h>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr char kBlanks[] = " \t\r";
 constexpr char kUntil[] = "until=";
-constexpr size_t kDate = 10;           // 2027-06-30
+constexpr size_t kDate = 10;           // length of 2027-06-30
 constexpr int64_t kDay = 86400000;     // milliseconds
 constexpr int64_t kLastDay = 2932896;  // 9999-12-31
 
@@ -29,7 +29,7 @@ bool Is(Word word, const char* text) {
   return word.length == strlen(text) && memcmp(word.start, text, word.length) == 0;
 }
 
-// The next word of the line, before its comment; empty at the end. Moves *line behind it.
+// The next word of the line; empty at its end and at a comment. Moves *line past the word.
 Word NextWord(const char** line) {
   const char* start = *line + strspn(*line, kBlanks);
   const size_t length = strcspn(start, " \t\r#");
@@ -46,11 +46,11 @@ bool ReadUser(Word word, char user[MQC_USER_MAX + 1]) {
 
 bool ReadDigits(const char* digits, size_t length, uint8_t key[MQC_KEY_BYTES]) {
   size_t size = 0;
-  const bool right = length == 2 * MQC_KEY_BYTES &&
+  const bool valid = length == 2 * MQC_KEY_BYTES &&
                      sodium_hex2bin(key, MQC_KEY_BYTES, digits, length, nullptr, &size, nullptr) == 0 &&
                      size == MQC_KEY_BYTES;
-  if (!right) sodium_memzero(key, MQC_KEY_BYTES);
-  return right;
+  if (!valid) sodium_memzero(key, MQC_KEY_BYTES);
+  return valid;
 }
 
 bool ReadNumber(const char* digits, size_t length, unsigned* number) {
@@ -58,7 +58,7 @@ bool ReadNumber(const char* digits, size_t length, unsigned* number) {
   return error == std::errc{} && end == digits + length;
 }
 
-// The last millisecond of a day, YYYY-MM-DD.
+// Sets *until to the last millisecond of a day, given as YYYY-MM-DD.
 bool ReadDate(const char* text, size_t length, int64_t* until) {
   unsigned year, month, day;
   if (length != kDate || text[4] != '-' || text[7] != '-') return false;
@@ -70,7 +70,7 @@ bool ReadDate(const char* text, size_t length, int64_t* until) {
   return true;
 }
 
-// Each of the words behind the key at most once, in any order.
+// Reads one of the words after the key. They may come in any order, but each only once.
 bool ReadAttribute(Word word, MqcKey* key) {
   if (Is(word, "public") || Is(word, "secret")) {
     if (key->kind != MQC_KEY_UNMARKED) return false;

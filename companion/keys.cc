@@ -1,6 +1,6 @@
-// keys.cc - pairs of keys, key files, signers.
-// Not here: a key as text (keyline.cc), who is accepted (ring.cc), signatures (sign.cc).
-// Invariant: a copy of a secret key that outlives a call lies in memory for secrets (secret.hh).
+// keys.cc - key pairs, key files, signers.
+// Not here: keys as text (keyline.cc), accepted users (ring.cc), signatures (sign.cc).
+// Invariant: a copy of a secret key that outlives a call is in secret memory (secret.hh).
 
 #include "companion/keys.hh"
 
@@ -64,6 +64,7 @@ bool WriteAll(int fd, const char* bytes, size_t size) {
   while (size > 0) {
     const ssize_t put = write(fd, bytes, size);
     if (put < 0 && errno == EINTR) continue;
+    if (put == 0) errno = EIO;
     if (put <= 0) return false;
     bytes += put;
     size -= static_cast<size_t>(put);
@@ -71,7 +72,7 @@ bool WriteAll(int fd, const char* bytes, size_t size) {
   return fsync(fd) == 0;
 }
 
-// The one line of this user, or of the file when user is null.
+// Copies the only line of this user or, if user is null, of the file.
 bool PickKey(const char* path, const char* user, KeyLine* picked, ErrorText error) {
   KeyFile file;
   const Secret<KeyLine> line(tags[kTagFile]);
@@ -117,7 +118,7 @@ KeyFile::~KeyFile() { ReleaseSecret(bytes_); }
 
 bool KeyFile::Open(const char* path, bool secret, size_t max_size, ErrorText error) {
   path_ = path;
-  // A pipe of this name must not block; CheckFile refuses it.
+  // O_NONBLOCK, because opening a FIFO must not block. CheckFile refuses it.
   const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (fd < 0) return FailSystem(error, path, errno);
   const bool whole = CheckFile(fd, path, secret, max_size, &size_, error) && Read(fd, error);
@@ -128,13 +129,13 @@ bool KeyFile::Open(const char* path, bool secret, size_t max_size, ErrorText err
 bool KeyFile::Read(int fd, ErrorText error) {
   bytes_ = static_cast<char*>(AllocateSecret(static_cast<uint32_t>(size_ + 1), tags[kTagFile]));
   if (bytes_ == nullptr) return Fail(error, "%s: no memory to read it", path_);
-  // A file that shrank meanwhile ends in zeros.
-  for (size_t held = 0; held < size_;) {
-    const ssize_t got = read(fd, bytes_ + held, size_ - held);
+  // If the file has become shorter since fstat, the rest of the memory stays zero.
+  for (size_t done = 0; done < size_;) {
+    const ssize_t got = read(fd, bytes_ + done, size_ - done);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return FailSystem(error, path_, errno);
     if (got == 0) break;
-    held += static_cast<size_t>(got);
+    done += static_cast<size_t>(got);
   }
   return true;
 }
@@ -224,10 +225,9 @@ int mqc_secret_file_write_until(const char* path, const char* user, const uint8_
   strcat(content->line, "\n");
   const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return FailSystem(text, path, errno);
-  bool written = WriteAll(fd, content->line, strlen(content->line));
-  const int code = errno;
-  written = close(fd) == 0 && written;
-  if (written) return 1;
+  int code = WriteAll(fd, content->line, strlen(content->line)) ? 0 : errno;
+  if (close(fd) != 0 && code == 0) code = errno;
+  if (code == 0) return 1;
   unlink(path);
   return FailSystem(text, path, code);
 }

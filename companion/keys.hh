@@ -7,11 +7,11 @@
 #include "companion/errors.hh"
 #include "companion/host.h"
 
-// The security context of a signed write. Not changed after it is made, so that threads may share it.
+// The security context of a signed write. Not changed after it was created: threads may share it.
 struct MqcSigner {
-  uint32_t mark;  // kSignerMark while it lives
+  uint32_t mark;  // kSignerMark until the signer is released
   char user[MQC_USER_MAX + 1];
-  uint8_t secret[64];  // as libsodium wants it: seed, public key
+  uint8_t secret[64];  // in libsodium's format: seed, public key
   uint8_t public_key[MQC_KEY_BYTES];
   int64_t until;  // milliseconds since 1970; MQC_NO_END
   // Of a signer that seals: whom for, and the key of that user when the signer was made, as Ed25519 and as X25519 key.
@@ -24,17 +24,17 @@ namespace mqc {
 
 constexpr uint32_t kSignerMark = 0x4D515347;
 
-// libsodium made ready; false when it cannot be, which means that the system gives no randomness.
+// Initialises libsodium on the first call. False if that failed: the system provides no random numbers.
 bool HaveSodium();
 
-// The present by the clock of mqc_set_clock, in milliseconds since 1970.
+// The current time, from the clock set by mqc_set_clock, in milliseconds since 1970.
 int64_t Now();
 
-// True for 1 to 12 printable ASCII characters, no blank, no '#'.
+// Whether user consists of 1 to 12 printable ASCII characters, without blanks and '#'.
 bool IsUser(const char* user);
 constexpr char kNotUser[] = "\"%.40s\" is not a user: 1 to 12 printable ASCII characters, without blanks and #";
 
-// The day of a time in milliseconds since 1970, UTC: "2027-06-30".
+// The UTC date of a time in milliseconds since 1970, as in "2027-06-30".
 struct Date {
   char text[16];
 };
@@ -44,17 +44,18 @@ struct KeyLine : MqcKey {
   uint32_t number;  // line of the file, from 1
 };
 
-// A key file in memory for secrets.
+// The contents of a key file, in secret memory.
 class KeyFile {
  public:
   ~KeyFile();
-  // secret: the file holds secret keys and nobody but its owner may have access to it. Nobody but its owner may write
-  // to the others. The owner is the user of this process or root.
+  // secret: the file contains secret keys, so only its owner may have access to it. Other files may be written only by
+  // their owner. The owner must be the user of this process or root.
   bool Open(const char* path, bool secret, size_t max_size, ErrorText error);
-  // The next line that holds a key. False at the end, and with bad() after a malformed line.
+  // Reads the next line that contains a key. Returns false at the end of the file, and at a malformed line, after which
+  // bad() is true.
   bool Next(KeyLine* line, ErrorText error);
   bool bad() const { return bad_; }
-  // No more keys than this can be in the file.
+  // Upper bound of the number of keys in the file.
   size_t MaxKeys() const;
 
  private:

@@ -1,4 +1,4 @@
-// locks.cc - the locks, and what a fork does with them.
+// locks.cc - the locks, and the handlers that make them safe across fork.
 
 #include "companion/locks.hh"
 
@@ -17,7 +17,7 @@ void ReleaseAll() {
   for (uint32_t i = kLocks; i > 0; --i) pthread_mutex_unlock(&locks[i - 1]);
 }
 
-// Without memory for the handlers the companion works; only a fork among threads is not safe then.
+// If there is no memory for the handlers, the companion works, but forking a process with several threads is not safe.
 __attribute__((constructor)) void WatchForks() { pthread_atfork(TakeAll, ReleaseAll, ReleaseAll); }
 
 }  // namespace

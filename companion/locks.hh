@@ -1,7 +1,8 @@
-// locks.hh - every lock of the companion, in one table so that a fork can take them all.
+// locks.hh - all locks of the companion, in one table so that fork can take them all.
 //
-// A child of fork has one thread. A lock that another thread of the parent held would stay taken in it for ever, so the
-// fork takes all locks first and both processes release them: the child finds every table complete and every lock free.
+// The child of a fork has a single thread. A lock that another thread of the parent held would stay locked in the child
+// for ever. Therefore all locks are taken before a fork, and both processes release them after it: the child finds
+// consistent tables and free locks.
 #pragma once
 
 #include <pthread.h>
@@ -9,9 +10,9 @@
 
 namespace mqc {
 
-// In the order in which they are taken: while a thread holds one, it takes only later ones.
+// In locking order: a thread that holds one of them takes only later ones.
 enum LockIndex : uint32_t {
-  kLockOnce,    // what is set up at its first use
+  kLockOnce,    // initialisation on first use
   kLockOpener,  // the key that opens sealed messages
   kLockRing,    // users and their keys
   kLockReplay,  // accepted messages

@@ -1,8 +1,9 @@
-// log.cc - one line a message, to standard error or to a file.
-// Everything that LOGMSG reaches is safe in a signal handler: no lock, no allocation, no stdio, no time zone. The file
-// is opened for each line, so that no descriptor of ours can be closed and reused under us. No line is written to a
-// socket but the journal's: in a process that was started without standard error, descriptor 2 may be a connection.
-// Invariants: log_file is null or points at a complete entry. A line that cannot be written at once is lost and
+// log.cc - writes one line per message to standard error or to a file.
+// LOGMSG is async-signal-safe: it takes no lock, allocates nothing, and uses neither stdio nor the time zone. The file
+// is opened for each line, so that the application cannot close its file descriptor and reuse the number. The only
+// socket that is written to is the journal's: in a process that was started without standard error, file descriptor 2
+// may be a connection.
+// Invariants: log_file is null or points to a complete entry. A line that cannot be written at once is dropped and
 // counted.
 
 #include <fcntl.h>
@@ -22,20 +23,20 @@
 namespace {
 
 constexpr size_t kMaxPath = 1024;
-constexpr size_t kMaxLine = 1024;  // a longer message is cut; below PIPE_BUF, so that a pipe takes a line whole
+constexpr size_t kMaxLine = 1024;  // longer messages are truncated; below PIPE_BUF, so that writes to a pipe are atomic
 constexpr int kLogMode = 0640;
 
 struct LogFile {
   char path[kMaxPath];
-  bool is_checked;  // named by the environment: nothing but a regular file of this user is written to
+  bool is_checked;  // named by the environment: it must be a regular file of this user
 };
 
-LogFile places[2];  // the one in use, and the one for the next change
+LogFile log_files[2];  // the one in use, and the one for the next change
 std::atomic<const LogFile*> log_file;
 std::atomic<bool> file_known;
 std::atomic<uint32_t> lost_lines;
 
-// The socket that the service manager gave to this process as its standard error.
+// The socket that the service manager passed to this process as standard error.
 dev_t journal_device;
 ino_t journal_inode;
 
@@ -45,10 +46,10 @@ bool UsePath(const char* path, bool is_checked) {
   } else {
     const size_t length = strnlen(path, kMaxPath);
     if (length == kMaxPath) return false;
-    LogFile& place = places[log_file.load(std::memory_order_relaxed) == &places[0] ? 1 : 0];
-    memcpy(place.path, path, length + 1);
-    place.is_checked = is_checked;
-    log_file.store(&place, std::memory_order_release);
+    LogFile& next = log_files[log_file.load(std::memory_order_relaxed) == &log_files[0] ? 1 : 0];
+    memcpy(next.path, path, length + 1);
+    next.is_checked = is_checked;
+    log_file.store(&next, std::memory_order_release);
   }
   file_known.store(true, std::memory_order_release);
   return true;
@@ -64,7 +65,7 @@ void TakeJournal(const char* stream) {
   journal_inode = strtoull(end + 1, nullptr, 10);
 }
 
-// Runs when the companion is loaded, while the environment is at rest; a line written even earlier runs it first.
+// Runs when the companion is loaded, before other threads can change the environment. LOGMSG runs it if called earlier.
 __attribute__((constructor)) void TakeEnvironment() {
   if (file_known.load(std::memory_order_acquire)) return;
   TakeJournal(secure_getenv("JOURNAL_STREAM"));
@@ -80,7 +81,7 @@ struct Date {
   uint32_t year, month, day;
 };
 
-// Gregorian date of a day counted from 1970-01-01, in eras of 400 years that begin on the first of March.
+// Gregorian date of a day counted from 1970-01-01, computed in eras of 400 years that begin on 1 March.
 Date DateOfDay(uint64_t days) {
   const uint64_t shifted = days + 719468;
   const uint64_t era = shifted / 146097;
@@ -118,10 +119,10 @@ char* PutTime(char* at) {
   return at;
 }
 
-// The line that LOGMSG writes for this text; at least 1 byte, at most kMaxLine.
+// Forms the line for this text. Returns its length, at most kMaxLine.
 size_t FormLine(char line[kMaxLine], const char* text) {
   char* at = PutTime(line);
-  // One message is one line, whatever a peer managed to have put into it.
+  // The text may contain data of a peer: without control characters, one message is always one line.
   for (; *text != '\0' && at < line + kMaxLine - 1; ++text) {
     const bool control = static_cast<unsigned char>(*text) < ' ' || *text == 0x7f;
     *at++ = control ? '.' : *text;
@@ -135,10 +136,10 @@ bool IsOwnRegularFile(int fd) {
   return fstat(fd, &about) == 0 && S_ISREG(about.st_mode) && about.st_uid == geteuid();
 }
 
-// A descriptor of our own; -1 when there is no file, or none that may be written to.
+// Opens the log file. Returns its file descriptor, or -1 if there is no file or it must not be written to.
 int OpenFile(const LogFile* file) {
   if (file == nullptr) return -1;
-  // A pipe that nobody reads must not block the caller.
+  // O_NONBLOCK, because a FIFO without a reader must not block the caller.
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   const int fd = open(file->path, file->is_checked ? flags | O_NOFOLLOW : flags, kLogMode);
   if (fd < 0 || !file->is_checked || IsOwnRegularFile(fd)) return fd;
@@ -146,8 +147,8 @@ int OpenFile(const LogFile* file) {
   return -1;
 }
 
-// Whether a line can go to standard error, and whether that is a pipe.
-bool CanTake(bool* is_pipe) {
+// Whether standard error may and can be written to now. Sets *is_pipe if so.
+bool IsStandardErrorWritable(bool* is_pipe) {
   struct stat about;
   if (fstat(STDERR_FILENO, &about) != 0) return false;
   const bool is_journal = about.st_dev == journal_device && about.st_ino == journal_inode;
@@ -157,13 +158,14 @@ bool CanTake(bool* is_pipe) {
   return poll(&state, 1, 0) == 1 && state.revents == POLLOUT;
 }
 
-// Standard error, for one line: 2 or a descriptor of our own; -1 when it takes none now. O_NONBLOCK would be set for
-// all who share the descriptor, so a pipe is opened once more: others may fill it after it was looked at.
+// Returns a file descriptor for writing one line to standard error: 2 or a new one; -1 if it is not writable now. A
+// pipe is opened again, non-blocking, because other processes may fill it after the poll; O_NONBLOCK on descriptor 2
+// itself would affect all processes that share it.
 int OpenStandardError() {
   bool is_pipe = false;
-  if (!CanTake(&is_pipe)) return -1;
-  const int own = is_pipe ? open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY) : -1;
-  return own >= 0 ? own : STDERR_FILENO;
+  if (!IsStandardErrorWritable(&is_pipe)) return -1;
+  const int reopened = is_pipe ? open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY) : -1;
+  return reopened >= 0 ? reopened : STDERR_FILENO;
 }
 
 bool WriteText(int fd, const char* text) {
@@ -185,7 +187,7 @@ bool ReportLost(int fd, uint32_t lost) {
   return WriteText(fd, text);
 }
 
-// Writes the line, and before it how many were lost. True when nothing was lost now.
+// Writes the line, after a line with the number of lost ones, if any. Returns false if this line is lost.
 bool WriteLines(int fd, const char* text) {
   const uint32_t lost = fd < 0 ? 0 : lost_lines.exchange(0, std::memory_order_relaxed);
   if (lost != 0 && !ReportLost(fd, lost)) {

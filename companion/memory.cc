@@ -1,6 +1,6 @@
-// memory.cc - the tags, their account, the allocation that has to fail, and fNewMemory.
-// Not here: the blocks themselves (memory.hh), data areas of buffers (buffers.cc).
-// Invariant: a tag's name is set once, under the lock, before any block names the tag.
+// memory.cc - tags and their accounting, injected allocation failures, and fNewMemory.
+// Not here: the layout of blocks (memory.hh), data areas of buffers (buffers.cc).
+// Invariant: the name of a tag is set once, under the lock, before any block refers to the tag.
 
 #include "companion/memory.hh"
 
@@ -26,7 +26,8 @@ std::atomic<uint64_t> failures;
 std::atomic<bool> fail_onwards;
 std::atomic<uint32_t> tags_in_use = kTagFirstFree;
 
-// Tags are constant text, so the address of a name tells its tag. A slot is written once: first tag, then key.
+// Hash table from the address of a name to its tag; names are constant text. A slot is written once, first tag, then
+// key, so that it can be read without the lock.
 struct TagSlot {
   std::atomic<const char*> key;
   Tag* tag;
@@ -48,7 +49,7 @@ Tag* TagByName(const char* name) {
   return nullptr;
 }
 
-// Holds the lock.
+// The caller holds kLockTags.
 Tag* NewTag(const char* name) {
   const uint32_t used = tags_in_use.load(std::memory_order_relaxed);
   if (used == kTags) return &tags[kTagOther];
@@ -58,7 +59,8 @@ Tag* NewTag(const char* name) {
   return &tag;
 }
 
-// Slots are probed from the name's own one; a table full of other names leaves the search by text.
+// Finds the tag of a name by linear probing, and enters the name if it is new. If the table is full, each call finds
+// the tag by comparing texts.
 [[gnu::noinline]] Tag& LearnTag(const char* name) {
   if (name == nullptr) return tags[kTagNone];
   for (uint32_t i = 0; i < kSlots; ++i) {
@@ -141,22 +143,22 @@ void CountOut(Tag& tag, uint64_t size) {
   __atomic_fetch_sub(&tag.live, 1, __ATOMIC_RELAXED);
 }
 
-void Free(void* place) {
-  const BlockHead& head = HeadOf(place);
+void Free(void* data) {
+  const BlockHead& head = HeadOf(data);
   CountOut(*head.tag, head.size);
-  free(static_cast<char*>(place) - head.offset);
+  free(static_cast<char*>(data) - head.offset);
 }
 
 void DropKept(Kind kind) {
   Kept& last = kept[kind];
   if (last.bytes == 0 || !__libc_single_threaded) return;
-  free(static_cast<char*>(last.place) - HeadOf(last.place).offset);
+  free(static_cast<char*>(last.data) - HeadOf(last.data).offset);
   last.bytes = 0;
 }
 
 }  // namespace mqc
 
-// Fast path: a kept block, cleared without a call. Most records are descriptors of writes.
+// Fast path: a kept block, cleared without a call. Most records are write descriptors.
 int fNewMemory(void** out, uint32_t size, const char* tag) {
   void* block = size == sizeof(IoBuffer) ? mqc::TakeKept<mqc::kRecord>(sizeof(IoBuffer), mqc::FindTag(tag)) : nullptr;
   if (block == nullptr) return mqc::NewMemory(out, size, tag);

@@ -1,13 +1,13 @@
 // message.hh - the wire form of a message and the index of its parameters; shared by header.cc, body.cc and record.cc.
 //
-// Header words of the message library (offset, bytes):
+// Header fields of the companion (offset, length):
 //     4,  4   version of the body's encoding, 1
-//    16, 48   zero when written, not looked at
-//    68,  4   origin: 0 as sent. AlienToNative stores here which parts of the body are still in the sender's form, and
-//             AlienPcfToNative sets it back to 0
-//   132,  4   zero when written, not looked at
+//    16, 48   written as zero, ignored by readers
+//    68,  4   origin: sent as 0. AlienToNative stores here which parts of the body are still in the sender's form, and
+//             AlienPcfToNative resets it to 0
+//   132,  4   written as zero, ignored by readers
 // Body: command, number of parameters, then the parameters: id, type, length, value, zero bytes up to a multiple of 4.
-// At least one zero byte follows a text, so that it can be handed out in place.
+// At least one zero byte follows a text, which is therefore null-terminated in place.
 #pragma once
 
 #include <stdint.h>
@@ -28,10 +28,10 @@ constexpr uint32_t kParamHead = 12;
 constexpr uint32_t kHostIsBig = std::endian::native == std::endian::big ? 1 : 0;
 constexpr uint32_t kHostIsAscii = 1;
 
-constexpr uint32_t kOriginSwapped = 1;  // integers of the body stand in the other byte order
+constexpr uint32_t kOriginSwapped = 1;  // integers of the body are in the opposite byte order
 constexpr uint32_t kOriginEbcdic = 2;   // text of the body is EBCDIC
 
-// Offsets in a MsgHeader; hdrLength, bigEndian and asciiText stand at the same ones in a SecureHeader.
+// Offsets in a MsgHeader; those of hdrLength, bigEndian and asciiText are the same in a SecureHeader.
 constexpr uint32_t kAtLength = offsetof(MsgHeader, hdrLength);
 constexpr uint32_t kAtEncoding = offsetof(MsgHeader, library4);
 constexpr uint32_t kAtBigEndian = offsetof(MsgHeader, bigEndian);
@@ -45,21 +45,21 @@ static_assert(offsetof(SecureHeader, bigEndian) == kAtBigEndian && offsetof(Secu
 
 constexpr size_t kUserField = sizeof(MsgHeader::userId);
 
-// True if the 12-byte field contains exactly this user, padded with zeros.
+// Whether the 12-byte field contains exactly this user, padded with zero bytes.
 inline bool IsFieldOf(const char* user, const void* field) {
   char filled[kUserField] = {};
   memcpy(filled, user, strnlen(user, kUserField));
   return memcmp(filled, field, kUserField) == 0;
 }
 
-// Raw areas come from anywhere: no alignment is taken for granted.
+// A raw area may be the application's: no alignment is assumed.
 inline uint32_t Load(const uint8_t* at) {
   uint32_t value;
   memcpy(&value, at, sizeof(value));
   return value;
 }
 
-// Two words that stand one behind the other, for one comparison instead of two.
+// Two consecutive words, for one comparison instead of two.
 inline uint64_t LoadPair(const uint8_t* at) {
   uint64_t value;
   memcpy(&value, at, sizeof(value));
@@ -79,13 +79,13 @@ inline uint32_t LoadAs(const uint8_t* at) {
 
 inline void SwapWord(uint8_t* at) { Store(at, __builtin_bswap32(Load(at))); }
 
-// True for a header or envelope of this length that is in the host's form: nothing is to be converted.
+// Whether a header or envelope of this length is in native form.
 inline bool IsNative(const uint8_t* h, uint32_t length) {
   static_assert(kAtAscii == kAtBigEndian + 4);
   return Load(h + kAtLength) == length && LoadPair(h + kAtBigEndian) == Pair(kHostIsBig, kHostIsAscii);
 }
 
-// True for the header of a message of length bytes that needs no conversion and fits its body.
+// Whether h is the native header of a message of length bytes.
 inline bool IsNativeMessage(const uint8_t* h, uint32_t length) {
   static_assert(kAtEncoding == kAtLength + 4);
   return LoadPair(h + kAtLength) == Pair(kHeader, kEncoding) &&
@@ -99,7 +99,7 @@ struct Entry {
   uint32_t length;
 };
 
-// The parsed content of a record. Valid while ready is kReady, else not to be read; error always is.
+// The parsed content of a record. Valid only while ready is kReady, except error, which is always valid.
 struct Content {
   uint32_t ready;
   uint32_t command;
@@ -109,9 +109,9 @@ struct Content {
 };
 static_assert(sizeof(Content) <= sizeof(PcfMessage::libraryData) && alignof(Content) == 4);
 
-// A record that a host cleared, or did not, holds no content by accident.
+// Arbitrary, so that a record that was cleared or never initialised does not seem to have content.
 constexpr uint32_t kReady = 0x4D514331;
-// The record holds a signed message that was refused: nobody is named as its sender. Ends with the next DropContent.
+// The record contains a signed message that was refused, and names no sender. DropContent ends this state.
 constexpr uint32_t kRefused = 0x4D514332;
 // The record holds a signed message that was accepted and opened, and is not converted yet.
 constexpr uint32_t kOpened = 0x4D514333;
@@ -129,16 +129,16 @@ inline void DropContent(Content& content) {
   content.error[0] = '\0';
 }
 
-// Converts the header at h, which is 136 bytes, as AlienToNative does.
+// Converts the header at h, of 136 bytes, as AlienToNative does.
 bool HeaderToNative(uint8_t* h, ErrorText error);
 
-// True for a native header of a message that is length bytes long; origin is not looked at.
+// Checks a native header for a message of length bytes; origin is not checked.
 bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error);
 
-// True for a body in native form that can be parsed. header is native and says the same length as raw.
+// Checks a body in native form. Its header has been checked.
 bool CheckBody(const PcfRawData& raw, ErrorText error);
 
-// Makes raw.capacity at least size, keeping the message, or at least the header, that stands there.
+// Enlarges raw.capacity to at least size, preserving the message or, after a browse, the header.
 bool GrowRaw(PcfMessage* msg, uint32_t size);
 
 }  // namespace mqc

@@ -1,7 +1,7 @@
-// record.cc - message records: their raw area, building a message in it, reading its parameters, the dump.
+// record.cc - message records: their raw areas, building messages, reading parameters, the dump.
 // Not here: conversion and parsing (header.cc, body.cc).
-// Invariant: raw.library0 equals raw.data exactly when the area is ours to release; while content is ready, the raw
-// form is a complete message and every entry lies inside it.
+// Invariant: raw.library0 equals raw.data exactly when the companion owns the area. While content is ready, the raw
+// form is a complete message and every entry is inside it.
 
 #include "companion/memory.hh"
 #include "companion/message.hh"
@@ -12,10 +12,10 @@ namespace mqc {
 namespace {
 
 constexpr uint32_t kFirstCapacity = 512;
-constexpr size_t kDumpLine = 32;    // bytes of the message a line of the dump
+constexpr size_t kDumpLine = 32;    // bytes of the message per line of the dump
 constexpr size_t kDumpBytes = 192;  // the header and the start of the body
 
-// Room for need bytes of message, at least double of what there was.
+// Enlarges the raw area for a message of need bytes; at least doubles it, to limit the number of copies.
 [[gnu::noinline]] bool GrowMessage(PcfMessage* msg, uint64_t need) {
   const ErrorText error = ErrorOf(ContentOf(msg));
   const auto wanted = static_cast<unsigned long long>(need);
@@ -34,8 +34,8 @@ bool CheckForAdding(Content& content) {
   return true;
 }
 
-// Appends the parameter's head, value and padding and enters it in the index. Inline, so that what is known of an
-// integer's length needs no work.
+// Appends the parameter's head, value and padding, and adds it to the index. Inlined for the sake of integers, whose
+// length is a constant.
 [[gnu::always_inline]] inline bool AddParam(PcfMessage* msg, uint32_t id, MqcType type, const void* value,
                                             uint64_t length) {
   Content& content = ContentOf(msg);
@@ -79,19 +79,20 @@ void FillParam(const PcfMessage* msg, const Entry& entry, MqcParam* out) {
   }
 }
 
-// A host that put another raw area under the index gets no parameter instead of bytes beyond it.
+// Whether the raw area still contains the parameter. An application that replaced the area gets no parameter instead of
+// bytes beyond its end.
 bool Holds(const PcfMessage* msg, const Entry& entry) {
   return msg->raw.data != nullptr && uint64_t{entry.offset} + entry.length <= msg->raw.length;
 }
 
-// A text field of a header as terminated text.
+// Copies a text field of a header and null-terminates the copy.
 void CopyField(const void* field, size_t size, char* out) {
   const size_t length = strnlen(static_cast<const char*>(field), size);
   memcpy(out, field, length);
   out[length] = '\0';
 }
 
-// False also for a signed message that was refused: its header was not believed, nor converted.
+// Also false for a signed message that was refused: its header is not trusted and has not been converted.
 bool HasHeader(const PcfMessage* msg) {
   return ContentOf(msg).ready != kRefused && msg->raw.data != nullptr && msg->raw.capacity >= kHeader &&
          msg->raw.length >= kHeader;
@@ -119,7 +120,7 @@ bool GrowRaw(PcfMessage* msg, uint32_t size) {
   auto* area = static_cast<uint8_t*>(Allocate<Kind::kArea>(size, tags[kTagMessage]));
   if (area == nullptr) return false;
   if (raw.data != nullptr) {
-    // A browsed header counts in no length.
+    // length does not count a browsed header.
     memcpy(area, raw.data, std::min(raw.capacity, std::max(raw.length, kHeader)));
     if (raw.library0 == raw.data) Release<Kind::kArea>(raw.data);
   }
@@ -249,8 +250,8 @@ int mqc_sealed(const PcfMessage* msg) { return msg->library0 == kWasSealed; }
 
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
-// A few lines whatever the size of the message: what is wrong, then the header and the first bytes of the body, unless
-// the message was sealed: it does not belong in a log.
+// Logs a few lines, however long the message is: the error, then, unless the message was sealed, the header and the first
+// bytes of the body.
 int DumpPcfMessage(PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   const char* why = ContentOf(msg).error[0] != '\0' ? ContentOf(msg).error : mqc_header_error();

@@ -1,7 +1,7 @@
 // replay.cc - the memory of accepted messages: users, each with its messages in the order of their times.
-// Not here: whether a signature is right or a message too old (sign.cc); only those that passed come here.
-// Invariant: see replay.hh. A user is in the list of its rank exactly while it holds a message. Nothing here visits
-// more than a few paths under the lock, however much is held.
+// Not here: checks of signature and age (sign.cc), which a message has passed before it comes here.
+// Invariant: see replay.hh. A user is in the list of its rank exactly while it has messages. While the lock is held,
+// only a few paths of the trees are visited, however many messages there are.
 
 #include "companion/replay.hh"
 
@@ -20,12 +20,12 @@
 namespace mqc {
 namespace {
 
-constexpr uint32_t kFewestMessages = 1024;
-constexpr uint32_t kMostMessages = 16777216;
-constexpr uint32_t kAtOnce = 256;  // messages that a lower limit drops between two releases of the lock
+constexpr uint32_t kMinLimit = 1024;
+constexpr uint32_t kMaxLimit = 16777216;
+constexpr uint32_t kAtOnce = 256;  // messages to forget before the lock is released, when the limit is lowered
 
-// How long messages stay after they have left the window, in milliseconds. A clock that is ahead for less than this
-// makes nothing be forgotten whose time is still to come.
+// How long messages are remembered after they have left the window, in milliseconds. While the clock is ahead by less
+// than this, no message in the true window is forgotten.
 constexpr int64_t kStay = 3600000;
 
 struct Seen {
@@ -40,7 +40,7 @@ bool Precedes(const Seen& a, const Seen& b) {
   return a.time != b.time ? a.time < b.time : memcmp(a.nonce, b.nonce, sizeof(a.nonce)) < 0;
 }
 
-// Lives until the memory is reset: its floor is needed even when it holds nothing.
+// Exists until the memory is reset: its floor is needed even while it has no messages.
 struct User {
   User* left;
   User* right;
@@ -55,22 +55,22 @@ struct User {
 
 bool Precedes(const User& a, const User& b) { return memcmp(a.name, b.name, sizeof(a.name)) < 0; }
 
-// A user that holds 1 message is of rank 1, 2 to 3 of rank 2, 4 to 7 of rank 3 and so on.
+// Rank of a user with count messages: 1 for 1 message, 2 for 2 to 3, 3 for 4 to 7 and so on.
 uint32_t RankOf(uint32_t count) { return static_cast<uint32_t>(std::bit_width(count)); }
-constexpr uint32_t kRanks = std::bit_width(kMostMessages) + 1;
+constexpr uint32_t kRanks = std::bit_width(kMaxLimit) + 1;
 
 struct Memory {
   User* users;
   User* ranks[kRanks];
   uint32_t count;
-  int64_t floor;  // of all users
+  int64_t floor;  // for all users
 };
 
 Memory memory;
 uint32_t limit = 262144;
 uint64_t random_state;
 
-// Only unpredictable enough that no signer can choose a shape for the trees.
+// Random enough that no signer can control the shape of the trees.
 uint32_t NewPriority() {
   if (random_state == 0) randombytes_buf(&random_state, sizeof(random_state));
   random_state = random_state * 6364136223846793005u + 1442695040888963407u;
@@ -98,7 +98,7 @@ void SetCount(User* user, uint32_t count) {
   if (moves && count != 0) Link(user);
 }
 
-// The user itself when nobody is of a higher rank, else one of the highest. Some user holds a message.
+// Returns this user if none has a higher rank, else one of the highest rank. At least one user must have messages.
 User* Largest(User* user) {
   uint32_t rank = kRanks - 1;
   while (memory.ranks[rank] == nullptr) --rank;
@@ -112,12 +112,13 @@ void ForgetOldest(User* user) {
   Release<Kind::kRecord>(oldest);
 }
 
-// Two for each message that comes, so that fewer are held when fewer come.
+// Called for each new message. Forgets at most two, so that their number can fall while the work stays bounded.
 void ForgetExpired(User* user, int64_t before) {
   for (int i = 0; i < 2 && user->seen != nullptr && First(user->seen)->time < before; ++i) ForgetOldest(user);
 }
 
-// A user never raises its own floor beyond the present, nor to the message that it makes room for.
+// Forgets a message for a new one of this user, signed at time. Returns false if that would raise the user's floor to
+// the present or later, or to time.
 bool MakeRoom(User* user, int64_t time, int64_t now) {
   User* largest = Largest(user);
   if (largest == user && First(user->seen)->time >= std::min(time, now)) return false;
@@ -134,7 +135,7 @@ Node* NewNode(const Node& content) {
   return node;
 }
 
-// Null without memory.
+// Finds or creates a user. Null if there is no memory.
 User* FindUser(const char name[12]) {
   User key = {};
   memcpy(key.name, name, sizeof(key.name));
@@ -160,8 +161,8 @@ Replay Remember(User* user, const Seen& message, Moment moment) {
   return Replay::kNew;
 }
 
-// False when no more is held than the limit allows.
-bool ObeyLimit() {
+// Forgets up to kAtOnce of the messages beyond the limit. Returns true if there are still too many.
+bool EnforceLimit() {
   const Locked locked(kLockReplay);
   for (uint32_t i = 0; i < kAtOnce && memory.count > limit; ++i) ForgetOldest(Largest(nullptr));
   return memory.count > limit;
@@ -190,11 +191,11 @@ Replay RememberMessage(const char user[12], const uint8_t nonce[16], int64_t tim
 using namespace mqc;
 
 int mqc_set_replay_limit(uint32_t messages) {
-  if (messages < kFewestMessages || messages > kMostMessages) return 0;
+  if (messages < kMinLimit || messages > kMaxLimit) return 0;
   pthread_mutex_lock(&locks[kLockReplay]);
   limit = messages;
   pthread_mutex_unlock(&locks[kLockReplay]);
-  while (ObeyLimit()) {
+  while (EnforceLimit()) {
   }
   return 1;
 }

@@ -1,7 +1,7 @@
 // ring.cc - the users whose signatures are accepted, and their public keys.
 // Not here: key files (keys.cc).
-// Invariant: members are in the order of CompareLines; a user has at most one key that is not revoked, and it comes
-// first. All of it under the lock.
+// Invariant, under the lock: members are sorted by CompareLines. A user has at most one key that is not revoked, and it
+// comes first.
 
 #include "companion/ring.hh"
 
@@ -20,9 +20,9 @@ namespace {
 
 constexpr size_t kRingFileMax = 16777216;
 
-KeyLine* members;  // number is 0
+KeyLine* members;  // with number 0
 uint32_t count;
-uint32_t room;
+uint32_t capacity;
 
 KeyLine* NewMembers(uint32_t number) {
   if (number > UINT32_MAX / sizeof(KeyLine)) return nullptr;
@@ -30,15 +30,15 @@ KeyLine* NewMembers(uint32_t number) {
       Allocate<Kind::kRecord>(static_cast<uint32_t>(number * sizeof(KeyLine)), tags[kTagRing]));
 }
 
-// The first member whose user is not below this one.
-uint32_t PlaceOf(const char* user) {
-  const KeyLine* place = std::lower_bound(members, members + count, user, [](const KeyLine& member, const char* name) {
+// Index of the user's first member, or of where it would be inserted.
+uint32_t IndexOf(const char* user) {
+  const KeyLine* found = std::lower_bound(members, members + count, user, [](const KeyLine& member, const char* name) {
     return strcmp(member.user, name) < 0;
   });
-  return static_cast<uint32_t>(place - members);
+  return static_cast<uint32_t>(found - members);
 }
 
-bool IsAt(uint32_t place, const char* user) { return place < count && strcmp(members[place].user, user) == 0; }
+bool IsAt(uint32_t index, const char* user) { return index < count && strcmp(members[index].user, user) == 0; }
 
 bool Grow(uint32_t number) {
   KeyLine* larger = NewMembers(number);
@@ -46,28 +46,28 @@ bool Grow(uint32_t number) {
   if (count != 0) memcpy(larger, members, count * sizeof(KeyLine));
   Release<Kind::kRecord>(members);
   members = larger;
-  room = number;
+  capacity = number;
   return true;
 }
 
-// There is room.
+// Sets the user's key. The capacity must be greater than count.
 void Put(const KeyLine& line) {
-  const uint32_t place = PlaceOf(line.user);
-  if (!IsAt(place, line.user) || members[place].revoked != 0) {
-    memmove(members + place + 1, members + place, (count - place) * sizeof(KeyLine));
+  const uint32_t index = IndexOf(line.user);
+  if (!IsAt(index, line.user) || members[index].revoked != 0) {
+    memmove(members + index + 1, members + index, (count - index) * sizeof(KeyLine));
     ++count;
   }
-  members[place] = line;
+  members[index] = line;
 }
 
 bool IsRevoked(const char* user, const uint8_t key[MQC_KEY_BYTES]) {
-  for (uint32_t place = PlaceOf(user); IsAt(place, user); ++place) {
-    if (members[place].revoked != 0 && memcmp(members[place].key, key, MQC_KEY_BYTES) == 0) return true;
+  for (uint32_t index = IndexOf(user); IsAt(index, user); ++index) {
+    if (members[index].revoked != 0 && memcmp(members[index].key, key, MQC_KEY_BYTES) == 0) return true;
   }
   return false;
 }
 
-// By user; of one user keys that are not revoked come first, by line, then the revoked ones, by key.
+// Orders by user; within a user, keys that are not revoked come first, by line number, then revoked ones, by key.
 int CompareLines(const void* left, const void* right) {
   const auto* a = static_cast<const KeyLine*>(left);
   const auto* b = static_cast<const KeyLine*>(right);
@@ -95,7 +95,8 @@ bool HasKey(const KeyLine* begin, const KeyLine* end, const uint8_t key[MQC_KEY_
   return std::any_of(begin, end, [key](const KeyLine& line) { return memcmp(line.key, key, MQC_KEY_BYTES) == 0; });
 }
 
-// Of the sorted lines of one user, the last key that is not revoked, then each revoked key once. Returns how many.
+// Copies from the sorted lines of one user the last key that no line revokes, then each revoked key once. Returns the
+// number of keys copied.
 uint32_t SettleUser(const KeyLine* begin, const KeyLine* end, KeyLine* out) {
   uint32_t put = 0;
   const KeyLine* revoked = std::find_if(begin, end, [](const KeyLine& line) { return line.revoked != 0; });
@@ -121,7 +122,7 @@ uint32_t Settle(const KeyLine* lines, uint32_t number, KeyLine* out) {
   return put;
 }
 
-// Merges the lines into the ring. They win over members of the same user.
+// Merges the lines into the ring. They take precedence over members of the same user.
 bool Merge(const KeyLine* lines, uint32_t number) {
   const Locked locked(kLockRing);
   const uint32_t all = count + number;
@@ -135,7 +136,7 @@ bool Merge(const KeyLine* lines, uint32_t number) {
     qsort(sorted, all, sizeof(KeyLine), CompareLines);
     Release<Kind::kRecord>(members);
     members = merged;
-    room = all;
+    capacity = all;
     count = Settle(sorted, all, merged);
   }
   Release<Kind::kRecord>(sorted);
@@ -152,9 +153,9 @@ bool LoadLines(const char* path, KeyFile& file, KeyLine* lines, uint32_t* number
 
 bool FindPublicKey(const char* user, int64_t now, uint8_t key[MQC_KEY_BYTES], ErrorText error) {
   const Locked locked(kLockRing);
-  const uint32_t place = PlaceOf(user);
-  if (!IsAt(place, user)) return Fail(error, "user %s is not in the ring", user);
-  const KeyLine& member = members[place];
+  const uint32_t index = IndexOf(user);
+  if (!IsAt(index, user)) return Fail(error, "user %s is not in the ring", user);
+  const KeyLine& member = members[index];
   if (member.revoked != 0) return Fail(error, "the key of user %s is revoked", user);
   if (now > member.until) return Fail(error, "the key of user %s ended on %s", user, DateOf(member.until).text);
   memcpy(key, member.key, MQC_KEY_BYTES);
@@ -176,7 +177,7 @@ int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char
   line.until = MQC_NO_END;
   const Locked locked(kLockRing);
   if (IsRevoked(user, public_key)) return Fail(text, "the key of user %s is revoked", user);
-  if (count == room && !Grow(std::max(8u, room * 2))) return Fail(text, "no memory for user %s", user);
+  if (count == capacity && !Grow(std::max(8u, capacity * 2))) return Fail(text, "no memory for user %s", user);
   Put(line);
   return 1;
 }
@@ -186,7 +187,7 @@ int mqc_ring_load(const char* path, char* error, size_t size) {
   Clear(text);
   KeyFile file;
   if (!file.Open(path, false, kRingFileMax, text)) return 0;
-  // One place more than keys can be there: Next may begin to fill it before it fails.
+  // One more than the greatest possible number of keys: Next may start to fill an entry before it fails.
   KeyLine* lines = NewMembers(static_cast<uint32_t>(file.MaxKeys()) + 1);
   if (lines == nullptr) return Fail(text, "%s: no memory for its keys", path);
   uint32_t number;
@@ -198,10 +199,10 @@ int mqc_ring_load(const char* path, char* error, size_t size) {
 
 int mqc_ring_remove(const char* user) {
   const Locked locked(kLockRing);
-  const uint32_t place = PlaceOf(user);
-  if (!IsAt(place, user) || members[place].revoked != 0) return 0;
+  const uint32_t index = IndexOf(user);
+  if (!IsAt(index, user) || members[index].revoked != 0) return 0;
   --count;
-  memmove(members + place, members + place + 1, (count - place) * sizeof(KeyLine));
+  memmove(members + index, members + index + 1, (count - index) * sizeof(KeyLine));
   return 1;
 }
 
@@ -210,7 +211,7 @@ void mqc_ring_clear(void) {
   Release<Kind::kRecord>(members);
   members = nullptr;
   count = 0;
-  room = 0;
+  capacity = 0;
 }
 
 uint32_t mqc_ring_count(void) {

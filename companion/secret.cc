@@ -1,5 +1,5 @@
-// secret.cc - see secret.hh. libsodium gives the pages, with a guard page on either side.
-// Invariant: a head in front of the bytes names the tag that the block is counted under.
+// secret.cc - see secret.hh. libsodium provides the pages, with a guard page on either side.
+// Invariant: a head before the caller's bytes names the tag that the block is counted under.
 
 #include "companion/secret.hh"
 
@@ -22,7 +22,7 @@ static_assert(sizeof(Head) == 16);
 void* AllocateSecret(uint32_t size, Tag& tag) {
   if (__atomic_load_n(&fail_countdown, __ATOMIC_RELAXED) != 0 && MustFail()) return CountFailure();
   if (!HaveSodium()) return CountFailure();  // GCOVR_EXCL_BR_LINE: libsodium aborts
-  // sodium_malloc ends a block at the end of a page: a size in whole heads keeps its start aligned.
+  // sodium_malloc places a block at the end of a page: its start is aligned if its size is a multiple of 16.
   const size_t bytes = (size_t{size} + 2 * sizeof(Head) - 1) & ~(sizeof(Head) - 1);
   auto* head = static_cast<Head*>(sodium_malloc(bytes));
   if (head == nullptr) return CountFailure();
@@ -31,9 +31,9 @@ void* AllocateSecret(uint32_t size, Tag& tag) {
   return memset(head + 1, 0, size);
 }
 
-void ReleaseSecret(void* place) {
-  if (place == nullptr) return;
-  Head* head = static_cast<Head*>(place) - 1;
+void ReleaseSecret(void* data) {
+  if (data == nullptr) return;
+  Head* head = static_cast<Head*>(data) - 1;
   CountOut(*head->tag, head->size);
   sodium_free(head);
 }

@@ -1,5 +1,5 @@
-// secret.hh - memory for secrets: kept out of core dumps and, as far as RLIMIT_MEMLOCK allows, out of swap; wiped when
-// it is released.
+// secret.hh - secret memory: excluded from core dumps and, as far as RLIMIT_MEMLOCK allows, from swap; wiped on
+// release.
 #pragma once
 
 #include <stdint.h>
@@ -8,26 +8,26 @@
 
 namespace mqc {
 
-// Zeroed bytes at a multiple of 16, counted under the tag. Null without memory.
+// Allocates zeroed bytes, aligned to 16 and counted under the tag. Null if there is no memory.
 void* AllocateSecret(uint32_t size, Tag& tag);
 
-// place may be null.
-void ReleaseSecret(void* place);
+// data may be null.
+void ReleaseSecret(void* data);
 
-// A T without constructor in such memory; tests false without memory.
+// Owns a T in secret memory, zeroed and without a constructor call. Converts to false if there is no memory.
 template <typename T>
 class Secret {
  public:
-  explicit Secret(Tag& tag) : place_(static_cast<T*>(AllocateSecret(sizeof(T), tag))) {}
-  ~Secret() { ReleaseSecret(place_); }
+  explicit Secret(Tag& tag) : secret_(static_cast<T*>(AllocateSecret(sizeof(T), tag))) {}
+  ~Secret() { ReleaseSecret(secret_); }
   Secret(const Secret&) = delete;
   Secret& operator=(const Secret&) = delete;
-  explicit operator bool() const { return place_ != nullptr; }
-  T* operator->() const { return place_; }
-  T& operator*() const { return *place_; }
+  explicit operator bool() const { return secret_ != nullptr; }
+  T* operator->() const { return secret_; }
+  T& operator*() const { return *secret_; }
 
  private:
-  T* place_;
+  T* secret_;
 };
 
 }  // namespace mqc

@@ -1,14 +1,16 @@
-// sign.cc - signed messages: mqc_sign, mqc_authenticate, and the trailer between them.
+// sign.cc - signed messages: mqc_sign, mqc_authenticate, and the trailer that they write and read.
 // Not here: keys and signers (keys.cc), accepted users (ring.cc), seen messages (replay.cc), encryption (seal.cc).
-// Invariant: nothing about a message is believed, remembered or decrypted before its signature was found right.
+// Invariant: nothing in a message is trusted, remembered or decrypted before its signature has been verified.
 //
-// A signed message is the plain message as it is, or the encrypted message and its seal, and a trailer of 96 bytes:
-//    0,  8   "MQSIGN01", of a sealed message "MQSIGN02"
+// In the envelope, the unchanged plain message, or the encrypted message and its seal, is followed by a trailer of 96
+// bytes:
+//    0,  8   "MQSIGN01", in a sealed message "MQSIGN02"
 //    8,  8   time of signing, milliseconds since 1970-01-01 UTC, big-endian
 //   16, 16   nonce, random
 //   32, 64   signature: Ed25519ph over the first 32 bytes of the trailer, the envelope's version and msgLength as two
-//            big-endian words, the envelope's 12 bytes of user id in ASCII, and everything between them and the trailer
-// This form of the envelope is the same on every host, and so before and after its conversion.
+//            big-endian words, the envelope's 12 bytes of user id in ASCII, and everything between envelope and trailer
+// These fields of the envelope are signed in a form that is the same on every host, so a receiver may convert the
+// envelope first.
 
 #include <sodium.h>
 #include <time.h>
@@ -51,7 +53,7 @@ struct Words {
 thread_local char sign_error[kErrorText];
 thread_local char authenticate_error[kErrorText];
 
-std::atomic<MqcClock> host_clock;
+std::atomic<MqcClock> application_clock;
 std::atomic<uint32_t> window_seconds = 300;
 
 void StoreBig(uint8_t* at, uint64_t value, int bytes) {
@@ -61,7 +63,7 @@ void StoreBig(uint8_t* at, uint64_t value, int bytes) {
 int64_t LoadBigTime(const uint8_t* at) {
   uint64_t value = 0;
   for (int i = 0; i < 8; ++i) value = value << 8 | at[i];
-  // A time beyond all clocks stays beyond every window and overflows nothing.
+  // Limited, so that differences of times do not overflow. The limit is still outside every window.
   return value > INT64_MAX / 2 ? INT64_MAX / 2 : static_cast<int64_t>(value);
 }
 
@@ -104,7 +106,7 @@ bool CheckForSigning(const MqcSigner& signer, const Form& form, const PcfMessage
   return true;
 }
 
-// The plain message's length and user, which the envelope announces.
+// Checks the length and the user in the plain message's header against the envelope.
 bool CheckHeader(const SecureHeader& envelope, const uint8_t* message, uint32_t length, ErrorText error) {
   uint8_t header[kHeader];
   memcpy(header, message, kHeader);
@@ -126,7 +128,8 @@ const Form* FormOf(const SecureHeader& envelope, ErrorText error) {
   return Fail(error, "an envelope of %u bytes, version %u", envelope.hdrLength, envelope.version), nullptr;
 }
 
-// Lengths of what arrived, and as much of its content as is not encrypted. Sets *plain to the length of the message.
+// Checks the lengths of a received message and what of it is not encrypted. Sets *plain to the length of the plain
+// message.
 bool CheckArrived(const SecureHeader& envelope, const Form& form, const IoBuffer& part, uint32_t* plain,
                   ErrorText error) {
   if (part.length != envelope.msgLength) {
@@ -155,7 +158,7 @@ bool CheckSignature(const SecureHeader& envelope, const Words& words, const uint
   return true;
 }
 
-// Age, then replay. The signature was found right.
+// Checks the age, then for a replay. The signature has been verified.
 bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText error) {
   const int64_t time = LoadBigTime(trailer + kAtTime);
   const int64_t window = int64_t{window_seconds.load(std::memory_order_relaxed)} * 1000;
@@ -180,7 +183,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
   return Fail(error, "no memory to remember accepted messages");
 }
 
-// What is parsed later is what was signed: the record holds the same bytes as the signed part.
+// Checks that the record contains the bytes of the signed part, so that what is parsed later is what was signed.
 bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
   if (raw.data == nullptr || part.data == nullptr || raw.length != part.length || raw.capacity < part.length) {
     return Fail(error, "the record does not hold the %u bytes of the signed part", part.length);
@@ -191,7 +194,7 @@ bool HoldsPart(const PcfRawData& raw, const IoBuffer& part, ErrorText error) {
   return true;
 }
 
-// Decrypts a sealed message in the record. Nothing of it is left there when it is refused.
+// Decrypts a sealed message in the record. If the message is refused, nothing of it is left there.
 bool OpenSealed(const SecureHeader& envelope, const Words& words, uint8_t* message, uint32_t length, ErrorText error) {
   const uint8_t* const trailer = message + length + kSeal;
   if (!Open(message, length, {words.bytes, trailer + kAtTime}, Now(), error)) return false;
@@ -200,8 +203,8 @@ bool OpenSealed(const SecureHeader& envelope, const Words& words, uint8_t* messa
   return false;
 }
 
-// Everything that is asked of a signed message, in the order in which it may be believed. Returns its form, and in
-// *plain the length of the message; null if it is refused.
+// All checks of a signed message, each of which relies only on those before it. Returns the form of the message and sets
+// *plain to the length of the plain message; null if it is refused.
 const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, uint32_t* plain) {
   const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
   if (!HoldsPart(raw, part, error)) return nullptr;
@@ -215,14 +218,14 @@ const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const Pcf
   return !form->IsSealed() || OpenSealed(envelope, words, raw.data, *plain, error) ? form : nullptr;
 }
 
-// The trailer but for its signature.
+// Writes the trailer except its signature.
 void BeginTrailer(const Form& form, uint8_t* trailer) {
   memcpy(trailer, form.mark, kAtTime);
   StoreBig(trailer + kAtTime, static_cast<uint64_t>(Now()), 8);
   randombytes_buf(trailer + kAtNonce, kNonceBytes);
 }
 
-// Makes what is sent of a message that may be signed.
+// Signs, and seals if the form says so, a message that passed CheckForSigning.
 bool Sign(const MqcSigner& signer, const Form& form, const PcfMessage& msg, IoBuffer* out, ErrorText error) {
   const PcfRawData& raw = msg.raw;
   uint8_t x25519[MQC_KEY_BYTES];
@@ -250,7 +253,7 @@ bool Sign(const MqcSigner& signer, const Form& form, const PcfMessage& msg, IoBu
 }  // namespace
 
 int64_t Now() {
-  const MqcClock clock = host_clock.load(std::memory_order_acquire);
+  const MqcClock clock = application_clock.load(std::memory_order_acquire);
   if (clock != nullptr) return clock();
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -294,7 +297,7 @@ int mqc_set_window(uint32_t seconds) {
   return 1;
 }
 
-void mqc_set_clock(MqcClock clock) { host_clock.store(clock, std::memory_order_release); }
+void mqc_set_clock(MqcClock clock) { application_clock.store(clock, std::memory_order_release); }
 
 const char* mqc_sign_error(void) { return sign_error; }
 

@@ -22,13 +22,13 @@ int CopyName(const char* name, char* buf, int* len) {
 
 }  // namespace
 
-// The effective user's entry; LOGNAME for a user without one, as in many containers.
+// The name in the effective user's passwd entry; LOGNAME if there is no entry, as in many containers.
 int GetUserName(char* buf, int* len) {
   if (*len <= 0) return 0;
   passwd entry;
   passwd* found = nullptr;
-  char place[4096];
-  if (getpwuid_r(geteuid(), &entry, place, sizeof(place), &found) == 0 && found != nullptr) {
+  char buffer[4096];
+  if (getpwuid_r(geteuid(), &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr) {
     return CopyName(found->pw_name, buf, len);
   }
   const char* name = secure_getenv("LOGNAME");
@@ -43,7 +43,7 @@ void strip_spaces(char* s) {
   *out = '\0';
 }
 
-// Letters are those of ASCII: the locale of the host has no say in what travels.
+// ASCII letters only: what is sent must not depend on the application's locale.
 void strupper(char* s) {
   for (; *s != '\0'; ++s) {
     if (*s >= 'a' && *s <= 'z') *s = static_cast<char>(*s - 'a' + 'A');

@@ -1,11 +1,11 @@
-// treap.hh - sorted records that are linked through themselves: left, right, priority, and Precedes for their order.
-// The priority is drawn at random and known to nobody outside, so the depth stays logarithmic in whatever order records
-// come. No operation allocates, recurses or visits more than one path.
+// treap.hh - an intrusive treap: a node has the members left, right and priority, and Precedes defines the order.
+// Priorities are random and secret, so the depth is logarithmic whatever the order of insertion. No operation
+// allocates, recurses or visits more than one path.
 #pragma once
 
 namespace mqc {
 
-// The record that is equal to key in the order; null when there is none.
+// Returns the node equal to key; null if there is none.
 template <typename Node>
 Node* Find(Node* root, const Node& key) {
   while (root != nullptr) {
@@ -20,7 +20,8 @@ Node* Find(Node* root, const Node& key) {
   return root;
 }
 
-// Puts in a record that is equal to none: below all of a higher priority, above the two halves of the rest.
+// Inserts a node that is not equal to any other: below the nodes of higher priority on its path. Splits the subtree
+// found there into the children of the new node.
 template <typename Node>
 void Insert(Node** root, Node* node) {
   while (*root != nullptr && (*root)->priority >= node->priority) {
@@ -45,14 +46,14 @@ void Insert(Node** root, Node* node) {
   *after = nullptr;
 }
 
-// The first record. There is one.
+// Returns the first node. The treap must not be empty.
 template <typename Node>
 Node* First(Node* root) {
   while (root->left != nullptr) root = root->left;
   return root;
 }
 
-// Takes out the first record. There is one.
+// Removes the first node and returns it. The treap must not be empty.
 template <typename Node>
 Node* TakeFirst(Node** root) {
   while ((*root)->left != nullptr) root = &(*root)->left;

@@ -1,4 +1,4 @@
-/* client.c - sends one command with a text and prints the answer.
+/* client.c - send one text and print the answer.
  *   client HOST SERVICE TEXT */
 #include <signal.h>
 
@@ -9,7 +9,8 @@ static int ask(MQNode* node, PcfMessage* msg, const char* text) {
   if (!mqc_begin(msg, COMMAND_ASK) || !mqc_add_text(msg, PARAM_TEXT, text) || !mnWrite(msg, node)) {
     return failed("write", node);
   }
-  return mnRead(msg, node) ? print_answer(msg) : failed("read", node);
+  if (!mnRead(msg, node)) return failed("read", node);
+  return print_answer(msg) && (mq_finish(node, FINISH_MSEC) || failed("finish", node));
 }
 
 int main(int argc, char** argv) {
@@ -22,6 +23,7 @@ int main(int argc, char** argv) {
 
   PcfMessage* msg = mqc_message_new(0);
   MQNode* node = CreateMQNode(&addr, MQ_ROLE_CONNECT);
+  set_name(node, "client");
   const int ok = msg != NULL && !IsNodeFailed(node) ? ask(node, msg, argv[3]) : failed("create", node);
   DeleteMQNode(node);
   mqc_message_free(msg);

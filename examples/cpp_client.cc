@@ -1,36 +1,34 @@
-// cpp_client.cc - sends one command with a text and prints the answer: client.c in C++.
+// cpp_client.cc - send one text and print the answer: client.c in C++.
 //   cpp_client HOST SERVICE TEXT
-#include <signal.h>
-
+#include <csignal>
 #include <iostream>
 
 #include "example.h"
 #include "mqnode/mqnode.hpp"
 
-namespace {
-
 using namespace mqnode;
+using namespace std::chrono_literals;
 
-Result Ask(Node& node, Message& msg, const char* text) {
+static Result ask(Node& node, Message& msg, const char* text) {
   if (node.failed()) return node.status();
+  node.set_application("cpp_client");
   if (const Result opened = node.open(); !opened) return opened;
   if (!msg || !msg.begin(COMMAND_ASK) || !msg.add(PARAM_TEXT, text)) return {0, ENOMEM, MQ_IN_SOCKET};
   if (const Result written = node.write(msg); !written) return written;
-  return node.read(msg);
+  if (const Result read = node.read(msg); !read) return read;
+  return node.finish(5s);
 }
-
-}  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 4) {
     std::cerr << "usage: cpp_client HOST SERVICE TEXT\n";
     return 2;
   }
-  signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
 
   Node node = Node::connector({argv[1], argv[2]});
   Message msg = Message::create();
-  const Result asked = Ask(node, msg, argv[3]);
+  const Result asked = ask(node, msg, argv[3]);
   if (!asked) {
     std::cerr << asked.name() << ": " << asked.meaning() << "; " << asked.remedy() << '\n';
     return 1;

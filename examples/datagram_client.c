@@ -1,10 +1,10 @@
-/* datagram_client.c - sends one datagram with a text and prints the answer. Datagrams get lost: it asks three times.
+/* datagram_client.c - send a text in a datagram and print the answer. Datagrams get lost, so it asks up to three times.
  *   datagram_client HOST SERVICE TEXT */
 #include "example.h"
 
 enum { TRIES = 3, WAIT_SECONDS = 1 };
 
-/* Waits for one datagram and reads it. 0 when none came or it was no message. */
+/* Waits for one datagram and reads it. Returns 0 if none arrived or it is not a message. */
 static int receive(MQNode* node, PcfMessage* msg) {
   MQNode* nodes[] = {node, NULL};
   MQNode *listening[2], *readable[2];
@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   }
   PcfMessage* msg = mqc_message_new(0);
   MQNode* node = CreateUDPMQNode(&here);
+  set_name(node, "datagram_client");
   const int ok = msg != NULL && !IsNodeFailed(node) ? ask(node, &server, msg, argv[3]) : failed("bind", node);
   DeleteMQNode(node);
   mqc_message_free(msg);

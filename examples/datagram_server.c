@@ -1,13 +1,13 @@
-/* datagram_server.c - answers datagrams until SIGINT or SIGTERM.
- *   datagram_server HOST SERVICE      service 0 lets the kernel pick. The port is printed.
- * answers.h says what it does not answer, and how often it answers an address. */
+/* datagram_server.c - answer datagrams until SIGINT or SIGTERM.
+ *   datagram_server HOST SERVICE
+ * Service 0 lets the kernel choose a port, which is printed. answers.h decides which datagrams are answered. */
 #include <signal.h>
 
 #include "answers.h"
 #include "example.h"
 #include "mqnode/server.h"
 
-enum { MOST_PENDING = 64 }; /* answers that wait for the socket; those beyond are lost, as datagrams may be */
+enum { MOST_PENDING = 64 }; /* answers waiting for the socket; further ones are lost, as datagrams may be */
 
 typedef struct Records {
   PcfMessage* in;
@@ -22,8 +22,8 @@ static void on_signal(int number) {
   stop = 1;
 }
 
-/* Reads one datagram and answers a question. A bad datagram and an answer that cannot be sent are logged; the next
- * datagram is not affected. */
+/* Reads one datagram and answers it if it is a question. A bad datagram, or an answer that cannot be sent, is logged and
+ * does not affect the next one. */
 static void serve(MqServer* server, MQNode* node) {
   Records* const own = server->data;
   PcfMessage *const in = own->in, *const out = own->out;
@@ -68,6 +68,7 @@ int main(int argc, char** argv) {
   own.in = mqc_message_new(0);
   own.out = mqc_message_new(0);
   MQNode* node = CreateUDPMQNode(&addr);
+  set_name(node, "datagram_server");
   const int opened = mq_server_open(&server, &limits, &events, &own) && own.in != NULL && own.out != NULL;
   const int ok = opened ? run(&server, node) : failed("open", NULL);
   mq_server_close(&server);

@@ -1,4 +1,4 @@
-/* example.h - what the examples share: filling an address, telling of a failure, printing a port and an answer. */
+/* example.h - what the examples share: addresses, names, error messages, and printing a port or an answer. */
 #ifndef MQNODE_EXAMPLES_EXAMPLE_H
 #define MQNODE_EXAMPLES_EXAMPLE_H
 
@@ -8,12 +8,15 @@
 
 #include "companion/host.h"
 #include "mqnode/errors.h"
+#include "mqnode/finish.h"
 #include "mqnode/mqnode.h"
 
-/* What the two sides agree on: the command of a question, of an answer, and the parameter that holds the text. */
+/* The protocol of the examples: the commands of a question and an answer, and the id of the text in both. */
 enum { COMMAND_ASK = 1, COMMAND_ANSWER = 2, PARAM_TEXT = 1 };
 
-/* Fills an address. 1; 0 when a text does not fit its field. */
+enum { FINISH_MSEC = 5000 }; /* time-out of mq_finish */
+
+/* Fills an address. Returns 1, or 0 if host or service is too long for its field. */
 static inline int make_address(SockAddrRec* addr, const char* host, const char* service, const char* protocol) {
   memset(addr, 0, sizeof *addr);
   if (strlen(host) < sizeof addr->host && strlen(service) < sizeof addr->service) {
@@ -26,8 +29,13 @@ static inline int make_address(SockAddrRec* addr, const char* host, const char* 
   return 0;
 }
 
-/* Says which operation failed and why. Always 0, so that a caller can fail and tell in one line. When the node has no
- * part in it, there was no memory for a message record, a parameter or an accepted node. */
+/* Names the program in the messages that a node sends. strncpy pads the field with zero bytes, as required. */
+static inline void set_name(MQNode* node, const char* name) {
+  if (node != NULL) strncpy(node->applName, name, sizeof node->applName);
+}
+
+/* Prints which operation failed and why, and returns 0. If the node reports no error, there was no memory for a message
+ * record, a parameter or an accepted node. */
 static inline int failed(const char* what, const MQNode* node) {
   const int cause = mq_node_cause(node, NULL);
   const int code = cause != MQ_OK ? cause : ENOMEM;
@@ -35,7 +43,7 @@ static inline int failed(const char* what, const MQNode* node) {
   return 0;
 }
 
-/* Prints the text of an answer. 1; 0 when the message is none, or cannot be printed. */
+/* Prints the text of an answer. Returns 1, or 0 if the message is not an answer or cannot be printed. */
 static inline int print_answer(const PcfMessage* msg) {
   MqcParam answer;
   if (mqc_command(msg) != COMMAND_ANSWER || !mqc_find(msg, PARAM_TEXT, &answer) || answer.type != MQC_TEXT) {
@@ -45,7 +53,7 @@ static inline int print_answer(const PcfMessage* msg) {
   return printf("%s\n", answer.text) > 0 && fflush(stdout) == 0;
 }
 
-/* Prints the port that a node is bound to; the kernel picks one for service 0. 1; 0 when it cannot be told. */
+/* Prints the port that a node is bound to: with service 0 the kernel chooses one. Returns 1, or 0 on failure. */
 static inline int print_port(const MQNode* node) {
   struct sockaddr_in bound;
   socklen_t size = sizeof bound;
@@ -53,7 +61,7 @@ static inline int print_port(const MQNode* node) {
   return printf("%d\n", ntohs(bound.sin_port)) > 0 && fflush(stdout) == 0;
 }
 
-/* Whether a read failed because the peer has ended the conversation: it shut down (9004) or closed (ECONNRESET). */
+/* Whether a read failed because the peer ended the connection, gracefully (9004) or not (ECONNRESET). */
 static inline int peer_has_gone(const MQNode* node) {
   return node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
 }

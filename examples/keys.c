@@ -1,4 +1,4 @@
-/* keys.c - makes a pair of keys: the secret one into a file of its owner's, the public one as a line for a ring file.
+/* keys.c - generate a key pair: write the secret key to a file, print the public key as a line for a ring file.
  *   keys SECRETFILE >> RINGFILE */
 #include "example.h"
 
@@ -10,16 +10,16 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: keys SECRETFILE >> RINGFILE\n");
     return 2;
   }
-  /* The user of a key is the user of the nodes that sign with it: the login name, of which a message carries 12. */
+  /* A key belongs to the user of the nodes that sign with it: by default the login name, cut to 12 characters. */
   if (!GetUserName(user, &length)) {
-    fprintf(stderr, "the user has no name\n");
+    fprintf(stderr, "cannot find the login name\n");
     return 1;
   }
   if (length > (int)MQC_USER_MAX) user[MQC_USER_MAX] = '\0';
 
   int ok = mqc_generate_key(secret_key, public_key);
   if (!ok) {
-    fprintf(stderr, "no randomness\n");
+    fprintf(stderr, "the system has no random bytes\n");
   } else if (!(ok = mqc_secret_file_write(argv[1], user, secret_key, error, sizeof error))) {
     fprintf(stderr, "%s\n", error);
   } else {

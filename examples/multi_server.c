@@ -1,7 +1,8 @@
-/* multi_server.c - answers many clients in one loop, until SIGINT or SIGTERM.
+/* multi_server.c - answer many clients in one loop until SIGINT or SIGTERM.
  *   multi_server HOST SERVICE [CLIENTS [SECONDS]]
- * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: how long a client may owe
- * something. mqnode/server.h says what else is bounded; dropped clients are logged on standard error. */
+ * Service 0 lets the kernel choose a port, which is printed. CLIENTS limits how many are connected at a time, SECONDS
+ * the time without progress within a message. mqnode/server.h documents the other limits. Dropped clients are logged on
+ * standard error. */
 #include "mqnode/server.h"
 
 #include <signal.h>
@@ -16,11 +17,11 @@ static void on_signal(int number) {
   stop = 1;
 }
 
-/* Answers a whole message. Null, or why the client is dropped. */
+/* Answers one message. Returns null, or the reason to drop the client. */
 static const char* answer(MqServer* server, MqServerClient* client, PcfMessage* in) {
   PcfMessage* const out = server->data;
   MqcParam text;
-  if (!mqc_find(in, PARAM_TEXT, &text) || text.type != MQC_TEXT) return "its question has no text";
+  if (!mqc_find(in, PARAM_TEXT, &text) || text.type != MQC_TEXT) return "the message has no text";
   if (!mqc_begin(out, COMMAND_ANSWER) || !mqc_add_text(out, PARAM_TEXT, text.text)) return "no memory";
   return mq_server_wrote(client, mnWrite(out, client->node));
 }
@@ -53,6 +54,7 @@ int main(int argc, char** argv) {
 
   PcfMessage* out = mqc_message_new(0);
   MQNode* listener = CreateMQNodeWithOpt(&addr, MQ_ROLE_LISTEN, &reuse);
+  set_name(listener, "multi_server");
   const int opened = mq_server_open(&server, &limits, &events, out) && out != NULL;
   const int ok = opened ? run(&server, listener) : failed("open", NULL);
   mq_server_close(&server);

@@ -1,5 +1,6 @@
-/* server.c - accepts one client, answers each of its commands, and ends when the client has gone.
- *   server HOST SERVICE      "*" listens on every address; service 0 lets the kernel pick. The port is printed. */
+/* server.c - accept one client, answer its messages, and exit when it closes the connection.
+ *   server HOST SERVICE
+ * Host "*" listens on every address. Service 0 lets the kernel choose a port, which is printed. */
 #include <signal.h>
 
 #include "example.h"
@@ -7,7 +8,7 @@
 static int answer(MQNode* node, const PcfMessage* question, PcfMessage* msg) {
   MqcParam text;
   if (!mqc_find(question, PARAM_TEXT, &text) || text.type != MQC_TEXT) {
-    fprintf(stderr, "a command without a text\n");
+    fprintf(stderr, "the message has no text\n");
     return 0;
   }
   printf("%s\n", text.text);
@@ -19,7 +20,9 @@ static int serve(MQNode* node, PcfMessage* in, PcfMessage* out) {
   while (mnRead(in, node)) {
     if (!answer(node, in, out)) return 0;
   }
-  return peer_has_gone(node) || failed("read", node);
+  if (!peer_has_gone(node)) return failed("read", node);
+  mq_finish(node, FINISH_MSEC); /* the client may still be receiving the last answer */
+  return 1;
 }
 
 int main(int argc, char** argv) {
@@ -34,6 +37,7 @@ int main(int argc, char** argv) {
   PcfMessage* out = mqc_message_new(0);
   MQNode* listener = CreateMQNode(&addr, MQ_ROLE_LISTEN);
   MQNode* client = NULL;
+  set_name(listener, "server");
   int ok = 0;
   if (in == NULL || out == NULL || IsNodeFailed(listener)) {
     failed("listen", listener);

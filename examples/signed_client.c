@@ -1,4 +1,4 @@
-/* signed_client.c - sends one signed command with a text and prints the answer, which is plain.
+/* signed_client.c - send one signed text and print the answer, which is plain.
  *   signed_client HOST SERVICE KEYFILE TEXT */
 #include <signal.h>
 
@@ -10,7 +10,8 @@ static int ask(MQNode* node, PcfMessage* msg, MqcSigner* signer, const char* tex
     if (node->error == MQ_NOT_SIGNED) fprintf(stderr, "not signed: %s\n", mqc_sign_error());
     return failed("write", node);
   }
-  return mnRead(msg, node) ? print_answer(msg) : failed("read", node);
+  if (!mnRead(msg, node)) return failed("read", node);
+  return print_answer(msg) && (mq_finish(node, FINISH_MSEC) || failed("finish", node));
 }
 
 int main(int argc, char** argv) {
@@ -26,6 +27,7 @@ int main(int argc, char** argv) {
   MQNode* node = CreateMQNode(&addr, MQ_ROLE_CONNECT);
   MqcSigner* signer = mqc_signer_load(argv[3], NULL, error, sizeof error);
   int ok = 0;
+  set_name(node, "signed_client");
   if (signer == NULL) {
     fprintf(stderr, "%s\n", error);
   } else if (msg == NULL || IsNodeFailed(node)) {

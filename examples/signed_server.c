@@ -1,5 +1,6 @@
-/* signed_server.c - accepts one client and answers its commands when somebody in the ring has signed them.
- *   signed_server HOST SERVICE RINGFILE      service 0 lets the kernel pick. The port is printed. */
+/* signed_server.c - accept one client and answer the messages that a user of the ring has signed.
+ *   signed_server HOST SERVICE RINGFILE
+ * Service 0 lets the kernel choose a port, which is printed. */
 #include <signal.h>
 
 #include "example.h"
@@ -8,7 +9,7 @@ static int serve(MQNode* node, PcfMessage* in, PcfMessage* out) {
   while (mnSRead(in, node, 1, NULL)) {
     MqcParam text;
     char sender[13];
-    mqc_sender(in, sender); /* whose key signed; of a plain message it is only what the sender claims */
+    mqc_sender(in, sender); /* the user whose key signed the message */
     if (!mqc_find(in, PARAM_TEXT, &text) || text.type != MQC_TEXT) return 0;
     printf("%s: %s\n", sender, text.text);
     if (!mqc_begin(out, COMMAND_ANSWER) || !mqc_add_text(out, PARAM_TEXT, text.text) || !mnWrite(out, node)) {
@@ -16,7 +17,9 @@ static int serve(MQNode* node, PcfMessage* in, PcfMessage* out) {
     }
   }
   if (node->error == MQ_NOT_AUTHENTIC) fprintf(stderr, "refused: %s\n", mqc_authenticate_error());
-  return peer_has_gone(node) || failed("read", node);
+  if (!peer_has_gone(node)) return failed("read", node);
+  mq_finish(node, FINISH_MSEC);
+  return 1;
 }
 
 int main(int argc, char** argv) {
@@ -36,6 +39,7 @@ int main(int argc, char** argv) {
   PcfMessage* out = mqc_message_new(0);
   MQNode* listener = CreateMQNode(&addr, MQ_ROLE_LISTEN);
   MQNode* client = NULL;
+  set_name(listener, "signed_server");
   int ok = 0;
   if (in == NULL || out == NULL || IsNodeFailed(listener)) {
     failed("listen", listener);

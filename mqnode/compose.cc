@@ -1,6 +1,6 @@
-// compose.cc - turns the host's message into a write descriptor, plain or signed, and hands it to delivery.
+// compose.cc - turns the application's message into a write descriptor, plain or signed, and passes it to deliver.cc.
 // Not here: sending and queueing (deliver.cc), the signature (the companion's mqc_sign).
-// Invariant: the caller's record is read for the last time before delivery starts.
+// Invariant: the application's message is not accessed once delivery has started.
 #include "mqnode/compose.h"
 
 #include <cstring>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kUserLength = sizeof(MsgHeader::userId);
 
-// Whether the raw form can be a message at all: its header is about to be written into it.
+// Whether the length of the raw form is valid. Checked before a header is written into it.
 bool IsWritable(const PcfRawData& raw) { return raw.length >= mq::kHeaderLength && raw.length <= MQ_MAX_MESSAGE; }
 
 int Fail(MQNode* node, int code) {
@@ -23,7 +23,7 @@ int Fail(MQNode* node, int code) {
   return 0;
 }
 
-// Null without memory; the node's error is 11 then.
+// Returns null and sets the node's error to 11 if there is no memory.
 IoBuffer* NewDescriptor(MQNode* node) {
   void* block = nullptr;
   if (!fNewMemory(&block, sizeof(IoBuffer), "MQNODE")) {
@@ -49,17 +49,17 @@ void FillEnvelope(PcfMessage* msg, const MQNode* node) {
 
 int WriteAltUser(PcfMessage* msg, MQNode* node, int secure, void* securityContext, int highPriority) {
   const char* user = node->user;
-  if (IsWritable(msg->raw)) {  // else there is no header to look at, and the write refuses the record
-    char* const own = mq::HeaderOf(msg->raw.data)->userId;
-    if (own[0] == '\0' || own[0] == ' ') memcpy(own, node->user, kUserLength);
-    user = own;
+  if (IsWritable(msg->raw)) {  // otherwise there is no header to read, and the write will fail
+    char* const userId = mq::HeaderOf(msg->raw.data)->userId;
+    if (userId[0] == '\0' || userId[0] == ' ') memcpy(userId, node->user, kUserLength);
+    user = userId;
   }
   return mnSWriteMsg(msg, node, nullptr, user, secure, securityContext, highPriority);
 }
 
 int WritePlain(PcfMessage* msg, MQNode* node, SockAddrRec* to, const char* user, int highPriority) {
   mq::Trace("mnWriteMsg", node);
-  // The user may be text anywhere in the message, which changes from here on.
+  // Copied first: user may point into the message, which is modified below.
   char userId[kUserLength];
   mq::FillField(userId, user);
   node->error = MQ_OK;

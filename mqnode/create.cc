@@ -1,6 +1,6 @@
-// create.cc - makes nodes: the record, its identity, its socket, its operation table.
-// Not here: the operations themselves, each in the room that the table names it from.
-// Invariant: a creator returns null only when there was no memory for the record, and has done nothing then.
+// create.cc - creates nodes: record, identity, socket and operation table.
+// Not here: the operations in that table (open.cc, read.cc, compose.cc, wait.cc).
+// Invariant: a null result means that there was no memory for the node, and that nothing was done.
 #include "mqnode/create.h"
 
 #include <cstring>
@@ -27,9 +27,9 @@ constexpr size_t kApplNameLength = sizeof(MQNode::applName);
 void TakeUser(MQNode* node) {
   char login[kLoginSize];
   int length = sizeof login;
-  constexpr int kMost = sizeof node->user - 1;
+  constexpr int kMaxLength = sizeof node->user - 1;
   if (!GetUserName(login, &length) || length < 0) return;
-  mq::CopyPadded(node->user, sizeof node->user, login, static_cast<size_t>(length < kMost ? length : kMost));
+  mq::CopyPadded(node->user, sizeof node->user, login, static_cast<size_t>(length < kMaxLength ? length : kMaxLength));
 }
 
 void TakeApplName(MQNode* node) {
@@ -39,7 +39,7 @@ void TakeApplName(MQNode* node) {
   memcpy(node->applName, name, sizeof node->applName);
 }
 
-// A node with everything but a socket, an address and operations; null without memory.
+// Creates a node without socket, address and operations. Returns null if there is no memory.
 MQNode* NewNode(uint32_t role, const char* host, bool datagram) {
   void* block = nullptr;
   if (!fNewMemory(&block, sizeof(MQNode), "MQNode")) return nullptr;
@@ -70,7 +70,7 @@ void BindAndListen(MQNode* node) {
   if (BindSocketName(&node->sock, &node->addr) == 1) ListenSocket(&node->sock, kAcceptBacklog);
 }
 
-// A node over a new socket; the creators differ in these arguments.
+// Creates a node with a new socket. The exported functions differ only in these arguments.
 MQNode* Create(SockAddrRec* addr, int role, bool datagram, SockOption* opt, const char* point) {
   MQNode* const node = NewNode(static_cast<uint32_t>(role), addr->host, datagram);
   if (node == nullptr) return nullptr;

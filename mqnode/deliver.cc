@@ -1,21 +1,21 @@
-// deliver.cc - hands write descriptors to the socket, keeps those that it does not take, and counts.
-// Not here: what is in a descriptor (compose.cc), waiting until a socket can take more (wait.cc).
-// Invariant: a descriptor is in the queue or released when a call returns, never both, never neither.
+// deliver.cc - sends write descriptors, queues those that the socket does not accept, and counts both.
+// Not here: the contents of a descriptor (compose.cc), waiting until a socket is writable (wait.cc).
+// Invariant: when a call returns, every descriptor is either queued or released.
 #include "mqnode/deliver.h"
 
 #include "mqnode/deliver.hh"
 
 namespace {
 
-// A queued datagram: a write descriptor that keeps its destination. As the descriptor comes first, every path that
-// releases one releases the other.
+// A queued datagram: a write descriptor and its destination in one block. The descriptor is the first member, so that
+// releasing it releases both.
 struct DatagramWrite {
   IoBuffer io;
   SockAddrRec to;
 };
 
-// Marks the descriptor of a DatagramWrite in a field that is 0 in every other write descriptor. It depends on the
-// address, so that a copy of the descriptor carries no valid mark.
+// The value of `received` that identifies the descriptor of a DatagramWrite; any other write descriptor has 0 there. It
+// depends on the address of the descriptor, so that a copy is not taken for a DatagramWrite.
 uint32_t MarkOf(const IoBuffer* desc) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(desc) >> 4) | 1u; }
 
 bool IsStream(const MQNode* node) { return node->sock.type == SOCK_TYPE_STREAM; }
@@ -24,7 +24,7 @@ void CountDown(MQNode* node) {
   if (node->writesOutstanding > 0) node->writesOutstanding -= 1;
 }
 
-// Turns a descriptor into one that keeps its destination; null without memory, desc is unchanged then.
+// Moves desc into a new DatagramWrite. Returns null if there is no memory; desc is unchanged then.
 IoBuffer* KeepDestination(IoBuffer* desc, const SockAddrRec& to) {
   void* block = nullptr;
   if (!fNewMemory(&block, sizeof(DatagramWrite), "MQNODE")) return nullptr;
@@ -36,19 +36,19 @@ IoBuffer* KeepDestination(IoBuffer* desc, const SockAddrRec& to) {
   return &write->io;
 }
 
-// The destination that a queued descriptor keeps; null when it keeps none, as one that an application queued.
+// The destination of a queued descriptor; null if it has none because the application queued it.
 SockAddrRec* DestinationOf(IoBuffer* desc) {
   return desc->received == MarkOf(desc) ? &reinterpret_cast<DatagramWrite*>(desc)->to : nullptr;
 }
 
-// Puts a descriptor on the queue, which exists. A put cannot report that it had no memory: the depth tells.
+// Puts a descriptor on an existing queue. Returns false if there is no memory, which only the depth of the queue shows.
 bool Put(Queue* queue, void (*put)(Queue*, void*), IoBuffer* desc) {
   const int before = Qdepth(queue);
   put(queue, desc);
   return Qdepth(queue) > before;
 }
 
-// Queues desc, which the queue then owns; without memory it is released, error is 11 and the result 0.
+// Queues desc, which the queue then owns. If there is no memory, releases it, sets error to 11 and returns 0.
 int Enqueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc, void (*put)(Queue*, void*)) {
   IoBuffer* const kept = IsStream(node) || to == nullptr ? desc : KeepDestination(desc, *to);
   if (kept == nullptr) return mq::Drop(node, desc, MQ_AGAIN);
@@ -73,12 +73,12 @@ int StartQueue(MQNode* node, const SockAddrRec* to, IoBuffer* desc) {
   return 1;
 }
 
-// Sends a queued descriptor on from where it stopped.
+// Sends the rest of a queued descriptor.
 int SendQueued(MQNode* node, IoBuffer* desc) {
   return WriteSocket(&node->sock, desc, IsStream(node) ? nullptr : DestinationOf(desc));
 }
 
-// Puts an unfinished descriptor back where it came from; error is left as it is unless there is no memory for that.
+// Puts an unfinished descriptor back at the head of the queue. Changes error only if there is no memory for that.
 int PutBack(MQNode* node, IoBuffer* desc) {
   if (Put(node->pending, Qputhead, desc)) return 1;
   CountDown(node);
@@ -102,7 +102,7 @@ int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority)
   if (IsAtWriteLimit(node)) {
     Drop(node, desc, MQ_WRITE_LIMIT);
   } else if (to == nullptr && !IsStream(node)) {
-    // It could never be sent.
+    // Without a destination it could never be sent.
     ReportFailure(&node->sock, SOCK_NO_DESTINATION);
     Drop(node, desc, MQ_AGAIN);
   } else {

@@ -1,5 +1,5 @@
-// deliver.hh - the straight road of a write, inline for the writers: nothing is queued and the socket takes it all.
-// Every other road leaves it through a function of deliver.cc.
+// deliver.hh - the fast path of a write, inline: nothing is queued, and the socket accepts the whole message. All other
+// cases are handled by functions of deliver.cc.
 #pragma once
 
 #include "mqnode/node.hh"
@@ -7,7 +7,7 @@
 
 namespace mq {
 
-// Ends a write that goes no further: the descriptor is released, and the result is the operation's.
+// Ends a failed write: releases the descriptor and sets the node's error. Always returns 0.
 inline int Drop(MQNode* node, IoBuffer* desc, int code) {
   Release(desc);
   node->error = code;
@@ -18,13 +18,13 @@ inline bool IsAtWriteLimit(const MQNode* node) {
   return node->writeLimit > 0 && node->writesOutstanding >= node->writeLimit;
 }
 
-// A write that finds the limit reached or others waiting; takes desc as mnWriteToNode does.
+// Handles a write when writeLimit is reached or earlier writes are queued. Takes ownership of desc.
 int WriteBehind(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority);
 
-// A write that the socket took in part, or, with taken 0, not at all; takes desc as mnWriteToNode does.
+// Handles a write that the socket accepted in part or, if taken is 0, not at all. Takes ownership of desc.
 int WriteUnfinished(MQNode* node, SockAddrRec* to, IoBuffer* desc, int taken);
 
-// What mnWriteToNode does with a descriptor that was never used, on a node without an error.
+// mnWriteToNode for a new descriptor, whose sent and flags are 0, on a node whose error is 0.
 inline int WriteFresh(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority) {
   if (IsAtWriteLimit(node) || node->pending != nullptr) [[unlikely]]
     return WriteBehind(node, to, desc, highPriority);

@@ -1,6 +1,6 @@
-// identity.cc - finds the program's name in the process listing.
-// Not here: the user's name, the companion's; where the names go in a message (compose.cc).
-// Invariant: of the caller's area only its first 48 bytes and those it asked to clear are written.
+// identity.cc - finds the application's name in the process listing.
+// Not here: the user name (the companion's GetUserName), the names in a message (compose.cc).
+// Invariant: only the first 48 bytes of the caller's buffer are written, and the *len bytes that are cleared.
 #include "mqnode/identity.h"
 
 #include <sys/auxv.h>
@@ -23,26 +23,26 @@ constexpr size_t kNameLength = 48;
 constexpr size_t kCommandSize = 512;
 constexpr size_t kPathSize = 256;
 constexpr size_t kLineSize = 512;
-constexpr size_t kLongestHome = 244;  // leaves room for a slash and a process id in the path
+constexpr size_t kLongestHome = 244;  // kPathSize less a slash, ten digits and the terminator
 constexpr char kUnknown[] = "UNKNOWN";
 constexpr char kListingCommand[] = "ps -p %d | grep -v CMD | grep -v COMMAND  | awk '{print $4}'  > $TEVRA_HOME/%d";
 
-// The shell may run with the real user's rights.
+// A regular file of the effective or the real user: the shell may drop privileges.
 bool IsOwnFile(const struct stat& file) {
   return S_ISREG(file.st_mode) && (file.st_uid == geteuid() || file.st_uid == getuid());
 }
 
-// Makes sure that the shell creates the scratch file. One that this user left behind is removed; anything else at that
-// place, a symbolic link or a FIFO, may have been put there by another user: the shell would write through it.
+// Removes an old scratch file of this user, so that the shell creates a new one. Returns false if anything else has
+// that name: it may be a symbolic link or a FIFO of another user, through which the shell would write.
 bool ClearPath(const char* path) {
-  const int before = errno;  // that nothing is there is no error that a lookup should report later
-  struct stat there;
-  const bool clear = lstat(path, &there) != 0 || (IsOwnFile(there) && remove(path) == 0);
-  errno = before;
+  const int saved = errno;  // a later lookup must not report the ENOENT that is normal here
+  struct stat info;
+  const bool clear = lstat(path, &info) != 0 || (IsOwnFile(info) && remove(path) == 0);
+  errno = saved;
   return clear;
 }
 
-// Reads the first line of the scratch file; the line is empty when the file is.
+// Reads the first line of the scratch file; empty if the file is. Returns false if the file belongs to another user.
 bool ReadLine(FILE* file, char (&line)[kLineSize]) {
   struct stat opened;
   if (fstat(fileno(file), &opened) != 0 || !IsOwnFile(opened)) return false;
@@ -51,7 +51,7 @@ bool ReadLine(FILE* file, char (&line)[kLineSize]) {
   return true;
 }
 
-// Runs the listing and reads the first line of what it wrote.
+// Runs the listing and reads the first line of its output.
 bool ReadCommandName(int pid, const char* home, char (&line)[kLineSize]) {
   char path[kPathSize];
   snprintf(path, sizeof path, "%s/%d", home, pid);
@@ -59,7 +59,7 @@ bool ReadCommandName(int pid, const char* home, char (&line)[kLineSize]) {
 
   char command[kCommandSize];
   snprintf(command, sizeof command, kListingCommand, pid, pid);
-  // The shell's status does not matter: the file tells whether there is a name.
+  // The exit status does not matter: the file shows whether there is a name.
   [[maybe_unused]] const int status = system(command);
 
   FILE* const file = fopen(path, "r");
@@ -70,14 +70,14 @@ bool ReadCommandName(int pid, const char* home, char (&line)[kLineSize]) {
   return own;
 }
 
-// The name travels in messages and ends up on terminals.
+// The name is sent in messages and may be printed on terminals.
 void ReplaceUnprintable(char* name) {
   for (; *name != '\0'; ++name) {
     if (*name < ' ' || *name > '~') *name = '?';
   }
 }
 
-// Cuts the newline off the end of the line, looking no further back than to the last blank.
+// Cuts the line at the first newline after its last blank.
 void CutNewline(char* line) {
   for (size_t i = strlen(line); i-- > 0;) {
     if (line[i] == ' ') return;
@@ -99,7 +99,7 @@ int GetApplName(char* out, int* len) {
   const int pid = getpid();
   const char* const home = getenv("TEVRA_HOME");
   if (home == nullptr || pid == 0 || strlen(home) > kLongestHome) return 1;
-  // A process with more rights than its caller does not run commands that the caller's environment chooses.
+  // A process with more privileges than its caller must not run commands that the caller's environment selects.
   if (getauxval(AT_SECURE) != 0) return 1;  // GCOVR_EXCL_BR_LINE: set-user-ID programs
   char line[kLineSize];
   if (!ReadCommandName(pid, home, line)) return 1;
@@ -111,7 +111,7 @@ int GetApplName(char* out, int* len) {
   strupper(name);
   ReplaceUnprintable(name);
   *len = static_cast<int>(strnlen(name, kNameLength));
-  // Taking out blanks leaves characters behind the terminator; they are no part of the name.
+  // strip_spaces leaves characters after the terminator, which are not part of the name.
   mq::CopyPadded(out, kNameLength, name, kNameLength);
   return 1;
 }

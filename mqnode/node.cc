@@ -1,6 +1,6 @@
-// node.cc - the small calls on a node's record.
-// Not here: making nodes (create.cc), opening and closing them (open.cc).
-// Invariant: none of these touches the network but mnSetBufferSize.
+// node.cc - trace callbacks, error state and buffer sizes of nodes.
+// Not here: creating nodes (create.cc), opening and closing them (open.cc).
+// Invariant: only mnSetBufferSize makes system calls.
 #include "mqnode/node.h"
 
 #include "mqnode/node.hh"

@@ -1,4 +1,4 @@
-// node.hh - what the rooms of the node layer share about a node.
+// node.hh - helpers shared by the node layer.
 #pragma once
 
 #include <algorithm>
@@ -7,15 +7,16 @@
 
 namespace mq {
 
-// A receive buffer starts at this size and never shrinks; a datagram must fit in it.
+// Initial capacity of a receive buffer in bytes. It never shrinks, and a datagram must fit in it.
 constexpr uint32_t kReceiveCapacity = 16520;
 
-// Inlined where messages pass; RunTraceMethod is the same for hosts.
+// RunTraceMethod, inline for the fast paths.
 inline void Trace(const char* point, MQNode* node) {
   if (node->onTrace != nullptr) node->onTrace(point, node);
 }
 
-// Gives buf a new area, whatever it had before, armed for length bytes. Without memory it has none: a read asks again.
+// Gives buf a new data area, without releasing a previous one, and prepares it to receive length bytes. If there is no
+// memory, buf has no area, and the next read tries to allocate one.
 inline void CreateReceiveBuffer(IoBuffer* buf, uint32_t length) {
   CreateBuffer(buf, kReceiveCapacity);
   ResetBuffer(buf, std::min(length, buf->capacity));

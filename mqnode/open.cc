@@ -1,6 +1,6 @@
-// open.cc - connects and accepts, closes and deletes.
-// Not here: making nodes (create.cc), sending what is queued (deliver.cc).
-// Invariant: each node owns exactly one receive buffer and one descriptor; nothing is released twice.
+// open.cc - opens nodes by connecting or accepting; closes and deletes them.
+// Not here: creating nodes (create.cc), sending queued writes (deliver.cc).
+// Invariant: each node owns exactly one receive buffer and one file descriptor; nothing is released twice.
 #include "mqnode/open.h"
 
 #include "mqnode/node.hh"
@@ -9,8 +9,8 @@
 
 namespace {
 
-// Makes the child of an accepted connection from a copy of its parent. Without memory the connection has no holder and
-// is closed; child is null then.
+// Makes the child of an accepted connection from a copy of its parent. If there is no memory, closes the connection and
+// sets parent->child to null.
 void MakeChild(MQNode* parent, SockRec* accepted) {
   void* block = nullptr;
   const int allocated = fNewMemory(&block, sizeof(MQNode), "MQNode");
@@ -26,7 +26,7 @@ void MakeChild(MQNode* parent, SockRec* accepted) {
   child->role = MQ_ROLE_CONNECT;
   child->openState = 1;
   child->child = nullptr;
-  // The child took over the queue and the receive buffer with the copy.
+  // The copy gave the queue and the receive buffer to the child.
   parent->pending = nullptr;
   mq::CreateReceiveBuffer(&parent->recvBuffer, mq::kHeaderLength);
 }

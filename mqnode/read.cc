@@ -1,10 +1,10 @@
-// read.cc - gathers messages into the node's receive buffer, converts them, and delivers them to the application.
+// read.cc - receives messages into the node's receive buffer, converts them, and delivers them to the application.
 // Not here: one receive (socksin/transfer.cc), conversion, parsing and signatures (the companion).
-// Invariants: the receive buffer never holds, and is never asked for, more than its capacity; nothing of a signed
-// message is converted or parsed before its signature was checked.
+// Invariants: a receive never exceeds the capacity of the receive buffer. The message in an envelope is not converted
+// or parsed before its signature has been verified.
 //
-// A read from a stream has two stages, header and rest, and each gathers into the receive buffer; between calls that
-// buffer is the whole state. On a datagram node both stages are one datagram.
+// A read from a stream has two stages: the header, then the rest. Both are received into the receive buffer, which is
+// the only state kept between calls. On a datagram node, one datagram completes both stages.
 #include "mqnode/read.h"
 
 #include <fcntl.h>
@@ -26,18 +26,18 @@ namespace {
 using mq::kEnvelopeLength;
 using mq::kHeaderLength;
 
-// A browse looks twice at once, then with a pause before each look: at most a second in all.
-constexpr int kBrowseLooks = 102;
+// A browse peeks twice without a pause, then up to 100 times with a pause before each: at most a second in all.
+constexpr int kBrowsePeeks = 102;
 constexpr timespec kBrowsePause = {0, 10'000'000};
 
-// What plain and signed reads differ in. Convert converts a header that was just gathered and makes the buffer ask for
-// the rest; its result is 0 or the code to fail with. Deliver hands over the message that the buffer holds and runs the
-// read's trace point.
+// The differences between plain and signed reads. Convert converts the header just received and sets the buffer's
+// length to that of the whole message; it returns 0 or an error code. Deliver passes the complete message to the
+// application and runs the trace point of the read.
 struct PlainFraming {
   static constexpr uint32_t kLength = kHeaderLength;
   static constexpr const char* kGatherPoint = "mnReadMsg";
   static constexpr const char* kReadPoint = "mnRead";
-  static constexpr bool kResetBeforeTrace = true;  // order of reset and trace after a receive that failed
+  static constexpr bool kResetBeforeTrace = true;  // order of reset and trace point after a failed receive
   static int Convert(MQNode* node);
   static int Deliver(PcfMessage* msg, MQNode* node);
 };
@@ -53,23 +53,24 @@ struct SignedFraming {
 
 bool IsDatagram(const MQNode* node) { return node->sock.type == SOCK_TYPE_DATAGRAM; }
 
-// Length of an idle buffer: a header on a stream, any one datagram on a datagram node.
+// Number of bytes to receive into an empty buffer: a header on a stream; on a datagram node, a datagram of any length.
 template <class Framing>
 uint32_t IdleLength(const MQNode* node) {
   return IsDatagram(node) ? node->recvBuffer.capacity : Framing::kLength;
 }
 
-// Arms the receive buffer for the next message, as far as it has an area.
+// Prepares the receive buffer for the next message, within its capacity, which is 0 if it has no data area.
 template <class Framing>
 void Reset(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
   ResetBuffer(buf, std::min(IdleLength<Framing>(node), buf->capacity));
 }
 
-// Failures stay out of the reader, which is one function on the fast path.
+// Failures and rare cases are not inlined, which keeps the fast path of a read short.
 
-// Arms an empty buffer that is not armed for this framing: the other one used it last, or it has no area, because there
-// was no memory when the node was created or the node is closed. Then it gets one. False without memory.
+// Prepares an empty buffer that is not set up for this framing: it was last used for the other one, or it has no data
+// area, because there was no memory when the node was created or because the node is closed. In that case an area is
+// allocated; returns false if there is no memory for it.
 template <class Framing>
 [[gnu::noinline]] bool Rearm(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
@@ -79,7 +80,7 @@ template <class Framing>
   return true;
 }
 
-// Ends a gather or a read with a failure that the next call cannot continue from. Always 0.
+// Ends a gather or a read with a failure that discards the received bytes. Always returns 0.
 template <class Framing>
 [[gnu::noinline]] int Fail(MQNode* node, const char* point, int code) {
   node->error = code;
@@ -88,7 +89,7 @@ template <class Framing>
   return 0;
 }
 
-// Ends a gather whose receive failed; the bytes held stay when the socket would block. Always 0.
+// Ends a gather whose receive failed. If the socket would block, the received bytes are kept. Always returns 0.
 template <class Framing>
 [[gnu::noinline]] int FailReceive(MQNode* node) {
   mq::CopySocketError(node);
@@ -98,8 +99,8 @@ template <class Framing>
   return 0;
 }
 
-// Receives until the buffer holds what it asks for; on a datagram node one datagram, unless one is held already. The
-// first word is checked after each receive, and when nothing needs to be received.
+// Receives until the buffer contains length bytes; on a datagram node, one datagram, unless it already contains one.
+// The first word is checked after each receive, and also if nothing had to be received.
 template <class Framing, bool kDatagram>
 int Gather(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
@@ -116,7 +117,7 @@ int Gather(MQNode* node) {
   }
 }
 
-// The second stage on a stream: the rest of a message whose header was checked and converted.
+// The second stage on a stream: receives the rest of a message whose header has been checked and converted.
 template <class Framing>
 int GatherRest(MQNode* node) {
   const IoBuffer* const buf = &node->recvBuffer;
@@ -137,7 +138,8 @@ int EndRead(MQNode* node, int result) {
   return result;
 }
 
-// Reads one message. One whose two stages ended in this call runs the read's trace point twice.
+// Reads one message. On a stream, a call that completes the first stage and starts the second runs the trace point of
+// the read twice.
 template <class Framing, bool kDatagram>
 [[gnu::flatten]] int Read(PcfMessage* msg, MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
@@ -149,7 +151,7 @@ template <class Framing, bool kDatagram>
   if (!Gather<Framing, kDatagram>(node)) return EndRead<Framing>(node, 0);
   if (inRest) return Framing::Deliver(msg, node);
 
-  // A part of a message of the other framing may be shorter than a header.
+  // If the other framing was used before, the buffer may contain less than this framing's header.
   const int code = buf->received >= Framing::kLength ? Framing::Convert(node) : MQ_BAD_MESSAGE;
   if (code != MQ_OK) return Fail<Framing>(node, Framing::kReadPoint, code);
   if (kDatagram) return Framing::Deliver(msg, node);
@@ -162,7 +164,8 @@ int ReadAny(PcfMessage* msg, MQNode* node) {
   return IsDatagram(node) ? Read<Framing, true>(msg, node) : Read<Framing, false>(msg, node);
 }
 
-// Makes the buffer ask for the whole message that a converted header announces. Returns 0 or the code to fail with.
+// Sets the buffer's length to that of the message announced by the converted header, and enlarges the buffer if
+// necessary. Returns 0 or an error code.
 int ExpectMessage(MQNode* node, uint32_t framingLength, uint32_t hdrLength, uint32_t announced) {
   IoBuffer* const buf = &node->recvBuffer;
   if (hdrLength != framingLength) return MQ_BAD_MESSAGE;
@@ -177,7 +180,8 @@ int ExpectMessage(MQNode* node, uint32_t framingLength, uint32_t hdrLength, uint
 
 int PlainFraming::Convert(MQNode* node) {
   IoBuffer* const buf = &node->recvBuffer;
-  // The companion gets a second area here, at a fixed distance that is part of its interface; nothing uses it.
+  // The interface to the companion fixes the distance of aux from data. The address may be outside the area: it is
+  // never dereferenced.
   constexpr size_t kAuxOffset = 18496;
   PcfRawData raw;
   raw.data = buf->data;
@@ -195,8 +199,8 @@ int SignedFraming::Convert(MQNode* node) {
   return ExpectMessage(node, kLength, envelope->hdrLength, envelope->msgLength);
 }
 
-// Copies what the buffer holds behind the first skipped bytes to the message's raw form, and counts it. False without
-// memory.
+// Copies the received bytes, without the first skipped ones, to the raw form of msg, and counts the message. Returns
+// false if there is no memory.
 bool TakeRaw(PcfMessage* msg, MQNode* node, uint32_t skipped) {
   const IoBuffer* const buf = &node->recvBuffer;
   if (msg->raw.capacity < buf->received && !SizePcfMessage(msg, buf->received)) return false;
@@ -256,41 +260,42 @@ bool PeerStoppedSending(const SockRec& sock) {
   return poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-// Whether a browse that found part of a header looks again, after a pause: not on a non-blocking node.
-bool PauseBrowse(const SockRec& sock, int looks) {
-  if (looks >= kBrowseLooks || IsNonBlocking(sock)) return false;
+// Pauses before the next peek of a browse that found part of a header. Returns false if there must not be another one:
+// on a non-blocking node, and after the last.
+bool PauseBrowse(const SockRec& sock, int peeks) {
+  if (peeks >= kBrowsePeeks || IsNonBlocking(sock)) return false;
   nanosleep(&kBrowsePause, nullptr);
   return true;
 }
 
-// Always false. Callbacks see the node's error: a browse sets it only when it fails.
+// Always returns false. The error is set only here, at the end: socket callbacks that run during a browse see it as 0.
 bool FailBrowse(MQNode* node, int code) {
   node->error = code;
   return false;
 }
 
-// Peeks until a whole header is at data; on failure the node's error says why not.
+// Peeks until data contains a whole header. On failure, sets the node's error and returns false.
 bool PeekHeader(MQNode* node, uint8_t* data) {
   SockRec* const sock = &node->sock;
-  bool ended = false;  // the peer sends no more: the next look sees all there will ever be
-  for (int looks = 1;; ++looks) {
+  bool ended = false;  // the peer has stopped sending: the next peek sees everything that will ever arrive
+  for (int peeks = 1;; ++peeks) {
     IoBuffer peek = {data, kHeaderLength, kHeaderLength, MSG_PEEK, 0, 0};
     if (!ReadSocket(sock, &peek)) return FailBrowse(node, sock->error);
     if (peek.received >= sizeof(uint32_t) && !mq::IsHeader(data, kHeaderLength)) break;
     if (peek.received >= kHeaderLength) return true;
-    if (looks > 1 && IsDatagram(node)) break;  // it does not grow
+    if (peeks > 1 && IsDatagram(node)) break;  // a datagram does not grow
     if (ended) {
       mq::ReportFailure(sock, SOCK_PEER_CLOSED);
       return FailBrowse(node, sock->error);
     }
     ended = PeerStoppedSending(*sock);
-    if (looks == 1 || ended) continue;  // the first look may have been cut short
-    if (!PauseBrowse(*sock, looks)) return FailBrowse(node, MQ_AGAIN);
+    if (peeks == 1 || ended) continue;  // the first peek may have returned only part of what had arrived
+    if (!PauseBrowse(*sock, peeks)) return FailBrowse(node, MQ_AGAIN);
   }
   return FailBrowse(node, MQ_BAD_MESSAGE);
 }
 
-// Converts a peeked header and makes room for its body; on failure the node's error says why not.
+// Converts a peeked header and enlarges msg for its body. On failure, sets the node's error and returns false.
 bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
   PcfRawData* const raw = &msg->raw;
   if (!AlienToNative(raw)) {
@@ -299,8 +304,8 @@ bool ConvertPeeked(PcfMessage* msg, MQNode* node) {
     return false;
   }
   const uint32_t bodyLength = mq::HeaderOf(raw->data)->bodyLength;
-  const auto room = static_cast<int32_t>(raw->capacity - kHeaderLength);
-  if (static_cast<int32_t>(bodyLength) <= room || SizePcfMessage(msg, bodyLength)) return true;
+  const auto available = static_cast<int32_t>(raw->capacity - kHeaderLength);
+  if (static_cast<int32_t>(bodyLength) <= available || SizePcfMessage(msg, bodyLength)) return true;
   return FailBrowse(node, MQ_NO_ROOM);
 }
 

@@ -1,6 +1,6 @@
-// wait.cc - lists the sockets of nodes, waits once, and sorts the ready sockets back into nodes.
+// wait.cc - lists the sockets of nodes, waits once, and sorts the nodes of the ready sockets into the caller's arrays.
 // Not here: the wait itself (socksin/wait.cc).
-// Invariant: no array or list is written past what its size or the number of nodes allows.
+// Invariant: no list is written beyond the size of its record, no array beyond the number of nodes and a null pointer.
 #include "mqnode/wait.h"
 
 #include "mqnode/node.hh"
@@ -8,11 +8,11 @@
 namespace {
 
 constexpr int kMsecPerSecond = 1000;
-constexpr int kMostSeconds = 2147483;
+constexpr int kMaxSeconds = 2147483;
 
 int Milliseconds(int seconds) {
   if (seconds < 0) return 0;
-  return (seconds < kMostSeconds ? seconds : kMostSeconds) * kMsecPerSecond;
+  return (seconds < kMaxSeconds ? seconds : kMaxSeconds) * kMsecPerSecond;
 }
 
 PostTimeout Timeout(int milliseconds) {
@@ -20,7 +20,7 @@ PostTimeout Timeout(int milliseconds) {
   return {count % kMsecPerSecond, count / kMsecPerSecond};
 }
 
-// Lists the nodes' sockets; with kPending those with queued writes in the writable list too.
+// Lists the sockets of the nodes; with kPending, those with queued writes also in the writable list.
 template <bool kPending>
 void ListSockets(MQNode** nodes, SockPostData* work) {
   if (work->size < 1) return;
@@ -36,13 +36,13 @@ void ListSockets(MQNode** nodes, SockPostData* work) {
   if (kPending) *writable = nullptr;
 }
 
-// The node that holds a socket; null when its holder is none.
+// The node that owns a socket; null if its owner is not a node.
 MQNode* NodeOf(SockRec* rec) {
   auto* const node = static_cast<MQNode*>(rec->owner);
   return node != nullptr && &node->sock == rec ? node : nullptr;
 }
 
-// The two arrays that take nodes with something to accept or to read, and how full they are.
+// The next free entries in the arrays of nodes to accept on and of nodes to read from.
 class ReadyArrays {
  public:
   ReadyArrays(MQNode** listen, MQNode** read) : listen_(listen), read_(read) {}
@@ -74,9 +74,9 @@ void OpenWritable(SockRec** list, MQNode** writeReady) {
   *writeReady = nullptr;
 }
 
-// Runs a wait with a work record of its own; 0 when there is no memory for it.
+// Runs a wait with a temporary work record. Returns 0 if there is no memory for it.
 template <typename WaitFn>
-int WithOwnRecord(WaitFn wait) {
+int WithTemporaryRecord(WaitFn wait) {
   SockPostData work;
   const int result = InitSocketPostData(&work, SOCK_POST_SIZE) ? wait(&work) : 0;
   FreeSocketPostData(&work);
@@ -86,7 +86,7 @@ int WithOwnRecord(WaitFn wait) {
 }  // namespace
 
 int mnPost(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status) {
-  return WithOwnRecord(
+  return WithTemporaryRecord(
       [=](SockPostData* work) { return mnPostEx(nodes, listenReady, readReady, seconds, status, work); });
 }
 
@@ -106,7 +106,7 @@ int mnPostExMSec(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int m
 }
 
 int mnNPost(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int seconds, int* status) {
-  return WithOwnRecord(
+  return WithTemporaryRecord(
       [=](SockPostData* work) { return mnNPostEx(nodes, listenReady, readReady, writeReady, seconds, status, work); });
 }
 

@@ -1,4 +1,4 @@
-// wire.hh - the two framings: how a header is recognised, measured and filled.
+// wire.hh - the headers of plain and signed messages: recognising, measuring and filling them.
 // Not here: where the bytes come from (read.cc) and go to (compose.cc).
 #pragma once
 
@@ -23,21 +23,21 @@ inline bool IsHeader(const uint8_t* data, uint32_t headerLength) {
   return first == headerLength || first == bwlong(headerLength);
 }
 
-// The length of a whole message whose converted header announces that many more bytes; 0 when there can be no such
-// message: nothing follows the header, or more than the bound allows.
+// Length of a whole message whose converted header announces that many bytes after it. 0 if that is not valid: no
+// bytes, or more than MQ_MAX_MESSAGE in total.
 inline uint32_t TotalLength(uint32_t headerLength, uint32_t announced) {
   const uint64_t total = uint64_t{headerLength} + announced;
   return announced != 0 && total <= MQ_MAX_MESSAGE ? static_cast<uint32_t>(total) : 0;
 }
 
-// States the host's byte order and character set in a header of either kind.
+// Writes the byte order and character set of this host into a header of either kind.
 template <typename Header>
 void FillForm(Header* header) {
   header->bigEndian = IsLtEndian() == 0;
   header->asciiText = IsAscText() != 0;
 }
 
-// Fills what the library owns in the header of a raw message, but for userId and applName.
+// Fills the library's fields in the header of a raw message, except userId and applName.
 inline void FillHeader(PcfRawData* raw) {
   MsgHeader* const header = HeaderOf(raw->data);
   header->hdrLength = kHeaderLength;

@@ -1,5 +1,5 @@
-// queue.cc - the queue's entries: made, linked, unlinked, released.
-// Not here: what the items are and when a node queues them (mqnode/deliver.cc).
+// queue.cc - creates and releases queues and their entries, and links the entries.
+// Not here: the items, and when a node queues them (mqnode/deliver.cc).
 // Invariant: head and tail are both null exactly when count is 0, and count is the number of entries from head on.
 #include "queue/queue.h"
 

@@ -62,8 +62,8 @@ MQ_API void* Qget(Queue* q);
 /* Qremove - remove each entry whose item equals this pointer. The item itself is not released. */
 MQ_API void Qremove(Queue* q, void* item);
 
-/* Qstart - set the cursor to the head. Other functions than Qnext do not move the cursor: after the entry at the cursor
- * was removed, call Qstart again. */
+/* Qstart - set the cursor to the head. Only Qstart and Qnext move the cursor: after the entry at the cursor has been
+ * removed, call Qstart again. */
 MQ_API void Qstart(Queue* q);
 
 /* Qnext - return the item at the cursor, and advance the cursor.

@@ -58,8 +58,7 @@ MQ_RUNTIME void CreateBuffer(IoBuffer* buf, uint32_t size);
 MQ_RUNTIME void ResetBuffer(IoBuffer* buf, uint32_t length);
 
 /* SizeBuffer - enlarge the data area to at least size bytes, preserving the received bytes and all counters.
- * data may move; capacity is set to the new size. If there is no memory, nothing changes: compare capacity with size.
- * */
+ * data may move; capacity becomes the new size. If there is no memory, nothing changes: compare capacity with size. */
 MQ_RUNTIME void SizeBuffer(IoBuffer* buf, uint32_t size);
 
 /* DeleteBuffer - release the data area, but not the record.

@@ -1,6 +1,6 @@
 // alarm.cc - arms and disarms the alarm guard and logs when it goes off.
-// Not here: the log itself, the companion's.
-// Invariant: AlarmHandler calls nothing that is unsafe in a signal handler, given a LOGMSG that is safe.
+// Not here: the log (the companion's LOGMSG).
+// Invariant: AlarmHandler is async-signal-safe, provided that LOGMSG is.
 #include "socksin/alarm.h"
 
 #include <signal.h>
@@ -31,9 +31,9 @@ void disable_alarm(void) {
 }
 
 void AlarmHandler(int) {
-  const int interrupted = errno;
+  const int saved = errno;
   char line[kLogLineSize];
   mq::CopyText(line, kTimeout);
   LOGMSG(line, 1);
-  errno = interrupted;
+  errno = saved;
 }

@@ -1,6 +1,6 @@
-// connect.cc - connects, binds, listens and accepts, and keeps the names in the records in step with what happened.
-// Not here: what a name resolves to (resolve.cc), waiting for a pending connect (wait.cc).
-// Invariant: connected is 1 only after a connect, bind or accept that succeeded.
+// connect.cc - connects, binds, listens and accepts, and updates the addresses in the records accordingly.
+// Not here: name resolution (resolve.cc), waiting for a pending connect (wait.cc).
+// Invariant: connected is set to 1 only after a connect, bind or accept has succeeded.
 #include "socksin/connect.h"
 
 #include <netinet/in.h>
@@ -22,10 +22,10 @@ struct Outcome {
   int code;
 };
 
-// Only the result says whether a call failed: errno may be left over from before, and may be 0 after a failure.
+// Only the result shows whether a call failed: errno may stem from an earlier call, and may be 0 after a failure.
 Outcome Judge(int result) { return result == -1 ? Outcome{true, errno} : Outcome{false, 0}; }
 
-// A socket that is connected already counts as connected now.
+// EISCONN counts as success.
 Outcome Connect(SockRec* rec, const SockAddrRec* target, const sockaddr_in* sin) {
   Outcome outcome = Judge(connect(rec->fd, Address(sin), sizeof *sin));
   rec->from = *target;

@@ -1,6 +1,6 @@
-// options.cc - maps option ids to the system's and sets or reads one at a time.
+// options.cc - maps option ids to those of the system, and sets or gets one option at a time.
 // Not here: which options a node gets (mqnode/create.cc).
-// Invariant: error is the outcome of the last call, 0 when it succeeded.
+// Invariant: error is the errno of the last call, 0 if it succeeded.
 #include "socksin/options.h"
 
 #include <netinet/in.h>

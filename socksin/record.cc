@@ -1,6 +1,6 @@
-// record.cc - the life of a socket record: reset, created or adopted, configured, deleted.
-// Not here: names on the network (resolve.cc, connect.cc), bytes (transfer.cc), options (options.cc).
-// Invariant: a record whose fd is -1 owns no descriptor.
+// record.cc - the life cycle of a socket record: initialised, created or adopted, configured, deleted.
+// Not here: addresses (resolve.cc, connect.cc), transfers (transfer.cc), options (options.cc).
+// Invariant: a record whose fd is -1 owns no file descriptor.
 #include "socksin/record.h"
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ namespace {
 constexpr int kNoDescriptor = -1;
 constexpr char kFromProtocol[] = "tcp";
 
-// The time of day hh:mm:ss starts here in ctime's text.
+// Offset of the time of day, hh:mm:ss, in the result of ctime.
 constexpr size_t kClockInCtime = 11;
 
 void PrintCloseFailure(int fd, int result, int code) {
@@ -33,7 +33,7 @@ void PrintCloseFailure(int fd, int result, int code) {
          text != nullptr ? text + kClockInCtime : "??:??:??", fd, result, code);
 }
 
-// Sets and clears file status flags of the descriptor.
+// Sets and clears file status flags.
 int ChangeFlags(SockRec* rec, int set, int clear, const char* point) {
   rec->error = 0;
   const int flags = fcntl(rec->fd, F_GETFL, 0);
@@ -47,11 +47,11 @@ int ChangeFlags(SockRec* rec, int set, int clear, const char* point) {
 
 namespace mq {
 
-// errno stays: lookups report what an earlier call left there.
+// Preserves errno: a failed lookup reports the value that an earlier call left there.
 void CloseOnExec(int fd) {
-  const int before = errno;
+  const int saved = errno;
   ioctl(fd, FIOCLEX);
-  errno = before;
+  errno = saved;
 }
 
 }  // namespace mq
@@ -103,7 +103,7 @@ int DeleteSocket(SockRec* rec) {
   if (fd <= 0) return 1;
   const int closed = close(fd);
   if (closed != 0) PrintCloseFailure(fd, closed, errno);
-  rec->fd = kNoDescriptor;  // the number may be somebody else's from here on
+  rec->fd = kNoDescriptor;  // the system may reuse the number from now on
   return 1;
 }
 

@@ -1,11 +1,11 @@
-// record.hh - what every operation of the socket layer does the same way: trace points and failure reports.
+// record.hh - helpers shared by the socket layer: trace points and failure reports.
 #pragma once
 
 #include "socksin/record.h"
 
 namespace mq {
 
-// Keeps a descriptor from programs that the process starts.
+// Sets the close-on-exec flag: programs started by this process do not inherit fd.
 void CloseOnExec(int fd);
 
 // Runs a trace point on the record.
@@ -13,10 +13,10 @@ inline void RunSocketTrace(const char* point, SockRec* rec) {
   if (rec->onTrace != nullptr) rec->onTrace(point, rec);
 }
 
-// Calls the record's error callback for the code already in error and keeps its result.
+// Calls the record's error callback, which finds the code in rec->error, and stores its result.
 inline void CallErrorCallback(SockRec* rec) { rec->errorResult = rec->onError != nullptr ? rec->onError(rec) : 0; }
 
-// Reports a failure; the result is the failed operation's.
+// Sets error and calls the error callback. Always returns 0, the result of the failed operation.
 inline int ReportFailure(SockRec* rec, int code) {
   rec->error = code;
   CallErrorCallback(rec);

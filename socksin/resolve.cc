@@ -1,5 +1,5 @@
-// resolve.cc - decides what a socket name stands for, in a fixed order, and asks the system library where it must.
-// Not here: the plain mappings (sockutil/sockutil.cc), what is done with an address (connect.cc, transfer.cc).
+// resolve.cc - resolves the name in a socket address to an IPv4 address and port, in a fixed order of steps.
+// Not here: simple mappings (sockutil/sockutil.cc), uses of the address (connect.cc, transfer.cc).
 // Invariant: every exit of AddrToIP runs "AddrToIP:After" once.
 #include "socksin/resolve.h"
 
@@ -24,7 +24,8 @@ constexpr int kGroupMax = 255;
 
 bool StartsWithDigit(const char* text) { return isdigit(static_cast<unsigned char>(text[0])) != 0; }
 
-// The code of a lookup that failed: errno is not cleared before lookups, so what an earlier call left is reported.
+// Sets the error of a failed lookup: errno if it is not 0, else code. errno is not cleared before a lookup, so it may
+// stem from an earlier call.
 bool FailLookup(SockRec* rec, int code) {
   rec->error = errno != 0 ? errno : code;
   return false;

@@ -1,6 +1,6 @@
-// sysinfo.cc - asks the platform about the host and formats what it says.
+// sysinfo.cc - information about the host: its label, its processors, and whether TCP/IP is active.
 // Not here: the alarm guard (alarm.cc).
-// Invariant: label and log lines are composed within the sizes their callers and buffers give.
+// Invariant: labels and log lines never exceed the size of their buffers.
 #include "socksin/sysinfo.h"
 
 #include <unistd.h>
@@ -24,7 +24,7 @@ constexpr size_t kLogLineSize = 512;
 constexpr unsigned kCheckSeconds = 5;
 constexpr unsigned kCycleSeconds = 300;
 
-// Appends one piece and the separator when their cost, terminator included, leaves room to spare.
+// Appends piece and separator if, with the terminator, they take fewer than *room bytes.
 void AppendPiece(char* label, int* room, const char* piece) {
   const int cost = static_cast<int>(strlen(piece)) + static_cast<int>(sizeof kSeparator);
   if (cost >= *room) return;
@@ -33,14 +33,14 @@ void AppendPiece(char* label, int* room, const char* piece) {
   *room -= cost;
 }
 
-// A trimmed copy of a field that need not be terminated.
+// Copies a field, which need not be null-terminated, and trims the copy.
 template <size_t N>
 void TrimmedCopy(char (&copy)[N], const char* field, size_t fieldSize) {
   mq::CopyPadded(copy, N, field, fieldSize < N - 1 ? fieldSize : N - 1);
   trim_str(copy);
 }
 
-// Logs prefix, who and suffix as one line; a who that does not fit is cut.
+// Logs prefix, who and suffix as one line. Truncates who if the line would be too long.
 void LogWho(const char* prefix, const char* who, const char* suffix) {
   char line[kLogLineSize];
   const int room = static_cast<int>(sizeof line - 1 - strlen(prefix) - strlen(suffix));

@@ -6,7 +6,7 @@ namespace mq {
 
 int FailTransfer(SockRec* rec, const char* point, int code) {
   ReportFailure(rec, code);
-  // Only now, after the error callback saw the errno itself.
+  // Only after ReportFailure: the error callback gets EINPROGRESS itself.
   if (rec->error == EINPROGRESS) rec->error = SOCK_WOULD_BLOCK;
   return EndTransfer(rec, point, 0);
 }

@@ -1,4 +1,4 @@
-// transfer.hh - one receive and one send, inline for the road of a message: what ReadSocket and WriteSocket do.
+// transfer.hh - one receive and one send: the bodies of ReadSocket and WriteSocket, inline for the fast paths.
 // Invariant: rec->buffer is set exactly between the two trace points of a call.
 #pragma once
 
@@ -24,13 +24,14 @@ inline int EndTransfer(SockRec* rec, const char* point, int result) {
   return result;
 }
 
-// Ends a transfer that moved nothing. Always 0.
+// Ends a failed transfer. Always returns 0.
 int FailTransfer(SockRec* rec, const char* point, int code);
 
-// sendto to a destination that is resolved first; as send, with errno 89 when there is none.
+// Resolves the destination and calls sendto. Result and errno as for send; errno is 89 if the destination is null or
+// cannot be resolved.
 ssize_t SendTo(SockRec* rec, const IoBuffer* buf, SockAddrRec* destination);
 
-// kAnyType: of whatever type the record is when something has arrived; else a stream socket.
+// kAnyType: rec->type, read after the receive, decides whether rec->from is set; otherwise it is a stream socket.
 template <bool kAnyType>
 int Receive(SockRec* rec, IoBuffer* buf) {
   constexpr const char* kAfter = "ReadSocket:After";
@@ -51,7 +52,8 @@ int Receive(SockRec* rec, IoBuffer* buf) {
   return EndTransfer(rec, kAfter, 1);
 }
 
-// ReadSocket for a stream socket, whose type only a trace callback could change.
+// ReadSocket for a stream socket. Without a trace callback, its type cannot change during the call and is not checked
+// again.
 inline int ReceiveStream(SockRec* rec, IoBuffer* buf) {
   return rec->onTrace == nullptr ? Receive<false>(rec, buf) : ReadSocket(rec, buf);
 }

@@ -1,7 +1,8 @@
 // wait.cc - turns socket lists into descriptor sets, waits in one select, and turns the sets back into lists.
 // Not here: nodes (mqnode/wait.cc).
-// Invariant: no bit is set or tested outside the sets in use. The sets are the record's own 128 bytes each until a
-// descriptor of 1024 or more turns up; from then on they are one block sized from the highest descriptor.
+// Invariant: no bit is set or tested outside the sets in use. These are the fd_sets of the work record, 128 bytes each,
+// until a file descriptor of 1024 or more is listed; then they are in one allocated block that grows with the highest
+// descriptor.
 #include "socksin/wait.h"
 
 #include <sys/select.h>
@@ -19,9 +20,9 @@ namespace {
 using Word = unsigned long;
 constexpr size_t kWordBits = 64;
 constexpr int kUsecPerMsec = 1000;
-constexpr int kMostDescriptors = 1 << 28;  // no process has so many
+constexpr int kMaxDescriptors = 1 << 28;  // more than any process can have
 
-// The three sets of one wait, and room for their union.
+// The three sets of one wait, and space for their union.
 struct Sets {
   Word* read;
   Word* write;
@@ -29,13 +30,13 @@ struct Sets {
   Word* any;
   size_t bits;  // descriptors below this fit
   int highest;  // highest descriptor seen
-  void* block;  // the sets' own memory, null while they are the record's
+  void* block;  // allocated memory of the sets; null while they are those of the work record
 
-  // False for a negative descriptor too.
+  // Also false for a negative descriptor.
   bool Fits(int fd) const { return static_cast<size_t>(fd) < bits; }
 };
 
-// What one family watches and how it names what it found.
+// Differences between PostSocket and NPostSocket: whether writes are watched, and the names of the trace points.
 struct Family {
   bool writes;
   const char* ready;
@@ -46,31 +47,31 @@ struct Family {
 constexpr Family kPost = {false, "PostSocket:Ready", nullptr, "PostSocket:Exception"};
 constexpr Family kNPost = {true, "NPostSocket:Ready", "NPostSocket:Write", "NPostSocket:Exception"};
 
-// What a wait keeps on the stack. Most sockets of a wait are not ready: with the descriptors of the first ones at hand,
-// collecting need not visit their records, each of which lies on a page of its own.
+// Memory of a wait on the stack. Most sockets of a wait are not ready. Because the descriptors of the first kKnown ones
+// are noted here, Collect does not access the records of those that are not ready, which would cost a cache miss each.
 constexpr size_t kKnown = SOCK_POST_SIZE - 1;
 struct Scratch {
   int fd[kKnown];
   Word any[FD_SETSIZE / kWordBits];
 };
 
-// Where a descriptor's bit is in a set.
-struct Place {
+// Position of a descriptor's bit in a set.
+struct Position {
   size_t word;
   Word bit;
 
-  explicit Place(int fd)
+  explicit Position(int fd)
       : word(static_cast<unsigned>(fd) / kWordBits), bit(1UL << (static_cast<unsigned>(fd) % kWordBits)) {}
 };
 
-void Add(Word* set, Place place) { set[place.word] |= place.bit; }
+void Add(Word* set, Position position) { set[position.word] |= position.bit; }
 
-bool Has(const Word* set, Place place) { return (set[place.word] & place.bit) != 0; }
+bool Has(const Word* set, Position position) { return (set[position.word] & position.bit) != 0; }
 
-// The same, in fewer instructions where it is asked for each socket of a wait.
+// The same in fewer instructions, for the loop over all sockets of a wait.
 bool HasDescriptor(const Word* set, size_t fd) { return (set[fd / kWordBits] >> (fd % kWordBits) & 1) != 0; }
 
-// Word by word: the compiler's own way of clearing so few bytes takes longer to start than to do.
+// Clears word by word: the compiler's code for a memset of this size takes longer to start than to run.
 Word* Cleared(fd_set* set) {
   Word* const words = reinterpret_cast<Word*>(set);
   for (size_t i = 0; i < FD_SETSIZE / kWordBits; i += 4) {
@@ -84,9 +85,9 @@ Sets RecordSets(const SockPostData* work, Scratch* scratch) {
       Cleared(work->readSet), Cleared(work->writeSet), Cleared(work->exceptSet), scratch->any, FD_SETSIZE, 0, nullptr};
 }
 
-// Moves the sets into a larger block, with room for fd and as much again.
+// Moves the sets into a larger block, for descriptors up to twice fd. Returns false if there is no memory.
 bool Grow(Sets* sets, int fd) {
-  if (fd >= kMostDescriptors) return false;
+  if (fd >= kMaxDescriptors) return false;
   const size_t words = static_cast<size_t>(fd) * 2 / kWordBits + 1;
   auto* const block = static_cast<Word*>(calloc(words * 4, sizeof(Word)));
   if (block == nullptr) return false;
@@ -98,8 +99,9 @@ bool Grow(Sets* sets, int fd) {
   return true;
 }
 
-// Makes fd, which is not negative, a descriptor that the sets can hold.
-bool Reach(Sets* sets, int fd) {
+// Enlarges the sets if fd, which is not negative, does not fit, and updates the highest descriptor. Returns false if
+// there is no memory.
+bool EnsureFits(Sets* sets, int fd) {
   if (!sets->Fits(fd) && !Grow(sets, fd)) return false;
   if (fd > sets->highest) sets->highest = fd;
   return true;
@@ -109,18 +111,18 @@ bool AddWaitingWrites(Sets* sets, const SockPostData* work) {
   for (int i = 0; i < work->size - 1 && work->writable[i] != nullptr; ++i) {
     const int fd = work->writable[i]->fd;
     if (fd < 0) continue;
-    if (!Reach(sets, fd)) return false;
-    Add(sets->write, Place(fd));
+    if (!EnsureFits(sets, fd)) return false;
+    Add(sets->write, Position(fd));
   }
   return true;
 }
 
-// A socket that is not connected yet is writable once it is.
-bool Connects(const SockRec* rec) { return rec->connected == 0 && rec->type == SOCK_TYPE_STREAM; }
+// A stream socket that is not connected yet becomes writable when its connect completes.
+bool IsConnecting(const SockRec* rec) { return rec->connected == 0 && rec->type == SOCK_TYPE_STREAM; }
 
-// Adds the sockets from index to before last to the sets and notes their descriptors in fds, up to the first that does
-// not fit; returns the index of that one, of the end of the list, or last. This runs for each socket of each wait: what
-// it needs stays in registers.
+// Adds the sockets list[index] to list[last - 1] to the sets and notes their descriptors in fds. Stops at the end of
+// the list and at a descriptor that does not fit; returns the index at which it stopped. The loop runs for every socket
+// of every wait: the local copies keep its variables in registers.
 size_t AddFitting(Sets* sets, SockRec* const* list, size_t index, size_t last, int* fds, bool writes) {
   const Sets known = *sets;
   int highest = known.highest;
@@ -130,27 +132,27 @@ size_t AddFitting(Sets* sets, SockRec* const* list, size_t index, size_t last, i
     if (!known.Fits(fd)) break;
     fds[index] = fd;
     highest = fd > highest ? fd : highest;
-    const Place place(fd);
-    Add(known.read, place);
-    Add(known.except, place);
-    if (writes && Connects(rec)) Add(known.write, place);
+    const Position position(fd);
+    Add(known.read, position);
+    Add(known.except, position);
+    if (writes && IsConnecting(rec)) Add(known.write, position);
   }
   sets->highest = highest;
   return index;
 }
 
-// Any one socket; false without memory.
+// Adds one socket, enlarging the sets if necessary. Returns false if there is no memory.
 bool AddSocket(Sets* sets, const SockRec* rec, bool writes) {
   if (rec->fd < 0) return true;
-  if (!Reach(sets, rec->fd)) return false;
-  const Place place(rec->fd);
-  Add(sets->read, place);
-  Add(sets->except, place);
-  if (writes && Connects(rec)) Add(sets->write, place);
+  if (!EnsureFits(sets, rec->fd)) return false;
+  const Position position(rec->fd);
+  Add(sets->read, position);
+  Add(sets->except, position);
+  if (writes && IsConnecting(rec)) Add(sets->write, position);
   return true;
 }
 
-// Adds all sockets; returns how many there are, or -1 without memory.
+// Adds all sockets. Returns their number, or -1 if there is no memory.
 int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch, bool writes) {
   SockRec* const* const list = work->sockets;
   const auto last = static_cast<size_t>(work->size - 1);
@@ -161,7 +163,7 @@ int AddSockets(Sets* sets, const SockPostData* work, Scratch* scratch, bool writ
     if (!AddSocket(sets, list[index], writes)) return -1;
     if (index < kKnown) scratch->fd[index] = list[index]->fd;
   }
-  // Not watched.
+  // A condition without a result list is not watched.
   const size_t used = (static_cast<size_t>(sets->highest) / kWordBits + 1) * sizeof(Word);
   if (work->readable == nullptr) memset(sets->read, 0, used);
   if (work->exceptional == nullptr) memset(sets->except, 0, used);
@@ -177,16 +179,16 @@ bool Select(Sets* sets, const PostTimeout* timeout, int* status) {
   return found > 0;
 }
 
-// The lists that a wait fills: how full they are, and how many sockets each has room for.
+// The number of sockets in each result list of a wait.
 struct Ready {
-  int room;
+  int capacity;  // of each list, without the null pointer at its end
   int readable = 0;
   int exceptional = 0;
   int writable = 0;
   bool traced = false;  // a callback ran: it may have changed the lists and the records
 
   void Add(SockRec** list, int* count, SockRec* rec) const {
-    if (*count < room) list[(*count)++] = rec;
+    if (*count < capacity) list[(*count)++] = rec;
   }
 
   void End(SockRec** list, int count) const {
@@ -206,11 +208,11 @@ void MarkWritable(SockRec* rec, SockPostData* work, Ready* ready, const char* po
   ready->Trace(point, rec);
 }
 
-// Keeps the sockets of the writable list that are ready, in place and in order.
+// Reduces the writable list to the sockets that are ready, in place and in order.
 void CollectWaitingWrites(const Sets& sets, SockPostData* work, Ready* ready, const char* point) {
   for (int i = 0; work->writable[i] != nullptr; ++i) {
     SockRec* const rec = work->writable[i];
-    if (sets.Fits(rec->fd) && Has(sets.write, Place(rec->fd))) MarkWritable(rec, work, ready, point);
+    if (sets.Fits(rec->fd) && Has(sets.write, Position(rec->fd))) MarkWritable(rec, work, ready, point);
   }
 }
 
@@ -221,19 +223,19 @@ void Unite(const Sets& sets) {
 
 void CollectOne(const Sets& sets, SockPostData* work, const Family& family, SockRec* rec, Ready* ready) {
   if (!sets.Fits(rec->fd)) return;
-  const Place place(rec->fd);
-  if (Has(sets.read, place) && work->readable != nullptr) {
+  const Position position(rec->fd);
+  if (Has(sets.read, position) && work->readable != nullptr) {
     ready->Add(work->readable, &ready->readable, rec);
     ready->Trace(family.ready, rec);
-  } else if (Has(sets.except, place) && work->exceptional != nullptr) {
+  } else if (Has(sets.except, position) && work->exceptional != nullptr) {
     ready->Add(work->exceptional, &ready->exceptional, rec);
     ready->Trace(family.exception, rec);
-  } else if (family.writes && work->writable != nullptr && Has(sets.write, place) && rec->connected == 0) {
+  } else if (family.writes && work->writable != nullptr && Has(sets.write, position) && rec->connected == 0) {
     MarkWritable(rec, work, ready, family.write);
   }
 }
 
-// The first index from i on whose noted descriptor is in a set; end when there is none.
+// The first index from i on whose noted descriptor is in one of the sets; end if there is none.
 size_t NextNoted(const Sets& sets, const Scratch& scratch, size_t i, size_t end) {
   const Word* const any = sets.any;
   const size_t bits = sets.bits;
@@ -244,8 +246,8 @@ size_t NextNoted(const Sets& sets, const Scratch& scratch, size_t i, size_t end)
   return i;
 }
 
-// Walks the list to its null pointer as the lists and records are at that moment. The noted descriptors of the first
-// count sockets save a visit to each record until a trace callback has run, the only one that may change them.
+// Walks the list of sockets to its null pointer. A trace callback may change the lists and records, and its changes
+// count from then on: the noted descriptors of the first count sockets are used only until a callback has run.
 void Collect(const Sets& sets, SockPostData* work, const Family& family, const Scratch& scratch, size_t count) {
   const bool writes = family.writes && work->writable != nullptr;
   Ready ready = {work->size - 1};
@@ -265,14 +267,14 @@ void Collect(const Sets& sets, SockPostData* work, const Family& family, const S
   if (writes) ready.End(work->writable, ready.writable);
 }
 
-// free is never called with a null pointer: applications may interpose it.
+// Applications may interpose free: it is never called with a null pointer.
 void Free(void* block) {
   if (block != nullptr) free(block);
 }
 
 int Wait(SockPostData* work, const PostTimeout* timeout, int* status, const Family& family) {
   *status = 0;
-  if (work->size < 1) {  // the lists have no room for a terminator
+  if (work->size < 1) {  // the lists cannot even contain a null pointer
     *status = EINVAL;
     return 0;
   }

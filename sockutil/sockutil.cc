@@ -1,6 +1,6 @@
-// sockutil.cc - asks the system library's resolver and copies its answer out at once, since it lives in static storage.
-// Not here: the rules by which a socket name becomes an address (socksin/resolve.cc).
-// Invariant: an out buffer is never written past the size that the header gives for it.
+// sockutil.cc - mappings by the C library's resolver. Its results are in static storage and are copied at once.
+// Not here: the rules for resolving a socket address (socksin/resolve.cc).
+// Invariant: an output buffer is never written beyond the size documented in sockutil.h.
 #include "sockutil/sockutil.h"
 
 #include <arpa/inet.h>

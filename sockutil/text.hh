@@ -1,4 +1,4 @@
-// text.hh - fixed-size text fields: the one bounded copy that every module uses.
+// text.hh - bounded copies into fixed-size text fields.
 #pragma once
 
 #include <cstddef>
@@ -6,8 +6,7 @@
 
 namespace mq {
 
-// Copies text into a field of size bytes: at most size - 1 characters, always terminated. Source and field may be the
-// same place.
+// Copies at most size - 1 characters of text into field, which is always null-terminated. text and field may overlap.
 inline void CopyText(char* field, size_t size, const char* text) {
   const size_t length = strnlen(text, size - 1);
   memmove(field, text, length);
@@ -19,7 +18,7 @@ void CopyText(char (&field)[N], const char* text) {
   CopyText(field, N, text);
 }
 
-// Copies one field into another; the source need not be terminated.
+// Copies one field into another, which is always null-terminated; the source need not be.
 template <size_t N, size_t M>
 void CopyField(char (&field)[N], const char (&text)[M]) {
   const size_t length = strnlen(text, M < N ? M : N - 1);
@@ -27,16 +26,16 @@ void CopyField(char (&field)[N], const char (&text)[M]) {
   field[length] = '\0';
 }
 
-// Copies at most limit characters of text and fills the rest of the field with zero bytes; a field no larger than limit
-// may end up without a terminator, as fields on the wire do. Text may lie inside the field's own record, not overlap
-// it.
+// Copies at most limit characters of text, limit being at most size, and fills the rest of the field with zero bytes.
+// If limit equals size, the field may end up without a terminator, like the fields of a header. text must not overlap
+// field.
 inline void CopyPadded(char* field, size_t size, const char* text, size_t limit) {
   const size_t length = strnlen(text, limit);
   memcpy(field, text, length);
   memset(field + length, 0, size - length);
 }
 
-// Fills a short field of a header from text: the same with limit and size one constant, without a call.
+// CopyPadded with limit N, for the short fields of a header: a loop instead of library calls.
 template <size_t N>
 void FillField(char (&field)[N], const char* text) {
   memset(field, 0, N);

@@ -67,11 +67,11 @@ table <<'END'
 3 mqcat send 127.0.0.1 5000 -c 1 -p 1:bytes=abc => *"abc" is not an even number of hexadecimal digits*
 3 mqcat send 127.0.0.1 5000 -c 1 --file 4=. => *EISDIR*
 3 json '{"command":' => mqcat: --json, line 1, column 12: not JSON: *
-3 json '{"command":1,"paramters":[]}' => mqcat: --json*key "paramters"*
-3 json $'{"command":1,\n"command":2}' => mqcat: --json, line 2, column 9: key "command" is there twice*
+3 json '{"command":1,"paramters":[]}' => mqcat: --json, line 1, column 14: unknown key "paramters"*
+3 json $'{"command":1,\n"command":2}' => mqcat: --json, line 2, column 1: key "command" appears twice*
 3 json "{\"command\":$(printf '[%.0s' {1..9999})}" => mqcat: --json*nested deeper*
 3 json '{"command":1,"parameters":[{"id":1,"value":"a\u0000b"}]}' => mqcat: --json*zero character*
-3 json '{"command":1,"parameters":[{"id":1,"value":1e300}]}' => mqcat: --json*parameter 0, value: 1e+300*
+3 json $'{"command":1,\n"parameters":[{"id":1,"value":"ß\\\\\\""},{"id":2,"value": 1e300}]}' => *line 2, column 57: *1e+300*
 0 mqcat explain 2026 105 -1001 sock_peer_closed => *MQ_BAD_MESSAGE*ENOBUFS*MQ_NOT_AUTHENTIC*9004*
 0 mqcat explain --all --format markdown | cmp - "$tree/docs/errors.md" =>
 0 COLUMNS=40 mqcat explain --all | awk 'length > 72' =>
@@ -94,7 +94,7 @@ done
 
 message='"command":4294967295,"parameters":[{"id":1,"type":"text","value":"grüß \"Gott\"\n"},'
 message+='{"id":4294967295,"type":"int32","value":-2147483648},{"id":0,"type":"int64","value":9223372036854775807},'
-message+='{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","hex":"fffe41"},'
+message+='{"id":3,"type":"bytes","value":"00ff10"},{"id":3,"type":"text","value":"��A","hex":"fffe41"},'
 message+='{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""},'
 message+='{"id":7,"type":"text","value":"\u001b[2J\u007f\u009b\u061c\u202e\u2066"}]}'
 start json --format json --echo
@@ -241,9 +241,12 @@ table <<'END'
 0 od -An -v -tx1 plain.bin | tr -d ' \n' | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 od -Ax -tx1 plain.bin | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 sed -n '/^0000[0-9a-f]* /p' "$tree/docs/wire-format.md" | mqcat decode => *"hello"*1 message, 0 stray bytes, 0 faults
-3 printf '00000000 00 01 02 03\n*\n08000000\n' | mqcat decode --input hex => *mqcat: -: line 3 is not a hexadecimal dump
-3 mqcat decode --input hex plain.bin => *line 1 is not a hexadecimal dump
+3 printf '00000000 00 01 02 03\n*\n08000000\n' | mqcat decode --input hex => *mqcat: -: line 3 is not part of a hexadecimal dump
+3 mqcat decode --input hex plain.bin => *line 1 is not part of a hexadecimal dump
 6 (ulimit -v $memory; "$tool" decode zeros.bin) => *0 messages, 67108864 stray bytes, 1 fault
+0 mqcat decode 1.bin --format json => *"value":77,*"name":"value","value":"dämmrig*"value":-9223372036854775807,*
+0 mqcat decode 3.bin --format json => *"name":"userId","value":"moritz"*
+0 sed 's/64 c3 a4/64 c3 ff/' sample-1.hex | mqcat decode --format json => *"value":"d\\ufffd*","hex":"64c3ff*
 6 mqcat decode noise.bin => *5 messages, 9 stray bytes, 1 fault
 6 mqcat decode lost.bin => *4 messages, *
 6 mqcat decode long.bin => *3 messages, *
@@ -284,17 +287,17 @@ packets 'ip(17, 8, substr $d, 64)' 'ip(17, 0x2000, substr $d, 0, 64)' | capture 
 packets 'tcp(0xffffffdf, 2, "")' 'tcp(0xffffffe0, 16, substr $m, 0, 100)' 'tcp(68, 16, substr $m, 100)' \
   'tcp(9, 2, "")' 'tcp(10, 16, $m)' | capture again.pcapng -l 101
 table <<'END'
-0 mqcat decode tcp.pcapng => TCP *:40000 > *:5000, * bytes*3 messages, 0 stray bytes, 0 faults
+0 mqcat decode tcp.pcapng => TCP *:40000 > *:5000 / *3 messages, 0 stray bytes, 0 faults
 0 mqcat decode - <order.pcapng => *3 messages, 0 stray bytes, 0 faults
-3 mqcat decode gap.pcapng => *:5000 (part 2), *mqcat: gap.pcapng: TCP *: 100 bytes are missing from the capture
+3 mqcat decode gap.pcapng => *:5000 (part 2) / *mqcat: gap.pcapng: TCP *: 100 bytes are missing from the capture
 0 mqcat decode fragments.pcapng => UDP 127.0.0.1:1 > 127.0.0.1:2*1 message, 0 stray bytes, 0 faults
-0 mqcat decode again.pcapng => TCP *:5, 240 bytes*:5 (part 2), 240 bytes*2 messages, 0 stray bytes, 0 faults
+0 mqcat decode again.pcapng => TCP *:5 / *:5 (part 2) / *2 messages, 0 stray bytes, 0 faults
 3 editcap -r fragments.pcapng - 1 | mqcat decode => *: 1 fragment without the rest of the packet
 6 mqcat decode datagrams.pcap => *datagram-size: *
 0 mqcat decode foreign.pcapng => 0 messages, *:53: 4 bytes without a message, left out
 3 mqcat decode cut.pcap => 0 messages, *after packet 0: truncated dump file; *
 3 mqcat decode --input pcap plain.bin => 0 messages, *not a pcap or pcapng file: unknown file format
-3 link 147 '' => *link type 147 is not known
+3 link 147 '' => *link type 147 is not supported
 0 link 101 '' => *1 message, 0 stray bytes, 0 faults
 0 link 1 '123456123456\x81\x00\x00\x01\x08\x00' => *1 message, 0 stray bytes, 0 faults
 0 link 113 '12345678901234\x08\x00' => *1 message, 0 stray bytes, 0 faults
@@ -305,12 +308,25 @@ table <<'END'
 2 mqcat decode --interface lo one.pcap => mqcat: FILE excludes --interface*
 END
 
+# Each message appears as soon as it has arrived through a pipe; SIGINT ends with the summary.
+mkfifo pipe
+for input in 1.bin one.pcap sample-1.hex; do
+  "$tool" decode <pipe >piped.err 2>&1 &
+  live=$!
+  exec {pipe}>pipe
+  cat "$input" >&"$pipe"
+  await piped "message 1: plain message"
+  kill -INT $live
+  check 130 'wait $live; code=$?; cat piped.err; (exit $code)' '*1 message, 0 stray bytes, 0 faults'
+  exec {pipe}>&-
+done
+
 "$tool" decode --interface lo --filter 'udp port 47111' --count 2 >live.out 2>live.err &
 live=$!
 for _ in {1..100}; do [ -s live.err ] && break; sleep 0.02; done
 if grep -q capturing live.err; then
   mqcat send 127.0.0.1 47111 --udp -c 5 --repeat 2 -q
-  check 0 'wait $live; cat live.out' '*:47111, *2 messages, 0 stray bytes, 0 faults'
+  check 0 'wait $live; cat live.out' '*:47111 / *2 messages, 0 stray bytes, 0 faults'
   check 2 'mqcat decode --interface lo --filter "port ((" ' 'mqcat: --filter: *'
 else
   echo "left out: capture from an interface: $(<live.err)"

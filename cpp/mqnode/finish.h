@@ -39,11 +39,11 @@ static inline int mq_finish_fail(MQNode* node, int code) {
   return 0;
 }
 
-/* Internal: whether the peer's system has confirmed every byte, and the end of the stream after them. A reset of the
- * connection does not change the answer. */
+/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. Nothing
+ * but the end of the stream, which counts as the last byte, may be left: a peer that resets does not confirm it. */
 static inline int mq_finish_confirmed(const MQNode* node) {
   int bytes = 0;
-  return ioctl(node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes == 0;
+  return ioctl(node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes <= 1;
 }
 
 /* Internal: discard what the peer sends. 1; 0 when the connection has failed. */

@@ -166,6 +166,12 @@ static inline void mq_server_drop(MqServer* server, MqServerClient* client, cons
   client->leaving = 1;
   client->why = why;
   if (why != NULL) mq_server_say(server, "dropped", &client->node->sock.name, why);
+  /* A client that has shut down its sending side and received everything is closed without a reset, so that its
+   * mq_finish succeeds. Others are reset: the system would otherwise keep the data that they do not read. */
+  if (why == NULL && client->node->error == SOCK_PEER_CLOSED && mq_finish_confirmed(client->node)) {
+    SockOption no_linger = {SOCK_OPT_LINGER, 0, 0};
+    SetSocketOptions(&client->node->sock, &no_linger);
+  }
   mnClose(client->node);
 }
 

@@ -67,7 +67,7 @@ inline std::vector<uint8_t> Native(Bytes plain) {
 // The rules that mqcat decode finds broken in a whole message or a datagram.
 inline std::set<std::string> BrokenRules(Bytes message) {
   std::set<std::string> rules;
-  mqcat::Decode(message, {.datagram = true}, [&rules](const mqcat::Piece& piece) {
+  mqcat::DecodeDatagram(message, [&rules](const mqcat::Piece& piece) {
     for (const mqcat::Fault& fault : piece.faults) rules.emplace(fault.rule);
   });
   return rules;
