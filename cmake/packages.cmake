@@ -1,5 +1,5 @@
 # Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-doc, libmqnode-uv1,
-# libmqnode-uv-dev, and mqnode-tools if mqcat is built. In a build folder, run:
+# libmqnode-uv-dev, libmqnode-asio-dev, and mqnode-tools if mqcat is built. In a build folder, run:
 #   cpack -G DEB
 # tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
 # MQNODE_MAINTAINER to publish packages.
@@ -131,6 +131,19 @@ header mqnode/uv.h, the file for pkg-config (mqnode-uv) and the part of the
 CMake package (component uv).]])
   set(CPACK_DEBIAN_UV_DEVELOPMENT_PACKAGE_DEPENDS
     "libmqnode-uv1 (= ${MQNODE_PACKAGE_VERSION}), libmqnode-dev (= ${MQNODE_PACKAGE_VERSION}), libuv1-dev")
+endif()
+
+if(TARGET mqnode_asio)
+  list(APPEND CPACK_COMPONENTS_ALL asio_development)
+  mqnode_package(asio_development libmqnode-asio-dev libdevel "message nodes in coroutines on Asio" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope.
+.
+This package contains the header mqnode/asio.hpp, with which C++20 coroutines
+use nodes in an event loop of Asio, the pkg-config file (mqnode-asio) and the
+part of the CMake package (component asio).]])
+  set(CPACK_DEBIAN_ASIO_DEVELOPMENT_PACKAGE_DEPENDS
+    "libmqnode-dev (= ${MQNODE_PACKAGE_VERSION}), libasio-dev")
 endif()
 
 mqnode_package(tools mqnode-tools net "send, receive and decode mqnode messages" [[

@@ -18,6 +18,7 @@ diff - contents <<'CONTENTS' || fail 'the packages contain something else, see a
 Package: libmqcompanion1 Depends: libc6, libsodium
   lib/libmqcompanion.so.1.x
   lib/libmqcompanion.so.1
+Package: libmqnode-asio-dev Depends: libmqnode-dev, libasio-dev
 Package: libmqnode-dev Depends: libmqnode1, libmqcompanion1
   lib/libmqcompanion.so
   lib/libmqnode.so
@@ -68,15 +69,23 @@ int main(void) {
   return uv_run(uv_default_loop(), UV_RUN_DEFAULT);
 }
 SOURCE
+cat >asio.cc <<'SOURCE'
+#include <mqnode/asio.hpp>
+int main() { return mqnode::AsyncNode().status() ? 1 : 0; }
+SOURCE
 cat >CMakeLists.txt <<'PROJECT'
 cmake_minimum_required(VERSION 3.13)
 project(outside C CXX)
-find_package(mqnode 1.0 REQUIRED COMPONENTS uv)
+find_package(mqnode 1.0 REQUIRED COMPONENTS uv asio)
 set(CMAKE_CXX_STANDARD 17)
 add_executable(cpp cpp.cc)
 target_link_libraries(cpp mqnode::companion mqnode::mqnode)
 add_executable(bare bare.c)
 target_link_libraries(bare mqnode::host)
+if(TARGET mqnode::asio)
+  add_executable(asio asio.cc)
+  target_link_libraries(asio mqnode::asio)
+endif()
 if(TARGET mqnode::uv)
   add_executable(uv uv.c)
   target_link_libraries(uv mqnode::uv)
@@ -89,6 +98,8 @@ quietly cc -Wl,--as-needed bare.c -o pkg-config/bare "${flags[@]}"
 read -ra flags < <(pkg-config --cflags --libs mqnode-uv)
 quietly cc -std=gnu11 -Wl,--as-needed uv.c -o pkg-config/uv "${flags[@]}"
 quietly ./pkg-config/uv
+read -ra flags < <(pkg-config --cflags --libs mqnode-asio)
+quietly c++ -std=c++20 asio.cc -o pkg-config/asio "${flags[@]}"
 quietly cmake -B find_package -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed
 quietly cmake --build find_package
 quietly ./find_package/uv
