@@ -360,8 +360,8 @@ MQ_RUNTIME void mqc_set_clock(MqcClock clock);
 MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
 
 /* mqc_set_sealing - which signed messages are accepted in the whole process.
- *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for the
- *                user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
+ *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for
+ *                the user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
  * Other messages are refused with node error -1001. Reads of plain messages are not affected.
  * Result   1; 0 for another value, nothing changes then */
 typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;

@@ -203,8 +203,8 @@ bool OpenSealed(const SecureHeader& envelope, const Words& words, uint8_t* messa
   return false;
 }
 
-// All checks of a signed message, each of which relies only on those before it. Returns the form of the message and sets
-// *plain to the length of the plain message; null if it is refused.
+// All checks of a signed message, each of which relies only on those before it. Returns the form of the message and
+// sets *plain to the length of the plain message; null if it is refused.
 const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, uint32_t* plain) {
   const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
   if (!HoldsPart(raw, part, error)) return nullptr;

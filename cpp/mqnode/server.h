@@ -124,9 +124,9 @@ typedef struct MqServerClient {
   int64_t turn;         /* the clients of one address make room in this order; in the future: not yet */
 } MqServerClient;
 
-/* MqServerEvents - what a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null; message only without
- * listening nodes. An event may write to any client and drop any client; it must not call these three functions. A text
- * that it returns or gives to mq_server_drop must live until the dropped event. */
+/* MqServerEvents - what a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null;
+ * message only without listening nodes. An event may write to any client and drop any client; it must not call these
+ * three functions. A text that it returns or gives to mq_server_drop must live until the dropped event. */
 typedef struct MqServerEvents {
   /* A whole message was read. Null, or why the client is dropped. The record belongs to the server. */
   const char* (*message)(MqServer* server, MqServerClient* client, PcfMessage* msg);

@@ -74,7 +74,7 @@ void serve(MQNode** nodes, PcfMessage* msg) {
   }
 }
 
-/* mqnode/secure_read.h, mqc_ring_add, mqc_ring_load, mqc_ring_remove, mqc_ring_clear, mqc_ring_count, mqc_authenticate */
+/* mqnode/secure_read.h, mqc_ring_add, mqc_ring_load, mqc_ring_remove, mqc_ring_clear, mqc_authenticate */
 /* Reads a message that one of the users in a ring file has signed. */
 int read_signed(MQNode* node, PcfMessage* msg) {
   char error[256], user[13];
@@ -91,7 +91,7 @@ int read_signed(MQNode* node, PcfMessage* msg) {
   return 1;
 }
 
-/* mnSWrite, mnSWriteTo, mnSWriteMsg, mqc_signer_load, mqc_signer_new, mqc_signer_free, mqc_signer_user, mqc_sign_error */
+/* mnSWrite, mnSWriteTo, mnSWriteMsg, mqc_signer_load, mqc_signer_new, mqc_signer_free, mqc_sign_error */
 /* Sends a signed message. The node has to have the user of the key. */
 int write_signed(MQNode* node, PcfMessage* msg) {
   char error[256];
@@ -108,7 +108,7 @@ int write_signed(MQNode* node, PcfMessage* msg) {
   return sent;
 }
 
-/* mqc_generate_key, mqc_key_text, mqc_key_write, mqc_secret_file_write, mqc_secret_file_write_until, mqc_wipe, MqcKey */
+/* mqc_generate_key, mqc_key_text, mqc_key_write, mqc_secret_file_write, mqc_secret_file_write_until, mqc_wipe */
 /* Creates a secret key file, and prints the line for the ring of the receivers. */
 int create_key(void) {
   uint8_t secret[MQC_KEY_BYTES];
