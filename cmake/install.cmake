@@ -1,4 +1,5 @@
-# Installation, in the components library, companion, development and tools (see also tools/).
+# Installation, in the components library, companion, development, documentation and tools (see also tools/), and uv and
+# uv_development if libuv was found.
 # Headers go to include/mqnode-1; pkg-config files and the CMake package go to folders below that of the libraries. Both
 # refer to other files relative to their own location: an installed tree may be moved.
 include(CMakePackageConfigHelpers)
@@ -20,6 +21,7 @@ foreach(folder mqnode queue runtime sockutil socksin companion)
     FILES_MATCHING PATTERN *.h)
 endforeach()
 install(DIRECTORY cpp/mqnode/ DESTINATION ${MQNODE_INCLUDEDIR}/mqnode COMPONENT development)
+install(FILES loop/mqnode/limits.h loop/mqnode/step.h DESTINATION ${MQNODE_INCLUDEDIR}/mqnode COMPONENT development)
 
 # In the build tree the headers are found from the top folder and from cpp/, in an installed one from include/mqnode-1.
 set_target_properties(mqnode mqcompanion PROPERTIES
@@ -38,6 +40,15 @@ install(TARGETS mqnode_host EXPORT mqnode)
 install(EXPORT mqnode FILE mqnode-targets.cmake NAMESPACE mqnode:: DESTINATION ${MQNODE_CMAKEDIR}
   COMPONENT development)
 
+if(TARGET mqnode_uv)
+  install(FILES loop/mqnode/uv.h DESTINATION ${MQNODE_INCLUDEDIR}/mqnode COMPONENT uv_development)
+  install(TARGETS mqnode_uv EXPORT mqnode-uv
+    LIBRARY DESTINATION ${MQNODE_LIBDIR} COMPONENT uv NAMELINK_COMPONENT uv_development
+    INCLUDES DESTINATION ${MQNODE_INCLUDEDIR})
+  install(EXPORT mqnode-uv FILE mqnode-uv-targets.cmake NAMESPACE mqnode:: DESTINATION ${MQNODE_CMAKEDIR}
+    COMPONENT uv_development)
+endif()
+
 configure_package_config_file(cmake/mqnode-config.cmake.in ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake
   INSTALL_DESTINATION ${MQNODE_CMAKEDIR} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake/mqnode-config-version.cmake COMPATIBILITY SameMajorVersion)
@@ -46,7 +57,34 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake ${PROJECT_BINARY_D
 
 file(RELATIVE_PATH MQNODE_PC_PREFIX /prefix/${MQNODE_PCDIR} /prefix)
 string(REGEX REPLACE "/$" "" MQNODE_PC_PREFIX ${MQNODE_PC_PREFIX})
-foreach(name mqnode mqnode-companion mqnode-host)
+set(pc_component development)
+foreach(name mqnode mqnode-companion mqnode-host mqnode-uv)
+  if(name STREQUAL mqnode-uv)
+    set(pc_component uv_development)
+    if(NOT TARGET mqnode_uv)
+      continue()
+    endif()
+  endif()
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT development)
+  install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT ${pc_component})
 endforeach()
+
+# The dissector, where Wireshark and tshark look for plugins.
+if(MQNODE_BUILD_TOOLS)
+  install(FILES tools/wireshark/mqnode.lua DESTINATION ${MQNODE_LIBDIR}/wireshark/plugins COMPONENT tools)
+endif()
+
+# Documents and examples, in one folder so that the links between them work. The pages for a browser are made when their
+# component is installed, as the packages do it: cmake --install build/release --component documentation
+if(PROJECT_IS_TOP_LEVEL)
+  install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+  install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation PATTERN reference EXCLUDE)
+  install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+    PATTERN examples/CMakeLists.txt EXCLUDE)
+  if(DOXYGEN)
+    install(CODE "execute_process(COMMAND_ERROR_IS_FATAL ANY OUTPUT_QUIET COMMAND
+      ${PROJECT_SOURCE_DIR}/docs/reference/make.sh html ${reference} ${PROJECT_VERSION})"
+      COMPONENT documentation EXCLUDE_FROM_ALL)
+    install(DIRECTORY ${reference}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation EXCLUDE_FROM_ALL)
+  endif()
+endif()

@@ -1,4 +1,5 @@
-# Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools. In a build folder, run:
+# Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-doc, libmqnode-uv1,
+# libmqnode-uv-dev, and mqnode-tools if mqcat is built. In a build folder, run:
 #   cpack -G DEB
 # tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
 # MQNODE_MAINTAINER to publish packages.
@@ -18,7 +19,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL library companion development tools)
+set(CPACK_COMPONENTS_ALL library companion development documentation)
+if(MQNODE_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${MQNODE_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${MQNODE_MAINTAINER})
@@ -92,15 +96,50 @@ mqnode lets a process create message nodes, endpoints that exchange framed
 command messages with peers over TCP or UDP, plain or in a signed envelope,
 and wait on many of them at once.
 .
-This package contains the headers for C and C++, the pkg-config files (mqnode,
-mqnode-companion, mqnode-host) and the CMake package (mqnode).]])
+This package contains the headers for C and C++, their manual pages, the
+pkg-config files (mqnode-host, mqnode, mqnode-companion) and the CMake package
+(mqnode).]])
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libmqnode1 (= ${MQNODE_PACKAGE_VERSION}), libmqcompanion1 (= ${MQNODE_PACKAGE_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "mqnode-doc")
+
+mqnode_package(documentation mqnode-doc doc "message nodes over TCP and UDP, documentation" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope,
+and wait on many of them at once.
+.
+This package has the guide, the examples in C and C++, the wire format, and
+the reference of the library as pages for a browser.]])
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+
+if(TARGET mqnode_uv)
+  list(APPEND CPACK_COMPONENTS_ALL uv uv_development)
+  mqnode_package(uv libmqnode-uv1 libs "message nodes in a libuv loop" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope.
+.
+This package has the library that runs nodes in a loop of libuv: events for
+messages, back-pressure, time-outs, and ends that lose no message.]])
+  set(CPACK_DEBIAN_UV_PACKAGE_DEPENDS "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
+  mqnode_library_package(uv libmqnode-uv)
+  mqnode_package(uv_development libmqnode-uv-dev libdevel "message nodes in a libuv loop, development files" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope.
+.
+This package has what applications need that run nodes in a loop of libuv: the
+header mqnode/uv.h, the file for pkg-config (mqnode-uv) and the part of the
+CMake package (component uv).]])
+  set(CPACK_DEBIAN_UV_DEVELOPMENT_PACKAGE_DEPENDS
+    "libmqnode-uv1 (= ${MQNODE_PACKAGE_VERSION}), libmqnode-dev (= ${MQNODE_PACKAGE_VERSION}), libuv1-dev")
+endif()
 
 mqnode_package(tools mqnode-tools net "send, receive and decode mqnode messages" [[
 mqcat speaks the protocol of mqnode nodes on the command line: it listens,
 sends, measures round trips, decodes captured bytes field by field, manages
-key files, and explains error codes.]])
+key files, and explains error codes.
+.
+It also contains a dissector for Wireshark and tshark.]])
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
 

@@ -5,6 +5,7 @@
 
 #include "companion/memory.hh"
 #include "companion/message.hh"
+#include "runtime/runtime.h"
 
 #include <algorithm>
 

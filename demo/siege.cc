@@ -34,6 +34,8 @@ const Target kTargets[] = {
     {"mqdemo_udp", kDatagram, nullptr, {}, Echo::kAll},
     {"multi_server", kPlain, "multi_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
     {"cpp_server", kPlain, "cpp_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone},
+    // It drops a client that does not take its answers after 4 seconds, not at once.
+    {"uv_server", kPlain, "uv_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone, false, 6},
     {"datagram_server", kDatagram, "datagram_server", {"127.0.0.1", "0"}, Echo::kTextAlone},
     {"mqcat", kPlain, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}, Echo::kSame, true},
     {"mqcat_signed",
@@ -97,7 +99,7 @@ class Siege {
       : target_(*trial.target),
         peer_(*trial.peer),
         shared_(*trial.shared),
-        seconds_(seconds),
+        seconds_(std::max(seconds, target_.seconds)),
         server_(
             "server", [this] { return Serve(); }, true, peer_.descriptors),
         steady_("steady client", [this] { return Talk(kSteady); }),

@@ -19,6 +19,7 @@ struct Target {
   std::vector<const char*> arguments;  // kRing: the path of a file with the keys of both users
   Echo echo;
   bool isMqcat = false;
+  double seconds = 0;  // that an attack takes at least
 };
 
 std::span<const Target> Targets();

@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   static Records own;
   MqServer server;
   const MqServerLimits limits = mq_server_limits();
-  const MqServerEvents events = {NULL, NULL, NULL, serve};
+  const MqServerEvents events = {.ready = serve};
   SockAddrRec addr;
   if (argc != 3 || !make_address(&addr, argv[1], argv[2], "udp")) {
     fprintf(stderr, "usage: datagram_server HOST SERVICE\n");

@@ -28,8 +28,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "queue/queue.h"
+#include "queue/record.h"
 #include "runtime/api.h"
+#include "runtime/buffer.h"
 #include "runtime/message.h"
 #include "socksin/record.h"
 
@@ -89,7 +90,7 @@ struct MQNode {
   MQPostFn opPost;           /* mnPost */
   MQNodeTraceFn onTrace;     /* may be null */
   SockAddrRec addr;          /* address to connect to, or that was bound */
-  Queue* pending;            /* queued write descriptors (deliver.h); null when there are none */
+  struct MQQueue* pending;   /* a Queue of write descriptors (deliver.h); null when there are none */
   uint32_t pendingLimit;     /* advisory limit of pending, set when pending is created */
   IoBuffer recvBuffer;       /* bytes that a read has gathered so far */
 };

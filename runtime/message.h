@@ -16,7 +16,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "runtime/runtime.h"
+#include "runtime/api.h"
+#include "runtime/buffer.h"
 
 MQ_BEGIN_C
 

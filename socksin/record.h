@@ -24,7 +24,7 @@
 #include <stdint.h>
 
 #include "runtime/api.h"
-#include "runtime/runtime.h"
+#include "runtime/buffer.h"
 
 MQ_BEGIN_C
 

@@ -20,7 +20,7 @@ row() {
 
 arguments_and_addresses() {
   local name
-  for name in {,multi_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
+  for name in {,multi_,epoll_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
     row 2 usage "$name" 127.0.0.1
   done
   row 2 usage multi_server 127.0.0.1 0 1001
@@ -56,6 +56,25 @@ signed() {
   chmod 644 good.key
   row 1 good.key signed_client 127.0.0.1 1 good.key 'a key that others may read'
   row 1 nothing signed_server 127.0.0.1 0 nothing
+}
+
+# It reconnects after its server was killed and started again, and leaves one that does not answer.
+in_a_loop() {
+  listening looped uv_server
+  local same_port=$port client
+  timeout 60 "${memcheck[@]}" uv_client 127.0.0.1 "$same_port" 'round and round' 40 50 >answers 2>losses &
+  client=$!
+  started+=("$client")
+  until [ -s answers ]; do sleep 0.02; done
+  kill -STOP "$(pgrep -P "$pid")"
+  until grep -q 'no answer within' losses; do sleep 0.02; done
+  kill -KILL "$(pgrep -P "$pid")"
+  until grep -q ECONNREFUSED losses; do sleep 0.02; done
+  serve again "${memcheck[@]}" uv_server 127.0.0.1 "$same_port"
+  wait "$client"
+  same 'exit code of uv_client' 0 $?
+  same answers 40 "$(grep -c 'round and round' answers)"
+  stops again
 }
 
 # It answers questions, none that is marked as an answer, and marks its own: servers do not answer each other.
@@ -109,6 +128,10 @@ demonstration() {
 arguments_and_addresses
 many multi_server 2
 many cpp_server
+if [ -x "$build/bin/uv_server" ]; then
+  many uv_server
+  [ -n "${MEMCHECK:-}" ] || in_a_loop
+fi
 signed
 datagrams
 [ -n "${MEMCHECK:-}" ] || demonstration

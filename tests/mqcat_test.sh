@@ -53,15 +53,19 @@ memory=900000  # KiB that 64 MiB of input may cost; sanitizers take all
 grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt" && memory=unlimited
 
 table <<'END'
-2 mqcat lisen 5000 => mqcat: no command "lisen" / * --help says more
-2 mqcat send 127.0.0.1 65536 -c 1 => mqcat: service "65536": not a port from 0 to 65535
+2 mqcat lisen 5000 => mqcat: "lisen" is not a command; did you mean "listen"? / *
+2 mqcat help keys lsit => mqcat: "lsit" is not a command of mqcat keys; did you mean "list"?
+2 mqcat send a:1 --replly=1 => mqcat: "--replly" is not an option of mqcat send; did you mean "--reply"? / *
+2 mqcat send 5000 -c 1 => mqcat: "5000": expected HOST:PORT, such as 127.0.0.1:5000
+2 script -qec "$tool listen 0 --format raw" /dev/null => *raw bytes*--force*
+2 mqcat send 127.0.0.1:65536 -c 1 => mqcat: service "65536": not a port from 0 to 65535
 2 mqcat ping 127.0.0.300 5000 => mqcat: host "127.0.0.300": not an IPv4 address (*)
-4 mqcat listen no-such-service => mqcat: *: SOCK_SERVICE_UNKNOWN (9002): * / * add the service to /etc/services
+4 mqcat listen no-such-service => mqcat: *: SOCK_SERVICE_UNKNOWN (9002): * / * a name from /etc/services
 2 mqcat send 127.0.0.1 5000 -c 4294967296 => *"4294967296" is not a whole number from 0 to 4294967295 / *
 2 mqcat ping 127.0.0.1 5000 -i nan => mqcat: -i,--interval: "nan" is not a time from 0 to 86400 s / *
 2 mqcat send 127.0.0.1 5000 -c 1 --format $'\u202e\e' => *\\xe2\\x80\\xae\\x1b*
-2 mqcat send 127.0.0.1 5000 -c 1 --json '{}' => mqcat: send: give the message once: *
-2 mqcat send 127.0.0.1 5000 -c 1 --user thirteenchars => mqcat: *a user has 1 to 12 characters*
+2 mqcat send 127.0.0.1 5000 -c 1 --json '{}' => mqcat: send: give one message: *
+2 mqcat send 127.0.0.1 5000 -c 1 --user thirteenchars => mqcat: *a user name has 1 to 12 characters*
 2 mqcat send 127.0.0.1 5000 -c 1 -p 1:int=1 => mqcat: *: type "int" is none of int32, int64, text, bytes, file
 3 mqcat send 127.0.0.1 5000 -c 1 -p 1:int32=2147483648 => mqcat: parameter 1 (int32): * does not fit int32 *
 3 mqcat send 127.0.0.1 5000 -c 1 -p 1:bytes=abc => *"abc" is not an even number of hexadecimal digits*
@@ -80,15 +84,24 @@ table <<'END'
 9 head -c 3000000 zeros.bin | mqcat decode --full | true =>
 END
 
-# What the help names, the manual page and the completion name, too.
+# Whatever the help names, the manual page names, too, and the completion offers.
 for command in listen send ping decode 'keys add' 'keys list' explain; do
   # shellcheck disable=SC2086 # two words
-  mqcat $command --help | grep -oE -e '^  (-.,)?--[a-z-]+' | grep -oE -e '--.*' || fail "no options of $command"
+  mqcat help $command | grep -oE -e '^  (-.,|   ) --[a-z-]+' | grep -oE -e '--.*' || fail "no options of $command"
 done | sort -u >options
-for page in mqcat.1 mqcat.bash; do
-  same "options that $page does not know" '' \
-    "$(sed 's/\\-/-/g' "$tree/tools/mqcat/$page" | grep -oE -e '--[a-z-]+' | sort -u | comm -23 options -)"
+for shell in bash zsh fish; do mqcat completion $shell >completion.$shell; done
+sed -i 's/ -l / --/g' completion.fish
+for page in "$tree/tools/mqcat/mqcat.1" completion.{bash,zsh,fish}; do
+  same "options that $page does not name" '' \
+    "$(sed 's/\\-/-/g' "$page" | grep -oE -e '--[a-z-]+' | sort -u | comm -23 options -)"
 done
+. ./completion.bash
+offers() { COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _mqcat; echo "${COMPREPLY[*]}"; }
+table <<'END'
+0 offers mqcat keys re => remove
+0 offers mqcat send -q 127.0.0.1 : 5000 --format = '' => text json hex raw quiet
+0 offers mqcat keys list opt => options
+END
 
 # ---- Connections ----
 
@@ -99,13 +112,13 @@ message+='{"id":5,"type":"text","value":""},{"id":6,"type":"bytes","value":""},'
 message+='{"id":7,"type":"text","value":"\u001b[2J\u007f\u009b\u061c\u202e\u2066"}]}'
 start json --format json --echo
 table <<'END'
-0 mqcat send 127.0.0.1 $port --json "{$message" --reply --format json | tee round.json => {*"signed":false,*; 1 answered
+0 mqcat send 127.0.0.1 $port --json "{$message" --reply --format json | tee round.json => {*"signed":false,*mqcat: sent 1 message, *; 1 answered
 0 sed 's/.*"command":/"command":/' round.json | cmp - <(echo "$message") =>
-0 printf '{"command":1}\n\n{"command":2}' | mqcat send 127.0.0.1 $port => mqcat: sent 2 messages, *
+0 printf '{"command":1}\n\n{"command":2}' | mqcat send 127.0.0.1 $port => mqcat: handed to the system: 2 messages, *; received by *
 3 printf '{"command":1}\n!\n' | mqcat send 127.0.0.1 $port => mqcat: standard input, line 2, column 1: not JSON: *
 3 mqcat send 127.0.0.1 $port <&- => *EBADF*
 0 mqcat send 127.0.0.1 $port -c 5 -p 1=x --file 7=big.bin --reply => *300*
-0 mqcat send localhost $port -c 1 --repeat 20000 => mqcat: sent 20000 messages, *
+0 mqcat send localhost:$port -c 1 --repeat 20000 => mqcat: handed to the system: 20000 messages, *
 0 mqcat ping 127.0.0.1 $port -c 5 -i 0.01 => *seq=4 time=*5 sent, 5 answered, 0% loss*rtt p50/p90/p99*####*
 0 mqcat ping 127.0.0.1 $port -c 3 -i 0 -s 100000 --json => *"answered":3*
 0 timeout --foreground -s INT 1 "$tool" ping 127.0.0.1 $port -i 0.05 -q || [ $? = 124 ] => *ping statistics*
@@ -120,23 +133,25 @@ check 1 'grep ECONNRESET json.err' ''
 # Bytes that are no message, a signed one where no ring is, and no answers.
 start plain --count 5 --trace
 mqcat keys new alice alice.key >ring 2>err.txt
-printf 'GET / HTTP/1.0\r\n\r\n%0200d' 0 >"/dev/tcp/127.0.0.1/$port"
+for filling in '' "$(x 200)"; do printf 'GET / HTTP/1.0\r\n\r\n%s' "$filling" >"/dev/tcp/127.0.0.1/$port"; done
 table <<'END'
 4 mqcat listen $port => mqcat: *EADDRINUSE*
 5 mqcat send 127.0.0.1 $port -c 1 --reply --timeout 0.2 => *none within 0.2 s*
-0 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 100)" --sign alice.key => mqcat: sent 1 message*
+4 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 100)" --sign alice.key --repeat 5 --interval 0.2 => *: [1-4] message*not known
 5 mqcat ping 127.0.0.1 $port -c 2 -i 0.01 -W 0.1 => *2 sent, 0 answered, 100% loss*
-0 mqcat send 127.0.0.1 $port -c 1 -p $'1=a\tb' -p 2:bytes= --repeat 2 => mqcat: sent 2 messages*
-0 wait $pid; grep -e BAD_MESSAGE -e 'it is signed' -e ' faulty' plain.err => *2026*--ring FILE*2 faulty*
+0 mqcat send 127.0.0.1 $port -c 1 -p $'1=a\tb' -p 2:bytes= --repeat 2 => mqcat: handed to the system: 2 messages*
+0 wait $pid; grep -e 'left after 18 bytes' -e 'it is signed' plain.err => *"GET / HTTP/1.0\\r\\n\\r\\n"*--ring FILE
+0 grep -e 'it begins with' -e ' faulty' plain.err => *"GET / HTTP/*2 faulty*
 0 grep -m1 'a.tb' plain.out =>   1 text   "a\\tb"
-0 grep -o -e 'node fd' -e mnRead -e ReadSocket:After plain.err | sort -u => ReadSocket:After / mnRead / node fd
+0 grep -c 'trace .* fd [0-9]* 127.*:[0-9]* ReadSocket:After 136 bytes' plain.err => [5-9]
+0 grep -c 'trace .* message from 127.*:[0-9]*: command 1, 2 parameters, 172 bytes' plain.err => 2
 4 mqcat send 127.0.0.1 $port -c 1 => *ECONNREFUSED (111)*
 END
 
 hostile=$'\e[2J\a\n\x7f\u009b\u061c\u202e\u2066'
 for format in text json hex; do
   start $format --format $format --count 1
-  check 0 "mqcat send 127.0.0.1 $port -c 258 -p '1=$hostile' --user \$'\u009b\u202e\e\x7fq'" 'mqcat: sent 1 message*'
+  check 0 "mqcat send 127.0.0.1 $port -c 258 -p '1=$hostile' --user \$'\u009b\u202e\e\x7fq'" 'mqcat: handed to the system: 1 message*'
   ends $format 0
   same "unsafe as $format" '' "$(unsafe $format.out)"
 done
@@ -148,11 +163,11 @@ exec {half}<>"/dev/tcp/127.0.0.1/$port"
 printf '\210\0\0\0' >&"$half"
 table <<'END'
 4 mqcat send 127.0.0.1 $port -c 1 -q --repeat 1000 --interval 0.01 => mqcat: *to 127.0.0.1:*
-0 await bounds "half a message for 1 s (--midway)" =>
+0 await bounds "too slow (--midway)" =>
 4 mqcat send 127.0.0.1 $port -c 1 -q --repeat 1000 --interval 0.01 -p 1=$(x 1000) => mqcat: *to 127.0.0.1:*
 END
-stop bounds "3 clients, 3 dropped"
-has bounds.err "--max-per-address" "a message of 1160 bytes is too long (--max-message)"
+stop bounds "2 clients, 2 dropped"
+has bounds.err "--max-per-address" "its message is too long (--max-message)"
 exec {half}>&-
 
 # ---- Datagrams: an answer is marked and never answered, so that two servers do not answer each other for ever ----
@@ -184,7 +199,7 @@ table <<'END'
 7 mqcat keys new alice alice.key => mqcat: *alice.key*
 7 mqcat keys new 'name with blanks' other.key => mqcat: *user*
 0 mqcat keys new mallory mallory.key => mallory * public / mqcat: *
-0 add alice ring => *0 of 1 keys are new*
+0 add alice ring => *0 of 1 key new or changed*
 7 mqcat keys public mallory.key | sed 's/^mallory/alice/' | mqcat keys add ring => mqcat: *another key*
 7 mqcat keys add ring bob "$(printf 'ab%.0s' {1..32})" => mqcat: *not a valid public key*
 7 mqcat keys add alice.key bob "$(cut -d' ' -f2 ring)" => mqcat: *secret key in a ring*
@@ -192,14 +207,16 @@ table <<'END'
 7 add alice fifo => mqcat: *not a regular file*
 7 chmod 644 mallory.key; mqcat send 127.0.0.1 9 -c 1 --sign mallory.key => mqcat: *chmod 600*
 0 chmod 600 *.key; mqcat keys new carol carol.key --until 2031-05-06 => carol * public until=2031-05-06 / *
-0 add carol link.ring => *1 of 1 keys are new*
-7 add carol link.ring --until 2030-01-01 => mqcat: *another end*
-0 add carol link.ring --until 2030-01-01 --replace => *1 of 1 keys*
+0 add carol link.ring => *1 of 1 key new or changed*
+7 add carol link.ring --until 2030-01-01 => mqcat: *another last day*
+0 add carol link.ring --until 2030-01-01 --replace => *1 of 1 key*
 0 chmod 640 real.ring; mqcat keys list link.ring => *until=2030-01-01*
-0 add carol link.ring --revoke => *1 of 1 keys*
+0 add carol link.ring --revoke => *1 of 1 key*
 7 add carol link.ring --replace => mqcat: *is revoked*
 0 stat -c '%F %a' link.ring real.ring => symbolic link 777 / regular file 640
 7 chmod 666 real.ring; mqcat keys list real.ring => mqcat: *chmod go-w*
+0 chmod 640 real.ring; mqcat keys remove link.ring carol; mqcat keys list link.ring => mqcat: 1 key of carol removed *
+7 mqcat keys remove link.ring carol => mqcat: *no key of user*
 7 mqcat listen 0 --ring nowhere => mqcat: *nowhere*
 END
 # Whatever marks a secret key, or nothing does: it enters no ring and no output, nor do columns that are swapped.
@@ -218,8 +235,9 @@ check 0 'mqcat keys list many.ring | wc -l' 20
 start signed --ring ring --echo --sign alice.key
 table <<'END'
 0 mqcat send 127.0.0.1 $port -c 7 -p 1=signed --sign alice.key --ring ring --reply => *signed by "alice"*
-0 mqcat send 127.0.0.1 $port -c 7 --sign mallory.key => mqcat: sent 1 message*
-0 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 100)" => mqcat: sent 1 message*
+0 mqcat ping 127.0.0.1:$port -c 2 -i 0 --sign alice.key --ring ring => *2 answered, 0% loss*
+0 mqcat send 127.0.0.1 $port -c 7 --sign mallory.key => mqcat: handed to the system: 1 message*
+4 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 100)" --repeat 5 --interval 0.2 => mqcat: send *refused what it read*not known
 END
 await signed "it is not signed"
 stop signed "1 not authentic, 1 faulty"

@@ -8,7 +8,7 @@ cd "$build/reference/man/man3" || exit
 awk '/^\.SH /{ printf "\n%s %s ", FILENAME, $2; next } !/^\.[A-Za-z]/{ printf "%s ", $0 }' ./*.3 >"$work/sections"
 section() { grep -qE -- "^\./$1\.3 $2 .*$3" "$work/sections" || fail "$1.3: no '$3' in $2"; }
 
-exported=$(sed -n 's/^    \([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$tree/exports.map")
+exported=$(sed -n 's/^    \([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$tree/exports.map" "$tree/loop/exports.map")
 [ -n "$exported" ] || fail 'exports.map names nothing'
 for name in $exported; do
   section "$name" NAME "\b$name(,.*)? \\\\- [^ ]"

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "mqnode/mqnode.hpp"
+#include "runtime/runtime.h"
 #include "tests/support/sender.hh"
 
 namespace {

@@ -47,9 +47,20 @@
 #include <utility>
 
 #include "companion/host.h"
+#include "mqnode/compose.h"
+#include "mqnode/create.h"
+#include "mqnode/deliver.h"
 #include "mqnode/errors.h"
 #include "mqnode/finish.h"
-#include "mqnode/mqnode.h"
+#include "mqnode/node.h"
+#include "mqnode/open.h"
+#include "mqnode/read.h"
+#include "mqnode/secure_read.h"
+#include "mqnode/wait.h"
+#include "runtime/message.h"
+#include "socksin/options.h"
+#include "socksin/record.h"
+#include "socksin/wait.h"
 
 namespace mqnode {
 

@@ -12,7 +12,7 @@ case $1 in
     rm -rf "$folder/man/man3"
     mkdir -p "$folder/man/man3"
     awk -v out="$folder/man/man3" -v version="$3" -f docs/reference/man.awk \
-      mqnode/*.h cpp/mqnode/*.h socksin/*.h sockutil/*.h queue/*.h runtime/*.h companion/host.h
+      mqnode/*.h cpp/mqnode/*.h loop/mqnode/limits.h loop/mqnode/uv.h socksin/*.h sockutil/*.h queue/*.h runtime/*.h companion/host.h
     ;;
   html)
     rm -rf "$folder/html"

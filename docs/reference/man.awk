@@ -194,7 +194,7 @@ function keep_comment(text,   called, parts, n, i) {
 FNR == 1 {
   keep_group()
   header = FILENAME
-  sub(/^cpp\//, "", header)
+  sub(/^(cpp|loop)\//, "", header)
   headers[++header_count] = header
   section = comment = open_text = ""
   in_comment = in_body = in_declaration = 0

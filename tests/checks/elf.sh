@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # elf.sh CHECK ARGUMENT ... - what the linked files promise. Every broken promise is a line on standard error.
 #   names LIBRARY             libmqnode.so exports what exports.map lists and the headers mark with MQ_API, needs
-#                             libc.so.6 alone, takes other names from the companion's headers, runs no code when loaded
+#                             libc.so.6 alone, takes other names from the companion's headers, runs no code when loaded;
+#                             libmqnode-uv.so the same with loop/exports.map, but needs the other two and libuv
 #   hardened [--built] FILE   the file has what makes a fault in it harder to use; --built: it is a program of a build
 #                             tree, which finds the libraries by a search path of absolute directories
 #   refuses CC                hardened refuses files made by this compiler that each have one thing too many
@@ -19,23 +20,29 @@ same() {
 }
 
 names() {
+  local map=exports.map headers=({mqnode,queue,sockutil,socksin}/*.h) needs=libc.so.6
+  local bound=(G_node_trace G_socket_trace G_szApplName pSavedAlarm mnOpen mnRead)
   local name exported listed declared undefined offered needed init
+  if [[ $file == *libmqnode-uv* ]]; then
+    map=loop/exports.map headers=(loop/mqnode/uv.h) needs='libmqcompanion.so.1 libmqnode.so.1 libuv.so.1 libc.so.6'
+    bound=()
+  fi
   exported=$(nm -D --defined-only "$file" | awk '{ print $3 }')
-  listed=$(sed -n '/global:/,/local:/ s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' exports.map)
+  listed=$(sed -n '/global:/,/local:/ s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$map")
   # The name is before the first parenthesis, bracket or semicolon of a declaration, which may have several lines.
-  declared=$(cat {mqnode,queue,sockutil,socksin}/*.h | tr '\n' ' ' | grep -oE '\bMQ_API [^([;]*' | sed 's/.*[ *]//')
-  same 'the library' "$exported" exports.map "$listed"
-  same exports.map "$listed" 'the headers' "$declared"
+  declared=$(cat "${headers[@]}" | tr '\n' ' ' | grep -oE '\bMQ_API [^([;]*' | sed 's/.*[ *]//')
+  same 'the library' "$exported" "$map" "$listed"
+  same "$map" "$listed" 'the headers' "$declared"
 
   # A name of libc has its version; the few weak ones without are the linker's own.
   undefined=$(nm -D --undefined-only "$file" | awk '$1 != "w" && !/@GLIBC_/ { print $2 }' | sort)
   offered=$(grep -hoE '^MQ_RUNTIME [^(]*' runtime/*.h | sed 's/.*[ *]//' | sort)
   undefined=$(comm -23 <(echo "$undefined") <(echo "$offered"))
-  [ -z "$undefined" ] || broken "names that neither libc nor the companion's headers offer:" $undefined
-  needed=$(readelf -dW "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
-  [ "$needed" = libc.so.6 ] || broken "needs" $needed
+  [[ -z $undefined || $needs != libc.so.6 ]] || broken "names that neither libc nor the companion's headers offer:" $undefined
+  needed=$(readelf -dW "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | paste -sd ' ')
+  [ "$needed" = "$needs" ] || broken "needs $needed"
   # A program that is not position-independent has copies of the variables and other addresses of the functions.
-  for name in G_node_trace G_socket_trace G_szApplName pSavedAlarm mnOpen mnRead; do
+  for name in "${bound[@]}"; do
     readelf -rW "$file" | grep -qE " $name( |@|\$)" || broken "$name is bound when the library is linked (-Bsymbolic)"
   done
   # One entry of 8 bytes: the compiler's own frame_dummy.
@@ -59,7 +66,8 @@ hardened() {
   has ' U __stack_chk_fail$' 'no function has a stack protector'
   lacks '^ *LOAD.* (RWE|WE) ' 'a segment is writable and executable'
   lacks TEXTREL 'the code has relocations'
-  [[ $file != *.so* ]] || has ' U __[a-z]+_chk$' 'no call of libc is fortified (-D_FORTIFY_SOURCE)'
+  # libmqnode-uv makes no call that could be.
+  [[ $file != *.so* || $file == *-uv.so* ]] || has ' U __[a-z]+_chk$' 'no call of libc is fortified (-D_FORTIFY_SOURCE)'
   # An empty element of a search path is the current directory.
   [ -z "$built" ] || lacks '(RPATH|RUNPATH).*\[(.*:)?[^/]' 'its search path for libraries is not absolute throughout'
   [ -n "$built" ] || lacks '(RPATH|RUNPATH)' 'has a search path for libraries'

@@ -48,10 +48,10 @@ few+=',-bugprone-suspicious-memory-comparison'
 # Of C++ the analyzer understands the part that the libraries keep to. Leaks are left out there: it follows a block by
 # its first byte, and every block of the companion is handed out behind a head; the tests look for leaks.
 check_analyzer() {
-  local flags=(-O2 -Wall -Werror -fanalyzer -I. -Icpp -c -o /dev/null)
+  local flags=(-O2 -Wall -Werror -fanalyzer -I. -Icpp -Iloop -c -o /dev/null)
   printf '%s\n' "${libraries[@]}" |
     each g++ -std=gnu++20 -fno-exceptions -fno-rtti -Wno-analyzer-malloc-leak "${flags[@]}" &&
-    git ls-files 'examples/*.c' 'tests/checks/*.c' | each gcc -std=gnu11 "${flags[@]}"
+    git ls-files 'examples/*.c' 'loop/*.c' 'tests/checks/*.c' | each gcc -std=gnu11 "${flags[@]}"
 }
 
 check_scripts() {

@@ -3,7 +3,6 @@
 
 #include <ctime>
 
-#include "failure.hh"
 #include "fmt/chrono.h"
 #include "message.hh"
 #include "output.hh"
@@ -78,9 +77,6 @@ std::string LocalTime() { return TimeText(false); }
 std::string UtcTime() { return TimeText(true); }
 
 ShowFormat ShowFormatOf(const std::string& name) {
-  if (name == "raw" && OutputIsTerminal()) {
-    throw Failure{kExitUsage, "--format raw: not written to a terminal; redirect the output, or use --format hex"};
-  }
   for (size_t i = 0; i < std::size(kShowFormats); ++i) {
     if (name == kShowFormats[i]) return static_cast<ShowFormat>(i);
   }

@@ -10,8 +10,6 @@ namespace mqcat {
 enum class ShowFormat { kText, kJson, kHex, kRaw, kQuiet };
 
 inline constexpr const char* kShowFormats[] = {"text", "json", "hex", "raw", "quiet"};
-
-// Throws a Failure for raw if standard output is a terminal.
 ShowFormat ShowFormatOf(const std::string& name);
 
 // Prints a message from a peer, "127.0.0.1:5000". is_signed: the sender is the user whose key signed it. Raw is header

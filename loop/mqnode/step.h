@@ -1,0 +1,418 @@
+/* step.h - one node in an event loop: which calls to make when it is ready, and what to wait for next.
+ *
+ * Internal: the layers for event loops (mqnode/uv.h, mqnode/asio.hpp) share it, applications use those. Header-only,
+ * for C11 with POSIX (-std=gnu11) and C++17. There is no engine in it: no call here waits, and each says by
+ * mq_step_wants for which readiness of node->sock.fd the engine waits next.
+ *
+ * What an engine relies on
+ *   Readiness   level-triggered. A node never receives bytes behind the message that it reads, so nothing is hidden
+ *               from the next wait: an engine may return to its loop after any call
+ *   Fairness    mq_step_turn begins a turn when the node is ready to read; mq_step_read and mq_step_accept say
+ *               MQ_STEP_WAIT when its share of messages or connections is used. A node that had one
+ *               message and no second one reads one message a turn for a while: that saves a system call a message
+ *   Writing     after each write function of compose.h call mq_step_wrote with its result. Writes complete in order:
+ *               mq_step_completed counts them. mq_step_flush goes on when the node is writable
+ *   Marks       reading is held while more than highBytes are queued, until no more than lowBytes are
+ *   Accepting   without a descriptor or memory mq_step_accept says MQ_STEP_FULL and the listening node waits for
+ *               nothing, until mq_step_resume: after a moment, and when a connection was closed
+ *   Ending      mq_step_begin_end, then mq_step_end (mqnode/finish.h says what happens). The engine bounds the time
+ *   Closing     stop waiting for the descriptor, then mq_step_close. A callback may do so in the middle of a turn:
+ *               look at the phase after each callback, and release the node and the step only when no turn is left */
+#ifndef MQNODE_MQNODE_STEP_H
+#define MQNODE_MQNODE_STEP_H
+
+#include <errno.h>
+#include <poll.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "mqnode/errors.h"
+#include "mqnode/finish.h"
+#include "mqnode/limits.h"
+#include "mqnode/mqnode.h"
+
+// NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
+
+enum {
+  MQ_STEP_AREA = 16520,      /* bytes of a node's first receive area */
+  MQ_STEP_SINGLE_TURNS = 15, /* of one message, after a second look that found nothing */
+  MQ_STEP_CONFIRM_MSEC = 10  /* before mq_step_end is called again when it waits for nothing */
+};
+
+/* Outcomes of the calls below. */
+enum {
+  MQ_STEP_FAILED = 0, /* step->error says why: the node cannot go on, close it */
+  MQ_STEP_DONE = 1,   /* done */
+  MQ_STEP_WAIT = 2,   /* not yet: wait for mq_step_wants */
+  MQ_STEP_LOST = 3,   /* step->error says why one datagram or one connection was lost: call again */
+  MQ_STEP_FULL = 4    /* no descriptor or no memory for a connection: step->error; mq_step_resume later */
+};
+
+/* What mq_step_wants and mq_step_turn speak of. */
+enum { MQ_STEP_READABLE = 1, MQ_STEP_WRITABLE = 2 };
+
+enum {
+  MQ_STEP_OPEN,       /* reads and writes, or accepts */
+  MQ_STEP_CONNECTING, /* a connect is in progress */
+  MQ_STEP_ENDING,     /* mq_step_begin_end was called */
+  MQ_STEP_CLOSED      /* the descriptor is closed */
+};
+
+typedef struct MqStep {
+  MQNode* node;
+  const MqLoopLimits* limits;
+  int secure;         /* 1: signed messages; 0: plain ones */
+  int phase;          /* MQ_STEP_OPEN ... */
+  int error;          /* of the last outcome that was not DONE or WAIT */
+  int paused;         /* 1: the engine or its application wants no messages */
+  int held;           /* 1: too much is queued to read, or nothing is left to accept with */
+  int accepted;       /* 1: a listening node accepted it */
+  uint32_t left;      /* of this turn: messages or connections */
+  uint32_t got;       /* in this turn */
+  uint32_t single;    /* coming turns of one message */
+  uint64_t whole;     /* bytes received until the end of the last message */
+  uint64_t taken;     /* writes that were sent or queued */
+  uint64_t sentAtEnd; /* the node's bytesSent when its queue will be empty */
+  uint64_t moved;     /* bytes sent and received when progress was last seen */
+  int64_t since;      /* milliseconds: when progress was last seen */
+  uint32_t done;      /* messages read and written then */
+  int midway;         /* in a message or with queued writes then */
+  MqFinish finish;    /* of an end */
+} MqStep;
+
+static inline int mq_step_fail(MqStep* step, int code) {
+  step->error = code;
+  return MQ_STEP_FAILED;
+}
+
+static inline int mq_step_is_stream(const MqStep* step) { return step->node->sock.type == SOCK_TYPE_STREAM; }
+
+/* ---- Begin ---- */
+
+/* Internal: count the bytes of the queue anew: at first, and after one of its datagrams was dropped. */
+static inline void mq_step_recount(MqStep* step) {
+  Queue* const queue = step->node->pending;
+  const IoBuffer* write;
+  step->sentAtEnd = step->node->sock.bytesSent;
+  if (queue == NULL) return;
+  Qstart(queue);
+  while ((write = (const IoBuffer*)Qnext(queue)) != NULL) step->sentAtEnd += write->length - write->sent;
+}
+
+/* mq_step_trim - arm the receive area of a node that is between two messages for the next one. An area that a long
+ * message has made large is replaced; without memory the next read fails. */
+static inline void mq_step_trim(MqStep* step) {
+  IoBuffer* const area = &step->node->recvBuffer;
+  if (area->received > 0) return;
+  if (area->capacity > MQ_STEP_AREA) DeleteBuffer(area);
+  if (area->capacity == 0) CreateBuffer(area, MQ_STEP_AREA);
+  const uint32_t header = step->secure ? (uint32_t)sizeof(SecureHeader) : (uint32_t)sizeof(MsgHeader);
+  if (area->capacity > 0) ResetBuffer(area, mq_step_is_stream(step) ? header : area->capacity);
+}
+
+/* mq_step_begin - take a node in: it becomes non-blocking.
+ *   limits   in   must outlive the step
+ *   now      in   milliseconds of a clock that only goes forward
+ * Result   MQ_STEP_DONE or MQ_STEP_FAILED */
+static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const MqLoopLimits* limits, int64_t now) {
+  memset(step, 0, sizeof *step);
+  step->node = node;
+  step->secure = secure;
+  step->limits = limits;
+  step->phase = MQ_STEP_OPEN;
+  step->since = now;
+  step->whole = node->sock.bytesReceived;
+  step->moved = node->sock.bytesReceived + node->sock.bytesSent;
+  step->done = node->msgsRead + node->writesCompleted;
+  if (node->pending != NULL) {
+    step->taken = (uint64_t)Qdepth(node->pending);
+    mq_step_recount(step);
+  }
+  if (node->role != MQ_ROLE_LISTEN) mq_step_trim(step);
+  return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
+}
+
+/* mq_step_listen - let a listening node accept within its limits: with an accept queue of backlog connections, which the
+ * system may shorten, and buffers of socketBytes. */
+static inline int mq_step_listen(MqStep* step, int backlog) {
+  SockRec* const sock = &step->node->sock;
+  const uint32_t size = step->limits->socketBytes;
+  if (size > 0 && !mnSetBufferSize(step->node, size)) return mq_step_fail(step, sock->error);
+  return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
+}
+
+/* mq_step_connect - begin to connect a node, or see whether its connect has ended, when it is writable.
+ * The first call blocks while a name is looked up. */
+static inline int mq_step_connect(MqStep* step) {
+  MQNode* const node = step->node;
+  int code = 0;
+  socklen_t size = sizeof code;
+  struct sockaddr_storage peer;
+  socklen_t length = sizeof peer;
+  if (step->phase == MQ_STEP_OPEN) {
+    if (mnOpen(node)) return MQ_STEP_DONE;
+    if (node->error != MQ_AGAIN) return mq_step_fail(step, node->error);
+    step->phase = MQ_STEP_CONNECTING;
+    return MQ_STEP_WAIT;
+  }
+  if (getsockopt(node->sock.fd, SOL_SOCKET, SO_ERROR, &code, &size) != 0) code = errno;
+  if (code != 0) return mq_step_fail(step, node->error = node->sock.error = code);
+  if (getpeername(node->sock.fd, (struct sockaddr*)&peer, &length) != 0) return MQ_STEP_WAIT;
+  node->sock.connected = 1;
+  node->openState = 1;
+  node->error = node->sock.error = 0;
+  step->phase = MQ_STEP_OPEN;
+  return MQ_STEP_DONE;
+}
+
+/* ---- Wait ---- */
+
+/* mq_step_wants - for which readiness to wait: MQ_STEP_READABLE, MQ_STEP_WRITABLE, both or 0. */
+static inline int mq_step_wants(const MqStep* step) {
+  const int write = step->node->pending != NULL ? MQ_STEP_WRITABLE : 0;
+  switch (step->phase) {
+    case MQ_STEP_CONNECTING:
+      return MQ_STEP_WRITABLE;
+    case MQ_STEP_OPEN:
+      return write | (step->held || step->paused ? 0 : MQ_STEP_READABLE);
+    case MQ_STEP_ENDING:
+      return ((step->finish.events & POLLIN) != 0 ? MQ_STEP_READABLE : 0) |
+             ((step->finish.events & POLLOUT) != 0 ? MQ_STEP_WRITABLE : 0);
+    default:
+      return 0;
+  }
+}
+
+/* mq_step_turn - begin a turn of a node that is readable. */
+static inline void mq_step_turn(MqStep* step) {
+  const uint32_t share =
+      step->node->role == MQ_ROLE_LISTEN ? step->limits->acceptsPerTurn : step->limits->messagesPerTurn;
+  step->got = 0;
+  step->left = step->single > 0 ? 1 : share;
+  if (step->single > 0) --step->single;
+}
+
+/* mq_step_resume - accept again after MQ_STEP_FULL. */
+static inline void mq_step_resume(MqStep* step) { step->held = 0; }
+
+/* ---- Accept ---- */
+
+/* Internal: why nothing was accepted. The system asks for a descriptor before it looks for a connection: when none is
+ * left, it may be that none is wanted. */
+static inline int mq_step_accept_failed(MqStep* step) {
+  struct pollfd state = {step->node->sock.fd, POLLIN, 0};
+  step->error = step->node->error;
+  switch (step->error) {
+    case MQ_AGAIN:
+      return MQ_STEP_WAIT;
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+      if (poll(&state, 1, 0) == 0) return MQ_STEP_WAIT;
+      step->held = 1;
+      return MQ_STEP_FULL;
+    case EBADF:
+    case EINVAL:
+    case ENOTSOCK:
+    case EOPNOTSUPP:
+    case EFAULT:
+      return MQ_STEP_FAILED;
+    default: /* this connection failed before it was accepted */
+      return MQ_STEP_LOST;
+  }
+}
+
+/* mq_step_accept - accept one connection of a listening node.
+ *   child   out   the caller's with MQ_STEP_DONE, else null; for mq_step_begin. Its writes are not delayed
+ * Result   each of the five */
+static inline int mq_step_accept(MqStep* step, MQNode** child) {
+  MQNode* const node = step->node;
+  *child = NULL;
+  if (step->held || step->paused || step->left == 0) return MQ_STEP_WAIT;
+  --step->left;
+  if (!mnOpen(node)) return mq_step_accept_failed(step);
+  *child = node->child;
+  node->child = NULL;
+  if (*child == NULL) {
+    step->error = ENOMEM;
+    return MQ_STEP_LOST;
+  }
+  SetTcpNoDelay(&(*child)->sock, 1);
+  return MQ_STEP_DONE;
+}
+
+/* ---- Read ---- */
+
+/* mq_step_is_cut - whether a part of a message has arrived and the rest has not. */
+static inline int mq_step_is_cut(const MqStep* step) {
+  return mq_step_is_stream(step) && step->node->sock.bytesReceived != step->whole;
+}
+
+/* Internal: the length that the header in the receive area announces, in the byte order that its first word tells. */
+static inline uint32_t mq_step_announced(const MqStep* step) {
+  const IoBuffer* const area = &step->node->recvBuffer;
+  const uint32_t size = step->secure ? (uint32_t)sizeof(SecureHeader) : (uint32_t)sizeof(MsgHeader);
+  const size_t at = step->secure ? offsetof(SecureHeader, msgLength) : offsetof(MsgHeader, bodyLength);
+  uint32_t first, length;
+  if (area->received < size) return 0;
+  memcpy(&first, area->data, sizeof first);
+  memcpy(&length, area->data + at, sizeof length);
+  return first == size ? length : __builtin_bswap32(length);
+}
+
+/* Internal: a read gave no message. */
+static inline int mq_step_read_failed(MqStep* step) {
+  const int code = step->node->error;
+  if (code == MQ_AGAIN) {
+    if (step->got == 1 && !mq_step_is_cut(step)) step->single = MQ_STEP_SINGLE_TURNS;
+    step->left = 0;
+    return MQ_STEP_WAIT;
+  }
+  step->error = code;
+  if (!mq_step_is_stream(step) && code != EBADF && code != ENOTSOCK) return MQ_STEP_LOST;
+  step->finish.closed = code == SOCK_PEER_CLOSED;
+  return MQ_STEP_FAILED;
+}
+
+/* mq_step_read - read one message, its header first.
+ *   in   in/out   receives the message
+ * Result   MQ_STEP_DONE a message; MQ_STEP_WAIT none now; MQ_STEP_LOST a datagram was not a message; MQ_STEP_FAILED:
+ *          EMSGSIZE the message is longer than messageBytes; 9004 the peer has closed (mq_step_is_cut: in the middle
+ *          of a message); another code of mnRead or mnSRead. With 9004 answers that are queued can still be sent:
+ *          mq_step_end */
+static inline int mq_step_read(MqStep* step, PcfMessage* in) {
+  MQNode* const node = step->node;
+  if (step->held || step->paused || step->left == 0) return MQ_STEP_WAIT;
+  --step->left;
+  if (!(step->secure ? mnSReadMsg(node) : mnReadMsg(node))) return mq_step_read_failed(step);
+  if (mq_step_is_stream(step) && mq_step_announced(step) > step->limits->messageBytes) {
+    return mq_step_fail(step, EMSGSIZE);
+  }
+  if (!mnSRead(in, node, step->secure, NULL)) return mq_step_read_failed(step);
+  step->whole = node->sock.bytesReceived;
+  ++step->got;
+  return MQ_STEP_DONE;
+}
+
+/* ---- Write ---- */
+
+/* mq_step_queued - bytes of writes that wait in the node's queue. */
+static inline uint64_t mq_step_queued(const MqStep* step) {
+  return step->node->pending != NULL ? step->sentAtEnd - step->node->sock.bytesSent : 0;
+}
+
+/* mq_step_completed - writes that are no longer queued: the taken-th write is done when this reaches its number. */
+static inline uint64_t mq_step_completed(const MqStep* step) {
+  return step->taken - (uint64_t)Qdepth(step->node->pending);
+}
+
+/* mq_step_may_write - whether another write may be queued. 1; else 0 with -1111 in step->error and node->error. */
+static inline int mq_step_may_write(MqStep* step) {
+  if (mq_step_queued(step) <= step->limits->queueBytes) return 1;
+  step->error = step->node->error = MQ_WRITE_LIMIT;
+  return 0;
+}
+
+/* mq_step_wrote - account for a write to the node.
+ *   result   in   of mnWrite or another write function, which has just returned
+ * Result   MQ_STEP_DONE the write is number step->taken; MQ_STEP_LOST it was refused, or a datagram that could not be
+ *          sent: nothing else changes; MQ_STEP_FAILED the connection has failed */
+static inline int mq_step_wrote(MqStep* step, int result) {
+  const MQNode* const node = step->node;
+  if (!result) {
+    step->error = mq_node_cause(node, NULL);
+    return mq_step_is_stream(step) && node->error == MQ_AGAIN ? MQ_STEP_FAILED : MQ_STEP_LOST;
+  }
+  ++step->taken;
+  if (node->pending != NULL) {
+    const IoBuffer* const last = (const IoBuffer*)node->pending->tail->item;
+    if (Qdepth(node->pending) == 1) step->sentAtEnd = node->sock.bytesSent;
+    step->sentAtEnd += last->length - last->sent;
+    if (mq_step_queued(step) > step->limits->highBytes) step->held = 1;
+  }
+  return MQ_STEP_DONE;
+}
+
+/* mq_step_flush - send what is queued, when the node is writable.
+ * Result   MQ_STEP_DONE the queue is empty; MQ_STEP_WAIT it is not; MQ_STEP_LOST write number mq_step_completed, a
+ *          datagram, was dropped; MQ_STEP_FAILED the connection has failed in the middle of that write */
+static inline int mq_step_flush(MqStep* step) {
+  MQNode* const node = step->node;
+  const int sent = mnFinishWrite(node);
+  if (!sent) {
+    step->error = mq_node_cause(node, NULL);
+    if (mq_step_is_stream(step)) return MQ_STEP_FAILED;
+    mq_step_recount(step);
+  }
+  if (step->held && mq_step_queued(step) <= step->limits->lowBytes) step->held = 0;
+  if (!sent) return MQ_STEP_LOST;
+  return node->pending == NULL ? MQ_STEP_DONE : MQ_STEP_WAIT;
+}
+
+/* ---- Time ---- */
+
+/* mq_step_owes - whether a peer has to go on: it is in the middle of a message, does not take what is queued, or was
+ * accepted and has sent no message yet. */
+static inline int mq_step_owes(const MqStep* step) {
+  return step->node->pending != NULL || mq_step_is_cut(step) ||
+         (step->accepted && step->node->msgsRead == 0 && step->limits->firstMsec > 0);
+}
+
+/* mq_step_progress - note progress after a turn: a message read or sent, or begun, or progressBytes of one. */
+static inline void mq_step_progress(MqStep* step, int64_t now) {
+  const MQNode* const node = step->node;
+  const uint32_t done = node->msgsRead + node->writesCompleted;
+  const uint64_t moved = node->sock.bytesReceived + node->sock.bytesSent;
+  const int midway = node->pending != NULL || mq_step_is_cut(step);
+  if (done == step->done && midway == step->midway && moved - step->moved < step->limits->progressBytes) return;
+  step->done = done;
+  step->midway = midway;
+  step->moved = moved;
+  step->since = now;
+}
+
+/* mq_step_deadline - when a node is overdue, in milliseconds of the clock of mq_step_progress; INT64_MAX: never. */
+static inline int64_t mq_step_deadline(const MqStep* step) {
+  const int midway = step->node->pending != NULL || mq_step_is_cut(step);
+  const int first = !midway && mq_step_owes(step);
+  const int msec = midway ? step->limits->midwayMsec : first ? step->limits->firstMsec : step->limits->idleMsec;
+  return msec > 0 ? step->since + msec : INT64_MAX;
+}
+
+/* ---- End ---- */
+
+/* mq_step_begin_end - let no read and no write follow; lingering is switched off, so that what the system has taken is
+ * sent even if the node is closed before the end.
+ *   step   in/out   neither connecting nor listening */
+static inline void mq_step_begin_end(MqStep* step) {
+  SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
+  if (mq_step_is_stream(step)) SetSocketOptions(&step->node->sock, &noLinger);
+  step->phase = MQ_STEP_ENDING;
+  step->finish.events = POLLOUT; /* the first call is due at once */
+}
+
+/* mq_step_end - go on with the end, when the node is ready. A datagram node is only flushed.
+ * Result   MQ_STEP_DONE the peer's system has received all bytes, and the peer has closed: close the node.
+ *          MQ_STEP_WAIT: when mq_step_wants is 0, call again after MQ_STEP_CONFIRM_MSEC.
+ *          MQ_STEP_LOST a queued datagram was dropped: call again.
+ *          MQ_STEP_FAILED: it is not known what the peer has received */
+static inline int mq_step_end(MqStep* step) {
+  if (!mq_step_is_stream(step)) return mq_step_flush(step);
+  const int result = mq_finish_step(step->node, &step->finish);
+  if (result < 0) return MQ_STEP_WAIT;
+  return result ? MQ_STEP_DONE : mq_step_fail(step, mq_node_cause(step->node, NULL));
+}
+
+/* mq_step_close - close the node. Its record stays until the engine deletes it. Nothing happens the second time. */
+static inline void mq_step_close(MqStep* step) {
+  if (step->phase == MQ_STEP_CLOSED) return;
+  step->phase = MQ_STEP_CLOSED;
+  mnClose(step->node);
+}
+
+// NOLINTEND(modernize-use-nullptr)
+
+#endif
