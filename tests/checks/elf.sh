@@ -43,7 +43,8 @@ names() {
   [ "$needed" = "$needs" ] || broken "needs $needed"
   # A program that is not position-independent has copies of the variables and other addresses of the functions.
   for name in "${bound[@]}"; do
-    readelf -rW "$file" | grep -qE " $name( |@|\$)" || broken "$name is bound when the library is linked (-Bsymbolic)"
+    readelf -rW "$file" | grep -E " $name( |@|\$)" >/dev/null ||
+      broken "$name is bound when the library is linked (-Bsymbolic)"
   done
   # One entry of 8 bytes: the compiler's own frame_dummy.
   init=$(readelf -SW "$file" | sed -nE 's/.* \.(init_array|ctors) +[A-Z_]+ +[0-9a-f]+ [0-9a-f]+ ([0-9a-f]+) .*/\2/p')

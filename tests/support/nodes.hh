@@ -42,12 +42,6 @@ inline __attribute__((used)) int GetUserName(char* buf, int* len) {
   *len = static_cast<int>(now.user.size());
   return 1;
 }
-inline __attribute__((used)) void ResetBuffer(IoBuffer* buf, uint32_t length) {
-  EXPECT_LE(length, buf->capacity);
-  Platform::Note('b', "reset");
-  static const auto real = reinterpret_cast<decltype(&::ResetBuffer)>(dlsym(RTLD_NEXT, "ResetBuffer"));
-  real(buf, length);
-}
 inline __attribute__((used)) int IsLtEndian(void) { return Companion::Now().little; }
 inline __attribute__((used)) int IsAscText(void) { return Companion::Now().ascii ? 64 : 0; }
 

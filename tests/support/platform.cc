@@ -404,16 +404,6 @@ unsigned alarm(unsigned seconds) noexcept {
   return left;
 }
 
-// The number of processors is what the library asks for as the last thing it does: any caller's question can be failed,
-// and without a code errno stays.
-long sysconf(int name) noexcept {
-  REAL(sysconf);
-  if (name != _SC_NPROCESSORS_ONLN || (!counting && Now().rules.empty())) return real(name);
-  const auto code = Injected("sysconf");
-  if (code.value_or(0) != 0) errno = *code;
-  return code ? -1 : real(name);
-}
-
 // What the library does with files answers a lookup's way: there or not.
 LOOK_UP(FILE*, fopen, (const char* path, const char* mode), (path, mode), mode)
 LOOK_UP(char*, fgets, (char* line, int size, FILE* file), (line, size, file), TEXT("{}", size))
