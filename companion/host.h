@@ -26,8 +26,8 @@ MQ_BEGIN_C
  *
  * Every allocation of the companion is counted under a tag: blocks of fNewMemory under the tag they were asked with,
  * data areas of IoBuffers under "buffer", raw areas of PcfMessages under "message", records of mqc_message_new under
- * "PcfMessage", signers under "signer", the ring of users under "ring", the memory of seen messages under "replay", key
- * files while they are read under "file". */
+ * "PcfMessage", signers and the key of mqc_set_opener under "signer", the ring of users under "ring", the memory of seen
+ * messages under "replay", key files while they are read under "file". */
 
 typedef struct MqcMemory {
   uint64_t live_blocks;  /* allocated and not yet released */
@@ -154,6 +154,10 @@ MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
  * refused with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
+/* mqc_sealed - 1 if the message that was read last was sealed and has been opened; 0 otherwise, also after a read that
+ * was refused and for a message that is being built. */
+MQ_RUNTIME int mqc_sealed(const PcfMessage* msg);
+
 /* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.
  * The text belongs to the record and holds until the next call on it. */
 MQ_RUNTIME const char* mqc_message_error(const PcfMessage* msg);
@@ -234,6 +238,15 @@ MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[
  * A key that has an end signs nothing after it: mqc_sign_error says so.
  * Result   the signer, for mqc_signer_free; null with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
+
+/* mqc_signer_sealing - a security context that also seals what it signs: only this user's key opens it.
+ * Nobody else can read header and body. Length, sender and recipient remain visible.
+ *   signer  in  whose key signs; copied, and not needed afterwards
+ *   user    in  a user of the ring. Each message is sealed for the key that the ring has for the user at that time;
+ *               without one, or with one that is revoked or past its end, it is not signed (mqc_sign_error)
+ * A sealed message is 64 bytes longer than a signed one.
+ * Result   the signer, for mqc_signer_free; null with an error text: no such user, no key to seal for, no memory */
+MQ_RUNTIME MqcSigner* mqc_signer_sealing(const MqcSigner* signer, const char* user, char* error, size_t size);
 
 /* mqc_signer_user - user of a signer. The text belongs to the signer. */
 MQ_RUNTIME const char* mqc_signer_user(const MqcSigner* signer);
@@ -319,6 +332,21 @@ MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
  * The function returns milliseconds since 1970-01-01 UTC and is called on the thread that signs or authenticates. */
 typedef int64_t (*MqcClock)(void);
 MQ_RUNTIME void mqc_set_clock(MqcClock clock);
+
+/* mqc_set_opener - open messages that are sealed for this signer's user, with its key, in the whole process.
+ *   signer  in  copied, and not needed afterwards; null: nothing is opened
+ * The key that was set before is wiped before the call returns; a read in another thread that is using it finishes with
+ * a copy, and wipes that. After the last day of the key nothing is opened.
+ * Result   1; 0 without memory, nothing changes then */
+MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
+
+/* mqc_set_sealing - which signed messages are accepted in the whole process.
+ *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for the
+ *                user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
+ * Other messages are refused with node error -1001. Reads of plain messages are not affected.
+ * Result   1; 0 for another value, nothing changes then */
+typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;
+MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
 /* mqc_sign_error - why the last mqc_sign that failed on this thread did; empty when none has. After a write that
  * ended with node error -1000. */

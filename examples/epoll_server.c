@@ -1,7 +1,7 @@
 /* epoll_server.c - answers many clients in a loop of its own around epoll, until it is ended.
  *   epoll_server HOST SERVICE
- * Service 0 lets the kernel pick a port; the port is printed. It shows the calls and no more: mqnode/server.h, mqnode/uv.h
- * and mqnode/asio.hpp also limit the time, the memory and the places of clients. */
+ * Service 0 lets the kernel pick a port; the port is printed. This example shows the calls alone: mqnode/server.h,
+ * mqnode/uv.h and mqnode/asio.hpp also limit the time, the memory and the number of clients. */
 #include <signal.h>
 #include <sys/epoll.h>
 
@@ -19,7 +19,7 @@ static int watch(MQNode* node, int operation) {
   return epoll_ctl(epoll, operation, node->sock.fd, &event) == 0;
 }
 
-/* Accepts a bounded number of connections: epoll tells again of those that are left. */
+/* Accepts a bounded number of connections; epoll reports those that are left again. */
 static void accept_some(MQNode* listener) {
   SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
   for (int i = 0; i < ACCEPTS && mnOpen(listener); ++i) {
@@ -30,7 +30,7 @@ static void accept_some(MQNode* listener) {
   }
 }
 
-/* Reads one message: a node never reads behind it, so that epoll tells of the next one. 0 when the node is to be deleted. */
+/* Reads one message. A node never reads behind it, so epoll reports the next one. 0 when the node is to be deleted. */
 static int answer(MQNode* node) {
   MqcParam text;
   if (!mnRead(in, node)) return node->error == MQ_AGAIN;

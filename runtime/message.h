@@ -50,7 +50,7 @@ MQ_STATIC_ASSERT(offsetof(MsgHeader, applName) == 84, "MsgHeader.applName");
 /* Envelope of a signed message. */
 typedef struct SecureHeader {
   uint32_t hdrLength; /* 32 */
-  uint32_t version;   /* 1 */
+  uint32_t version;   /* 1; 2 if the message is sealed */
   uint32_t bigEndian; /* as in MsgHeader */
   uint32_t asciiText; /* as in MsgHeader */
   uint32_t msgLength; /* bytes that follow the envelope */

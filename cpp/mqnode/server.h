@@ -57,7 +57,7 @@
 #include "mqnode/read.h"
 #include "mqnode/secure_read.h"
 #include "mqnode/wait.h"
-#include "queue/record.h"
+#include "queue/queue.h"
 #include "runtime/buffer.h"
 #include "runtime/message.h"
 #include "socksin/connect.h"
