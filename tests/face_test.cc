@@ -21,22 +21,13 @@ namespace {
 using namespace mqnode;
 using namespace std::chrono_literals;
 
-template <class Handle>
-constexpr bool kIsHandle = sizeof(Handle) == sizeof(void*) &&
-                           std::is_nothrow_move_constructible_v<Handle>&& std::is_nothrow_move_assignable_v<Handle> &&
-                           !std::is_copy_constructible_v<Handle> && !std::is_copy_assignable_v<Handle>;
-static_assert(kIsHandle<Node> && kIsHandle<Message> && kIsHandle<Signer>);
-static_assert(!std::is_copy_constructible_v<WaitSet> && std::is_nothrow_move_constructible_v<WaitSet>);
-static_assert(std::is_trivially_copyable_v<NodeRef> && std::is_trivially_copyable_v<Result> && sizeof(Result) == 16);
-static_assert(!std::is_convertible_v<MQNode*, Node> && !std::is_convertible_v<NodeRef, Node>);
+static_assert(!std::is_copy_constructible_v<Node> && !std::is_convertible_v<MQNode*, Node>);
 
 // What would lose part of a value does not compile.
 template <class Value>
 concept Addable = requires(MessageRef msg, Value value) {
   msg.add(1u, value);
 };
-static_assert(Addable<int32_t> && Addable<int64_t> && Addable<const char*> && Addable<std::string> && Addable<Bytes> &&
-              Addable<std::vector<uint8_t>> && Addable<std::span<const std::byte>>);
 static_assert(!Addable<bool> && !Addable<uint32_t> && !Addable<size_t> && !Addable<double> &&
               !Addable<std::string_view> && !Addable<std::vector<int>>);
 

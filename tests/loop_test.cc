@@ -422,35 +422,6 @@ TEST_F(LoopTest, TimeOuts) {
   EXPECT_EQ(rows[5].ended, 0);
 }
 
-TEST_F(LoopTest, ThousandsComeAndGo) {
-  MqLoopLimits limits = mq_loop_limits();
-  limits.nodes = 64, limits.keptMsec = -1;
-  size_t most = 0;
-  Loop loop(limits);
-  const int port = loop.Listen(&app);
-  app.on = [&](std::string_view event, MqUvNode* node, PcfMessage* msg) {
-    if (event == "message") mq_uv_write(node, msg, nullptr, nullptr);
-    most = std::max(most, app.nodes.size());
-  };
-  const Message in = Message::create(), out = Text("hello");
-  const uint64_t blocks = Blocks();
-  for (int batch = 0; batch < 30; ++batch) {
-    std::vector<Node> clients;
-    for (int i = 0; i < 100; ++i) {
-      clients.push_back(Client(port));
-      EXPECT_TRUE(clients.back().write(out) && clients.back().set_blocking(false));
-    }
-    ASSERT_TRUE(loop.Until([&] {
-      std::erase_if(clients, [&](const Node& client) { return static_cast<bool>(client.read(in)); });
-      return clients.empty();
-    })) << batch;
-  }
-  EXPECT_TRUE(loop.Until([&] { return app.nodes.empty(); }));
-  EXPECT_EQ(app.Count("message hello"), 3000u);
-  EXPECT_EQ(Blocks(), blocks);
-  EXPECT_EQ(most, 64u);
-}
-
 // Each thread serves the other one and asks it.
 TEST_F(LoopTest, LoopsInThreads) {
   constexpr size_t kQuestions = 300;
