@@ -5,7 +5,6 @@
 #                             libmqnode-uv.so the same with loop/exports.map, but needs the other two and libuv
 #   hardened [--built] FILE   the file has what makes a fault in it harder to use; --built: it is a program of a build
 #                             tree, which finds the libraries by a search path of absolute directories
-#   refuses CC                hardened refuses files made by this compiler that each have one thing too many
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 status=0
@@ -76,44 +75,10 @@ hardened() {
   [[ $file != *libmqnode.so* ]] || lacks ' U __[a-z]+_chk$' 'a call that a host may interpose has another name'
 }
 
-# A row: what hardened says (nothing: it accepts), the name of the file, the flags and the code that it has beside all
-# that is good.
-refuses() {
-  local folder text name flags code said
-  folder=$(mktemp -d)
-  # shellcheck disable=SC2064 # the folder is known now
-  trap "rm -rf '$folder'" EXIT
-  while IFS='|' read -r text name flags code; do
-    cat >"$folder/file.c" <<<"#include <stdio.h>
-int Use(char *text, unsigned size) {
-  char place[64];
-  snprintf(place, size, \"%s\", text);
-  return puts(place);
-}
-$code"
-    # shellcheck disable=SC2086 # several flags
-    "$cc" -shared -O2 -fPIC -fstack-protector-strong -D_FORTIFY_SOURCE=3 -Wl,-z,relro,-z,now,-z,noexecstack \
-      "$folder/file.c" -o "$folder/${name##* }" $flags 2>"$folder/log" || { cat "$folder/log" >&2; exit 1; }
-    said=$(built=$([[ $name != --built* ]] || echo yes) file=$folder/${name##* } && hardened 2>&1)
-    [[ $said == *"$text"* && $(grep -c . <<<"$said") == "${text:+1}" || -z $said$text ]] ||
-      broken "made with '$flags$code': '$said' instead of '$text'"
-  done <<'ROWS'
-|libmqnode.so||
-writable and executable|libmqnode.so||__asm__(".section .mixed, \"awx\"\n .quad 0\n .text\n");
-code has relocations|libmqnode.so|-Wl,-z,notext|__asm__(".text\n .quad Use\n");
-search path|libmqnode.so|-Wl,-rpath,/nowhere|
-another name|libmqnode.so||long __recv_chk(int, void*, long, long, int); long Get() { return __recv_chk(1, 0, 1, 2, 0); }
-|--built program|-Wl,-rpath,/nowhere:/elsewhere|
-not absolute throughout|--built program|-Wl,-rpath,/nowhere:|
-not absolute throughout|--built program|-Wl,-rpath,/nowhere:$ORIGIN/lib|
-ROWS
-}
-
 check=$1 built=
 shift
 [ "$1" != --built ] || { built=yes; shift; }
 case $check in
-  refuses) cc=$1 file=refuses && refuses ;;
   names | hardened) for file; do "$check"; done ;;
   *) exit 2 ;;
 esac
