@@ -1,6 +1,5 @@
 // companion_test.cc - the companion runtime: memory, buffers, text, messages and the log.
 // Not here: keys and signatures (companion_security_test.cc).
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fmt/ranges.h>
 #include <pwd.h>
@@ -11,9 +10,8 @@
 
 #include "tests/support/records.hh"
 
-// The system as the companion finds it: another time of day, an iconv that knows no EBCDIC.
+// The time of day as the companion finds it, when it is not the system's.
 static const timespec* present;
-static bool has_ebcdic = true;
 
 extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
   if (present == nullptr || clock != CLOCK_REALTIME) return static_cast<int>(syscall(SYS_clock_gettime, clock, out));
@@ -21,22 +19,11 @@ extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
   return 0;
 }
 
-extern "C" iconv_t iconv_open(const char* to, const char* from) {
-  static const auto next = reinterpret_cast<decltype(&iconv_open)>(dlsym(RTLD_NEXT, "iconv_open"));
-  return has_ebcdic ? next(to, from) : reinterpret_cast<iconv_t>(-1);
-}
-
 namespace {
 
 class CompanionTest : public Fixture {
  protected:
   ~CompanionTest() override { present = nullptr; }
-
-  // Runs a disabled test in a process of its own, behind what the shell is to read first.
-  static void RunAlone(const std::string& test, const std::string& before = "") {
-    const char* const how = "{} {} --gtest_filter={} --gtest_also_run_disabled_tests --gtest_brief=1";
-    EXPECT_EQ(system(format(fmt::runtime(how), before, program_invocation_name, test).c_str()), 0);
-  }
 };
 
 // ---- Memory ----
@@ -270,19 +257,6 @@ TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
   EXPECT_EQ(reinterpret_cast<MsgHeader*>(browsed.record().raw.data)->bodyLength, kSampleBody);
 }
 
-// Runs in a process of its own: the table is made once. The sender uses iconv as well.
-TEST_F(CompanionTest, DISABLED_WithoutEbcdic) {
-  const Bytes ebcdic = SampleFrom({true, true});
-  Bytes envelope = sender::Enveloped({true, true}, "", "alice", "");
-  has_ebcdic = false;
-  EXPECT_EQ(Refusal(SampleFrom({true, false})), "");
-  EXPECT_EQ(Refusal(ebcdic), "the system's iconv does not know IBM1047");
-  EXPECT_FALSE(AlienToNativeExt(reinterpret_cast<SecureHeader*>(envelope.data())));
-  ExpectSays(Refusal(With(SampleFrom({}), 68, 2)), "IBM1047");  // a native header, the body's text is still EBCDIC
-}
-
-TEST_F(CompanionTest, WithoutEbcdicOnlyAsciiArrives) { RunAlone("CompanionTest.DISABLED_WithoutEbcdic"); }
-
 TEST_F(CompanionTest, MessagesAreBounded) {
   PcfMessage empty = {};
   EXPECT_FALSE(mqc_add_int32(&empty, 1, 1));
@@ -422,25 +396,15 @@ TEST_F(LogTest, TheEnvironmentNamesTheFile) {
   const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   std::vector<std::string> names = {path_, link, fifo, "/tmp", std::string(1024, 'x')};
   if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) names.push_back(theirs);  // root alone can
+  const char* const child = "--gtest_filter=LogChild.DISABLED_Writes --gtest_also_run_disabled_tests --gtest_brief=1";
   for (const std::string& name : names) {
     const std::string seen = folder_.File("seen", "");
-    RunAlone("LogChild.DISABLED_Writes", format("2>{} MQCOMPANION_LOG={}", seen, name));
+    EXPECT_EQ(system(format("2>{} MQCOMPANION_LOG={} {} {}", seen, name, program_invocation_name, child).c_str()), 0);
     ExpectSays(Content(name == path_ ? path_ : seen), " 1157I child\n");
   }
   EXPECT_EQ(Taken(reader) + Content(theirs), "");
   EXPECT_EQ(Content(path_).find('\n'), Content(path_).size() - 1) << "no second line";
-  // The only socket that is written to is the journal's, which the environment names.
-  int sockets[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
-  struct stat about;
-  fstat(sockets[0], &about);
-  dup2(sockets[0], STDERR_FILENO);
-  for (const ino_t number : {about.st_ino + 1, about.st_ino}) {
-    EXPECT_EQ(Taken(sockets[1]), "");
-    RunAlone("LogChild.DISABLED_Writes", format("JOURNAL_STREAM={}:{}", about.st_dev, number));
-  }
-  ExpectSays(Taken(sockets[1]), " 1157I child\n");
-  for (const int fd : {reader, sockets[0], sockets[1]}) close(fd);
+  close(reader);
 }
 
 }  // namespace

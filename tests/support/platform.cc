@@ -389,21 +389,6 @@ int nanosleep(const timespec* wanted, timespec* left) {
             [&] { return Now().skip_pauses ? 0 : real(wanted, left); });
 }
 
-// signal and alarm may be the last thing that an exported function does, and then seem to be called by the test: they
-// are always recorded.
-sighandler_t signal(int number, sighandler_t handler) noexcept {
-  REAL(signal);
-  Record({"signal", TEXT("{}", number)});
-  return real(number, handler);
-}
-
-unsigned alarm(unsigned seconds) noexcept {
-  REAL(alarm);
-  const unsigned left = real(seconds);
-  Record({.name = "alarm", .detail = TEXT("{}", seconds), .result = static_cast<long>(left)});
-  return left;
-}
-
 // What the library does with files answers a lookup's way: there or not.
 LOOK_UP(FILE*, fopen, (const char* path, const char* mode), (path, mode), mode)
 LOOK_UP(char*, fgets, (char* line, int size, FILE* file), (line, size, file), TEXT("{}", size))
