@@ -8,8 +8,8 @@
 //
 // Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close
 // fcntl gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll
-// fopen fgets fclose remove LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be
-// failed, and so are the mallocs of the companion, under the name "companion malloc", once StartCounting was called.
+// LOGMSG (recorded only) time (answered by SetTime). malloc and calloc are counted and can be failed, and so are the
+// mallocs of the companion, under the name "companion malloc", once StartCounting was called.
 #pragma once
 
 #include <ctime>
