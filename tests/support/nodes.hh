@@ -14,8 +14,6 @@
 
 struct Companion {
   std::string user = "tester";  // the login name
-  bool little = true;
-  bool ascii = true;
   std::string failing;  // this function returns 0 and does nothing
 
   static Companion& Now() {
@@ -42,8 +40,6 @@ inline __attribute__((used)) int GetUserName(char* buf, int* len) {
   *len = static_cast<int>(now.user.size());
   return 1;
 }
-inline __attribute__((used)) int IsLtEndian(void) { return Companion::Now().little; }
-inline __attribute__((used)) int IsAscText(void) { return Companion::Now().ascii ? 64 : 0; }
 
 NOTED(AlienToNative, (PcfRawData * raw), (raw))
 NOTED(AlienToNativeExt, (SecureHeader * envelope), (envelope))
