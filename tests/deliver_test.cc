@@ -345,4 +345,35 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(node->sock.error, 89);
 }
 
+// One send a message; two receives a read, which allocates nothing once buffer and record have grown, but for the
+// memory of a signed message that was accepted. A write makes its descriptor and its data area.
+TEST_F(DeliverTest, Costs) {
+  const Keys keys;
+  Link link = Connect();  // two nodes over one connection
+  const Node reader(Node::adopt(link.peer.Release(), MQ_ROLE_CONNECT).release());
+  const Message in;
+  // The system calls of one operation, then allocations of the companion and of the library itself.
+  const auto cost = [](auto run) {
+    Take();
+    const uint64_t companion = mqc_allocations();
+    const size_t library = Platform::Allocations();
+    EXPECT_TRUE(run());
+    return format("{} | {} {}", Take("c"), mqc_allocations() - companion, Platform::Allocations() - library);
+  };
+  for (const auto& [secure, size] : {std::pair{0, 44u}, {0, 16364u}, {0, 65516u}, {1, 1004u}}) {
+    const Message out(1, size);
+    const uint32_t total = size + (secure ? 284 : 156), header = secure ? kEnvelope : kHeader;
+    std::string write, read;
+    for (int grown = 0; grown < 2; ++grown) {
+      write = cost([&, is = secure] { return mnSWrite(out, link.node, is, keys.signer.get()); });
+      // All of it has to be there for one receive to bring it.
+      std::string peeked(total, '\0');
+      ASSERT_EQ(recv(reader->sock.fd, peeked.data(), total, MSG_PEEK | MSG_WAITALL), total);
+      read = cost([&, is = secure] { return mnSRead(in, reader, is, nullptr); });
+    }
+    EXPECT_EQ(write, format("send({0}) = {0} | 2 0", total));
+    EXPECT_EQ(read, format("recvfrom({0}) = {0}; recvfrom({1}) = {1} | {2} 0", header, total - header, secure));
+  }
+}
+
 }  // namespace

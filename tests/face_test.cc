@@ -1,5 +1,5 @@
-// face_test.cc - mqnode.hpp: it owns what it should and loses no code. What it costs: cost_test.cc. server.hpp: its
-// end; the hostile runs test its limits.
+// face_test.cc - mqnode.hpp: it owns what it should and loses no code. server.hpp: its end; the hostile runs test its
+// limits.
 #include "mqnode/mqnode.hpp"
 
 #include <fcntl.h>
