@@ -146,7 +146,7 @@ TEST_F(AsioTest, AcceptingPausesWhenThereIsNoPlace) {
   first.close();
   EXPECT_EQ(Run(within(10s, listener.accept(second))), "ok");
   const Message in;
-  two.Send(WithWord(Wire(7), kAtBody, limits.messageBytes + 1));
+  two.Send(With(Wire(7), kAtBody, limits.messageBytes + 1));
   EXPECT_EQ(Run(second.read(in)), "EMSGSIZE");
 }
 

@@ -1,7 +1,6 @@
 // deliver_test.cc - messages composed and delivered, plain and signed: what is on the wire, what waits in the queue,
 // what is counted.
 #include "tests/support/nodes.hh"
-#include "tests/support/sender.hh"
 
 namespace {
 
@@ -252,15 +251,14 @@ TEST_F(DeliverTest, WritesJoinTheQueueInOrder) {
 // Three queued writes of 160 bytes each, and a socket that misbehaves at its nth send; what has arrived once a fourth
 // write has joined the queue that was left, empty or not, and the rest went through.
 TEST_F(DeliverTest, FinishingThreeWrites) {
-  const auto finish = [](
-                          int nth, int code, const std::function<void(MQNode*)>& prepare = [](MQNode*) {}) {
+  const auto finish = [](int nth, int code, void (*prepare)(MQNode*) = nullptr) {
     const Link link = Connect();
     MQNode* const node = link.node;
     Queue(node, {1, 2, 3});
     Watch(node, Error);
     node->error = 77;
     if (nth != 0) Platform::Fail("send", nth, code);
-    prepare(node);
+    if (prepare != nullptr) prepare(node);
     const int result = mnFinishWrite(node);
     const std::string outcome = format("{}: {} | {} | ", result, WriteState(node), Take("n"));
     EXPECT_EQ(mnIsPendingIO(node), node->pending != nullptr);
@@ -322,7 +320,8 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
     // The destination is gone when the datagram is sent.
     SockAddrRec to = AddressOf("127.0.0.1", command == 1 ? first.port() : second.port());
     out.Put(command, 4);
-    EXPECT_EQ(command == 1 ? mnWriteTo(out, node, &to) : mnSWriteTo(out, node, &to, command == 3, keys.signer.get()), 1);
+    EXPECT_EQ(command == 1 ? mnWriteTo(out, node, &to) : mnSWriteTo(out, node, &to, command == 3, keys.signer.get()),
+              1);
     memset(&to, 'x', sizeof to);
   }
   EXPECT_EQ(mnWrite(out, node), 0) << "without a destination it could never be sent";

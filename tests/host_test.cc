@@ -45,8 +45,7 @@ TEST_F(HostTest, LabelAppendsWhatFits) {
   };
   const std::string v47(47, 'v'), v48(48, 'v'), a65(65, 'a'), a48(48, 'a');
   const Fields plain = {"S", "5", "3", "M"};
-  EXPECT_EQ(label(plain, 100, 7, "old "), "old S::V5.R3::M::");
-  EXPECT_EQ(label({"  Linux\t", " #1 SMP ", "6.1 ", "\n x86_64"}, 100), "Linux::V#1 SMP.R6.1::x86_64::");
+  EXPECT_EQ(label({"  Linux\t", " #1 SMP ", "6.1 ", "\n M"}, 100, 7, "old "), "old Linux::V#1 SMP.R6.1::M::");
   EXPECT_EQ(label({}, 100), "::V.R::::");
   // Costs are 4, 8 and 4; a piece needs less than what is left, and one that does not fit does not stop the next.
   for (const auto& [room, text] :

@@ -62,9 +62,8 @@ TEST_F(NodeTest, NewRecord) {
   EXPECT_EQ(format("type {}, {}, {}, limits {} {}, {} {}", node->nodeType, node->platform, WriteState(node),
                    node->writeLimit, node->pendingLimit, node->sock.owner == node.get(), node->child == nullptr),
             "type 2, UNIX, 0, sent 0, out 0, limits -1 100, true true");
-  EXPECT_TRUE(node->onTrace == nullptr && node->opOpen == mnOpen && node->opClose == mnClose &&
-              node->opRead == mnRead && node->opBrowse == mnBrowse && node->opWrite == mnWrite &&
-              node->opPost == mnPost);
+  EXPECT_TRUE(node->opOpen == mnOpen && node->opClose == mnClose && node->opRead == mnRead &&
+              node->opBrowse == mnBrowse && node->opWrite == mnWrite && node->opPost == mnPost);
   SockRec held;
   CreateSocketFromExisting(&held, Peer::Listen().Release());
   held.error = 5;

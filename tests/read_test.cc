@@ -39,7 +39,7 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
       const Link link = Connect(false);
       const auto word = [&](uint32_t value) { return foreign ? __builtin_bswap32(value) : value; };
       const std::string form = foreign ? Foreign(native) : native;
-      EXPECT_EQ(Read(link, WithWord(WithWord(form, at, word(announced)), 0, word(first)), secure),
+      EXPECT_EQ(Read(link, With(With(form, at, word(announced)), 0, word(first)), secure),
                 accepted ? format("nothing, 11, read 0, held {}/{}", length, length + announced)
                          : format("nothing, 2026, read 0, held 0/{}", length))
           << first << " " << announced;
@@ -56,7 +56,7 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 31, 0xFFFFFFFFu, 0xFFFFFFE0u}) check(true, 32, length, false);
   for (const uint32_t first : {31u, 33u, 136u}) check(true, first, 256, false);
   // Something signed that is shorter than any header.
-  EXPECT_EQ(Read(Connect(), WithWord(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
+  EXPECT_EQ(Read(Connect(), With(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
             "nothing, -1001, read 1, held 0/32");
 }
 
@@ -84,7 +84,7 @@ TEST_F(ReadTest, Traces) {
   // A wrong first word is traced with the bytes still there; a receive that fails after the reset.
   EXPECT_EQ(read(false, std::string(136, 'x')),
             got + "mnReadMsg 2026, read 2, held 136/136; mnRead 2026, read 2, held 0/136");
-  EXPECT_EQ(read(false, WithWord(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
+  EXPECT_EQ(read(false, With(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
   EXPECT_EQ(read(false, "part", 2), reset + "mnReadMsg 104, read 2, held 0/136; mnRead 104, read 2, held 0/136");
   EXPECT_EQ(read(true, wire), got + got + "mnSRead 0, read 1, held 0/32; mnSRead 0, read 1, held 0/32");
   // Replayed, whole and in parts.
@@ -141,7 +141,7 @@ TEST_F(ReadTest, CompanionFailures) {
 TEST_F(ReadTest, NoMemory) {
   for (const bool secure : {false, true}) {
     const Link link = Connect();
-    Send(link, secure ? WithWord(keys_.Sign(1).substr(0, 32), 16, 20000) : Wire(1, 20000).substr(0, kHeader));
+    Send(link, secure ? With(keys_.Sign(1).substr(0, 32), 16, 20000) : Wire(1, 20000).substr(0, kHeader));
     mqc_fail_allocation(1, 0);
     Watch(link.node, ReadState);
     EXPECT_EQ(Read(link.node, secure),
@@ -186,12 +186,11 @@ TEST_F(ReadTest, Datagrams) {
   EXPECT_EQ(read(false, wire), "1:4 from peer, 0 AlienToNative");
   EXPECT_EQ(read(false, Foreign(wire)), "1:4 from peer, 0 AlienToNative");
   EXPECT_EQ(read(false, Wire(1, 16520 - 156)), "1:16364 from peer, 0 AlienToNative");
-  for (const std::string& bytes :
-       {Wire(1, 16520 - 155), wire.substr(0, 159), wire + "x", wire.substr(0, kHeader),
-        WithWord(wire.substr(0, kHeader), kAtBody, 0), WithWord(wire, kAtBody, 24 + 0xFFFFFF00u)}) {
+  for (const std::string& bytes : {Wire(1, 16520 - 155), wire.substr(0, 159), wire + "x", wire.substr(0, kHeader),
+                                   With(wire.substr(0, kHeader), kAtBody, 0), With(wire, kAtBody, 24 + 0xFFFFFF00u)}) {
     EXPECT_EQ(read(false, bytes), "nothing, 2026 AlienToNative") << bytes.size();
   }
-  for (const std::string& bytes : {wire.substr(0, kHeader - 1), std::string("x"), WithWord(wire, 0, 135)}) {
+  for (const std::string& bytes : {wire.substr(0, kHeader - 1), std::string("x"), With(wire, 0, 135)}) {
     EXPECT_EQ(read(false, bytes), "nothing, 2026 ") << bytes.size();
   }
   EXPECT_EQ(read(false, ""), "nothing, 9004 ");
@@ -242,7 +241,8 @@ TEST_F(ReadTest, BrowseConsumesNothing) {
     Platform::Note('s', std::to_string(static_cast<MQNode*>(rec->owner)->error));
   };
   for (int i = 0; i < 2; ++i) EXPECT_EQ(Browse(link.node), "1, 0");
-  const std::string once = "ReadSocket[0; recvfrom(136, flags 2) = 136]; 0; AlienToNative; SizePcfMessage 220; mnBrowse 0";
+  const std::string once =
+      "ReadSocket[0; recvfrom(136, flags 2) = 136]; 0; AlienToNative; SizePcfMessage 220; mnBrowse 0";
   EXPECT_EQ(Take(), once + "; " + once);
   EXPECT_EQ(format("{} {}", WordAt(in_.raw(), 0), in_->raw.length), "136 55");
   EXPECT_EQ(Read(link.node), "3:200 from peer, 0, read 1, held 0/136");
@@ -252,7 +252,7 @@ TEST_F(ReadTest, BrowseOfHeaders) {
   const auto browse = [](uint32_t first, uint32_t body, const char* failing = "") {
     const Link link = Connect();
     const Message small(300);
-    Send(link, WithWord(WithWord(Wire(1).substr(0, kHeader), 0, first), kAtBody, body));
+    Send(link, With(With(Wire(1).substr(0, kHeader), 0, first), kAtBody, body));
     Companion::Now().failing = failing;
     const int result = mnBrowse(small, link.node);
     return format("{}, {}, {}", result, link.node->error, Take("m"));
