@@ -441,7 +441,6 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
       {alice, 0640, nullptr, ": its group or others have access to this secret key (mode 0640); chmod 600"},
       {alice + bob, 0600, nullptr, ": holds 2 keys, name the user"},
       {alice, 0600, "carol", ": holds no key of user carol"},
-      {"# nothing\n", 0600, nullptr, ": holds no key"},
       {alice + "\nbob 1234\n", 0600, "alice", ":3: expected"},
       {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
       {bob + " public", 0600, nullptr, ":1: a public key cannot sign"},

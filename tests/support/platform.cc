@@ -9,7 +9,6 @@
 #include <link.h>
 #include <netdb.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
