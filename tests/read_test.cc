@@ -39,7 +39,7 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
       const Link link = Connect(false);
       const auto word = [&](uint32_t value) { return foreign ? __builtin_bswap32(value) : value; };
       const std::string form = foreign ? Foreign(native) : native;
-      EXPECT_EQ(Read(link, WithWord(WithWord(form, at, word(announced)), 0, word(first)), secure),
+      EXPECT_EQ(Read(link, With(With(form, at, word(announced)), 0, word(first)), secure),
                 accepted ? format("nothing, 11, read 0, held {}/{}", length, length + announced)
                          : format("nothing, 2026, read 0, held 0/{}", length))
           << first << " " << announced;
@@ -56,7 +56,7 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 31, 0xFFFFFFFFu, 0xFFFFFFE0u}) check(true, 32, length, false);
   for (const uint32_t first : {31u, 33u, 136u}) check(true, first, 256, false);
   // Something signed that is shorter than any header.
-  EXPECT_EQ(Read(Connect(), WithWord(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
+  EXPECT_EQ(Read(Connect(), With(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
             "nothing, -1001, read 1, held 0/32");
 }
 
@@ -84,7 +84,7 @@ TEST_F(ReadTest, Traces) {
   // A wrong first word is traced with the bytes still there; a receive that fails after the reset.
   EXPECT_EQ(read(false, std::string(136, 'x')),
             got + "mnReadMsg 2026, read 2, held 136/136; mnRead 2026, read 2, held 0/136");
-  EXPECT_EQ(read(false, WithWord(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
+  EXPECT_EQ(read(false, With(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
   EXPECT_EQ(read(false, "part", 2), reset + "mnReadMsg 104, read 2, held 0/136; mnRead 104, read 2, held 0/136");
   EXPECT_EQ(read(true, wire), got + got + "mnSRead 0, read 1, held 0/32; mnSRead 0, read 1, held 0/32");
   // Replayed, whole and in parts.
@@ -141,7 +141,7 @@ TEST_F(ReadTest, CompanionFailures) {
 TEST_F(ReadTest, NoMemory) {
   for (const bool secure : {false, true}) {
     const Link link = Connect();
-    Send(link, secure ? WithWord(keys_.Sign(1).substr(0, 32), 16, 20000) : Wire(1, 20000).substr(0, kHeader));
+    Send(link, secure ? With(keys_.Sign(1).substr(0, 32), 16, 20000) : Wire(1, 20000).substr(0, kHeader));
     mqc_fail_allocation(1, 0);
     Watch(link.node, ReadState);
     EXPECT_EQ(Read(link.node, secure),
@@ -165,7 +165,7 @@ TEST_F(ReadTest, NoMemory) {
   }
 }
 
-// Whole messages alone, each of which is converted; nothing short is. An idle buffer is not armed again.
+// Whole messages alone, each of which is converted; nothing short is.
 TEST_F(ReadTest, Datagrams) {
   const Node node = CreateDatagram();
   NoblockSocket(&node->sock);
@@ -179,30 +179,27 @@ TEST_F(ReadTest, Datagrams) {
     const std::string outcome = Read(node, secure);
     const std::string tail = format(", read {}, held 0/16520", outcome[0] == 'n' ? 0 : 1);
     EXPECT_EQ(outcome.substr(outcome.size() - tail.size()), tail);
-    const std::string events = Take("mb");
-    EXPECT_EQ(events.find("reset") != events.npos, sent) << outcome;
-    EXPECT_EQ(events.find("reset"), events.rfind("reset")) << outcome;
-    return outcome.substr(0, outcome.size() - tail.size()) + events.substr(0, events.find_first_of(" ;"));
+    const std::string events = Take("m");
+    return format("{} {}", outcome.substr(0, outcome.size() - tail.size()), events.substr(0, events.find(';')));
   };
   const std::string wire = Wire(1), wire2 = keys_.Sign(2);
-  EXPECT_EQ(read(false, wire), "1:4 from peer, 0AlienToNative");
-  EXPECT_EQ(read(false, Foreign(wire)), "1:4 from peer, 0AlienToNative");
-  EXPECT_EQ(read(false, Wire(1, 16520 - 156)), "1:16364 from peer, 0AlienToNative");
-  for (const std::string& bytes :
-       {Wire(1, 16520 - 155), wire.substr(0, 159), wire + "x", wire.substr(0, kHeader),
-        WithWord(wire.substr(0, kHeader), kAtBody, 0), WithWord(wire, kAtBody, 24 + 0xFFFFFF00u)}) {
-    EXPECT_EQ(read(false, bytes), "nothing, 2026AlienToNative") << bytes.size();
+  EXPECT_EQ(read(false, wire), "1:4 from peer, 0 AlienToNative");
+  EXPECT_EQ(read(false, Foreign(wire)), "1:4 from peer, 0 AlienToNative");
+  EXPECT_EQ(read(false, Wire(1, 16520 - 156)), "1:16364 from peer, 0 AlienToNative");
+  for (const std::string& bytes : {Wire(1, 16520 - 155), wire.substr(0, 159), wire + "x", wire.substr(0, kHeader),
+                                   With(wire.substr(0, kHeader), kAtBody, 0), With(wire, kAtBody, 24 + 0xFFFFFF00u)}) {
+    EXPECT_EQ(read(false, bytes), "nothing, 2026 AlienToNative") << bytes.size();
   }
-  for (const std::string& bytes : {wire.substr(0, kHeader - 1), std::string("x"), WithWord(wire, 0, 135)}) {
-    EXPECT_EQ(read(false, bytes), "nothing, 2026reset") << bytes.size();
+  for (const std::string& bytes : {wire.substr(0, kHeader - 1), std::string("x"), With(wire, 0, 135)}) {
+    EXPECT_EQ(read(false, bytes), "nothing, 2026 ") << bytes.size();
   }
-  EXPECT_EQ(read(false, ""), "nothing, 9004reset");
-  EXPECT_EQ(read(false, "", false), "nothing, 11");
+  EXPECT_EQ(read(false, ""), "nothing, 9004 ");
+  EXPECT_EQ(read(false, "", false), "nothing, 11 ");
   for (const std::string& bytes : {wire2 + "x", wire2.substr(0, wire2.size() - 1), wire2.substr(0, kEnvelope)}) {
-    EXPECT_EQ(read(true, bytes), "nothing, 2026AlienToNativeExt") << bytes.size();
+    EXPECT_EQ(read(true, bytes), "nothing, 2026 AlienToNativeExt") << bytes.size();
   }
-  EXPECT_EQ(read(true, wire2.substr(0, kEnvelope - 1)), "nothing, 2026reset");
-  EXPECT_EQ(read(true, wire2), "2:4 from tester, 0AlienToNativeExt");
+  EXPECT_EQ(read(true, wire2.substr(0, kEnvelope - 1)), "nothing, 2026 ");
+  EXPECT_EQ(read(true, wire2), "2:4 from tester, 0 AlienToNativeExt");
   EXPECT_EQ(Text(node->sock.from), "- 127.0.0.1 P tcp P");
   // The gather step alone keeps what it has.
   peer.SendTo(PortOf(node->sock.fd), wire);
@@ -237,40 +234,35 @@ TEST_F(ReadTest, SwitchingFraming) {
 TEST_F(ReadTest, BrowseConsumesNothing) {
   const Link link = Connect();
   Send(link, Foreign(Wire(3, 200)));
-  EXPECT_EQ(Browse(link.node), "1, 0");
   Watch(link.node, Error);
   in_->raw.length = 55;
   link.node->error = 77;
   Trace::Now().on_socket = [](std::string_view, const SockRec* rec) {
     Platform::Note('s', std::to_string(static_cast<MQNode*>(rec->owner)->error));
   };
-  EXPECT_EQ(Browse(link.node), "1, 0");
-  EXPECT_EQ(Take(), "ReadSocket[0; recvfrom(136, flags 2) = 136]; 0; AlienToNative; SizePcfMessage 220; mnBrowse 0");
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Browse(link.node), "1, 0");
+  const std::string once =
+      "ReadSocket[0; recvfrom(136, flags 2) = 136]; 0; AlienToNative; SizePcfMessage 220; mnBrowse 0";
+  EXPECT_EQ(Take(), once + "; " + once);
   EXPECT_EQ(format("{} {}", WordAt(in_.raw(), 0), in_->raw.length), "136 55");
   EXPECT_EQ(Read(link.node), "3:200 from peer, 0, read 1, held 0/136");
 }
 
 TEST_F(ReadTest, BrowseOfHeaders) {
-  const auto browse = [](const std::string& bytes, const char* failing = "") {
+  const auto browse = [](uint32_t first, uint32_t body, const char* failing = "") {
     const Link link = Connect();
     const Message small(300);
-    Send(link, bytes);
+    Send(link, With(With(Wire(1).substr(0, kHeader), 0, first), kAtBody, body));
     Companion::Now().failing = failing;
     const int result = mnBrowse(small, link.node);
     return format("{}, {}, {}", result, link.node->error, Take("m"));
   };
-  const auto header = [](uint32_t first, uint32_t body) {
-    return WithWord(WithWord(Wire(1).substr(0, kHeader), 0, first), kAtBody, body);
-  };
-  EXPECT_EQ(browse(header(136, 164), "SizePcfMessage"), "1, 0, AlienToNative");
-  EXPECT_EQ(browse(header(136, 165), "SizePcfMessage"), "0, 2102, AlienToNative; SizePcfMessage 165");
-  EXPECT_EQ(browse(header(136, 165)), "1, 0, AlienToNative; SizePcfMessage 165");
-  EXPECT_EQ(browse(header(136, 164), "AlienToNative"), "0, 2026, AlienToNative; DumpPcfMessage");
-  EXPECT_EQ(browse(header(136, 0x7FFFFFFF)), "0, 2102, AlienToNative; SizePcfMessage 2147483647");
-  EXPECT_EQ(browse(header(136, 0xFFFFFFFF)), "1, 0, AlienToNative") << "compared as a signed number";
-  for (const std::string& bytes : {header(135, 64), header(137, 64), std::string("text")}) {
-    EXPECT_EQ(browse(bytes), "0, 2026, ");
-  }
+  EXPECT_EQ(browse(136, 164, "SizePcfMessage"), "1, 0, AlienToNative");
+  EXPECT_EQ(browse(136, 165, "SizePcfMessage"), "0, 2102, AlienToNative; SizePcfMessage 165");
+  EXPECT_EQ(browse(136, 164, "AlienToNative"), "0, 2026, AlienToNative; DumpPcfMessage");
+  EXPECT_EQ(browse(136, 0x7FFFFFFF), "0, 2102, AlienToNative; SizePcfMessage 2147483647");
+  EXPECT_EQ(browse(136, 0xFFFFFFFF), "1, 0, AlienToNative") << "compared as a signed number";
+  EXPECT_EQ(browse(135, 64) + browse(137, 64), "0, 2026, 0, 2026, ");
 }
 
 // Part of a header: a look again from the front after each pause, for a bounded time, unless the node does not block.
@@ -278,33 +270,26 @@ TEST_F(ReadTest, BrowseOfPartOfAHeader) {
   const std::string wire = Wire(1);
   for (const size_t part : {2, 4, 135}) {
     const Link link = Connect();
-    const auto pauses = [] { return Platform::Records({"nanosleep"}).size(); };
     Send(link, wire.substr(0, part));
-    int paused = 0;
-    Platform::OnPause([&] {
+    Platform::OnPause([&, paused = 0]() mutable {
       if (++paused == 4) link.peer.Send(wire.substr(part));
     });
     EXPECT_EQ(Browse(link.node), "1, 0") << part;
     EXPECT_EQ(Platform::Calls({"recvfrom"}).front(), format("recvfrom(136, flags 2) = {}", part));
-    EXPECT_EQ(Platform::Calls({"recvfrom"}).back(), "recvfrom(136, flags 2) = 136");
     EXPECT_EQ(Read(link.node), "1:4 from peer, 0, read 1, held 0/136");
 
-    // Nothing more comes: bounded, in looks and in time.
+    // Nothing more comes: bounded, in looks and in time, also when it cannot be told whether the node blocks.
     Platform::Reset();
     Platform::SkipPauses();
     Send(link, wire.substr(0, part));
+    Platform::Fail("fcntl", 1, EBADF);
     EXPECT_EQ(Browse(link.node), "0, 11");
     EXPECT_EQ(Platform::Calls({"nanosleep"}), Lines(100, "nanosleep(0.010000000s) = 0"));
     NoblockSocket(&link.node->sock);
     Take();
     EXPECT_EQ(Browse(link.node), "0, 11");
-    EXPECT_EQ(pauses(), 0u);
-    // Whether it blocks cannot be told: it pauses.
-    Platform::Fail("fcntl", 1, EBADF, Platform::kOnwards);
-    EXPECT_EQ(Browse(link.node), "0, 11");
-    EXPECT_EQ(pauses(), 100u);
+    EXPECT_EQ(Platform::Calls({"nanosleep"}), Lines());
     // The peer will send no more.
-    Platform::Mend();
     BlockSocket(&link.node->sock);
     link.peer.Shutdown();
     Watch(link.node, Error);

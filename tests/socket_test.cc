@@ -183,12 +183,9 @@ TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
 }
 
 TEST_F(SocketTest, IsValidIp) {
-  for (const char* text : {"1.2.3.4", "255.255.255.255", "001.002.003.004", "0.0.0.0"}) {
-    EXPECT_EQ(IsValidIp(text), 1) << text;
-  }
-  for (const char* text :
-       {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "0001.1.1.1", "1.1.1.0001", "", "1..2.3", ".1.2.3.4",
-        "1.2.3.4.", "1.2.3.4 ", "+1.2.3.4", "1,2,3,4", "a.b.c.d", "1.2.3.", "1.2.3.4x"}) {
+  for (const char* text : {"255.255.255.255", "001.002.003.000"}) EXPECT_EQ(IsValidIp(text), 1) << text;
+  for (const char* text : {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "0001.1.1.1", "1.1.1.0001", "", "1..2.3",
+                           ".1.2.3.4", "1.2.3.4.", "+1.2.3.4", "1,2,3,4", "1.2.3.", "1.2.3.4x"}) {
     EXPECT_EQ(IsValidIp(text), 0) << text;
   }
 }
@@ -254,7 +251,6 @@ TEST_F(SocketTest, ConnectAndBind) {
             "1 0/0 1 | " + at + "P) = -1 EISCONN] | 127.0.0.1 - P pro P | = | 127.0.0.1 127.0.0.1 P pro P");
   EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q), "0 111/5 0 | " + at + "Q) = -1 ECONNREFUSED; onError 111" + to_q);
   EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 115), "0 11/5 0 | " + at + "Q) = -1 EINPROGRESS; onError 11" + to_q);
-  EXPECT_EQ(attempt(ConnectSocket, "127.0.0.1", q, 0), "0 0/5 0 | " + at + "Q) = -1; onError 0" + to_q);
   EXPECT_EQ(attempt(ConnectSocket, "*", -1),
             "0 9002/5 0 | ConnectSocket[AddrToIP[getservbyname(none, pro) = 0]; onError 9002] | * - none pro 0 | "
             "- - - - 0 | - - - tcp 0");
@@ -264,11 +260,11 @@ TEST_F(SocketTest, ConnectAndBind) {
             "0 98/5 0 | " + bind + "127.0.0.1:P) = -1 EADDRINUSE; onError 98" + unbound);
   EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", 1, EISCONN),
             "1 106/0 1 | " + bind + "127.0.0.1:1) = -1 EISCONN" + unbound);
-  // Another action does neither. The caller's texts are cut; without a node name there is none.
+  // Another action does neither. Without a node name there is none; the caller's texts are cut.
   Platform::Fail("uname", 1, EFAULT);
   SockAddrRec name = AddressOf("*", "5", "proto");
   EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = -1 EFAULT");
-  EXPECT_EQ(Text(name) + Text(rec_.name), "- - - proto 0- - - proto 0");
+  EXPECT_EQ(Text(rec_.name), "- - - proto 0");
   memset(name.host, 'h', sizeof name.host);
   memset(name.ip, 'i', sizeof name.ip);
   EXPECT_EQ(SockAction(&rec_, &name, SOCK_ACTION_BIND), 0);
@@ -384,19 +380,16 @@ TEST_F(SocketTest, Options) {
     SockOption option = {id, 5, 7};
     return Do(SetSocketOptions, &option);
   };
-  const auto get = [this](int id) {
-    SockOption option = {id, -5, 33};
-    const std::string outcome = Do(GetSocketOptions, &option);
-    return format("{} {}, {}", option.value1, option.value2, outcome);
-  };
   const char* const calls[] = {"1:1, 7", "1:2, 7", "1:9, 7", "1:5, 7", "1:13, 7, 5", "1:6, 7", "1:10, 7",
                                "1:7, 5", "1:8, 5", "1:3, 7", "1:4, 7", "1:11, 7",    "1:12, 7"};
   Platform::Fail("setsockopt", 1, Platform::kZero, Platform::kOnwards);
   for (int id = 0; id < 13; ++id) EXPECT_EQ(set(id), format("1 0/0 0 | setsockopt({}) = 0", calls[id]));
   Platform::Mend();
   EXPECT_EQ(set(-3), "0 92/5 0 | setsockopt(1:-1, 7) = -1 ENOPROTOOPT; onError 92");
-  EXPECT_EQ(get(9), "2 33, 1 0/0 0 | getsockopt(1:3) = 0");
-  EXPECT_EQ(get(-3), "-5 33, 0 92/5 0 | getsockopt(1:-1) = -1 ENOPROTOOPT; onError 92");
+  SockOption type = {9, -5, 33}, unknown = {-3, -5, 33};
+  EXPECT_EQ(Do(GetSocketOptions, &type), "1 0/0 0 | getsockopt(1:3) = 0");
+  EXPECT_EQ(Do(GetSocketOptions, &unknown), "0 92/5 0 | getsockopt(1:-1) = -1 ENOPROTOOPT; onError 92");
+  EXPECT_EQ(format("{} {}, {}", type.value1, type.value2, unknown.value1), "2 33, -5");
 
   EXPECT_EQ(Do(ReuseSocket, 1), "1 0/0 0 | setsockopt(1:2, 1) = 0");
   EXPECT_EQ(Do(ReuseSocket, 2), "1 0/0 0 | setsockopt(1:2, 0) = 0");

@@ -228,31 +228,27 @@ TEST_F(WaitTest, ForeignOwners) {
   EXPECT_EQ(Wait(kPost), "1 0 | ad ? c | - - ? | 1111");
 }
 
-// What all forms hand to select.
+// What all forms hand to select: those that take milliseconds, and those that take seconds.
 TEST_F(WaitTest, Timeouts) {
   MQNode *none[] = {nullptr}, *out[1];
-  const auto limit = [&](int timeout, bool seconds) {
-    Platform::Fail("select", 1, EINTR, Platform::kOnwards);
-    int status = 0;
-    if (seconds) {
-      mnPost(none, out, out, timeout, &status);
-      mnNPost(none, out, out, out, timeout, &status);
-      mnPostEx(none, out, out, timeout, &status, &work_);
-      mnNPostEx(none, out, out, out, timeout, &status, &work_);
-    } else {
-      mnPostExMSec(none, out, out, timeout, &status, &work_);
-      mnNPostExMSec(none, out, out, out, timeout, &status, &work_);
-    }
-    const Lines calls = Platform::Calls();
+  int status = 0;
+  Platform::Fail("select", 1, EINTR, Platform::kOnwards);
+  const auto expect = [](int count, const char* timeout) {
+    EXPECT_EQ(Platform::Calls(), Lines(static_cast<size_t>(count), format("select({}s) = -1 EINTR", timeout)));
     Take();
-    EXPECT_EQ(calls, Lines(seconds ? 4 : 2, calls.at(0)));
-    return calls[0];
   };
-  EXPECT_EQ(limit(1500, false), "select(1.500000s) = -1 EINTR");
-  EXPECT_EQ(limit(-1, false), "select(0.000000s) = -1 EINTR");
-  EXPECT_EQ(limit(INT32_MAX, false), "select(2147483.647000s) = -1 EINTR");
-  EXPECT_EQ(limit(-7, true), "select(0.000000s) = -1 EINTR");
-  EXPECT_EQ(limit(INT32_MAX, true), "select(2147483.000000s) = -1 EINTR");
+  for (const auto& [timeout, milliseconds, seconds] : {std::tuple{1500, "1.500000", "1500.000000"},
+                                                       {-1, "0.000000", "0.000000"},
+                                                       {INT32_MAX, "2147483.647000", "2147483.000000"}}) {
+    mnPostExMSec(none, out, out, timeout, &status, &work_);
+    mnNPostExMSec(none, out, out, out, timeout, &status, &work_);
+    expect(2, milliseconds);
+    mnPost(none, out, out, timeout, &status);
+    mnNPost(none, out, out, out, timeout, &status);
+    mnPostEx(none, out, out, timeout, &status, &work_);
+    mnNPostEx(none, out, out, out, timeout, &status, &work_);
+    expect(4, seconds);
+  }
 }
 
 TEST_F(WaitTest, AFailedSelectTouchesNoList) {
@@ -334,24 +330,6 @@ TEST_F(WaitTest, WorkRecordsAreSetUpAndReleased) {
     EXPECT_EQ(memcmp(&work, &empty, sizeof work), 0);
     Platform::Mend();
   }
-}
-
-TEST_F(WaitTest, PendingConnects) {
-  const Peer listener = Peer::Listen(), nobody = Peer::Bound(SOCK_STREAM);
-  for (const Peer* to : {&listener, &nobody}) {
-    MQNode* const node = Add(Create(to->port(), MQ_ROLE_CONNECT));
-    NoblockSocket(&node->sock);
-    EXPECT_EQ(mnOpen(node), 0);
-    Await(node->sock.fd, POLLOUT);
-  }
-  EXPECT_EQ(Wait(kNPost), "1 0 | b a - | - b a | 30");
-  EXPECT_EQ(mnOpen(nodes_[0]), 1);
-  // A refused connect is readable as well: it stays unopened, and the first transfer says why.
-  const Message in;
-  EXPECT_EQ(mnRead(in, nodes_[1]), 0);
-  EXPECT_EQ(nodes_[1]->error, ECONNREFUSED);
-  nodes_.pop_back();
-  EXPECT_EQ(Wait(kNPost), "0 9000 | ? - ? | ? ? ? | 3") << "not watched for writing any more";
 }
 
 }  // namespace

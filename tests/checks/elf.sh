@@ -5,8 +5,6 @@
 #                             libmqnode-uv.so the same with loop/exports.map, but needs the other two and libuv
 #   hardened [--built] FILE   the file has what makes a fault in it harder to use; --built: it is a program of a build
 #                             tree, which finds the libraries by a search path of absolute directories
-#   refuses CC                hardened refuses files made by this compiler that each have one thing too many
-#   copies PROGRAM            the program has its own copies of the library's four variables
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 status=0
@@ -22,9 +20,11 @@ same() {
 
 names() {
   local map=exports.map headers=({mqnode,queue,sockutil,socksin}/*.h) needs=libc.so.6
-  local exported listed declared undefined offered needed init
+  local bound=(G_node_trace G_socket_trace G_szApplName pSavedAlarm mnOpen mnRead)
+  local name exported listed declared undefined offered needed init
   if [[ $file == *libmqnode-uv* ]]; then
     map=loop/exports.map headers=(loop/mqnode/uv.h) needs='libmqcompanion.so.1 libmqnode.so.1 libuv.so.1 libc.so.6'
+    bound=()
   fi
   exported=$(nm -D --defined-only "$file" | awk '{ print $3 }')
   listed=$(sed -n '/global:/,/local:/ s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$map")
@@ -40,7 +40,11 @@ names() {
   [[ -z $undefined || $needs != libc.so.6 ]] || broken "names that neither libc nor the companion's headers offer:" $undefined
   needed=$(readelf -dW "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | paste -sd ' ')
   [ "$needed" = "$needs" ] || broken "needs $needed"
-  ! readelf -dW "$file" | grep SYMBOLIC >&2 || broken 'linked with -Bsymbolic: a host could not replace the variables'
+  # A program that is not position-independent has copies of the variables and other addresses of the functions.
+  for name in "${bound[@]}"; do
+    readelf -rW "$file" | grep -E " $name( |@|\$)" >/dev/null ||
+      broken "$name is bound when the library is linked (-Bsymbolic)"
+  done
   # One entry of 8 bytes: the compiler's own frame_dummy.
   init=$(readelf -SW "$file" | sed -nE 's/.* \.(init_array|ctors) +[A-Z_]+ +[0-9a-f]+ [0-9a-f]+ ([0-9a-f]+) .*/\2/p')
   [ "$init" = 000008 ] || broken "static initialisers: 0x$init bytes of them"
@@ -71,52 +75,11 @@ hardened() {
   [[ $file != *libmqnode.so* ]] || lacks ' U __[a-z]+_chk$' 'a call that a host may interpose has another name'
 }
 
-# A row: what hardened says (nothing: it accepts), the name of the file, the flags and the code that it has beside all
-# that is good.
-refuses() {
-  local folder text name flags code said
-  folder=$(mktemp -d)
-  # shellcheck disable=SC2064 # the folder is known now
-  trap "rm -rf '$folder'" EXIT
-  while IFS='|' read -r text name flags code; do
-    cat >"$folder/file.c" <<<"#include <stdio.h>
-int Use(char *text, unsigned size) {
-  char place[64];
-  snprintf(place, size, \"%s\", text);
-  return puts(place);
-}
-$code"
-    # shellcheck disable=SC2086 # several flags
-    "$cc" -shared -O2 -fPIC -fstack-protector-strong -D_FORTIFY_SOURCE=3 -Wl,-z,relro,-z,now,-z,noexecstack \
-      "$folder/file.c" -o "$folder/${name##* }" $flags 2>"$folder/log" || { cat "$folder/log" >&2; exit 1; }
-    said=$(built=$([[ $name != --built* ]] || echo yes) file=$folder/${name##* } && hardened 2>&1)
-    [[ $said == *"$text"* && $(grep -c . <<<"$said") == "${text:+1}" || -z $said$text ]] ||
-      broken "made with '$flags$code': '$said' instead of '$text'"
-  done <<'ROWS'
-|libmqnode.so||
-writable and executable|libmqnode.so||__asm__(".section .mixed, \"awx\"\n .quad 0\n .text\n");
-code has relocations|libmqnode.so|-Wl,-z,notext|__asm__(".text\n .quad Use\n");
-search path|libmqnode.so|-Wl,-rpath,/nowhere|
-another name|libmqnode.so||long __recv_chk(int, void*, long, long, int); long Get() { return __recv_chk(1, 0, 1, 2, 0); }
-|--built program|-Wl,-rpath,/nowhere:/elsewhere|
-not absolute throughout|--built program|-Wl,-rpath,/nowhere:|
-not absolute throughout|--built program|-Wl,-rpath,/nowhere:$ORIGIN/lib|
-ROWS
-}
-
-copies() {
-  local name
-  for name in G_node_trace G_socket_trace G_szApplName pSavedAlarm; do
-    readelf -rW "$file" | grep -qE "R_X86_64_COPY .* $name(@|\$| )" || broken "has no copy of $name"
-  done
-}
-
 check=$1 built=
 shift
 [ "$1" != --built ] || { built=yes; shift; }
 case $check in
-  refuses) cc=$1 file=refuses && refuses ;;
-  names | hardened | copies) for file; do "$check"; done ;;
+  names | hardened) for file; do "$check"; done ;;
   *) exit 2 ;;
 esac
 exit $status

@@ -35,9 +35,7 @@ const FailingCalls kFailing[] = {
     {{"fcntl"}, {EINTR, EPERM, EBADF}},
     {{"poll"}, {EINTR, ENOMEM, kZero}},
     {{"gethostbyname", "getservbyname"}, {kNone, ENOENT, EMFILE, ECONNREFUSED}},
-    {{"system", "fopen", "remove"}, {EAGAIN, ENOENT, ENOMEM}},
-    {{"fgets"}, {kNone, EIO}},
-    {{"uname", "nanosleep", "fclose"}, {EFAULT, EINTR, EIO}},
+    {{"uname", "nanosleep"}, {EFAULT, EINTR, EIO}},
     {{"malloc", "calloc", "companion malloc", "allocation"}, {ENOMEM}},
 };
 

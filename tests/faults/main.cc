@@ -32,7 +32,6 @@ std::string only;  // from here on the options
 size_t every = 1;
 std::string now;  // the situation that is tried
 size_t situations, fell;
-Counts made;  // calls by all scenarios
 
 void Arm(const Situation& tried) {
   for (const char* call : {"send", "recvfrom"}) {
@@ -122,7 +121,6 @@ void RunScenario(const Scenario& scenario) {
   Report(verdicts);
   for (const FailingCalls& calls : kFailing) {
     for (const std::string& call : calls.names) {
-      made[call] += counts[call];
       if (verdicts.empty()) FailCall(scenario, call, counts[call], calls.codes);
     }
   }
@@ -155,10 +153,6 @@ int main(int argc, char** argv) {
   for (const Scenario& scenario : kScenarios) {
     const std::string name = scenario.name + "/";
     if (name.starts_with(only) || only.starts_with(name)) RunScenario(scenario);
-  }
-  now = "the table of calls";
-  for (const auto& [call, count] : made) {
-    if (only.empty() && count == 0) Report({format("no scenario makes the library call {}", call)});
   }
   fmt::print(stderr, "{} situations, {} fell\n", situations, fell);
   return fell == 0 && situations != 0 ? 0 : 1;

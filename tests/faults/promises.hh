@@ -33,8 +33,7 @@ struct Promise {
 
 // The first row that fits decides.
 constexpr Promise kPromises[] = {
-    {"create connect accept close browse name", "system fopen fgets fclose remove uname close fcntl poll nanosleep",
-     kEnds, kIgnored, kAny},
+    {"create connect accept close browse", "uname close fcntl poll nanosleep", kEnds, kIgnored, kAny},
     // A creator returns the node whatever its socket does; the error is that of the last socket call.
     {"create", "getservbyname gethostbyname", kFails, 1, kSome},
     {"create", kAnyCall, kFails, 1, kItself},
@@ -59,7 +58,7 @@ constexpr Promise kPromises[] = {
     {"wait", kMemory, kEnds, 0, ENOMEM},
 
     {"close", kNoCall, kEnds, 1, kAny},
-    {"create write finish wait name", kNoCall, kEnds, 1, 0},
+    {"create write finish wait", kNoCall, kEnds, 1, 0},
     {"", kAnyCall, kFails, 0, kItself},
     {"", kAnyCall, kEnds, 1, 0},
 };
@@ -69,8 +68,7 @@ inline std::optional<int> FailureOf(const Call& call) {
   if (call.result == -1) return call.error;
   if (call.result != 0) return std::nullopt;
   if (Lists("recvfrom select poll", call.name)) return kZero;
-  constexpr std::string_view kReturnPointers = "gethostbyname getservbyname fopen fgets";
-  return Lists(kReturnPointers, call.name) ? std::optional(call.error) : std::nullopt;
+  return Lists("gethostbyname getservbyname", call.name) ? std::optional(call.error) : std::nullopt;
 }
 
 inline bool IsFor(const Promise& row, std::string_view operation) {

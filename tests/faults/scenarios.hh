@@ -4,9 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "tests/faults/app.hh"
 
 namespace faults {
@@ -83,24 +80,10 @@ inline void Browse(App* app) {
   app->Delete(&node);
 }
 
-// Names instead of numbers, and the name of the program, which the shell writes into a file.
+// Names instead of numbers.
 inline void Names(App* app) {
-  const auto folder = std::filesystem::temp_directory_path() / format("mqfaults-{}", getpid());
-  std::filesystem::create_directory(folder);
-  setenv("TEVRA_HOME", folder.c_str(), 1);
-  Platform::OnSystem([&](const char*) {
-    std::ofstream(folder / std::to_string(getpid())) << "faults\n";
-    return 0;
-  });
-  char name[49] = {};
-  int length = 48;
-  app->Do("name", [&] { return GetApplName(name, &length); });
-  const std::string got = format("{} {}", name, length);
-  app->Expect(got == "UNKNOWN 0" || got == "FAULTS 6" || got == " 0", "the program is called " + got);
   MQNode* listener = app->Listener("localhost", "faults");
   app->Delete(&listener);
-  unsetenv("TEVRA_HOME");
-  std::filesystem::remove_all(folder);
 }
 
 struct Scenario {

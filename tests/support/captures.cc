@@ -36,8 +36,6 @@ void Dump(const std::string& path, const std::vector<Bytes>& packets) {
   }
 }
 
-Bytes With(Bytes bytes, size_t at, uint32_t word) { return bytes.replace(at, 4, Encoder(kNative).Word(word).bytes); }
-
 // Signed by "moritz", whom the ring knows.
 Bytes Sign(Form form, const Bytes& plain, uint64_t milliseconds) {
   static uint8_t seed[MQC_KEY_BYTES], open[MQC_KEY_BYTES];

@@ -35,7 +35,7 @@ struct Trace {
 
 // What happened since the last Take, forgotten afterwards. "ReadSocket[recvfrom(4) = 4]; mnRead" is the trace point
 // ReadSocket:Before, a call, and the points ReadSocket:After and mnRead. All of it, or events of these kinds: 'c'
-// calls, 's', 'n' (see Trace), 'm' message functions of the companion, 'b' its ResetBuffer.
+// calls, 's', 'n' (see Trace), 'm' message functions of the companion.
 std::string Take(std::string_view kinds = "csnm");
 
 // A number that differs from run to run, such as a port, reads as name in all texts of this test.

@@ -11,12 +11,13 @@
 
 #include "mqnode/mqnode.hpp"
 #include "tests/support/fixture.hh"
+#include "tests/support/sender.hh"
+
+using sender::With;
 
 struct Companion {
   std::string user = "tester";  // the login name
-  bool little = true;
-  bool ascii = true;
-  std::string failing;  // this function returns 0 and does nothing
+  std::string failing;          // this function returns 0 and does nothing
 
   static Companion& Now() {
     static Companion now;
@@ -42,14 +43,6 @@ inline __attribute__((used)) int GetUserName(char* buf, int* len) {
   *len = static_cast<int>(now.user.size());
   return 1;
 }
-inline __attribute__((used)) void ResetBuffer(IoBuffer* buf, uint32_t length) {
-  EXPECT_LE(length, buf->capacity);
-  Platform::Note('b', "reset");
-  static const auto real = reinterpret_cast<decltype(&::ResetBuffer)>(dlsym(RTLD_NEXT, "ResetBuffer"));
-  real(buf, length);
-}
-inline __attribute__((used)) int IsLtEndian(void) { return Companion::Now().little; }
-inline __attribute__((used)) int IsAscText(void) { return Companion::Now().ascii ? 64 : 0; }
 
 NOTED(AlienToNative, (PcfRawData * raw), (raw))
 NOTED(AlienToNativeExt, (SecureHeader * envelope), (envelope))
@@ -69,16 +62,13 @@ inline uint32_t WordAt(std::string_view bytes, size_t at) {
   memcpy(&word, bytes.data() + at, sizeof word);
   return word;
 }
-inline std::string WithWord(std::string bytes, size_t at, uint32_t word) {
-  return bytes.replace(at, sizeof word, reinterpret_cast<const char*>(&word), sizeof word);
-}
 // The same header or message as a host of the other byte order sends it.
 inline std::string Foreign(std::string wire) {
-  wire = WithWord(std::move(wire), 8, 1);
+  wire = With(std::move(wire), 8, 1);
   const bool plain = WordAt(wire, 0) != 32;
   for (const size_t at : plain ? std::vector<size_t>{0, 4, 8, 12, 64, 68, 132, 136, 140, 144, 148, 152}
                                : std::vector<size_t>{0, 4, 8, 12, 16}) {
-    if (at + 4 <= wire.size()) wire = WithWord(wire, at, __builtin_bswap32(WordAt(wire, at)));
+    if (at + 4 <= wire.size()) wire = With(wire, at, __builtin_bswap32(WordAt(wire, at)));
   }
   return wire;
 }

@@ -9,7 +9,6 @@
 #include <link.h>
 #include <netdb.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
@@ -268,14 +267,6 @@ long Platform::LibraryBlocks() { return 64 - std::count(library_blocks, library_
     ENTER(name, arguments);                                          \
     return Do({#name, __VA_ARGS__}, [&] { return real arguments; }); \
   }
-// The same for calls that answer with a pointer.
-#define LOOK_UP(type, name, parameters, arguments, detail)                       \
-  type name parameters {                                                         \
-    ENTER(name, arguments);                                                      \
-    type answer = nullptr;                                                       \
-    Look({#name, detail}, [&] { return (answer = real arguments) != nullptr; }); \
-    return answer;                                                               \
-  }
 // The same for those that move bytes, perhaps fewer than asked for.
 #define MOVE(name, parameters, arguments, detail)                                                             \
   ssize_t name parameters {                                                                                   \
@@ -295,7 +286,6 @@ PASS_ON(int, accept, (int fd, sockaddr* from, socklen_t* length), (fd, from, len
 PASS_ON(int, getsockopt, (int fd, int level, int option, void* value, socklen_t* length),
         (fd, level, option, value, length), noexcept, TEXT("{}:{}", level, option), fd)
 PASS_ON(int, gethostname, (char* name, size_t size), (name, size), noexcept, TEXT("{}", size))
-PASS_ON(int, remove, (const char* path), (path), noexcept, "")
 
 MOVE(send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags), TEXT("{}", size))
 MOVE(sendto, (int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length),
@@ -311,19 +301,13 @@ PASS_ON(int, setsockopt, (int fd, int level, int option, const void* value, sock
 PASS_ON(int, poll, (pollfd * fds, nfds_t count, int milliseconds), (fds, count, milliseconds), ,
         Pause(TEXT("{}, {}", count, milliseconds)))
 
-// An injected failure leaves the descriptor or file closed all the same, as the system does.
+// An injected failure leaves the descriptor closed all the same, as the system does.
 int close(int fd) {
   ENTER(close, (fd));
   const int result = real(fd);
   const int code = errno;
   return Do({"close", "", fd}, [&] { return errno = code, result; });
 }
-int fclose(FILE* file) {
-  ENTER(fclose, (file));
-  const int result = real(file);
-  return Do({"fclose", ""}, [&] { return result; });
-}
-
 int fcntl(int fd, int command, ...) {
   REAL(fcntl);
   va_list arguments;
@@ -388,35 +372,6 @@ int nanosleep(const timespec* wanted, timespec* left) {
   return Do({"nanosleep", Pause(TEXT("{}.{:09}s", wanted->tv_sec, wanted->tv_nsec))},
             [&] { return Now().skip_pauses ? 0 : real(wanted, left); });
 }
-
-// signal and alarm may be the last thing that an exported function does, and then seem to be called by the test: they
-// are always recorded.
-sighandler_t signal(int number, sighandler_t handler) noexcept {
-  REAL(signal);
-  Record({"signal", TEXT("{}", number)});
-  return real(number, handler);
-}
-
-unsigned alarm(unsigned seconds) noexcept {
-  REAL(alarm);
-  const unsigned left = real(seconds);
-  Record({.name = "alarm", .detail = TEXT("{}", seconds), .result = static_cast<long>(left)});
-  return left;
-}
-
-// The number of processors is what the library asks for as the last thing it does: any caller's question can be failed,
-// and without a code errno stays.
-long sysconf(int name) noexcept {
-  REAL(sysconf);
-  if (name != _SC_NPROCESSORS_ONLN || (!counting && Now().rules.empty())) return real(name);
-  const auto code = Injected("sysconf");
-  if (code.value_or(0) != 0) errno = *code;
-  return code ? -1 : real(name);
-}
-
-// What the library does with files answers a lookup's way: there or not.
-LOOK_UP(FILE*, fopen, (const char* path, const char* mode), (path, mode), mode)
-LOOK_UP(char*, fgets, (char* line, int size, FILE* file), (line, size, file), TEXT("{}", size))
 
 time_t time(time_t* out) noexcept {
   ENTER(time, (out));

@@ -6,11 +6,8 @@
 // GoogleTest, the companion) is passed on untouched. Names are never looked up outside: the library resolves only what
 // AddHost and AddService named ("localhost" is always there), and its sleep returns at once.
 //
-// Recorded and scripted: socket connect bind listen accept send sendto recvfrom select setsockopt getsockopt close
-// fcntl gethostbyname gethostbyaddr getservbyname getservbyport uname gethostname system sleep nanosleep poll signal
-// alarm fopen fgets fclose remove LOGMSG (recorded only) time (answered by SetTime). malloc, calloc and sysconf are
-// counted and can be failed, and so are the mallocs of the companion, under the name "companion malloc", once
-// StartCounting was called.
+// The table in platform.cc lists the calls. malloc and calloc are counted and can be failed, and so are the mallocs of
+// the companion, under the name "companion malloc", once StartCounting was called.
 #pragma once
 
 #include <ctime>

@@ -18,6 +18,7 @@
 #include "tests/support/sender.hh"
 
 using sender::Form;
+using sender::With;
 using Bytes = std::string;
 
 constexpr Form kForms[] = {{false, false}, {false, true}, {true, false}, {true, true}};
@@ -113,9 +114,4 @@ constexpr uint32_t kSampleBody = 8 + 20 + 16 + 20 + 16 + 16;
 
 inline Bytes SampleFrom(Form form, const std::string& user = "alice") {
   return sender::Plain(form, sender::Body(form, "four"), user);
-}
-
-// The bytes with this word at that place, in a sender's order.
-inline Bytes With(Bytes bytes, size_t at, uint32_t word, bool big = false) {
-  return bytes.replace(at, 4, sender::Encoder({big, false}).Word(word).bytes);
 }

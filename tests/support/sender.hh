@@ -62,6 +62,11 @@ class Encoder {
   Form form_;
 };
 
+// The bytes with this word at that place, in a sender's order.
+inline Bytes With(Bytes bytes, size_t at, uint32_t word, bool big = false) {
+  return bytes.replace(at, 4, Encoder({big, false}).Word(word).bytes);
+}
+
 inline Bytes Plain(Form form, const Bytes& body, const std::string& user = "moritz") {
   return Encoder(form).Header(body.size(), user).Raw(body).bytes;
 }
