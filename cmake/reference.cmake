@@ -9,7 +9,7 @@ if(NOT AWK OR NOT PROJECT_IS_TOP_LEVEL)
 endif()
 
 file(GLOB reference_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/reference/*
-  ${PROJECT_SOURCE_DIR}/companion/host.h ${PROJECT_SOURCE_DIR}/examples/hello.c)
+  ${PROJECT_SOURCE_DIR}/companion/host.h ${PROJECT_SOURCE_DIR}/examples/hello.c ${PROJECT_SOURCE_DIR}/docs/errors.md)
 foreach(folder mqnode cpp/mqnode loop/mqnode socksin sockutil queue runtime)
   file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h ${PROJECT_SOURCE_DIR}/${folder}/*.hpp)
   list(APPEND reference_sources ${headers})

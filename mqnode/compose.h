@@ -7,9 +7,9 @@
  *
  * Memory  one record (tag "MQNODE") and one data area for each message; a queued message also takes a queue entry
  * Result  nonzero if the message was sent or queued (error 11, or 0 behind an existing queue); 0 if it was not written
- * error   0; 11 queued; 11 with result 0: not written, because there was no memory or because the socket failed with
- *         the code in node->sock.error; -1111 refused by writeLimit; -1000 mqc_sign failed; 2026 raw.length is below
- *         136 or above MQ_MAX_MESSAGE (nothing was changed), or the signed message is too long
+ * error   0; 11 with result 1: queued; with result 0: not written, because there was no memory or because the socket
+ *         failed with the code in node->sock.error; -1111 refused by writeLimit; -1000 mqc_sign failed; 2026 raw.length
+ *         is below 136 or above MQ_MAX_MESSAGE (nothing was changed), or the signed message is too long
  * Blocks  while the node's socket blocks; on a datagram node also while the destination is looked up
  *
  * Arguments used throughout

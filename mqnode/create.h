@@ -15,7 +15,7 @@
  *   role  in  0 connecting, 1 listening; mnOpen has no effect on a node with another value
  *   opt   in  an option to set on the socket; null for none
  * Result       the node; null if there is no memory for its record
- * error        that of the last socket call: an errno value; for a name that does not resolve, errno, 9002 or 9003
+ * error        0; 9002, 9003 or errno for a name that does not resolve; errno of the last socket call
  * Trace point  the name of the creator, at the end; "CreateUDPMQNodeWithOpt" for both datagram creators
  * Blocks       while a name is looked up, and while the shell command runs */
 #ifndef MQNODE_MQNODE_CREATE_H

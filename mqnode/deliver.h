@@ -25,9 +25,9 @@ MQ_BEGIN_C
  *   desc          in      owned by the library from then on, whatever the result; must come from fNewMemory
  *   highPriority  in      nonzero: queue with QputHigh, which is the same as Qput
  * Result        1 sent (error 0) or queued (error 11, or 0 behind an existing queue); 0 refused or dropped
- * error         0; 11 queued; 11 with result 0: dropped, because there was no memory for the queue or because the
- *               socket failed with the code in node->sock.error: close the node; -1111 refused by writeLimit, nothing
- *               was sent
+ * error         0; 11 with result 1: queued; with result 0: dropped, because there was no memory for the queue or
+ *               because the socket failed with the code in node->sock.error: close the node; -1111 refused by
+ *               writeLimit, nothing was sent
  * Trace points  "mnWriteToNode": once; twice for a write that starts the queue, first with the socket's code in
  *               error */
 MQ_API int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int highPriority);

@@ -23,7 +23,7 @@ extern MQ_API char G_szApplName[49];
 /* SetApplName - copy at most 48 characters of name to G_szApplName; does nothing if name is null. */
 MQ_API void SetApplName(const char* name);
 
-/* GetApplName - the calling program's command name in upper case, without blanks.
+/* GetApplName - get the calling program's command name in upper case, without blanks.
  *   out     out     at least 48 bytes, and at least len; receives "UNKNOWN" if TEVRA_HOME is not set, ignored or longer
  *                   than 244 characters, or if the scratch file cannot be opened or belongs to another user. Characters
  *                   that are not printable ASCII become "?". A name of 48 characters is not terminated

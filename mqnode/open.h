@@ -14,10 +14,10 @@ MQ_BEGIN_C
  * then still points to the previous node, even if that was deleted.
  * Result       openState if the node was already open (nothing else happens, and no trace point runs); else 1 if it was
  *              connected or accepted, 0 if not or if the role is neither 0 nor 1. Result 1 with a null child means that
- *              there was no memory for the child; the connection was closed
- * error        0 or the code of the socket: 11 while a non-blocking connect is in progress (mnNPost completes it), or
- *              if no connection is waiting; errno, 9002 or 9003 for a name that does not resolve; an errno value. After
- *              a successful accept it is that of the listening socket's last failure: rely on the result
+ *              there was no memory for the child; the connection was closed. After a successful accept the error is
+ *              that of the listening socket's last failure: rely on the result
+ * error        0; 11 while a non-blocking connect is in progress (mnNPost completes it), or if no connection is
+ *              waiting; 9002, 9003 or errno for a name that does not resolve; errno of connect or accept
  * Trace point  "mnOpen"
  * Blocks       while the socket blocks, and while a name is looked up */
 MQ_API int mnOpen(MQNode* node);

@@ -24,7 +24,7 @@ MQ_BEGIN_C
 
 /* mnReadMsg - the first step of a read: receive until the node's receive buffer holds recvBuffer.length bytes; on a
  * datagram node, one datagram. If the node already holds a datagram, nothing is received.
- * Result       1 if it does, 0 if not
+ * Result       1 if the buffer holds them, else 0
  * error        0; 11 call again, the bytes received so far are kept; 2026 the first word is not 136 in either byte
  *              order; 2102 recvBuffer.length exceeds the capacity; the code of the socket. All but 11 reset the buffer
  * Trace point  "mnReadMsg", on failure only */

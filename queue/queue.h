@@ -1,11 +1,12 @@
 /* queue.h - a small first-in first-out queue of untyped pointers.
  *
- * Ownership: the queue owns its record and its entries; the caller owns the queued items. The exception is Qfree, which
- * calls FreeMemory on items that are still queued: if items own other memory, take them out with Qget first.
- * Memory: one block for a queue (tag "QALLOC"), one for each entry ("QPUT", "QPUTHEAD"), all from the companion.
- * Null queues: Qput, QputHigh, Qget and Qputhead print one line on standard output and do nothing; the other functions
- * accept a null queue silently.
- * Threads: a queue must be used by one thread at a time. No function blocks. */
+ *   Ownership    the queue owns its record and its entries; the caller owns the queued items. The exception is Qfree,
+ *                which calls FreeMemory on items that are still queued: if items own other memory, take them out with
+ *                Qget first
+ *   Allocation   one block for a queue (tag "QALLOC"), one for each entry ("QPUT", "QPUTHEAD"), all from the companion
+ *   Null queues  Qput, QputHigh, Qget and Qputhead print one line on standard output and do nothing; the other
+ *                functions accept a null queue silently
+ *   Threads      a queue must be used by one thread at a time. No function blocks */
 #ifndef MQNODE_QUEUE_QUEUE_H
 #define MQNODE_QUEUE_QUEUE_H
 

@@ -44,23 +44,23 @@ MQ_STATIC_ASSERT(offsetof(SockOption, value2) == 8, "SockOption.value2");
 MQ_API int MapSockOption(int id);
 
 /* SetSocketOptions - set one option to value1 or value2, as documented above.
- * error  0, or errno, reported */
+ * error  0; errno of the system call, reported */
 MQ_API int SetSocketOptions(SockRec* rec, SockOption* option);
 
 /* GetSocketOptions - read the option id into value1, at most 4 bytes (for id 4: on or off). value2 does not change.
- * error  0, or errno, reported */
+ * error  0; errno of the system call, reported */
 MQ_API int GetSocketOptions(SockRec* rec, SockOption* option);
 
 /* SetTcpNoDelay - switch Nagle's algorithm off (on nonzero) or on (on 0).
- * error  0, or errno, reported */
+ * error  0; errno of the system call, reported */
 MQ_API int SetTcpNoDelay(SockRec* rec, int on);
 
 /* SetTcpBuffer - set the size in bytes of the send buffer and then, if that succeeded, of the receive buffer.
- * error  0, or errno, reported */
+ * error  0; errno of the system call, reported */
 MQ_API int SetTcpBuffer(SockRec* rec, int size);
 
 /* ReuseSocket - switch address reuse on if on is exactly 1, else off. 
- * error  0, or errno, reported */
+ * error  0; errno of the system call, reported */
 MQ_API int ReuseSocket(SockRec* rec, int on);
 
 MQ_END_C

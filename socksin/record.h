@@ -140,7 +140,7 @@ MQ_API int CreateSocketFromExisting(SockRec* rec, int descriptor);
 MQ_API int DeleteSocket(SockRec* rec);
 
 /* NoblockSocket, BlockSocket - make the descriptor non-blocking or blocking; its other flags stay.
- * error        0, or errno of fcntl, reported
+ * error        0; errno of fcntl, reported
  * Trace point  "NoblockSocket" or "BlockSocket", at the end */
 MQ_API int NoblockSocket(SockRec* rec);
 MQ_API int BlockSocket(SockRec* rec);

@@ -1,10 +1,10 @@
 /* sockutil.h - small mappings between names, services, dotted-quad texts and IPv4 addresses.
  *
- * Output buffers belong to the caller. Their sizes: dotted quad 16 bytes, service name 33, host name 256; longer names
- * are cut. Addresses and ports in a sockaddr_in are in network byte order.
- * Results are 1 or 0 as documented; nothing else is reported, and no trace point runs.
- * Threads: the C library's lookups use static storage, so only one thread of the process at a time may call functions
- * that look up a name, including AddrToIP. They may block in the resolver. */
+ *   Buffers  belong to the caller. Their sizes: dotted quad 16 bytes, service name 33, host name 256; longer names are
+ *            cut. Addresses and ports in a sockaddr_in are in network byte order
+ *   Errors   a failure is reported by the result alone; no trace point runs
+ *   Threads  only one thread of the process at a time may call functions that look up a name, including AddrToIP,
+ *            because the C library's lookups use static storage. They may block in the resolver */
 #ifndef MQNODE_SOCKUTIL_SOCKUTIL_H
 #define MQNODE_SOCKUTIL_SOCKUTIL_H
 

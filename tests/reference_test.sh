@@ -14,8 +14,9 @@ for name in $exported; do
   section "$name" NAME "\b$name(,.*)? \\\\- [^ ]"
   section "$name" SYNOPSIS "[ *]${name}[(;[]"
   section "$name" DESCRIPTION '[a-z]'
+  section "$name" EXAMPLE '[;{]'
 done
-section mnFinishWrite ERRORS 'MQ_NO_DESCRIPTOR'
+section mnFinishWrite ERRORS 'MQ_NO_DESCRIPTOR (105).*Dropped'
 section mq_error_remedy DESCRIPTION 'of a code\\\(aqs first entry'
 
 same 'SEE ALSO of pages that do not exist' '' \

@@ -9,22 +9,23 @@
 //     std::cerr << node.status().name() << '\n';
 //   }
 //
-// Every type is a thin face of a record or handle of the C headers, which say what each operation does in full: here
-// stands only what is different. get() gives the pointer, record() the record; any C function may be called on them in
-// between, and nothing is kept beside them. A handle is as large as its pointer, and every operation is the one C call
-// that its comment names: the same system calls, the same allocations. One thing is added: a stream node that lost part
-// of a message is closed, since its peer would take the next message for the missing part.
+// Each type wraps a record or handle of the C headers, which document the operations in full; the comments here name
+// the C function and describe the differences. get() returns the pointer and record() the record. The types store
+// nothing else, so C functions may be called on them at any time. A handle has the size of its pointer, and an
+// operation makes the same system calls and allocations as the C function. There is one addition: a stream node that
+// lost a part of a message is closed, because its peer would read the next message as the missing part.
 //
 // Conventions
-//   Handles     Node, Message and Signer own what they hold, are moved and never copied, and release it at their end.
-//               release() gives it up, reset() replaces it. An empty handle converts to false: no memory, or moved from
-//   References  NodeRef and MessageRef have all operations and own nothing; a handle converts to one. They are
-//               pointers: cheap to copy, and const says nothing about the record
-//   Empty       operations of an empty handle or reference are not allowed, unless their line says otherwise
-//   Results     Result is what the C function returned and the code it left, true for success. What builds messages
-//               returns bool: MessageRef::error says in words what went wrong
-//   Exceptions  everything is noexcept; the header compiles with exceptions and run-time types switched off
-//   Threads     as in C: one record is used by one thread at a time
+//   Handles     Node, Message and Signer own their record and release it when they are destroyed. They can be moved,
+//               but not copied. release() gives up ownership, reset() replaces the record. A handle is empty, and
+//               converts to false, if there was no memory or after it was moved from
+//   References  NodeRef and MessageRef have all operations and own nothing; a handle converts to a reference. They are
+//               pointers, cheap to copy; const does not apply to the record
+//   Empty       do not call operations of an empty handle or reference, unless documented otherwise
+//   Results     a Result contains the return value and the error code, and is true on success. Functions that build
+//               messages return bool; MessageRef::error returns the reason of a failure
+//   Exceptions  all functions are noexcept; the header compiles without exceptions and RTTI
+//   Threads     as in C, a record must be used by one thread at a time
 #ifndef MQNODE_MQNODE_MQNODE_HPP
 #define MQNODE_MQNODE_MQNODE_HPP
 
@@ -82,17 +83,18 @@ class [[nodiscard]] Result {
   constexpr explicit operator bool() const noexcept { return value_ != 0; }
   constexpr int value() const noexcept { return value_; }
 
-  // The code where the operation leaves it: the node's error, the socket's, the status of a wait. May be nonzero beside
-  // a success: a write that was queued leaves 11.
+  // The error of the node or the socket, or the status of the wait. It may be nonzero after a success: 11 if a write
+  // was queued.
   constexpr int code() const noexcept { return code_; }
-  // The same, but for a write that was dropped: the node says 11 then, and this is what the socket says.
+  // The reason of a failure: code(), except for a write that was dropped, which leaves 11 in the node and the reason in
+  // its socket.
   constexpr int cause() const noexcept { return cause_; }
 
-  // Not finished, nothing lost: wait and call again. False for a write that was dropped.
+  // The operation is incomplete and nothing was lost: wait, then call again. False for a write that was dropped.
   constexpr bool again() const noexcept { return cause_ == MQ_AGAIN; }
   // Of a wait: nothing was ready in time.
   constexpr bool timed_out() const noexcept { return place_ == MQ_IN_STATUS && code_ == SOCK_WAIT_TIMEOUT; }
-  // Of a read: the peer has ended the conversation, in order (9004) or not.
+  // After a read: the peer closed the connection (9004) or reset it.
   constexpr bool peer_gone() const noexcept { return code_ == SOCK_PEER_CLOSED || code_ == ECONNRESET; }
 
   // The entry of the cause in the table of errors; null for a code that is not in it.
@@ -111,7 +113,7 @@ class [[nodiscard]] Result {
   unsigned place_;
 };
 
-// ErrorText - one line of text in which signers say why they could not be made; empty after a success.
+// ErrorText - the reason why a signer could not be created, as one line; empty after a success.
 struct ErrorText {
   char text[256] = "";
   std::string_view view() const noexcept { return text; }
@@ -119,8 +121,8 @@ struct ErrorText {
 
 // ---- Views ----
 
-// Bytes - a view of bytes that lie somewhere else. Made from anything contiguous with elements of one byte, but for
-// string literals; converts to std::span<const std::uint8_t> where that exists.
+// Bytes - a view of bytes. It is constructed from any contiguous range with elements of one byte, except string
+// literals, and converts to std::span<const std::uint8_t> in C++20.
 class Bytes {
  public:
   constexpr Bytes() noexcept = default;
@@ -203,10 +205,9 @@ class Owned : public Ref {
 
 // ---- Addresses ----
 
-// Address - a SockAddrRec that is filled in one line. The library's own names: host "*" for any address, "@" for the
-// local host, service "0" for a port that the kernel picks.
-// A text that does not fit its field is never cut: an address that does not resolve stands there instead, and the
-// operation that uses it fails with 9002 (service) or 9003 (host).
+// Address - a SockAddrRec with constructors. The host "*" is the any-address and "@" the local host; with the service
+// "0" the system chooses a port. A text that does not fit its field is not truncated: the address does not resolve
+// then, and the operation that uses it fails with 9002 (service) or 9003 (host).
 struct Address : SockAddrRec {
   Address() noexcept : SockAddrRec() {}
   Address(const SockAddrRec& record) noexcept : SockAddrRec(record) {}
@@ -220,7 +221,8 @@ struct Address : SockAddrRec {
 
 // ---- Messages ----
 
-// Param - one parameter of a message; false when there was none. The views hold until the record is written to.
+// Param - a parameter of a message; false if there is none. The views are valid until the next call that writes to the
+// record.
 class Param {
  public:
   Param() noexcept : param_() {}
@@ -234,7 +236,7 @@ class Param {
   bool is_text() const noexcept { return param_.type == MQC_TEXT; }
   bool is_bytes() const noexcept { return param_.type == MQC_BYTES; }
 
-  // 0, an empty text and no bytes for a parameter of another type. The text is terminated behind its end.
+  // The value; 0, an empty text or no bytes if the parameter has another type. The text is null-terminated.
   std::int64_t number() const noexcept { return param_.number; }
   std::string_view text() const noexcept {
     return is_text() ? std::string_view(param_.text, param_.length) : std::string_view();
@@ -245,7 +247,7 @@ class Param {
   MqcParam param_;
 };
 
-// Params - the parameters of a message, in order, for a range-for; each is looked up when it is reached.
+// Params - the parameters of a message, in order, as a range; each is looked up when the iterator is dereferenced.
 class Params {
  public:
   class Iterator {
@@ -314,7 +316,7 @@ class MessageRef {
     const auto length = static_cast<std::uint32_t>(bytes.size() < UINT32_MAX ? bytes.size() : UINT32_MAX);
     return mqc_add_bytes(pointer_, id, bytes.data(), length) != 0;
   }
-  // Numbers travel in 32 or 64 bits, signed: say which by converting.
+  // Numbers are signed, with 32 or 64 bits: convert other types explicitly.
   template <class Number, std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
   bool add(std::uint32_t id, Number number) const = delete;
   bool add(std::uint32_t id, std::string_view text) const = delete;
@@ -322,13 +324,13 @@ class MessageRef {
   // Reading: mqc_command, mqc_param, mqc_find.
   std::uint32_t command() const noexcept { return mqc_command(pointer_); }
   Params params() const noexcept { return Params(pointer_); }
-  // The first parameter with this id; false when there is none.
+  // mqc_find: the first parameter with this id; false if there is none.
   Param find(std::uint32_t id) const noexcept {
     MqcParam param;
     mqc_find(pointer_, id, &param);
     return Param(param);
   }
-  // The value of the first parameter with this id, otherwise when there is none or it is of another type.
+  // The value of the first parameter with this id; the given default if there is none or it has another type.
   std::int64_t number_or(std::uint32_t id, std::int64_t otherwise) const noexcept {
     const Param param = find(id);
     return param.is_number() ? param.number() : otherwise;
@@ -338,23 +340,23 @@ class MessageRef {
     return param.is_text() ? param.text() : otherwise;
   }
 
-  // Who sent the message that was read last: after a signed read the user whose key signed, after a plain one what the
-  // sender claimed.
+  // The sender of the message that was read last: after a signed read the user whose key signed it, after a plain read
+  // the user that the sender claimed to be.
   std::string_view sender() const noexcept {
     return detail::text_of(pointer_->secHeader.userId, sizeof pointer_->secHeader.userId);
   }
   // Whether that message was sealed and has been opened: mqc_sealed.
   bool sealed() const noexcept { return mqc_sealed(pointer_) != 0; }
-  // User and program in the message's header; empty for a record without a raw message.
+  // User and program from the header of the message; empty if the record has no raw message.
   std::string_view user() const noexcept { return header_text(offsetof(MsgHeader, userId), sizeof(MsgHeader::userId)); }
   std::string_view application() const noexcept {
     return header_text(offsetof(MsgHeader, applName), sizeof(MsgHeader::applName));
   }
 
-  // The raw form, header included. Holds until the record is written to.
+  // The raw form, header included. It is valid until the next call that writes to the record.
   Bytes raw() const noexcept { return {pointer_->raw.data, pointer_->raw.length}; }
 
-  // Why the last begin, add or read of this record failed; empty when it succeeded.
+  // The reason why the last begin, add or read of this record failed; empty if it succeeded.
   std::string_view error() const noexcept { return mqc_message_error(pointer_); }
 
  protected:
@@ -368,12 +370,12 @@ class MessageRef {
   }
 };
 
-// Message - a message record that it owns.
+// Message - a message record, owned by this handle.
 class Message : public detail::Owned<MessageRef, mqc_message_free> {
  public:
   using Owned::Owned;
 
-  // mqc_message_new. Empty without memory.
+  // mqc_message_new. Empty if there is no memory.
   static Message create(std::uint32_t capacity = 0) noexcept { return Message(mqc_message_new(capacity)); }
 };
 
@@ -397,12 +399,13 @@ class SignerRef {
 
 }  // namespace detail
 
-// Signer - a user and a secret key, which it owns and wipes at its end. No write may be using it then.
+// Signer - a user and a secret key, owned by this handle, which wipes the key when it is destroyed. No write may be in
+// progress with it then. user() and public_key() are mqc_signer_user and mqc_signer_public_key.
 class Signer : public detail::Owned<detail::SignerRef, mqc_signer_free> {
  public:
   using Owned::Owned;
 
-  // mqc_signer_new. Empty after a failure, why says which, unless it is null.
+  // mqc_signer_new. Empty after a failure, with the reason in why, unless why is null.
   static Signer create(const char* user, const std::uint8_t (&secret_key)[MQC_KEY_BYTES],
                        ErrorText* why = nullptr) noexcept {
     return Signer(mqc_signer_new(user, secret_key, why ? why->text : nullptr, why ? sizeof why->text : 0));
@@ -420,7 +423,7 @@ class Signer : public detail::Owned<detail::SignerRef, mqc_signer_free> {
 
 // ---- Nodes ----
 
-// NodeRef - a node, owned elsewhere: what a trace callback gets, what a wait lists.
+// NodeRef - a node that is owned elsewhere, for example in a trace callback or in the lists of a wait.
 class NodeRef {
  public:
   NodeRef() noexcept = default;
@@ -432,21 +435,21 @@ class NodeRef {
   friend bool operator==(NodeRef a, NodeRef b) noexcept { return a.pointer_ == b.pointer_; }
   friend bool operator!=(NodeRef a, NodeRef b) noexcept { return a.pointer_ != b.pointer_; }
 
-  // mnOpen, of a connecting node.
+  // mnOpen on a connecting node.
   Result open() const noexcept { return outcome(mnOpen(pointer_)); }
-  // mnOpen, of a listening node: child becomes one waiting connection, what it held is released. False with again()
-  // when nothing waits on a non-blocking node; false with ENOMEM when there was no memory for the child and the
-  // connection was closed. child stays as it was then.
+  // mnOpen on a listening node: child becomes an accepted connection, and its previous node is released. False with
+  // again() if no connection is waiting on a non-blocking node; false with ENOMEM if there was no memory for the child:
+  // the connection was closed. child does not change then.
   Result accept(Node& child) const noexcept;
-  // mnClose. Only deleting is of use afterwards.
+  // mnClose. A closed node can only be deleted.
   void close() const noexcept { mnClose(pointer_); }
 
-  // mnRead, mnSRead, mnBrowse. Unfinished with again(): what came is kept, call again when there is more.
+  // mnRead, mnSRead, mnBrowse. again() if the message is incomplete: the received part is kept, call again later.
   Result read(MessageRef msg) const noexcept { return outcome(mnRead(msg.get(), pointer_)); }
   Result read_signed(MessageRef msg) const noexcept { return outcome(mnSRead(msg.get(), pointer_, 1, nullptr)); }
   Result browse(MessageRef msg) const noexcept { return outcome(mnBrowse(msg.get(), pointer_)); }
-  // The same with a time limit, whether the node blocks or not. False with timed_out() when the message is not complete
-  // by then; what arrived is kept for the next read.
+  // The same with a time limit, on blocking and non-blocking nodes. False with timed_out() if the message is not
+  // complete by then; the received part is kept for the next read.
   Result read(MessageRef msg, std::chrono::milliseconds longest) const noexcept {
     return in_time(longest, [&] { return read(msg); });
   }
@@ -454,9 +457,9 @@ class NodeRef {
     return in_time(longest, [&] { return read_signed(msg); });
   }
 
-  // mnWrite, mnSWrite on a stream node; mnWriteTo, mnSWriteTo on a datagram node, where to may not be sender() itself
-  // but a copy. True: sent or queued, the record may be used again. False after a part was sent: the node is closed,
-  // and later writes fail with EBADF.
+  // mnWrite and mnSWrite on a stream node; mnWriteTo and mnSWriteTo on a datagram node, where to must not be the node's
+  // record().sock.from: copy sender(). True if the message was sent or queued: the record may be used again. If a
+  // message is dropped after a part was sent, the node is closed, and later writes fail with EBADF.
   Result write(MessageRef msg) const noexcept { return written(mnWrite, msg); }
   Result write_to(MessageRef msg, SockAddrRec& to) const noexcept { return written(mnWriteTo, msg, &to); }
   Result write_signed(MessageRef msg, const Signer& signer) const noexcept {
@@ -466,23 +469,25 @@ class NodeRef {
     return written(mnSWriteTo, msg, &to, 1, signer.get());
   }
 
-  // mnFinishWrite: false after a queued message was dropped; a stream node is closed then, as above. mnIsPendingIO,
-  // mnClearPeningIO: part of the oldest message may have been sent: close a stream node whose queue was discarded.
+  // mnFinishWrite, mnIsPendingIO and mnClearPeningIO. finish_write is false if a queued message was dropped; a stream
+  // node is closed then, as above. After discard_pending close a stream node: a part of the oldest message may have
+  // been sent.
   Result finish_write() const noexcept {
     return of_write(mnFinishWrite(pointer_), pointer_->sock.type == SOCK_TYPE_STREAM);
   }
   bool has_pending() const noexcept { return mnIsPendingIO(pointer_) != 0; }
   void discard_pending() const noexcept { mnClearPeningIO(pointer_); }
 
-  // mq_finish, before a node is deleted whose last messages must arrive: sends what is queued, shuts the sending side
-  // down and waits until the peer has read everything and closed. False with ETIMEDOUT when that took too long.
+  // mq_finish: sends the queued writes, shuts down the sending side and waits until the peer's system has received
+  // everything and the peer has closed. False with ETIMEDOUT if this takes longer. Call it before a node is deleted if
+  // its last messages must arrive.
   Result finish(std::chrono::milliseconds longest) const noexcept {
     return outcome(mq_finish(pointer_, detail::to_int(longest)));
   }
 
-  // IsNodeFailed: the last operation failed, or is unfinished. True for an empty one too.
+  // IsNodeFailed: the last operation failed or is incomplete, or the handle is empty.
   bool failed() const noexcept { return IsNodeFailed(pointer_) != 0; }
-  // What the last operation left in the node, creation included; of an empty one ENOMEM. True unless failed().
+  // The result of the last operation, including creation; ENOMEM if the handle is empty. True unless failed().
   Result status() const noexcept { return pointer_ != nullptr ? outcome(!failed()) : Result(0, ENOMEM, MQ_IN_SOCKET); }
 
   // NoblockSocket or BlockSocket, SetTcpNoDelay, mnSetBufferSize (bytes).
@@ -491,7 +496,7 @@ class NodeRef {
   }
   Result set_no_delay(bool on) const noexcept { return of_socket(SetTcpNoDelay(&pointer_->sock, on ? 1 : 0)); }
   Result set_buffer_size(std::uint32_t size) const noexcept { return of_socket(mnSetBufferSize(pointer_, size)); }
-  // SetSocketOptions: whether the system looks after a quiet peer, and how many seconds a close waits for what was not
+  // SetSocketOptions: whether the system probes an idle peer, and how many seconds a close waits for what was not
   // sent yet: 0, as a node is created, discards it; a negative number lets the system send it in the background.
   Result set_keep_alive(bool on) const noexcept { return set_option({SOCK_OPT_KEEPALIVE, 0, on}); }
   Result set_linger(int seconds) const noexcept {
@@ -515,17 +520,18 @@ class NodeRef {
   std::string_view application() const noexcept {
     return detail::text_of(pointer_->applName, sizeof pointer_->applName);
   }
-  // The user and the program that messages name, in place of the login and what GetApplName found. Children that a
-  // listening node accepts from then on have the same. False, with nothing changed, for more than 12 and 48 characters.
+  // The user and the program in the messages of this node, instead of the login name and the result of GetApplName.
+  // Nodes that a listening node accepts from then on have the same. False, without a change, for more than 12 and 48
+  // characters.
   bool set_user(std::string_view user) const noexcept {
     return detail::fill(pointer_->user, sizeof pointer_->user, user, MQC_USER_MAX);
   }
   bool set_application(std::string_view name) const noexcept {
     return detail::fill(pointer_->applName, sizeof pointer_->applName, name, sizeof pointer_->applName);
   }
-  // GetFromAddr: who sent the last datagram, or the target of a connect.
+  // GetFromAddr: the sender of the last datagram, or the target of a connect.
   Address sender() const noexcept { return pointer_->sock.from; }
-  // The port that the socket is bound to, as getsockname says; -1 when it cannot be told.
+  // The port to which the socket is bound, from getsockname; -1 after a failure.
   int local_port() const noexcept {
     sockaddr_in bound = {};
     socklen_t size = sizeof bound;
@@ -575,9 +581,9 @@ class NodeRef {
   }
 };
 
-// Node - a node that it owns. A creator gives a node as soon as there was memory for its record, with the outcome of
-// the socket calls in status(): test failed() before use. Creation options stand for the C functions' own: address
-// reuse is off without one.
+// Node - a node, owned by this handle. A creator returns a node if there was memory for its record, with the result of
+// the socket calls in status(): check failed() before use. An option replaces the default of the C function, which
+// switches address reuse off.
 class Node : public detail::Owned<NodeRef, DeleteMQNode> {
  public:
   using Owned::Owned;
@@ -587,7 +593,7 @@ class Node : public detail::Owned<NodeRef, DeleteMQNode> {
   static Node connector(Address addr, SockOption option) noexcept {
     return Node(CreateMQNodeWithOpt(&addr, MQ_ROLE_CONNECT, &option));
   }
-  // The same: a node that is bound to addr and listens.
+  // The same functions: a node that is bound to addr and listens.
   static Node listener(Address addr) noexcept { return Node(CreateMQNode(&addr, MQ_ROLE_LISTEN)); }
   static Node listener(Address addr, SockOption option) noexcept {
     return Node(CreateMQNodeWithOpt(&addr, MQ_ROLE_LISTEN, &option));
@@ -597,8 +603,8 @@ class Node : public detail::Owned<NodeRef, DeleteMQNode> {
   static Node datagram(Address addr, SockOption option) noexcept {
     return Node(CreateUDPMQNodeWithOpt(&addr, &option));
   }
-  // CreateAndBindMQNode over an open TCP descriptor, which the node owns from here on; without memory for the node it
-  // stays the caller's. role: MQ_ROLE_CONNECT for a connected one, MQ_ROLE_LISTEN.
+  // CreateAndBindMQNode over an open TCP file descriptor, which the node owns from then on; if there is no memory for
+  // the node, the caller still owns it. role: MQ_ROLE_CONNECT if it is connected, MQ_ROLE_LISTEN if it listens.
   static Node adopt(int descriptor, int role) noexcept {
     SockRec sock;
     CreateSocketFromExisting(&sock, descriptor);
@@ -617,7 +623,7 @@ inline Result NodeRef::accept(Node& child) const noexcept {
 
 // ---- Waits ----
 
-// Nodes - a null-terminated list of nodes, for a range-for.
+// Nodes - a null-terminated list of nodes, as a range.
 class Nodes {
  public:
   struct End {};
@@ -650,8 +656,8 @@ class Nodes {
   MQNode* const* first_;
 };
 
-// WaitSet - the nodes to wait on, the work record of the waits and the lists of what is ready. It owns no node: take a
-// node out (remove) before it is deleted.
+// WaitSet - the nodes to wait on, the work record of the waits and the lists of ready nodes. It does not own the nodes:
+// remove a node before it is deleted.
 //
 //   for (set.add(listener);;) {
 //     if (const Result ready = set.wait(100ms); !ready && !ready.timed_out()) return ready;
@@ -660,11 +666,11 @@ class Nodes {
 //     for (NodeRef node : set.listening()) ...
 //   }
 //
-// In a loop over a ready list nodes may be added, and removed and then deleted, the one in hand and any other: a node
-// that was removed disappears from all lists.
+// While a ready list is iterated, nodes may be added, and any node may be removed and then deleted, including the
+// current one: a removed node disappears from all lists.
 //
-// Memory: the list of nodes grows by doubling in add, the rest once in the wait that follows. A wait after which
-// nothing was added allocates what the C function allocates: nothing while every descriptor is below 1024.
+// Memory: add enlarges the list of nodes by doubling it, and the next wait enlarges the other lists once. A wait after
+// which nothing was added allocates what the C function allocates: nothing while all file descriptors are below 1024.
 class WaitSet {
  public:
   WaitSet() noexcept = default;

@@ -553,7 +553,7 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
  *   node     in   from a creator, whose failure is reported here; may be null. It is made non-blocking and stays the
  *                 caller's, who deletes it after mq_server_close
  *   secure   in   1: the clients of this node send signed messages; 0: plain ones
- * Result   1; 0 not. node->error says why; ENOMEM for the ninth node */
+ * Result   1; 0 after a failure, with the reason in node->error: ENOMEM for the ninth node */
 static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
   if (node == NULL || IsNodeFailed(node)) return 0;
   if (server->nodeCount == MQ_SERVER_NODES) {

@@ -1,5 +1,5 @@
-// examples.c - the examples of the manual pages. The comment in front of an example names the functions that it is for,
-// or a header, for all functions of it without an example of their own. The tests compile this file.
+/* examples.c - the examples of the manual pages. Lines that begin with // name what the code below them is an example of:
+ * functions, or a header, for all its functions without an example of their own. The tests compile this file. */
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -11,7 +11,7 @@
 #include "mqnode/mqnode.h"
 #include "mqnode/server.h"
 
-/* mqnode/create.h, CreateSocket, InitSocket */
+// mqnode/create.h, CreateSocket, InitSocket
 /* A node that is bound to any address and listens on port 4711. Address reuse lets a server restart at once. */
 MQNode* listen_on_4711(void) {
   SockAddrRec addr = {.host = "*", .service = "4711", .protocol = "tcp"};
@@ -23,7 +23,7 @@ MQNode* listen_on_4711(void) {
   return NULL;
 }
 
-/* mqnode/open.h, mqnode/node.h */
+// mqnode/open.h, mqnode/node.h
 /* Accepts a connection on a listening node. The caller deletes the result. */
 MQNode* accept_one(MQNode* listener) {
   if (!mnOpen(listener)) return NULL; /* MQ_AGAIN: no connection is waiting */
@@ -33,7 +33,7 @@ MQNode* accept_one(MQNode* listener) {
   return child;
 }
 
-/* mqnode/compose.h, mqnode/mqnode.h, mqc_begin, mqc_add_int32, mqc_add_int64, mqc_add_text, mqc_add_bytes */
+// mqnode/compose.h, mqnode/mqnode.h, mqc_begin, mqc_add_int32, mqc_add_int64, mqc_add_text, mqc_add_bytes
 /* Sends a message with command 7 and two parameters. */
 int send_greeting(MQNode* node, PcfMessage* msg) {
   if (!mqc_begin(msg, 7) || !mqc_add_text(msg, 1, "hello") || !mqc_add_int32(msg, 2, -5)) {
@@ -43,7 +43,7 @@ int send_greeting(MQNode* node, PcfMessage* msg) {
   return mnWrite(msg, node); /* 1 with node->error MQ_AGAIN: queued, mnFinishWrite sends it */
 }
 
-/* mqnode/read.h, mqc_command, mqc_count, mqc_param, mqc_find, mqc_user, mqc_application, mqc_sender */
+// mqnode/read.h, mqc_command, mqc_count, mqc_param, mqc_find, mqc_user, mqc_application, mqc_sender
 /* Reads a message and prints its texts. */
 int print_texts(MQNode* node, PcfMessage* msg) {
   MqcParam param;
@@ -55,7 +55,7 @@ int print_texts(MQNode* node, PcfMessage* msg) {
   return 1;
 }
 
-/* mqnode/deliver.h, mqnode/wait.h, socksin/wait.h */
+// mqnode/deliver.h, mqnode/wait.h, socksin/wait.h
 /* Serves some nodes until a wait fails: finishes their queued writes and reads their messages. */
 void serve(MQNode** nodes, PcfMessage* msg) {
   MQNode *listening[64], *readable[64], *writable[64]; /* more entries than there are nodes */
@@ -69,12 +69,14 @@ void serve(MQNode** nodes, PcfMessage* msg) {
       if (!mnFinishWrite(*node)) mnClose(*node);
     }
     for (MQNode** node = readable; *node != NULL; ++node) {
-      if ((*node)->openState && !print_texts(*node, msg) && (*node)->error != MQ_AGAIN) mnClose(*node);
+      if (!(*node)->openState) continue;
+      if (!mnRead(msg, *node) && (*node)->error != MQ_AGAIN) mnClose(*node); /* else msg is to be answered */
     }
   }
 }
 
-/* mqnode/secure_read.h, mqc_ring_add, mqc_ring_load, mqc_ring_remove, mqc_ring_clear, mqc_authenticate */
+// mqnode/secure_read.h, mqc_ring_add, mqc_ring_load, mqc_ring_remove, mqc_ring_clear, mqc_ring_count, mqc_authenticate,
+// mqc_authenticate_error, mqc_sealed
 /* Reads a message that one of the users in a ring file has signed. */
 int read_signed(MQNode* node, PcfMessage* msg) {
   char error[256], user[13];
@@ -91,7 +93,8 @@ int read_signed(MQNode* node, PcfMessage* msg) {
   return 1;
 }
 
-/* mnSWrite, mnSWriteTo, mnSWriteMsg, mqc_signer_load, mqc_signer_new, mqc_signer_free, mqc_sign_error */
+// mnSWrite, mnSWriteTo, mnSWriteMsg, mnSWriteMsgWithPriority, mnSWriteAltUser, mnSWriteAltUserHigh, mqc_signer_load,
+// mqc_signer_new, mqc_signer_free, mqc_signer_user, mqc_signer_public_key, mqc_signer_until, mqc_sign, mqc_sign_error
 /* Sends a signed message. The node has to have the user of the key. */
 int write_signed(MQNode* node, PcfMessage* msg) {
   char error[256];
@@ -108,7 +111,8 @@ int write_signed(MQNode* node, PcfMessage* msg) {
   return sent;
 }
 
-/* mqc_generate_key, mqc_key_text, mqc_key_write, mqc_secret_file_write, mqc_secret_file_write_until, mqc_wipe */
+// mqc_generate_key, mqc_key_text, mqc_key_write, mqc_secret_file_write, mqc_secret_file_write_until, mqc_wipe, MqcKey,
+// mqc_key_read, mqc_key_from_text, mqc_is_public_key
 /* Creates a secret key file, and prints the line for the ring of the receivers. */
 int create_key(void) {
   uint8_t secret[MQC_KEY_BYTES];
@@ -122,7 +126,7 @@ int create_key(void) {
   return ok;
 }
 
-/* mqnode/finish.h, mnClose, DeleteMQNode */
+// mqnode/finish.h, mnClose, mnClearPeningIO, DeleteMQNode
 /* Ends a conversation: DeleteMQNode alone would discard what the system has not sent yet. */
 int end(MQNode* node) {
   const int taken = mq_finish(node, 5000);
@@ -131,7 +135,7 @@ int end(MQNode* node) {
   return taken;
 }
 
-/* mqnode/errors.h, IsNodeFailed, SetMQNodeError, MqErrorInfo */
+// mqnode/errors.h, IsNodeFailed, SetMQNodeError, MqErrorInfo
 /* Prints why the last operation on a node failed, and what to do. */
 void explain(const char* operation, const MQNode* node) {
   unsigned place;
@@ -140,7 +144,7 @@ void explain(const char* operation, const MQNode* node) {
   if (info != NULL) fprintf(stderr, "%s: %s: %s; %s\n", operation, info->name, info->meaning, info->remedy);
 }
 
-/* mqnode/server.h */
+// mqnode/server.h
 /* Answers each message with the same message. */
 static const char* answer(MqServer* server, MqServerClient* client, PcfMessage* msg) {
   (void)server;
@@ -159,7 +163,7 @@ int run_server(MQNode* listener, const volatile sig_atomic_t* stop) {
   return ok;
 }
 
-/* CreateUDPMQNode, CreateUDPMQNodeWithOpt, mnWriteTo */
+// CreateUDPMQNode, CreateUDPMQNodeWithOpt, mnWriteTo
 /* Sends a message in a datagram from a port that the system chooses. */
 int send_datagram(PcfMessage* msg) {
   SockAddrRec here = {.host = "*", .service = "0", .protocol = "udp"};
@@ -170,26 +174,26 @@ int send_datagram(PcfMessage* msg) {
   return sent;
 }
 
-/* RunTraceMethod, mnSetTraceCallBack, mnGSetTraceCallBack, G_node_trace, MQNodeTraceFn */
+// RunTraceMethod, mnSetTraceCallBack, mnGSetTraceCallBack, G_node_trace, MQNodeTraceFn
 /* Prints the trace points of all nodes that are created from now on. */
 static void trace(const char* point, MQNode* node) { fprintf(stderr, "%s: error %d\n", point, (int)node->error); }
 
 void trace_all(void) { mnGSetTraceCallBack(trace); }
 
-/* mqnode/identity.h */
+// mqnode/identity.h
 /* Names the program in the messages of a node, instead of a name found by TEVRA_HOME. */
 void name_program(MQNode* node) {
   memset(node->applName, 0, sizeof node->applName);
   memcpy(node->applName, "PAYROLL", 7);
 }
 
-/* queue/queue.h */
+// queue/queue.h
 /* Prints and removes all items of a queue of texts. */
 void print_all(Queue* queue) {
   for (const char* text; (text = (const char*)Qget(queue)) != NULL;) puts(text);
 }
 
-/* mqc_memory, mqc_memory_tag, mqc_allocations, MqcMemory */
+// mqc_memory, mqc_memory_tag, mqc_allocations, MqcMemory
 /* Prints the memory that the companion has allocated under each tag. */
 void print_memory(void) {
   MqcMemory memory;
@@ -201,7 +205,7 @@ void print_memory(void) {
   }
 }
 
-/* mqc_message_new, mqc_message_free, mqc_message_init, mqc_message_release, mqc_message_error, PcfMessage */
+// mqc_message_new, mqc_message_free, mqc_message_init, mqc_message_release, mqc_message_error, PcfMessage
 /* Uses a record for two messages, one after the other. */
 int send_two(MQNode* node) {
   PcfMessage* msg = mqc_message_new(0);
@@ -211,7 +215,7 @@ int send_two(MQNode* node) {
   return ok;
 }
 
-/* runtime/buffer.h, socksin/transfer.h */
+// runtime/buffer.h, socksin/transfer.h
 /* Receives what has arrived on a socket, at most 4096 bytes, and sends it back. */
 int echo(SockRec* sock) {
   IoBuffer buffer = {0};
@@ -223,7 +227,7 @@ int echo(SockRec* sock) {
   return ok;
 }
 
-/* socksin/record.h, socksin/connect.h */
+// socksin/record.h, socksin/connect.h
 /* Connects a TCP socket. */
 int connect_to(SockRec* sock, SockAddrRec* target) {
   if (CreateSocket(sock) && ConnectSocket(sock, target)) return 1;
@@ -232,21 +236,21 @@ int connect_to(SockRec* sock, SockAddrRec* target) {
   return 0;
 }
 
-/* socksin/options.h */
+// socksin/options.h
 /* Switches keep-alive on, and Nagle's algorithm off. */
 int set_options(SockRec* sock) {
   SockOption keep_alive = {SOCK_OPT_KEEPALIVE, 0, 1};
   return SetSocketOptions(sock, &keep_alive) && SetTcpNoDelay(sock, 1);
 }
 
-/* socksin/resolve.h, sockutil/sockutil.h */
+// socksin/resolve.h, sockutil/sockutil.h
 /* Prints the address of a host. */
 void print_address(const char* host) {
   char ip[16];
   puts(ResolveHostName(host, ip) ? ip : "unknown host");
 }
 
-/* socksin/sysinfo.h */
+// socksin/sysinfo.h
 /* Prints a label of the system. */
 void print_system(void) {
   struct utsname info;
@@ -256,7 +260,7 @@ void print_system(void) {
   printf("%s%d processors\n", label, GetProcessorCount());
 }
 
-/* socksin/alarm.h */
+// socksin/alarm.h
 /* Logs a warning if a read takes longer than ten seconds. */
 int guarded_read(PcfMessage* msg, MQNode* node) {
   enable_alarm(10);
@@ -265,11 +269,55 @@ int guarded_read(PcfMessage* msg, MQNode* node) {
   return read;
 }
 
-/* mqc_set_window, mqc_set_replay_limit, mqc_refuse_before, mqc_reset_replay, mqc_set_clock */
+// mqc_set_window, mqc_set_replay_limit, mqc_refuse_before, mqc_reset_replay, mqc_set_clock
 /* At the start of a receiver whose senders' clocks are ahead by at most two seconds: refuses earlier messages. */
 void start_receiver(void) {
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   mqc_set_window(60);
   mqc_refuse_before((int64_t)now.tv_sec * 1000 + 2000);
+}
+
+// runtime/runtime.h, runtime/message.h, SizePcfMessage
+/* Queues a copy of a message of the application's own making, as a write does that cannot complete. */
+int queue_bytes(MQNode* node, const PcfRawData* raw) {
+  void* place;
+  if (node->pending == NULL || !fNewMemory(&place, sizeof(IoBuffer), "MQNODE")) return 0;
+  IoBuffer* desc = (IoBuffer*)place;
+  CreateBuffer(desc, raw->length);
+  if (desc->data == NULL) {
+    FreeMemory(desc);
+    return 0;
+  }
+  memcpy(desc->data, raw->data, raw->length);
+  Qput(node->pending, desc);
+  return 1;
+}
+
+// GetUserName, strip_spaces, strupper, trim_str
+/* Gets the login name in upper case. */
+int get_login(char* name, int size) {
+  if (!GetUserName(name, &size)) return 0;
+  strupper(name);
+  return 1;
+}
+
+// mqc_log_to, mqc_header_error, LOGMSG
+/* Writes a line to a log of the application. */
+int log_start(void) {
+  if (!mqc_log_to("/var/log/application.log")) return 0;
+  LOGMSG("0001I started", 1);
+  return 1;
+}
+
+// mqc_fail_allocation
+/* Runs a scenario again and again while its 1st, 2nd, 3rd ... allocation fails. Returns how many there were. */
+uint64_t fail_in_turn(int (*scenario)(void)) {
+  for (uint64_t nth = 1;; ++nth) {
+    const uint64_t before = mqc_allocations();
+    mqc_fail_allocation(nth, 0);
+    scenario();
+    mqc_fail_allocation(0, 0);
+    if (mqc_allocations() - before < nth) return nth - 1;
+  }
 }

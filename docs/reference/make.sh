@@ -11,7 +11,7 @@ case $1 in
     rm -rf "$folder/man"
     mkdir -p "$folder/man/man3" "$folder/man/man7"
     awk -v out="$folder/man" -v version="$3" -f docs/reference/comment.awk -f docs/reference/man.awk \
-      docs/reference/examples.c mqnode/*.h cpp/mqnode/* loop/mqnode/limits.h loop/mqnode/uv.h loop/mqnode/asio.hpp \
+      docs/reference/examples.c docs/errors.md mqnode/*.h cpp/mqnode/* loop/mqnode/limits.h loop/mqnode/uv.h loop/mqnode/asio.hpp \
       socksin/*.h sockutil/*.h queue/*.h runtime/*.h companion/host.h
     echo '.so man3/mqnode_mqnode.hpp.3' >"$folder/man/man3/mqnode.hpp.3"
     sed -n '/^#include/,$p' examples/hello.c | sed 's/\\/\\e/g; s/^$/.sp/' >"$folder/man/hello"

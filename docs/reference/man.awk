@@ -124,15 +124,24 @@ FNR == 1 {
   examples = header ~ /examples\.c$/
   cplusplus = header ~ /\.hpp$/
   sub(/^(cpp|loop)\//, "", header)
-  if (!examples) headers[++header_count] = header
+  if (header !~ /\.(c|md)$/) headers[++header_count] = header
   section = comment = open_text = access = ""
   in_comment = in_body = in_declaration = in_enum = in_record = in_class = in_detail = in_member = 0
 }
 
-# Examples: a comment says what the code below it is an example of.
+# Examples: lines that begin with // say what the code below them is an example of.
 examples {
-  if (/^\/\* .* \*\/$/) example_names = substr($0, 4, length($0) - 6)
+  if (/^\/\/ /) example_names = (before ~ /^\/\/ / ? example_names " " : "") substr($0, 4)
   else if (example_names != "") example_code[example_names] = example_code[example_names] $0 "\n"
+  before = $0
+  next
+}
+
+# The table of errors, as docs/errors.md has it.
+FILENAME ~ /errors\.md$/ {
+  gsub(/`/, "")
+  split($0, each, / *\| */)
+  if (/^\| -?[0-9]/) errors[++error_count] = each[3] " (" each[2] ")\t" each[4] "\n" each[7]
   next
 }
 
@@ -354,7 +363,7 @@ function entry(label, direction, text,   lines, n, i) {
   n = split(text, lines, "\n")
   for (i = 1; i <= n; ++i) {
     if (i > 1) put(".br")
-    put(roff(sentence(lines[i])))
+    put(lines[i] == "" ? "\\&" : roff(sentence(lines[i])))
   }
 }
 
@@ -420,6 +429,7 @@ function name_codes(text, header,   done, before, token, name) {
 # RETURN VALUE. A list of values that are separated by semicolons has an entry for each.
 function put_result(text,   parts, n, i, label, values) {
   head("\"RETURN VALUE\"")
+  if (text ~ /^[01]$/) text = "Always " text
   gsub(/\n/, "; ", text)
   gsub(/;+ /, "; ", text)
   n = split(text, parts, /; /)
@@ -444,14 +454,19 @@ function put_errors(text, header,   parts, n, i, line, label) {
   n = split(text, parts, /; /)
   for (i = 1; i <= n; ++i) {
     line = parts[i]
-    while (i < n && parts[i + 1] !~ /^(-?[0-9]+|errno|the code|that of|[A-Z]+[ ,(])/) line = line "; " parts[++i]
+    while (i < n && parts[i + 1] !~ /^(-?[0-9]+|errno|another |the code|that of|[A-Z]+[ ,(])/) line = line "; " parts[++i]
     if (line == "0") continue
     line = name_codes(line, header)
-    if (match(line, /^([A-Z_]+( \(-?[0-9]+\))?|errno|0)(,? |$)/)) {
-      label = trim(substr(line, 1, RLENGTH))
+    label = ""
+    while (match(line, /^(, |or |, or )?([A-Z_]+( \(-?[0-9]+\))?|errno|0)( |,|$)/)) {
+      label = label (label == "" || line ~ /^,/ ? "" : " ") trim(substr(line, 1, RLENGTH))
       line = substr(line, RLENGTH + 1)
-      sub(/,$/, "", label)
-      entry(label, "", line == "" ? "See \\fBmqnode_errors.h\\fP(3)." : sentence(line))
+      if (sub(/,$/, "", label)) line = "," line
+    }
+    sub(/^, */, "", line)
+    if (label != "") {
+      if (label == "errno") prose(sentence("The errno" (line ~ /^(reported|another)/ ? ", " : " ") line))
+      else entry(label, "", line)
     } else {
       prose(sentence(line))
     }
@@ -488,10 +503,16 @@ function begin_page(name, names, brief, header) {
 }
 
 # The headers whose conventions apply, then the neighbours.
-function put_see_also(header, name, neighbours,   all, n, i, line, shown, said) {
+function put_see_also(header, name, neighbours,   all, n, i, first, last, shown, said) {
   head("\"SEE ALSO\"")
-  n = split(header_page(header) " " header_page(layer_of(header)) " " neighbours, all, " ")
-  if (n > 14) n = 2
+  n = split(neighbours, all, " ")
+  for (i = 1; i <= n && all[i] != name; ++i) continue
+  first = n > 12 ? i - 4 : 1
+  last = n > 12 ? i + 4 : n
+  if (i > n && n > 12) last = 0
+  neighbours = header_page(header) " " header_page(layer_of(header))
+  for (i = first; i <= last; ++i) if (i in all) neighbours = neighbours " " all[i]
+  n = split(neighbours, all, " ")
   for (i = 1; i <= n; ++i) {
     if (all[i] == name || index(said, " " all[i] " ")) continue
     said = said " " all[i] " "
@@ -507,9 +528,21 @@ function put_example(name, header,   key, each, found) {
     if (index(each, ", " name ",")) found = key
     if (found == "" && index(each, ", " header ",")) found = key
   }
-  if (found == "") return
+  if (found != "") {
+    head("EXAMPLE")
+    code_lines(example_code[found])
+  } else if (name != header) {
+    put_header_example(header)
+  }
+}
+
+# The first example in the opening comment of a header.
+function put_header_example(header,   i) {
+  read_blocks(essay[header])
+  for (i = 1; i <= blocks && block_kind[i] != "example"; ++i) continue
+  if (i > blocks) return
   head("EXAMPLE")
-  code_lines(example_code[found])
+  code_lines(block_text[i])
 }
 
 # What the functions of a header have in common: arguments that are in the declaration, notes that the function lacks.
@@ -572,8 +605,12 @@ function put_function_body(group, declaration,   header, text, result, error, uv
   read_blocks(essay[layer_of(header)])
   if (result == "" && declaration ~ /^int /) result = labelled("result")
   layer_labels = 0
-  if (declaration ~ /^void [^*]/) result = "Nothing"
-  if (result == "") result = group_brief[group]
+  sub(/, (unless documented otherwise|or another nonzero value where documented)/, "", result)
+  if (declaration ~ /(^|\n)void [^*]/) result = "Nothing"
+  if (result == "") {
+    result = group_brief[group]
+    sub(/^(get|return) /, "", result)
+  }
   put_result(result)
   if (error != "") put_errors(error, header)
   read_blocks(text)
@@ -583,11 +620,12 @@ function put_function_body(group, declaration,   header, text, result, error, uv
 function put_record_body(group,   lines, n, i, parts) {
   head("DESCRIPTION")
   read_blocks(group_text[group])
+  block_text[1] = sentence(block_text[1])
   put_blocks("all")
   n = split(group_fields[group], lines, "\n")
   for (i = 1; i < n; ++i) {
     split(lines[i], parts, "\t")
-    entry(parts[1], "", parts[2] == "" ? "\\&" : sentence(parts[2]))
+    entry(parts[1], "", parts[2])
   }
 }
 
@@ -619,6 +657,7 @@ function write_group_page(name, group,   lines, n, i, shown, header, text) {
 function put_class(class,   i, line) {
   put(".SS \"" roff(class_line[class]) "\"")
   read_blocks(class_text[class])
+  block_text[1] = sentence(block_text[1])
   put_blocks("all")
   for (i = 1; i <= class_members[class]; ++i) {
     line = member_line[class, i]
@@ -635,7 +674,16 @@ function put_constants(header,   lines, n, i, parts) {
   if (n > 1) head("CONSTANTS")
   for (i = 1; i < n; ++i) {
     split(lines[i], parts, "\t")
-    entry(parts[1] (parts[2] == "" ? "" : " = " parts[2]), "", parts[3] == "" ? "\\&" : sentence(parts[3]))
+    entry(parts[1] (parts[2] == "" ? "" : " = " parts[2]), "", parts[3])
+  }
+}
+
+# Every code with its meaning and, on a line of its own, its remedy.
+function put_error_table(   i, parts) {
+  head("ERRORS")
+  for (i = 1; i <= error_count; ++i) {
+    split(errors[i], parts, "\t")
+    entry(parts[1], "", parts[2])
   }
 }
 
@@ -673,6 +721,7 @@ function write_header_page(header,   name, c, n, i, titles) {
     put_class(c)
   }
   put_constants(header)
+  if (header == "mqnode/errors.h") put_error_table()
   put_members(header)
   put_example(header, header)
   put_see_also(header, name, "")
