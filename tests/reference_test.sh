@@ -16,7 +16,7 @@ for name in $exported; do
   section "$name" DESCRIPTION '[a-z]'
   section "$name" EXAMPLE '[;{]'
 done
-section mnFinishWrite ERRORS 'MQ_NO_DESCRIPTOR (105).*Dropped'
+section mnFinishWrite ERRORS 'MQ_NO_DESCRIPTOR .105..* If an entry without a descriptor'
 section mq_error_remedy DESCRIPTION 'of a code\\\(aqs first entry'
 
 same 'SEE ALSO of pages that do not exist' '' \
@@ -26,4 +26,6 @@ same groff '' "$(cd .. && groff -man -ww -z -Tutf8 man3/*.3 man7/*.7 2>&1)"
 quietly "$tree/docs/reference/make.sh" html "$work" 0
 same doxygen '' "$(<"$work/log")"
 has "$work/html/deliver_8h.html" '105 if an entry without' 'A node gets a queue when'
-has "$work/html/structMQNode.html" 'address to connect to, or that was bound'
+has "$work/html/structMQNode.html" 'Address to connect to, or that was bound'
+has "$work/html/index.html" document-guide.html
+has "$work/html/classmqnode_1_1NodeRef.html" 'mnOpen on a connecting node'

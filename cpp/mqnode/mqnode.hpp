@@ -80,6 +80,7 @@ class [[nodiscard]] Result {
       : value_(value), code_(code), cause_(cause), place_(place) {}
   constexpr Result(int value, int code, unsigned place) noexcept : Result(value, code, code, place) {}
 
+  // The return value of the C function; true if it is not 0.
   constexpr explicit operator bool() const noexcept { return value_ != 0; }
   constexpr int value() const noexcept { return value_; }
 
@@ -102,6 +103,7 @@ class [[nodiscard]] Result {
     const MqErrorInfo* const there = mq_error_find(cause_, place_);
     return there != nullptr ? there : mq_error_find(cause_, MQ_IN_ANY);
   }
+  // mq_error_name, mq_error_meaning and mq_error_remedy of the cause; never null.
   const char* name() const noexcept { return info() != nullptr ? info()->name : mq_error_name(cause_); }
   const char* meaning() const noexcept { return info() != nullptr ? info()->meaning : mq_error_meaning(cause_); }
   const char* remedy() const noexcept { return info() != nullptr ? info()->remedy : mq_error_remedy(cause_); }
@@ -228,10 +230,12 @@ class Param {
   Param() noexcept : param_() {}
   explicit Param(const MqcParam& param) noexcept : param_(param) {}
 
+  // The record; false if there is no such parameter.
   explicit operator bool() const noexcept { return param_.type != 0; }
   const MqcParam& record() const noexcept { return param_; }
+  // The id and the type, an MqcType. Numbers are of type MQC_INT32 or MQC_INT64.
   std::uint32_t id() const noexcept { return param_.id; }
-  std::uint32_t type() const noexcept { return param_.type; }  // an MqcType
+  std::uint32_t type() const noexcept { return param_.type; }
   bool is_number() const noexcept { return param_.type == MQC_INT32 || param_.type == MQC_INT64; }
   bool is_text() const noexcept { return param_.type == MQC_TEXT; }
   bool is_bytes() const noexcept { return param_.type == MQC_BYTES; }
@@ -295,6 +299,7 @@ class MessageRef {
   MessageRef() noexcept = default;
   MessageRef(PcfMessage* msg) noexcept : pointer_(msg) {}
 
+  // The record; false if the reference is empty.
   PcfMessage* get() const noexcept { return pointer_; }
   PcfMessage& record() const noexcept { return *pointer_; }
   explicit operator bool() const noexcept { return pointer_ != nullptr; }
@@ -321,7 +326,7 @@ class MessageRef {
   bool add(std::uint32_t id, Number number) const = delete;
   bool add(std::uint32_t id, std::string_view text) const = delete;
 
-  // Reading: mqc_command, mqc_param, mqc_find.
+  // Reading: mqc_command, mqc_param.
   std::uint32_t command() const noexcept { return mqc_command(pointer_); }
   Params params() const noexcept { return Params(pointer_); }
   // mqc_find: the first parameter with this id; false if there is none.
@@ -429,6 +434,7 @@ class NodeRef {
   NodeRef() noexcept = default;
   NodeRef(MQNode* node) noexcept : pointer_(node) {}
 
+  // The node's record; false if the reference is empty.
   MQNode* get() const noexcept { return pointer_; }
   MQNode& record() const noexcept { return *pointer_; }
   explicit operator bool() const noexcept { return pointer_ != nullptr; }
@@ -512,6 +518,7 @@ class NodeRef {
   // mnSetTraceCallBack; null for none.
   void set_trace(MQNodeTraceFn trace) const noexcept { mnSetTraceCallBack(trace, pointer_); }
 
+  // Fields of the record.
   bool is_open() const noexcept { return pointer_->openState != 0; }
   bool is_listening() const noexcept { return pointer_->role == MQ_ROLE_LISTEN; }
   int descriptor() const noexcept { return pointer_->sock.fd; }

@@ -82,7 +82,7 @@ function first_sentence(text,   line) {
 }
 
 function capital(text) {
-  if (text ~ /^([a-z][a-z]+([ ,;]|$)|nonzero:|null:)/) text = toupper(substr(text, 1, 1)) substr(text, 2)
+  if (text ~ /^(a |[a-z][a-z]+([ ,;]|$)|nonzero:|null:)/) text = toupper(substr(text, 1, 1)) substr(text, 2)
   return text
 }
 

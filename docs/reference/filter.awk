@@ -1,11 +1,11 @@
-# filter.awk - what Doxygen sees of the public headers: their plain comments as comments of its own, text unchanged.
+# filter.awk - what Doxygen sees of the public headers: their plain comments as comments of its own.
 #
-#   awk -f filter.awk HEADER
+#   awk -f comment.awk -f filter.awk HEADER
 #
-# The first sentence of a comment in front of a declaration becomes the brief description, the rest stands as it was
-# written. A comment that describes several declarations is repeated for each. The opening comment and the text of the
-# sections describe the file. A comment behind a field or a constant describes it. In the C++ header the // comments of
-# namespaces, classes and members are taken the same way.
+# The first sentence of a comment in front of a declaration becomes the brief description. A comment that describes
+# several declarations is repeated for each. The opening comment and the text of the sections describe the file. A
+# comment behind a field or a constant describes it. In the C++ headers the // comments of namespaces, classes and members
+# are treated in the same way.
 
 function escaped(text) {
   gsub(/[\\@&$#<>%"]/, "\\\\&", text)
@@ -13,20 +13,35 @@ function escaped(text) {
   return text
 }
 
-# The text as it stands, below a brief description when it has one.
-function described(text, brief,   rest) {
-  rest = text
-  if (brief) {
-    if (!match(text, /\.([ \n]|$)/)) RSTART = length(text) + 1
-    rest = substr(text, RSTART + 2)
-    text = substr(text, 1, RSTART - 1)
-    gsub(/\n/, " ", text)
-    gsub(/  +/, " ", text)
-    text = escaped(text) "."
-  } else {
-    text = ""
+# A text for Doxygen, without commands of its own. Inner entries have a line each.
+function plain(text) {
+  text = escaped(text)
+  gsub(/\n/, "<br>", text)
+  return text
+}
+
+# An entry of a list: an argument, a result, what a callback may observe.
+function entry(i,   direction) {
+  direction = block_direction[i] == "" ? "" : " (" block_direction[i] ")"
+  return "<dl><dt><b>" escaped(block_label[i]) "</b>" direction "</dt><dd>" plain(block_text[i]) "</dd></dl>"
+}
+
+# A comment for Doxygen. The first sentence is the brief description where there is one.
+function described(text, brief,   i, made, shown) {
+  shown = brief ? escaped(capital(first_sentence(text))) ".\n\n" : ""
+  read_blocks(text)
+  for (i = 1; i <= blocks; ++i) {
+    if (block_kind[i] == "entry") made = entry(i)
+    else if (block_kind[i] == "example") made = "@verbatim\n" block_text[i] "\n@endverbatim"
+    else made = plain(block_text[i])
+    if (brief && i == 1) {
+      made = block_text[1]
+      if (!match(made, /[.]( |$)/)) made = ""
+      else made = plain(substr(made, RSTART + 2))
+    }
+    shown = shown (made == "" ? "" : made "\n\n")
   }
-  return text (rest == "" ? "" : "\n\n@verbatim\n" rest "\n@endverbatim")
+  return shown
 }
 
 # A section's title and text, added to what is said of the file.
@@ -35,7 +50,7 @@ function section(text,   title) {
   sub(/^---- /, "", title)
   sub(/ ----.*$/, "", title)
   sub(/^---- [^\n]*----\n*/, "", text)
-  if (text != "") print "/** @file\n@par " escaped(title) "\n@verbatim\n" text "\n@endverbatim */\n"
+  if (text != "") print "/** @file\n@par " escaped(title) "\n\n" described(text, 0) "*/\n"
 }
 
 # A whole comment was read.
@@ -43,7 +58,7 @@ function keep(text) {
   if (opening) {
     opening = 0
     sub(/^[^ ]+ - /, "", text)
-    print "/** @file\n@brief " described(text, 1) " */"
+      print "/** @file\n@brief " described(text, 1) " */"
     return
   }
   if (text ~ /^---- /) {
@@ -55,6 +70,12 @@ function keep(text) {
 }
 
 function say_comment() {
+  if (slashes && $0 !~ /^( ? ?)[A-Za-z\[]/) return
+  if (comment ~ /^Internal:/) {
+    print "/** @cond */"
+    hidden = 1
+    comment = ""
+  }
   if (comment != "") print "/** @brief " described(comment, 1) " */"
 }
 
@@ -101,9 +122,13 @@ comment != "" && !going_on { say_comment() }
   line = $0
   if (!slashes && match(line, /\/\* .* \*\/$/) && line !~ /^\/\*/) {
     trailing = substr(line, RSTART + 3, RLENGTH - 6)
-    line = substr(line, 1, RSTART - 1) "/**< " escaped(trailing) " */"
+    line = substr(line, 1, RSTART - 1) "/**< " escaped(sentence(trailing)) " */"
   }
   print line
   going_on = line !~ /^ *$|^#|^MQ_(BEGIN|END)_C|[;{}:]( *\/\*\*<.*)?$/
-  if (slashes || line ~ /[{]( *\/\*\*<.*)?$/) comment = ""
+  if ((!slashes || line ~ /^[a-z]/) && line ~ /[{]( *\/\*\*<.*)?$/) comment = ""
+  if (hidden && line ~ /^(}|[^ ].*;$)/) {
+    print "/** @endcond */"
+    hidden = 0
+  }
 }
