@@ -327,6 +327,10 @@ MQ_RUNTIME const char* mqc_sign_error(void);
 /* mqc_authenticate_error - as mqc_sign_error, for mqc_authenticate and node error -1001. */
 MQ_RUNTIME const char* mqc_authenticate_error(void);
 
+/* mqc_nonce - the nonce of the signed message that was last accepted on this thread: 16 random bytes, which name it
+ * wherever it is sent. All zero when none was accepted. */
+MQ_RUNTIME void mqc_nonce(uint8_t nonce[16]);
+
 /* ---- Log ---- */
 
 /* mqc_log_to - send the log's lines to this file, appended; null for standard error.
