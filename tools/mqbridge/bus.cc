@@ -1,8 +1,6 @@
 // bus.cc - see bus.hh. Invariant: what libnats calls on its threads touches the atomics and, under the lock, the queue.
 #include "bus.hh"
 
-#include <nats/adapters/libuv.h>
-
 #include <climits>
 #include <new>
 
@@ -119,9 +117,7 @@ std::string HeaderOf(const natsMsg* msg, const char* name) {
 }
 
 Bus::Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed)
-    : loop_(loop), options_(options), changed_(std::move(changed)) {
-  natsLibuv_Init();
-  natsLibuv_SetThreadLocalLoop(loop);
+    : options_(options), changed_(std::move(changed)), poller_(loop) {
   MakeOptions(options);  // what is wrong with them is told before anything else happens
   uv_async_init(loop, &wake_, OnWake);
   wake_.data = this;
@@ -135,7 +131,7 @@ Bus::~Bus() {
 
 std::string Bus::Connect() {
   const NatsOptions made = MakeOptions(options_);
-  natsOptions_SetEventLoop(made.get(), loop_, natsLibuv_Attach, natsLibuv_Read, natsLibuv_Write, natsLibuv_Detach);
+  poller_.Use(made.get());
   natsOptions_SetDisconnectedCB(made.get(), OnChange, this);
   natsOptions_SetReconnectedCB(made.get(), OnReconnect, this);
   const natsStatus status = natsConnection_Connect(&connection_, made.get());
@@ -184,6 +180,7 @@ void Bus::Close() {
   }
   has_space_.notify_all();
   if (connection_ != nullptr) natsConnection_Close(connection_);
+  poller_.Close();
   uv_close(reinterpret_cast<uv_handle_t*>(&wake_), nullptr);
 }
 

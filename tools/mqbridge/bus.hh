@@ -1,7 +1,7 @@
 // bus.hh - the connection to a NATS cluster, in a libuv loop.
 //
-// Sockets: the loop reads and writes them (natsOptions_SetEventLoop), because libnats would otherwise write from within
-// a publish and block the loop when the socket is full. A call that waits for an answer of the cluster must not be made
+// Sockets: the loop reads and writes them (poller.hh), because libnats would otherwise write from within a publish and
+// block the loop when the socket is full. A call that waits for an answer of the cluster must not be made
 // from the loop: nobody would read the answer. All requests are therefore made by calls.hh, with subjects for answers.
 // Messages: libnats hands them over on threads of its own. They pass a bounded queue, which wakes the loop; a full queue
 // holds libnats up. A synchronous subscription would need no thread, but hides which request had no responder.
@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "options.hh"
+#include "poller.hh"
 
 namespace mqbridge {
 
@@ -91,9 +92,9 @@ class Bus {
   static void OnWake(uv_async_t* handle);
   void Deliver();
 
-  uv_loop_t* loop_;
   BusOptions options_;
   std::function<void()> changed_;
+  Poller poller_;
   natsConnection* connection_ = nullptr;
   uv_async_t wake_ = {};
   std::vector<std::unique_ptr<Listener>> listeners_;
