@@ -87,6 +87,7 @@ int main(int argc, char** argv) {
   natsStatus status = natsOptions_Create(&options);
   if (status == NATS_OK) status = natsOptions_SetURL(options, argv[1]);
   if (status == NATS_OK) status = natsOptions_SetMaxReconnect(options, -1);
+  if (status == NATS_OK) status = natsOptions_SetSendAsap(options, true);  // else an answer may wait a millisecond
   if (status == NATS_OK) status = natsConnection_Connect(&connection, options);
   if (status == NATS_OK) status = natsConnection_QueueSubscribeSync(&subscription, connection, kSubject, kGroup);
   if (status == NATS_OK) status = natsConnection_Flush(connection);

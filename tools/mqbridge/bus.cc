@@ -87,6 +87,8 @@ NatsOptions MakeOptions(const BusOptions& options) {
   natsOptions_SetReconnectJitter(made, kReconnectMsec, kReconnectMsec);
   natsOptions_SetPingInterval(made, kPingMsec);
   natsOptions_SetMaxPingsOut(made, 2);
+  // Otherwise a thread of libnats asks for the write, a millisecond later. The loop writes once a turn in any case.
+  natsOptions_SetSendAsap(made, true);
   return owner;
 }
 

@@ -139,7 +139,7 @@ class Outlet : public Side {
       Reply(item, ToBody(form_, answer), {});
     }
     Send();
-    if (puller_) Fetch(mq_clock());
+    Fetch(mq_clock());
   }
 
   void OnEnd(int code, const char* why) {
@@ -221,6 +221,7 @@ class Outlet : public Side {
   }
 
   void Fetch(int64_t now) {
+    if (!puller_) return;
     const size_t here = sent_.size() + held_.size() + dying_;
     const bool may = is_open_ && session_.is_running() && here < options_.in_flight;
     puller_->Fetch(now, may ? options_.in_flight - static_cast<uint32_t>(here) : 0);
