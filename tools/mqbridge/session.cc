@@ -48,6 +48,7 @@ Session::~Session() {
   metrics_.reset();
   calls_.reset();
   bus_.reset();
+  uv_loop_close(&loop_);
 }
 
 void Session::Name(MQNode* node) const {
