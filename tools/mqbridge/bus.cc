@@ -26,12 +26,18 @@ mqcat::Failure NatsFailure(const std::string& what, natsStatus status) {
   return {code, fmt::format("{}: {}", what, natsStatus_GetText(status))};
 }
 
+// What libnats says of the last failure of this thread, without the place in its sources: "(conn.c:1905): text".
+std::string LastError(natsStatus status) {
+  const char* const last = nats_GetLastError(nullptr);
+  const std::string text = last != nullptr && *last != '\0' ? last : natsStatus_GetText(status);
+  const size_t end = text.find("): ");
+  return text[0] == '(' && end != std::string::npos ? text.substr(end + 3) : text;
+}
+
 // what: named in the failure of an option, such as a file that cannot be read.
 void Check(natsStatus status, const std::string& what) {
   if (status == NATS_OK) return;
-  const char* const last = nats_GetLastError(nullptr);
-  throw mqcat::Failure{mqcat::kExitUsage,
-                       fmt::format("{}: {}", what, last != nullptr && *last ? last : natsStatus_GetText(status))};
+  throw mqcat::Failure{mqcat::kExitUsage, what + ": " + LastError(status)};
 }
 
 std::vector<std::string> Split(const std::string& text) {
@@ -136,11 +142,11 @@ std::string Bus::Connect() {
   poller_.Use(made.get());
   natsOptions_SetDisconnectedCB(made.get(), OnChange, this);
   natsOptions_SetReconnectedCB(made.get(), OnReconnect, this);
+  natsOptions_SetClosedCB(made.get(), OnChange, this);
   const natsStatus status = natsConnection_Connect(&connection_, made.get());
   if (status == NATS_OK) return "";
-  const char* const last = nats_GetLastError(nullptr);
   connection_ = nullptr;
-  return last != nullptr && *last ? last : natsStatus_GetText(status);
+  return LastError(status);
 }
 
 std::string Bus::server() const {
@@ -149,6 +155,12 @@ std::string Bus::server() const {
   const std::string text = url;
   const size_t at = text.rfind('@');  // what is before it may be a password
   return at == std::string::npos ? text : text.substr(at + 1);
+}
+
+std::string Bus::last_error() const {
+  const char* text = nullptr;
+  natsConnection_GetLastError(connection_, &text);
+  return text != nullptr ? text : "";
 }
 
 void Bus::Subscribe(const std::string& subject, const std::string& queue, OnMessage fn) {

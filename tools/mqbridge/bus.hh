@@ -55,6 +55,9 @@ class Bus {
   std::string Connect();
 
   bool up() const { return connection_ != nullptr && natsConnection_Status(connection_) == NATS_CONN_STATUS_CONNECTED; }
+  // libnats has given up: the cluster refuses the bridge.
+  bool is_over() const { return connection_ != nullptr && natsConnection_IsClosed(connection_); }
+  std::string last_error() const;
   uint64_t reconnects() const { return reconnects_; }
   std::string server() const;
   int64_t max_payload() const { return connection_ == nullptr ? 0 : natsConnection_GetMaxPayload(connection_); }

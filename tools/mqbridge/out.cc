@@ -25,6 +25,8 @@ namespace {
 
 constexpr size_t kMostQueued = 4096;  // messages of a queue group that wait
 constexpr int64_t kFirstPauseMsec = 100, kLastPauseMsec = 5000;
+constexpr int64_t kPatienceMsec =
+    15000;  // with an absent peer: longer than a fetch is open, to be delivered nothing twice
 constexpr double kDeadLetterTimeout = 10;
 constexpr int64_t kNever = INT64_MAX;
 
@@ -86,10 +88,13 @@ class Outlet : public Side {
       Drop();
     }
     if (!puller_) return;
+    if (is_open_) reached_ = now;
+    if (now - reached_ >= kPatienceMsec) Drain();
     if (now >= next_progress_) TellProgress(now);
     Fetch(now);
   }
 
+  // Also when the peer is out of reach: another bridge may reach its own.
   void Drain() override {
     for (Item& item : held_) GiveBack(item, 0);
     held_.clear();
@@ -157,12 +162,10 @@ class Outlet : public Side {
     was_open ? PauseConnecting() : PeerFailed(text);
   }
 
-  // Another bridge may reach its peer: it shall have what waits here.
   void PeerFailed(const std::string& why) {
     if (pause_ == kFirstPauseMsec) {
       session_.report().Event("cannot reach the peer", {{"peer", options_.place}, {"because", why}});
     }
-    if (puller_) Drain();
     PauseConnecting();
   }
 
@@ -312,7 +315,7 @@ class Outlet : public Side {
   std::deque<Item> held_;  // not handed over yet
   std::deque<Item> sent_;  // handed over, not answered, in order
   size_t dying_ = 0;       // on their way to the dead-letter subject
-  int64_t next_connect_ = 0, next_progress_ = 0, pause_ = kFirstPauseMsec;
+  int64_t next_connect_ = 0, next_progress_ = 0, reached_ = mq_clock(), pause_ = kFirstPauseMsec;
 };
 
 const MqUvEvents Outlet::kEvents = Outlet::MakeEvents();

@@ -83,6 +83,11 @@ void Session::OnSignal(uv_signal_t* handle, int) { static_cast<Session*>(handle-
 
 void Session::OnBusChanged() {
   if (phase_ == Phase::kConnecting || phase_ == Phase::kClosed) return;
+  if (bus_->is_over()) {
+    failure_ = std::make_exception_ptr(
+        mqcat::Failure{mqcat::kExitConnection, "the cluster refuses the connection: " + bus_->last_error()});
+    return Close();
+  }
   const uint64_t reconnects = bus_->reconnects();
   const bool is_new = reconnects != reconnects_;
   reconnects_ = report_[Count::kReconnects] = reconnects;
