@@ -1,5 +1,5 @@
 # Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools, libmqnode-uv1,
-# libmqnode-uv-dev. In a build folder, run:
+# libmqnode-uv-dev, mqnode-bridge. In a build folder, run:
 #   cpack -G DEB
 # tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
 # MQNODE_MAINTAINER to publish packages.

@@ -71,11 +71,12 @@ def signed(server):
     make_stream(server, "S", ["s.>"])
     bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--mode", "store", "--subject", "s.{user}", "--body", "raw",
                     "--ring", f"{WORK}/ring", "--sign", f"{WORK}/bridge.key", event="listening")
-    said = subprocess.run([f"{BIN}/mqcat", "send", "127.0.0.1", str(bridge.port), "-c", "3", "-p", "1=x", "--reply", "-q",
+    said = subprocess.run([f"{BIN}/mqcat", "send", "127.0.0.1", str(bridge.port), "-c", "3", "-p", "1=x", "--reply", "-q", "--repeat", "2",
                            "--format", "json", "--sign", f"{WORK}/alice.key", "--ring", f"{WORK}/ring"],
                           check=True, stdout=subprocess.PIPE, timeout=20).stdout
-    assert json.loads(said)["command"] == STORED and json.loads(said)["user"] == "bridge"
-    headers, body = Nats(server.port).messages("S")[0]
+    for answer in map(json.loads, said.splitlines()):
+        assert answer["command"] == STORED and answer["user"] == "bridge" and answer["parameters"][2]["value"] == 0, answer
+    (headers, body), _ = Nats(server.port).messages("S")
     assert "Mq-Signer: alice\r\n" in headers and len(headers.split("alice/")[1].split("\r\n")[0]) == 32, headers
     assert body[72:77] == "alice"
     bridge.end()
