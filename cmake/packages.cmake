@@ -132,7 +132,8 @@ if(TARGET mqbridge)
 mqbridge listens as a node and publishes each message of its clients to a NATS
 cluster, whose workers or streams answer. In the other direction it takes
 messages of a subject and hands them to a node.]])
-  set(CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION}), libmqnode-uv1 (>= ${PROJECT_VERSION})")
+  string(JOIN ", " CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libmqnode1 (>= ${PROJECT_VERSION})"
+    "libmqcompanion1 (>= ${PROJECT_VERSION})" "libmqnode-uv1 (>= ${PROJECT_VERSION})")
 endif()
 
 include(CPack)

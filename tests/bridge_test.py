@@ -156,7 +156,7 @@ def delivered(server):
     reasons = sorted((body, headers) for headers, body in nats.messages("D"))
     assert len(reasons) == 2 and "not JSON" in reasons[0][1] + reasons[1][1], reasons
     assert all("Mq-Subject: o.1\r\n" in headers for _, headers in reasons), reasons
-    assert "death" in reasons[1][0], reasons
+    assert "death" in reasons[1][0] and "Mq-Reason: the peer ended" in reasons[1][1], reasons
     second.end()
     third = Bridge("out", "q.*", f"127.0.0.1:{peer.port}", "--server", server.url, "--queue", "nodes", event="peer connected")
     nats.write("SUB answers 2")

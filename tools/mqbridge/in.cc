@@ -85,7 +85,7 @@ class Inlet : public Side {
     getsockname(node->sock.fd, reinterpret_cast<sockaddr*>(&bound), &size);
     listener_ = mq_uv_start(session_.nodes(), node.get(), session_.is_signed(), &kEvents, this);
     if (listener_ == nullptr) throw failure();
-    node.release();
+    static_cast<void>(node.release());
     mq_uv_set_signer(listener_, session_.security().signer.get());
     session_.report().Event("listening", {{"port", ntohs(bound.sin_port)}, {"mode", options_.mode}});
   }

@@ -118,7 +118,7 @@ class Outlet : public Side {
                 ? nullptr
                 : mq_uv_connect(session_.nodes(), node.get(), session_.is_signed(), &kEvents, this);
     if (node_ == nullptr) return PeerFailed(mq_error_name(mq_node_cause(node.get(), nullptr)));
-    node.release();
+    static_cast<void>(node.release());
     mq_uv_set_signer(node_, session_.security().signer.get());
   }
 
@@ -237,7 +237,8 @@ class Outlet : public Side {
       ++session_.report()[Count::kErrors];
       return Reply(item, "", {{kErrorHeader, HeaderValue(item.last_error)}});
     }
-    if (item.deliveries >= options_.max_deliver) return Bury(std::move(item), item.last_error);
+    const std::string reason = item.last_error;
+    if (item.deliveries >= options_.max_deliver) return Bury(std::move(item), reason);
     GiveBack(item, std::min<int64_t>(250 << std::min<uint64_t>(item.deliveries, 6), 10000));
   }
 
