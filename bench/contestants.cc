@@ -23,9 +23,11 @@ std::vector<Contestant> OtherContestants() {
 std::vector<EchoServer> EchoServers() {
   std::vector<EchoServer> servers;
 #ifdef MQBENCH_UV
+  servers.push_back(EchoNodesUv());
   servers.push_back(EchoBareUv());
 #endif
 #ifdef MQBENCH_ASIO
+  servers.push_back(EchoNodesAsio());
   servers.push_back(EchoBareAsio());
 #endif
   servers.push_back(EchoNodesWait());

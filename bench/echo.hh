@@ -31,7 +31,9 @@ std::vector<EchoServer> EchoServers();
 
 EchoServer EchoNodesWait();  // the wait over many nodes of mqnode/server.h
 // Where the build has found the engine or the library.
+EchoServer EchoNodesUv();
 EchoServer EchoBareUv();
+EchoServer EchoNodesAsio();
 EchoServer EchoBareAsio();
 EchoServer EchoZmq();
 EchoServer EchoNng();

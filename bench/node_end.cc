@@ -136,6 +136,27 @@ void ShareKeys() {
 
 MqcSigner* SharedSigner() { return signer; }
 
+PcfMessage* MessageToSign(size_t body) {
+  PcfMessage* const msg = NewMessage(body);
+  auto* const header = reinterpret_cast<MsgHeader*>(msg->raw.data);
+  const std::string user = mqc_signer_user(SharedSigner());
+  memcpy(header->userId, user.data(), user.size());
+  msg->secHeader = {sizeof(SecureHeader), 1, header->bigEndian, header->asciiText, msg->raw.length, {}};
+  memcpy(msg->secHeader.userId, header->userId, sizeof header->userId);
+  return msg;
+}
+
+IoBuffer Receive(const IoBuffer& sent, PcfMessage* msg) {
+  IoBuffer part = sent;
+  part.data += sizeof(SecureHeader);
+  part.length -= sizeof(SecureHeader);
+  memcpy(&msg->secHeader, sent.data, sizeof(SecureHeader));
+  Check(SizePcfMessage(msg, sent.length), "SizePcfMessage");
+  memcpy(msg->raw.data, part.data, part.length);
+  msg->raw.length = part.length;
+  return part;
+}
+
 Contestant Nodes() {
   return {"nodes", [](Pattern) -> std::unique_ptr<End> { return std::make_unique<NodeEnd>(false); }};
 }

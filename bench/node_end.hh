@@ -22,4 +22,9 @@ PcfMessage* NewMessage(size_t body);
 void ShareKeys();
 MqcSigner* SharedSigner();
 
+// A message as the signed write hands it to mqc_sign.
+PcfMessage* MessageToSign(size_t body);
+// What the secure read does before it asks for the check.
+IoBuffer Receive(const IoBuffer& sent, PcfMessage* msg);
+
 }  // namespace bench

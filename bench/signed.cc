@@ -1,8 +1,6 @@
 // signed.cc - the cost of signatures: in whole round trips, and of mqc_sign and mqc_authenticate alone.
 #include <fmt/format.h>
 
-#include <cstring>
-
 #include "bench/exchange.hh"
 #include "bench/node_end.hh"
 #include "bench/peer.hh"
@@ -13,30 +11,6 @@ namespace {
 
 constexpr size_t kSignedBodies[] = {64, 1024, 64 * 1024};
 constexpr double kMicro = 1e6;
-constexpr uint32_t kEnvelope = sizeof(SecureHeader);
-
-// Creates a message in the form in which a signed write passes it to mqc_sign.
-PcfMessage* MessageToSign(size_t body) {
-  PcfMessage* const msg = NewMessage(body);
-  auto* const header = reinterpret_cast<MsgHeader*>(msg->raw.data);
-  const std::string user = mqc_signer_user(SharedSigner());
-  memcpy(header->userId, user.data(), user.size());
-  msg->secHeader = {kEnvelope, 1, header->bigEndian, header->asciiText, msg->raw.length, {}};
-  memcpy(msg->secHeader.userId, header->userId, sizeof header->userId);
-  return msg;
-}
-
-// Does what a signed read does before it calls mqc_authenticate.
-IoBuffer Receive(const IoBuffer& sent, PcfMessage* msg) {
-  IoBuffer part = sent;
-  part.data += kEnvelope;
-  part.length -= kEnvelope;
-  memcpy(&msg->secHeader, sent.data, kEnvelope);
-  Check(SizePcfMessage(msg, sent.length), "SizePcfMessage");
-  memcpy(msg->raw.data, part.data, part.length);
-  msg->raw.length = part.length;
-  return part;
-}
 
 struct Cost {
   double sign;  // seconds

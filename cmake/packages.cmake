@@ -1,5 +1,5 @@
-# Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-tools, libmqnode-uv1,
-# libmqnode-uv-dev, mqnode-bridge. In a build folder, run:
+# Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-doc, libmqnode-uv1,
+# libmqnode-uv-dev, libmqnode-asio-dev, mqnode-tools if mqcat is built, mqnode-bridge if mqbridge is. In a build folder, run:
 #   cpack -G DEB
 # tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
 # MQNODE_MAINTAINER to publish packages.
@@ -19,7 +19,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL library companion development tools)
+set(CPACK_COMPONENTS_ALL library companion development documentation)
+if(MQNODE_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${MQNODE_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${MQNODE_MAINTAINER})
@@ -93,10 +96,21 @@ mqnode lets a process create message nodes, endpoints that exchange framed
 command messages with peers over TCP or UDP, plain or in a signed envelope,
 and wait on many of them at once.
 .
-This package contains the headers for C and C++, the pkg-config files (mqnode,
-mqnode-companion, mqnode-host) and the CMake package (mqnode).]])
+This package contains the headers for C and C++, their manual pages, the
+pkg-config files (mqnode-host, mqnode, mqnode-companion) and the CMake package
+(mqnode).]])
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libmqnode1 (= ${MQNODE_PACKAGE_VERSION}), libmqcompanion1 (= ${MQNODE_PACKAGE_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "mqnode-doc")
+
+mqnode_package(documentation mqnode-doc doc "message nodes over TCP and UDP, documentation" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope,
+and wait on many of them at once.
+.
+This package has the guide, the examples in C and C++, the wire format, and
+the reference of the library as pages for a browser.]])
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 
 if(TARGET mqnode_uv)
   list(APPEND CPACK_COMPONENTS_ALL uv uv_development)
@@ -119,10 +133,26 @@ CMake package (component uv).]])
     "libmqnode-uv1 (= ${MQNODE_PACKAGE_VERSION}), libmqnode-dev (= ${MQNODE_PACKAGE_VERSION}), libuv1-dev")
 endif()
 
+if(TARGET mqnode_asio)
+  list(APPEND CPACK_COMPONENTS_ALL asio_development)
+  mqnode_package(asio_development libmqnode-asio-dev libdevel "message nodes in coroutines on Asio" [[
+mqnode lets a process create message nodes, endpoints that exchange framed
+command messages with peers over TCP or UDP, plain or in a signed envelope.
+.
+This package contains the header mqnode/asio.hpp, with which C++20 coroutines
+use nodes in an event loop of Asio, the pkg-config file (mqnode-asio) and the
+part of the CMake package (component asio).]])
+  set(CPACK_DEBIAN_ASIO_DEVELOPMENT_PACKAGE_DEPENDS
+    "libmqnode-dev (= ${MQNODE_PACKAGE_VERSION}), libasio-dev")
+endif()
+
 mqnode_package(tools mqnode-tools net "send, receive and decode mqnode messages" [[
 mqcat speaks the protocol of mqnode nodes on the command line: it listens,
 sends, measures round trips, decodes captured bytes field by field, manages
-key files, and explains error codes.]])
+key files, and explains error codes.
+.
+It also contains a dissector for Wireshark and tshark.]])
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
 

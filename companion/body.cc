@@ -159,6 +159,8 @@ using namespace mqc;
 
 int AlienPcfToNative(PcfMessage* msg) {
   Content& content = ContentOf(msg);
+  if (content.ready != kOpened) [[likely]]
+    msg->library0 = 0;
   DropContent(content);
   return IsConverted(msg->raw) ? 1 : ConvertOther(msg->raw, ErrorOf(content));
 }
@@ -167,14 +169,19 @@ int RawToPcf(PcfMessage* msg) {
   Content& content = ContentOf(msg);
   const ErrorText error = ErrorOf(content);
   const PcfRawData& raw = msg->raw;
-  DropContent(content);
-  if (!IsConverted(raw)) [[unlikely]]
+  content.error[0] = '\0';
+  if (!IsConverted(raw)) [[unlikely]] {
+    content.ready = 0;
     return FailUnconverted(raw, error);
+  }
   Entry* const entries = content.entries;
   const bool whole = WalkBody<false>(raw, error, [entries](const Param& param) {
     entries[param.index] = {param.id, param.type, param.at + kParamHead, param.length};
   });
-  if (!whole) return 0;
+  if (!whole) {
+    content.ready = 0;
+    return 0;
+  }
   content.command = Load(raw.data + kHeader);
   content.count = Load(raw.data + kHeader + 4);
   content.ready = kReady;

@@ -14,6 +14,10 @@ struct MqcSigner {
   uint8_t secret[64];  // in libsodium's format: seed, public key
   uint8_t public_key[MQC_KEY_BYTES];
   int64_t until;  // milliseconds since 1970; MQC_NO_END
+  // Of a signer that seals: whom for, and the key of that user when the signer was made, as Ed25519 and as X25519 key.
+  char recipient[MQC_USER_MAX + 1];  // empty for a signer that does not seal
+  uint8_t recipient_key[MQC_KEY_BYTES];
+  uint8_t recipient_x25519[MQC_KEY_BYTES];
 };
 
 namespace mqc {
@@ -22,6 +26,9 @@ constexpr uint32_t kSignerMark = 0x4D515347;
 
 // Initialises libsodium on the first call. False if that failed: the system provides no random numbers.
 bool HaveSodium();
+
+// The current time, from the clock set by mqc_set_clock, in milliseconds since 1970.
+int64_t Now();
 
 // Whether user consists of 1 to 12 printable ASCII characters, without blanks and '#'.
 bool IsUser(const char* user);

@@ -5,7 +5,7 @@
 namespace mqc {
 
 pthread_mutex_t locks[kLocks] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                 PTHREAD_MUTEX_INITIALIZER};
+                                 PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
 
 namespace {
 

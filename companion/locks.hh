@@ -13,6 +13,7 @@ namespace mqc {
 // In locking order: a thread that holds one of them takes only later ones.
 enum LockIndex : uint32_t {
   kLockOnce,    // initialisation on first use
+  kLockOpener,  // the key that opens sealed messages
   kLockRing,    // users and their keys
   kLockReplay,  // accepted messages
   kLockTags,    // names of tags

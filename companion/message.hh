@@ -45,6 +45,13 @@ static_assert(offsetof(SecureHeader, bigEndian) == kAtBigEndian && offsetof(Secu
 
 constexpr size_t kUserField = sizeof(MsgHeader::userId);
 
+// Whether the 12-byte field contains exactly this user, padded with zero bytes.
+inline bool IsFieldOf(const char* user, const void* field) {
+  char filled[kUserField] = {};
+  memcpy(filled, user, strnlen(user, kUserField));
+  return memcmp(filled, field, kUserField) == 0;
+}
+
 // A raw area may be the application's: no alignment is assumed.
 inline uint32_t Load(const uint8_t* at) {
   uint32_t value;
@@ -106,6 +113,10 @@ static_assert(sizeof(Content) <= sizeof(PcfMessage::libraryData) && alignof(Cont
 constexpr uint32_t kReady = 0x4D514331;
 // The record contains a signed message that was refused, and names no sender. DropContent ends this state.
 constexpr uint32_t kRefused = 0x4D514332;
+// The record holds a signed message that was accepted and opened, and is not converted yet.
+constexpr uint32_t kOpened = 0x4D514333;
+// PcfMessage::library0 of a record whose message was sealed.
+constexpr uint32_t kWasSealed = 0x4D514334;
 
 inline Content& ContentOf(PcfMessage* msg) { return *reinterpret_cast<Content*>(msg->libraryData); }
 
@@ -115,8 +126,6 @@ inline ErrorText ErrorOf(Content& content) { return {content.error, sizeof(conte
 
 inline void DropContent(Content& content) {
   content.ready = 0;
-  content.command = 0;
-  content.count = 0;
   content.error[0] = '\0';
 }
 

@@ -5,6 +5,7 @@
 
 #include "companion/memory.hh"
 #include "companion/message.hh"
+#include "runtime/runtime.h"
 
 #include <algorithm>
 
@@ -167,6 +168,7 @@ void mqc_message_release(PcfMessage* msg) {
 int mqc_begin(PcfMessage* msg, uint32_t command) {
   Content& content = ContentOf(msg);
   DropContent(content);
+  msg->library0 = 0;
   if (msg->raw.data == nullptr || msg->raw.capacity < kHeader + kBodyHead) {
     if (!GrowRaw(msg, kFirstCapacity)) return Fail(ErrorOf(content), "no memory for a message");
   }
@@ -181,6 +183,7 @@ int mqc_begin(PcfMessage* msg, uint32_t command) {
   Store(h + kHeader + 4, 0);
   msg->raw.length = kHeader + kBodyHead;
   content.command = command;
+  content.count = 0;
   content.ready = kReady;
   return 1;
 }
@@ -244,9 +247,12 @@ void mqc_sender(const PcfMessage* msg, char user[13]) {
   if (ContentOf(msg).ready != kRefused) CopyField(msg->secHeader.userId, kUserField, user);
 }
 
+int mqc_sealed(const PcfMessage* msg) { return msg->library0 == kWasSealed; }
+
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
-// Logs a few lines, however long the message is: the error, then the header and the first bytes of the body.
+// Logs a few lines, however long the message is: the error, then, unless the message was sealed, the header and the
+// first bytes of the body.
 int DumpPcfMessage(PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   const char* why = ContentOf(msg).error[0] != '\0' ? ContentOf(msg).error : mqc_header_error();
@@ -256,7 +262,7 @@ int DumpPcfMessage(PcfMessage* msg) {
   snprintf(line, sizeof(line), "1901W message of %u bytes, area %u, sender \"%s\": %s", raw.length, raw.capacity, user,
            why);
   LOGMSG(line, 1);
-  if (raw.data == nullptr) return 1;
+  if (raw.data == nullptr || mqc_sealed(msg)) return 1;
   const size_t shown = std::min<size_t>({std::max(raw.length, kHeader), raw.capacity, kDumpBytes});
   for (size_t at = 0; at < shown; at += kDumpLine) DumpBytes(raw.data, at, std::min(shown, at + kDumpLine));
   return 1;

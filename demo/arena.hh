@@ -1,4 +1,4 @@
-// arena.hh - where peers break the rules: the server's port, the time, their sockets, and what the server got wrong.
+// arena.hh - the environment of peers that break the rules: port, time, sockets, and the server's faults.
 #pragma once
 
 #include <algorithm>
@@ -13,15 +13,16 @@
 namespace demo {
 
 class Arena {
-  static constexpr double kPatience = 30;  // seconds for what must come about, on any machine, however busy
+  static constexpr double kPatience = 30;  // seconds, ample even for a busy machine
 
  public:
-  // seconds: how long it lasts; 0 for as long as it takes to do it once. served: honest newcomers that were served so
-  // far; null when nobody counts. alone: one peer instead of a crowd.
+  //   seconds   duration; 0 to run once
+  //   served    counts the honest newcomers served so far; may be null
+  //   alone     one peer instead of a crowd
   Arena(const Peer& peer, const Keys& keys, int port, double seconds, bool alone, std::function<uint64_t()> served)
       : peer_(peer), keys_(keys), port_(port), seconds_(seconds), alone_(alone), served_(std::move(served)) {}
 
-  // Pauses; false when the time is over and a newcomer that came after it was served: a fault when none is.
+  // Pauses. False when the time is over and a newcomer was served after it; without one a fault is added.
   bool Goes(double pause) {
     Sleep(pause);
     if (IsInterrupted() || alone_) return false;
@@ -29,13 +30,13 @@ class Arena {
     if (passed < seconds_) return true;
     const uint64_t served = served_();
     before_ = std::min(before_, served);
-    if (served >= before_ + 2) return false;  // the first of them may have come earlier
+    if (served >= before_ + 2) return false;  // the first one may have connected before
     if (passed < seconds_ + kPatience) return true;
-    faults.push_back("no newcomer is served while it lasts");
+    faults.push_back("no newcomer is served during the attack");
     return false;
   }
 
-  // For a loop of turns, each with new sockets: true the first time, then as Goes.
+  // Begins a turn with new sockets: true the first time, then as Goes.
   bool Begins(int receiveBuffer = 0) {
     if (begun_ && !Goes(0.001)) return false;
     begun_ = true;
@@ -44,7 +45,7 @@ class Arena {
     return true;
   }
 
-  // Tops the sockets up to the crowd: those whose connection has ended are replaced.
+  // Replaces closed sockets and fills up to the size of the crowd.
   void Fill(int receiveBuffer = 0) {
     std::erase_if(bares, [](const Bare& bare) { return !bare.is_open(); });
     while (bares.size() < (alone_ ? 1 : peer_.crowd)) bares.emplace_back(port_, datagrams(), receiveBuffer);
@@ -55,14 +56,14 @@ class Arena {
     return static_cast<size_t>(std::ranges::count_if(bares, [](const Bare& bare) { return bare.is_open(); }));
   }
 
-  // Repeats act until it says true; a fault when it does not in any time that a server needs.
+  // Repeats act until it returns true; adds a fault after kPatience seconds.
   void Await(const std::string& what, const std::function<bool()>& act) {
     for (const double end = Now() + kPatience; !act() && (alone_ || !IsInterrupted()); Sleep(0.001)) {
       if (Now() > end) return faults.push_back(what);
     }
   }
 
-  // Awaits that each socket has sent as much of its bytes as it is to, unless the server has ended its connection.
+  // Waits until each socket has sent the given number of its bytes, or was closed by the server.
   void AwaitSent(const std::function<const Bytes&(size_t)>& bytes, const std::function<size_t(size_t)>& size) {
     Await("a message that cannot be sent", [&] {
       size_t sent = 0;
@@ -74,7 +75,7 @@ class Arena {
     AwaitSent([&](size_t) -> const Bytes& { return bytes; }, [=](size_t) { return size; });
   }
 
-  // Whether each, or any, has received so many bytes, after a look at what has arrived.
+  // Whether each socket, or any, has received this many bytes.
   bool AllHave(size_t bytes) {
     for (Bare& bare : bares) {
       if (bare.received() < bytes) bare.Receive();
@@ -87,7 +88,7 @@ class Arena {
     return std::ranges::any_of(bares, [=](const Bare& bare) { return bare.received() >= bytes; });
   }
 
-  // Awaits that the server has ended all connections, and takes what arrives meanwhile unless reading is false.
+  // Waits until the server has closed all connections; discards received bytes if reading.
   void AwaitEnd(bool reading = true) {
     const double began = Now();
     Await("a connection that the server does not end", [&] {
@@ -117,7 +118,7 @@ class Arena {
   const bool alone_;
   const std::function<uint64_t()> served_;
   bool begun_ = false;
-  uint64_t before_ = UINT64_MAX;  // newcomers that were served when the time was over
+  uint64_t before_ = UINT64_MAX;  // newcomers served when the time was over
   const double began_ = Now();
 };
 

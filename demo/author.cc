@@ -16,9 +16,9 @@ constexpr uint32_t kBytes = 2;                                      // a paramet
 constexpr const char* kForm = "client %u, session %u, message %u";  // begins each text
 constexpr size_t kMostText = 400;
 constexpr uint32_t kSmall = 1024;
-constexpr uint32_t kMedium = 12 * 1024;  // with its header and signature still one datagram
+constexpr uint32_t kMedium = 12 * 1024;  // fits into one datagram with header and signature
 
-// Bytes of content. Of large messages every eighth is as large as they come, the others have 64 KiB to 2 MiB.
+// Bytes of content. Every eighth large message has the largest size, the others 64 KiB to 2 MiB.
 uint32_t SizeOf(Dice* dice, uint32_t number, bool isLarge) {
   if (!isLarge) return static_cast<uint32_t>(dice->Below(dice->Once(8) ? kMedium : kSmall));
   if (number % 8 == 3) return kLargest;
@@ -44,7 +44,7 @@ Author::Author(uint64_t seed) : seed_(seed), pool_(kLargest + (1 << 20)), letter
   for (char& letter : letters_) letter = static_cast<char>('a' + dice.Below(26));
 }
 
-// Most messages have a text, their place and bytes; some nothing more than their place, some many small parameters.
+// Every message has a text that begins with its place; most have bytes, too, and some have many small parameters.
 bool Author::Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const {
   Dice key(seed_ ^ (uint64_t{place.client} << 32 | place.session));
   Dice dice(key.Next() ^ place.number);
@@ -64,7 +64,7 @@ bool Author::Write(mqnode::MessageRef msg, uint32_t command, const Place& place,
   return added && msg.add(kBytes, mqnode::Bytes(&pool_[dice.Below(pool_.size() - size)], size));
 }
 
-// Everything but the header has to be the same.
+// Compares everything except the header.
 std::string Author::Compare(mqnode::MessageRef got, uint32_t command, const Place& place, bool isLarge, bool textOnly,
                             bool marked) {
   if (!Write(expected_, command, place, isLarge, textOnly)) return "no memory";

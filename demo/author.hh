@@ -1,5 +1,5 @@
-// author.hh - the content of every honest message. It follows from the client and the number, so that its reader
-// can tell whether it is whole, unchanged, there for the first time and in its turn, without anything kept.
+// author.hh - the content of every honest message. It is computed from the client and the number, so that a receiver
+// can check, without stored messages, that one is complete, unchanged, not repeated and in order.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace demo {
 
-// A sequence of random numbers from one key, the same on every machine.
+// Random numbers from a key, the same on every machine.
 class Dice {
  public:
   explicit Dice(uint64_t key) : state_(key) {}
@@ -22,7 +22,7 @@ class Dice {
   uint64_t state_;
 };
 
-// Where a message belongs: a client has sessions, one connection after the other, and numbers its questions in each.
+// The place of a message: a client has one session (connection) after the other, and numbers the questions of each.
 struct Place {
   uint32_t client = UINT32_MAX;
   uint32_t session = 0;
@@ -38,16 +38,15 @@ class Author {
  public:
   explicit Author(uint64_t seed);
 
-  // Writes the message of this place: the question, or its answer. textOnly: nothing but its text. False without
-  // memory.
+  // Writes the question of this place, or its answer. textOnly: only the text. False if memory is out.
   bool Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const;
 
-  // Whether a message is that one, to the last byte. Empty, or the difference. marked: with the mark of an answer to a
-  // datagram (examples/answers.h) at its end.
+  // Compares a message with the expected one, byte by byte. Returns the difference, empty if there is none.
+  //   marked   an answer to a datagram, which ends with a mark (examples/answers.h)
   std::string Compare(mqnode::MessageRef got, uint32_t command, const Place& place, bool isLarge, bool textOnly,
                       bool marked);
 
-  // The place that a message claims; a default one when it claims none.
+  // The place that a message states; the default if it states none.
   static Place PlaceOf(mqnode::MessageRef msg);
 
  private:

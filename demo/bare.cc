@@ -37,7 +37,7 @@ sockaddr_in AddressOf(in_addr_t host, int port) {
   return address;
 }
 
-// A question with its header filled in as a node does it.
+// A question with the header that a node would write.
 mqnode::Message Build(size_t length, const char* user) {
   mqnode::Message msg = mqnode::Message::create();
   if (!msg || !msg.begin(kQuestion) || !msg.add(kText, std::string(length, 'x'))) throw std::bad_alloc();
@@ -61,7 +61,7 @@ Keys MakeKeys() {
   mqnode::ErrorText why;
   if (!mqc_generate_key(keys.honest, keys.honestPublic) || !mqc_generate_key(keys.hostile, keys.hostilePublic) ||
       !mqc_generate_key(keys.stranger, unused)) {
-    throw std::runtime_error("no randomness to make keys from");
+    throw std::runtime_error("cannot generate keys: no random numbers");
   }
   if (!mqc_ring_add(kHonest, keys.honestPublic, why.text, sizeof why.text) ||
       !mqc_ring_add(kHostile, keys.hostilePublic, why.text, sizeof why.text)) {
@@ -97,7 +97,7 @@ Bare::Bare(int port, bool datagrams, int receiveBuffer)
   const sockaddr_in server = AddressOf(INADDR_LOOPBACK, port);
   auto* const generic = reinterpret_cast<sockaddr*>(&here);
   socklen_t size = sizeof here;
-  const int late = 1;  // the port is chosen with the server's address in mind: there are more of them
+  const int late = 1;  // the port is chosen at connect: more ports are available then
   setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof late);
   if (receiveBuffer != 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   if (bind(fd_, generic, sizeof here) != 0 ||
@@ -118,7 +118,7 @@ Bare& Bare::operator=(Bare&& other) noexcept {
   return *this;
 }
 
-// Whether a call moved bytes. A connection that has ended is closed.
+// Whether a call moved bytes. Closes a connection that has ended.
 bool Bare::Took(ssize_t count) {
   if (count > 0) return true;
   if (count == 0 || (errno != EAGAIN && errno != EINPROGRESS && errno != ENOTCONN)) Close();

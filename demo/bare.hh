@@ -1,4 +1,4 @@
-// bare.hh - bare sockets and the bytes of messages, for peers that break the rules: a node would not let them.
+// bare.hh - plain sockets and the bytes of messages, for peers that break the rules; a node would prevent that.
 #pragma once
 
 #include <sys/types.h>
@@ -13,7 +13,7 @@ namespace demo {
 
 using Bytes = std::vector<uint8_t>;
 
-// The users of a run. The ring has both of them; stranger is a key that it does not have.
+// The users of a run. Both are in the ring; the key of stranger is not.
 constexpr const char* kHonest = "alice";
 constexpr const char* kHostile = "mallory";
 struct Keys {
@@ -21,51 +21,50 @@ struct Keys {
   uint8_t honestPublic[MQC_KEY_BYTES], hostilePublic[MQC_KEY_BYTES];
 };
 
-// Makes the keys and puts the public ones into the ring, which child processes inherit. Throws when it cannot.
+// Generates the keys and adds the public ones to the ring, which child processes inherit. Throws if that fails.
 Keys MakeKeys();
 
-// What the examples agree on: commands and the parameter that holds the text.
+// Shared with the examples: the commands, and the parameter with the text.
 enum Command : uint32_t { kQuestion = 1, kAnswer = 2 };
 constexpr uint32_t kText = 1;
 
-// The bytes of a question with a text of this length, of the hostile user.
+// The bytes of a question of the hostile user, with a text of this length.
 Bytes Question(size_t length);
 
-// A question in the name of user, signed with a secret key so many seconds from now.
+// A question that names user, signed with a secret key, with a time so many seconds from now.
 Bytes SignedQuestion(const char* user, const uint8_t* secret, int seconds = 0);
 
-// One connection, or datagram socket, that never blocks.
+// A connection or a datagram socket, non-blocking.
 class Bare {
  public:
-  // Begins to connect, from 127.0.0.2: no honest client has this address. receiveBuffer: bytes, 0 for what the
-  // system gives.
+  // Begins to connect from 127.0.0.2, which no honest client uses. receiveBuffer: bytes; 0 for the system's default.
   Bare(int port, bool datagrams, int receiveBuffer = 0);
   ~Bare() { Close(); }
   Bare(Bare&& other) noexcept;
   Bare& operator=(Bare&& other) noexcept;
 
-  static constexpr size_t kTurn = 1 << 20;  // bytes: what one peer moves at most before the next has its turn
+  static constexpr size_t kTurn = 1 << 20;  // bytes that one peer moves at most in its turn
 
   bool is_open() const { return fd_ >= 0; }
   size_t sent() const { return sent_; }
   size_t received() const { return received_; }
-  int port() const { return port_; }  // its own, once it was connected
+  int port() const { return port_; }  // local, after connecting
 
-  // Goes on sending these bytes, over and over, for at most so many bytes and as far as the socket takes them now.
+  // Continues to send these bytes in a loop: at most this many, and as many as the socket accepts now.
   void Send(const Bytes& bytes, size_t most);
-  // The same, until so many bytes were sent in all. True when they were.
+  // The same until this many bytes were sent in total. True once they were.
   bool SendUntil(const Bytes& bytes, size_t total);
   void SendOutOfBand();
-  // Sends back what has arrived. True when there was something.
+  // Sends received bytes back. True if there were any.
   bool Mirror();
-  // Takes what has arrived, at most so many bytes. A connection that has ended is closed.
+  // Reads and discards at most this many bytes. Closes a connection that has ended.
   void Receive(size_t most = kTurn);
-  // Whether the server has ended the connection, looked at without taking what has arrived.
+  // Whether the server has closed the connection; received bytes stay unread.
   bool IsEnded();
 
   void EndSending();
   void Close();
-  void Reset();  // closes without the usual end: the other side gets an error
+  void Reset();  // closes with a TCP reset
 
  private:
   bool Took(ssize_t count);

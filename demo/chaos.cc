@@ -22,7 +22,7 @@ struct Line {
   bool cut = false;
 };
 
-std::optional<Dice> dice;  // without it nothing is done
+std::optional<Dice> dice;  // empty: no simulation
 std::map<int, Line> lines;
 
 Line* Find(int fd) {
@@ -30,11 +30,11 @@ Line* Find(int fd) {
   return found != lines.end() ? &found->second : nullptr;
 }
 
-// One way of a connection's end resets it, the other ends it as if the peer had left.
+// Either resets the connection or ends it as if the peer had closed it.
 void Cut(int fd, Line* line) {
   const sockaddr nowhere = {AF_UNSPEC, {}};
   if (dice->Once(2)) {
-    (void)connect(fd, &nowhere, sizeof nowhere);  // a connection that ended before is cut, too
+    (void)connect(fd, &nowhere, sizeof nowhere);  // fails if it has ended already
   } else {
     shutdown(fd, SHUT_RDWR);
   }
@@ -42,7 +42,7 @@ void Cut(int fd, Line* line) {
   ++line->tally->at(kCut);
 }
 
-// Whether nothing moves now: errno says why.
+// Whether no bytes move now; errno has the reason.
 bool Stops(int fd, Line* line) {
   if (!line->cut && line->untilCut == 0) Cut(fd, line);
   if (line->cut) {

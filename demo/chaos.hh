@@ -1,7 +1,6 @@
-// chaos.hh - does to the sockets of this process what bad networks do: sends and receives that move only a part, or
-// nothing for a while, connections that are cut in the middle of anything, datagrams that get lost or come twice. It
-// defines send, sendto and recvfrom, which the library then calls instead of the system's, as in any host that does so.
-// Sockets that are not watched meet the system itself.
+// chaos.hh - simulates a bad network for the sockets of this process: partial sends and receives, stalls, connections
+// cut at any byte, lost and repeated datagrams. It defines send, sendto and recvfrom, which the library calls instead
+// of the system's. Sockets that are not watched are not affected.
 #pragma once
 
 #include <cstdint>
@@ -10,14 +9,14 @@
 
 namespace demo {
 
-// From here on: what is done follows from the seed.
+// Starts the simulation. The seed determines it.
 void BeginChaos(uint64_t seed);
 
-// Makes a descriptor a bad line; what is done to it is counted here. Its connection is cut after so many bytes at most;
-// 0 for datagrams.
+// Affects this descriptor from now on and counts the effects in the tally. Its connection is cut after at most this
+// many bytes; 0 for datagrams.
 void WatchLine(int fd, uint64_t mostBytes, Tally* tally);
 
-// The descriptor is a good one again, or closed. True when its connection was cut.
+// Stops affecting the descriptor, which may be closed. True if its connection was cut.
 bool ForgetLine(int fd);
 
 }  // namespace demo

@@ -21,8 +21,20 @@
 namespace demo {
 namespace {
 
-// In memory that all processes share, so that children learn of it: the terminal tells their parent alone.
-std::atomic<bool>* interrupted;
+// The signal that asked the program to end; 0 before. Shared with the children: only their parent gets the signal.
+std::atomic<int>* interrupt;
+double interruptedAt;
+
+// One Ctrl-C may arrive twice, sent to the process and to its group: only a later signal ends the program at once.
+void OnInterrupt(int number) {
+  if (*interrupt == 0) {
+    *interrupt = number;
+    interruptedAt = Now();
+  } else if (Now() > interruptedAt + 0.5) {
+    signal(number, SIG_DFL);
+    raise(number);
+  }
+}
 
 [[noreturn]] void Live(pid_t parent, const std::function<int()>& work, int log, rlim_t descriptors) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -130,16 +142,16 @@ bool Await(const std::function<bool()>& done, double seconds) {
 }
 
 void CatchInterrupts() {
-  void* const area = mmap(nullptr, sizeof *interrupted, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* const area = mmap(nullptr, sizeof *interrupt, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (area == MAP_FAILED) throw std::bad_alloc();
-  interrupted = static_cast<std::atomic<bool>*>(area);
+  interrupt = static_cast<std::atomic<int>*>(area);
   struct sigaction action {};
-  action.sa_handler = [](int) { *interrupted = true; };
+  action.sa_handler = OnInterrupt;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
 
-bool IsInterrupted() { return *interrupted; }
+int Interrupt() { return *interrupt; }
 
 void Sleep(double seconds) { usleep(static_cast<useconds_t>(seconds * 1e6)); }
 

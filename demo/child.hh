@@ -1,4 +1,4 @@
-// child.hh - a child process: started, watched and ended. It never outlives this process.
+// child.hh - a child process: started, watched and stopped. It never outlives this process.
 #pragma once
 
 #include <sys/resource.h>
@@ -13,8 +13,9 @@ namespace demo {
 
 class Child {
  public:
-  // Runs work in a new process, whose exit code it returns. What the child prints is kept as its log when it is to be;
-  // descriptors: how many it may have, 0 for as many as there may be.
+  // Runs work in a new process and returns its exit code there.
+  //   logs         keep what the child prints
+  //   descriptors  its limit of file descriptors; 0 leaves it as it is
   Child(std::string name, const std::function<int()>& work, bool logs = false, rlim_t descriptors = 0);
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -22,9 +23,9 @@ class Child {
 
   pid_t pid() const { return pid_; }
   bool HasEnded();
-  // Of one that has ended: empty when it did in order, else how.
+  // How a child that has ended failed; empty if its exit code was 0.
   std::string Failure() const;
-  // Asks it to end and waits. As Failure; the address sanitizer looks for leaks then.
+  // Asks it to end and waits. Result as of Failure. At its exit the address sanitizer looks for leaks.
   std::string Stop();
 
   std::string Log() const;
@@ -37,20 +38,21 @@ class Child {
   int status_ = 0;
 };
 
-// The companion's account of this process without the blocks that remember accepted messages: those grow with what was
-// accepted, up to their limit.
+// The companion's account of this process, without the blocks that remember accepted messages: their number grows up to
+// a limit.
 MqcMemory MemoryInUse();
 
-// What a process uses.
+// Memory, descriptors and processor time of a process.
 Usage UsageOf(pid_t pid);
 
-// Repeats done, with pauses, until it says true. False when it does not in any time that a machine needs, however
-// busy, or after a signal has asked this program to end.
+// Repeats done, with pauses, until it returns true. False after these seconds, which are ample even for a busy machine,
+// and when the program is interrupted.
 bool Await(const std::function<bool()>& done, double seconds = 30);
 
-// A signal has asked this program to end. SIGINT and SIGTERM set it once it is caught.
+// SIGINT and SIGTERM ask the program to end. A second one ends it at once, and its children with it.
 void CatchInterrupts();
-bool IsInterrupted();
+int Interrupt();  // the signal; 0 without one
+inline bool IsInterrupted() { return Interrupt() != 0; }
 
 void Sleep(double seconds);
 

@@ -1,9 +1,9 @@
 // clients.cc - many honest clients in one process and one thread, waiting on all their nodes at once.
 //
-// A client connects, asks a first question and, once it has the answer, waits until all clients of the run are
-// connected. Then it asks and compares until its time is over, says that it has nothing more to send, and waits for the
-// server to close. A few clients at a time connect in each process, so that none waits long to be accepted.
-// A connection that the chaos cuts is made anew, as another session of the client.
+// A client connects, asks a first question and, after the answer, waits until all clients of the run are connected.
+// Then it asks questions and compares the answers until its time is over, shuts its side down and waits for the server
+// to close. Only a few clients of a process connect at the same time, so that none waits long to be accepted. After the
+// chaos has cut a connection, the client connects again, as a new session.
 #include "demo/clients.hh"
 
 #include <fmt/format.h>
@@ -24,8 +24,8 @@ namespace {
 
 using namespace mqnode;
 
-constexpr double kGiveUpSeconds = 20;  // an answer that takes this long does not come any more
-constexpr double kLateSeconds = 1;     // a datagram that was not answered in this time is taken for lost
+constexpr double kGiveUpSeconds = 20;  // after this time an answer is taken as lost
+constexpr double kLateSeconds = 1;     // the same for an answer to a datagram
 constexpr double kLateInChaos = 0.05;
 constexpr double kLostSeconds = 5, kLostInChaos = 1.5;  // at the end
 constexpr double kCheckSeconds = 0.02;
@@ -46,7 +46,7 @@ struct Client {
   uint32_t number;
   State state = State::kIdle;
   Node node{};
-  int line = -1;  // the node's descriptor while it is watched: a node that fails may have closed it
+  int line = -1;  // the node's descriptor while chaos affects it; a failed node may have closed it
   uint32_t session = 0;
   uint32_t asked = 0;  // questions of this session
   uint32_t askedInAll = 0;
@@ -105,7 +105,7 @@ class Clients {
     }
   }
 
-  // One wait and what follows from it. A client may be done, and its node deleted, when its second turn comes.
+  // One wait, and the reads and writes that are possible. The first of two events of a node may delete it.
   void Turn() {
     const Result ready = set_.wait(std::chrono::milliseconds(crowd_.pause != 0 ? 1 : 20));
     if (!ready && !ready.timed_out() && ready.code() != EINTR) self_.faults.Add(fmt::format("wait: {}", ready.name()));
@@ -123,7 +123,7 @@ class Clients {
     self_.resting = !isBusy && shared_.pause;
   }
 
-  // Starts the next client when few others wait for their first answer, and so to be accepted.
+  // Starts the next client unless too many wait for their first answer.
   void StartOne() {
     if (started_ == clients_.size()) return;
     const auto waits = [](const Client& client) {
@@ -135,7 +135,7 @@ class Clients {
     Connect(client);
   }
 
-  // A client that connects anew for each question has gone and comes back.
+  // Reconnects a client that uses a new connection for each question.
   void Return(Client& client) {
     if (IsOver(client)) {
       client.state = State::kDone;
@@ -164,13 +164,13 @@ class Clients {
       if (client.kind().isLarge) (void)node.set_buffer_size(kSocketBuffer);
       if (const Result opened = node.open(); !opened) {
         if (!opened.again()) OnEnd(client, opened, "connect");
-        return;  // OnWritable goes on
+        return;  // OnWritable continues
       }
     }
     OnWritable(client);
   }
 
-  // All clients of the run are connected: everybody asks as much as may be unanswered at once.
+  // All clients of the run are connected: each asks as many questions as its window allows.
   void Begin() {
     going_ = true;
     talked_ = self_.talking;
@@ -183,8 +183,7 @@ class Clients {
     }
   }
 
-  // Asks what may be asked now; leaves when there is nothing more to ask and every answer has come. A datagram client
-  // does not wait for ever.
+  // Asks what the window allows; leaves after the last answer. A datagram client stops waiting after a time.
   void Continue(Client& client) {
     const bool datagrams = IsDatagram(client.kind().port);
     const double late = crowd_.chaos ? kLateInChaos : kLateSeconds;
@@ -196,7 +195,7 @@ class Clients {
     if (client.owed.empty() || (datagrams && waited() > (crowd_.chaos ? kLostInChaos : kLostSeconds))) Leave(client);
   }
 
-  // False when the node has ended.
+  // False if the node has ended.
   bool Ask(Client& client) {
     const Place place{client.number, client.session, client.asked};
     const double now = Now();
@@ -243,7 +242,7 @@ class Clients {
 
   void OnAnswer(Client& client) {
     const bool datagrams = IsDatagram(client.kind().port);
-    // A datagram says itself which question it answers, and may be the second to do so.
+    // An answer as a datagram states its question, and may be a repeated one.
     uint32_t number = client.owed.empty() ? client.asked : client.owed.front().number;
     if (datagrams) number = Author::PlaceOf(in_).number;
     const auto owed = std::ranges::find(client.owed, number, &Owed::number);
@@ -259,7 +258,7 @@ class Clients {
       return;
     }
     const double now = Now();
-    const double since = crowd_.isNew ? client.movedAt : owed->askedAt;  // a new client's connect is a part of it
+    const double since = crowd_.isNew ? client.movedAt : owed->askedAt;  // includes the connect of a new client
     if (going_) tally(client).latency[shared_.phase].Add(now - since);
     if (going_) self_.talking = talked_ + now - beganAt_;
     client.owed.erase(owed);
@@ -273,8 +272,8 @@ class Clients {
     if (client.state == State::kTalking) crowd_.isNew ? Leave(client) : Continue(client);
   }
 
-  // A connection ends in order when the client has said that it is leaving, and early when the chaos has cut it: then
-  // its last questions or answers are lost, and the node has to have said so.
+  // A connection may end after the client's shutdown, or early if the chaos has cut it. In that case the last questions
+  // or answers are lost, and the node must have reported it.
   void OnEnd(Client& client, const Result& result, const char* doing) {
     const bool isCut = ForgetLine(std::exchange(client.line, -1));
     const bool isGone = result.peer_gone() || result.cause() == ECONNRESET || result.cause() == EPIPE;
@@ -291,8 +290,7 @@ class Clients {
     if (isAgain) Connect(client);
   }
 
-  // Closing at once would throw away what the server has not read yet. A connection is shut down first; the server
-  // closes when it has read all of it.
+  // Closing now could discard bytes that the server has not read. After the shutdown the server reads all and closes.
   void Leave(Client& client) {
     if (IsDatagram(client.kind().port)) return Finish(client);
     client.state = State::kLeaving;
@@ -302,7 +300,7 @@ class Clients {
 
   void Finish(Client& client) { Release(client, !crowd_.isNew || IsOver(client)); }
 
-  // What was asked and not answered is lost from here on.
+  // Unanswered questions count as lost.
   void Release(Client& client, bool isDone) {
     ForgetLine(std::exchange(client.line, -1));
     set_.remove(client.node);
@@ -314,7 +312,7 @@ class Clients {
     left_ -= isDone;
   }
 
-  // Gives up on what takes too long, and goes on after datagrams that got lost.
+  // Fails clients that wait too long; asks again after lost datagrams.
   void Check(double now) {
     checkedAt_ = now;
     for (Client& client : clients_) {
@@ -341,10 +339,10 @@ class Clients {
     if (client.node) Release(client, true);
   }
 
-  // What this process and the server hold when no node of this process is left.
+  // Measures this process and the server while this process has no node.
   void Measure() {
     Await([this] { return shared_.server.connected == 0; });
-    Sleep(0.3);  // the server has looked at itself since
+    Sleep(0.3);  // the server has updated its own figures
     malloc_trim(0);
     const MqcMemory memory = MemoryInUse();
     const auto measure = [](pid_t pid, uint64_t blocks, uint64_t bytes) -> Rest {

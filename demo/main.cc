@@ -19,6 +19,9 @@ using namespace demo;
 
 constexpr int kExitWrong = 1;
 constexpr int kExitCannot = 2;
+constexpr int kExitSignal = 128;  // plus the number of the signal
+constexpr const char* kInterrupts =
+    "Ctrl-C ends it early with the results so far: exit code 130 (SIGINT) or 143 (SIGTERM).\n";
 constexpr rlim_t kSpareDescriptors = 128;
 constexpr rlim_t kSiegeDescriptors = 8192;
 
@@ -36,38 +39,40 @@ void AddRange(CLI::App* app, const char* name, Value* value, Value least, Value 
 
 void DescribeDemo(CLI::App* app, Options* options) {
   app->description(
-      "The system at work: one server process with one thread serves hundreds of clients at once, plain and signed,\n"
-      "TCP and UDP, small and large messages, while rogues break the rules. Everything stays on 127.0.0.1, on ports\n"
-      "that the kernel picks.");
+      "Demonstration: one server process with one thread serves hundreds of clients at once, plain and signed, TCP "
+      "and\n"
+      "UDP, small and large messages; for the first half of the time alone, then while rogues break the rules. All\n"
+      "traffic is on 127.0.0.1, on ports chosen by the kernel.");
   AddRange(app, "--clients", &options->clients, 1u, kMostClients, "honest clients");
-  AddRange(app, "--processes", &options->processes, 1u, kMostProcesses, "processes that they are spread over");
-  AddRange(app, "--messages", &options->messages, 0u, 1000000u, "most questions of a client (0: no limit)");
-  AddRange(app, "--seconds", &options->seconds, 1.0, 60.0, "how long the clients go on asking");
+  AddRange(app, "--processes", &options->processes, 1u, kMostProcesses, "processes that run the clients");
+  AddRange(app, "--messages", &options->messages, 0u, 1000000u, "limit of questions per client (0: none)");
+  AddRange(app, "--seconds", &options->seconds, 1.0, 60.0, "how long the clients ask");
   app->add_flag("--honest-only", options->honestOnly, "no rogues");
   app->footer(
-      "Exit code: 0 all was right at both ends, 1 something was not, 2 it could not be run. A signal ends a run "
-      "early,\n"
-      "with its report.\n"
-      "Example: mqdemo --clients 1000 --seconds 10");
+      fmt::format("Exit code: 0 both ends agree, 1 they do not, 2 the demonstration could not be run.\n{}"
+                  "Example: mqdemo --clients 1000 --seconds 10",
+                  kInterrupts));
 }
 
 void DescribeSoak(CLI::App* app, Options* options) {
   AddRange(app, "--clients", &options->clients, 6u, kMostClients, "honest clients");
-  AddRange(app, "--seconds", &options->seconds, 1.0, 604800.0, "how long, in rounds of a tenth and at most 30 s");
-  AddRange(app, "--rate", &options->rate, 1.0, 1e6, "messages a second, of all clients together");
-  app->add_option("--seed", options->seed, "of all content and of the network; another one each time by itself");
-  app->footer(
-      "Exit code: 0 every message is accounted for, and memory and descriptors are as they were; 1 not so; 2 it could\n"
-      "not be run.");
+  AddRange(app, "--seconds", &options->seconds, 1.0, 604800.0, "duration, in rounds of a tenth of it and at most 30 s");
+  AddRange(app, "--rate", &options->rate, 1.0, 1e6, "messages per second, of all clients together");
+  app->add_option("--seed", options->seed, "of all content and of the network; random by default");
+  app->footer(fmt::format(
+      "Exit code: 0 every message is accounted for, and memory and descriptors have not grown; 1 otherwise;\n"
+      "2 the test could not be run. {}",
+      kInterrupts));
 }
 
 void DescribeHostile(CLI::App* app, SiegeOptions* options) {
   app->add_option("--attack", options->attacks, "only this one; may be repeated")->allow_extra_args(false);
   app->add_option("--server", options->servers, "only this one; may be repeated")->allow_extra_args(false);
-  app->add_flag("--list", options->list, "say what the servers and attacks are, and end");
-  AddRange(app, "--seconds", &options->seconds, 0.1, 600.0, "length of each attack; some need a little more");
-  app->add_flag("--together", options->together, "all attacks at the same time: quick, but then the times say little");
-  app->footer("Exit code: 0 every attack was withstood, 1 one was not or not run, 2 it could not be run.");
+  app->add_flag("--list", options->list, "list servers and attacks");
+  AddRange(app, "--seconds", &options->seconds, 0.1, 600.0, "duration of each attack; some take a little longer");
+  app->add_flag("--together", options->together, "all attacks at the same time: quicker, but the times mean little");
+  app->footer(fmt::format("Exit code: 0 every attack was withstood, 1 one was not, 2 the test could not be run.\n{}",
+                          kInterrupts));
 }
 
 void RaiseDescriptorLimit(rlim_t needed) {
@@ -75,16 +80,16 @@ void RaiseDescriptorLimit(rlim_t needed) {
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= needed) return;
   if (limit.rlim_max < needed) {
     throw std::runtime_error(
-        fmt::format("{} open files are needed, the limit is {} (ulimit -Hn)", needed, limit.rlim_max));
+        fmt::format("{} file descriptors are needed, the limit is {} (ulimit -Hn)", needed, limit.rlim_max));
   }
   limit.rlim_cur = needed;
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) throw std::runtime_error("cannot raise the limit of open files");
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) throw std::runtime_error("cannot raise the limit of file descriptors");
 }
 
 void Prepare(rlim_t descriptors) {
   signal(SIGPIPE, SIG_IGN);
-  unsetenv("TEVRA_HOME");  // with it every node would start a shell to learn the name of this program
-  // Memory that the address sanitizer keeps for a while would hide whether the servers give theirs back.
+  unsetenv("TEVRA_HOME");  // with it every node would start a shell to find the name of this program
+  // The address sanitizer keeps released memory for a while: little of it, so that the servers' own memory shows.
   const char* const set = getenv("ASAN_OPTIONS");
   setenv("ASAN_OPTIONS", fmt::format("{}:quarantine_size_mb=1", set != nullptr ? set : "").c_str(), 1);
   RaiseDescriptorLimit(descriptors);
@@ -95,7 +100,7 @@ int Print(const std::string& text, bool good) {
   if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0) {
     throw std::runtime_error("cannot write the report");
   }
-  return good ? 0 : kExitWrong;
+  return IsInterrupted() ? kExitSignal + Interrupt() : good ? 0 : kExitWrong;
 }
 
 int RunDemo(Options options) {
@@ -106,12 +111,12 @@ int RunDemo(Options options) {
   return Print(TextOf(options, outcome, colors), outcome.problems.empty());
 }
 
-// Refuses a name that no row of a table has.
+// Throws for a name that is not in a table.
 template <typename Row>
 void CheckNames(std::span<const Row> rows, const std::vector<std::string>& names, const char* option) {
   for (const std::string& name : names) {
     if (std::ranges::none_of(rows, [&](const Row& row) { return name == row.name; })) {
-      throw CLI::ValidationError(option, "there is no '" + name + "'; see --list");
+      throw CLI::ValidationError(option, "unknown name '" + name + "'; see --list");
     }
   }
 }
@@ -132,7 +137,7 @@ int RunHostile(const SiegeOptions& options) {
     }
   }
   if (options.list) return 0;
-  if (trials.empty()) throw std::runtime_error("none of these attacks is for one of these servers");
+  if (trials.empty()) throw std::runtime_error("none of these attacks applies to one of these servers");
   Prepare(kSiegeDescriptors);
   TryAll(&trials, options.seconds, options.together);
   const bool withstood = std::ranges::all_of(trials, [](const Trial& trial) { return Withstood(trial); });
@@ -146,11 +151,11 @@ int Run(int argc, char** argv) {
   CLI::App app;
   DescribeDemo(&app, &options);
   CLI::App* const soaking =
-      app.add_subcommand("soak", "Clients talk through a bad network for a long time; every message is accounted for");
+      app.add_subcommand("soak", "Long run through a bad network; every message is accounted for");
   CLI::App* const hostile = app.add_subcommand("hostile",
                                                "Hostile peers against this server, those of the examples, and mqcat "
                                                "listen. Each attack has a server of its own;\n"
-                                               "honest clients go on meanwhile and are measured without and with it.");
+                                               "honest clients are measured before and during the attack.");
   DescribeSoak(soaking, &soak);
   DescribeHostile(hostile, &siege);
   app.require_subcommand(0, 1);

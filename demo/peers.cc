@@ -1,5 +1,5 @@
-// peers.cc - each way to break the rules is one function over sockets that never block, or the bytes of one message.
-// Not here: the honest clients meanwhile (clients.cc), whether the server came out well (verdict.cc, siege.cc).
+// peers.cc - each way to break the rules is a function over non-blocking sockets, or the bytes of one message.
+// Not here: the honest clients (clients.cc), the verdict on the server (verdict.cc, siege.cc).
 #include "demo/peers.hh"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ constexpr size_t kSmall = 200;
 constexpr size_t kLarge = 16 << 10;
 constexpr int kSmallBuffer = 2048;
 
-// ---- Messages that are none ----
+// ---- Broken messages ----
 
 Bytes Garbage(const Keys&) {
   Bytes bytes(kLarge);
@@ -25,7 +25,7 @@ Bytes Garbage(const Keys&) {
   return bytes;
 }
 
-// A question whose header announces another length.
+// A question with a wrong length in its header.
 Bytes Announce(uint32_t length) {
   Bytes bytes = Question(kLarge);
   memcpy(bytes.data() + offsetof(MsgHeader, bodyLength), &length, sizeof length);
@@ -54,7 +54,7 @@ Bytes UnknownUser(const Keys& keys) { return SignedQuestion("eve", keys.stranger
 Bytes TooOld(const Keys& keys) { return SignedQuestion(kHostile, keys.hostile, -400); }
 Bytes TooEarly(const Keys& keys) { return SignedQuestion(kHostile, keys.hostile, 400); }
 
-// In the signature, its time, the message's text, its user.
+// Offsets in the signature, its time, the message's text, its user.
 Bytes Flip(const Keys& keys, size_t fromEnd) {
   Bytes bytes = SignedQuestion(kHostile, keys.hostile);
   bytes[bytes.size() - fromEnd] ^= 1;
@@ -64,7 +64,7 @@ Bytes ChangedSignature(const Keys& keys) { return Flip(keys, 1); }
 Bytes ChangedTime(const Keys& keys) { return Flip(keys, 80); }
 Bytes ChangedText(const Keys& keys) { return Flip(keys, 100); }
 
-// Sends the peer's own message, or the broken ones of the table that are for its port, one a socket, over and over.
+// Sends the peer's message, or all broken ones of the table for its port, one per socket, in a loop.
 void SendBroken(Arena& arena) {
   const Peer& self = arena.peer();
   while (arena.Begins()) {
@@ -81,7 +81,7 @@ void SendBroken(Arena& arena) {
   }
 }
 
-// The system may lose some of them.
+// The system may drop some.
 void SendBrokenDatagrams(Arena& arena) {
   const Bytes bytes = arena.peer().message(arena.keys());
   arena.Fill();
@@ -91,7 +91,7 @@ void SendBrokenDatagrams(Arena& arena) {
   }
 }
 
-// ---- Too slow, or not at all ----
+// ---- Slow or silent peers ----
 
 void SendAByteAtATime(Arena& arena) {
   const Bytes question = Question(kSmall);
@@ -106,7 +106,7 @@ void SendAByteAtATime(Arena& arena) {
   arena.AwaitEnd();
 }
 
-// Every other one asks at once, more than sockets hold, and reads the answers too slowly.
+// Every second peer asks more than the socket buffers hold, and reads the answers too slowly.
 void NeverFinish(Arena& arena) {
   const Bytes question = Question(kLarge);
   arena.Fill(kSmallBuffer);
@@ -131,7 +131,7 @@ void NeverSpeak(Arena& arena) {
   while (arena.Goes(0.001)) continue;
 }
 
-// Each asks about twice a second. Connecting takes a while: requests that find the server's queue full are repeated.
+// Each asks about twice a second. Connecting takes a while: the system retries when the server's accept queue is full.
 void AskAndStay(Arena& arena) {
   const Bytes question = Question(kSmall);
   const double least = Now() + 4;
@@ -168,9 +168,9 @@ void StopReading(Arena& arena) {
   arena.AwaitEnd(false);
 }
 
-// ---- Too much ----
+// ---- Overload ----
 
-// More than sockets hold is asked before an answer is taken, so that the server has to queue; less than may wait.
+// Asks more than the socket buffers hold before reading, so that the server must queue answers, within its limit.
 void FloodWithQuestions(Arena& arena) {
   constexpr size_t kUnread = 224 << 10;
   const Bytes questions[] = {Question(kSmall), Question(kLarge)};
@@ -195,7 +195,7 @@ void FloodWithQuestions(Arena& arena) {
 void ConnectAndLeave(Arena& arena) {
   while (arena.Goes(0.001)) {
     arena.Fill();
-    arena.bares.front().Close();  // the others do not leave a port behind that is taken for a minute
+    arena.bares.front().Close();  // the others are reset, which leaves no port in TIME_WAIT
     for (Bare& bare : arena.bares) bare.Reset();
   }
 }
@@ -216,7 +216,7 @@ void SendGiants(Arena& arena) {
   if (most > (32u << 20)) arena.faults.push_back("the server takes in half of a message of 60 MiB");
 }
 
-// More accepted messages than a server remembers, by one user, dated as late as is accepted.
+// One user signs more messages than a server remembers, dated as late as the server accepts.
 void Hoard(Arena& arena) {
   constexpr size_t kMessages = 270000;
   arena.Fill();
@@ -231,7 +231,7 @@ void Hoard(Arena& arena) {
   while (arena.Goes(0.001)) bare.Receive();
 }
 
-// ---- Leaving, and other bad manners ----
+// ---- Disconnects and the rest ----
 
 // How far a peer goes before it leaves: half a body, nothing, half a header, a question, many questions.
 size_t HowFar(size_t state, size_t question) {
@@ -239,7 +239,7 @@ size_t HowFar(size_t state, size_t question) {
   return lengths[state % std::size(lengths)];
 }
 
-// The pauses grow: first they leave faster than the server reads, in the end it has read what they sent on any machine.
+// The pauses grow: the first peers leave before the server has read their bytes, the last ones after that.
 void LeaveInEveryState(Arena& arena, void (Bare::*leave)()) {
   const Bytes question = Question(kLarge);
   for (double pause = 0.001; arena.Begins(kSmallBuffer); pause = std::min(pause * 2, 0.1)) {
@@ -276,16 +276,16 @@ void SendOutOfBandBytes(Arena& arena) {
     const size_t places[] = {1, sizeof(MsgHeader), question.size() / 2, question.size(), 2 * question.size()};
     return places[i % std::size(places)];
   });
-  for (Bare& bare : arena.bares) bare.SendOutOfBand();  // once: of two that were not read yet the first is not
+  for (Bare& bare : arena.bares) bare.SendOutOfBand();  // once: a second byte would replace one that was not read
   arena.AwaitSent(question, 2 * question.size());
   arena.Await("a byte out of band spoils a message", [&] { return arena.AllHave(2 * question.size()); });
-  for (Bare& bare : arena.bares) bare.SendOutOfBand();  // and nothing after it
+  for (Bare& bare : arena.bares) bare.SendOutOfBand();  // the last byte
   while (arena.Goes(0.001)) continue;
 }
 
-// A signed question each, answered, and then again and again.
+// Each sends a signed question, gets the answer, and repeats the same bytes.
 void Replay(Arena& arena) {
-  const size_t answer = Question(1).size();  // or more, where answers are signed
+  const size_t answer = Question(1).size();  // signed answers are longer
   while (arena.Begins()) {
     std::vector<Bytes> questions(arena.bares.size());
     for (Bytes& question : questions) question = SignedQuestion(kHostile, arena.keys().hostile);
@@ -311,7 +311,7 @@ void SendGarbageDatagrams(Arena& arena) {
   }
 }
 
-// As a forged sender's address makes another server do it.
+// As another server would after a datagram with a forged sender address.
 void MirrorAnswers(Arena& arena) {
   const Bytes question = Question(kSmall);
   size_t mirrored = 0;
@@ -322,7 +322,7 @@ void MirrorAnswers(Arena& arena) {
 }
 
 void FloodWithDatagrams(Arena& arena) {
-  constexpr double kMostAnswers = 2000;  // a second, to one address
+  constexpr double kMostAnswers = 2000;  // per second, to one address
   const Bytes question = Question(kSmall);
   arena.Fill();
   const double began = Now();
@@ -335,7 +335,7 @@ void FloodWithDatagrams(Arena& arena) {
   size_t bytes = 0;
   for (const Bare& bare : arena.bares) bytes += bare.received();
   const double rate = static_cast<double>(bytes / question.size()) / (Now() - began + 1);
-  if (rate > kMostAnswers) arena.faults.push_back("answers a second to one address: " + std::to_string(rate));
+  if (rate > kMostAnswers) arena.faults.push_back("answers per second to one address: " + std::to_string(rate));
 }
 
 void Nothing(Arena& arena) {
@@ -359,7 +359,7 @@ constexpr Peer Crowd(const char* name, Port port, const char* says, void (*act)(
   return {name, port, says, act, nullptr, 0, nullptr, crowd, attack, mqcat, descriptors};
 }
 
-// Alone as well as in a crowd.
+// A rogue of the demonstration that is also an attack.
 constexpr Peer Both(const char* does, size_t answers, Peer peer) {
   peer.does = does;
   peer.answers = answers;
@@ -372,13 +372,13 @@ constexpr Peer kPeers[] = {
     Broken("half_body", kPlain, kSlow, HalfBody, "stops in the middle of a body"),
     Broken("garbage", kPlain, kBad, Garbage, "sends garbage"),
     Broken("huge_length", kPlain, kLong, Huge, "announces a message of 4 GiB"),
-    Broken("bad_body", kPlain, "MQ_BAD_BODY", Nonsense, "sends a header with nonsense behind it"),
-    Broken("unsigned", kSigned, kBad, Unsigned, "speaks plainly where signing is the rule"),
-    Broken("unknown_key", kSigned, kForged, UnknownKey, "signs with a key that the server does not know"),
-    Broken("unknown_user", kSigned, kForged, UnknownUser, "signs as somebody whom the server does not know"),
-    Broken("other_user", kSigned, kForged, OtherUser, "signs in the name of another"),
-    Broken("too_old", kSigned, kForged, TooOld, "signs 400 seconds ago"),
-    Broken("too_early", kSigned, kForged, TooEarly, "signs 400 seconds ahead"),
+    Broken("bad_body", kPlain, "MQ_BAD_BODY", Nonsense, "sends a header followed by nonsense"),
+    Broken("unsigned", kSigned, kBad, Unsigned, "sends a plain message to a signed port"),
+    Broken("unknown_key", kSigned, kForged, UnknownKey, "signs with a key unknown to the server"),
+    Broken("unknown_user", kSigned, kForged, UnknownUser, "signs as a user unknown to the server"),
+    Broken("other_user", kSigned, kForged, OtherUser, "signs in the name of another user"),
+    Broken("too_old", kSigned, kForged, TooOld, "signs with a time 400 seconds ago"),
+    Broken("too_early", kSigned, kForged, TooEarly, "signs with a time 400 seconds ahead"),
     Broken("changed_signature", kSigned, kForged, ChangedSignature, "changes one bit of a signature"),
     Broken("changed_time", kSigned, kForged, ChangedTime, "changes one bit of the time"),
     Broken("changed_text", kSigned, kForged, ChangedText, "changes one bit of a signed message"),
@@ -387,29 +387,29 @@ constexpr Peer kPeers[] = {
     Broken("forged_datagram", kSignedDatagram, kForged, UnknownKey, "signs a datagram with an unknown key"),
     {"stops_reading", kPlain, kUnread, StopReading, "stops reading"},
     Both("sends one byte at a time, slow but honest", 1,
-         Crowd("drip", kPlain, "", SendAByteAtATime, 20, kMqcat, "20 ask a byte at a time, and get answers")),
+         Crowd("drip", kPlain, "", SendAByteAtATime, 20, kMqcat, "20 ask a byte at a time and get answers")),
     Both("leaves in the middle of a body", 0,
          Crowd("half_close", kPlain, "left in the middle", CloseHalfInEveryState, 40, kMqcat,
                "40 at a time close their side, in every state")),
-    Both("asks and asks and never reads", 0,
-         Crowd("never_read", kPlain, kUnread, NeverRead, 8, kMqcat, "8 ask on and never read an answer")),
-    Both("sends a signed message a second time", 1,
+    Both("keeps asking and never reads", 0,
+         Crowd("never_read", kPlain, kUnread, NeverRead, 8, kMqcat, "8 keep asking and never read an answer")),
+    Both("sends a signed message twice", 1,
          Crowd("replay", kSigned, kForged, Replay, 8, kMqcat, "8 sign a question, send it 20 times, get one answer")),
-    Crowd("broken", kPlain, kBad, SendBroken, 20, false, "the broken messages above, over and over"),
+    Crowd("broken", kPlain, kBad, SendBroken, 20, false, "the broken messages above, in a loop"),
     Crowd("crawl", kPlain, kSlow, NeverFinish, 20, false, "20 ask a byte at a time or read answers too slowly"),
     Crowd("flood", kPlain, "", FloodWithQuestions, 16, kMqcat, "16 ask as fast as they can and count the answers"),
     Crowd("reset", kPlain, "left", ResetInEveryState, 40, kMqcat, "40 at a time reset, in every state"),
     Crowd("ask_and_close", kPlain, "", AskAndCloseHalf, 20, kMqcat, "20 ask, close their side, and get the answer"),
     Crowd("storm", kPlain, "", ConnectAndLeave, 8, kMqcat, "connections that are closed at once, 8000 a second"),
     Crowd("silent", kPlain, "dropped", NeverSpeak, 2500, false, "2500 connect and never speak"),
-    Crowd("squat", kPlain, kPlace, AskAndStay, 1200, false, "1200 ask and stay: more than the table has places"),
+    Crowd("squat", kPlain, kPlace, AskAndStay, 1200, false, "1200 ask and stay: more than the server has places"),
     Crowd("descriptors", kPlain, "EMFILE", AskAndStay, 150, kMqcat, "150 connect to a server of 64 descriptors", 64),
     Crowd("giants", kPlain, kLong, SendGiants, 16, kMqcat, "16 send a message of 60 MiB"),
     Crowd("out_of_band", kPlain, "", SendOutOfBandBytes, 20, kMqcat, "20 send bytes out of band, in every state"),
-    Crowd("forge", kSigned, kForged, SendBroken, 20, kMqcat, "the broken signed messages above, over and over"),
+    Crowd("forge", kSigned, kForged, SendBroken, 20, kMqcat, "the broken signed messages above, in a loop"),
     Crowd("hoard", kSigned, "", Hoard, 1, kMqcat, "a user signs 270000 questions, dated 290 seconds ahead"),
     Crowd("datagrams", kDatagram, kBad, SendGarbageDatagrams, 8, kMqcat, "8 send broken datagrams"),
-    Crowd("mirror", kDatagram, "", MirrorAnswers, 1, kMqcat, "one sends each answer back, as if a server did"),
+    Crowd("mirror", kDatagram, "", MirrorAnswers, 1, kMqcat, "one sends each answer back, like a server"),
     Crowd("datagram_flood", kDatagram, "", FloodWithDatagrams, 8, kMqcat, "8 of one address ask as fast as they can"),
 };
 

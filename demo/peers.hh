@@ -1,4 +1,4 @@
-// peers.hh - who talks to a server: the table of honest, rogue and attacking peers, and what a server says of each.
+// peers.hh - the table of honest, rogue and attacking peers, with the line that a server logs about each.
 #pragma once
 
 #include <sys/resource.h>
@@ -10,12 +10,12 @@
 
 namespace demo {
 
-// The four ways in which a server is talked to.
+// The ports of a server.
 enum Port { kPlain, kSigned, kDatagram, kSignedDatagram, kPorts };
 constexpr bool IsSigned(Port port) { return port == kSigned || port == kSignedDatagram; }
 constexpr bool IsDatagram(Port port) { return port == kDatagram || port == kSignedDatagram; }
 
-// Honest peers. window: questions that may be unanswered at once.
+// Kinds of honest clients. window: limit of unanswered questions.
 struct Kind {
   const char* name;
   Port port;
@@ -45,19 +45,19 @@ constexpr const char* kHonestOnly = "honest_only";  // no attack: the baseline, 
 
 class Arena;
 
-// A peer that breaks the rules: alone, as a rogue of the demonstration, and many at once, as an attack.
+// A peer that breaks the rules: one as a rogue of the demonstration, many at the same time as an attack.
 struct Peer {
   const char* name;
   Port port;
-  const char* says;  // what the server says when it drops it; empty for what is to be served
+  const char* says;  // logged by the server when it drops the peer; empty if it must serve it
   void (*act)(Arena& arena);
-  const char* does = nullptr;                    // alone; null: never
-  size_t answers = 0;                            // that it gets alone
-  Bytes (*message)(const Keys& keys) = nullptr;  // the only one that it sends, when it is broken
+  const char* does = nullptr;                    // as a rogue; null: not a rogue
+  size_t answers = 0;                            // that a rogue gets
+  Bytes (*message)(const Keys& keys) = nullptr;  // the broken message that it sends
   size_t crowd = 0;                              // how many attack
-  const char* attack = nullptr;                  // what they do; null: they never do
-  bool mqcat = false;                            // mqcat listen is to withstand them, too
-  rlim_t descriptors = 0;                        // of the server then; 0: plenty
+  const char* attack = nullptr;                  // what the crowd does; null: not an attack
+  bool mqcat = false;                            // also an attack on mqcat listen
+  rlim_t descriptors = 0;                        // limit of the server; 0: the default
 };
 
 std::span<const Peer> Peers();

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "demo/child.hh"
+
 namespace demo {
 namespace {
 
@@ -25,6 +27,7 @@ class Text {
 
   std::string Build() {
     Head();
+    if (!shared_.go && outcome_.interrupted && outcome_.problems.empty()) return fmt::to_string(out_);
     Clients();
     if (options_.soak) Soak();
     Server();
@@ -34,6 +37,13 @@ class Text {
   }
 
  private:
+  static constexpr const char* kForm = "{:<26}{:>6}{:>13}{:>7}{:>11}{:>10}{:>9}{:>9}{:>9}";
+
+  static std::string Msec(double seconds) { return fmt::format("{:.2f}", seconds * 1e3); }
+  static std::string PerSecond(uint64_t count, double seconds) {
+    return Grouped(seconds > 0 ? static_cast<uint64_t>(static_cast<double>(count) / seconds) : 0);
+  }
+
   template <typename... Args>
   void Line(fmt::format_string<Args...> form, Args&&... args) {
     fmt::format_to(std::back_inserter(out_), form, std::forward<Args>(args)...);
@@ -45,47 +55,58 @@ class Text {
   void Title(const std::string& text) { Line("\n{}", Styled("1", text)); }
 
   void Head() {
-    Title("mqdemo: one server with one thread, and everybody at once, on 127.0.0.1");
+    if (outcome_.interrupted && !shared_.go) {
+      if (outcome_.problems.empty()) Line("mqdemo: interrupted before all clients were connected");
+      return;
+    }
+    Title("mqdemo: one server with one thread, all peers at the same time, on 127.0.0.1");
     Line("{} honest clients in {} processes, {} rogues; connected in {:.1f} s; seed {}{}", options_.clients,
          options_.processes, outcome_.rogues.size(), outcome_.connecting, options_.seed,
-         outcome_.interrupted ? "; ended by a signal" : "");
+         outcome_.interrupted ? "; interrupted" : "");
   }
 
   void Clients() {
-    constexpr const char* kForm = "{:<26}{:>7}{:>12}{:>8}{:>10}{:>10}{:>9}{:>9}{:>9}";
     double talking = 0;
     for (const Process& worker : shared_.workers) talking = std::max(talking, worker.talking);
-    Title(
-        fmt::format(kForm, "honest clients", "", "answers", "lost", "MiB", "a second", "p50 ms", "p99 ms", "longest"));
-    const auto line = [&](const char* name, const Tally& tally) {
-      const Histogram& latency = tally.latency[kDuring];
-      const auto msec = [](double seconds) { return fmt::format("{:.2f}", seconds * 1e3); };
-      const double rate = talking > 0 ? static_cast<double>(tally[kAnswers]) / talking : 0;
-      Line(kForm, fmt::format("  {}", name), tally[kClients], Grouped(tally[kAnswers]), tally[kLost],
-           Mib(tally[kSent] + tally[kReceived]), Grouped(static_cast<uint64_t>(rate)), msec(latency.Percentile(0.5)),
-           msec(latency.Percentile(0.99)), msec(latency.longest));
-    };
+    Title(fmt::format(kForm, "honest clients", "", "answers", "lost", "MiB", "per s", "p50 ms", "p99 ms", "max ms"));
     for (size_t kind = 0; kind < kKindCount; ++kind) {
       Tally tally{};
       Sum(shared_, kind, &tally);
       Sum(shared_, kind, &all_);
-      line(kKinds[kind].name, tally);
+      ClientLine(kKinds[kind].name, tally, talking);
     }
-    line("all", all_);
+    ClientLine("all", all_, talking);
+    if (!outcome_.hasRogues) return;
+    PhaseLine("all, before the rogues", kBefore, outcome_.alone);
+    PhaseLine("all, among the rogues", kDuring, talking - outcome_.alone);
+  }
+
+  void ClientLine(const char* name, const Tally& tally, double seconds) {
+    Histogram latency = tally.latency[kBefore];
+    latency.Merge(tally.latency[kDuring]);
+    Line(kForm, fmt::format("  {}", name), tally[kClients], Grouped(tally[kAnswers]), tally[kLost],
+         Mib(tally[kSent] + tally[kReceived]), PerSecond(tally[kAnswers], seconds), Msec(latency.Percentile(0.5)),
+         Msec(latency.Percentile(0.99)), Msec(latency.longest));
+  }
+
+  void PhaseLine(const char* name, Phase phase, double seconds) {
+    const Histogram& latency = all_.latency[phase];
+    Line(kForm, fmt::format("  {}", name), all_[kClients], Grouped(latency.total), "", "",
+         PerSecond(latency.total, seconds), Msec(latency.Percentile(0.5)), Msec(latency.Percentile(0.99)),
+         Msec(latency.longest));
   }
 
   void Soak() {
     const Process& worker = shared_.workers[0];
-    Title("the network, and what is left");
-    Line("  connections     {} and datagram sockets, of which {} were cut", Grouped(all_[kSessions]),
-         Grouped(all_[kCut]));
-    Line("  calls           {} moved only a part, {} stalled", Grouped(all_[kShort]), Grouped(all_[kStalls]));
+    Title("network and resources");
+    Line("  connections     {} including datagram sockets, {} cut", Grouped(all_[kSessions]), Grouped(all_[kCut]));
+    Line("  calls           {} partial, {} stalled", Grouped(all_[kShort]), Grouped(all_[kStalls]));
     Line("  datagrams       {} dropped, {} doubled; {} lost by the system", Grouped(all_[kDropped]),
          Grouped(all_[kDoubled]), Grouped(outcome_.lostBySystem));
     for (const int i : {0, 1}) {
       const Rest& warm = worker.warm[i];
       const Rest& last = worker.last[i];
-      Line("  {:<16}{} and {} blocks in use after warm-up and at the end, {} and {} descriptors",
+      Line("  {:<16}{} blocks in use after warm-up and {} at the end; {} and {} descriptors",
            i == 0 ? "clients" : "server", warm.blocks, last.blocks, warm.descriptors, last.descriptors);
     }
   }
@@ -93,30 +114,31 @@ class Text {
   void Server() {
     const Process& server = shared_.server;
     Title("server");
-    Line("  connections     {} at once, {} accepted, {} ended in order, {} dropped", Grouped(server.most),
+    Line("  connections     at most {} at once, {} accepted, {} closed in order, {} dropped", Grouped(server.most),
          Grouped(server.accepted), Grouped(server.farewells), Grouped(server.dropped));
-    Line("  messages        {} read and written, {:.1f} for each wait", Grouped(server.messages),
+    Line("  messages        {} read and written, {:.1f} per wait", Grouped(server.messages),
          static_cast<double>(server.messages) / static_cast<double>(std::max<uint64_t>(server.waits, 1)));
-    Line("  memory          at most {} MiB in buffers; {} blocks left", Mib(server.peakBuffers), server.leftBlocks);
+    Line("  memory          at most {} MiB in buffers; {} blocks not released", Mib(server.peakBuffers),
+         server.leftBlocks);
   }
 
   void Rogues() {
     if (outcome_.rogues.empty()) return;
-    Title(fmt::format("{:<51}{:<28}{}", "a rogue that ...", "the server says", "it saw"));
+    Title(fmt::format("{:<51}{:<28}{}", "a rogue that ...", "server log", "result"));
     for (const RogueResult& rogue : outcome_.rogues) {
       const std::string saw = rogue.seen->answers != 0 ? "an answer"
-                              : rogue.seen->ended      ? fmt::format("the end, {:.1f} s", rogue.seen->seconds)
+                              : rogue.seen->ended      ? fmt::format("closed, {:.1f} s", rogue.seen->seconds)
                                                        : "no answer";
-      Line("  {:<49}{:<28}{}{}", rogue.peer->does, rogue.remark.empty() ? "nothing" : rogue.remark.substr(0, 26), saw,
+      Line("  {:<49}{:<28}{}{}", rogue.peer->does, rogue.remark.empty() ? "-" : rogue.remark.substr(0, 26), saw,
            rogue.right ? "" : Styled("31", " <- wrong"));
     }
   }
 
   void Ending() {
-    for (const std::string& problem : outcome_.problems) Line("{} {}", Styled("1;31", "Not right:"), problem);
+    for (const std::string& problem : outcome_.problems) Line("{} {}", Styled("1;31", "FAILED:"), problem);
     if (!outcome_.problems.empty()) return;
-    Line("\n{} {} questions, {} answers, each compared byte for byte, {} lost: every message is accounted for.",
-         Styled("1;32", "All right:"), Grouped(all_[kQuestions]), Grouped(all_[kAnswers]), Grouped(all_[kLost]));
+    Line("\n{} {} questions, {} answers, each compared byte by byte; {} lost, all accounted for.",
+         Styled("1;32", "OK:"), Grouped(all_[kQuestions]), Grouped(all_[kAnswers]), Grouped(all_[kLost]));
   }
 
   const Options& options_;
@@ -143,8 +165,13 @@ std::string TextOf(std::span<const Trial> trials) {
   text += fmt::format(kForm, "  attack", "p50 / p99 ms", "p50 / p99 ms", "served / longest", "peak / end", "most / end",
                       "verdict");
   const Target* target = nullptr;
+  size_t unfinished = 0;
   for (const Trial& trial : trials) {
     const Shared& shared = *trial.shared;
+    if (IsInterrupted() && !shared.ended) {
+      ++unfinished;
+      continue;
+    }
     const auto times = [&](Phase phase) {
       const Histogram& latency = TallyOf(trial, kSteady).latency[phase];
       return fmt::format("{:.2f} / {:.2f}", latency.Percentile(0.5) * 1e3, latency.Percentile(0.99) * 1e3);
@@ -162,6 +189,7 @@ std::string TextOf(std::span<const Trial> trials) {
                                         : "not run");
     for (const std::string& fault : faults) text += fmt::format("    {}\n", fault);
   }
+  if (unfinished != 0) text += fmt::format("interrupted: {} of {} attacks not finished\n", unfinished, trials.size());
   return text;
 }
 

@@ -1,4 +1,4 @@
-// report.hh - tells a person how a run went. No line is wider than 100 columns, but for faults.
+// report.hh - the text of a run's results. No line is wider than 100 columns, except for faults.
 #pragma once
 
 #include <span>
@@ -9,7 +9,7 @@
 
 namespace demo {
 
-// Overwrites the line of a terminal with how far the run is; nothing when standard error is none.
+// Overwrites a line of the terminal with the progress of the run. Does nothing if standard error is not a terminal.
 void ShowProgress(const std::string& line);
 
 std::string TextOf(const Options& options, const Outcome& outcome, bool colors);

@@ -1,5 +1,5 @@
-// server.cc - two listening and two datagram nodes in one server. Every question gets its own content as answer. A peer
-// that breaks the rules is dropped, and only that peer: mqnode/server.h has the rules.
+// server.cc - one server with two listening and two datagram nodes. The answer to a question is its own content. Only
+// peers that break the rules are dropped; mqnode/server.h has the rules.
 #include "demo/server.hh"
 
 #include <fmt/format.h>
@@ -22,12 +22,12 @@ using namespace std::chrono_literals;
 
 constexpr double kScanSeconds = 0.1;
 constexpr uint32_t kDatagramBuffer = 4 << 20;
-constexpr int kDatagramsInTurn = 256;       // so that datagrams do not keep the connections waiting
-constexpr uint32_t kReplayLimit = 1 << 16;  // reached in a long run, so that forgetting happens too
+constexpr int kDatagramsInTurn = 256;       // limit, so that datagrams do not delay connections
+constexpr uint32_t kReplayLimit = 1 << 16;  // a long run reaches it, so that old messages are forgotten
 
 volatile sig_atomic_t stopped;
 
-// What an honest client has asked: its session, and the questions of that when they are datagrams.
+// The session of an honest client and, for datagrams, its questions so far.
 struct Record {
   uint32_t session = 0;
   std::unordered_set<uint32_t> seen;
@@ -38,7 +38,7 @@ MqServerLimits LimitsOf(const Limits& limits) {
   own.clients = own.clientsPerAddress = static_cast<int>(limits.guests);
   own.midwayMsec = static_cast<int>(limits.patience * 1000);
   own.messageBytes = kLargest + (16 << 10);
-  own.socketBytes = 32 << 10;  // large answers have to wait
+  own.socketBytes = 32 << 10;  // so that large answers are queued
   own.logLinesPerSecond = 100;
   return own;
 }
@@ -72,7 +72,7 @@ class DemoServer final : public Server {
     return true;
   }
 
-  // Releases everything that was made for nodes and messages and counts what is left of it.
+  // Releases all nodes and messages and counts the blocks that remain.
   void Close() {
     close();
     for (Node& port : ports_) port.reset();
@@ -87,11 +87,11 @@ class DemoServer final : public Server {
 
  private:
   bool Fail(std::string_view why) {
-    self_.faults.Add(fmt::format("the server cannot go on: {}", why));
+    self_.faults.Add(fmt::format("the server cannot continue: {}", why));
     return false;
   }
 
-  // Datagrams of many clients meet in one buffer: the system gives as much as it allows. Accepted nodes take over the
+  // The datagrams of all clients share one buffer, which is as large as the system permits. Accepted nodes inherit the
   // user of their listening node.
   bool OpenPort(Port port) {
     Node& node = ports_[port];
@@ -137,15 +137,15 @@ class DemoServer final : public Server {
         say("refused", from, got.name());
         continue;
       }
-      if (in_.command() != kQuestion) continue;  // two servers would answer each other for ever
+      if (in_.command() != kQuestion) continue;  // or two servers would answer each other forever
       Check(in_, nullptr);
-      // An answer that does not leave at once is lost, as datagrams are. The sender's address may be a forged one.
+      // An answer that cannot be sent now is dropped. The sender's address may be forged.
       if (++answered_[from.ip] > answersASecond_ || !BuildAnswer(in_)) continue;
       if (IsSigned(port) ? node.write_signed_to(out_, from, signer_) : node.write_to(out_, from)) CountAnswer();
     }
   }
 
-  // The answer has the parameters of the question, all of them, in their order.
+  // The answer has all parameters of the question, in their order.
   bool BuildAnswer(MessageRef in) {
     bool added = out_.begin(kAnswer);
     for (const Param& param : in.params()) {
@@ -158,7 +158,7 @@ class DemoServer final : public Server {
     return added;
   }
 
-  // Looks whether the question of an honest client is whole, unchanged and in its turn. client: null for a datagram.
+  // Checks that the question of an honest client is complete, unchanged and in order. client: null for a datagram.
   void Check(MessageRef in, const MqServerClient* client) {
     const Place place = Author::PlaceOf(in);
     tally_ = nullptr;
@@ -172,7 +172,7 @@ class DemoServer final : public Server {
     const uint32_t turn = client != nullptr ? turns_[client]++ : 0;
     if (client != nullptr && (place.session < record.session || place.number != turn ||
                               (place.number == 0) != (place.session > record.session))) {
-      wrong = fmt::format("not in its turn, after session {}, question {}", record.session, turn);
+      wrong = fmt::format("out of order, after session {}, question {}", record.session, turn);
     }
     record.session = place.session;
     ++tally_->at(kQuestions);
@@ -182,12 +182,12 @@ class DemoServer final : public Server {
                                  place.number, wrong));
   }
 
-  // Of datagrams some may be missing, and plain ones may come again.
+  // Datagrams may be missing, and plain ones may be repeated.
   bool IsAgain(Record* record, const Place& place, bool isSigned, std::string* wrong) {
     if (place.session > record->session) record->seen.clear();
     if (place.session >= record->session && record->seen.insert(place.number).second) return false;
     ++tally_->at(kAgain);
-    if (isSigned) *wrong = "a signed datagram is accepted twice";
+    if (isSigned) *wrong = "a signed datagram was accepted twice";
     return !isSigned;
   }
 
@@ -198,7 +198,7 @@ class DemoServer final : public Server {
     tally_->at(kSent) += out_.raw().size();
   }
 
-  // Ten times a second: the account of memory. Once a second addresses may have answers again.
+  // Updates the memory figures ten times a second; resets the answers per address once a second.
   void Scan(double now) {
     scannedAt_ = now;
     MqcMemory memory;

@@ -1,4 +1,4 @@
-// server.hh - the hardened server: one process, one thread, one wait over all its nodes.
+// server.hh - the server of the demonstration: one process, one thread, one wait over all nodes.
 #pragma once
 
 #include "demo/author.hh"
@@ -8,12 +8,12 @@ namespace demo {
 
 struct Limits {
   size_t guests;     // connections at once
-  double patience;   // seconds, with a peer that owes something
-  uint32_t answers;  // to datagrams of one address in a second
+  double patience;   // seconds, with an unfinished message or unread answers
+  uint32_t answers;  // per second, to the datagrams of one address
 };
 
-// Serves until SIGTERM. seed: of the author. Says on standard error which peer it drops and why, and what is wrong with
-// an honest one in its faults. Returns the exit code.
+// Serves until SIGTERM. Logs the peers that it drops to standard error; wrong messages of honest clients go to its
+// faults. seed: of the author. Returns the exit code.
 int RunServer(Shared* shared, uint64_t seed, const Keys& keys, const Limits& limits);
 
 }  // namespace demo

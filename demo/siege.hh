@@ -1,4 +1,4 @@
-// siege.hh - attacks on a server while honest clients go on, measured without and with it.
+// siege.hh - attacks on a server, with honest clients measured before and during each.
 #pragma once
 
 #include <span>
@@ -10,7 +10,8 @@
 
 namespace demo {
 
-// A server under attack: this program's own, or a program beside it that prints its port, or "listening on ...:PORT".
+// A server to attack: this program's own, or another program in its directory, which prints its port or
+// "listening on ...:PORT".
 struct Target {
   const char* name;
   Port port;
@@ -18,6 +19,7 @@ struct Target {
   std::vector<const char*> arguments;  // kRing: the path of a file with the keys of both users
   Echo echo;
   bool isMqcat = false;
+  double seconds = 0;  // that an attack takes at least
 };
 
 std::span<const Target> Targets();
@@ -28,16 +30,16 @@ struct Trial {
   SharedPtr shared = MakeShared();
 };
 
-// Whether an attack is for a server.
+// Whether an attack applies to a server.
 bool IsFor(const Peer& peer, const Target& target);
 
-// The honest clients of a trial: one asks on over one connection, the other connects anew for each question.
+// The honest clients of a trial: one keeps its connection, the other makes a new one for each question.
 enum { kSteady, kNewcomer, kJudge };
 
-// Tries each in turn, or all together, until a signal asks to end: trials that were not finished are not ended.
+// Runs the trials one after the other, or all together. A signal stops them; the flag ended is set in finished ones.
 void TryAll(std::vector<Trial>* trials, double seconds, bool together);
 
-// The tally of one of the honest clients; what went wrong; whether nothing did.
+// The tally of an honest client; the faults of a trial; whether it finished without any.
 const Tally& TallyOf(const Trial& trial, int client);
 std::vector<std::string> FaultsOf(const Trial& trial);
 bool Withstood(const Trial& trial);

@@ -1,6 +1,6 @@
-// tally.hh - the memory that the processes of a run share: signals, and what each of them counted.
+// tally.hh - memory shared by the processes of a run: flags, and the counts of each process.
 //
-// Every tally has one writer, its process. Counters may be read while the run goes on, the rest once their writer has
+// Every tally is written by one process. Atomic counters may be read during the run, the rest after that process has
 // ended.
 #pragma once
 
@@ -13,10 +13,10 @@
 
 namespace demo {
 
-// Seconds of a clock that only goes forward.
+// Monotonic time in seconds.
 double Now();
 
-// Durations, in buckets that are 1/16 of a doubling wide, so that percentiles of millions cost a few kilobytes.
+// Durations in logarithmic buckets, 16 per factor of two: a few kilobytes for any number of samples.
 struct Histogram {
   static constexpr double kSteps = 16;
   static constexpr size_t kBuckets = 33 * 16;
@@ -30,26 +30,26 @@ struct Histogram {
   uint64_t counts[kBuckets];
 };
 
-// What is counted of the messages of one kind of client, by the clients and, where it applies, by the server.
+// Counts of the messages of one kind of client, by the clients and, where given, by the server.
 enum Count {
   kClients,
-  kSessions,   // connections, of datagram clients sockets
-  kQuestions,  // that the library took; at the server: that were read, whole and unchanged
-  kAnswers,    // that came whole, unchanged and once; at the server: that were written
-  kLost,       // questions without an answer: on a connection that was cut, or a datagram was lost
-  kAgain,      // datagrams that came once more
-  kRefused,    // datagrams that the server did not accept
-  kSent,       // bytes of raw messages: without envelope and signature
+  kSessions,   // connections; sockets of datagram clients
+  kQuestions,  // accepted by the library; at the server: read, complete and unchanged
+  kAnswers,    // received complete, unchanged and once; at the server: written
+  kLost,       // questions without an answer: the connection was cut or a datagram lost
+  kAgain,      // repeated datagrams
+  kRefused,    // datagrams refused by the server
+  kSent,       // bytes of messages, without envelope and signature
   kReceived,
-  kCut,  // by the chaos from here on: connections
+  kCut,  // connections; this and the following by the chaos
   kDropped,
   kDoubled,
-  kShort,   // sends and receives that moved only a part
-  kStalls,  // or nothing for a while
+  kShort,   // partial sends and receives
+  kStalls,  // pauses in sending or receiving
   kCounts
 };
 
-// The part of a run that a round trip fell into. Only an attack has three.
+// The part of a run in which a round trip ended: before, during and after an attack; before and among the rogues.
 enum Phase { kBefore, kDuring, kAfter, kPhases };
 
 struct Tally {
@@ -60,7 +60,7 @@ struct Tally {
   uint64_t operator[](Count count) const { return counts[count]; }
 };
 
-// What went wrong in a process: the first lines.
+// The first faults of a process.
 struct Faults {
   static constexpr uint32_t kMost = 12;
   static constexpr size_t kLength = 240;
@@ -72,10 +72,10 @@ struct Faults {
   char lines[kMost][kLength];
 };
 
-// What a process holds between two rounds.
+// Resources of a process between two rounds.
 struct Rest {
   uint64_t blocks;      // of the companion's account
-  int64_t unexplained;  // resident bytes beside those of the account
+  int64_t unexplained;  // resident bytes beyond the account
   int descriptors;
 };
 
@@ -83,11 +83,11 @@ struct Rest {
 struct Process {
   Tally kinds[kKindCount];
   Faults faults;
-  std::atomic<uint32_t> connected;      // clients that have had a first answer; at the server: connections now
-  std::atomic<bool> resting;            // no question is on its way
-  std::atomic<uint64_t> blocks, bytes;  // of the companion's account, while there is no connection
+  std::atomic<uint32_t> connected;      // clients with a first answer; at the server: open connections
+  std::atomic<bool> resting;            // no question is unanswered
+  std::atomic<uint64_t> blocks, bytes;  // of the companion's account, without connections
   uint64_t rounds;
-  double talking;         // seconds from the signal to go to the last answer
+  double talking;         // seconds from go to the last answer
   Rest warm[2], last[2];  // of this process and of the server, between two rounds
   // The server's.
   std::atomic<uint64_t> messages;  // read and written
@@ -95,9 +95,9 @@ struct Process {
   uint64_t accepted, farewells, most, waits, peakBuffers, leftBlocks;
 };
 
-// What a rogue saw.
+// How a rogue was treated.
 struct Seen {
-  int port;  // its own, by which the server's log tells of it
+  int port;  // of the rogue, as in the server's log
   size_t answers;
   bool ended;  // by the server
   double seconds;
@@ -105,7 +105,7 @@ struct Seen {
 
 struct Usage {
   long residentKb;
-  long peakKb;  // most that was ever resident
+  long peakKb;  // highest resident size
   int descriptors;
   double processor;  // seconds
 };
@@ -116,19 +116,19 @@ constexpr int kMostRogues = 24;
 struct Shared {
   std::atomic<bool> ready;  // the server listens
   std::atomic<bool> go;     // every client is connected
-  std::atomic<bool> stop;   // clients ask nothing more
-  std::atomic<bool> pause;  // clients ask nothing for now
+  std::atomic<bool> stop;   // clients ask no more questions
+  std::atomic<bool> pause;  // clients ask no questions for now
   std::atomic<int> phase;
   int ports[kPorts];
   Process server;
   Process workers[kMostProcesses];
   Seen rogues[kMostRogues];
-  Usage before, held, after;  // of an attacked server; held: the attackers are quiet but still there
+  Usage before, held, after;  // of an attacked server; held: the attackers are still connected
   bool ended;
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "atomics between processes must not need a lock");
 
-// The memory, all zero, until the pointer's end. Throws without memory. Pages that are not written to take no memory.
+// Zeroed memory, unmapped with the pointer. Throws if memory is out. Untouched pages take none.
 using SharedPtr = std::unique_ptr<Shared, void (*)(Shared*)>;
 SharedPtr MakeShared();
 

@@ -1,4 +1,4 @@
-// verdict.cc - puts together what both ends counted, and says whether all was right.
+// verdict.cc - compares what both ends of a run counted.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 namespace demo {
 namespace {
 
-constexpr int64_t kMostGrowth = 16 << 20;  // resident bytes beside the account: what a heap does not give back
+constexpr int64_t kMostGrowth = 16 << 20;  // resident bytes beyond the account, which a heap may keep
 
 class Verdict {
  public:
@@ -16,18 +16,17 @@ class Verdict {
       : options_(options), outcome_(*outcome), shared_(*outcome->shared), server_(shared_.server) {}
 
   void Judge() {
-    // What went wrong from outside comes first: it explains the rest, and without it the rest would only repeat it.
+    // If a process failed, its faults are the cause: the counts would only repeat it.
     AddFaults(server_.faults);
     for (const Process& worker : shared_.workers) AddFaults(worker.faults);
     if (!outcome_.problems.empty()) return AddRemarks();
     for (size_t kind = 0; kind < kKindCount; ++kind) CheckKind(kind);
     size_t index = 0;
     for (const Peer& peer : Peers()) {
-      const bool isThere = peer.does != nullptr && !options_.honestOnly && !options_.soak;
-      if (isThere) CheckRogue(peer, shared_.rogues[index++]);
+      if (peer.does != nullptr && outcome_.hasRogues) CheckRogue(peer, shared_.rogues[index++]);
     }
     CheckServer();
-    if (!options_.soak) return;
+    if (!options_.soak || outcome_.interrupted) return;
     const Process& worker = shared_.workers[0];
     CheckRest("the clients", worker.warm[0], worker.last[0]);
     CheckRest("the server", worker.warm[1], worker.last[1]);
@@ -38,21 +37,21 @@ class Verdict {
     for (uint32_t i = 0; i < faults.kept(); ++i) outcome_.problems.push_back(faults.lines[i]);
   }
 
-  // What the server said explains what else went wrong.
+  // The server's log may explain the problems.
   void AddRemarks() {
     for (size_t i = 0; i < std::min<size_t>(outcome_.remarks.size(), 4); ++i) {
-      outcome_.problems.push_back(fmt::format("the server says of a peer: {}", outcome_.remarks[i].why));
+      outcome_.problems.push_back(fmt::format("the server's log says of a peer: {}", outcome_.remarks[i].why));
     }
   }
 
   void Expect(std::string_view who, std::string_view what, uint64_t is, uint64_t least, uint64_t most) {
     if (is >= least && is <= most) return;
     const std::string range = least == most ? fmt::to_string(most) : fmt::format("{} to {}", least, most);
-    outcome_.problems.push_back(fmt::format("{}: {}: {} instead of {}", who, what, is, range));
+    outcome_.problems.push_back(fmt::format("{}: {}: {}, expected {}", who, what, is, range));
   }
 
-  // On a connection that was not cut both ends count the same. Of datagrams what is missing was dropped, and what came
-  // again was doubled; where the system has lost some it is not known which.
+  // On a connection that was not cut both ends count the same. Missing datagrams were dropped, repeated ones doubled,
+  // by the chaos or, in unknown directions, by the system.
   void CheckKind(size_t index) {
     const Kind& kind = kKinds[index];
     const Tally& server = server_.kinds[index];
@@ -78,7 +77,7 @@ class Verdict {
     cut_ += clients[kCut];
   }
 
-  // Of a rogue the server says what is expected.
+  // The server's log has the expected line about a rogue, or none if none is expected.
   void CheckRogue(const Peer& peer, const Seen& seen) {
     const auto remark = std::ranges::find(outcome_.remarks, seen.port, &Remark::port);
     const std::string says = remark != outcome_.remarks.end() ? remark->why : "";
@@ -86,9 +85,9 @@ class Verdict {
     const bool right = isExpected && seen.answers == peer.answers && (IsDatagram(peer.port) || seen.ended);
     outcome_.rogues.push_back({&peer, &seen, says, right});
     if (right) return;
-    outcome_.problems.push_back(fmt::format("the rogue that {}: the server says '{}' instead of '{}'; {} answers; {}",
-                                            peer.does, says, peer.says, seen.answers,
-                                            seen.ended ? "ended" : "goes on"));
+    outcome_.problems.push_back(
+        fmt::format("the rogue that {}: the server logged '{}', not '{}'; {} answers; connection {}", peer.does, says,
+                    peer.says, seen.answers, seen.ended ? "closed" : "open"));
   }
 
   void CheckServer() {
@@ -105,7 +104,7 @@ class Verdict {
     for (const Remark& remark : outcome_.remarks) {
       const auto isIt = [&](const RogueResult& rogue) { return rogue.seen->port == remark.port; };
       if (std::ranges::none_of(outcome_.rogues, isIt)) {
-        outcome_.problems.push_back(fmt::format("the server says of an honest client: {}", remark.why));
+        outcome_.problems.push_back(fmt::format("the server's log says of an honest client: {}", remark.why));
       }
     }
   }
@@ -132,7 +131,7 @@ class Verdict {
 void Sum(const Shared& shared, size_t kind, Tally* sum) {
   for (const Process& worker : shared.workers) {
     for (size_t i = 0; i < kCounts; ++i) sum->counts[i] += worker.kinds[kind].counts[i];
-    sum->latency[kDuring].Merge(worker.kinds[kind].latency[kDuring]);
+    for (size_t phase = 0; phase < kPhases; ++phase) sum->latency[phase].Merge(worker.kinds[kind].latency[phase]);
   }
 }
 

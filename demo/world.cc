@@ -16,12 +16,13 @@
 namespace demo {
 namespace {
 
-constexpr double kStartSeconds = 40;  // to listen, to connect
-constexpr double kEndSeconds = 60;    // for the last answers, beyond the time that clients talk
+constexpr double kStartSeconds = 40;  // limit for listening and for connecting
+constexpr double kEndSeconds = 60;    // limit for the last answers, after the time that clients talk
+constexpr double kAloneShare = 0.5;   // of the time that clients talk: before the rogues come
 constexpr size_t kSpareGuests = 64;
 constexpr double kPatience = 2, kPatienceInSoak = 10;  // of the server, seconds
 
-// Datagrams that the system has thrown away because a socket was full.
+// Datagrams that the system has dropped because a socket was full.
 uint64_t LostBySystem() {
   std::ifstream table("/proc/net/snmp");
   for (std::string names, values; std::getline(table, names) && std::getline(table, values);) {
@@ -49,14 +50,13 @@ class World {
 
   Outcome Run() {
     const uint64_t lost = LostBySystem();
-    shared_->phase = kDuring;
     Stages();
     if (const std::string failure = children_[0].Stop(); !failure.empty()) Problem(failure);
     outcome_.remarks = RemarksIn(children_[0].Log());
     children_.clear();
     ShowProgress("");
     outcome_.lostBySystem = LostBySystem() - lost;
-    Judge(options_, &outcome_);
+    if (shared_->go || !outcome_.interrupted) Judge(options_, &outcome_);
     return std::move(outcome_);
   }
 
@@ -76,12 +76,23 @@ class World {
       return count == options_.clients;
     };
     if (!WaitFor("all clients are connected", kStartSeconds, connected)) return;
-    outcome_.connecting = Now() - connecting;
+    const double began = Now();
+    outcome_.connecting = began - connecting;
+    const bool hasRogues = !options_.honestOnly && !options_.soak;
+    shared_->phase = hasRogues ? kBefore : kDuring;
     shared_->go = true;
-    if (!options_.honestOnly && !options_.soak) StartRogues();
-    WaitFor("all clients have ended", options_.seconds + kEndSeconds, [this] {
+    const auto ended = [this] {
       return std::all_of(children_.begin() + 1, children_.end(), [](Child& child) { return child.HasEnded(); });
-    });
+    };
+    if (hasRogues) {
+      const double end = began + kAloneShare * options_.seconds;
+      const auto over = [&] { return Now() >= end || IsInterrupted() || ended(); };
+      if (!WaitFor("honest clients alone", options_.seconds + kEndSeconds, over)) return;
+      shared_->phase = kDuring;
+      outcome_.alone = Now() - began;
+      if (!IsInterrupted()) StartRogues();
+    }
+    WaitFor("all clients have ended", options_.seconds + kEndSeconds, ended);
   }
 
   void StartClients() {
@@ -101,6 +112,7 @@ class World {
   }
 
   void StartRogues() {
+    outcome_.hasRogues = true;
     Seen* seen = shared_->rogues;
     for (const Peer& peer : Peers()) {
       if (peer.does == nullptr) continue;
@@ -115,7 +127,8 @@ class World {
     }
   }
 
-  // False when a child failed, or time is over. After a signal the clients are asked to come to an end.
+  // False if a child failed, the time is over, or a signal came before all clients were connected; after that a signal
+  // makes the clients finish.
   bool WaitFor(const char* what, double seconds, const std::function<bool()>& done) {
     for (const double end = Now() + seconds;; Sleep(0.02)) {
       for (Child& child : children_) {
@@ -123,7 +136,7 @@ class World {
       }
       if (children_[0].HasEnded()) Problem("the server ended before it was asked to");
       if (IsInterrupted()) outcome_.interrupted = shared_->stop = true;
-      if (IsInterrupted() && !shared_->go) Problem("interrupted before all clients were connected");
+      if (IsInterrupted() && !shared_->go) return false;
       if (Now() > end) Problem(fmt::format("{}: not within {} seconds", what, seconds));
       if (!outcome_.problems.empty()) return false;
       if (done()) return true;

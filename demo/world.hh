@@ -1,4 +1,4 @@
-// world.hh - one server and its honest clients at work, with rogues or through a bad network, from beginning to end.
+// world.hh - a run of one server and its honest clients: first alone, then among rogues; or through a bad network.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ namespace demo {
 struct Options {
   uint32_t clients = 400;
   uint32_t processes = 4;
-  uint32_t messages = 0;  // most of each client; 0: as many as fit into the time
+  uint32_t messages = 0;  // at most of each client; 0: as many as fit into the time
   double seconds = 5;
   bool honestOnly = false;
   bool soak = false;  // rounds through a bad network, and no rogues
@@ -19,13 +19,13 @@ struct Options {
   uint64_t seed = 0;
 };
 
-// What the server said of a peer.
+// A line of the server's log about a peer.
 struct Remark {
-  int port;  // the peer's
+  int port;  // of the peer
   std::string why;
 };
 
-// A rogue beside what the server made of it. remark: empty when it said nothing.
+// A rogue and how the server treated it. remark: empty if the server logged nothing.
 struct RogueResult {
   const Peer* peer;
   const Seen* seen;
@@ -36,27 +36,29 @@ struct RogueResult {
 struct Outcome {
   SharedPtr shared = MakeShared();
   double connecting = 0;  // seconds until every client was connected
+  double alone = 0;       // seconds until the rogues came; 0 without rogues
+  bool hasRogues = false;
   bool interrupted = false;
   uint64_t lostBySystem = 0;  // datagrams, of all programs
   std::vector<Remark> remarks;
-  std::vector<std::string> problems;  // empty: all was right
+  std::vector<std::string> problems;  // empty: the run was right
   std::vector<RogueResult> rogues;
 };
 
 #ifdef MQDEMO_INSTRUMENTED
-constexpr bool kInstrumented = true;  // most resident memory is the instrument's, not ours
+constexpr bool kInstrumented = true;  // most resident memory belongs to a sanitizer
 #else
 constexpr bool kInstrumented = false;
 #endif
 
-// Runs them to their end, or ends them: when one dies, when a deadline passes. After a signal they end early, in order.
+// Runs all processes to their end. Stops them if one fails or a deadline passes; a signal ends the run early, in order.
 Outcome RunWorld(const Options& options);
 
-// Whether nothing was lost or changed on the way, both ends counted the same, each rogue and no other peer was dropped,
-// and nothing was left: adds what was not right to the problems.
+// Adds to the problems if messages were lost or changed, the two ends counted differently, the server dropped the wrong
+// peers, or memory or descriptors were not released.
 void Judge(const Options& options, Outcome* outcome);
 
-// A client tally of this kind, over all processes.
+// Adds up the clients' tallies of this kind, over all processes.
 void Sum(const Shared& shared, size_t kind, Tally* sum);
 
 }  // namespace demo

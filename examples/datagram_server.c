@@ -22,8 +22,8 @@ static void on_signal(int number) {
   stop = 1;
 }
 
-/* Reads one datagram and answers it if it is a question. A bad datagram, or an answer that cannot be sent, is logged and
- * does not affect the next one. */
+/* Reads one datagram and answers it if it is a question. A bad datagram, or an answer that cannot be sent, is logged
+ * and does not affect the next one. */
 static void serve(MqServer* server, MQNode* node) {
   Records* const own = server->data;
   PcfMessage *const in = own->in, *const out = own->out;
@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   static Records own;
   MqServer server;
   const MqServerLimits limits = mq_server_limits();
-  const MqServerEvents events = {NULL, NULL, NULL, serve};
+  const MqServerEvents events = {.ready = serve};
   SockAddrRec addr;
   if (argc != 3 || !make_address(&addr, argv[1], argv[2], "udp")) {
     fprintf(stderr, "usage: datagram_server HOST SERVICE\n");

@@ -38,7 +38,7 @@ static int run(MqServer* server, MQNode* listener) {
 int main(int argc, char** argv) {
   MqServer server;
   MqServerLimits limits = mq_server_limits();
-  const MqServerEvents events = {answer, NULL, NULL, NULL};
+  const MqServerEvents events = {.message = answer};
   SockOption reuse = {SOCK_OPT_REUSEADDR, 0, 1};
   SockAddrRec addr;
   if (argc > 3) limits.clients = (int)strtol(argv[3], NULL, 10);

@@ -2,8 +2,8 @@
  * heartbeat: a server that does not answer in time is left. After each loss it connects anew, with pauses that grow and
  * are not the same for all clients, so that they do not all come back at once.
  *   uv_client HOST SERVICE TEXT [COUNT [MSEC]]
- * HOST is a number: looking up a name would block the loop. COUNT: answers until it ends (3). MSEC: milliseconds between
- * an answer and the next question, and for an answer (1000). */
+ * HOST is an IP address: a name lookup would block the loop. COUNT: answers until it ends (3). MSEC: milliseconds to
+ * wait for an answer, and after it before the next question (1000). */
 #include "mqnode/uv.h"
 
 #include <signal.h>

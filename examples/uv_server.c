@@ -1,7 +1,7 @@
 /* uv_server.c - answers many clients in a libuv loop, until SIGINT or SIGTERM.
  *   uv_server HOST SERVICE [CLIENTS [SECONDS]]
- * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: how long a client may take
- * for a message. mqnode/limits.h says what else is bounded; dropped clients are logged on standard error. */
+ * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: how long a client may
+ * stall within a message. mqnode/limits.h documents the other limits; dropped clients are logged on standard error. */
 #include "mqnode/uv.h"
 
 #include <signal.h>

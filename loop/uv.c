@@ -65,7 +65,7 @@ struct MqUv {
   Wheel wheel;
   int64_t armed; /* the tick that the timer is set for */
   int64_t away;  /* milliseconds in which the loop did not run */
-  int spared;    /* the timer was late, and nobody was looked at then */
+  int spared;    /* the timer was late the last time, and nodes were not judged */
   Link nodes, listeners;
   Link origins[ORIGIN_LISTS];
   Link soon; /* nodes with completions to tell of in the next turn */
@@ -328,7 +328,9 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   }
   node->uv = uv;
   node->begun = clock_of(uv);
-  int error = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun) ? 0 : node->step.error;
+  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun);
+  if (begun && is_listening(node)) begun = mq_step_listen(&node->step, uv->limits.backlog);
+  int error = begun ? 0 : node->step.error;
   if (error == 0) error = -uv_poll_init(uv->loop, &node->poll, mqnode->sock.fd);
   if (error != 0) {
     mqnode->error = error;
@@ -342,15 +344,16 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   return node;
 }
 
-/* Whether a gives way before b: of the address with more nodes, not one that was accepted after before, quiet longer. */
+/* Whether a gives way before b: first by the number of nodes of its address, then those that were not accepted after
+ * the time before, then by how long they have been quiet. */
 static int gives_way(const MqUvNode* a, const MqUvNode* b, int64_t before) {
   if (a->origin->nodes != b->origin->nodes) return a->origin->nodes > b->origin->nodes;
   if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
   return a->step.since < b->step.since;
 }
 
-/* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has as
- * many as they have. */
+/* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has
+ * as many as they have. */
 static MqUvNode* choose(const MqUv* uv) {
   MqUvNode* chosen = NULL;
   const int64_t before = clock_of(uv) - uv->limits.keptMsec;
@@ -572,7 +575,6 @@ static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* ev
 }
 
 MqUvNode* mq_uv_start(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
-  if (mqnode->role == MQ_ROLE_LISTEN && mq_step_listen(mqnode, &uv->limits) == MQ_STEP_FAILED) return NULL;
   MqUvNode* const node = take(uv, mqnode, secure, events, data);
   if (node != NULL) settle(node);
   return node;

@@ -4,6 +4,7 @@
 #include "mqnode/deliver.h"
 
 #include "mqnode/deliver.hh"
+#include "queue/queue.h"
 
 namespace {
 

@@ -29,6 +29,7 @@
 /* Places where a code is found; MqErrorInfo.places is a sum of these. */
 enum { MQ_IN_ANY = 0, MQ_IN_NODE = 1, MQ_IN_SOCKET = 2, MQ_IN_STATUS = 4 };
 
+/* MqErrorInfo - an entry of the table of errors. */
 typedef struct MqErrorInfo {
   int32_t code;
   uint32_t places;     /* sum of MQ_IN_NODE, MQ_IN_SOCKET, MQ_IN_STATUS */
@@ -126,8 +127,10 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "a datagram has no destination, or its destination does not resolve",
        "WriteSocket, and so mnWriteTo and the other writes on datagram nodes",
        "pass a destination that resolves; mnWrite passes none and is for streams only"},
-      {EMSGSIZE, kBoth, "EMSGSIZE", NULL, "the datagram is too long", "writes on datagram nodes",
-       "send at most 16520 bytes in a datagram, which is what a node receives, or use a stream"},
+      {EMSGSIZE, kBoth, "EMSGSIZE", NULL, "the datagram or message is too long",
+       "writes on datagram nodes; reads of nodes in an event loop, above messageBytes",
+       "send at most 16520 bytes in a datagram, which is what a node receives, or use a stream; raise messageBytes if "
+       "peers may send more"},
       {EPROTOTYPE, kBoth, "EPROTOTYPE", NULL, "protocol and socket type do not match", "CreateAnySocket",
        "use CreateSocket or CreateUDPSocket"},
       {ENOPROTOOPT, kBoth, "ENOPROTOOPT", NULL, "the option is not supported", "SetSocketOptions, GetSocketOptions",
@@ -172,6 +175,9 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "wait with mnNPost until the node is listed, instead of opening it again"},
       {EINPROGRESS, MQ_IN_SOCKET, "EINPROGRESS", NULL, "a connect is in progress",
        "seen only by the error callback of a transfer; the record stores 11", "wait until the socket is writable"},
+      {ECANCELED, kBoth, "ECANCELED", NULL, "the operation was cancelled, or its node was closed",
+       "nodes in an event loop (mqnode/asio.hpp, mqnode/uv.h)",
+       "nothing is wrong; a cancelled operation may be repeated while its node is open"},
   };
   if (count != NULL) *count = sizeof(table) / sizeof(table[0]);
   return table;

@@ -19,6 +19,7 @@
 #include "mqnode/secure_read.h"
 #include "mqnode/wait.h"
 #include "queue/queue.h"
+#include "runtime/buffer.h"
 #include "runtime/message.h"
 #include "runtime/runtime.h"
 #include "socksin/alarm.h"

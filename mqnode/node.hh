@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "mqnode/node.h"
+#include "runtime/runtime.h"
 
 namespace mq {
 

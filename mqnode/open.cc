@@ -5,6 +5,7 @@
 
 #include "mqnode/node.hh"
 #include "mqnode/wire.hh"
+#include "queue/queue.h"
 #include "socksin/connect.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "runtime/message.h"
+#include "runtime/runtime.h"
 
 namespace mq {
 

@@ -9,34 +9,13 @@
 #ifndef MQNODE_QUEUE_QUEUE_H
 #define MQNODE_QUEUE_QUEUE_H
 
-#include <stddef.h>
-#include <stdint.h>
-
+#include "queue/record.h"
 #include "runtime/api.h"
 
 MQ_BEGIN_C
 
-typedef struct QueueEntry {
-  struct QueueEntry* next; /* towards the tail; null for the last */
-  void* item;              /* the caller's */
-} QueueEntry;
-
-/* head and tail are both null exactly when count is 0. */
-typedef struct Queue {
-  QueueEntry* head;   /* what Qget takes next */
-  QueueEntry* tail;   /* what Qput links after */
-  QueueEntry* cursor; /* what Qnext returns next; null before Qstart and after the last entry */
-  int32_t count;      /* entries */
-  int32_t limit;      /* advisory maximum of count; -1 means none */
-} Queue;
-
-MQ_STATIC_ASSERT(sizeof(QueueEntry) == 16, "QueueEntry is 16 bytes");
-MQ_STATIC_ASSERT(offsetof(QueueEntry, item) == 8, "QueueEntry.item");
-MQ_STATIC_ASSERT(sizeof(Queue) == 32, "Queue is 32 bytes");
-MQ_STATIC_ASSERT(offsetof(Queue, tail) == 8, "Queue.tail");
-MQ_STATIC_ASSERT(offsetof(Queue, cursor) == 16, "Queue.cursor");
-MQ_STATIC_ASSERT(offsetof(Queue, count) == 24, "Queue.count");
-MQ_STATIC_ASSERT(offsetof(Queue, limit) == 28, "Queue.limit");
+typedef struct MQQueueEntry QueueEntry;
+typedef struct MQQueue Queue;
 
 /* Qalloc - create an empty queue with limit -1.
  * Result   the queue, to be released with Qfree; null if there is no memory */

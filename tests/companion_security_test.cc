@@ -1,7 +1,17 @@
 // companion_security_test.cc - keys, key files, the ring, signatures and the memory of accepted messages.
+#include <dlfcn.h>
 #include <sys/resource.h>
 
 #include "tests/support/records.hh"
+
+// Everything that was wiped.
+static std::optional<std::vector<Bytes>> wiped;
+
+extern "C" void sodium_memzero(void* const place, const size_t size) {
+  static const auto wipe = reinterpret_cast<void (*)(void*, size_t)>(dlsym(RTLD_NEXT, "sodium_memzero"));
+  if (wiped) wiped->emplace_back(static_cast<const char*>(place), size);
+  wipe(place, size);
+}
 
 namespace {
 
@@ -40,6 +50,8 @@ class SecurityTest : public Fixture {
   ~SecurityTest() override {
     mqc_set_window(300);
     mqc_set_replay_limit(262144);
+    mqc_set_opener(nullptr);
+    mqc_set_sealing(MQC_SEAL_MAY);
   }
   static bool Add(const char* user, const Keys& keys) { return mqc_ring_add(user, keys.open, nullptr, 0) == 1; }
   bool Load(const std::string& ring, mode_t mode = 0644) {
@@ -73,13 +85,25 @@ class SecurityTest : public Fixture {
     record->secHeader = envelope;
     if (spoil) spoil(record.record(), view);
     const bool accepted = 1 == mqc_authenticate(&record->secHeader, &view, record.get());
+    EXPECT_EQ(record.sealed(), accepted && envelope.version == 2);
+    if (record.sealed()) DumpPcfMessage(record.get());
     if (accepted) {
       EXPECT_TRUE(record.Read());
       EXPECT_EQ(Show(record), format("{0}{1}, foreign sender, {1}", kSample, record.sender()));
+      EXPECT_TRUE(record.Read() && !record.sealed()) << "a plain read came afterwards";
     } else {
+      EXPECT_TRUE(envelope.version != 2 || RawOf(record).find("foreign sender") == Bytes::npos);
       EXPECT_EQ(Show(record), "0:; , , ") << "nothing is shown that is not believed";
     }
     return accepted ? "" : mqc_authenticate_error();
+  }
+  // A message that alice sealed for bob, who reads it, and signed; by a program of her own.
+  Bytes Sealed(const Bytes& plain, const std::function<void(Bytes&)>& spoil = {}) const {
+    mqc_reset_replay(0);  // they all have the same time and nonce
+    const auto now = static_cast<uint64_t>(clock_now);
+    Bytes part = sender::Sealed(plain, "alice", "bob", bob_.open, now, "");
+    if (spoil) spoil(part);
+    return sender::Signed({true, true}, part, "alice", alice_.secret, now, "", 2);
   }
   void Send(const std::string& user, int count, How how = {}) {
     for (int i = 0; i < count && !HasFailure(); ++i) {
@@ -109,17 +133,25 @@ constexpr int kHour = 3600000;
 
 // ---- Signatures ----
 
-TEST_F(SecurityTest, EveryBitIsCovered) {
-  const Bytes wire = Sign();
-  ASSERT_EQ(wire.size(), 32 + 136 + kSampleBody + 96);
-  for (size_t bit = 0; bit < 8 * wire.size(); ++bit) {
-    Bytes tampered = wire;
-    tampered[bit / 8] = static_cast<char>(tampered[bit / 8] ^ 1 << bit % 8);
-    ASSERT_NE(Refusal(tampered), "") << "bit " << bit;
+Bytes Flip(Bytes bytes, size_t bit) {
+  bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8);
+  return bytes;
+}
+
+TEST_F(SecurityTest, EveryBitAndTheEndAreCovered) {
+  const Signer seals = alice_signer_.sealing("bob");
+  mqc_set_opener(bob_signer_.get());
+  for (const auto& [signer, behind] : {std::pair{&alice_signer_, 96}, {&seals, 64 + 96}}) {
+    const Bytes wire = Sign("alice", signer->get());
+    ASSERT_EQ(wire.size(), 32 + 136 + kSampleBody + behind);
+    for (size_t bit = 0; bit < 8 * wire.size(); ++bit) ASSERT_NE(Refusal(Flip(wire, bit)), "") << "bit " << bit;
+    for (size_t size = 33; size < wire.size(); ++size) {
+      ASSERT_NE(Refusal(With(wire.substr(0, size), 16, static_cast<uint32_t>(size - 32))), "") << size;
+    }
+    EXPECT_EQ(Refusal(wire), "") << "a refused message must not be remembered";
+    ExpectSays(Refusal(wire), "replay");
+    EXPECT_NE(wire, Sign("alice", signer->get())) << "a nonce is used once";
   }
-  EXPECT_EQ(Refusal(wire), "") << "a refused message must not be remembered";
-  ExpectSays(Refusal(wire), "replay");
-  EXPECT_NE(wire, Sign()) << "a nonce is used once";
 }
 
 // Bob signs well, then claims to be alice; alice's key is taken away, or replaced.
@@ -219,6 +251,100 @@ TEST_F(SecurityTest, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
   };
   for (const auto& [says, spoil] : rows) ExpectSays(Refusal(Sign(), spoil), says);
   EXPECT_EQ(Refusal(Sign(), [](auto& msg, auto& part) { part.data = msg.raw.data; }), "");
+}
+
+// ---- Sealed messages ----
+
+// Alice signs once more what somebody has changed in a message sealed for bob.
+TEST_F(SecurityTest, EveryBitOfASealedMessageIsBound) {
+  const Bytes plain = SampleFrom({true, true});
+  EXPECT_TRUE(mqc_set_opener(bob_signer_.get()));
+  EXPECT_EQ(Refusal(Sealed(plain)), "");
+  for (size_t bit = 0; bit < 8 * (plain.size() + 64); ++bit) {
+    ASSERT_NE(Refusal(Sealed(plain, [bit](Bytes& part) { part = Flip(part, bit); })), "") << "bit " << bit;
+  }
+}
+
+TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
+  const Signer other = Signer::create("bob", alice_.secret);
+  const auto now = static_cast<uint64_t>(clock_now);
+  const Bytes plain = SampleFrom({true, true}), part = sender::Sealed(plain, "alice", "bob", bob_.open, now, ""),
+              weak = sender::Sealed(plain, "alice", "bob", bob_.open, now, "", true);
+  const auto sealed = [&](size_t at, const Bytes& field) {
+    return Sealed(plain, [&](Bytes& changed) { changed.replace(plain.size() + at, field.size(), field); });
+  };
+  const std::tuple<MqcSealing, const Signer*, Bytes, const char*> rows[] = {
+      {MQC_SEAL_MAY, nullptr, Sealed(plain), "sealed for bob, and no key to open it is set"},
+      {MQC_SEAL_MAY, &alice_signer_, Sealed(plain), "sealed for bob, this reader is alice"},
+      {MQC_SEAL_MAY, &alice_signer_, sealed(0, {"alice", 5}), "the seal is broken"},
+      {MQC_SEAL_MAY, &other, Sealed(plain), "the seal is broken, or was made for another key of user bob"},
+      {MQC_SEAL_MAY, &bob_signer_, sealed(4, "x"), "cannot be one"},
+      {MQC_SEAL_MAY, &bob_signer_, sealed(15, "\1"), "the reserved bytes of the seal are not zero"},
+      {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, weak, "alice", alice_.secret, now, "", 2), "the seal is broken"},
+      // Signed by another user, or announced as a message that is not sealed.
+      {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, part, "bob", bob_.secret, now, "", 2), "the seal is broken"},
+      {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, part, "alice", alice_.secret, now, ""), "the first word"},
+      {MQC_SEAL_MAY, &bob_signer_, Sealed(SampleFrom({}, "bob")), "header and envelope name different users"},
+      {MQC_SEAL_MAY, &bob_signer_, Sealed(With(plain, 64, 7, true)), "the header says 7 bytes of body, there are 96"},
+      {MQC_SEAL_MUST, &bob_signer_, Sign(), "not sealed, and only sealed messages are accepted"},
+      {MQC_SEAL_MUST, &bob_signer_, Sealed(plain), ""},
+      {MQC_SEAL_NEVER, &bob_signer_, Sealed(plain), "sealed, and sealed messages are not accepted"},
+      {MQC_SEAL_NEVER, &bob_signer_, Sign(), ""},
+  };
+  for (const auto& [setting, reader, wire, says] : rows) {
+    ASSERT_TRUE(mqc_set_sealing(setting) && mqc_set_opener(reader != nullptr ? reader->get() : nullptr));
+    mqc_reset_replay(0);
+    const std::string refusal = Refusal(wire);
+    ExpectSays(refusal, says);
+    EXPECT_EQ(refusal.empty(), *says == '\0') << refusal;
+  }
+  EXPECT_FALSE(mqc_set_sealing(MQC_SEAL_NEVER + 1));
+}
+
+// Bob's key in alice's ring, and in his own file, is used to its last millisecond. His next key takes its place.
+TEST_F(SecurityTest, NothingIsSealedForAKeyThatIsOver) {
+  const std::string path = folder_.Name("secret"), line = format("bob {}", bob_.open_text);
+  EXPECT_TRUE(mqc_secret_file_write_until(path.c_str(), "bob", bob_.secret, clock_now, nullptr, 0));
+  EXPECT_TRUE(Load(line + " until=2023-11-14") && mqc_set_opener(Signer::load(path.c_str()).get()));
+  const Signer seals = alice_signer_.sealing("bob");
+  const auto refused = [&](const char* says) {
+    EXPECT_EQ(Sign("alice", seals.get()), "");
+    ExpectSays(mqc_sign_error(), says);
+    EXPECT_FALSE(alice_signer_.sealing("bob", &why_));
+    ExpectSays(why_.text, says);
+  };
+  clock_now = 1700006399999;
+  const Bytes last = Sign("alice", seals.get()), late = Sign("alice", seals.get());
+  EXPECT_EQ(Refusal(last), "");
+  clock_now += 1;
+  refused("the key of user bob ended on 2023-11-14");
+  ExpectSays(Refusal(late), "the key of user bob ended on 2023-11-14");
+  EXPECT_TRUE(Load(line + " revoked"));
+  refused("the key of user bob is revoked");
+  EXPECT_TRUE(Add("bob", alice_) && mqc_set_opener(Signer::create("bob", alice_.secret).get()));
+  EXPECT_EQ(Refusal(Sign("alice", seals.get())), "");
+  mqc_ring_clear();
+  refused("user bob is not in the ring");
+  EXPECT_FALSE(alice_signer_.sealing("b b"));
+}
+
+// Both sides wipe what a message's key was derived from, and the reader the copy of its own. A dump shows no byte.
+TEST_F(SecurityTest, SealsLeaveNothingBehind) {
+  const Signer seals = alice_signer_.sealing("bob");
+  EXPECT_TRUE(mqc_set_opener(bob_signer_.get()) && mqc_log_to(folder_.Name("log").c_str()));
+  wiped.emplace();
+  const Bytes wire = Sign("alice", seals.get());
+  EXPECT_EQ(Refusal(wire), "");
+  const auto all = *std::exchange(wiped, std::nullopt);
+  const auto count = [&](std::string_view start, size_t size) {
+    return std::ranges::count_if(all, [&](const Bytes& it) { return it.starts_with(start) && it.size() == size; });
+  };
+  EXPECT_EQ(count("MQSEAL02", 8 + 3 * 32 + 32), 2);
+  EXPECT_EQ(count("bob", 16 + 8 + 2 * 32), 1);
+  ExpectSays(Content(folder_.Name("log")), "1901W message of 232 bytes");
+  EXPECT_EQ(Content(folder_.Name("log")).find("1902W"), Bytes::npos);
+  EXPECT_EQ(Sign("alice", seals.get()).find(wire.substr(32 + 136 + kSampleBody + 16, 32)), Bytes::npos);
+  mqc_log_to(nullptr);
 }
 
 // ---- Accepted messages ----
@@ -417,16 +543,17 @@ TEST_F(SecurityTest, ARingIsLoadedWholeOrNotAtAll) {
   EXPECT_FALSE(mqc_ring_add("n", kNoKey, nullptr, 0));
 }
 
-// Each of the ten allocations for keys fails once. The fixture sees what is not released then.
+// Each of the twelve allocations for keys fails once. The fixture sees what is not released then.
 TEST_F(SecurityTest, KeysNeedMemory) {
   const std::string secret = folder_.Name("secret"), ring = folder_.File("ring", format("bob {}\n", bob_.open_text));
-  for (uint64_t nth = 1; nth <= 11; ++nth) {
+  for (uint64_t nth = 1; nth <= 13; ++nth) {
     unlink(secret.c_str());
     mqc_ring_clear();
     mqc_fail_allocation(nth, 0);
     const bool done = mqc_secret_file_write(secret.c_str(), "alice", alice_.secret, nullptr, 0) &&
-                      Signer::load(secret.c_str()) && Add("alice", alice_) && mqc_ring_load(ring.c_str(), nullptr, 0);
-    EXPECT_EQ(done, nth == 11) << nth;
+                      Signer::load(secret.c_str()) && Add("alice", alice_) && mqc_ring_load(ring.c_str(), nullptr, 0) &&
+                      alice_signer_.sealing("bob") && mqc_set_opener(bob_signer_.get());
+    EXPECT_EQ(done, nth == 13) << nth;
   }
 }
 

@@ -20,7 +20,7 @@ row() {
 
 arguments_and_addresses() {
   local name
-  for name in {,multi_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
+  for name in {,multi_,epoll_,cpp_,signed_,datagram_}server {,cpp_,signed_,datagram_}client; do
     row 2 usage "$name" 127.0.0.1
   done
   row 2 usage multi_server 127.0.0.1 0 1001
@@ -98,7 +98,7 @@ dies() {
   started+=("$pid")
   for _ in {1..200}; do
     read -r -a children <"/proc/$pid/task/$pid/children"
-    ((${#children[@]} > 3)) && break # the server, the clients, the rogues
+    ((${#children[@]} > 2)) && break # the server, the clients
     sleep 0.05
   done
   kill -KILL "${children[$1]}"
@@ -106,21 +106,21 @@ dies() {
   wait "$pid"
   same "exit code without the $2" 1 $?
   ((SECONDS < 15)) || fail "$SECONDS s without the $2"
-  has died 'Not right:' "the $2 was ended by signal 9"
+  has died 'FAILED:' "the $2 was ended by signal 9"
   same "processes left without the $2" '' "$(ps -o pid=,stat= -p "${children[*]}" | grep -v Z)"
 }
 
 demonstration() {
   local interrupted=(timeout --preserve-status -s INT -k 20 2 mqdemo)
-  row 0 'UDP signed*0 blocks left*All right: 30 questions, 30 answers' \
+  row 0 'UDP signed*0 blocks not released*OK: 30 questions, 30 answers' \
     mqdemo --clients 6 --processes 1 --messages 5 --honest-only
-  row 0 'All right' "${interrupted[@]}" --seconds 60 --clients 20
-  row 0 'All right' "${interrupted[@]}" soak --seconds 60
-  row 1 'not run' "${interrupted[@]}" hostile --server multi_server --seconds 60
+  row 130 'interrupted*OK:' "${interrupted[@]}" --seconds 60 --clients 20
+  row 130 'interrupted*OK:' "${interrupted[@]}" soak --seconds 60
+  row 130 '15 of 15 attacks not finished' "${interrupted[@]}" hostile --server multi_server --seconds 60
   dies 0 server
   dies 1 'client process 1'
   row 2 --messages mqdemo --messages many
-  row 2 'there is no' mqdemo hostile --attack politeness
+  row 2 'unknown name' mqdemo hostile --attack politeness
   row 2 ulimit bash -c 'ulimit -n 100 && exec mqdemo --clients 400'
   row 2 'cannot write' bash -c 'exec mqdemo --clients 1 --messages 1 --honest-only >/dev/full'
 }

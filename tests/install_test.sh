@@ -18,9 +18,11 @@ diff - contents <<'CONTENTS' || fail 'the packages contain something else, see a
 Package: libmqcompanion1 Depends: libc6, libsodium
   lib/libmqcompanion.so.1.x
   lib/libmqcompanion.so.1
+Package: libmqnode-asio-dev Depends: libmqnode-dev, libasio-dev
 Package: libmqnode-dev Depends: libmqnode1, libmqcompanion1
   lib/libmqcompanion.so
   lib/libmqnode.so
+  share/man/man7/mqnode.7.gz
 Package: libmqnode-uv-dev Depends: libmqnode-uv1, libmqnode-dev, libuv1-dev
   lib/libmqnode-uv.so
 Package: libmqnode-uv1 Depends: libmqnode1, libmqcompanion1, libc6, libuv1
@@ -33,15 +35,20 @@ Package: mqnode-bridge Depends: libmqnode1, libmqcompanion1, libmqnode-uv1, libc
   bin/mqbridge
   lib/systemd/system/mqbridge@.service
   share/man/man1/mqbridge.1.gz
+Package: mqnode-doc
 Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libpcap0.8, libsodium, libstdc++6
   bin/mqcat
+  lib/wireshark/plugins/mqnode.lua
   share/bash-completion/completions/mqcat
+  share/fish/vendor_completions.d/mqcat.fish
   share/man/man1/mqcat.1.gz
+  share/zsh/vendor-completions/_mqcat
 CONTENTS
 
 prefix=$work/root/usr
 lib=$prefix/lib/x86_64-linux-gnu
 export PKG_CONFIG_PATH=$lib/pkgconfig LD_LIBRARY_PATH=$lib
+for document in html/index.html docs/guide.md examples/hello.c; do quietly test -f "$prefix/share/doc/mqnode/$document"; done
 same 'installed headers' \
   "$(cd "$tree" && git ls-files '*.h' '*.hpp' | grep -E '^(mqnode|queue|runtime|socksin|sockutil|companion|cpp|loop/mqnode)/' |
     sed -E 's,^(cpp|loop)/,,' | sort)" \
@@ -66,15 +73,23 @@ int main(void) {
   return uv_run(uv_default_loop(), UV_RUN_DEFAULT);
 }
 SOURCE
+cat >asio.cc <<'SOURCE'
+#include <mqnode/asio.hpp>
+int main() { return mqnode::AsyncNode().status() ? 1 : 0; }
+SOURCE
 cat >CMakeLists.txt <<'PROJECT'
 cmake_minimum_required(VERSION 3.13)
 project(outside C CXX)
-find_package(mqnode 1.0 REQUIRED COMPONENTS uv)
+find_package(mqnode 1.0 REQUIRED COMPONENTS uv asio)
 set(CMAKE_CXX_STANDARD 17)
 add_executable(cpp cpp.cc)
 target_link_libraries(cpp mqnode::companion mqnode::mqnode)
 add_executable(bare bare.c)
 target_link_libraries(bare mqnode::host)
+if(TARGET mqnode::asio)
+  add_executable(asio asio.cc)
+  target_link_libraries(asio mqnode::asio)
+endif()
 if(TARGET mqnode::uv)
   add_executable(uv uv.c)
   target_link_libraries(uv mqnode::uv)
@@ -87,13 +102,16 @@ quietly cc -Wl,--as-needed bare.c -o pkg-config/bare "${flags[@]}"
 read -ra flags < <(pkg-config --cflags --libs mqnode-uv)
 quietly cc -std=gnu11 -Wl,--as-needed uv.c -o pkg-config/uv "${flags[@]}"
 quietly ./pkg-config/uv
+read -ra flags < <(pkg-config --cflags --libs mqnode-asio)
+quietly c++ -std=c++20 asio.cc -o pkg-config/asio "${flags[@]}"
 quietly cmake -B find_package -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed
 quietly cmake --build find_package
 quietly ./find_package/uv
 # The same project with the tree inside it.
 sed "s,^find_package.*,add_subdirectory($tree mqnode)," CMakeLists.txt >inside
 mkdir -p add_subdirectory/source && mv inside add_subdirectory/source/CMakeLists.txt && cp ./*.c* add_subdirectory/source
-quietly cmake -S add_subdirectory/source -B add_subdirectory -G Ninja -DCMAKE_DISABLE_FIND_PACKAGE_fmt=ON
+quietly cmake -S add_subdirectory/source -B add_subdirectory -G Ninja \
+  -DCMAKE_DISABLE_FIND_PACKAGE_{CLI11,fmt,nlohmann_json}=ON
 quietly ninja -C add_subdirectory -t query bare
 for program in {pkg-config,find_package}/{cpp,bare}; do
   quietly "./$program"

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "mqnode/mqnode.hpp"
+#include "runtime/runtime.h"
 #include "tests/support/sender.hh"
 
 namespace {
@@ -76,7 +77,7 @@ void LiveAlone(int thread, const User& user, std::barrier<>* start) {
   PcfRawData* const raw = &alien.record().raw;
   foreign.copy(reinterpret_cast<char*>(raw->data), raw->length = size);
   EXPECT_TRUE(AlienToNative(raw) && AlienPcfToNative(alien.get()) && RawToPcf(alien.get()));
-  const Signer signer = user.MakeSigner();
+  const Signer signer = user.MakeSigner(), seals = signer.sealing(user.name.c_str());
   DumpPcfMessage(alien.get());
   HearOnlyOwnFailures(thread);
 
@@ -96,7 +97,8 @@ void LiveAlone(int thread, const User& user, std::barrier<>* start) {
       }
     };
     talk(nullptr);
-    std::thread(talk, signer.get()).join();
+    EXPECT_TRUE(mqc_set_opener(signer.get())) << "replaced while others read";
+    std::thread(talk, (round % 2 != 0 ? signer : seals).get()).join();
   }
 }
 

@@ -10,7 +10,9 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include "mqnode/mqnode.h"
+#include "mqnode/deliver.h"
+#include "mqnode/node.h"
+#include "socksin/options.h"
 
 #ifndef CLOCK_MONOTONIC
 #error "mqnode/finish.h needs clock_gettime: compile with -std=gnu11, or with -D_POSIX_C_SOURCE=200809L"

@@ -47,9 +47,20 @@
 #include <utility>
 
 #include "companion/host.h"
+#include "mqnode/compose.h"
+#include "mqnode/create.h"
+#include "mqnode/deliver.h"
 #include "mqnode/errors.h"
 #include "mqnode/finish.h"
-#include "mqnode/mqnode.h"
+#include "mqnode/node.h"
+#include "mqnode/open.h"
+#include "mqnode/read.h"
+#include "mqnode/secure_read.h"
+#include "mqnode/wait.h"
+#include "runtime/message.h"
+#include "socksin/options.h"
+#include "socksin/record.h"
+#include "socksin/wait.h"
 
 namespace mqnode {
 
@@ -331,6 +342,8 @@ class MessageRef {
   std::string_view sender() const noexcept {
     return detail::text_of(pointer_->secHeader.userId, sizeof pointer_->secHeader.userId);
   }
+  // Whether that message was sealed and has been opened: mqc_sealed.
+  bool sealed() const noexcept { return mqc_sealed(pointer_) != 0; }
   // User and program in the message's header; empty for a record without a raw message.
   std::string_view user() const noexcept { return header_text(offsetof(MsgHeader, userId), sizeof(MsgHeader::userId)); }
   std::string_view application() const noexcept {
@@ -396,6 +409,11 @@ class Signer : public detail::Owned<detail::SignerRef, mqc_signer_free> {
   // mqc_signer_load. user null: the only key in the file. Empty after a failure, as above.
   static Signer load(const char* path, const char* user = nullptr, ErrorText* why = nullptr) noexcept {
     return Signer(mqc_signer_load(path, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
+  }
+  // mqc_signer_sealing: a signer that also seals what it signs, for this user of the ring. Empty after a failure, as
+  // above.
+  Signer sealing(const char* user, ErrorText* why = nullptr) const noexcept {
+    return Signer(mqc_signer_sealing(pointer_, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
   }
 };
 
@@ -478,8 +496,11 @@ class NodeRef {
   Result set_linger(int seconds) const noexcept {
     return set_option({SOCK_OPT_LINGER, seconds < 0 ? 0 : seconds, seconds >= 0});
   }
-  // ListenSocket, of a listening node: how many connections may wait to be accepted.
-  Result set_backlog(int connections) const noexcept { return of_socket(ListenSocket(&pointer_->sock, connections)); }
+  // Of a listening node: how many connections may wait to be accepted. The system may allow fewer.
+  Result set_backlog(int connections) const noexcept {
+    const bool done = listen(descriptor(), connections) == 0;
+    return {done ? 1 : 0, done ? MQ_OK : errno, MQ_IN_SOCKET};
+  }
   // Most writes that may be outstanding; 0 or less: no limit.
   void set_write_limit(std::int32_t writes) const noexcept { pointer_->writeLimit = writes; }
   // mnSetTraceCallBack; null for none.

@@ -5,7 +5,7 @@
  *
  *   MqServer server;
  *   const MqServerLimits limits = mq_server_limits();
- *   const MqServerEvents events = {answer, NULL, NULL, NULL};
+ *   const MqServerEvents events = {.message = answer};
  *   if (mq_server_open(&server, &limits, &events, NULL) && mq_server_add(&server, listener, 0)) {
  *     while (!stop && mq_server_round(&server, 1000)) continue;
  *     mq_server_end(&server, 2000);
@@ -13,21 +13,25 @@
  *   mq_server_close(&server);
  *
  * Rules
- *   Reading    one message of each client in a round. A message that is longer than messageBytes is not taken in
- *   Writing    a queued write is finished when its socket takes more. A client that sends another message while more
- *              than waitingBytes wait behind its oldest answer is dropped. After a write with result 0 the application
- *              drops the client: mq_server_wrote gives the reason
- *   Time       a client owes something until it has sent its first message, while it is in the middle of a message, and
- *              while answers wait for it. It is dropped after midwayMsec in which it neither began nor finished a
- *              message and moved fewer than progressBytes; when it owes nothing, after idleMsec. Time in which the
- *              server itself did not run does not count
+ *   Reading    messagesPerRound messages of each client in a round, one while answers wait for it. A message that is
+ *              longer than messageBytes is not taken in. While the application has set reading to 0, no client is read
+ *              from or accepted
+ *   Writing    a queued write is finished when its socket takes more. A client for which more than waitingBytes wait
+ *              behind the oldest answer is dropped when it sends another message; with pauses it is not read from until
+ *              it has taken some. After a write with result 0 the application drops the client: mq_server_wrote gives
+ *              the reason
+ *   Time       a client owes something while it is in the middle of a message, and while answers wait for it. It is
+ *              dropped after midwayMsec in which it neither began nor finished a message and moved fewer than
+ *              progressBytes; when it owes nothing, after idleMsec, before its first message after firstMsec. Time in
+ *              which the server itself did not run does not count
  *   Places     when all places are taken, or no descriptor is left, a newcomer takes the place of another client: of
  *              the address with the most clients, the one that has been quiet longest. One address can therefore push
  *              out clients of others only until it has as many as they have. A client keeps its place for keptMsec
  *   Accepting  while no place and no descriptor can be had, the listening nodes are not waited for, until a client has
  *              gone or a second is over
- *   Failures   a client whose read or queued write fails is dropped, and no other
- *   Memory     a receive area that a long message has made large is given back within a second after the message
+ *   Failures   a client whose read or queued write fails is dropped, and no other. The failed event may keep a client
+ *              after a message that was not accepted but has an end, so that the next one can be read
+ *   Memory     what a long message has made large is given back within a second after the message
  *   Log        a line for each dropped client, logLinesPerSecond at most, then the number of those left out
  *
  * An application ignores SIGPIPE. A server, its nodes and its clients are used by one thread at a time. */
@@ -44,9 +48,21 @@
 #include <sys/socket.h>
 
 #include "companion/host.h"
+#include "mqnode/compose.h"
+#include "mqnode/deliver.h"
 #include "mqnode/errors.h"
 #include "mqnode/finish.h"
-#include "mqnode/mqnode.h"
+#include "mqnode/node.h"
+#include "mqnode/open.h"
+#include "mqnode/read.h"
+#include "mqnode/secure_read.h"
+#include "mqnode/wait.h"
+#include "queue/queue.h"
+#include "runtime/buffer.h"
+#include "runtime/message.h"
+#include "socksin/connect.h"
+#include "socksin/options.h"
+#include "socksin/record.h"
 
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
@@ -54,28 +70,41 @@ enum {
   MQ_SERVER_NODES = 8,       /* most nodes that are added to a server */
   MQ_SERVER_AREA = 16520,    /* bytes of a node's first receive area */
   MQ_SERVER_LOOK_MSEC = 100, /* clients are looked at so often at most */
-  MQ_SERVER_AWAY_MSEC = 500  /* a look that comes so late shows that the server did not run */
+  MQ_SERVER_AWAY_MSEC = 500, /* a look that comes so late shows that the server did not run */
+  MQ_SERVER_PAUSE_MSEC = 10  /* between two attempts to write to a client that is not read from */
 };
 
-/* What a client may cost. All values are positive unless their line says otherwise. */
+/* Reasons for which a server itself drops or refuses a client, other than a code's name. */
+#define MQ_SERVER_TOO_SLOW "too slow"
+#define MQ_SERVER_IDLE "idle"
+#define MQ_SERVER_TAKES_NO_ANSWERS "takes no answers"
+#define MQ_SERVER_TOO_LONG "its message is too long"
+#define MQ_SERVER_LEFT_MIDWAY "left in the middle of a message, or before its answer"
+#define MQ_SERVER_PLACE_NEEDED "its place is needed"
+#define MQ_SERVER_NO_PLACE "its address has all its places"
+
+/* MqServerLimits - what a client may cost. All values are positive unless their line says otherwise. */
 typedef struct MqServerLimits {
   int clients;            /* connected at once: 1000 */
   int clientsPerAddress;  /* connected at once from one address: 1000. Newcomers beyond that are refused */
   int backlog;            /* connections that wait to be accepted: 128. The system may allow fewer */
   int acceptsPerRound;    /* 32: connected clients are served in between */
+  int messagesPerRound;   /* of one client: 1 */
   int logLinesPerSecond;  /* 20 */
   int midwayMsec;         /* milliseconds without progress of a client that owes something: 10000 */
+  int firstMsec;          /* milliseconds from the connection to the first message: 10000 */
   int idleMsec;           /* milliseconds without progress of a client that owes nothing: 600000 */
   int keptMsec;           /* milliseconds that a client keeps its place: 1000; 0: it may lose it at once */
   uint32_t messageBytes;  /* of a message without its header, of a signed one without its envelope: 65536 */
   uint32_t waitingBytes;  /* of answers that wait behind the oldest one: 262144; 0: none may */
   uint32_t progressBytes; /* sent or received within a message that count as progress: 65536 */
   uint32_t socketBytes;   /* of the system's buffers of a client, each direction: 65536; 0: as the system likes */
+  int pauses;             /* 0; 1: a client that does not take its answers is not read from, instead of dropped */
 } MqServerLimits;
 
 typedef struct MqServer MqServer;
 
-/* A connected client. It is valid until its dropped event has returned. */
+/* MqServerClient - a connected client. It is valid until its dropped event has returned. */
 typedef struct MqServerClient {
   MQNode* node;         /* the server's: write to it, do not read from it or delete it */
   const MQNode* origin; /* the listening node that accepted it */
@@ -83,20 +112,21 @@ typedef struct MqServerClient {
   int secure;           /* as given to mq_server_add */
   int leaving;          /* 1 after it was dropped */
   const char* why;      /* it was dropped; null without a fault */
+  int lost;             /* queued answers that were lost, once it was dropped */
+  uint64_t whole;       /* bytes received until the end of the last whole message */
   in_addr_t address;    /* this and what follows belong to the server */
   int midway;           /* in the middle of a message, or answers wait, when last seen */
   int shut;             /* the sending side is shut down */
   uint32_t done;        /* messages read and written when last seen */
   uint64_t moved;       /* bytes sent and received when progress was last seen */
-  uint64_t whole;       /* bytes received until the end of the last whole message */
   int64_t accepted;     /* milliseconds */
   int64_t since;        /* milliseconds: when progress was last seen */
   int64_t turn;         /* the clients of one address make room in this order; in the future: not yet */
 } MqServerClient;
 
-/* What a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null; message only without
- * listening nodes. An event may write to any client and drop any client; it must not call these three functions. A text
- * that it returns or gives to mq_server_drop must live until the dropped event. */
+/* MqServerEvents - what a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null;
+ * message only without listening nodes. An event may write to any client and drop any client; it must not call these
+ * three functions. A text that it returns or gives to mq_server_drop must live until the dropped event. */
 typedef struct MqServerEvents {
   /* A whole message was read. Null, or why the client is dropped. The record belongs to the server. */
   const char* (*message)(MqServer* server, MqServerClient* client, PcfMessage* msg);
@@ -107,13 +137,20 @@ typedef struct MqServerEvents {
   void (*dropped)(MqServer* server, MqServerClient* client, const char* why);
   /* A datagram node that was added can be read. */
   void (*ready)(MqServer* server, MQNode* node);
+  /* A message of a client was not accepted, or its rest will not come: client->node->error is the code, and the node's
+   * recvBuffer.data begins with what arrived of it, client->node->sock.bytesReceived - client->whole bytes in all.
+   * Returns why the client is dropped, such as the given reason. Null keeps it after MQ_BAD_BODY and MQ_NOT_AUTHENTIC;
+   * after any other code it is dropped without a line in the log. */
+  const char* (*failed)(MqServer* server, MqServerClient* client, const char* why);
 } MqServerEvents;
 
+/* MqServer - a server. */
 struct MqServer {
-  MqServerLimits limits;          /* as given; may be changed, but for clients */
-  MqServerEvents events;          /* as given */
-  void* data;                     /* the application's */
-  FILE* log;                      /* stderr at first; null: no log */
+  MqServerLimits limits;                           /* as given; may be changed, but for clients */
+  MqServerEvents events;                           /* as given */
+  void* data;                                      /* the application's */
+  void (*log)(MqServer* server, const char* line); /* prints the line on stderr at first; null: no log */
+  int reading;                    /* 1 at first. 0: nothing more is read or accepted, also in the round in progress */
   int status;                     /* of the last wait */
   int count;                      /* clients */
   MqServerClient** clients;       /* in the order of their nodes' places in memory; behind them, unused records */
@@ -137,23 +174,36 @@ struct MqServer {
 
 /* mq_server_limits - the default limits, which MqServerLimits names. */
 static inline MqServerLimits mq_server_limits(void) {
-  const MqServerLimits limits = {1000, 1000, 128, 32, 20, 10000, 600000, 1000, 65536, 262144, 65536, 65536};
+  const MqServerLimits limits = {1000,   1000, 128,   32,     1,     20,    10000, 10000,
+                                 600000, 1000, 65536, 262144, 65536, 65536, 0};
   return limits;
 }
 
 /* ---- Log ---- */
 
-/* mq_server_say - write the line "what IP:PORT: why" to the log, unless this second has had its lines. */
+/* Internal: the log that a server has at first. */
+static inline void mq_server_print(MqServer* server, const char* line) {
+  (void)server;
+  fprintf(stderr, "%s\n", line);
+}
+
+/* mq_server_say - write the line "what IP:PORT: why" to the log, unless this second has had its lines. At most 1000
+ * characters are written. */
 static inline void mq_server_say(MqServer* server, const char* what, const SockAddrRec* peer, const char* why) {
+  char line[1001];
   if (server->lines++ >= server->limits.logLinesPerSecond || server->log == NULL) return;
-  fprintf(server->log, "%s %s:%u: %s\n", what, peer->ip, (unsigned)peer->port, why);
+  snprintf(line, sizeof line, "%s %s:%u: %s", what, peer->ip, (unsigned)peer->port, why);
+  server->log(server, line);
 }
 
 /* Internal: end a second. Say how many lines were left out in it. */
 static inline void mq_server_end_second(MqServer* server) {
+  char line[40];
   const int untold = server->lines - server->limits.logLinesPerSecond;
-  if (untold > 0 && server->log != NULL) fprintf(server->log, "... and %d more\n", untold);
   server->lines = 0;
+  if (untold <= 0 || server->log == NULL) return;
+  snprintf(line, sizeof line, "... and %d more", untold);
+  server->log(server, line);
 }
 
 /* ---- Clients ---- */
@@ -166,6 +216,7 @@ static inline void mq_server_drop(MqServer* server, MqServerClient* client, cons
   client->leaving = 1;
   client->why = why;
   if (why != NULL) mq_server_say(server, "dropped", &client->node->sock.name, why);
+  if (client->node->pending != NULL) client->lost += Qdepth(client->node->pending);
   /* A client that has shut down its sending side and received everything is closed without a reset, so that its
    * mq_finish succeeds. Others are reset: the system would otherwise keep the data that they do not read. */
   if (why == NULL && client->node->error == SOCK_PEER_CLOSED && mq_finish_confirmed(client->node)) {
@@ -251,11 +302,22 @@ static inline int64_t mq_server_quiet(const MqServer* server, MqServerClient* cl
 
 /* Internal: why a client is to be dropped now, or null. */
 static inline const char* mq_server_overdue(const MqServer* server, MqServerClient* client) {
+  const MqServerLimits* const limits = &server->limits;
   const int64_t quiet = mq_server_quiet(server, client);
-  const int owes = client->midway || client->node->msgsRead == 0;
-  if (!owes) return quiet >= server->limits.idleMsec ? "idle" : NULL;
-  if (quiet < server->limits.midwayMsec) return NULL;
-  return client->node->pending != NULL ? "takes no answers" : "too slow";
+  const int most = client->midway               ? limits->midwayMsec
+                   : client->node->msgsRead > 0 ? limits->idleMsec
+                                                : limits->firstMsec;
+  if (quiet < most) return NULL;
+  if (client->node->pending != NULL) return MQ_SERVER_TAKES_NO_ANSWERS;
+  return client->midway ? MQ_SERVER_TOO_SLOW : MQ_SERVER_IDLE;
+}
+
+/* Internal: give back what a long message has made large. */
+static inline void mq_server_shrink(MqServer* server) {
+  PcfMessage* const fresh = server->in->raw.capacity > MQ_SERVER_AREA ? mqc_message_new(0) : NULL;
+  if (fresh == NULL) return;
+  mqc_message_free(server->in);
+  server->in = fresh;
 }
 
 /* Internal: look at all clients, ten times a second at most; once a second give memory back and accept again.
@@ -275,6 +337,7 @@ static inline void mq_server_look(MqServer* server, int waited) {
     if (why == NULL && newSecond) mq_server_arm(client);
   }
   if (!newSecond) return;
+  mq_server_shrink(server);
   mq_server_end_second(server);
   server->accepting = 1;
 }
@@ -312,7 +375,7 @@ static inline MqServerClient* mq_server_choose(MqServer* server) {
 /* Internal: drop the client that was chosen. 1; 0 when none was. */
 static inline int mq_server_make_room(MqServer* server, MqServerClient* chosen) {
   if (chosen == NULL) return 0;
-  mq_server_drop(server, chosen, "its place is needed");
+  mq_server_drop(server, chosen, MQ_SERVER_PLACE_NEEDED);
   mq_server_sweep(server);
   return 1;
 }
@@ -330,7 +393,7 @@ static inline int mq_server_is_crowded(const MqServer* server, in_addr_t address
  * null. */
 static inline const char* mq_server_admit(MqServer* server, int index, MQNode* node, MqServerClient* chosen) {
   const in_addr_t address = inet_addr(node->sock.name.ip);
-  if (mq_server_is_crowded(server, address)) return "its address has all its places";
+  if (mq_server_is_crowded(server, address)) return MQ_SERVER_NO_PLACE;
   if (!NoblockSocket(&node->sock)) return mq_error_name(node->sock.error);
   mq_server_make_room(server, chosen);
   SetTcpNoDelay(&node->sock, 1);
@@ -382,11 +445,10 @@ static inline void mq_server_accept(MqServer* server, int index) {
 /* Internal: bytes of answers that wait behind the oldest one, which may be of any size. */
 static inline uint64_t mq_server_waiting(const MQNode* node) {
   uint64_t bytes = 0;
-  const IoBuffer* write;
-  if (node->pending == NULL) return 0;
-  Qstart(node->pending);
-  Qnext(node->pending);
-  while ((write = (const IoBuffer*)Qnext(node->pending)) != NULL) bytes += write->length;
+  if (node->pending == NULL || node->pending->head == NULL) return 0;
+  for (const struct MQQueueEntry* entry = node->pending->head->next; entry != NULL; entry = entry->next) {
+    bytes += ((const IoBuffer*)entry->item)->length;
+  }
   return bytes;
 }
 
@@ -403,33 +465,44 @@ static inline uint32_t mq_server_announced(const MqServerClient* client) {
   return first == size ? length : __builtin_bswap32(length);
 }
 
-/* Internal: a read gave no message. */
-static inline void mq_server_read_failed(MqServer* server, MqServerClient* client) {
+/* Internal: a read gave no message. 1 when the next one can be read. */
+static inline int mq_server_read_failed(MqServer* server, MqServerClient* client) {
   const MQNode* const node = client->node;
+  const int gone = node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
+  const int whole = node->error == MQ_BAD_BODY || node->error == MQ_NOT_AUTHENTIC;
   const int midway = node->sock.bytesReceived != client->whole || node->pending != NULL;
-  if (node->error == MQ_AGAIN) return; /* the node keeps what it has, the next read goes on */
-  if (node->error != SOCK_PEER_CLOSED && node->error != ECONNRESET) {
-    mq_server_drop(server, client, mq_error_name(node->error));
-  } else {
-    mq_server_drop(server, client, midway ? "left in the middle of a message, or before its answer" : NULL);
-  }
+  const char* why = !gone ? mq_error_name(node->error) : midway ? MQ_SERVER_LEFT_MIDWAY : NULL;
+  if (node->error == MQ_AGAIN) return 0; /* the node keeps what it has, the next read goes on */
+  if (why != NULL && server->events.failed != NULL) why = server->events.failed(server, client, why);
+  if (whole) client->whole = node->sock.bytesReceived;
+  if (!whole || why != NULL) mq_server_drop(server, client, why);
+  return !client->leaving;
 }
 
-/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. */
-static inline void mq_server_read(MqServer* server, MqServerClient* client) {
+/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when there may
+ * be another one. */
+static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   MQNode* const node = client->node;
-  if (mq_server_waiting(node) > server->limits.waitingBytes) {
-    mq_server_drop(server, client, "takes no answers");
-  } else if (!(client->secure ? mnSReadMsg(node) : mnReadMsg(node))) {
-    mq_server_read_failed(server, client);
-  } else if (mq_server_announced(client) > server->limits.messageBytes) {
-    mq_server_drop(server, client, "its message is too long");
-  } else if (!mnSRead(server->in, node, client->secure, NULL)) {
-    mq_server_read_failed(server, client);
-  } else {
-    client->whole = node->sock.bytesReceived;
-    const char* const why = server->events.message(server, client, server->in);
-    if (why != NULL) mq_server_drop(server, client, why);
+  if (!(client->secure ? mnSReadMsg(node) : mnReadMsg(node))) return mq_server_read_failed(server, client);
+  if (mq_server_announced(client) > server->limits.messageBytes) {
+    mq_server_drop(server, client, MQ_SERVER_TOO_LONG);
+    return 0;
+  }
+  if (!mnSRead(server->in, node, client->secure, NULL)) return mq_server_read_failed(server, client);
+  client->whole = node->sock.bytesReceived;
+  const char* const why = server->events.message(server, client, server->in);
+  if (why != NULL) mq_server_drop(server, client, why);
+  return !client->leaving && node->openState;
+}
+
+/* Internal: read the messages that a client may have in this round. */
+static inline void mq_server_read_some(MqServer* server, MqServerClient* client) {
+  if (mq_server_waiting(client->node) > server->limits.waitingBytes) {
+    if (!server->limits.pauses) mq_server_drop(server, client, MQ_SERVER_TAKES_NO_ANSWERS);
+    return;
+  }
+  for (int i = 0; i < server->limits.messagesPerRound && (i == 0 || client->node->pending == NULL); ++i) {
+    if (!server->reading || !mq_server_read(server, client)) return;
   }
 }
 
@@ -454,7 +527,8 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
   server->limits = *limits;
   server->events = *events;
   server->data = data;
-  server->log = stderr;
+  server->log = mq_server_print;
+  server->reading = 1;
   server->accepting = 1;
   server->now = server->looked = mq_clock();
   const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, its end included */
@@ -498,16 +572,28 @@ static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
   return 1;
 }
 
+/* Internal: whether a client is left out of the wait, which would list it as readable. */
+static inline int mq_server_is_paused(const MqServer* server, const MqServerClient* client) {
+  if (server->ending) return 0;
+  return !server->reading || (server->limits.pauses && mq_server_waiting(client->node) > server->limits.waitingBytes);
+}
+
 /* Internal: one wait. 0 when waiting is not possible; else the lists are filled, or empty. */
 static inline int mq_server_wait(MqServer* server, int msec) {
   MQNode** end = server->nodes;
-  for (int i = 0; i < server->nodeCount && !server->ending; ++i) {
+  int paused = !server->reading;
+  for (int i = 0; i < server->nodeCount && server->reading && !server->ending; ++i) {
     if (server->accepting || server->added[i]->role != MQ_ROLE_LISTEN) *end++ = server->added[i];
   }
-  for (int i = 0; i < server->count; ++i) *end++ = server->clients[i]->node;
+  for (int i = 0; i < server->count; ++i) {
+    const int left = mq_server_is_paused(server, server->clients[i]);
+    if (!left) *end++ = server->clients[i]->node;
+    paused |= left;
+  }
   *end = NULL;
   server->status = 0;
-  const int ready = mnNPostExMSec(server->nodes, server->listening, server->readable, server->writable, msec,
+  const int most = paused && msec > MQ_SERVER_PAUSE_MSEC ? MQ_SERVER_PAUSE_MSEC : msec;
+  const int ready = mnNPostExMSec(server->nodes, server->listening, server->readable, server->writable, most,
                                   &server->status, &server->work);
   if (!ready) *server->listening = *server->readable = *server->writable = NULL;
   server->now = mq_clock();
@@ -521,30 +607,41 @@ static inline MqServerClient* mq_server_client_of(const MqServer* server, const 
   return client != NULL && client->node == node && !client->leaving && node->openState ? client : NULL;
 }
 
-/* Internal: finish the writes, and read, of the nodes that the wait has listed. */
+/* Internal: finish the writes of a node. client: null for a node that was added. */
+static inline void mq_server_finish_writes(MqServer* server, MQNode* node, MqServerClient* client) {
+  if (mnFinishWrite(node)) return;
+  const char* const why = mq_error_name(mq_node_cause(node, NULL));
+  if (client == NULL) {
+    mq_server_say(server, "a datagram is lost on", &node->sock.name, why);
+    return;
+  }
+  ++client->lost;
+  mq_server_drop(server, client, why);
+}
+
+/* Internal: finish the writes, and read, of the nodes that the wait has listed; finish those of paused clients. */
 static inline void mq_server_transfer(MqServer* server) {
+  for (int i = 0; i < server->count; ++i) {
+    MqServerClient* const client = server->clients[i];
+    if (!client->leaving && client->node->pending != NULL && mq_server_is_paused(server, client)) {
+      mq_server_finish_writes(server, client->node, client);
+    }
+  }
   for (MQNode** node = server->writable; *node != NULL; ++node) {
     MqServerClient* const client = mq_server_client_of(server, *node);
-    if (client == NULL && (*node)->sock.type == SOCK_TYPE_STREAM) continue;
-    if (mnFinishWrite(*node)) continue;
-    const char* const why = mq_error_name(mq_node_cause(*node, NULL));
-    if (client != NULL) {
-      mq_server_drop(server, client, why);
-    } else {
-      mq_server_say(server, "a datagram is lost on", &(*node)->sock.name, why);
-    }
+    if (client != NULL || (*node)->sock.type != SOCK_TYPE_STREAM) mq_server_finish_writes(server, *node, client);
   }
   for (MQNode** node = server->readable; *node != NULL; ++node) {
     MqServerClient* const client = mq_server_client_of(server, *node);
     if (client != NULL) {
-      (server->ending ? mq_server_drain : mq_server_read)(server, client);
-    } else if ((*node)->sock.type != SOCK_TYPE_STREAM && server->events.ready != NULL) {
+      (server->ending ? mq_server_drain : mq_server_read_some)(server, client);
+    } else if ((*node)->sock.type != SOCK_TYPE_STREAM && server->events.ready != NULL && server->reading) {
       server->events.ready(server, *node);
     }
   }
 }
 
-/* mq_server_round - wait once and do what is due: finish writes, read a message of each client, drop clients, accept.
+/* mq_server_round - wait once and do what is due: finish writes, read messages, drop clients, accept.
  *   msec   in   of the wait at most; a signal ends it early. More than 1000 delays the rules on time
  * Result   1; 0 when waiting is not possible: server->status says why */
 static inline int mq_server_round(MqServer* server, int msec) {
@@ -553,7 +650,7 @@ static inline int mq_server_round(MqServer* server, int msec) {
   mq_server_transfer(server);
   mq_server_look(server, msec);
   mq_server_sweep(server);
-  for (MQNode** node = server->listening; *node != NULL; ++node) {
+  for (MQNode** node = server->listening; *node != NULL && server->reading; ++node) {
     for (int i = 0; i < server->nodeCount; ++i) {
       if (server->added[i] == *node) mq_server_accept(server, i);
     }

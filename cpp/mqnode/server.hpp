@@ -49,12 +49,14 @@ class Server {
  public:
   // mq_server_open.
   explicit Server(const MqServerLimits& limits = mq_server_limits()) noexcept {
-    static const MqServerEvents events = {on_message, on_accepted, on_dropped, on_ready};
+    static const MqServerEvents events = {on_message, on_accepted, on_dropped, on_ready, on_failed};
     failed_ = mq_server_open(&server_, &limits, &events, this) == 0;
+    server_.log = on_log;
   }
-  // Clients that are left are released without dropped(), whose class is gone by then: call close() before.
+  // Clients that are left are released without dropped() and log(), whose class is gone by then: call close() before.
   virtual ~Server() {
     server_.events.dropped = nullptr;
+    server_.log = mq_server_print;
     mq_server_close(&server_);
   }
   Server(const Server&) = delete;
@@ -92,6 +94,9 @@ class Server {
   virtual const char* accepted(ServerClient) noexcept { return nullptr; }
   virtual void dropped(ServerClient, const char*) noexcept {}
   virtual void ready(NodeRef) noexcept {}
+  virtual const char* failed(ServerClient, const char* why) noexcept { return why; }
+  // A line of the log, without its end.
+  virtual void log(const char* line) noexcept { mq_server_print(&server_, line); }
 
   // What message() returns after a write.
   static const char* sent(const Result& result) noexcept { return result ? nullptr : result.name(); }
@@ -108,6 +113,10 @@ class Server {
     self(server).dropped(ServerClient(client), why);
   }
   static void on_ready(MqServer* server, MQNode* node) { self(server).ready(node); }
+  static const char* on_failed(MqServer* server, MqServerClient* client, const char* why) {
+    return self(server).failed(ServerClient(client), why);
+  }
+  static void on_log(MqServer* server, const char* line) { self(server).log(line); }
 
   MqServer server_;
   bool failed_;

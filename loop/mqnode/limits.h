@@ -1,30 +1,30 @@
-/* limits.h - what the nodes in an event loop may cost. For mqnode/uv.h and mqnode/asio.hpp, in C and C++. */
+/* limits.h - limits of the nodes in an event loop, for mqnode/uv.h and mqnode/asio.hpp. For C11 and C++17. */
 #ifndef MQNODE_MQNODE_LIMITS_H
 #define MQNODE_MQNODE_LIMITS_H
 
 #include <stdint.h>
 
-/* Upper bounds of one node, and of the nodes of one loop. In brackets the default, which mq_loop_limits returns. */
+/* The defaults, in brackets, are those of mq_loop_limits. */
 typedef struct MqLoopLimits {
-  uint32_t messageBytes; /* bytes of a message without its header or envelope (65536). A longer one is not received */
+  uint32_t messageBytes;    /* bytes of a message without its header or envelope (65536); longer ones are refused */
   uint32_t messagesPerTurn; /* messages that a node reads before other nodes have their turn (16) */
-  uint32_t acceptsPerTurn;  /* connections that a listening node accepts before (32) */
-  uint32_t highBytes;       /* bytes queued on a node, above which it is not read (262144) */
-  uint32_t lowBytes;        /* bytes queued, at which reading goes on (65536) */
-  uint32_t queueBytes;      /* bytes queued, above which a write is refused (4194304) */
+  uint32_t acceptsPerTurn;  /* connections that a listening node accepts before other nodes have their turn (32) */
+  uint32_t highBytes;       /* a node is not read while more bytes than this are queued (262144), */
+  uint32_t lowBytes;        /* until no more bytes than this are left (65536) */
+  uint32_t queueBytes;      /* a write is refused while more bytes than this are queued (4194304) */
   uint32_t progressBytes;   /* bytes moved within a message that count as progress (65536) */
-  uint32_t socketBytes; /* bytes of the system's buffers of an accepted node, each direction (65536); 0: as the system
-                               likes, which is faster far away, and hides from midwayMsec who takes no answers */
-  int firstMsec;        /* milliseconds until an accepted node has sent a message (10000); 0: as idleMsec */
-  int midwayMsec;       /* milliseconds without progress in a message, or with queued writes (10000); 0: no limit */
-  int idleMsec;         /* milliseconds without a message otherwise (600000); 0: no limit */
-  int connectMsec;      /* milliseconds for a connect (10000); 0: no limit but the system's */
-  int endMsec;          /* milliseconds for a graceful end (10000); 0: no limit */
-  int backlog;          /* connections that wait to be accepted (1024). The system may allow fewer */
-  int nodes;            /* accepted nodes at once (10000) */
-  int keptMsec;         /* when all places or all descriptors are taken, a newcomer takes the place of an accepted
-                               node of the address with the most of them, the one that has been quiet longest, but none
-                               that was accepted in the last so many milliseconds (1000); -1: newcomers wait */
+  uint32_t socketBytes;     /* bytes of each system buffer of an accepted node (65536); 0: the system's choice, which is
+                               faster over long distances, but delays midwayMsec for peers that do not read */
+  int firstMsec;            /* milliseconds for the first message of an accepted node (10000); 0: as idleMsec */
+  int midwayMsec;           /* milliseconds without progress in a message, or with queued writes (10000); 0: no limit */
+  int idleMsec;             /* milliseconds without a message otherwise (600000); 0: no limit */
+  int connectMsec;          /* milliseconds for a connect (10000); 0: only the system's limit */
+  int endMsec;              /* milliseconds for mq_uv_end (10000); 0: no limit */
+  int backlog;              /* connections that wait to be accepted (1024); the system may allow fewer */
+  int nodes;                /* accepted nodes at once (10000) */
+  int keptMsec; /* when all places or all descriptors are taken, a new connection takes the place of the node
+                               that has been quiet longest, of the address with the most nodes, if that node was
+                               accepted at least this many milliseconds ago (1000); -1: new connections wait */
 } MqLoopLimits;
 
 static inline MqLoopLimits mq_loop_limits(void) {

@@ -1,23 +1,22 @@
 /* step.h - one node in an event loop: which calls to make when it is ready, and what to wait for next.
  *
- * Internal: the layers for event loops (mqnode/uv.h, mqnode/asio.hpp) share it, applications use those. Header-only,
- * for C11 with POSIX (-std=gnu11) and C++17. There is no engine in it: no call here waits, and each says by
- * mq_step_wants for which readiness of node->sock.fd the engine waits next.
+ * Internal: mqnode/uv.h and mqnode/asio.hpp share it; applications use those. Header-only, for C11 with POSIX
+ * (-std=gnu11) and C++17. No function here waits; mq_step_wants says what to wait for on node->sock.fd.
  *
- * What an engine relies on
- *   Readiness   level-triggered. A node never receives bytes behind the message that it reads, so nothing is hidden
- *               from the next wait: an engine may return to its loop after any call
- *   Fairness    mq_step_turn begins a turn when the node is ready to read; mq_step_read and mq_step_accept say
- *               MQ_STEP_WAIT when its share of messages or connections is used. A node that had one
- *               message and no second one reads one message a turn for a while: that saves a system call a message
- *   Writing     after each write function of compose.h call mq_step_wrote with its result. Writes complete in order:
- *               mq_step_completed counts them. mq_step_flush goes on when the node is writable
- *   Marks       reading is held while more than highBytes are queued, until no more than lowBytes are
- *   Accepting   without a descriptor or memory mq_step_accept says MQ_STEP_FULL and the listening node waits for
- *               nothing, until mq_step_resume: after a moment, and when a connection was closed
- *   Ending      mq_step_begin_end, then mq_step_end (mqnode/finish.h says what happens). The engine bounds the time
- *   Closing     stop waiting for the descriptor, then mq_step_close. A callback may do so in the middle of a turn:
- *               look at the phase after each callback, and release the node and the step only when no turn is left */
+ * Rules for an engine
+ *   Readiness   level-triggered. A node never receives bytes beyond the message that it reads, so an engine may return
+ *               to its loop after any call: what is left is reported again
+ *   Fairness    mq_step_turn begins a turn of a node that is readable. mq_step_read and mq_step_accept return
+ *               MQ_STEP_WAIT when the share of this turn is used. A node that had one message and no second one reads
+ *               one message a turn for a while, which saves a system call per message
+ *   Writing     pass the result of each write function of compose.h to mq_step_wrote. Writes complete in order;
+ *               mq_step_completed counts them. Call mq_step_flush when the node is writable
+ *   Marks       a node is not read while more than highBytes are queued, until no more than lowBytes are left
+ *   Accepting   without a descriptor or memory mq_step_accept returns MQ_STEP_FULL, and the listening node waits for
+ *               nothing. Call mq_step_resume a moment later, and when a connection was closed
+ *   Ending      mq_step_begin_end, then mq_step_end, as mqnode/finish.h documents. The engine limits the time
+ *   Closing     stop waiting for the descriptor, then call mq_step_close. A callback may do so in the middle of a turn:
+ *               check the phase after each callback, and release the node and the step only after the turn */
 #ifndef MQNODE_MQNODE_STEP_H
 #define MQNODE_MQNODE_STEP_H
 
@@ -41,7 +40,7 @@ enum {
   MQ_STEP_CONFIRM_MSEC = 10  /* before mq_step_end is called again when it waits for nothing */
 };
 
-/* Outcomes of the calls below. */
+/* Results of the functions below. */
 enum {
   MQ_STEP_FAILED = 0, /* step->error says why: the node cannot go on, close it */
   MQ_STEP_DONE = 1,   /* done */
@@ -50,7 +49,7 @@ enum {
   MQ_STEP_FULL = 4    /* no descriptor or no memory for a connection: step->error; mq_step_resume later */
 };
 
-/* What mq_step_wants and mq_step_turn speak of. */
+/* Results of mq_step_wants. */
 enum { MQ_STEP_READABLE = 1, MQ_STEP_WRITABLE = 2 };
 
 enum {
@@ -65,7 +64,7 @@ typedef struct MqStep {
   const MqLoopLimits* limits;
   int secure;         /* 1: signed messages; 0: plain ones */
   int phase;          /* MQ_STEP_OPEN ... */
-  int error;          /* of the last outcome that was not DONE or WAIT */
+  int error;          /* of the last result other than DONE and WAIT */
   int paused;         /* 1: the engine or its application wants no messages */
   int held;           /* 1: too much is queued to read, or nothing is left to accept with */
   int accepted;       /* 1: a listening node accepted it */
@@ -134,15 +133,13 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
 }
 
-/* mq_step_listen - give a listening node the limits of what it accepts: a longer accept queue than its creator did,
- * which the system may shorten, and buffers. */
-static inline int mq_step_listen(MQNode* node, const MqLoopLimits* limits) {
-  if ((limits->socketBytes > 0 && !mnSetBufferSize(node, limits->socketBytes)) ||
-      !ListenSocket(&node->sock, limits->backlog)) {
-    SetMQNodeError(node);
-    return MQ_STEP_FAILED;
-  }
-  return MQ_STEP_DONE;
+/* mq_step_listen - let a listening node accept within its limits: with an accept queue of backlog connections, which
+ * the system may shorten, and buffers of socketBytes. */
+static inline int mq_step_listen(MqStep* step, int backlog) {
+  SockRec* const sock = &step->node->sock;
+  const uint32_t size = step->limits->socketBytes;
+  if (size > 0 && !mnSetBufferSize(step->node, size)) return mq_step_fail(step, sock->error);
+  return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
 }
 
 /* mq_step_connect - begin to connect a node, or see whether its connect has ended, when it is writable.

@@ -1,5 +1,7 @@
 // message.cc - what mqcat decode and the companion make of a stream or a datagram. The pieces that decode finds cover
 // every byte in order. A plain message is delivered when decode finds no rule broken, and only then.
+#include <tuple>
+
 #include "tests/fuzz/oracle.hh"
 
 namespace {
@@ -38,6 +40,20 @@ void CheckConverting(fuzz::Bytes bytes) {
   if (mqc_add_text(record, 1, "more")) fuzz::CheckDelivered(record);
 }
 
+using Piece = std::tuple<uint64_t, size_t, size_t>;  // its offset, and how many fields and faults it has
+
+// What is found does not depend on how a stream arrives.
+std::vector<Piece> DecodedInPieces(fuzz::Bytes bytes, size_t size) {
+  std::vector<Piece> pieces;
+  mqcat::Decoder decoder(
+      [&](const mqcat::Piece& piece) { pieces.emplace_back(piece.offset, piece.fields.size(), piece.faults.size()); });
+  for (; !bytes.empty(); bytes = bytes.subspan(std::min(size, bytes.size()))) {
+    decoder.Take(bytes.first(std::min(size, bytes.size())));
+  }
+  decoder.Finish();
+  return pieces;
+}
+
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -45,14 +61,24 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t options = input.Byte();
   const std::vector<uint8_t> bytes = fuzz::Copy(input.Rest());
   uint64_t next = 0;
-  mqcat::Decode(bytes, {.datagram = options % 2 != 0, .text_limit = options}, [&](const mqcat::Piece& piece) {
+  std::vector<Piece> whole;
+  const auto check = [&](const mqcat::Piece& piece) {
     REQUIRE(piece.offset == next && piece.size != 0);
     CheckPiece(piece, bytes.size());
     const fuzz::Bytes alone = fuzz::Bytes(bytes).subspan(next, piece.size);
     REQUIRE(!piece.faults.empty() || (piece.kind != mqcat::PieceKind::kStray && fuzz::BrokenRules(alone).empty()));
     CheckConverting(alone);
     next += piece.size;
-  });
+    whole.emplace_back(piece.offset, piece.fields.size(), piece.faults.size());
+  };
+  if (options % 2 != 0) {
+    mqcat::DecodeDatagram(bytes, check);
+  } else {
+    mqcat::Decoder decoder(check);
+    decoder.Take(bytes);
+    decoder.Finish();
+    REQUIRE(DecodedInPieces(bytes, 1 + options / 2) == whole);
+  }
   REQUIRE(next == bytes.size());
   return 0;
 }

@@ -29,7 +29,9 @@ void Fit(uint8_t* data, size_t size, size_t begin, size_t end) {
   uint8_t *const header = data + begin, *const envelope = header - kEnvelope;
   Store(header + offsetof(MsgHeader, bodyLength), Load(header, true) == kHeader, end - begin - kHeader);
   if (begin < kEnvelope || !IsLength(envelope, kEnvelope)) return;
-  const size_t length = end - begin + std::min(fuzz::kTrailer, size - end);
+  const bool sealed = IsLength(envelope + offsetof(SecureHeader, version), 2);
+  const size_t behind = fuzz::kTrailer + (sealed ? fuzz::kSeal : 0);
+  const size_t length = end - begin + std::min(behind, size - end);
   Store(envelope + offsetof(SecureHeader, msgLength), Load(envelope, true) == kEnvelope, length);
 }
 

@@ -3,7 +3,8 @@
 // the bytes are read again in one piece, without looks and by a new node for each message, with the same outcome.
 //
 // The program defines recvfrom, to which libmqnode binds: the next piece arrives when a reader finds nothing to
-// receive. It also defines what verifies signatures, which a fuzzer never guesses: zeros are right.
+// receive. It also defines what verifies signatures and decrypts, whose results a fuzzer never guesses: signatures and
+// tags of zeros are right, and what is encrypted reads as it is.
 #include <fcntl.h>
 #include <sodium.h>
 #include <sys/socket.h>
@@ -17,6 +18,7 @@
 namespace {
 
 using fuzz::kHeader;
+constexpr ptrdiff_t kBehind = fuzz::kSeal + fuzz::kTrailer;
 
 enum Mode : uint8_t { kDatagram = 1, kSecure = 2, kPrompt = 4 };  // kPrompt: pieces arrive without an EAGAIN
 enum Call : uint8_t { kRead, kBrowse, kReadAgain, kReadOther };   // kReadOther: as a message of the other framing
@@ -29,6 +31,7 @@ struct Plan {
   fuzz::Bytes bytes;
 
   bool Has(Mode bit) const { return (mode & bit) != 0; }
+  uint32_t Sealing() const { return (mode >> 3 & 3) % 3; }  // an MqcSealing
   Call At(size_t call) const { return static_cast<Call>(call % 4 == 0 ? 0 : calls >> call % 4 * 2 & 3); }
   bool Mixes() const { return At(1) == kReadOther || At(2) == kReadOther || At(3) == kReadOther; }
 };
@@ -82,7 +85,12 @@ class Session {
     mqc_set_clock([] { return fuzz::kPresent; });
     mqc_reset_replay(0);
     uint8_t secret[MQC_KEY_BYTES], key[MQC_KEY_BYTES];
-    REQUIRE(mqc_ring_count() == 1 || (mqc_generate_key(secret, key) && mqc_ring_add("alice", key, nullptr, 0)));
+    REQUIRE(mqc_set_sealing(plan.Sealing()));
+    if (mqc_ring_count() == 1) return;
+    REQUIRE(mqc_generate_key(secret, key) && mqc_ring_add("alice", key, nullptr, 0));
+    MqcSigner* const alice = mqc_signer_new("alice", secret, nullptr, 0);
+    REQUIRE(alice != nullptr && mqc_set_opener(alice));
+    mqc_signer_free(alice);
   }
   ~Session() { mqc_message_free(msg_); }
 
@@ -158,22 +166,26 @@ class Session {
     return {error, fuzz::Copy({msg_->raw.data, msg_->raw.length})};
   }
 
-  // The record holds what came, as it came when it was refused, else in native form.
+  // The record holds what came, as it came when it was refused, else in native form. A sealed message that was refused
+  // may have been wiped.
   void CheckCounted(fuzz::Bytes came, bool secure, bool refused) {
-    const size_t front = secure ? fuzz::kEnvelope : 0, back = secure && !refused ? fuzz::kTrailer : 0;
-    REQUIRE(came.size() > front + back);
-    const fuzz::Bytes plain = came.subspan(front, came.size() - front - back);
-    REQUIRE(std::ranges::equal(refused ? fuzz::Copy(plain) : fuzz::Native(plain),
-                               fuzz::Bytes(msg_->raw.data, msg_->raw.length)));
+    const bool sealed = secure && fuzz::IsSealed(came);
+    const size_t front = secure ? fuzz::kEnvelope : 0;
+    const size_t back = !secure || refused ? 0 : sealed ? kBehind : fuzz::kTrailer;
+    REQUIRE(came.size() > front + back && (mqc_sealed(msg_) != 0) == (sealed && !refused));
+    const fuzz::Bytes plain = came.subspan(front, came.size() - front - back), raw(msg_->raw.data, msg_->raw.length);
+    REQUIRE((refused && sealed) || std::ranges::equal(refused ? fuzz::Copy(plain) : fuzz::Native(plain), raw));
     if (secure && came.size() > fuzz::kTrailer) CheckAccepted(came, !refused);
     REQUIRE(refused || memcmp(msg_->secHeader.userId, msg_->raw.data + offsetof(MsgHeader, userId), 12) == 0);
   }
 
-  // What has to be accepted is accepted once.
+  // What has to be accepted is accepted once. A sealed message may be remembered although it was refused.
   void CheckAccepted(fuzz::Bytes came, bool accepted) {
-    const std::optional<bool> acceptable = fuzz::IsAcceptable(came);
-    const std::string mark = fuzz::TextOf(came.last(fuzz::kTrailer).first(fuzz::kAtSignature));
-    const bool first = accepted ? seen_.insert(mark).second : !seen_.contains(mark);
+    const bool sealed = fuzz::IsSealed(came), wanted = plan_.Sealing() != (sealed ? MQC_SEAL_NEVER : MQC_SEAL_MUST);
+    const std::optional<bool> acceptable = wanted ? fuzz::IsAcceptable(came) : false;
+    const std::string mark = fuzz::TextOf(came.last(fuzz::kTrailer).subspan(fuzz::kAtTime, 24));
+    const bool first = accepted ? seen_.insert(mark).second : !seen_.contains(mark) && !refused_.contains(mark);
+    if (sealed && !accepted) refused_.insert(mark);
     REQUIRE(accepted ? first && acceptable.value_or(true) : !first || !acceptable.value_or(false));
   }
 
@@ -181,8 +193,8 @@ class Session {
   Wire wire_;
   PcfMessage* msg_;
   MQNode* node_ = nullptr;
-  size_t begin_ = 0;            // of the message that is being read
-  std::set<std::string> seen_;  // trailers but for their signatures
+  size_t begin_ = 0;                      // of the message that is being read
+  std::set<std::string> seen_, refused_;  // times and nonces of messages that were accepted, or sealed and refused
 };
 
 }  // namespace
@@ -208,6 +220,13 @@ ssize_t recvfrom(int, void* __restrict to, size_t size, int flags, sockaddr* __r
 
 int crypto_sign_final_verify(crypto_sign_state*, const unsigned char* signature, const unsigned char*) {
   return sodium_is_zero(signature, crypto_sign_BYTES) ? 0 : -1;
+}
+
+int crypto_aead_xchacha20poly1305_ietf_decrypt_detached(unsigned char*, unsigned char*, const unsigned char*,
+                                                        unsigned long long, const unsigned char* tag,
+                                                        const unsigned char*, unsigned long long, const unsigned char*,
+                                                        const unsigned char*) {
+  return sodium_is_zero(tag, 16) ? 0 : -1;
 }
 
 }  // extern "C"

@@ -24,12 +24,22 @@ Bytes ToSign(Form form, const Bytes& message, int seconds = 0) {
   return Enveloped(form, message, "alice", trailer.bytes + Bytes(16 + 64, '\0'));
 }
 
+// Sealed for alice with a tag of zeros. What is encrypted reads as it is.
+Bytes ToOpen(Form form, const Bytes& message) {
+  const Bytes seal = Encoder({}).Text("alice", 16).Raw(Bytes(32, 'k')).Raw(Bytes(16, '\0')).bytes;
+  const Encoder trailer = Encoder({true, false}).Raw("MQSIGN02").Number(fuzz::kPresent, 8);
+  return Enveloped(form, message + seal, "alice", trailer.bytes + Bytes(16 + 64, '\0'), 2);
+}
+
 // The options of reader.cc are the mode, the calls, and the cuts.
 void PutMessages(Form form) {
   const std::string name = std::string(form.big ? "big" : "little") + (form.ebcdic ? "-ebcdic" : "-ascii");
   const Bytes message = Plain(form, Body(form, "how is the weather?"), "alice"), to_sign = ToSign(form, message);
   Put("reader", name, {form.big ? 4 : 0, form.ebcdic ? 4 : 0, 5, 50, 0, 86, 10, 255}, message + message);
   Put("reader", name + "-signed", {form.big ? 6 : 2, 0, 5, 50, 0, 86, 10, 255}, to_sign + to_sign);
+  const Bytes to_open = ToOpen(form, message);
+  Put("reader", name + "-sealed", {form.big ? 2 : 10, 0, 5, 50, 0, 86, 10, 255}, to_open + to_open + to_sign);
+  Put("reader", name + "-sealed-datagram", {form.big ? 3 : 19, 0, 0}, to_open);
   Put("reader", name + "-datagrams", {1, 4, 1, static_cast<int>(message.size())}, message + message);
   Put("reader", name + "-signed-datagram", {3, 12, 0}, to_sign);
   Put("message", name, {0}, message);

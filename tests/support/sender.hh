@@ -5,6 +5,7 @@
 #include <iconv.h>
 #include <sodium.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -75,27 +76,58 @@ inline Bytes Body(Form form, const std::string& text) {
   return body.Word(1).Word(3).Word(0).Word(0).bytes;
 }
 
-// A signed message but for the signature, which is a part of the trailer.
-inline Bytes Enveloped(Form form, const Bytes& plain, const std::string& user, const Bytes& trailer) {
-  const auto length = static_cast<uint32_t>(plain.size() + trailer.size());
-  return Encoder(form).Word(32).Word(1).Word(form.big).Word(!form.ebcdic).Word(length).Text(user, 12).bytes + plain +
-         trailer;
+// A signed message but for the signature, which is a part of the trailer. part: the plain message, or what Sealed made.
+inline Bytes Enveloped(Form form, const Bytes& part, const std::string& user, const Bytes& trailer,
+                       uint32_t version = 1) {
+  const auto length = static_cast<uint32_t>(part.size() + trailer.size());
+  return Encoder(form).Word(32).Word(version).Word(form.big).Word(!form.ebcdic).Word(length).Text(user, 12).bytes +
+         part + trailer;
+}
+
+// The envelope as a signature covers it.
+inline Bytes Words(uint32_t version, size_t part, const std::string& user) {
+  return Encoder({true, false}).Word(version).Word(static_cast<uint32_t>(part + 96)).Text(user, 12).bytes;
 }
 
 // A message signed with the key of this seed, of 32 bytes; a nonce of up to 16 bytes is filled up with zeros.
-inline Bytes Signed(Form form, const Bytes& plain, const std::string& user, const uint8_t* seed, uint64_t milliseconds,
-                    Bytes nonce) {
+inline Bytes Signed(Form form, const Bytes& part, const std::string& user, const uint8_t* seed, uint64_t milliseconds,
+                    Bytes nonce, uint32_t version = 1) {
   nonce.resize(16);
-  const Bytes head = Encoder({true, false}).Raw("MQSIGN01").Number(milliseconds, 8).Raw(nonce).bytes;
-  const auto length = static_cast<uint32_t>(plain.size() + 96);
-  const Bytes covered = Encoder({true, false}).Raw(head).Word(1).Word(length).Text(user, 12).Raw(plain).bytes;
+  const Bytes mark = version == 1 ? "MQSIGN01" : "MQSIGN02";
+  const Bytes head = Encoder({true, false}).Raw(mark).Number(milliseconds, 8).Raw(nonce).bytes;
+  const Bytes covered = head + Words(version, part.size(), user) + part;
   uint8_t open[32], secret[64], signature[64];
   crypto_sign_seed_keypair(open, secret, seed);
   crypto_sign_state state;
   crypto_sign_init(&state);
   crypto_sign_update(&state, reinterpret_cast<const uint8_t*>(covered.data()), covered.size());
   crypto_sign_final_create(&state, signature, nullptr, secret);
-  return Enveloped(form, plain, user, head + Bytes(reinterpret_cast<char*>(signature), sizeof signature));
+  return Enveloped(form, part, user, head + Bytes(reinterpret_cast<char*>(signature), sizeof signature), version);
+}
+
+// A message of this user, encrypted for a recipient with this public key, and its seal; to be signed as version 2 with
+// the same time and nonce. weak: the key made for the message is zero, and so is what it has in common with any key.
+inline Bytes Sealed(const Bytes& plain, const std::string& user, const std::string& recipient, const uint8_t* open,
+                    uint64_t milliseconds, Bytes nonce, bool weak = false) {
+  nonce.resize(16);
+  uint8_t secret[32], mine[32], theirs[32], shared[32], key[32];
+  randombytes_buf(secret, sizeof secret);
+  crypto_scalarmult_base(mine, secret);
+  const bool right =
+      crypto_sign_ed25519_pk_to_curve25519(theirs, open) == 0 && crypto_scalarmult(shared, secret, theirs) == 0;
+  Check(right, "seal");
+  if (weak) std::fill_n(mine, 32, 0), std::fill_n(shared, 32, 0);
+  const auto text = [](const uint8_t* bytes) { return Bytes(reinterpret_cast<const char*>(bytes), 32); };
+  const auto data = [](const Bytes& bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); };
+  const Bytes mixed = "MQSEAL02" + text(shared) + text(mine) + text(theirs);
+  crypto_generichash(key, sizeof key, data(mixed), mixed.size(), nullptr, 0);
+  const Bytes seal = Encoder({}).Text(recipient, 12).Word(0).Raw(text(mine)).bytes;
+  const Bytes bound = Words(2, plain.size() + 64, user) + seal;
+  const Bytes stamp = Encoder({true, false}).Number(milliseconds, 8).Raw(nonce).bytes;
+  Bytes out(plain.size() + 16, '\0');
+  crypto_aead_xchacha20poly1305_ietf_encrypt(reinterpret_cast<uint8_t*>(out.data()), nullptr, data(plain), plain.size(),
+                                             data(bound), bound.size(), nullptr, data(stamp), key);
+  return out.insert(plain.size(), seal);
 }
 
 }  // namespace sender

@@ -1,4 +1,5 @@
-// address.cc - see address.hh. Names are looked up here, so that what fails is told by name: a node only leaves a code.
+// address.cc - see address.hh. Names are looked up here, so that a failure names the host or the service: a node only
+// leaves a code.
 #include "address.hh"
 
 #include <arpa/inet.h>
@@ -29,7 +30,7 @@ void Copy(char (&field)[N], const std::string& text) {
 void SetHost(SockAddrRec& address, const std::string& host) {
   if (host.empty() || host.size() >= sizeof address.host) {
     throw Failure{kExitUsage,
-                  fmt::format("host {}: a host has 1 to {} characters", Quote(host, 40), sizeof address.host - 1)};
+                  fmt::format("host {}: a host name has 1 to {} characters", Quote(host, 40), sizeof address.host - 1)};
   }
   Copy(address.host, host);
   if (host == "*") return;
@@ -40,14 +41,14 @@ void SetHost(SockAddrRec& address, const std::string& host) {
   char ip[16] = "";
   if (!ResolveHostName(host == "@" ? "localhost" : host.c_str(), ip)) {
     throw Failure{kExitConnection, fmt::format("host {}: {}{}", Quote(host), CodeText(SOCK_HOST_UNKNOWN, MQ_IN_SOCKET),
-                                               RemedyText(SOCK_HOST_UNKNOWN, MQ_IN_SOCKET))};
+                                               AdviceText(SOCK_HOST_UNKNOWN))};
   }
   Copy(address.ip, ip);
 }
 
 void SetService(SockAddrRec& address, const std::string& service) {
   if (service.empty() || service.size() >= sizeof address.service) {
-    throw Failure{kExitUsage, fmt::format("service {}: a service has 1 to {} characters", Quote(service, 40),
+    throw Failure{kExitUsage, fmt::format("service {}: a service name has 1 to {} characters", Quote(service, 40),
                                           sizeof address.service - 1)};
   }
   if (const auto port = ParseNumber<uint32_t>(service, 0, 65535)) {
@@ -57,14 +58,26 @@ void SetService(SockAddrRec& address, const std::string& service) {
   } else if (const servent* entry = getservbyname(service.c_str(), address.protocol)) {
     address.port = ntohs(static_cast<uint16_t>(entry->s_port));
   } else {
-    throw Failure{kExitConnection, fmt::format("service {} ({}): {}{}", Quote(service), address.protocol,
-                                               CodeText(SOCK_SERVICE_UNKNOWN, MQ_IN_SOCKET),
-                                               RemedyText(SOCK_SERVICE_UNKNOWN, MQ_IN_SOCKET))};
+    throw Failure{kExitConnection,
+                  fmt::format("service {} ({}): {}{}", Quote(service), address.protocol,
+                              CodeText(SOCK_SERVICE_UNKNOWN, MQ_IN_SOCKET), AdviceText(SOCK_SERVICE_UNKNOWN))};
   }
   Copy(address.service, std::to_string(address.port));
 }
 
 }  // namespace
+
+Place ParsePlace(const std::vector<std::string>& words, bool needs_host) {
+  if (words.size() == 2) return {words[0], words[1]};
+  const std::string& word = words.front();
+  const size_t colon = word.rfind(':');
+  if (colon != std::string::npos) {
+    if (colon != 0 || !needs_host) return {word.substr(0, colon), word.substr(colon + 1)};
+  } else if (!needs_host) {
+    return {"", word};
+  }
+  throw Failure{kExitUsage, fmt::format("{}: expected HOST:PORT, such as 127.0.0.1:5000", Quote(word, 40))};
+}
 
 SockAddrRec MakeAddress(const std::string& host, const std::string& service, Transport transport) {
   SockAddrRec address = {};

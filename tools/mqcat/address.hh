@@ -2,12 +2,22 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "socksin/record.h"
 
 namespace mqcat {
 
 enum class Transport { kTcp, kUdp };
+
+struct Place {
+  std::string host;  // empty: not given
+  std::string service;
+};
+
+// HOST:PORT, or HOST SERVICE in two words; ":PORT" and "SERVICE" have no host. Throws a Failure for one word without a
+// service, unless the host may be left out.
+Place ParsePlace(const std::vector<std::string>& words, bool needs_host);
 
 // The record for a node. The host is a name, a dotted quad, "@" (this host) or "*" (any address); the service is a name
 // or a port from 0 to 65535. Throws a Failure that names what does not resolve.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
+#include <utility>
 
 #include "decode.hh"
 #include "fmt/format.h"
@@ -13,9 +14,10 @@
 namespace mqcat {
 namespace {
 
-constexpr uint64_t kMaxRepeat = 64u << 20;  // bytes that all '*' of a dump stand for
+constexpr uint64_t kMaxRepeat = 64u << 20;   // bytes that all '*' of a dump may repeat
+constexpr size_t kMostUndecided = 1u << 30;  // bytes of text that are held
 
-// The first word of a pcap file, with times in microseconds or nanoseconds, in either byte order, or of a pcapng file.
+// Whether a file begins as pcap (microseconds or nanoseconds, either byte order) or pcapng.
 bool IsPcap(Bytes file) {
   uint32_t mark = 0;
   if (file.size() >= sizeof mark) memcpy(&mark, file.data(), sizeof mark);
@@ -25,7 +27,7 @@ bool IsPcap(Bytes file) {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
-// Cuts the next word off line; gap is the number of blanks in front of it.
+// Removes the next word from line; gap: the number of blanks before it.
 std::string_view NextWord(std::string_view& line, size_t& gap) {
   gap = static_cast<size_t>(std::find_if_not(line.begin(), line.end(), IsBlank) - line.begin());
   line.remove_prefix(gap);
@@ -35,7 +37,7 @@ std::string_view NextWord(std::string_view& line, size_t& gap) {
   return word;
 }
 
-// An offset ends with ':' or has six digits or more in front of shorter words.
+// An offset ends with ':', or has six to eight digits and is followed by a shorter word.
 std::optional<uint64_t> TakeOffset(std::string_view& line) {
   constexpr size_t kLongest = 16;
   std::string_view rest = line.substr(0, line.find_first_not_of(" \t\r") + kLongest + 2);
@@ -58,114 +60,146 @@ std::optional<uint64_t> TakeOffset(std::string_view& line) {
   return offset;
 }
 
-// Reads a dump line by line.
+// Reads a dump as it arrives.
 class HexReader {
  public:
-  explicit HexReader(std::vector<uint8_t>& bytes) : bytes_(bytes) {}
-
-  bool Line(std::string_view line) {
-    const size_t first = line.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos || line[first] == '#') return true;
-    if (line.substr(first, 1) == "*") return repeat_ = last_ != 0;
-    const std::optional<uint64_t> offset = TakeOffset(line);
-    if (offset && !has_base_) base_ = *offset - bytes_.size();
-    has_base_ = has_base_ || offset;
-    if (repeat_ && !(offset && RepeatTo(*offset - base_))) return false;
-    return Digits(line, offset.has_value());
-  }
-
- private:
-  // The bytes of the line before, which are the last ones, once more and again until there are end bytes.
-  bool RepeatTo(uint64_t end) {
-    repeat_ = false;
-    const size_t begin = bytes_.size();
-    if (end < begin || end - begin > room_) return false;
-    room_ -= end - begin;
-    bytes_.resize(static_cast<size_t>(end));
-    for (size_t i = begin; i < bytes_.size(); ++i) bytes_[i] = bytes_[i - last_];
+  // Appends what the complete lines say. False at a line that is not part of a dump.
+  bool Take(Bytes text, std::vector<uint8_t>& bytes) {
+    std::string_view rest(reinterpret_cast<const char*>(text.data()), text.size());
+    for (size_t end; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
+      begun_.append(rest.substr(0, end));
+      if (!Line(begun_, bytes)) return false;
+      begun_.clear();
+    }
+    begun_.append(rest);
     return true;
   }
 
-  // The characters column of a dump begins with a bar, or two blanks behind the digits of a line with an offset.
+  // The last line may lack its newline.
+  bool Finish(std::vector<uint8_t>& bytes) {
+    const std::string last = std::exchange(begun_, "");
+    return last.empty() || Line(last, bytes);
+  }
+
+  size_t line() const { return line_; }  // the number of the last line, from 1
+
+ private:
+  bool Line(std::string_view line, std::vector<uint8_t>& bytes) {
+    ++line_;
+    const size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos || line[first] == '#') return true;
+    if (line.substr(first, 1) == "*") return repeat_ = !last_.empty();
+    const std::optional<uint64_t> offset = TakeOffset(line);
+    if (offset && !has_base_) base_ = *offset - total_;
+    has_base_ = has_base_ || offset;
+    if (repeat_ && !(offset && RepeatTo(*offset - base_, bytes))) return false;
+    last_.clear();
+    if (!Digits(line, offset.has_value())) return false;
+    bytes.insert(bytes.end(), last_.begin(), last_.end());
+    total_ += last_.size();
+    return true;
+  }
+
+  // The line before, over and over, until there are end bytes.
+  bool RepeatTo(uint64_t end, std::vector<uint8_t>& bytes) {
+    repeat_ = false;
+    if (end < total_ || end - total_ > repeatable_) return false;
+    repeatable_ -= end - total_;
+    for (size_t i = 0; total_ < end; ++i, ++total_) bytes.push_back(last_[i % last_.size()]);
+    return true;
+  }
+
+  // Into last_. The characters column of a dump begins with a bar, or two blanks after the digits of a line with an
+  // offset.
   bool Digits(std::string_view line, bool dump) {
     constexpr size_t kLine = 16;
-    const size_t before = bytes_.size();
     for (bool first = true;; first = false) {
       size_t gap = 0;
       const std::string_view word = NextWord(line, gap);
-      if (word.empty() || word.front() == '|' || word.front() == '>') break;
+      if (word.empty() || word.front() == '|' || word.front() == '>') return true;
       const bool is_column = dump && gap >= 2;
-      if (is_column && bytes_.size() - before >= kLine) break;
-      if (AppendHex(bytes_, word)) continue;
-      if (!is_column || first) return false;
-      break;
+      if (is_column && last_.size() >= kLine) return true;
+      if (!AppendHex(last_, word)) return is_column && !first;
     }
-    last_ = bytes_.size() - before;
-    return true;
   }
 
-  std::vector<uint8_t>& bytes_;
-  uint64_t base_ = 0;  // offset of the first byte, once a line has one
+  std::string begun_;          // a line that is not complete
+  std::vector<uint8_t> last_;  // the bytes of the line before
+  uint64_t total_ = 0;         // bytes so far
+  uint64_t base_ = 0;          // offset of the first byte, once a line has one
   bool has_base_ = false;
-  size_t last_ = 0;  // bytes of the line before
-  uint64_t room_ = kMaxRepeat;
   bool repeat_ = false;
+  uint64_t repeatable_ = kMaxRepeat;
+  size_t line_ = 0;
 };
 
-bool IsText(Bytes file) {
-  return std::all_of(file.begin(), file.end(),
+bool IsText(Bytes bytes) {
+  return std::all_of(bytes.begin(), bytes.end(),
                      [](uint8_t c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\r' || c == '\t'; });
 }
 
-Capture ReadHex(Bytes file) {
-  Capture capture;
-  capture.format = CaptureFormat::kHex;
-  Stream stream;
-  size_t bad_line = 0;
-  if (!ReadHexDump(file, stream.bytes, bad_line)) {
-    capture.faults.push_back(fmt::format("line {} is not a hexadecimal dump", bad_line));
+// A dump, of which bytes were read.
+void ReadHex(HexReader reader, std::vector<uint8_t> bytes, const ByteSource& next, Receiver& receiver) {
+  const auto stream = receiver.Begin("");
+  const auto hand_on = [&] {
+    stream->Take(bytes);
+    bytes.clear();
+  };
+  hand_on();
+  bool good = true;
+  for (Bytes text; good && !(text = next()).empty(); hand_on()) good = reader.Take(text, bytes);
+  good = good && reader.Finish(bytes);
+  hand_on();
+  stream->End();
+  if (!good) receiver.Fault(fmt::format("line {} is not part of a hexadecimal dump", reader.line()));
+}
+
+void ReadRaw(Bytes begin, const ByteSource& next, Receiver& receiver) {
+  const auto stream = receiver.Begin("");
+  stream->Take(begin);
+  for (Bytes bytes; !(bytes = next()).empty();) stream->Take(bytes);
+  stream->End();
+}
+
+// Holds the input until its form is certain: text is a dump if the dump begins with a message, or if all of it is one.
+void ReadAny(const ByteSource& next, Receiver& receiver) {
+  std::vector<uint8_t> begin, bytes;
+  HexReader reader;
+  for (bool ended = false; !ended && begin.size() < kMostUndecided;) {
+    const size_t before = begin.size() < sizeof(uint32_t) ? 0 : begin.size();
+    const Bytes more = next();
+    ended = more.empty();
+    begin.insert(begin.end(), more.begin(), more.end());
+    if (!ended && begin.size() < sizeof(uint32_t)) continue;
+    if (IsPcap(begin)) return ReadPcap(begin, next, receiver);
+    const Bytes fresh = Bytes(begin).subspan(before);
+    const bool is_dump = !BeginsMessage(begin) && IsText(fresh) && reader.Take(fresh, bytes) &&
+                         (!ended || reader.Finish(bytes)) && (!ended || begin.empty() || !bytes.empty());
+    if (!is_dump) break;
+    if (ended || BeginsMessage(bytes)) return ReadHex(std::move(reader), std::move(bytes), next, receiver);
   }
-  capture.streams.push_back(std::move(stream));
-  return capture;
-}
-
-Capture ReadRaw(Bytes file) {
-  Capture capture;
-  capture.streams.push_back({"", false, {file.begin(), file.end()}});
-  return capture;
-}
-
-Capture ReadAny(Bytes file) {
-  if (IsPcap(file)) return ReadPcap(file);
-  if (BeginsMessage(file) || !IsText(file)) return ReadRaw(file);
-  Capture capture = ReadHex(file);
-  const bool is_dump = capture.faults.empty() && (file.empty() || !capture.streams.front().bytes.empty());
-  return is_dump ? capture : ReadRaw(file);
+  ReadRaw(begin, next, receiver);
 }
 
 }  // namespace
 
 bool ReadHexDump(Bytes text, std::vector<uint8_t>& bytes, size_t& bad_line) {
-  std::string_view rest(reinterpret_cast<const char*>(text.data()), text.size());
-  HexReader reader(bytes);
-  for (bad_line = 1; !rest.empty(); ++bad_line) {
-    const size_t end = std::min(rest.find('\n'), rest.size());
-    if (!reader.Line(rest.substr(0, end))) return false;
-    rest.remove_prefix(std::min(end + 1, rest.size()));
-  }
-  return true;
+  HexReader reader;
+  const bool good = reader.Take(text, bytes) && reader.Finish(bytes);
+  bad_line = reader.line();
+  return good;
 }
 
-Capture ReadCapture(Bytes file, CaptureFormat format) {
+void ReadCapture(const ByteSource& next, CaptureFormat format, Receiver& receiver) {
   switch (format) {
     case CaptureFormat::kRaw:
-      return ReadRaw(file);
+      return ReadRaw({}, next, receiver);
     case CaptureFormat::kHex:
-      return ReadHex(file);
+      return ReadHex(HexReader(), {}, next, receiver);
     case CaptureFormat::kPcap:
-      return ReadPcap(file);
-    default:
-      return ReadAny(file);
+      return ReadPcap({}, next, receiver);
+    case CaptureFormat::kAuto:
+      return ReadAny(next, receiver);
   }
 }
 

@@ -1,5 +1,5 @@
 // decode.cc - see decode.hh. The layout is that of docs/wire-format.md.
-// Invariant: no byte is read before the span was seen to hold it; Part::Has is the one place that decides.
+// Invariant: no byte is read before its presence was checked; within a message Part::Has is the only such check.
 #include "decode.hh"
 
 #include <algorithm>
@@ -19,7 +19,9 @@ constexpr uint64_t kParamHead = 12;
 constexpr uint64_t kMaxMessage = 67108864;
 constexpr uint32_t kMaxParams = 3740;
 constexpr uint32_t kEncoding = 1;
-constexpr uint64_t kFlags = 16;  // first word, a word, byte order, character set
+constexpr uint64_t kFlags = 16;          // first word, a word, byte order, character set
+constexpr uint64_t kLook = 68;           // bytes that LooksLikeMessage looks at
+constexpr uint64_t kFreeLook = 1 << 20;  // bytes that the search inside broken messages may cost in any stream
 constexpr char kMark[] = "MQSIGN01";
 enum ParamType : uint32_t { kInt32 = 1, kInt64 = 2, kText = 3, kBytes = 4 };
 
@@ -62,11 +64,11 @@ std::string TimeText(uint64_t milliseconds) {
   return fmt::format("{:%F %T}.{:03} UTC", fmt::gmtime(seconds), milliseconds % 1000);
 }
 
-// The stretch of the stream that one message announces, cut at the end of what is there, and what was found in it.
+// The bytes that one message announces, as far as they are present, and what was found in them.
 class Part {
  public:
-  Part(Bytes bytes, uint64_t start, const DecodeOptions& options, Piece& piece)
-      : bytes_(bytes), start_(start), options_(options), piece_(piece), announced_(bytes.size()) {}
+  Part(Bytes bytes, uint64_t start, Piece& piece)
+      : bytes_(bytes), start_(start), piece_(piece), announced_(bytes.size()) {}
 
   bool Has(uint64_t at, uint64_t size) const { return at <= bytes_.size() && size <= bytes_.size() - at; }
   uint32_t At(uint64_t at) const { return Word(bytes_, at, piece_.big_endian); }
@@ -76,7 +78,8 @@ class Part {
   bool ebcdic() const { return piece_.ebcdic; }
   bool big_endian() const { return piece_.big_endian; }
 
-  // Ends the part where its headers say that it ends. Announces tells what is only missing from what is no part of it.
+  // Ends the part at the end that its headers announce. Announces says whether a range lies before that end, present
+  // or not.
   void EndAt(uint64_t size) {
     announced_ = size;
     bytes_ = bytes_.first(std::min<uint64_t>(size, bytes_.size()));
@@ -84,13 +87,21 @@ class Part {
   bool Announces(uint64_t at, uint64_t size) const { return at <= announced_ && size <= announced_ - at; }
 
   // name and meaning are constant texts.
-  void Add(uint64_t at, uint64_t size, std::string_view name, std::string value, std::string_view meaning = "",
-           std::string detail = "") {
-    piece_.fields.push_back({start_ + at, size, name, std::move(value), meaning, std::move(detail), parameter_});
+  void AddNumber(uint64_t at, uint64_t size, std::string_view name, ValueKind kind, uint64_t number,
+                 std::string_view meaning = "", std::string detail = "") {
+    piece_.fields.push_back({start_ + at, size, name, kind, number, {}, meaning, std::move(detail), parameter_});
+  }
+  // shown: the bytes at at that are the value.
+  void AddBytes(uint64_t at, uint64_t size, std::string_view name, ValueKind kind, uint64_t shown,
+                std::string_view meaning = "") {
+    piece_.fields.push_back({start_ + at, size, name, kind, 0, Range(at, shown), meaning, "", parameter_});
+  }
+  void AddText(uint64_t at, uint64_t size, std::string_view name, uint64_t shown, std::string_view meaning = "") {
+    AddBytes(at, size, name, ebcdic() ? ValueKind::kEbcdic : ValueKind::kText, shown, meaning);
   }
   uint32_t AddWord(uint64_t at, std::string_view name, std::string_view meaning = "") {
     const uint32_t word = At(at);
-    Add(at, 4, name, std::to_string(word), meaning);
+    AddNumber(at, 4, name, ValueKind::kUnsigned, word, meaning);
     return word;
   }
   // The fields that follow are those of this parameter, or of none.
@@ -100,19 +111,9 @@ class Part {
     piece_.faults.push_back({start_ + at, rule, std::move(text)});
   }
 
-  std::string Shown(uint64_t at, uint64_t size) const {
-    const Bytes range = Range(at, size);
-    const std::string_view raw(reinterpret_cast<const char*>(range.data()), range.size());
-    if (!ebcdic()) return Quote(raw, options_.text_limit);
-    const auto text = FromEbcdic(raw);
-    return text ? Quote(*text, options_.text_limit) : Hex(range, options_.text_limit);
-  }
-  std::string ShownHex(uint64_t at, uint64_t size) const { return Hex(Range(at, size), options_.text_limit); }
-
  private:
   Bytes bytes_;
   uint64_t start_;
-  const DecodeOptions& options_;
   Piece& piece_;
   uint64_t announced_;
   int64_t parameter_ = -1;
@@ -120,18 +121,18 @@ class Part {
 
 const char* CharsetName(bool ebcdic) { return ebcdic ? "EBCDIC (IBM1047)" : "ASCII or a superset"; }
 
-// A fixed text field: zero-filled behind its characters.
+// A fixed text field, filled with zeros after its characters.
 void AddTextField(Part& part, uint64_t at, uint64_t size, const char* name, const char* meaning) {
   const Bytes field = part.Range(at, size);
   const auto end = static_cast<uint64_t>(std::find(field.begin(), field.end(), 0) - field.begin());
-  part.Add(at, size, name, part.Shown(at, end), meaning);
+  part.AddText(at, size, name, end, meaning);
   const bool filled =
       std::all_of(field.begin() + static_cast<ptrdiff_t>(end), field.end(), [](uint8_t b) { return b == 0; });
   if (!filled)
-    part.Break(at + end, "zero-fill", fmt::format(FMT_COMPILE("{} has bytes behind its terminating zero"), name));
+    part.Break(at + end, "zero-fill", fmt::format(FMT_COMPILE("{} has bytes after its terminating zero"), name));
 }
 
-// Byte order and character set, which stand at the same place in header and envelope.
+// Byte order and character set, at the same offsets in header and envelope.
 void AddFlags(Part& part, uint64_t at) {
   const bool big = part.big_endian();
   const uint32_t order = part.AddWord(at + 8, "bigEndian", big ? "sender is big-endian" : "sender is little-endian");
@@ -141,49 +142,42 @@ void AddFlags(Part& part, uint64_t at) {
         fmt::format(FMT_COMPILE("bigEndian is {}, but the first word is {}-endian"), order, big ? "big" : "little"));
   }
   const uint32_t ascii = part.At(at + 12);
-  part.Add(at + 12, 4, "asciiText", std::to_string(ascii), CharsetName(ascii == 0));
+  part.AddNumber(at + 12, 4, "asciiText", ValueKind::kUnsigned, ascii, CharsetName(ascii == 0));
   if (ascii > 1)
     part.Break(at + 12, "charset-flag", fmt::format(FMT_COMPILE("asciiText is {}, neither 0 nor 1"), ascii));
 }
 
-void AddReserved(Part& part, uint64_t at, uint64_t size, const char* name) {
-  const Bytes range = part.Range(at, size);
-  const bool zero = std::all_of(range.begin(), range.end(), [](uint8_t b) { return b == 0; });
-  part.Add(at, size, name, zero ? "0" : Hex(range), "not looked at");
-}
-
-// The 136 bytes at at, which are there.
+// The 136 bytes at at, which are present.
 void AddHeader(Part& part, uint64_t at) {
   part.AddWord(at, "hdrLength", "plain header");
   const uint32_t encoding = part.AddWord(at + 4, "encoding", "version of the body's encoding");
   if (encoding != kEncoding) {
     part.Break(at + 4, "encoding-version",
-               fmt::format(FMT_COMPILE("the body's encoding is version {}, known is 1"), encoding));
+               fmt::format(FMT_COMPILE("the version of the body's encoding is {}, not 1"), encoding));
   }
   AddFlags(part, at);
-  AddReserved(part, at + 16, 48, "reserved");
+  part.AddBytes(at + 16, 48, "reserved", ValueKind::kReserved, 48, "ignored");
   part.AddWord(at + 64, "bodyLength", "bytes that follow the header");
   const uint32_t origin = part.AddWord(at + 68, "origin", "0 on the wire");
   if (origin != 0) part.Break(at + 68, "origin-word", fmt::format(FMT_COMPILE("the origin word is {}, not 0"), origin));
-  AddTextField(part, at + 72, 12, "userId", "who sends");
-  AddTextField(part, at + 84, 48, "applName", "which program sends");
-  AddReserved(part, at + 132, 4, "reserved");
+  AddTextField(part, at + 72, 12, "userId", "sending user");
+  AddTextField(part, at + 84, 48, "applName", "sending application");
+  part.AddBytes(at + 132, 4, "reserved", ValueKind::kReserved, 4, "ignored");
 }
 
 void AddEnvelope(Part& part) {
   part.AddWord(0, "hdrLength", "envelope");
   const uint32_t version = part.AddWord(4, "version");
   if (version != 1)
-    part.Break(4, "envelope-version", fmt::format(FMT_COMPILE("the envelope's version is {}, known is 1"), version));
+    part.Break(4, "envelope-version", fmt::format(FMT_COMPILE("the version of the envelope is {}, not 1"), version));
   AddFlags(part, 0);
   part.AddWord(16, "msgLength", "bytes that follow the envelope");
-  AddTextField(part, 20, 12, "userId", "who signed");
+  AddTextField(part, 20, 12, "userId", "signing user");
 }
 
 uint64_t StoredLength(uint32_t type, uint64_t length) { return (length + (type == kText ? 1 : 0) + 3) & ~uint64_t{3}; }
 
-// Whether the body holds these bytes. Bytes that are announced but not there break no rule of their own.
-// text() says what is missing.
+// Whether the bytes are present. Only bytes beyond the announced end break the rule; text() describes that.
 template <typename Text>
 bool HasOrBreak(Part& part, uint64_t at, uint64_t size, uint64_t where, const char* rule, Text text) {
   if (part.Has(at, size)) return true;
@@ -204,16 +198,17 @@ const char* TypeName(uint32_t type) {
   return type >= kInt32 && type <= kBytes ? kNames[type - 1] : "unknown type";
 }
 
-std::string ValueText(const Part& part, const Param& param) {
+void AddValue(Part& part, const Param& param) {
   switch (param.type) {
     case kInt32:
-      return std::to_string(static_cast<int32_t>(part.At(param.at)));
+      return part.AddNumber(param.at, 4, "value", ValueKind::kSigned,
+                            static_cast<uint64_t>(int64_t{static_cast<int32_t>(part.At(param.at))}));
     case kInt64:
-      return std::to_string(static_cast<int64_t>(part.LongAt(param.at)));
+      return part.AddNumber(param.at, 8, "value", ValueKind::kSigned, part.LongAt(param.at));
     case kText:
-      return part.Shown(param.at, param.length);
+      return part.AddText(param.at, param.length, "value", param.length);
     default:
-      return part.ShownHex(param.at, param.length);
+      return part.AddBytes(param.at, param.length, "value", ValueKind::kBytes, param.length);
   }
 }
 
@@ -228,20 +223,20 @@ void CheckValue(Part& part, const Param& param, uint64_t stored) {
   const auto odd = std::find_if(padding.begin(), padding.end(), [](uint8_t b) { return b != 0; });
   if (odd != padding.end()) {
     part.Break(param.at + param.length + static_cast<uint64_t>(odd - padding.begin()), "parameter-padding",
-               fmt::format(FMT_COMPILE("parameter {}: the bytes behind the value are not all zero"), param.index));
+               fmt::format(FMT_COMPILE("parameter {}: the padding is not all zero"), param.index));
   }
   if (param.type != kText || param.length == 0) return;
   const Bytes text = part.Range(param.at, param.length);
   const void* zero = memchr(text.data(), 0, text.size());
   if (zero == nullptr) return;
   part.Break(param.at + static_cast<uint64_t>(static_cast<const uint8_t*>(zero) - text.data()), "text-zero-byte",
-             fmt::format(FMT_COMPILE("parameter {}: a text holds a zero byte"), param.index));
+             fmt::format(FMT_COMPILE("parameter {}: the text contains a zero byte"), param.index));
 }
 
-// The parameter at at. Moves at behind it; false when the walk cannot go on.
+// Adds the parameter at at and moves at to its end. False if the next one cannot be found.
 bool AddParam(Part& part, uint32_t index, uint64_t& at) {
   if (!HasOrBreak(part, at, kParamHead, part.size(), "parameter-head",
-                  [&] { return fmt::format(FMT_COMPILE("parameter {}: the body ends in its head"), index); })) {
+                  [&] { return fmt::format(FMT_COMPILE("parameter {}: the body ends within its header"), index); })) {
     return false;
   }
   part.BeginParameter(index);
@@ -250,23 +245,24 @@ bool AddParam(Part& part, uint32_t index, uint64_t& at) {
   part.AddWord(at + 4, "type", TypeName(param.type));
   part.AddWord(at + 8, "length");
   if (!HasOrBreak(part, param.at, param.length, at + 8, "parameter-length", [&] {
-        return fmt::format(FMT_COMPILE("parameter {}: {} bytes, only {} are left"), index, param.length,
+        return fmt::format(FMT_COMPILE("parameter {}: its length is {} bytes, {} are left"), index, param.length,
                            part.size() - param.at);
       })) {
     return false;
   }
   if (param.type < kInt32 || param.type > kBytes) {
     part.Break(at + 4, "parameter-type",
-               fmt::format(FMT_COMPILE("parameter {}: type {} is none of 1 to 4"), index, param.type));
+               fmt::format(FMT_COMPILE("parameter {}: the type is {}, not 1 to 4"), index, param.type));
   } else if (!LengthFitsType(param)) {
     part.Break(at + 8, "parameter-length",
-               fmt::format(FMT_COMPILE("parameter {}: {} bytes are no {}"), index, param.length, TypeName(param.type)));
+               fmt::format(FMT_COMPILE("parameter {}: a length of {} bytes does not fit {}"), index, param.length,
+                           TypeName(param.type)));
   } else {
-    part.Add(param.at, param.length, "value", ValueText(part, param));
+    AddValue(part, param);
   }
   const uint64_t stored = StoredLength(param.type, param.length);
   if (!HasOrBreak(part, param.at, stored, part.size(), "parameter-padding",
-                  [&] { return fmt::format(FMT_COMPILE("parameter {}: the body ends in its padding"), index); })) {
+                  [&] { return fmt::format(FMT_COMPILE("parameter {}: the body ends within its padding"), index); })) {
     return false;
   }
   CheckValue(part, param, stored);
@@ -274,17 +270,16 @@ bool AddParam(Part& part, uint32_t index, uint64_t& at) {
   return true;
 }
 
-// The body at at, which runs to the end of the part.
+// The body, from at to the end of the part.
 void AddBody(Part& part, uint64_t at) {
   if (!HasOrBreak(part, at, kBodyHead, part.size(), "body-head",
-                  [] { return std::string("the body has no room for a command and a number of parameters"); })) {
+                  [] { return std::string("the body is too short for the command and the number of parameters"); })) {
     return;
   }
   part.AddWord(at, "command");
   const uint32_t count = part.AddWord(at + 4, "parameters");
   if (count > kMaxParams) {
-    part.Break(at + 4, "parameter-count",
-               fmt::format(FMT_COMPILE("{} parameters, a record holds {}"), count, kMaxParams));
+    part.Break(at + 4, "parameter-count", fmt::format(FMT_COMPILE("{} parameters, more than {}"), count, kMaxParams));
   }
   at += kBodyHead;
   for (uint32_t index = 0; index < std::min(count, kMaxParams); ++index) {
@@ -297,37 +292,38 @@ void AddBody(Part& part, uint64_t at) {
 
 void AddBodyOrBytes(Part& part, uint64_t header, uint64_t body) {
   if (part.At(header + 4) == kEncoding) return AddBody(part, body);
-  if (part.size() > body) part.Add(body, part.size() - body, "body", part.ShownHex(body, part.size() - body));
+  if (part.size() > body) part.AddBytes(body, part.size() - body, "body", ValueKind::kBytes, part.size() - body);
 }
 
 void AddTrailer(Part& part, uint64_t at) {
-  part.Add(at, 8, "mark", Quote({reinterpret_cast<const char*>(part.Range(at, 8).data()), 8}), "signature trailer");
+  part.AddBytes(at, 8, "mark", ValueKind::kText, 8, "signature trailer");
   if (memcmp(part.Range(at, 8).data(), kMark, 8) != 0) {
     part.Break(at, "trailer-mark", fmt::format(FMT_COMPILE("the trailer does not begin with {}"), kMark));
   }
   const uint64_t time = LongWord(part.Range(at + 8, 8), 0, true);
-  part.Add(at + 8, 8, "time", std::to_string(time), "signed", fmt::format(FMT_COMPILE(" {}"), TimeText(time)));
-  part.Add(at + 16, 16, "nonce", Hex(part.Range(at + 16, 16)));
-  part.Add(at + 32, 64, "signature", Hex(part.Range(at + 32, 64)), "not checked");
+  part.AddNumber(at + 8, 8, "time", ValueKind::kUnsigned, time, "signed",
+                 fmt::format(FMT_COMPILE(" {}"), TimeText(time)));
+  part.AddBytes(at + 16, 16, "nonce", ValueKind::kBytes, 16);
+  part.AddBytes(at + 32, 64, "signature", ValueKind::kBytes, 64, "not verified");
 }
 
 // ---- Messages ----
 
-// What one message came to: where it says it ends, and whether that can be believed.
-struct Outcome {
-  uint64_t end;      // as announced, from the start of the message; the header's end when the length is impossible
-  bool body_broken;  // a rule was broken behind the headers
+// Where a message ends as it announces, from its start; the end of its header if the length is impossible.
+struct Extent {
+  uint64_t size;
+  bool body_broken;  // a rule was broken after the headers
 };
 
 void CheckBodyLength(Part& part, uint64_t header, uint64_t body_length) {
   if (LengthIsPossible(kHeader, body_length)) return;
   part.Break(header + 64, "body-length",
-             body_length == 0
-                 ? std::string("a message without a body is never delivered")
-                 : fmt::format(FMT_COMPILE("a body of {} bytes passes the bound of {}"), body_length, kMaxMessage));
+             body_length == 0 ? std::string("the body is empty: such a message is never delivered")
+                              : fmt::format(FMT_COMPILE("a body of {} bytes makes the message longer than {}"),
+                                            body_length, kMaxMessage));
 }
 
-Outcome DecodePlain(Part& part, const Piece& piece) {
+Extent DecodePlain(Part& part, const Piece& piece) {
   AddHeader(part, 0);
   const uint64_t body_length = part.At(64);
   CheckBodyLength(part, 0, body_length);
@@ -336,7 +332,7 @@ Outcome DecodePlain(Part& part, const Piece& piece) {
   const bool whole = part.Has(0, end);
   if (!whole) {
     part.Break(part.size(), "truncated",
-               fmt::format(FMT_COMPILE("the message announces {} bytes, {} are there"), end, part.size()));
+               fmt::format(FMT_COMPILE("the message announces {} bytes, {} are present"), end, part.size()));
   }
   part.EndAt(end);
   const size_t before = piece.faults.size();
@@ -350,21 +346,22 @@ std::string UserAt(const Part& part, uint64_t at, bool ebcdic) {
   return ebcdic ? FromEbcdic(raw).value_or(raw) : raw;
 }
 
-// Envelope and header state their character sets each for itself.
+// Envelope and header each state their own character set.
 void CheckUsers(Part& part) {
   if (UserAt(part, 20, part.At(12) == 0) != UserAt(part, kEnvelope + 72, part.ebcdic())) {
     part.Break(kEnvelope + 72, "user-mismatch", "header and envelope name different users");
   }
 }
 
-// The signed part, behind the envelope; end is where the envelope says that the message ends.
+// The signed part, after the envelope. end: of the message, as the envelope announces it.
 void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
   if (!part.Has(kEnvelope, 4)) return;
   const First first = FirstWord(part.Range(kEnvelope, 4));
   if (first.length != kHeader) {
     return part.Break(
         kEnvelope, "header-in-envelope",
-        fmt::format(FMT_COMPILE("the signed message begins with {}, not a header's 136"), part.At(kEnvelope)));
+        fmt::format(FMT_COMPILE("the signed message begins with {}, not with 136, the length of a header"),
+                    part.At(kEnvelope)));
   }
   if (!part.Has(kEnvelope, kHeader)) return;
   piece.big_endian = first.big;
@@ -385,19 +382,20 @@ void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
   if (trailer + kTrailer <= end && part.Has(trailer, kTrailer)) AddTrailer(part, trailer);
 }
 
-Outcome DecodeSecure(Part& part, Piece& piece) {
+Extent DecodeSecure(Part& part, Piece& piece) {
   AddEnvelope(part);
   const uint64_t announced = part.At(16);
   if (!LengthIsPossible(kEnvelope, announced)) {
     part.Break(16, "message-length",
-               announced == 0 ? std::string("an envelope without a message is never delivered")
-                              : fmt::format(FMT_COMPILE("{} bytes pass the bound of {}"), announced, kMaxMessage));
+               announced == 0
+                   ? std::string("the envelope is empty: such a message is never delivered")
+                   : fmt::format(FMT_COMPILE("{} bytes make the message longer than {}"), announced, kMaxMessage));
     return {kEnvelope, announced != 0};
   }
   const uint64_t end = kEnvelope + announced;
   if (!part.Has(0, end)) {
     part.Break(part.size(), "truncated",
-               fmt::format(FMT_COMPILE("the message announces {} bytes, {} are there"), end, part.size()));
+               fmt::format(FMT_COMPILE("the message announces {} bytes, {} are present"), end, part.size()));
   }
   part.EndAt(end);
   const size_t before = piece.faults.size();
@@ -405,118 +403,52 @@ Outcome DecodeSecure(Part& part, Piece& piece) {
   return {end, piece.faults.size() > before};
 }
 
-// Walks a stream. next_ is where the next piece begins.
-class Walker {
- public:
-  Walker(Bytes bytes, const DecodeOptions& options, const std::function<void(const Piece&)>& sink)
-      : bytes_(bytes), options_(options), sink_(sink) {}
-
-  void Run() {
-    while (next_ < bytes_.size()) {
-      if (BeginsMessage(bytes_.subspan(next_))) {
-        Message();
-      } else {
-        Stray();
-      }
-    }
-  }
-
-  // One datagram is one message, and its size is the message's.
-  void RunDatagram() {
-    if (!BeginsMessage(bytes_)) return Stray();
-    Piece& piece = Begin();
-    const Outcome outcome = DecodeAt(piece);
-    if (outcome.end < bytes_.size()) {
-      piece.faults.push_back(
-          {options_.base + outcome.end, "datagram-size",
-           fmt::format(FMT_COMPILE("the datagram has {} bytes, the message {}"), bytes_.size(), outcome.end)});
-    }
-    piece.size = bytes_.size();
-    sink_(piece);
-  }
-
- private:
-  // The piece that begins here. Its lists keep their memory.
-  Piece& Begin() {
-    piece_.kind = PieceKind::kStray;
-    piece_.offset = options_.base + next_;
-    piece_.size = 0;
-    piece_.big_endian = piece_.ebcdic = false;
-    piece_.fields.clear();
-    piece_.faults.clear();
-    return piece_;
-  }
-
-  Outcome DecodeAt(Piece& piece) {
-    const Bytes rest = bytes_.subspan(next_);
-    const First first = FirstWord(rest);
-    piece.kind = first.length == kHeader ? PieceKind::kPlain : PieceKind::kSecure;
-    piece.big_endian = first.big;
-    if (rest.size() >= kFlags) piece.ebcdic = Word(rest, 12, first.big) == 0;
-    Part part(rest, options_.base + next_, options_, piece);
-    if (rest.size() < first.length) {
-      part.AddWord(0, "hdrLength", piece.kind == PieceKind::kPlain ? "plain header" : "envelope");
-      part.Break(rest.size(), "truncated",
-                 fmt::format(FMT_COMPILE("the {} has {} bytes, {} are there"),
-                             piece.kind == PieceKind::kPlain ? "header" : "envelope", first.length, rest.size()));
-      return {rest.size(), false};
-    }
+// Decodes the message that begins rest, at offset start of the stream, into a piece that was begun.
+Extent DecodeMessage(Bytes rest, uint64_t start, Piece& piece) {
+  const First first = FirstWord(rest);
+  piece.kind = first.length == kHeader ? PieceKind::kPlain : PieceKind::kSecure;
+  piece.big_endian = first.big;
+  if (rest.size() >= kFlags) piece.ebcdic = Word(rest, 12, first.big) == 0;
+  Part part(rest, start, piece);
+  if (rest.size() >= first.length) {
     return piece.kind == PieceKind::kPlain ? DecodePlain(part, piece) : DecodeSecure(part, piece);
   }
+  const char* const head = piece.kind == PieceKind::kPlain ? "header" : "envelope";
+  part.AddWord(0, "hdrLength", piece.kind == PieceKind::kPlain ? "plain header" : "envelope");
+  part.Break(rest.size(), "truncated",
+             fmt::format(FMT_COMPILE("the {} has {} bytes, {} are present"), head, first.length, rest.size()));
+  return {rest.size(), false};
+}
 
-  void Message() {
-    Piece& piece = Begin();
-    const uint64_t start = next_;
-    const Outcome outcome = DecodeAt(piece);
-    const uint64_t end = std::min<uint64_t>(start + outcome.end, bytes_.size());
-    next_ = outcome.body_broken ? EndOfBroken(start, end, piece.kind) : end;
-    piece.size = next_ - start;
-    sink_(piece);
+// Begins a piece. Its lists keep their memory.
+void Begin(Piece& piece, uint64_t offset) {
+  piece.kind = PieceKind::kStray;
+  piece.offset = offset;
+  piece.size = 0;
+  piece.big_endian = piece.ebcdic = false;
+  piece.fields.clear();
+  piece.faults.clear();
+}
+
+// A run of stray bytes, of which begin has the first.
+void FillStray(Piece& piece, Bytes begin, uint64_t size) {
+  piece.size = size;
+  std::string text = begin.size() < 4 ? std::string("too few bytes for a first word")
+                                      : fmt::format(FMT_COMPILE("the first word is {} or {}, neither 136 nor 32"),
+                                                    Word(begin, 0, false), Word(begin, 0, true));
+  piece.fields.push_back({piece.offset, size, "bytes", ValueKind::kBytes, 0, begin, "not part of a message", "", -1});
+  piece.faults.push_back({piece.offset, "first-word", std::move(text)});
+}
+
+// The first offset in [from, to) that looks like the beginning of a message; to if there is none.
+uint64_t FindMessage(Bytes bytes, uint64_t from, uint64_t to) {
+  for (; from < to; ++from) {
+    const uint8_t byte = bytes[from];
+    if (byte != kHeader && byte != kEnvelope && byte != 0) continue;
+    if (LooksLikeMessage(bytes.subspan(from))) return from;
   }
-
-  // A broken body may have swallowed messages: its length, or some of its bytes, may be missing. The announced end
-  // holds when something goes on there; else the next message inside is where to go on. Looking inside is given up
-  // when it has cost a few times the stream, so that no input takes longer than its size allows.
-  uint64_t EndOfBroken(uint64_t start, uint64_t end, PieceKind kind) {
-    if (end < bytes_.size() && LooksLikeMessage(bytes_.subspan(end))) return end;
-    looked_through_ += end - start;
-    if (looked_through_ > 16 * bytes_.size()) return end;
-    const uint64_t inner = start + (kind == PieceKind::kPlain ? kHeader : kEnvelope + kHeader);
-    return inner < end ? FindMessage(inner, end) : end;
-  }
-
-  // The first place from from on that looks like a message; to when there is none.
-  uint64_t FindMessage(uint64_t from, uint64_t to) const {
-    for (; from < to; ++from) {
-      const uint8_t byte = bytes_[from];
-      if (byte != kHeader && byte != kEnvelope && byte != 0) continue;
-      if (LooksLikeMessage(bytes_.subspan(from))) return from;
-    }
-    return to;
-  }
-
-  void Stray() {
-    Piece& piece = Begin();
-    const uint64_t start = next_;
-    next_ = options_.datagram ? bytes_.size() : FindMessage(start + 1, bytes_.size());
-    piece.size = next_ - start;
-    const Bytes stray = bytes_.subspan(start, piece.size);
-    std::string text = stray.size() < 4 ? std::string("too few bytes for a first word")
-                                        : fmt::format(FMT_COMPILE("the first word is {} or {}, neither 136 nor 32"),
-                                                      Word(stray, 0, false), Word(stray, 0, true));
-    piece.fields.push_back(
-        {piece.offset, piece.size, "bytes", Hex(stray, options_.text_limit), "belong to no message", "", -1});
-    piece.faults.push_back({piece.offset, "first-word", std::move(text)});
-    sink_(piece);
-  }
-
-  Bytes bytes_;
-  const DecodeOptions& options_;
-  const std::function<void(const Piece&)>& sink_;
-  Piece piece_ = {};
-  uint64_t next_ = 0;
-  uint64_t looked_through_ = 0;
-};
+  return to;
+}
 
 }  // namespace
 
@@ -526,21 +458,120 @@ bool LooksLikeMessage(Bytes bytes) {
   const First first = FirstWord(bytes);
   if (first.length == 0 || !FlagsAgree(bytes, first.big)) return false;
   if (first.length == kHeader) {
-    return bytes.size() < 68 || LengthIsPossible(kHeader, Word(bytes, 64, first.big));
+    return bytes.size() < kLook || LengthIsPossible(kHeader, Word(bytes, 64, first.big));
   }
   if (Word(bytes, 4, first.big) != 1) return false;
   if (bytes.size() >= 20 && !LengthIsPossible(kEnvelope, Word(bytes, 16, first.big))) return false;
   return bytes.size() < kEnvelope + 4 || FirstWord(bytes.subspan(kEnvelope)).length == kHeader;
 }
 
-void Decode(Bytes bytes, const DecodeOptions& options, const std::function<void(const Piece&)>& sink) {
-  if (bytes.empty()) return;
-  Walker walker(bytes, options, sink);
-  if (options.datagram) {
-    walker.RunDatagram();
-  } else {
-    walker.Run();
+Decoder::Decoder(PieceSink sink, size_t keep) : sink_(std::move(sink)), keep_(std::max<size_t>(keep, 4)) {}
+
+void Decoder::Take(Bytes bytes) {
+  if (held_.empty()) {
+    const size_t done = Walk(bytes);
+    held_.assign(bytes.begin() + static_cast<ptrdiff_t>(done), bytes.end());
+    return;
   }
+  held_.insert(held_.end(), bytes.begin(), bytes.end());
+  held_.erase(held_.begin(), held_.begin() + static_cast<ptrdiff_t>(Walk(held_)));
+}
+
+void Decoder::Finish() {
+  ended_ = true;
+  Walk(held_);
+  held_.clear();
+}
+
+// Decodes bytes, the first of which has the offset base_, as far as the pieces are certain. Returns how many bytes that
+// took.
+size_t Decoder::Walk(Bytes bytes) {
+  bytes_ = bytes;
+  next_ = 0;
+  while (next_ < bytes_.size() || (ended_ && stray_size_ != 0)) {
+    const bool is_message = stray_size_ == 0 && BeginsMessage(bytes_.subspan(next_));
+    if (!ended_ && bytes_.size() - next_ < 4) break;
+    if (!(is_message ? Message() : Stray())) break;
+  }
+  base_ += next_;
+  return next_;
+}
+
+// Whether the message at next_ is present as far as it announces.
+bool Decoder::IsWhole() const {
+  const Bytes rest = bytes_.subspan(next_);
+  const First first = FirstWord(rest);
+  if (rest.size() < first.length) return false;
+  const uint64_t announced = Word(rest, first.length == kHeader ? 64 : 16, first.big);
+  return !LengthIsPossible(first.length, announced) || rest.size() >= first.length + announced;
+}
+
+// False if more bytes are needed.
+bool Decoder::Message() {
+  if (!ended_ && (base_ + bytes_.size() < wait_ || !IsWhole())) return false;
+  Begin(piece_, base_ + next_);
+  const uint64_t start = next_;
+  const Extent extent = DecodeMessage(bytes_.subspan(start), base_ + start, piece_);
+  uint64_t end = std::min<uint64_t>(start + extent.size, bytes_.size());
+  const uint64_t inner = start + (piece_.kind == PieceKind::kPlain ? kHeader : kEnvelope + kHeader);
+  if (extent.body_broken && inner < end) {
+    if (!ended_ && bytes_.size() - end < kLook) {
+      wait_ = base_ + end + kLook;
+      return false;
+    }
+    end = EndOfBroken(start, inner, end);
+  }
+  next_ = end;
+  piece_.size = end - start;
+  sink_(piece_);
+  return true;
+}
+
+// A broken body may contain messages: its length, or some of its bytes, may be missing. The announced end is right if a
+// message begins there; else the piece ends at the next message inside. The search ends once it has cost a few times
+// the stream, so that no input takes longer than its size allows.
+uint64_t Decoder::EndOfBroken(uint64_t start, uint64_t inner, uint64_t end) {
+  if (end < bytes_.size() && LooksLikeMessage(bytes_.subspan(end))) return end;
+  looked_through_ += end - start;
+  return looked_through_ > kFreeLook + 16 * (base_ + end) ? end : FindMessage(bytes_, inner, end);
+}
+
+// Takes stray bytes until a message begins. False if more bytes are needed.
+bool Decoder::Stray() {
+  const uint64_t last = ended_ ? bytes_.size() : bytes_.size() - std::min<uint64_t>(bytes_.size(), kLook - 1);
+  const uint64_t from = next_ + (stray_size_ == 0 ? 1 : 0);
+  if (from > last) return false;
+  const uint64_t end = FindMessage(bytes_, from, last);
+  if (stray_size_ == 0) Begin(piece_, base_ + next_);
+  const Bytes run = bytes_.subspan(next_, end - next_);
+  const Bytes kept = run.first(std::min(run.size(), keep_ - std::min(keep_, stray_.size())));
+  stray_.insert(stray_.end(), kept.begin(), kept.end());
+  stray_size_ += run.size();
+  next_ = end;
+  if (end == last && !ended_) return false;
+  FillStray(piece_, stray_, stray_size_);
+  sink_(piece_);
+  stray_.clear();
+  stray_size_ = 0;
+  return true;
+}
+
+void DecodeDatagram(Bytes bytes, const PieceSink& sink) {
+  if (bytes.empty()) return;
+  Piece piece;
+  Begin(piece, 0);
+  if (!BeginsMessage(bytes)) {
+    FillStray(piece, bytes, bytes.size());
+    return sink(piece);
+  }
+  const Extent extent = DecodeMessage(bytes, 0, piece);
+  piece.size = bytes.size();
+  if (extent.size < bytes.size()) {
+    piece.faults.push_back(
+        {extent.size, "datagram-size",
+         fmt::format(FMT_COMPILE("the datagram has {} bytes, the message {}"), bytes.size(), extent.size)});
+  }
+  sink(piece);
 }
 
 }  // namespace mqcat

@@ -1,5 +1,5 @@
 // explain.cc - mqcat explain: what an error code means, where it comes from, what to do.
-// docs/errors.md is what mqcat explain --all --format markdown prints.
+// docs/errors.md is the output of mqcat explain --all --format markdown.
 #include <algorithm>
 #include <cctype>
 #include <memory>
@@ -48,14 +48,14 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// Names that hold the given text: what the user may have meant.
+// Codes whose name or meaning contains the text.
 std::string Suggestions(const std::string& text) {
   std::string names;
   for (const MqErrorInfo* entry : WholeTable()) {
     const std::string all = Lower(Names(*entry) + " " + entry->meaning);
     if (all.find(Lower(text)) != std::string::npos) names += fmt::format("\n  {} {}", entry->code, entry->name);
   }
-  return names.empty() ? "\n  mqcat explain --all lists every code" : "\n  perhaps:" + names;
+  return names.empty() ? "\n  mqcat explain --all lists every code" : "\n  similar:" + names;
 }
 
 std::vector<const MqErrorInfo*> Find(const std::string& text) {
@@ -65,10 +65,10 @@ std::vector<const MqErrorInfo*> Find(const std::string& text) {
       found.push_back(entry);
     }
     if (!found.empty()) return found;
-    throw Failure{kExitUsage, fmt::format("explain {}: not a code that this system reports", text)};
+    throw Failure{kExitUsage, fmt::format("explain {}: not a code of the library", text)};
   }
   if (const MqErrorInfo* const entry = mq_error_by_name(text.c_str())) return {entry};
-  throw Failure{kExitUsage, fmt::format("explain {}: no code has this name{}", Quote(text, 40), Suggestions(text))};
+  throw Failure{kExitUsage, fmt::format("explain {}: unknown name{}", Quote(text, 40), Suggestions(text))};
 }
 
 std::string ToText(const MqErrorInfo& entry) {
@@ -112,7 +112,7 @@ void PrintEntries(const std::vector<const MqErrorInfo*>& entries, const std::str
 
 void RunExplain(const Options& options) {
   if (options.codes.empty() && !options.all) {
-    throw Failure{kExitUsage, "explain: name a code, or --all\n  mqcat explain --help says more"};
+    throw Failure{kExitUsage, "explain: a code, a name or --all is required\n  see mqcat explain --help"};
   }
   std::vector<const MqErrorInfo*> entries;
   if (options.all) entries = WholeTable();
@@ -127,10 +127,10 @@ void RunExplain(const Options& options) {
 
 void AddExplain(CLI::App& app, ExitCode&) {
   auto options = std::make_shared<Options>();
-  CLI::App* const command = app.add_subcommand("explain", "Say what an error code means and what to do");
-  command->add_option("CODE", options->codes, "Numbers (negative ones too) or names, such as 2026, -1001, econnreset");
-  command->add_flag("--all", options->all, "Every code that the system reports");
-  command->add_option("--format", options->format, "text, json (one object a line) or markdown")
+  CLI::App* const command = app.add_subcommand("explain", "Explain an error code and how to resolve it");
+  command->add_option("CODE", options->codes, "Numbers or names, such as 2026, -1001, econnreset");
+  command->add_flag("--all", options->all, "Every code of the library");
+  command->add_option("--format", options->format, "text, json (one object per line) or markdown")
       ->check(CLI::IsMember({"text", "json", "markdown"}))
       ->type_name("FORMAT");
   command->footer("Examples:\n  mqcat explain 2026\n  mqcat explain -- -1001\n  mqcat explain MQ_WRITE_LIMIT");

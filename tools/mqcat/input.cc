@@ -2,19 +2,23 @@
 #include "input.hh"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "failure.hh"
 #include "fmt/format.h"
+#include "output.hh"
 #include "signals.hh"
 
 namespace mqcat {
 namespace {
 
 constexpr size_t kChunk = 64 * 1024;
+constexpr int kWait = 500;  // milliseconds, after which a signal is noticed that came just before a wait
 
 Failure ReadFailure(const std::string& path) {
   return {kExitInput, fmt::format("read {}: {} ({})", path, strerror(errno), strerrorname_np(errno))};
@@ -35,35 +39,44 @@ size_t ReadChunk(int fd, const std::string& path, std::string& text) {
   return text.size() - before;
 }
 
-class File {
- public:
-  explicit File(const std::string& path) : fd_(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd_ < 0) throw ReadFailure(path);
-  }
-  ~File() {
-    if (fd_ != STDIN_FILENO) close(fd_);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 }  // namespace
 
 std::string ReadFile(const std::string& path, size_t limit) {
-  const std::string shown = path == "-" ? "standard input" : path;
-  const File file(path);
+  Input input(path);
   std::string text;
-  while (ReadChunk(file.fd(), shown, text) != 0) {
+  for (Bytes bytes; !(bytes = input.Next()).empty();) {
+    text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     if (text.size() > limit) {
-      throw Failure{kExitInput, fmt::format("read {}: longer than {} bytes", shown, limit)};
+      throw Failure{kExitInput, fmt::format("read {}: longer than {} bytes", input.shown(), limit)};
     }
   }
   if (Interrupted()) throw Failure{kExitInterrupted, ""};
   return text;
+}
+
+Input::Input(const std::string& path)
+    : shown_(path == "-" ? "standard input" : path),
+      fd_(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)),
+      chunk_(kChunk) {
+  if (fd_ < 0) throw ReadFailure(shown_);
+}
+
+Input::~Input() {
+  if (fd_ != STDIN_FILENO) close(fd_);
+}
+
+bool Input::is_terminal() const { return isatty(fd_) == 1; }
+
+Bytes Input::Next() {
+  if (ended_) return {};
+  pollfd state = {fd_, POLLIN, 0};
+  for (int ready = poll(&state, 1, 0); ready <= 0 && !Interrupted(); ready = poll(&state, 1, kWait)) Flush();
+  ssize_t got = 0;
+  while (!Interrupted() && (got = read(fd_, chunk_.data(), chunk_.size())) < 0) {
+    if (errno != EINTR) throw ReadFailure(shown_);
+  }
+  ended_ = got == 0;
+  return Bytes(chunk_).first(static_cast<size_t>(std::max<ssize_t>(got, 0)));
 }
 
 bool LineReader::Fill() {

@@ -1,13 +1,37 @@
-// input.hh - files and standard input, read whole or by lines, with every failure named.
+// input.hh - files and standard input, read whole, by lines or as they arrive, with every failure named.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "text.hh"
 
 namespace mqcat {
 
 // The content of a file; "-" is standard input. Throws a Failure when it cannot be read or is longer than limit bytes.
 std::string ReadFile(const std::string& path, size_t limit);
+
+// The bytes of a file as they arrive; "-" is standard input.
+class Input {
+ public:
+  explicit Input(const std::string& path);
+  ~Input();
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
+
+  // The next bytes, valid until the next call; none at the end, and after an interruption. Flushes standard output
+  // before it waits. Throws a Failure if the input cannot be read.
+  Bytes Next();
+  bool is_terminal() const;
+  const std::string& shown() const { return shown_; }  // the name in messages
+
+ private:
+  std::string shown_;
+  int fd_;
+  bool ended_ = false;
+  std::vector<uint8_t> chunk_;
+};
 
 // Lines of standard input, at most limit bytes each.
 class LineReader {

@@ -66,7 +66,7 @@ using Locked = std::unique_ptr<T, SodiumFree>;
 
 // size is a multiple of 16, which keeps the start aligned.
 void* AllocateLocked(size_t size) {
-  if (sodium_init() < 0) throw Failure{kExitResources, "the system gives no randomness"};
+  if (sodium_init() < 0) throw Failure{kExitResources, "the system provides no random numbers"};
   void* const place = sodium_malloc(size);
   return place != nullptr ? place : throw std::bad_alloc();
 }
@@ -144,7 +144,8 @@ class KeyText {
                             : line == kRingMark ? Unmarked::kPublic
                                                 : Unmarked::kUnknown;
       if (mark == Unmarked::kUnknown) continue;
-      if (marks_ != Unmarked::kUnknown && mark != marks_) Refuse(name_, "marked as secret and as a ring");
+      if (marks_ != Unmarked::kUnknown && mark != marks_)
+        Refuse(name_, "marked both as a secret key file and as a ring");
       marks_ = mark;
     }
   }
@@ -175,7 +176,7 @@ struct stat AboutRegular(int fd, const std::string& path) {
   return about;
 }
 
-// The lines of a ring file, those without a key too.
+// The lines of a ring file, including those without a key.
 class Ring {
  public:
   void Append(std::string_view text, const MqcKey& key) {
@@ -200,9 +201,14 @@ class Ring {
     if (revoked) return false;
     if (key.revoked != 0) return Set(same, key);
     if (same != SIZE_MAX && lines_[same].key.until == key.until) return false;
-    if (!replace && same != SIZE_MAX) Refuse(user, "the ring has this key with another end; --replace changes it");
-    if (!replace && other != SIZE_MAX) Refuse(user, "the ring has another key; --replace puts the new one there");
+    if (!replace && same != SIZE_MAX) Refuse(user, "the ring has this key with another last day; --replace changes it");
+    if (!replace && other != SIZE_MAX) Refuse(user, "the ring has another key of this user; --replace replaces it");
     return Set(same != SIZE_MAX ? same : other, key);
+  }
+
+  // How many lines were removed.
+  size_t Remove(const std::string& user) {
+    return std::erase_if(lines_, [&user](const Line& line) { return user == line.key.user; });
   }
 
   std::string text() const {
@@ -236,13 +242,13 @@ size_t PutAll(Ring& ring, const std::vector<MqcKey>& keys, bool replace) {
       std::count_if(keys.begin(), keys.end(), [&](const MqcKey& key) { return ring.Put(key, replace); }));
 }
 
-// Opens the ring, creates it if need be, and locks it. Who waited for the lock may have the file that the one before
-// replaced: then once more.
-struct stat LockRing(const std::string& path, Descriptor& ring) {
+// Opens the ring and locks it. create: O_CREAT, or 0. After a wait for the lock the file may be the one that its last
+// owner has replaced: then once more.
+struct stat LockRing(const std::string& path, Descriptor& ring, int create) {
   const auto deadline = std::chrono::steady_clock::now() + kLockWait;
   for (;;) {
-    ring.Reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kRingMode));
-    if (ring.get() < 0) throw SystemFailure(kExitOutput, "write", path);
+    ring.Reset(open(path.c_str(), O_RDWR | create | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kRingMode));
+    if (ring.get() < 0) throw SystemFailure(errno == ENOENT ? kExitInput : kExitOutput, "open", path);
     const struct stat about = AboutRegular(ring.get(), path);
     while (flock(ring.get(), LOCK_EX | LOCK_NB) != 0) {
       if (errno != EWOULDBLOCK) throw SystemFailure(kExitOutput, "lock", path);
@@ -252,6 +258,12 @@ struct stat LockRing(const std::string& path, Descriptor& ring) {
     struct stat named = {};
     if (stat(path.c_str(), &named) == 0 && named.st_dev == about.st_dev && named.st_ino == about.st_ino) return named;
   }
+}
+
+void ReadRing(const std::string& path, int fd, Ring& ring) {
+  CheckRing(path);
+  KeyText text(fd, path);
+  while (text.Next()) ring.Append(text.line(), text.key());
 }
 
 bool WriteWhole(int fd, std::string_view text) {
@@ -290,7 +302,7 @@ void NewSecretFile(const std::string& path, const std::string& user, int64_t unt
   const Locked<LockedKey> key(static_cast<LockedKey*>(AllocateLocked(sizeof(LockedKey))));
   uint8_t open_key[MQC_KEY_BYTES];
   char error[512];
-  if (!mqc_generate_key(key->key, open_key)) throw Failure{kExitResources, "the system gives no randomness"};
+  if (!mqc_generate_key(key->key, open_key)) throw Failure{kExitResources, "the system provides no random numbers"};
   if (!mqc_secret_file_write_until(path.c_str(), user.c_str(), key->key, until, error, sizeof error)) {
     Refuse("new key", error);
   }
@@ -307,7 +319,7 @@ std::vector<MqcKey> PublicKeysOf(const std::string& path, Unmarked unmarked) {
     if (!text.has_key()) continue;
     const Unmarked kind = text.KindOfKey(unmarked);
     if (kind == Unmarked::kUnknown) {
-      Refuse(text.where(), "nothing says whether this key is public or secret; --public or --secret does");
+      Refuse(text.where(), "this key is marked neither as public nor as secret: add --public or --secret");
     }
     is_ring = is_ring || kind == Unmarked::kPublic;
     if (kind == Unmarked::kPublic) CheckPublic(text.key(), text.where());
@@ -336,10 +348,10 @@ std::vector<MqcKey> PublicKeysFromInput(Unmarked unmarked) {
     if (!text.has_key()) continue;
     const Unmarked kind = text.KindOfKey(unmarked);
     if (kind == Unmarked::kSecret) {
-      Refuse(text.where(), "a secret key; mqcat keys public prints the line that goes into rings");
+      Refuse(text.where(), "a secret key; mqcat keys public prints its line for rings");
     }
     if (kind == Unmarked::kUnknown) {
-      Refuse(text.where(), "nothing says that this key is public; the word public behind it does, or --public");
+      Refuse(text.where(), "this key is not marked as public: add the word public to its line, or --public");
     }
     CheckPublic(text.key(), text.where());
     keys.push_back(text.key());
@@ -371,15 +383,24 @@ size_t AddToRing(const std::string& path, const std::vector<MqcKey>& keys, bool 
   Ring fresh;
   PutAll(fresh, keys, replace);  // keys that contradict each other create no ring
   Descriptor file;
-  const struct stat about = LockRing(path, file);
-  CheckRing(path);
+  const struct stat about = LockRing(path, file, O_CREAT);
   Ring ring;
   if (about.st_size == 0) ring.Append(kRingMark, {});
-  KeyText text(file.get(), path);
-  while (text.Next()) ring.Append(text.line(), text.key());
+  ReadRing(path, file.get(), ring);
   const size_t changed = PutAll(ring, keys, replace);
   if (changed != 0) ReplaceFile(path, ring.text(), about);
   return changed;
+}
+
+size_t RemoveFromRing(const std::string& path, const std::string& user) {
+  Descriptor file;
+  const struct stat about = LockRing(path, file, 0);
+  Ring ring;
+  ReadRing(path, file.get(), ring);
+  const size_t removed = ring.Remove(user);
+  if (removed == 0) Refuse(path, fmt::format("no key of user {}", Quote(user, 40)));
+  ReplaceFile(path, ring.text(), about);
+  return removed;
 }
 
 std::string LineOf(const MqcKey& key) {

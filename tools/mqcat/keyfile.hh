@@ -1,4 +1,4 @@
-// keyfile.hh - what a person does with key files. What a line may say is the companion's to decide (mqc_key_read).
+// keyfile.hh - what a person does with key files. The companion defines their lines (mqc_key_read).
 // Invariant: no secret key leaves this module. Text that may hold one lies in memory that is locked, left out of core
 // dumps and wiped.
 #pragma once
@@ -10,23 +10,23 @@
 
 namespace mqcat {
 
-// What the caller knows of lines that neither a word of their own nor a comment of their file marks.
+// What the caller knows of lines that are marked neither by a word of their own nor by a comment of their file.
 enum class Unmarked { kUnknown, kPublic, kSecret };
 
 // Makes a key pair and writes the secret key, good until then, into a new file.
 void NewSecretFile(const std::string& path, const std::string& user, int64_t until);
 
-// The public keys of a ring, or those that belong to the secret keys of a file. Throws a Failure for a line that may be
-// secret or public for all that is known, and for whatever makes the companion refuse the file.
+// The public keys of a ring, or those that belong to the secret keys of a file. Throws a Failure for a line that is not
+// known to be secret or public, and if the companion refuses the file.
 std::vector<MqcKey> PublicKeysOf(const std::string& path, Unmarked unmarked);
 
 // The public key that belongs to a user's secret key in a file; user empty for the only one.
 MqcKey PublicKeyOf(const std::string& path, const std::string& user);
 
-// Public keys from standard input. Throws a Failure for a secret key, and for a key that nothing says to be public.
+// Public keys from standard input. Throws a Failure for a secret key, and for a key that is not marked as public.
 std::vector<MqcKey> PublicKeysFromInput(Unmarked unmarked);
 
-// A key from the command line, which names it as public.
+// A key from the command line, whose user says that it is public.
 MqcKey PublicKeyFrom(const std::string& user, const std::string& digits);
 
 // The last millisecond of a day, YYYY-MM-DD; MQC_NO_END for an empty text.
@@ -36,6 +36,9 @@ int64_t EndOf(const std::string& day);
 // no other process adds to it meanwhile. A user who has another key there, or the same with another end, is refused
 // unless replace; a revoked key stays revoked. Returns how many lines are new or changed.
 size_t AddToRing(const std::string& path, const std::vector<MqcKey>& keys, bool replace);
+
+// Removes all keys of a user from a ring file, in the same way. Returns how many; a Failure when there is none.
+size_t RemoveFromRing(const std::string& path, const std::string& user);
 
 // "alice 3d40... public until=2027-06-30"
 std::string LineOf(const MqcKey& key);

@@ -3,6 +3,8 @@
 #include "link.hh"
 
 #include <linux/sockios.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -14,8 +16,10 @@
 
 #include "fmt/format.h"
 #include "mqnode/errors.h"
+#include "mqnode/finish.h"
 #include "signals.hh"
 #include "text.hh"
+#include "trace.hh"
 
 namespace mqcat {
 namespace {
@@ -23,7 +27,9 @@ namespace {
 constexpr auto kTick = std::chrono::milliseconds(200);
 constexpr int kMostPending = 64;  // messages that may wait in a node before a write waits for them
 constexpr auto kBreath = std::chrono::milliseconds(1);
-constexpr double kLastMoment = 1;  // seconds without a sign of the peer, when everything is with its system
+constexpr double kSilence = 1;     // seconds that a peer may keep a connection open when its system has everything
+constexpr double kRefusal = 0.05;  // seconds, beside two round trips, that a peer has to refuse what it reads
+constexpr int kShortTick = 5;      // milliseconds
 
 ExitCode ExitCodeOf(int code) {
   switch (code) {
@@ -55,7 +61,7 @@ void SetOption(MQNode* node, int id, int value) {
   SetSocketOptions(&node->sock, &option);
 }
 
-// Closing sends what is on its way instead of throwing it away, as nodes do by themselves.
+// Closing sends what is on its way. By themselves nodes discard it.
 void LingerNot(MQNode* node) { SetOption(node, SOCK_OPT_LINGER, 0); }
 
 bool IsLoopback(const SockAddrRec& address) { return strncmp(address.ip, "127.", 4) == 0; }
@@ -70,7 +76,7 @@ Clock::time_point In(double seconds) {
 
 MessagePtr NewMessage() {
   MessagePtr msg(mqc_message_new(0));
-  if (msg == nullptr) throw Failure{kExitResources, "no memory for a message"};
+  if (msg == nullptr) throw Failure{kExitResources, "out of memory for a message"};
   return msg;
 }
 
@@ -79,18 +85,25 @@ void SetApplication(MQNode* node) {
   memcpy(node->applName, "mqcat", 5);
 }
 
-Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason) {
+std::string NodeCodeText(const MQNode* node) {
   unsigned place = MQ_IN_ANY;
   const int code = mq_node_cause(node, &place);
+  const bool is_datagram = node->sock.type == SOCK_TYPE_DATAGRAM;
+  if (code != SOCK_PEER_CLOSED) return CodeText(code, place);
+  return is_datagram ? "an empty datagram" : fmt::format("SOCK_PEER_CLOSED ({}): the peer closed the connection", code);
+}
+
+Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason) {
+  const int code = mq_node_cause(node, nullptr);
   const std::string why = reason.empty() ? ReasonOf(code) : reason;
   return {ExitCodeOf(code),
-          fmt::format("{}: {}{}", what, CodeText(code, place), why.empty() ? RemedyText(code, place) : "\n  " + why)};
+          fmt::format("{}: {}{}", what, NodeCodeText(node), why.empty() ? AdviceText(code) : "\n  " + why)};
 }
 
 Waiter::Waiter(size_t count) {
   if (!InitSocketPostData(&work_, static_cast<int>(count) + 1)) {
     FreeSocketPostData(&work_);
-    throw Failure{kExitResources, fmt::format("no memory to wait on {} nodes", count)};
+    throw Failure{kExitResources, fmt::format("out of memory to wait on {} nodes", count)};
   }
 }
 
@@ -119,7 +132,7 @@ Security LoadSecurity(const std::string& sign, const std::string& user, const st
   }
   if (!ring.empty()) {
     if (!mqc_ring_load(ring.c_str(), error, sizeof error)) throw Failure{kExitSecurity, fmt::format("ring {}", error)};
-    if (mqc_ring_count() == 0) throw Failure{kExitSecurity, fmt::format("ring {}: holds no key", ring)};
+    if (mqc_ring_count() == 0) throw Failure{kExitSecurity, fmt::format("ring {}: contains no key", ring)};
     security.check = true;
   }
   return security;
@@ -133,7 +146,7 @@ Link::Link(const SockAddrRec& target, Transport transport, Clock::time_point dea
   } else {
     node_.reset(CreateMQNode(&target_, MQ_ROLE_CONNECT));
   }
-  if (node_ == nullptr) throw Failure{kExitResources, "no memory for a node"};
+  if (node_ == nullptr) throw Failure{kExitResources, "out of memory for a node"};
   SetApplication(node_.get());
   if (node_->error != 0) throw NodeFailure(fmt::format("socket for {}", target_text_), node_.get());
   LingerNot(node_.get());
@@ -147,8 +160,8 @@ void Link::Connect(Clock::time_point deadline) {
   while (node_->openState == 0) {
     if (Interrupted()) throw Failure{kExitInterrupted, what + ": interrupted"};
     if (Clock::now() >= deadline) {
-      throw Failure{kExitTimeout, fmt::format("{}: {}{}", what, CodeText(ETIMEDOUT, MQ_IN_SOCKET),
-                                              RemedyText(ETIMEDOUT, MQ_IN_SOCKET))};
+      throw Failure{kExitTimeout,
+                    fmt::format("{}: {}{}", what, CodeText(ETIMEDOUT, MQ_IN_SOCKET), AdviceText(ETIMEDOUT))};
     }
     waiter_.Wait({node_.get()}, deadline);
     if (!waiter_.to_write().empty() || !waiter_.to_read().empty()) FinishConnect();
@@ -156,7 +169,7 @@ void Link::Connect(Clock::time_point deadline) {
   SetTcpNoDelay(&node_->sock, 1);
 }
 
-// A node that is listed has come to the end of its connect, for better or worse; the socket knows which.
+// A node that is listed has completed its connect, or failed; the socket knows which.
 void Link::FinishConnect() {
   SockOption outcome = {SOCK_OPT_ERROR, 0, 0};
   GetSocketOptions(&node_->sock, &outcome);
@@ -182,29 +195,32 @@ void Link::Flush(Clock::time_point deadline, int most_pending) {
     const std::string what = "send to " + target_text_;
     if (Interrupted()) throw Failure{kExitInterrupted, what + ": interrupted"};
     if (Clock::now() >= deadline) {
-      throw Failure{kExitTimeout, fmt::format("{}: {} wait, the peer does not read", what,
+      throw Failure{kExitTimeout, fmt::format("{}: the peer does not read: {} queued", what,
                                               Count(static_cast<uint64_t>(Qdepth(node_->pending)), "message"))};
     }
     waiter_.Wait({node_.get()}, deadline);
-    if (discard_ && !waiter_.to_read().empty() && !Discard()) {
-      throw Failure{kExitConnection, fmt::format("{}: {}", what, CodeText(SOCK_PEER_CLOSED, MQ_IN_SOCKET))};
-    }
+    if (const int code = discard_ && !waiter_.to_read().empty() ? Discard() : 0; code != 0) throw Fail(code);
     if (waiter_.to_write().empty()) {
-      std::this_thread::sleep_for(kBreath);  // an answer that nobody takes yet ends every wait at once
+      std::this_thread::sleep_for(kBreath);  // an answer that is not read yet ends every wait at once
     } else if (!mnFinishWrite(node_.get())) {
       throw NodeFailure(what, node_.get());
     }
   }
 }
 
-// Throws away what has arrived. False when the connection has come to its end.
-bool Link::Discard() {
+// Discards what has arrived. 0, or the code of a connection that has ended.
+int Link::Discard() {
   std::array<char, 65536> place;
   for (;;) {
     const ssize_t got = recv(node_->sock.fd, place.data(), place.size(), MSG_DONTWAIT);
-    if (got == 0) return false;
-    if (got < 0) return errno == EAGAIN || errno == EINTR;
+    if (got == 0) return SOCK_PEER_CLOSED;
+    if (got < 0) return errno == EAGAIN || errno == EINTR ? 0 : errno;
   }
+}
+
+Failure Link::Fail(int code) {
+  node_->error = node_->sock.error = code;
+  return NodeFailure("send to " + target_text_, node_.get());
 }
 
 // Bytes that the peer's system has not confirmed.
@@ -213,28 +229,53 @@ int Link::Unconfirmed() const {
   return ioctl(node_->sock.fd, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
-void Link::Close(Clock::time_point deadline) {
-  Drain(deadline);
-  if (transport_ != Transport::kTcp) return;
-  shutdown(node_->sock.fd, SHUT_WR);
-  auto quiet = In(kLastMoment);  // since the last sign of life
-  while (!Interrupted() && Clock::now() < deadline && Clock::now() < quiet) {
-    waiter_.Wait({node_.get()}, deadline);
-    const bool readable = !waiter_.to_read().empty();
-    if (readable && !Discard()) return;
-    if (readable || Unconfirmed() != 0) quiet = In(kLastMoment);
+// A peer that refuses a message resets the connection when it has read it, soon after its system has confirmed it. One
+// that closes in order may have read everything.
+void Link::AwaitRefusal(Clock::time_point deadline) {
+  tcp_info info = {};
+  socklen_t size = sizeof info;
+  getsockopt(node_->sock.fd, IPPROTO_TCP, TCP_INFO, &info, &size);
+  const double moment = kRefusal + 2e-6 * info.tcpi_rtt;
+  for (auto end = In(moment); !Interrupted() && Clock::now() < std::min(end, deadline);) {
+    pollfd wanted = {node_->sock.fd, POLLIN, 0};
+    if (poll(&wanted, 1, kShortTick) == 1) {
+      const int code = Discard();
+      if (code == SOCK_PEER_CLOSED) return;
+      if (code != 0) throw Fail(code);
+    }
+    if (Unconfirmed() != 0) end = In(moment);
   }
-  if (const int left = Unconfirmed(); left != 0 && !Interrupted()) {
-    throw Failure{kExitTimeout, fmt::format("send to {}: the peer does not read, {} not confirmed", target_text_,
+}
+
+void Link::Finish(Clock::time_point deadline, bool awaits_refusal) {
+  Drain(deadline);
+  if (transport_ == Transport::kUdp) return;
+  if (awaits_refusal) AwaitRefusal(deadline);
+  MqFinish state = {};
+  for (auto silent = In(kSilence); Clock::now() < std::min(deadline, silent);) {
+    const int result = mq_finish_step(node_.get(), &state);
+    if (result == 1) return;
+    if (result == 0) throw NodeFailure("send to " + target_text_, node_.get());
+    if (Interrupted()) throw Failure{kExitInterrupted, "send to " + target_text_ + ": interrupted"};
+    pollfd wanted = {node_->sock.fd, state.events, 0};
+    poll(&wanted, 1, state.events != 0 ? static_cast<int>(kTick.count()) : kShortTick);
+    if (wanted.revents != 0 || Unconfirmed() != 0) silent = In(kSilence);
+  }
+  if (const int left = Unconfirmed(); left != 0) {
+    throw Failure{kExitTimeout, fmt::format("send to {}: the peer does not read: {} not confirmed", target_text_,
                                             Count(static_cast<uint64_t>(left), "byte"))};
   }
+}
+
+uint64_t Link::Taken(uint64_t written) const {
+  return written - (static_cast<uint32_t>(written) - node_->writesCompleted);
 }
 
 void Link::Write(PcfMessage* msg, Clock::time_point deadline) {
   const std::string what = fmt::format("send {} bytes to {}", msg->raw.length, target_text_);
   const bool datagram = transport_ == Transport::kUdp;
   if (datagram && msg->raw.length > kMaxDatagram) {
-    throw Failure{kExitInput, fmt::format("{}: a datagram takes a message of at most {} bytes", what, kMaxDatagram)};
+    throw Failure{kExitInput, fmt::format("{}: a datagram carries a message of at most {} bytes", what, kMaxDatagram)};
   }
   Flush(deadline, kMostPending);
   MqcSigner* const signer = security_ != nullptr ? security_->signer.get() : nullptr;
@@ -242,6 +283,7 @@ void Link::Write(PcfMessage* msg, Clock::time_point deadline) {
   if (!mnSWriteMsg(msg, node_.get(), datagram ? &target_ : nullptr, user, signer != nullptr, signer, 0)) {
     throw NodeFailure(what, node_.get());
   }
+  TraceMessage(node_.get(), "message to", target_text_, msg);
 }
 
 void Link::Drain(Clock::time_point deadline) { Flush(deadline, 0); }
@@ -249,7 +291,10 @@ void Link::Drain(Clock::time_point deadline) { Flush(deadline, 0); }
 bool Link::Read(PcfMessage* msg, Clock::time_point deadline) {
   const bool check = security_ != nullptr && security_->check;
   for (;;) {
-    if (mnSRead(msg, node_.get(), check, nullptr)) return true;
+    if (mnSRead(msg, node_.get(), check, nullptr)) {
+      TraceMessage(node_.get(), "message from", target_text_, msg);
+      return true;
+    }
     if (node_->error != MQ_AGAIN) throw NodeFailure("answer from " + target_text_, node_.get());
     if (Interrupted() || Clock::now() >= deadline) return false;
     waiter_.Wait({node_.get()}, deadline);

@@ -1,4 +1,4 @@
-// link.hh - nodes with an owner and a deadline: connect, send and receive without ever blocking for longer than asked.
+// link.hh - nodes with an owner: connect, send and receive within a deadline.
 #pragma once
 
 #include <chrono>
@@ -40,8 +40,11 @@ MessagePtr NewMessage();
 // Messages of the node, and of those it accepts, name this program.
 void SetApplication(MQNode* node);
 
+// "NAME (code): meaning" of the code that a node's last operation left.
+std::string NodeCodeText(const MQNode* node);
+
 // "what TARGET: NAME (code): meaning", from what the node and its socket say; the exit code fits the cause. On a line
-// of its own follows the reason when it is known, from the caller or from signing and authentication, else the remedy.
+// of its own follows the reason if it is known, from the caller or from signing and authentication, else advice.
 Failure NodeFailure(const std::string& what, const MQNode* node, const std::string& reason = "");
 
 // A work record for the waits of up to count nodes.
@@ -52,8 +55,8 @@ class Waiter {
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
 
-  // Waits for a tick at most: until one of the nodes is ready, the deadline or a signal. The lists hold what is ready
-  // afterwards. nodes ends without a null pointer; it is added.
+  // Waits for a tick at most: until one of the nodes is ready, the deadline or a signal. Afterwards the lists contain
+  // what is ready. nodes has no null pointer at its end.
   void Wait(std::vector<MQNode*> nodes, Clock::time_point deadline);
 
   const std::vector<MQNode*>& to_accept() const { return listen_; }
@@ -68,7 +71,7 @@ class Waiter {
 // Signs what a node writes, and checks what it reads.
 struct Security {
   SignerPtr signer;    // null: plain writes
-  bool check = false;  // secure reads, against the process's ring
+  bool check = false;  // signed reads, against the process's ring
 };
 
 // Loads a signer (the key of user, or the only one) and a ring; empty paths leave them out.
@@ -86,18 +89,23 @@ class Link {
   // Writes the message; waits while the peer does not take what was written before. user is that of the header.
   void Write(PcfMessage* msg, Clock::time_point deadline);
 
-  // Until everything written is with the system.
+  // Waits until everything written is with the system.
   void Drain(Clock::time_point deadline);
 
-  // Answers are not wanted: they are thrown away as they come, so that the peer can go on reading.
+  // Answers are not wanted: they are discarded as they come, so that the peer can go on reading.
   void DiscardAnswers() { discard_ = true; }
 
-  // Drains, says that nothing more comes, and waits for the peer to close, or to have everything and be quiet: closing
-  // at once, with answers unread, would take back what is still on its way.
-  void Close(Clock::time_point deadline);
+  // Sends what is queued, shuts the sending side down and waits until the peer's system has confirmed everything, and
+  // the peer has closed or is silent. Throws a Failure if the peer resets the connection, or confirms too little in
+  // time. On UDP nothing is known afterwards. awaits_refusal: gives the peer a moment to refuse, before the end of the
+  // stream makes it close in any case.
+  void Finish(Clock::time_point deadline, bool awaits_refusal);
 
   // Reads the next message before the deadline. False when none came; throws a Failure for everything else.
   bool Read(PcfMessage* msg, Clock::time_point deadline);
+
+  // How many of so many written messages the system has taken whole.
+  uint64_t Taken(uint64_t written) const;
 
   const std::string& target() const { return target_text_; }
   MQNode* node() { return node_.get(); }
@@ -106,7 +114,9 @@ class Link {
   void Connect(Clock::time_point deadline);
   void FinishConnect();
   void Flush(Clock::time_point deadline, int most_pending);
-  bool Discard();
+  int Discard();
+  void AwaitRefusal(Clock::time_point deadline);
+  Failure Fail(int code);
   int Unconfirmed() const;
 
   SockAddrRec target_;

@@ -1,39 +1,43 @@
 // listen.cc - mqcat listen: accepts many clients, prints what they send, answers when asked to.
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-
+// The limits on clients are those of mqnode/server.h.
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <memory>
-#include <thread>
-#include <unordered_map>
 
-#include "client.hh"
 #include "examples/answers.h"
+#include "link.hh"
 #include "mqnode/errors.h"
+#include "mqnode/server.hpp"
 #include "options.hh"
 #include "output.hh"
 #include "show.hh"
 #include "signals.hh"
 #include "text.hh"
+#include "trace.hh"
 
 namespace mqcat {
 namespace {
 
-constexpr int kMostPending = 64;    // answers that may wait in a node before it is not read from any more
-constexpr int kMostAtOnce = 64;     // messages read, or clients accepted, before the others have their turn
-constexpr int kBacklog = 128;       // connections that wait to be accepted
-constexpr int kMostNotes = 20;      // a second, about what peers do
-constexpr double kKept = 1;         // seconds that a client keeps its place, however many others wait
-constexpr double kAcceptPause = 1;  // seconds, when no descriptor or memory was left to accept with
-constexpr auto kSlowTick = std::chrono::milliseconds(10);
-constexpr double kLastAnswers = 2;       // seconds for answers that wait when the end has come
-constexpr size_t kSignedRest = 32 + 96;  // bytes that signing adds: envelope and trailer
+using mqnode::MessageRef;
+using mqnode::NodeRef;
+using mqnode::ServerClient;
 
-Clock::duration Seconds(double seconds) {
-  return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-}
+constexpr int kMostPending = 64;  // answers that may be queued on a datagram node
+constexpr int kMostAtOnce = 64;   // messages of one client, or clients accepted, before the others have their turn
+constexpr double kMostSeconds = 2.1e6;   // of a limit: the server counts milliseconds in an int
+constexpr double kLastAnswers = 2;       // seconds for answers that are queued at the end
+constexpr size_t kSignedRest = 32 + 96;  // bytes that signing adds: envelope and trailer
+constexpr size_t kShownBytes = 32;       // of something that is not a message
+constexpr auto kTick = std::chrono::milliseconds(200);
+
+// The limits that the options change, by the reason that the server gives.
+constexpr std::pair<std::string_view, const char*> kReasons[] = {{MQ_SERVER_TOO_SLOW, "--midway"},
+                                                                 {MQ_SERVER_TAKES_NO_ANSWERS, "--midway"},
+                                                                 {MQ_SERVER_IDLE, "--idle"},
+                                                                 {MQ_SERVER_TOO_LONG, "--max-message"},
+                                                                 {MQ_SERVER_NO_PLACE, "--max-per-address"},
+                                                                 {MQ_SERVER_PLACE_NEEDED, "--max-clients"}};
 
 // The number of this second.
 long Second() {
@@ -41,16 +45,20 @@ long Second() {
 }
 
 struct Options {
-  std::vector<std::string> where;
-  std::string format = "text";
+  std::vector<std::string> place;
+  FormatOptions format;
   bool echo = false;
   bool udp = false;
   bool trace = false;
-  std::string ring, sign, user;
+  KeyOptions keys;
   uint64_t count = UINT64_MAX;
-  size_t max_clients = 256;
-  size_t max_per_address = SIZE_MAX;
-  Bounds bounds;
+  int backlog = 128;
+  int max_clients = 256;
+  int max_per_address = INT_MAX;
+  uint32_t max_message = 1 << 20;  // bytes, headers included
+  uint32_t max_waiting = 1 << 20;  // bytes
+  double midway = 30;              // seconds
+  double idle = 3600;              // seconds
   uint32_t answer_rate = MOST_ANSWERS;
 };
 
@@ -60,84 +68,79 @@ struct Totals {
   uint64_t clients = 0;
   uint64_t refused = 0;  // not authentic
   uint64_t faulty = 0;   // bad messages and bodies
-  uint64_t dropped = 0;  // clients that passed a bound
+  uint64_t dropped = 0;  // clients that passed a limit
   uint64_t answers_lost = 0;
   uint64_t answers_held = 0;  // datagrams: the address had its answers for the second
 };
 
-// Notes about what peers do: a bounded number a second, so that no peer can fill a disk.
-class Reporter {
- public:
-  void Tell(const std::string& text) {
-    EndSecond();
-    if (notes_++ < kMostNotes) Note(text);
-  }
-
-  // Says how many notes were left out, once their second is over.
-  void EndSecond() {
-    if (second_ != Second()) Finish();
-    second_ = Second();
-  }
-
-  void Finish() {
-    if (notes_ > kMostNotes) Note(fmt::format("... and {} more", notes_ - kMostNotes));
-    notes_ = 0;
-  }
-
- private:
-  uint64_t notes_ = 0;
-  long second_ = 0;
-};
-
-// ---- Trace ----
-
-void TraceNode(const char* point, MQNode* node) {
-  Note(fmt::format("trace {} node fd {} {} error {}", LocalTime(), node->sock.fd, point, node->error));
+MqServerLimits LimitsOf(const Options& options) {
+  MqServerLimits limits = mq_server_limits();
+  limits.clients = options.max_clients;
+  limits.clientsPerAddress = options.max_per_address;
+  limits.backlog = options.backlog;
+  limits.acceptsPerRound = kMostAtOnce;
+  limits.messagesPerRound = kMostAtOnce;
+  limits.midwayMsec = static_cast<int>(options.midway * 1000);
+  limits.firstMsec = limits.idleMsec = static_cast<int>(options.idle * 1000);
+  const size_t header = options.keys.ring.empty() ? sizeof(MsgHeader) : sizeof(SecureHeader);
+  limits.messageBytes = options.max_message - static_cast<uint32_t>(header);
+  limits.waitingBytes = options.max_waiting;
+  limits.socketBytes = 0;
+  limits.pauses = 1;
+  return limits;
 }
 
-void TraceSocket(const char* point, SockRec* rec) {
-  Note(fmt::format("trace {} socket fd {} {} error {}", LocalTime(), rec->fd, point, rec->error));
+// Whether the first word of some bytes is the length of that header, in either byte order.
+bool BeginsWith(Bytes bytes, uint32_t header_length) {
+  uint32_t first = 0;
+  if (bytes.size() < sizeof first) return false;
+  memcpy(&first, bytes.data(), sizeof first);
+  return first == header_length || first == bwlong(header_length);
 }
 
-class Listener {
+// What has arrived of a message that was not accepted; size bytes were received of it.
+Bytes Arrived(const MQNode* node, uint64_t size) {
+  const IoBuffer& buffer = node->recvBuffer;
+  return buffer.data == nullptr ? Bytes() : Bytes(buffer.data, std::min<uint64_t>(size, buffer.capacity));
+}
+
+std::string Shown(Bytes bytes) {
+  return Quote({reinterpret_cast<const char*>(bytes.data()), std::min(bytes.size(), kShownBytes)});
+}
+
+class Listener : public mqnode::Server {
  public:
   explicit Listener(const Options& options)
-      : options_(options),
-        format_(ShowFormatOf(options.format)),
-        transport_(options.udp ? Transport::kUdp : Transport::kTcp),
-        security_(LoadSecurity(options.sign, options.user, options.ring)),
-        msg_(NewMessage()),
-        waiter_(options.max_clients + 1) {}
+      : Server(LimitsOf(options)),
+        options_(options),
+        format_(ShowFormatOf(options.format.format)),
+        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        datagram_(NewMessage()) {
+    if (Server::failed()) throw Failure{kExitResources, "out of memory for a server"};
+  }
 
   void Open() {
-    const bool has_host = options_.where.size() == 2;
-    const std::string host = has_host ? options_.where[0] : "127.0.0.1";
-    SockAddrRec address = MakeAddress(host, options_.where.back(), transport_);
-    if (options_.trace) {
-      mnGSetTraceCallBack(TraceNode);
-      OnGSocketTrace(TraceSocket);
-    }
+    Place place = ParsePlace(options_.place, false);
+    if (place.host.empty()) place.host = "127.0.0.1";
+    SockAddrRec address = MakeAddress(place.host, place.service, options_.udp ? Transport::kUdp : Transport::kTcp);
+    const std::string where = fmt::format("{} {}:", options_.udp ? "UDP" : "TCP", place.host);
     SockOption reuse = {SOCK_OPT_REUSEADDR, 0, 1};
     node_.reset(options_.udp ? CreateUDPMQNode(&address) : CreateMQNodeWithOpt(&address, MQ_ROLE_LISTEN, &reuse));
-    if (node_ == nullptr) throw Failure{kExitResources, "no memory for a node"};
+    if (node_ == nullptr) throw Failure{kExitResources, "out of memory for a node"};
     SetApplication(node_.get());
-    const std::string place = fmt::format("{}:{}", host, address.port);
-    if (node_->error != 0)
-      throw NodeFailure(fmt::format("listen on {} {}", options_.udp ? "UDP" : "TCP", place), node_.get());
-    NoblockSocket(&node_->sock);
-    if (options_.udp) {
-      node_->writeLimit = kMostPending;
-    } else {
-      ListenSocket(&node_->sock, kBacklog);
+    if (options_.udp) node_->writeLimit = kMostPending;
+    SignAs(node_.get());
+    if (node_->error != 0 || !add(node_.get(), security_.check)) {
+      throw NodeFailure(fmt::format("listen on {}{}", where, address.port), node_.get());
     }
-    Prepare(node_.get());
-    Note(fmt::format("listening on {} {}:{}", options_.udp ? "UDP" : "TCP", host, BoundPort()));
+    Note(fmt::format("listening on {}{}", where, NodeRef(node_.get()).local_port()));
   }
 
   void Run() {
-    while (!Interrupted() && totals_.messages < options_.count) Turn();
+    while (!Interrupted() && record().reading && totals_.messages < options_.count) Turn(kTick);
     SendLastAnswers();
-    reporter_.Finish();
+    close();
+    if (failure_) std::rethrow_exception(failure_);
   }
 
   std::string Summary() const {
@@ -153,318 +156,196 @@ class Listener {
   }
 
  private:
-  // A signed answer carries the node's user, which must be the signer's. Children copy their listening node's.
-  void Prepare(MQNode* node) const {
+  void Turn(std::chrono::milliseconds time) {
+    if (const mqnode::Result waited = round(time); !waited) {
+      throw Failure{kExitResources,
+                    fmt::format("wait on {} nodes: {}", size() + 1, CodeText(waited.code(), MQ_IN_STATUS))};
+    }
+    if (!failure_) Flush();
+  }
+
+  // The sockets go on sending what they have when they are closed.
+  void SendLastAnswers() {
+    record().reading = 0;
+    const auto has_queued = [](const MqServerClient* client) { return client->node->pending != nullptr; };
+    for (const auto deadline = In(kLastAnswers); Clock::now() < deadline;) {
+      MqServerClient** const clients = record().clients;
+      if (std::none_of(clients, clients + size(), has_queued)) return;
+      Turn(kTick);
+    }
+  }
+
+  // A signed answer carries the node's user, which must be the signer's. Accepted nodes copy their listening node's.
+  void SignAs(MQNode* node) const {
     const MqcSigner* const signer = security_.signer.get();
     if (signer != nullptr) snprintf(node->user, sizeof node->user, "%s", mqc_signer_user(signer));
   }
 
-  // The kernel picks a port for service 0; the node does not learn which.
-  int BoundPort() const {
-    sockaddr_in name = {};
-    socklen_t size = sizeof name;
-    getsockname(node_->sock.fd, reinterpret_cast<sockaddr*>(&name), &size);
-    return ntohs(name.sin_port);
-  }
-
-  bool IsSlow(const Client& client) const {
-    const Queue* const pending = client.node()->pending;
-    return pending != nullptr && (pending->count > kMostPending || client.Waiting() > options_.bounds.waiting);
-  }
-
-  bool IsFull() const { return clients_.size() >= options_.max_clients; }
-
-  // One wait and what it brought. A client that does not take its answers is not waited for, and so not read from; its
-  // answers are tried at short intervals.
-  void Turn() {
-    std::vector<MQNode*> nodes;
-    bool slow = false;
-    if (options_.udp || (!IsFull() && Clock::now() >= accept_from_)) nodes.push_back(node_.get());
-    for (const Client& client : clients_) {
-      const bool is_slow = IsSlow(client);
-      slow = slow || is_slow;
-      if (!is_slow) nodes.push_back(client.node());
-    }
-    waiter_.Wait(std::move(nodes), slow ? Clock::now() + kSlowTick : In(1));
-    for (MQNode* node : waiter_.to_write()) node == node_.get() ? FinishDatagrams() : FinishWrites(FindClient(node));
-    for (Client& client : clients_) {
-      if (IsSlow(client)) FinishWrites(client);
-    }
-    if (!waiter_.to_accept().empty()) Accept();
-    for (MQNode* node : waiter_.to_read()) node == node_.get() ? ReadDatagrams() : ReadClient(FindClient(node));
-    Sweep();
-    DropOverdue();
-    Sweep();
-    reporter_.EndSecond();
-    Flush();
-  }
-
-  Client& FindClient(const MQNode* node) {
-    return *std::find_if(clients_.begin(), clients_.end(), [node](const Client& c) { return c.node() == node; });
-  }
-
-  // ---- Connections come and go ----
-
-  void Accept() {
-    for (int i = 0; i < kMostAtOnce && !IsFull(); ++i) {
-      if (!mnOpen(node_.get())) return AcceptFailed();
-      NodePtr child(node_->child);
-      if (child == nullptr) return reporter_.Tell("accept a client: no memory for a node");
-      NoblockSocket(&child->sock);
-      SetTcpNoDelay(&child->sock, 1);
-      SockOption linger = {SOCK_OPT_LINGER, 0, 0};
-      SetSocketOptions(&child->sock, &linger);
-      if (options_.trace) OnSocketTrace(&child->sock, TraceSocket);
-      Admit(std::move(child));
+  // An event must not throw: what it throws ends the rounds, and is thrown again after them.
+  template <typename Function>
+  void Guard(Function function) noexcept {
+    try {
+      function();
+    } catch (...) {
+      if (!failure_) failure_ = std::current_exception();
+      record().reading = 0;
     }
   }
 
-  // Without a descriptor or memory the connection stays in the queue, and every wait would come back at once.
-  void AcceptFailed() {
-    if (node_->error == MQ_AGAIN || node_->error == ECONNABORTED) return;
-    const auto now = Clock::now();
-    if (now >= tell_from_) reporter_.Tell(NodeFailure("accept a client", node_.get()).text);
-    tell_from_ = now + Seconds(kAcceptPause);
-    accept_from_ = In(kAcceptPause);
-  }
+  // ---- Events ----
 
-  void Admit(NodePtr child) {
+  const char* accepted(ServerClient client) noexcept override {
+    SockOption linger = {SOCK_OPT_LINGER, 0, 0};
+    SetSocketOptions(&client.node().record().sock, &linger);
+    TraceAccepted(client.node().get());
     ++totals_.clients;
-    const Client& added = clients_.emplace_back(std::move(child), security_.check);
-    const auto same = std::count_if(clients_.begin(), clients_.end(),
-                                    [&added](const Client& c) { return c.address() == added.address(); });
-    if (static_cast<size_t>(same) > options_.max_per_address) {
-      Drop(clients_.back(), "its address has all the places that it may have (--max-per-address)");
-    }
+    return nullptr;
   }
 
-  void Drop(Client& client, const std::string& why) {
-    ++totals_.dropped;
-    reporter_.Tell(fmt::format("client {} dropped: {}", client.peer(), why));
-    client.End();
-  }
-
-  // Drops clients that have been quiet for too long, and one more when somebody waits and cannot be accepted.
-  void DropOverdue() {
-    const auto now = Clock::now();
-    const bool in_need = (IsFull() || now < accept_from_) && SomeoneWaits();
-    if (!in_need && now < look_at_) return;
-    look_at_ = now + std::chrono::seconds(1);
-    for (Client& client : clients_) {
-      const auto quiet = client.Quiet(now);
-      if (client.done()) continue;
-      if (client.Owes() && quiet >= Seconds(options_.bounds.midway)) {
-        Drop(client, fmt::format("{} for {} s (--midway)",
-                                 client.node()->pending != nullptr ? "its answers were not taken" : "half a message",
-                                 options_.bounds.midway));
-      } else if (quiet >= Seconds(options_.bounds.idle)) {
-        Drop(client, fmt::format("idle for {} s (--idle)", options_.bounds.idle));
-      }
-    }
-    if (!in_need) return;
-    if (Client* const client = MakesRoom(now)) Drop(*client, "its place is needed");
-  }
-
-  // The client that gives its place to a newcomer: of the address with the most clients, the one that has been quiet
-  // longest. One address can therefore push out clients of others only until it has as many as they have.
-  Client* MakesRoom(Clock::time_point now) {
-    struct Group {
-      size_t clients = 0;
-      Client* quietest = nullptr;
-      Clock::duration quiet{};
-    };
-    std::unordered_map<std::string_view, Group> groups;
-    for (Client& client : clients_) {
-      if (client.done()) continue;
-      Group& group = groups[client.address()];
-      ++group.clients;
-      const auto quiet = client.Quiet(now);
-      if (now - client.accepted() < Seconds(kKept) || quiet < group.quiet) continue;
-      group.quietest = &client;
-      group.quiet = quiet;
-    }
-    const auto largest = std::max_element(groups.begin(), groups.end(), [](const auto& a, const auto& b) {
-      return std::pair(a.second.clients, a.second.quiet) < std::pair(b.second.clients, b.second.quiet);
+  const char* message(ServerClient client, MessageRef msg) noexcept override {
+    Guard([&] {
+      MQNode* const node = client.node().get();
+      const std::string peer = AddressText(node->sock.name);
+      Deliver(node, msg.get(), peer);
+      if (!options_.echo || Answer(node, msg.get(), nullptr, peer)) return;
+      drop(client, nullptr);  // a part of the answer may have been sent
     });
-    return largest != groups.end() ? largest->second.quietest : nullptr;
+    return nullptr;
   }
 
-  bool SomeoneWaits() const {
-    pollfd queue = {node_->sock.fd, POLLIN, 0};
-    return !options_.udp && poll(&queue, 1, 0) == 1;
+  const char* failed(ServerClient client, const char*) noexcept override {
+    Guard([&] {
+      const MQNode* const node = client.node().get();
+      const Bytes bytes = Arrived(node, node->sock.bytesReceived - client.record().whole);
+      if (node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET) return TellLeft(node, bytes);
+      TellBadMessage(node, node->sock.name, bytes, record().in);
+    });
+    return nullptr;
   }
 
-  // A place and a descriptor are free afterwards.
-  void Sweep() {
-    const auto is_done = [this](const Client& client) {
-      if (client.done()) totals_.answers_lost += static_cast<uint64_t>(Qdepth(client.node()->pending));
-      return client.done();
-    };
-    if (std::erase_if(clients_, is_done) != 0) accept_from_ = Clock::now();
+  void dropped(ServerClient client, const char* why) noexcept override {
+    if (why != nullptr) ++totals_.dropped;
+    totals_.answers_lost += static_cast<uint64_t>(client.record().lost);
   }
 
-  // ---- Reading ----
-
-  // What one call may read of one client, so that none starves the others.
-  void ReadClient(Client& client) {
-    for (int i = 0; i < kMostAtOnce && !client.done() && totals_.messages < options_.count; ++i) {
-      if (IsSlow(client)) return;
-      const bool midway = client.node()->recvBuffer.received != 0;
-      if (ReceiveFrom(client)) {
-        Deliver(client.node(), &client);
-      } else if (!client.done() && !ReadFailed(client, midway)) {
-        break;
+  void ready(NodeRef ref) noexcept override {
+    MQNode* const node = ref.get();
+    PcfMessage* const msg = datagram_.get();
+    Guard([&] {
+      for (int i = 0; i < kMostAtOnce && record().reading; ++i) {
+        const uint64_t before = node->sock.bytesReceived;
+        if (mnSRead(msg, node, security_.check, nullptr)) {
+          const std::string peer = AddressText(node->sock.from);
+          Deliver(node, msg, peer);
+          SockAddrRec to = node->sock.from;
+          if (options_.echo && MayAnswer(msg, to)) Answer(node, msg, &to, peer);
+        } else if (node->error == MQ_AGAIN) {
+          return;
+        } else {
+          TellBadMessage(node, node->sock.from, Arrived(node, node->sock.bytesReceived - before), msg);
+        }
       }
-    }
-    if (!client.done()) client.GiveBack();
-    if (msg_->raw.capacity > kKeptArea) msg_ = NewMessage();
+    });
   }
 
-  // Gathers the header alone first: nothing of a message that is too long is taken in.
-  bool ReceiveFrom(Client& client) {
-    MQNode* const node = client.node();
-    if (!(security_.check ? mnSReadMsg(node) : mnReadMsg(node))) return false;
-    if (const uint64_t length = client.Announced(); length > options_.bounds.message) {
-      Drop(client, fmt::format("a message of {} bytes is too long (--max-message)", length));
-      return false;
-    }
-    return mnSRead(msg_.get(), node, security_.check, nullptr) != 0;
-  }
-
-  // After a failed read: true when the next message can be read.
-  bool ReadFailed(Client& client, bool midway) {
-    MQNode* const node = client.node();
-    if (node->error == MQ_AGAIN) return false;
-    if (IsInStep(node, client.peer())) return true;
-    client.End();
-    // Nodes reset when they close: only what was cut off is worth a word.
-    const bool gone = node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
-    if (!gone || midway) TellBadMessage(node, client.peer(), "\n  closed");
-    return false;
-  }
-
-  void ReadDatagrams() {
-    MQNode* const node = node_.get();
-    for (int i = 0; i < kMostAtOnce && totals_.messages < options_.count; ++i) {
-      if (mnSRead(msg_.get(), node, security_.check, nullptr)) {
-        Deliver(node, nullptr);
-      } else if (node->error == MQ_AGAIN) {
-        return;
-      } else if (const std::string peer = AddressText(node->sock.from); !IsInStep(node, peer)) {
-        TellBadMessage(node, peer, "");
+  void log(const char* line) noexcept override {
+    Guard([line] {
+      const std::string_view text = line;
+      for (const auto& [reason, option] : kReasons) {
+        if (text.ends_with(reason)) return Note(fmt::format("{} ({})", text, option));
       }
+      Note(text);
+    });
+  }
+
+  // ---- What peers do ----
+
+  // A client that left between two messages, with its answers, is not worth a line.
+  void TellLeft(const MQNode* node, Bytes bytes) {
+    std::string text = "left before it took its answers";
+    if (!bytes.empty()) {
+      const bool is_part =
+          bytes.size() < 4 || BeginsWith(bytes, sizeof(MsgHeader)) || BeginsWith(bytes, sizeof(SecureHeader));
+      text = is_part
+                 ? fmt::format("left in the middle of a message, after {}", Count(bytes.size(), "byte"))
+                 : fmt::format("left after {} that are not a message: {}", Count(bytes.size(), "byte"), Shown(bytes));
     }
+    say("client", node->sock.name, text.c_str());
   }
 
-  // Whether what was refused is one message, behind which a stream goes on.
-  bool IsInStep(const MQNode* node, const std::string& peer) {
-    if (node->error != MQ_NOT_AUTHENTIC && node->error != MQ_BAD_BODY) return false;
-    const bool is_faulty = node->error == MQ_BAD_BODY;
-    ++(is_faulty ? totals_.faulty : totals_.refused);
-    reporter_.Tell(NodeFailure("message from " + peer, node, is_faulty ? mqc_message_error(msg_.get()) : "").text);
-    return true;
+  void TellBadMessage(const MQNode* node, const SockAddrRec& peer, Bytes bytes, const PcfMessage* msg) {
+    ++(node->error == MQ_NOT_AUTHENTIC ? totals_.refused : totals_.faulty);
+    std::string reason;
+    if (node->error == MQ_BAD_BODY) reason = mqc_message_error(msg);
+    if (node->error == MQ_BAD_MESSAGE) reason = FramingHint(bytes);
+    if (node->error == MQ_NOT_AUTHENTIC) reason = mqc_authenticate_error();
+    const bool is_last = node->error == MQ_BAD_MESSAGE && !options_.udp;
+    const std::string text = NodeCodeText(node) + (reason.empty() ? "" : "\n  " + reason);
+    say(is_last ? "dropped" : "message from", peer, text.c_str());
   }
 
-  void TellBadMessage(const MQNode* node, const std::string& peer, const std::string& outcome) {
-    if (node->error == MQ_BAD_MESSAGE) ++totals_.faulty;
-    reporter_.Tell(NodeFailure("message from " + peer, node, FramingHint(node)).text + outcome);
+  // The usual mistake is the other framing.
+  std::string FramingHint(Bytes bytes) const {
+    if (!security_.check && BeginsWith(bytes, sizeof(SecureHeader))) return "it is signed: listen with --ring FILE";
+    if (security_.check && BeginsWith(bytes, sizeof(MsgHeader)))
+      return "it is not signed: send with --sign, or listen without --ring";
+    return "it begins with " + Shown(bytes);
   }
 
-  // What a reader refused is still in its buffer: the other framing is the usual mistake.
-  std::string FramingHint(const MQNode* node) const {
-    if (node->error != MQ_BAD_MESSAGE || node->recvBuffer.data == nullptr) return "";
-    uint32_t first = 0;
-    memcpy(&first, node->recvBuffer.data, sizeof first);
-    if (!security_.check && (first == 32 || first == bwlong(32))) return "it is signed: --ring FILE reads it";
-    if (security_.check && (first == 136 || first == bwlong(136))) return "it is not signed: without --ring it is read";
-    return "";
-  }
-
-  void Deliver(MQNode* node, Client* client) {
-    const std::string peer = client != nullptr ? client->peer() : AddressText(node->sock.from);
+  void Deliver(const MQNode* node, const PcfMessage* msg, const std::string& peer) {
     ++totals_.messages;
-    totals_.bytes += msg_->raw.length;
-    ShowMessage(msg_.get(), peer, security_.check, format_);
-    if (!options_.echo || (client == nullptr && !MayAnswer(node->sock.from, peer)) || Answer(node, peer)) return;
-    ++totals_.answers_lost;
-    // A message that was dropped may have left in part: the stream is out of step.
-    if (client != nullptr && node->error == MQ_AGAIN) client->End();
+    totals_.bytes += msg->raw.length;
+    if (totals_.messages == options_.count) record().reading = 0;
+    TraceMessage(node, "message from", peer, msg);
+    ShowMessage(msg, peer, security_.check, format_);
   }
 
   // ---- Answering ----
 
   // A datagram may carry a forged sender: only questions are answered, no address too often, and the answer is marked.
-  bool MayAnswer(const SockAddrRec& to, const std::string& peer) {
-    if (is_answer(msg_.get())) return false;
+  bool MayAnswer(PcfMessage* msg, const SockAddrRec& to) {
+    if (is_answer(msg)) return false;
     if (!may_answer(answers_.get(), &to, Second(), options_.answer_rate)) {
       ++totals_.answers_held;
-      reporter_.Tell(fmt::format("answer to {} held back: {} a second (--answer-rate)", peer, options_.answer_rate));
+      say("answer held back to", to, fmt::format("{} a second (--answer-rate)", options_.answer_rate).c_str());
       return false;
     }
     const size_t rest = security_.signer != nullptr ? kSignedRest : 0;
-    if (mark_answer(msg_.get()) && msg_->raw.length + rest <= kMaxDatagram) return true;
+    if (mark_answer(msg) && msg->raw.length + rest <= kMaxDatagram) return true;
     ++totals_.answers_lost;
-    reporter_.Tell(fmt::format("answer to {}: a datagram takes at most {} bytes", peer, kMaxDatagram));
+    say("no answer to", to, fmt::format("a datagram carries at most {} bytes", kMaxDatagram).c_str());
     return false;
   }
 
-  bool Answer(MQNode* node, const std::string& peer) {
+  // to: null on a connection.
+  bool Answer(MQNode* node, PcfMessage* msg, SockAddrRec* to, const std::string& peer) {
     MqcSigner* const signer = security_.signer.get();
-    SockAddrRec to = node->sock.from;
-    if (mnSWriteMsg(msg_.get(), node, options_.udp ? &to : nullptr, node->user, signer != nullptr, signer, 0))
+    if (mnSWriteMsg(msg, node, to, node->user, signer != nullptr, signer, 0)) {
+      TraceMessage(node, "message to", peer, msg);
       return true;
-    reporter_.Tell(NodeFailure("answer to " + peer, node).text);
-    return false;
-  }
-
-  // A failure has dropped an answer that may have left in part: the stream is out of step.
-  void FinishWrites(Client& client) {
-    MQNode* const node = client.node();
-    if (client.done() || mnFinishWrite(node)) return;
-    ++totals_.answers_lost;
-    client.End();
-    const int cause = mq_node_cause(node, nullptr);
-    if (cause != ECONNRESET && cause != EPIPE) reporter_.Tell(NodeFailure("answers to " + client.peer(), node).text);
-  }
-
-  void FinishDatagrams() {
-    if (mnFinishWrite(node_.get())) return;
-    ++totals_.answers_lost;
-    reporter_.Tell(NodeFailure("answer", node_.get()).text);
-  }
-
-  void SendLastAnswers() {
-    const auto deadline = In(kLastAnswers);
-    const auto has_sent = [](const Client& client) { return !mnIsPendingIO(client.node()); };
-    for (std::erase_if(clients_, has_sent); !clients_.empty(); Sweep(), std::erase_if(clients_, has_sent)) {
-      if (Clock::now() >= deadline) {
-        for (Client& client : clients_) client.End();
-        continue;
-      }
-      std::this_thread::sleep_for(kSlowTick);
-      for (Client& client : clients_) FinishWrites(client);
     }
+    ++totals_.answers_lost;
+    const int code = mq_node_cause(node, nullptr);
+    const std::string why = code == MQ_NOT_SIGNED ? std::string("\n  ") + mqc_sign_error() : AdviceText(code);
+    say("no answer to", to != nullptr ? *to : node->sock.name, (NodeCodeText(node) + why).c_str());
+    return false;
   }
 
   const Options& options_;
   ShowFormat format_;
-  Transport transport_;
   Security security_;
-  MessagePtr msg_;
-  Waiter waiter_;
+  MessagePtr datagram_;  // the one that was read last
   NodePtr node_;
-  std::vector<Client> clients_;
   std::unique_ptr<Answers> answers_ = std::make_unique<Answers>();
-  Clock::time_point accept_from_{};  // accepting pauses until then
-  Clock::time_point tell_from_{};    // while accepting fails again and again, this is said once
-  Clock::time_point look_at_{};      // of the next look at quiet clients
-  Reporter reporter_;
+  std::exception_ptr failure_;
   Totals totals_;
   Clock::time_point start_ = Clock::now();
 };
 
 void RunListen(const Options& options) {
   CatchSignals();
+  CheckFormat(options.format);
+  if (options.trace) StartTrace();
   Listener listener(options);
   listener.Open();
   try {
@@ -477,46 +358,48 @@ void RunListen(const Options& options) {
   Note(listener.Summary());
 }
 
+void AddLimits(CLI::App& command, Options& options) {
+  AddNumber<uint64_t>(command, "--count", options.count, 1, UINT64_MAX, "Stop after this many messages");
+  AddNumber<int>(command, "--backlog", options.backlog, 1, 65535,
+                 "Connections that wait to be accepted; net.core.somaxconn may allow fewer");
+  AddNumber<int>(command, "--max-clients", options.max_clients, 1, 2500,
+                 "Clients at once; a newcomer takes the place of the quietest one");
+  AddNumber<int>(command, "--max-per-address", options.max_per_address, 1, 2500,
+                 "Clients at once from one address; others are refused (default: no limit)");
+  AddNumber<uint32_t>(command, "--max-message", options.max_message, 256, MQ_MAX_MESSAGE,
+                      "Bytes of a message, headers included; a client that announces a longer one is dropped");
+  AddNumber<uint32_t>(command, "--max-waiting", options.max_waiting, 0, UINT32_MAX - 1,
+                      "Bytes of answers that may wait behind the oldest one; a client is not read from while more do");
+  AddSeconds(command, "--midway", options.midway, 0.1, kMostSeconds,
+             "Drop a client that stops in the middle of a message, or does not take its answers, for this long");
+  AddSeconds(command, "--idle", options.idle, 0.1, kMostSeconds, "Drop a client that sends nothing for this long");
+  AddNumber<uint32_t>(command, "--answer-rate", options.answer_rate, 1, UINT32_MAX - 1,
+                      "Answers to one address in a second, with --udp");
+}
+
 }  // namespace
 
 void AddListen(CLI::App& app, ExitCode&) {
   auto options = std::make_shared<Options>();
-  CLI::App* const command = app.add_subcommand("listen", "Accept messages and print them");
+  CLI::App* const command = app.add_subcommand("listen", "Receive messages and print them");
   command
-      ->add_option("PLACE", options->where,
-                   "[HOST] SERVICE: where to listen; 127.0.0.1 without a host, * for everywhere; "
-                   "service 0 lets the system pick a port")
+      ->add_option(
+          "[HOST:]PORT", options->place,
+          "Where to listen: an address of this host and a port or a service name; also HOST SERVICE. Without a "
+          "host 127.0.0.1, with * every address; port 0 lets the system choose")
       ->required()
       ->expected(1, 2);
-  command->add_option("--format", options->format, "text, json (one object a line), hex, raw or quiet")
-      ->check(CLI::IsMember({"text", "json", "hex", "raw", "quiet"}))
-      ->type_name("FORMAT");
-  command->add_flag("--echo", options->echo, "Send every message back; datagrams marked as answers are not");
-  command->add_flag("--udp", options->udp, "Datagrams instead of connections");
-  command->add_option("--ring", options->ring, "Accept signed messages only, of the users in this file")
-      ->type_name("FILE");
-  command->add_option("--sign", options->sign, "Sign the answers with the secret key in this file")
-      ->type_name("KEYFILE");
-  command->add_option("--user", options->user, "Whose key, when the file holds several")->type_name("USER");
-  AddNumber<uint64_t>(*command, "--count", options->count, 1, UINT64_MAX, "Stop after so many messages");
-  AddNumber<size_t>(*command, "--max-clients", options->max_clients, 1, 2500,
-                    "Most clients at once; others wait (256)");
-  AddNumber<size_t>(*command, "--max-per-address", options->max_per_address, 1, 2500,
-                    "Most clients of one address; others are dropped (no bound)");
-  AddNumber<uint32_t>(*command, "--max-message", options->bounds.message, 256, MQ_MAX_MESSAGE,
-                      "Bytes of the longest message of a connection (1048576)");
-  AddNumber<uint32_t>(*command, "--max-waiting", options->bounds.waiting, 0, UINT32_MAX,
-                      "Bytes of answers that may wait before a client is not read from any more (1048576)");
-  AddSeconds(*command, "--midway", options->bounds.midway, 0.1, 86400 * 365.0,
-             "Drop clients that stop in the middle of a message or do not take answers for so long (30)");
-  AddSeconds(*command, "--idle", options->bounds.idle, 0.1, 86400 * 365.0,
-             "Drop clients that send nothing for so long (3600)");
-  AddNumber<uint32_t>(*command, "--answer-rate", options->answer_rate, 1, UINT32_MAX,
-                      "Most answers a second to one address, with --udp (1000)");
-  command->add_flag("--trace", options->trace, "Show every trace point as it happens, on standard error");
+  AddFormat(*command, options->format, "Print messages as text, json (one object a line), hex, raw or quiet");
+  command->add_flag("--echo", options->echo, "Send every message back; a datagram that is marked as an answer is not");
+  command->add_flag("--udp", options->udp, "Receive datagrams");
+  AddKeyOptions(*command, options->keys, "Sign the answers of --echo with the secret key in this file",
+                "Accept only messages that are signed by a user in this ring",
+                "User whose key --sign takes from the file");
+  AddLimits(*command, *options);
+  command->add_flag("-v,--trace", options->trace, "Print every step of every connection on standard error");
   command->footer(
-      "Messages go to standard output, everything else to standard error. SIGINT stops with a summary.\n\n"
-      "Examples:\n  mqcat listen 5000 --echo\n  mqcat listen '*' 5000 --format json --count 10\n"
+      "Messages are printed on standard output, everything else on standard error. Ctrl-C ends with a summary.\n\n"
+      "Examples:\n  mqcat listen 5000 --echo\n  mqcat listen '*:5000' --format json --count 10\n"
       "  mqcat listen 5000 --ring ring --trace\n  mqcat listen 5000 --udp --format hex");
   command->callback([options] { RunListen(*options); });
 }

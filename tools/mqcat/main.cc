@@ -4,53 +4,39 @@
 
 #include <csignal>
 #include <exception>
-#include <memory>
 #include <new>
 
+#include "help.hh"
 #include "options.hh"
 #include "output.hh"
-#include "text.hh"
 
 namespace mqcat {
 namespace {
 
-constexpr char kExitCodes[] =
-    "Exit codes:\n"
-    "  0    done\n"
-    "  1    a fault of mqcat itself\n"
-    "  2    the command line is wrong\n"
-    "  3    a file, an interface or JSON cannot be read, or is malformed\n"
-    "  4    connection: name unknown, refused, address in use, lost\n"
-    "  5    no answer in time\n"
-    "  6    bytes that break the rules of the wire format\n"
-    "  7    keys, signing, authentication\n"
-    "  8    the output cannot be written\n"
-    "  9    whoever read the output has gone\n"
-    "  10   no memory, no descriptors\n"
-    "  130  interrupted before the work was done\n";
-
-constexpr char kExamples[] =
+constexpr char kFooter[] =
     "Examples:\n"
     "  mqcat listen 5000 --echo\n"
-    "  mqcat send 127.0.0.1 5000 -c 7 -p 1=hello --reply\n"
-    "  mqcat ping 127.0.0.1 5000 -c 5\n"
+    "  mqcat send 127.0.0.1:5000 -c 7 -p 1=hello --reply\n"
+    "  mqcat ping 127.0.0.1:5000 -c 5\n"
     "  mqcat explain 2026\n"
-    "\n";
+    "\n"
+    "Exit codes:\n"
+    "  0    success\n"
+    "  1    internal error of mqcat\n"
+    "  2    usage error\n"
+    "  3    input that cannot be read, or is malformed: a file, an interface, JSON\n"
+    "  4    connection: unknown name, refused, reset, address in use\n"
+    "  5    no answer in time\n"
+    "  6    bytes that break the rules of the wire format\n"
+    "  7    keys, signatures\n"
+    "  8    output that cannot be written\n"
+    "  9    the reader of the output has closed it\n"
+    "  10   out of memory or file descriptors\n"
+    "  130  interrupted before the work was done\n"
+    "\n"
+    "mqcat COMMAND --help describes a command; man mqcat has everything.";
 
-// Help that fits the terminal.
-class HelpFormatter : public CLI::Formatter {
- public:
-  HelpFormatter() {
-    label("TEXT", "TEXT");
-    column_width(OutputWidth() < 72 ? 22 : 32);
-  }
-  std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override {
-    return Wrap(CLI::Formatter::make_help(app, name, mode), OutputWidth());
-  }
-};
-
-// unknown: the first word of the command line, when it is no command.
-int ParseFailed(const CLI::App& app, const CLI::ParseError& error, const std::string& unknown) {
+int ParseFailed(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
     std::ostringstream out, unused;
     app.exit(error, out, unused);
@@ -58,33 +44,31 @@ int ParseFailed(const CLI::App& app, const CLI::ParseError& error, const std::st
     Flush();
     return kExitOk;
   }
-  std::string command = "mqcat";
-  for (const CLI::App* used : app.get_subcommands()) command += " " + used->get_name();
-  const std::string what = unknown.empty() ? error.what() : "no command " + Quote(unknown, 40);
-  Note(fmt::format("{}\n  {} --help says more", what, command));
+  Note(UsageText(app, error));
   return kExitUsage;
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app("mqcat - listen, send, ping, take apart: a tool for mqnode messages", "mqcat");
+  CLI::App app("mqcat - send, receive, measure and decode mqnode messages", "mqcat");
   ExitCode exit = kExitOk;
-  app.formatter(std::make_shared<HelpFormatter>());
-  app.set_version_flag("--version", std::string("mqcat ") + MQCAT_VERSION);
+  FormatHelp(app);
+  app.set_version_flag("-V,-v,--version", std::string("mqcat ") + MQCAT_VERSION, "Print the version");
   app.require_subcommand(1);
-  app.footer(std::string(kExamples) + kExitCodes + "\nmqcat COMMAND --help says more about a command.");
-  for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain}) add(app, exit);
+  app.footer(kFooter);
+  for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain, AddHelp}) add(app, exit);
+  for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
+  AddCompletion(app, exit);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    const bool no_command = argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty();
-    return ParseFailed(app, error, no_command ? argv[1] : "");
+    return ParseFailed(app, error);
   }
   Flush();
   return exit;
 }
 
-// A stream that the caller has closed stays unusable: a socket in its place would be taken for it. Opened the wrong way
-// round, so that reading and writing fail.
+// A stream that the caller has closed stays unusable: a socket must not get its descriptor. Opened the wrong way round,
+// so that reading and writing fail.
 void KeepStreamsTaken() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
@@ -110,10 +94,10 @@ int main(int argc, char** argv) {
     if (!failure.text.empty()) Note(failure.text);
     return failure.code;
   } catch (const std::bad_alloc&) {
-    Note("no memory");
+    Note("out of memory");
     return kExitResources;
   } catch (const std::exception& error) {
-    Note(fmt::format("internal fault: {}", error.what()));
+    Note(fmt::format("internal error: {}", error.what()));
     return kExitInternal;
   }
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <iterator>
 #include <set>
 #include <string_view>
@@ -19,7 +20,7 @@ namespace {
 constexpr size_t kMaxFile = MQ_MAX_MESSAGE;
 constexpr std::array<const char*, 4> kTypes = {"int32", "int64", "text", "bytes"};
 
-// Keys that mqcat listen writes beside the message: what it prints can be sent again.
+// Of a message, and those that mqcat listen adds: its output can be sent again.
 const std::set<std::string> kKnownKeys = {"command", "parameters",  "time",   "peer",
                                           "user",    "application", "signed", "bytes"};
 
@@ -39,7 +40,7 @@ void AddNumberParam(PcfMessage* msg, uint32_t id, bool wide, int64_t value, cons
 }
 
 void AddTextParam(PcfMessage* msg, uint32_t id, const std::string& text, const std::string& where) {
-  if (text.find('\0') != std::string::npos) Refuse(where, "a text holds a zero character; send it as bytes");
+  if (text.find('\0') != std::string::npos) Refuse(where, "a text cannot contain a zero character; send it as bytes");
   Check(mqc_add_text(msg, id, text.c_str()), msg, where);
 }
 
@@ -56,74 +57,49 @@ void AddBytesParam(PcfMessage* msg, uint32_t id, Bytes bytes, const std::string&
 
 // ---- From JSON ----
 
-const Json& Need(const Json& object, const char* key, const std::string& where) {
-  const auto place = object.find(key);
-  if (place == object.end()) Refuse(where, fmt::format("\"{}\" is missing", key));
-  return *place;
-}
+// A value, with the bytes of the text at which it and its key begin.
+struct Position {
+  size_t value;
+  size_t key;
+};
 
-// Shown in failures.
-std::string Shown(const Json& value) {
-  if (value.is_structured()) return fmt::format("an {}", value.type_name());
-  return Plain(value.dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 60));
-}
+// A parsed text. Positions are in the order of the text: that of the values when the tree is walked from the root.
+struct Document {
+  Json root;
+  std::vector<Position> positions;
+};
 
-uint32_t WordOf(const Json& value, const std::string& where) {
-  if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX) {
-    Refuse(where, fmt::format("{} is not a whole number from 0 to {}", Shown(value), UINT32_MAX));
+bool IsWordCharacter(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.'; }
+
+// Where the token begins whose last character is before end.
+size_t TokenBegin(std::string_view text, size_t end) {
+  size_t at = end - 1;
+  if (text[at] != '"') {
+    while (IsWordCharacter(text[at]) && at > 0 && IsWordCharacter(text[at - 1])) --at;
+    return at;
   }
-  return value.get<uint32_t>();
-}
-
-int64_t IntegerOf(const Json& value, const std::string& where) {
-  const bool beyond = value.is_number_unsigned() && value.get<uint64_t>() > INT64_MAX;
-  if (!value.is_number_integer() || beyond) {
-    Refuse(where, fmt::format("{} is not a whole number from {} to {}", Shown(value), INT64_MIN, INT64_MAX));
+  // Inside a string a quote follows an odd number of backslashes; outside there are none.
+  for (size_t slashes = 1; slashes % 2 != 0;) {
+    at = text.rfind('"', at - 1);
+    for (slashes = 0; slashes < at && text[at - 1 - slashes] == '\\';) ++slashes;
   }
-  return value.get<int64_t>();
+  return at;
 }
 
-const std::string& StringOf(const Json& value, const std::string& where) {
-  if (!value.is_string()) Refuse(where, fmt::format("{} is not a string", Shown(value)));
-  return value.get_ref<const std::string&>();
+// The same for a number or a literal, of which the parser knows the end only with the character after it.
+size_t WordBegin(std::string_view text, size_t end) {
+  while (end > 1 && !IsWordCharacter(text[end - 1])) --end;
+  return TokenBegin(text, end);
 }
 
-std::string TypeOf(const Json& param, const std::string& where) {
-  if (const auto type = param.find("type"); type != param.end()) return StringOf(*type, where + ", type");
-  const Json& value = Need(param, "value", where);
-  if (value.is_string()) return "text";
-  const int64_t number = IntegerOf(value, where + ", value");
-  return number >= INT32_MIN && number <= INT32_MAX ? "int32" : "int64";
-}
-
-// A text that is no UTF-8, in hexadecimal digits.
-void AddHexText(PcfMessage* msg, uint32_t id, const std::string& digits, const std::string& where) {
-  const std::vector<uint8_t> bytes = HexOrRefuse(digits, where);
-  AddTextParam(msg, id, std::string(bytes.begin(), bytes.end()), where);
-}
-
-void AddJsonParam(PcfMessage* msg, const Json& param, const std::string& where) {
-  if (!param.is_object()) Refuse(where, fmt::format("{} is not an object", Shown(param)));
-  for (const auto& [key, unused] : param.items()) {
-    if (key != "id" && key != "type" && key != "value" && key != "hex") {
-      Refuse(where, fmt::format("key {} is none of id, type, value, hex", Quote(key, 40)));
-    }
-  }
-  const uint32_t id = WordOf(Need(param, "id", where), where + ", id");
-  const std::string type = TypeOf(param, where);
-  if (type == "text" && param.contains("hex")) {
-    return AddHexText(msg, id, StringOf(param["hex"], where + ", hex"), where);
-  }
-  const Json& value = Need(param, "value", where);
-  if (type == "int32" || type == "int64") {
-    AddNumberParam(msg, id, type == "int64", IntegerOf(value, where + ", value"), where);
-  } else if (type == "text") {
-    AddTextParam(msg, id, StringOf(value, where + ", value"), where);
-  } else if (type == "bytes") {
-    AddBytesParam(msg, id, HexOrRefuse(StringOf(value, where + ", value"), where), where);
-  } else {
-    Refuse(where, fmt::format("type {} is none of int32, int64, text, bytes", Quote(type, 40)));
-  }
+// "--json, line 2, column 7" of a byte of the text. Columns are characters.
+std::string PlaceOf(const Source& source, std::string_view text, size_t at) {
+  const std::string_view before = text.substr(0, at);
+  const std::string_view line = before.substr(before.rfind('\n') + 1);
+  const auto lines = std::count(before.begin(), before.end(), '\n');
+  const auto column = 1 + std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xc0) != 0x80; });
+  return fmt::format("{}, line {}, column {}", source.name,
+                     std::max<size_t>(source.line, 1) + static_cast<size_t>(lines), column);
 }
 
 // A text as the parser reads it; says how many characters it has taken.
@@ -155,23 +131,24 @@ class CountingIterator {
   size_t* taken_;
 };
 
-// Builds a value, which is small beside the text: what no message has is refused where it begins.
+// Builds a value. Anything that is in no message is refused where it begins, so that the value is small beside the
+// text.
 class JsonBuilder : public nlohmann::json_sax<Json> {
  public:
   JsonBuilder(const std::string& text, const Source& source) : text_(text), source_(source) {}
 
-  Json Build() {
+  Document Build() {
     const CountingIterator begin(text_.data(), &taken_), end(text_.data() + text_.size(), &taken_);
     Json::sax_parse(begin, end, this);
-    return std::move(root_);
+    return {std::move(root_), std::move(positions_)};
   }
 
-  bool null() override { return Put(nullptr) != nullptr; }
-  bool boolean(bool value) override { return Put(value) != nullptr; }
-  bool number_integer(number_integer_t value) override { return Put(value) != nullptr; }
-  bool number_unsigned(number_unsigned_t value) override { return Put(value) != nullptr; }
-  bool number_float(number_float_t value, const string_t&) override { return Put(value) != nullptr; }
-  bool string(string_t& value) override { return Put(std::move(value)) != nullptr; }
+  bool null() override { return PutWord(nullptr); }
+  bool boolean(bool value) override { return PutWord(value); }
+  bool number_integer(number_integer_t value) override { return PutWord(value); }
+  bool number_unsigned(number_unsigned_t value) override { return PutWord(value); }
+  bool number_float(number_float_t value, const string_t&) override { return PutWord(value); }
+  bool string(string_t& value) override { return Put(std::move(value), TokenBegin(text_, taken_)) != nullptr; }
   bool binary(binary_t&) override { return false; }
   bool start_object(size_t) override { return Open(Json::object()); }
   bool start_array(size_t) override { return Open(Json::array()); }
@@ -179,24 +156,29 @@ class JsonBuilder : public nlohmann::json_sax<Json> {
   bool end_array() override { return Close(); }
 
   bool key(string_t& name) override {
+    key_at_ = TokenBegin(text_, taken_);
     const Json& object = *open_.back();
-    if (object.contains(name)) RefuseAt(taken_, fmt::format("key {} is there twice", Quote(name, 40)));
-    if (object.size() == kMostKeys) RefuseAt(taken_, fmt::format("more than {} keys", kMostKeys));
+    if (object.contains(name)) RefuseAt(key_at_, fmt::format("key {} appears twice", Quote(name, 40)));
+    if (object.size() == kMostKeys) RefuseAt(key_at_, fmt::format("more than {} keys", kMostKeys));
     key_ = std::move(name);
     return true;
   }
 
-  bool parse_error(size_t position, const std::string& token, const nlohmann::detail::exception& error) override {
-    // "[json.exception...] parse error at line 1, column 12: syntax error ...": where it is said here.
+  // position: of the last character that was read, from 1; beyond the text at its end.
+  bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception& error) override {
+    // "[json.exception...] parse error at line 1, column 12: syntax error while parsing value - ...": only the last
+    // part.
     std::string_view what = error.what();
-    for (const std::string_view start : {std::string_view("] "), std::string_view(": ")}) {
-      const size_t at = what.find(start);
-      const bool has_place = start != ": " || what.starts_with("parse error at ");
-      if (at != std::string_view::npos && has_place) what.remove_prefix(at + start.size());
+    for (const auto& [begin, end] : {std::pair{"[", "] "}, {"parse error", ": "}, {"syntax error", " - "}}) {
+      const size_t cut = what.starts_with(begin) ? what.find(end) : std::string_view::npos;
+      if (cut != std::string_view::npos) what.remove_prefix(cut + std::string_view(end).size());
     }
-    const bool is_overflow = error.id == kNumberOverflow && token.size() <= position;
-    RefuseAt(is_overflow ? position - token.size() + 1 : position,
-             fmt::format("not JSON: {}", Plain(what.substr(0, 200))));
+    size_t at = position == 0 ? 0 : position - 1;
+    const bool is_word = error.id == kNumberOverflow || what.starts_with("invalid literal");
+    if (position != 0 && position <= text_.size() && (is_word || what.starts_with("unexpected "))) {
+      at = is_word ? WordBegin(text_, position) : TokenBegin(text_, position);
+    }
+    RefuseAt(at, fmt::format("not JSON: {}", Plain(what.substr(0, what.find("; last read")).substr(0, 200))));
   }
 
  private:
@@ -205,28 +187,23 @@ class JsonBuilder : public nlohmann::json_sax<Json> {
   static constexpr size_t kMostKeys = 64;
   static constexpr size_t kMostElements = MQC_MAX_PARAMS;
 
-  // position: of the last character that was read, from 1.
-  [[noreturn]] void RefuseAt(size_t position, const std::string& why) const {
-    const std::string_view before = std::string_view(text_).substr(0, position == 0 ? 0 : position - 1);
-    const size_t newline = before.rfind('\n');
-    const size_t column = newline == std::string_view::npos ? before.size() + 1 : before.size() - newline;
-    const auto line =
-        std::max<size_t>(source_.line, 1) + static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
-    Refuse(fmt::format("{}, line {}, column {}", source_.name, line, column), why);
-  }
+  [[noreturn]] void RefuseAt(size_t at, const std::string& why) const { Refuse(PlaceOf(source_, text_, at), why); }
 
-  Json* Put(Json value) {
+  Json* Put(Json value, size_t at) {
+    positions_.push_back({at, open_.empty() ? at : key_at_});
     if (open_.empty()) return &(root_ = std::move(value));
     Json& parent = *open_.back();
     if (parent.is_object()) return &(parent[key_] = std::move(value));
-    if (parent.size() == kMostElements) RefuseAt(taken_, fmt::format("more than {} elements", kMostElements));
+    if (parent.size() == kMostElements) RefuseAt(at, fmt::format("more than {} elements", kMostElements));
     parent.push_back(std::move(value));
     return &parent.back();
   }
 
+  bool PutWord(Json value) { return Put(std::move(value), WordBegin(text_, taken_)) != nullptr; }
+
   bool Open(Json value) {
-    if (open_.size() == kDeepest) RefuseAt(taken_, fmt::format("nested deeper than {} levels", kDeepest));
-    open_.push_back(Put(std::move(value)));
+    if (open_.size() == kDeepest) RefuseAt(taken_ - 1, fmt::format("nested deeper than {} levels", kDeepest));
+    open_.push_back(Put(std::move(value), taken_ - 1));
     return true;
   }
 
@@ -239,15 +216,139 @@ class JsonBuilder : public nlohmann::json_sax<Json> {
   const Source& source_;
   size_t taken_ = 0;
   Json root_;
-  std::vector<Json*> open_;  // the values that the next one is part of, outermost first
-  std::string key_;
+  std::vector<Position> positions_;
+  std::vector<Json*> open_;  // the values that contain the next one, outermost first
+  std::string key_;          // of the next value, and where it begins
+  size_t key_at_ = 0;
+};
+
+// Reads a message from a document. at_ is the value that a failure is about.
+class MessageReader {
+ public:
+  explicit MessageReader(PcfMessage* msg) : msg_(msg) {}
+
+  void Read(const Json& root) {
+    at_ = &root;
+    if (!root.is_object())
+      throw Failure{kExitInput, fmt::format("{} is not a message, which is an object", Shown(root))};
+    RefuseOtherKeys(root, kKnownKeys, "a message has command and parameters");
+    BeginMessage(msg_, WordOf(Need(root, "command", "message"), "command"));
+    const auto params = root.find("parameters");
+    if (params == root.end()) return;
+    at_ = &*params;
+    if (!params->is_array()) Refuse("parameters", fmt::format("{} is not an array", Shown(*params)));
+    size_t index = 0;
+    for (const Json& param : *params) Add(param, fmt::format("parameter {}", index++));
+  }
+
+  // Where the failure is in the text.
+  size_t Locate(const Document& document) const {
+    size_t index = 0;
+    if (at_ == nullptr || !Find(document.root, index)) return 0;
+    return at_key_ ? document.positions[index].key : document.positions[index].value;
+  }
+
+ private:
+  // Counts the values before the one that the failure is about.
+  bool Find(const Json& value, size_t& index) const {
+    if (&value == at_) return true;
+    if (!value.is_structured()) return false;
+    for (const Json& element : value) {
+      if (Find(element, ++index)) return true;
+    }
+    return false;
+  }
+
+  void RefuseOtherKeys(const Json& object, const std::set<std::string>& known, const char* which) {
+    for (const auto& [key, value] : object.items()) {
+      if (known.count(key) != 0) continue;
+      at_ = &value;
+      at_key_ = true;
+      throw Failure{kExitInput, fmt::format("unknown key {}; {}", Quote(key, 40), which)};
+    }
+  }
+
+  const Json& Need(const Json& object, const char* key, const std::string& where) {
+    const auto place = object.find(key);
+    at_ = &object;
+    if (place == object.end()) throw Failure{kExitInput, fmt::format("{} without \"{}\"", where, key)};
+    return *(at_ = &*place);
+  }
+
+  // Shown in failures.
+  static std::string Shown(const Json& value) {
+    if (value.is_structured()) return fmt::format("an {}", value.type_name());
+    return Plain(value.dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 60));
+  }
+
+  uint32_t WordOf(const Json& value, const std::string& where) {
+    at_ = &value;
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX) {
+      Refuse(where, fmt::format("{} is not a whole number from 0 to {}", Shown(value), UINT32_MAX));
+    }
+    return value.get<uint32_t>();
+  }
+
+  int64_t IntegerOf(const Json& value, const std::string& where) {
+    at_ = &value;
+    const bool beyond = value.is_number_unsigned() && value.get<uint64_t>() > INT64_MAX;
+    if (!value.is_number_integer() || beyond) {
+      Refuse(where, fmt::format("{} is not a whole number from {} to {}", Shown(value), INT64_MIN, INT64_MAX));
+    }
+    return value.get<int64_t>();
+  }
+
+  const std::string& StringOf(const Json& value, const std::string& where) {
+    at_ = &value;
+    if (!value.is_string()) Refuse(where, fmt::format("{} is not a string", Shown(value)));
+    return value.get_ref<const std::string&>();
+  }
+
+  std::string TypeOf(const Json& param, const std::string& where) {
+    if (const auto type = param.find("type"); type != param.end()) return StringOf(*type, where + ", type");
+    const Json& value = Need(param, "value", where);
+    if (value.is_string()) return "text";
+    const int64_t number = IntegerOf(value, where + ", value");
+    return number >= INT32_MIN && number <= INT32_MAX ? "int32" : "int64";
+  }
+
+  void Add(const Json& param, const std::string& where) {
+    static const std::set<std::string> kKeys = {"id", "type", "value", "hex"};
+    at_ = &param;
+    if (!param.is_object()) Refuse(where, fmt::format("{} is not an object", Shown(param)));
+    RefuseOtherKeys(param, kKeys, "a parameter has id, type, value, hex");
+    const uint32_t id = WordOf(Need(param, "id", where), where + ", id");
+    const std::string type = TypeOf(param, where);
+    if (std::find(kTypes.begin(), kTypes.end(), type) == kTypes.end()) {
+      Refuse(where, fmt::format("type {} is none of int32, int64, text, bytes", Quote(type, 40)));
+    }
+    if (type == "text" && param.contains("hex")) return AddHexText(id, param["hex"], where + ", hex");
+    const Json& value = Need(param, "value", where);
+    const std::string value_where = where + ", value";
+    if (type == "text") return AddTextParam(msg_, id, StringOf(value, value_where), value_where);
+    if (type == "bytes") {
+      return AddBytesParam(msg_, id, HexOrRefuse(StringOf(value, value_where), value_where), value_where);
+    }
+    AddNumberParam(msg_, id, type == "int64", IntegerOf(value, value_where), value_where);
+  }
+
+  // A text that is not UTF-8, in hexadecimal digits.
+  void AddHexText(uint32_t id, const Json& value, const std::string& where) {
+    const std::vector<uint8_t> bytes = HexOrRefuse(StringOf(value, where), where);
+    AddTextParam(msg_, id, std::string(bytes.begin(), bytes.end()), where);
+  }
+
+  PcfMessage* msg_;
+  const Json* at_ = nullptr;
+  bool at_key_ = false;
 };
 
 Json ParamToJson(const MqcParam& param) {
   Json json = {{"id", param.id}, {"type", TypeName(param.type)}};
   if (param.type == MQC_TEXT) {
     const std::string text = param.text;
-    IsUtf8(text) ? json["value"] = text : json["hex"] = Hex(BytesOf(text));
+    json["value"] = text;
+    if (!IsUtf8(text)) json["hex"] = Hex(BytesOf(text));
   } else if (param.type == MQC_BYTES) {
     json["value"] = Hex({param.bytes, param.length});
   } else {
@@ -302,20 +403,13 @@ void BeginMessage(PcfMessage* msg, uint32_t command) {
 }
 
 void MessageFromJson(PcfMessage* msg, const std::string& text, const Source& source) {
-  const Json json = JsonBuilder(text, source).Build();
-  const std::string where = source.line == 0 ? source.name : fmt::format("{}, line {}", source.name, source.line);
-  if (!json.is_object()) Refuse(where, fmt::format("{} is not an object", Shown(json)));
-  for (const auto& [key, unused] : json.items()) {
-    if (kKnownKeys.count(key) == 0) {
-      Refuse(where, fmt::format("key {} is not one of a message: command, parameters", Quote(key, 40)));
-    }
+  const Document document = JsonBuilder(text, source).Build();
+  MessageReader reader(msg);
+  try {
+    reader.Read(document.root);
+  } catch (const Failure& failure) {
+    throw Failure{failure.code, fmt::format("{}: {}", PlaceOf(source, text, reader.Locate(document)), failure.text)};
   }
-  BeginMessage(msg, WordOf(Need(json, "command", where), where + ", command"));
-  const auto params = json.find("parameters");
-  if (params == json.end()) return;
-  if (!params->is_array()) Refuse(where + ", parameters", fmt::format("{} is not an array", Shown(*params)));
-  size_t index = 0;
-  for (const Json& param : *params) AddJsonParam(msg, param, fmt::format("{}, parameter {}", where, index++));
 }
 
 Json MessageToJson(const PcfMessage* msg) {

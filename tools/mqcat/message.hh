@@ -3,7 +3,8 @@
 //   {"command": 7,
 //    "parameters": [{"id": 1, "type": "text", "value": "hello"}, {"id": 2, "type": "int32", "value": -5}]}
 // Types are int32, int64, text and bytes; bytes are hexadecimal digits. Without a type a string is text and a number
-// int32 when it fits, else int64. A text that is no UTF-8 travels as "hex" in place of "value".
+// int32 if it fits, else int64. For a text that is not UTF-8, "hex" has its bytes and counts; "value", which is always
+// written, has U+FFFD in place of the others.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -26,7 +27,7 @@ struct ParamSpec {
 // Throws a Failure that names the part that is wrong.
 ParamSpec ParseParam(const std::string& text);
 
-// Adds it to a message that was begun.
+// Adds the parameter to a message that was begun.
 void AddParam(PcfMessage* msg, const ParamSpec& param);
 
 // Starts a message; throws a Failure without memory.
@@ -35,11 +36,11 @@ void BeginMessage(PcfMessage* msg, uint32_t command);
 // Where a text comes from, for failures.
 struct Source {
   std::string name;
-  size_t line = 0;  // the line that the text is; 0 when it has lines of its own
+  size_t line = 0;  // number of its first line; 0 means 1
 };
 
-// Builds a message. Throws a Failure for what is not JSON, with line and column, for keys that are there twice, and for
-// what is not a message.
+// Builds a message. Throws a Failure with line and column if the text is not JSON, has a key twice, or is not a
+// message.
 void MessageFromJson(PcfMessage* msg, const std::string& text, const Source& source);
 
 // {"command": ..., "parameters": [...]}

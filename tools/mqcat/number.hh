@@ -1,4 +1,4 @@
-// number.hh - numbers from text, whole and within bounds or not at all.
+// number.hh - numbers from text; the whole text must be a number within the bounds.
 #pragma once
 
 #include <charconv>

@@ -57,7 +57,7 @@ void PrintJson(const nlohmann::ordered_json& json) {
 
 void Flush() {
   std::string text;
-  text.swap(buffer);  // a failure is told once, whatever is printed or flushed on the way out
+  text.swap(buffer);  // a failure is reported once, whatever is flushed on the way out
   WriteOutput(text);
   text.clear();
   buffer.swap(text);  // keeps the memory

@@ -7,22 +7,22 @@
 
 namespace mqcat {
 
-// Writes to standard output through one buffer. A failed write ends the program: kExitOutputClosed without a word when
-// the reader has gone (SIGPIPE is ignored), kExitOutput with the reason for anything else.
+// Writes to standard output through one buffer. A failed write ends the program: silently with kExitOutputClosed if the
+// reader has closed the output (SIGPIPE is ignored), else with kExitOutput and the reason.
 void Print(std::string_view text);
 void Flush();
 
-// A JSON value on a line of its own, of characters that a terminal takes no harm from.
+// A JSON value on a line of its own, with control characters escaped.
 void PrintJson(const nlohmann::ordered_json& json);
 
-// Columns to write for: of the terminal; COLUMNS when that is set; 100 otherwise. Between 20 and 400.
+// Width of the output in columns: of the terminal, else COLUMNS if it is set, else 100. Between 20 and 400.
 size_t OutputWidth();
 
 bool OutputIsTerminal();
 bool NotesAreOnTerminal();
 
-// One line or more to standard error, behind "mqcat: ", fit for a terminal. Errors there are ignored: nobody is left to
-// tell.
+// One line or more to standard error, behind "mqcat: ", fit for a terminal. Errors there are ignored, because they
+// could not be reported.
 void Note(std::string_view text);
 
 // Overwrites the last progress text on the terminal of standard error; an empty text erases it.

@@ -1,6 +1,6 @@
 // packets.cc - see packets.hh.
-// Not here: files and interfaces (pcap.cc); IPv6: packets that are passed over are counted.
-// Invariant: a packet is a span inside its frame; every header is measured before it is read.
+// Not here: files and interfaces (pcap.cc); IPv6: such packets are counted and left out.
+// Invariant: a packet is a span inside its frame; the length of every header is checked before it is read.
 #include "packets.hh"
 
 #include <pcap/pcap.h>
@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <bitset>
 #include <deque>
+#include <list>
 #include <map>
 #include <tuple>
 
@@ -16,8 +17,10 @@
 namespace mqcat {
 namespace {
 
-constexpr size_t kMaxWaiting = 4096;  // segments of one flow kept until the ones before them are there
-constexpr size_t kMaxPartial = 64;    // packets kept until all their fragments are there
+constexpr size_t kMaxWaiting = 4096;    // segments of one flow that wait for earlier ones
+constexpr size_t kMaxPartial = 64;      // packets that wait for fragments
+constexpr size_t kMaxFlows = 1u << 16;  // flows, and their bytes of memory, until the one quiet longest is given up
+constexpr size_t kMaxHeld = 1u << 30;
 constexpr size_t kMaxPayload = 65535;
 constexpr size_t kFragmentUnit = 8;
 
@@ -34,7 +37,7 @@ struct Packet {
   uint16_t id;
   size_t offset;  // of a fragment's payload in the packet's
   bool more;      // fragments follow
-  Bytes payload;  // behind the IPv4 header
+  Bytes payload;  // after the IPv4 header
 };
 
 std::string AddressText(uint32_t address, uint32_t port) {
@@ -48,7 +51,7 @@ std::string FlowName(const char* protocol, const Packet& packet) {
 
 // The network packet in a frame; nothing for anything but IPv4.
 std::optional<Bytes> Unframe(Bytes frame, int link) {
-  const auto behind = [&](size_t header, size_t type_at) -> std::optional<Bytes> {
+  const auto after = [&](size_t header, size_t type_at) -> std::optional<Bytes> {
     if (frame.size() < header || Big16(frame, type_at) != 0x0800) return std::nullopt;
     return frame.subspan(header);
   };
@@ -56,12 +59,12 @@ std::optional<Bytes> Unframe(Bytes frame, int link) {
     case DLT_EN10MB: {
       size_t at = 12;
       while (frame.size() >= at + 4 && (Big16(frame, at) == 0x8100 || Big16(frame, at) == 0x88a8)) at += 4;
-      return behind(at + 2, at);
+      return after(at + 2, at);
     }
     case DLT_LINUX_SLL:
-      return behind(16, 14);
+      return after(16, 14);
     case DLT_LINUX_SLL2:
-      return behind(20, 0);
+      return after(20, 0);
     case DLT_NULL:
     case DLT_LOOP:
       if (frame.size() < 4) return std::nullopt;
@@ -75,7 +78,7 @@ std::optional<Packet> ReadIp(Bytes packet) {
   if (packet.size() < 20 || packet[0] >> 4 != 4) return std::nullopt;
   const size_t header = size_t{packet[0] & 15u} * 4;
   const size_t total = Big16(packet, 2);
-  // A total length of 0 is what the sending host captures when the network card cuts segments.
+  // The total length is 0 in packets captured on the sending host if the network card does the segmentation.
   const size_t end = total == 0 ? packet.size() : std::min(total, packet.size());
   if (header < 20 || end < header) return std::nullopt;
   const uint32_t fragment = Big16(packet, 6);
@@ -88,10 +91,10 @@ std::optional<Packet> ReadIp(Bytes packet) {
                 packet.subspan(header, end - header)};
 }
 
-// Fragments until their packets are whole. The oldest of too many packets is given up.
+// Joins fragments. Of too many incomplete packets the oldest is given up.
 class Fragments {
  public:
-  // Nothing is missing any more: the packet gets its whole payload, valid until the next call.
+  // True if the packet is complete: it gets its whole payload, valid until the next call.
   bool Join(Packet& packet) {
     const Key key(packet.source, packet.destination, packet.protocol, packet.id);
     const auto same = [&key](const Partial& partial) { return partial.key == key; };
@@ -107,7 +110,7 @@ class Fragments {
     return true;
   }
 
-  // Fragments of packets that never became whole.
+  // Fragments of incomplete packets.
   uint64_t Unjoined() const {
     uint64_t count = given_up_;
     for (const Partial& partial : partials_) count += partial.fragments;
@@ -119,8 +122,8 @@ class Fragments {
   struct Partial {
     Key key;
     std::vector<uint8_t> payload;
-    std::bitset<kMaxPayload / kFragmentUnit + 1> units;  // that are there
-    size_t length;                                       // 0 until the last fragment is there
+    std::bitset<kMaxPayload / kFragmentUnit + 1> units;  // that have arrived
+    size_t length;                                       // 0 until the last fragment has arrived
     uint64_t fragments;
 
     bool Add(const Packet& packet) {
@@ -147,14 +150,14 @@ class Fragments {
   uint64_t given_up_ = 0;
 };
 
-// One direction of a TCP connection: bytes in order, and segments that came too early.
+// One direction of a TCP connection. Hands its bytes on in order; segments that come too early wait.
 class Flow {
  public:
-  explicit Flow(std::string name) : name_(std::move(name)) {}
+  Flow(std::string name, Receiver& receiver) : name_(std::move(name)), receiver_(receiver) {}
 
   void Segment(uint32_t sequence, uint8_t flags, Bytes payload) {
     if ((flags & kSyn) != 0) {
-      if (started_) Finish();
+      if (started_) HandOutAll();
       started_ = true;
       next_ = sequence + 1;
       return;
@@ -170,58 +173,68 @@ class Flow {
     TakeWaiting();
   }
 
-  // Hands out everything, with a cut where bytes are missing.
   void Finish() {
+    HandOutAll();
+    if (lost_ != 0) receiver_.Fault(fmt::format("{}: {} bytes are missing from the capture", name_, lost_));
+  }
+
+  size_t held() const { return waiting_bytes_ + (stream_ ? stream_->held() : 0); }
+
+ private:
+  // Hands on what waits. A new stream begins where bytes are missing.
+  void HandOutAll() {
     while (!waiting_.empty()) {
       const uint64_t missing = waiting_.begin()->first - taken_;
-      Cut();
+      EndStream();
       lost_ += missing;
       taken_ += missing;
       next_ += static_cast<uint32_t>(missing);
       TakeWaiting();
     }
-    Cut();
+    EndStream();
     started_ = false;
   }
 
-  std::vector<Stream>& done() { return done_; }
-  uint64_t lost() const { return lost_; }
-  const std::string& name() const { return name_; }
-
- private:
   void Append(uint32_t known, Bytes payload) {
     if (known >= payload.size()) return;
     const Bytes fresh = payload.subspan(known);
-    bytes_.insert(bytes_.end(), fresh.begin(), fresh.end());
+    if (!stream_) {
+      ++streams_;
+      stream_ = receiver_.Begin(streams_ == 1 ? name_ : fmt::format("{} (part {})", name_, streams_));
+    }
+    stream_->Take(fresh);
     next_ += static_cast<uint32_t>(fresh.size());
     taken_ += fresh.size();
   }
 
   void Keep(uint32_t ahead, Bytes payload) {
-    if (waiting_.size() >= kMaxWaiting) return Finish();
+    if (waiting_.size() >= kMaxWaiting) return HandOutAll();
     std::vector<uint8_t>& place = waiting_[taken_ + ahead];
-    if (place.size() < payload.size()) place.assign(payload.begin(), payload.end());
+    if (place.size() >= payload.size()) return;
+    waiting_bytes_ += payload.size() - place.size();
+    place.assign(payload.begin(), payload.end());
   }
 
   void TakeWaiting() {
     while (!waiting_.empty() && waiting_.begin()->first <= taken_) {
       const auto first = waiting_.extract(waiting_.begin());
+      waiting_bytes_ -= first.mapped().size();
       Append(static_cast<uint32_t>(std::min<uint64_t>(taken_ - first.key(), UINT32_MAX)), first.mapped());
     }
   }
 
-  void Cut() {
-    if (bytes_.empty()) return;
-    std::string name = done_.empty() ? name_ : fmt::format("{} (part {})", name_, done_.size() + 1);
-    done_.push_back({std::move(name), false, std::move(bytes_)});
-    bytes_.clear();
+  void EndStream() {
+    if (stream_) stream_->End();
+    stream_.reset();
   }
 
   std::string name_;
-  std::vector<uint8_t> bytes_;
-  std::vector<Stream> done_;
+  Receiver& receiver_;
+  std::unique_ptr<Stream> stream_;
+  uint64_t streams_ = 0;
   std::map<uint64_t, std::vector<uint8_t>> waiting_;  // by their place in the flow
-  uint64_t taken_ = 0;                                // bytes of the flow so far, lost ones included
+  size_t waiting_bytes_ = 0;
+  uint64_t taken_ = 0;  // bytes of the flow so far, lost ones included
   uint64_t lost_ = 0;
   uint32_t next_ = 0;  // sequence number of the next byte
   bool started_ = false;
@@ -229,7 +242,7 @@ class Flow {
 
 class Assembler {
  public:
-  explicit Assembler(int link) : link_(link) {}
+  Assembler(int link, Receiver& receiver) : link_(link), receiver_(receiver) {}
 
   void Frame(Bytes frame) {
     ++packets_;
@@ -241,52 +254,65 @@ class Assembler {
     if (!taken) ++skipped_;
   }
 
-  Capture Finish() {
-    Capture capture;
-    capture.format = CaptureFormat::kPcap;
-    for (Flow& flow : flows_) {
-      flow.Finish();
-      if (flow.lost() != 0) {
-        capture.faults.push_back(fmt::format("{}: {} bytes are missing from the capture", flow.name(), flow.lost()));
-      }
-      std::move(flow.done().begin(), flow.done().end(), std::back_inserter(capture.streams));
-    }
-    std::move(datagrams_.begin(), datagrams_.end(), std::back_inserter(capture.streams));
+  void Finish() {
+    for (auto& [key, flow] : flows_) flow.Finish();
     if (const uint64_t unjoined = fragments_.Unjoined(); unjoined != 0) {
-      capture.faults.push_back(Count(unjoined, "fragment") + " without the rest of the packet");
+      receiver_.Fault(Count(unjoined, "fragment") + " without the rest of the packet");
     }
     if (skipped_ != 0) {
-      capture.notes.push_back(fmt::format("{} of {} packets carry no IPv4 TCP or UDP", skipped_, packets_));
+      receiver_.Note(fmt::format("{} of {} packets carry no IPv4 TCP or UDP", skipped_, packets_));
     }
-    return capture;
   }
 
  private:
+  using Key = std::tuple<uint32_t, uint32_t, uint32_t>;  // addresses and both ports
+
   bool Tcp(const Packet& packet) {
     const Bytes segment = packet.payload;
     const size_t header = segment.size() < 20 ? 0 : size_t{segment[12]} / 16 * 4;
     if (header < 20 || header > segment.size()) return false;
-    const auto key = std::tuple(packet.source, packet.destination, Big32(segment, 0));
-    const auto [place, is_new] = flow_index_.try_emplace(key, flows_.size());
-    if (is_new) flows_.emplace_back(FlowName("TCP", packet));
-    flows_[place->second].Segment(Big32(segment, 4), segment[13], segment.subspan(header));
+    Flow& flow = FlowOf({packet.source, packet.destination, Big32(segment, 0)}, packet);
+    held_ -= flow.held();
+    flow.Segment(Big32(segment, 4), segment[13], segment.subspan(header));
+    held_ += flow.held();
+    while (flows_.size() > kMaxFlows || (held_ > kMaxHeld && flows_.size() > 1)) GiveUpOldest();
     return true;
+  }
+
+  // Moves the flow to the end of the list.
+  Flow& FlowOf(const Key& key, const Packet& packet) {
+    const auto known = flow_index_.find(key);
+    if (known == flow_index_.end()) {
+      flows_.emplace_back(key, Flow(FlowName("TCP", packet), receiver_));
+      flow_index_.emplace(key, std::prev(flows_.end()));
+    } else {
+      flows_.splice(flows_.end(), flows_, known->second);
+    }
+    return flows_.back().second;
+  }
+
+  void GiveUpOldest() {
+    auto& [key, flow] = flows_.front();
+    held_ -= flow.held();
+    flow.Finish();
+    flow_index_.erase(key);
+    flows_.pop_front();
   }
 
   bool Udp(const Packet& packet) {
     const Bytes datagram = packet.payload;
     const size_t length = datagram.size() < 8 ? 0 : Big16(datagram, 4);
     if (length < 8) return false;
-    const Bytes payload = datagram.subspan(8, std::min(length, datagram.size()) - 8);
-    datagrams_.push_back({FlowName("UDP", packet), true, {payload.begin(), payload.end()}});
+    receiver_.Datagram(FlowName("UDP", packet), datagram.subspan(8, std::min(length, datagram.size()) - 8));
     return true;
   }
 
   int link_;
+  Receiver& receiver_;
   Fragments fragments_;
-  std::vector<Flow> flows_;
-  std::map<std::tuple<uint32_t, uint32_t, uint32_t>, size_t> flow_index_;  // by addresses and both ports
-  std::vector<Stream> datagrams_;
+  std::list<std::pair<Key, Flow>> flows_;  // the one quiet longest first
+  std::map<Key, std::list<std::pair<Key, Flow>>::iterator> flow_index_;
+  size_t held_ = 0;  // by all flows
   uint64_t packets_ = 0;
   uint64_t skipped_ = 0;
 };
@@ -300,10 +326,10 @@ bool IsKnownLink(int link) {
   return std::find(std::begin(kKnown), std::end(kKnown), link) != std::end(kKnown);
 }
 
-Capture AssembleStreams(int link, const std::function<std::optional<Bytes>()>& next) {
-  Assembler assembler(link);
+void AssembleStreams(int link, const std::function<std::optional<Bytes>()>& next, Receiver& receiver) {
+  Assembler assembler(link, receiver);
   while (const std::optional<Bytes> frame = next()) assembler.Frame(*frame);
-  return assembler.Finish();
+  assembler.Finish();
 }
 
 }  // namespace mqcat

@@ -1,5 +1,5 @@
-// packets.hh - puts the frames of a capture together to streams: IPv4 over Ethernet, Linux cooked, raw and null links;
-// fragments joined, TCP in order, UDP. Trusts nothing; memory grows with the number of bytes only.
+// packets.hh - joins captured frames into streams: IPv4 over Ethernet, Linux cooked, raw and null links; fragments
+// joined, TCP segments in order, UDP. Trusts nothing; memory is bounded.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,7 @@ namespace mqcat {
 // Whether frames of a link type, a DLT_ number of libpcap, can be read.
 bool IsKnownLink(int link);
 
-// next gives frame after frame, nothing at the end; a frame is valid until the next call.
-Capture AssembleStreams(int link, const std::function<std::optional<Bytes>()>& next);
+// next returns the next frame, valid until the next call; nothing at the end.
+void AssembleStreams(int link, const std::function<std::optional<Bytes>()>& next, Receiver& receiver);
 
 }  // namespace mqcat

@@ -1,8 +1,11 @@
-// pcap.cc - captures from files and interfaces, read by libpcap. packets.cc puts the packets together.
+// pcap.cc - captures from files, pipes and interfaces, read with libpcap. packets.cc joins the packets.
 #include <pcap/pcap.h>
 #include <poll.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
@@ -17,10 +20,9 @@
 namespace mqcat {
 namespace {
 
-constexpr int kSnapshot = 262144;             // longest packet taken from an interface
-constexpr int kBuffer = 16 << 20;             // bytes of packets that the system keeps for us
-constexpr int kDelay = 100;                   // milliseconds that the system may keep packets to itself
-constexpr uint64_t kMostLive = 512ull << 20;  // bytes taken from an interface
+constexpr int kSnapshot = 262144;  // bytes, longest packet taken from an interface
+constexpr int kBuffer = 16 << 20;  // bytes of packets that the system buffers
+constexpr int kDelay = 100;        // milliseconds that the system may hold packets back
 
 using Handle = std::unique_ptr<pcap_t, decltype(&pcap_close)>;
 
@@ -28,7 +30,6 @@ using Handle = std::unique_ptr<pcap_t, decltype(&pcap_close)>;
 struct Source {
   pcap_t* handle;
   uint64_t packets = 0;
-  uint64_t bytes = 0;
   int result = 0;  // of pcap_next_ex: 0 when an interface has no packet now
 
   std::optional<Bytes> Next() {
@@ -37,19 +38,46 @@ struct Source {
     result = pcap_next_ex(handle, &head, &data);
     if (result != 1) return std::nullopt;
     ++packets;
-    bytes += head->caplen;
     return Bytes(data, head->caplen);
   }
 };
 
-Capture Broken(std::string fault) {
-  Capture capture;
-  capture.format = CaptureFormat::kPcap;
-  capture.faults.push_back(std::move(fault));
-  return capture;
-}
+std::string LinkFault(int link) { return fmt::format("link type {} is not supported", link); }
 
-std::string LinkFault(int link) { return fmt::format("link type {} is not known", link); }
+// The bytes of a capture for libpcap, which reads a stdio stream. A failure of the source must not pass through C code.
+struct Feed {
+  Bytes rest;
+  const ByteSource& next;
+  std::exception_ptr failure = nullptr;
+
+  ssize_t Read(char* to, size_t size) {
+    try {
+      if (rest.empty()) rest = next();
+    } catch (...) {
+      failure = std::current_exception();
+      errno = EIO;
+      return -1;
+    }
+    const size_t count = std::min(size, rest.size());
+    std::copy_n(rest.begin(), count, to);
+    rest = rest.subspan(count);
+    return static_cast<ssize_t>(count);
+  }
+  void Rethrow() const {
+    if (failure) std::rethrow_exception(failure);
+  }
+};
+
+// Null, with the reason in error, if the bytes do not begin a capture.
+Handle OpenFeed(Feed& feed, char* error) {
+  cookie_io_functions_t functions = {};
+  functions.read = [](void* cookie, char* to, size_t size) { return static_cast<Feed*>(cookie)->Read(to, size); };
+  FILE* const file = fopencookie(&feed, "r", functions);
+  if (file == nullptr) throw std::bad_alloc();
+  Handle handle(pcap_fopen_offline(file, error), pcap_close);
+  if (!handle) fclose(file);
+  return handle;
+}
 
 // Opens an interface that delivers packets without blocking.
 Handle OpenInterface(const std::string& name) {
@@ -82,46 +110,47 @@ void SetFilter(pcap_t* handle, const std::string& filter) {
 
 }  // namespace
 
-Capture ReadPcap(Bytes file) {
-  if (file.empty()) return Broken("an empty file is not a pcap file");
-  FILE* const stream = fmemopen(const_cast<uint8_t*>(file.data()), file.size(), "r");
-  if (stream == nullptr) throw std::bad_alloc();
+void ReadPcap(Bytes begin, const ByteSource& next, Receiver& receiver) {
+  Feed feed{begin, next};
   char error[PCAP_ERRBUF_SIZE] = "";
-  const Handle handle(pcap_fopen_offline(stream, error), pcap_close);
+  const Handle handle = OpenFeed(feed, error);
+  feed.Rethrow();
   if (!handle) {
-    fclose(stream);
-    return Broken(fmt::format("not a pcap or pcapng file: {}", error));
+    return receiver.Fault(Interrupted() ? "interrupted within the header of the capture"
+                                        : fmt::format("not a pcap or pcapng file: {}", error));
   }
   const int link = pcap_datalink(handle.get());
-  if (!IsKnownLink(link)) return Broken(LinkFault(link));
+  if (!IsKnownLink(link)) return receiver.Fault(LinkFault(link));
   Source source{handle.get()};
-  Capture capture = AssembleStreams(link, [&source] { return source.Next(); });
-  if (source.result == PCAP_ERROR) {
-    capture.faults.push_back(fmt::format("after packet {}: {}", source.packets, pcap_geterr(handle.get())));
+  AssembleStreams(
+      link, [&source] { return source.Next(); }, receiver);
+  feed.Rethrow();
+  if (source.result == PCAP_ERROR && !Interrupted()) {
+    receiver.Fault(fmt::format("after packet {}: {}", source.packets, pcap_geterr(handle.get())));
   }
-  return capture;
 }
 
-Capture CaptureInterface(const std::string& name, const std::string& filter, uint64_t count) {
+void CaptureInterface(const std::string& name, const std::string& filter, uint64_t count,
+                      const std::function<void()>& idle, Receiver& receiver) {
   const Handle handle = OpenInterface(name);
   if (!filter.empty()) SetFilter(handle.get(), filter);
   Note(fmt::format("capturing up to {} packets from {}", count, name));
   Source source{handle.get()};
-  Capture capture = AssembleStreams(pcap_datalink(handle.get()), [&]() -> std::optional<Bytes> {
-    while (!Interrupted() && source.packets < count && source.bytes < kMostLive) {
+  const auto next = [&]() -> std::optional<Bytes> {
+    while (!Interrupted() && source.packets < count) {
       if (const auto frame = source.Next(); frame || source.result != 0) return frame;
+      idle();
       pollfd wait = {pcap_get_selectable_fd(handle.get()), POLLIN, 0};
       poll(&wait, 1, kDelay);
     }
     return std::nullopt;
-  });
-  if (source.result == PCAP_ERROR) capture.faults.push_back(pcap_geterr(handle.get()));
-  if (source.bytes >= kMostLive) capture.notes.push_back(fmt::format("stopped after {} bytes", source.bytes));
+  };
+  AssembleStreams(pcap_datalink(handle.get()), next, receiver);
+  if (source.result == PCAP_ERROR) receiver.Fault(pcap_geterr(handle.get()));
   pcap_stat stats = {};
   if (pcap_stats(handle.get(), &stats) == 0 && stats.ps_drop != 0) {
-    capture.faults.push_back(fmt::format("the system dropped {} packets", stats.ps_drop));
+    receiver.Fault(fmt::format("the system dropped {} packets", stats.ps_drop));
   }
-  return capture;
 }
 
 }  // namespace mqcat

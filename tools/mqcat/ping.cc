@@ -13,11 +13,12 @@
 #include "rtt.hh"
 #include "signals.hh"
 #include "text.hh"
+#include "trace.hh"
 
 namespace mqcat {
 namespace {
 
-// A ping: this command; its number, whose it is, and filling.
+// A ping: this command, with the ping's number, its sender and filling as parameters.
 constexpr uint32_t kPingCommand = 0x50494e47;
 constexpr uint32_t kNumberId = 1;
 constexpr uint32_t kOwnerId = 2;
@@ -25,7 +26,7 @@ constexpr uint32_t kFillId = 3;
 constexpr uint32_t kMostFill = 16u << 20;
 
 struct Options {
-  std::string host, service;
+  std::vector<std::string> peer;
   uint64_t count = UINT64_MAX;
   double interval = 1;
   uint32_t size = 56;
@@ -34,6 +35,8 @@ struct Options {
   bool quiet = false;
   bool json = false;
   bool udp = false;
+  bool trace = false;
+  KeyOptions keys;
 };
 
 // For JSON: whole nanoseconds, so that a figure has no more digits than it is worth.
@@ -47,12 +50,15 @@ class Pinger {
  public:
   explicit Pinger(const Options& options)
       : options_(options),
-        link_(MakeAddress(options.host, options.service, TransportOf(options)), TransportOf(options),
-              In(std::max(options.timeout, 1.0))),
+        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        link_(AddressOf(options), TransportOf(options), In(std::max(options.timeout, 1.0))),
         msg_(NewMessage()),
         answer_(NewMessage()),
         fill_(options.size, 0xa5),
-        owner_(static_cast<int64_t>(getpid()) << 32 ^ Clock::now().time_since_epoch().count()) {}
+        owner_(static_cast<int64_t>(getpid()) << 32 ^ Clock::now().time_since_epoch().count()) {
+    link_.Use(&security_);
+    if (options.keys.sign.empty()) link_.set_user(options.keys.user);
+  }
 
   void Run() {
     if (!options_.json) Print(fmt::format("PING {} with {} bytes\n", link_.target(), options_.size));
@@ -69,7 +75,7 @@ class Pinger {
     }
   }
 
-  // The connection has come to its end: nothing that is on its way comes back.
+  // The connection has ended: nothing that is on its way comes back.
   void Fail() { waiting_.clear(); }
 
   void Finish() {
@@ -86,6 +92,10 @@ class Pinger {
 
  private:
   static Transport TransportOf(const Options& options) { return options.udp ? Transport::kUdp : Transport::kTcp; }
+  static SockAddrRec AddressOf(const Options& options) {
+    const Place peer = ParsePlace(options.peer, true);
+    return MakeAddress(peer.host, peer.service, TransportOf(options));
+  }
 
   bool Done() const { return sent_ >= options_.count && waiting_.empty(); }
 
@@ -145,7 +155,7 @@ class Pinger {
     Flush();
   }
 
-  // What has not come back within the timeout is lost.
+  // Pings without an answer within the timeout are lost.
   void Forget() {
     const auto now = Clock::now();
     while (!waiting_.empty() && now - waiting_.begin()->second >= Timeout()) {
@@ -158,7 +168,7 @@ class Pinger {
     }
   }
 
-  // What is still on its way when the end comes is not counted as lost.
+  // Pings that are still on their way at the end are not counted as lost.
   uint64_t Counted() const { return sent_ - waiting_.size(); }
   double Loss() const {
     return Counted() == 0 ? 0
@@ -170,7 +180,7 @@ class Pinger {
     const std::string under_way = waiting_.empty() ? "" : fmt::format(", {} on the way", waiting_.size());
     Print(fmt::format("{} sent, {} answered{}, {:.4g}% loss, time {:.0f} ms\n", sent_, trips_.count(), under_way,
                       Loss(), MillisecondsSince(start_)));
-    if (late_ + strange_ != 0) Print(fmt::format("{} late or double, {} of others\n", late_, strange_));
+    if (late_ + strange_ != 0) Print(fmt::format("{} late or duplicate, {} of others\n", late_, strange_));
     if (trips_.count() == 0) return;
     const std::string text = fmt::format(
         "rtt min/avg/max/stddev = {:.3f}/{:.3f}/{:.3f}/{:.3f} ms\nrtt p50/p90/p99 = {:.3f}/{:.3f}/{:.3f} ms\n",
@@ -203,6 +213,7 @@ class Pinger {
   }
 
   const Options& options_;
+  Security security_;
   Link link_;
   MessagePtr msg_;
   MessagePtr answer_;
@@ -218,6 +229,7 @@ class Pinger {
 
 ExitCode RunPing(const Options& options) {
   CatchSignals();
+  if (options.trace) StartTrace();
   Pinger pinger(options);
   try {
     pinger.Run();
@@ -234,21 +246,26 @@ ExitCode RunPing(const Options& options) {
 
 void AddPing(CLI::App& app, ExitCode& exit) {
   auto options = std::make_shared<Options>();
-  CLI::App* const command = app.add_subcommand("ping", "Measure round trips to a node that answers, as listen --echo");
-  command->add_option("HOST", options->host, "Name or dotted quad")->required();
-  command->add_option("SERVICE", options->service, "Port or service name")->required();
-  AddNumber<uint64_t>(*command, "-c,--count", options->count, 1, UINT64_MAX, "Stop after so many");
+  CLI::App* const command = app.add_subcommand("ping", "Measure round trips to a node that sends messages back");
+  AddPeer(*command, options->peer);
+  AddNumber<uint64_t>(*command, "-c,--count", options->count, 1, UINT64_MAX, "Stop after this many pings");
   AddSeconds(*command, "-i,--interval", options->interval, 0, 86400,
-             "Time between two (1); 0: as fast as they come back");
-  AddNumber<uint32_t>(*command, "-s,--size", options->size, 0, kMostFill, "Bytes to carry (56)");
+             "Time between two pings; 0 sends the next one when the last one is back");
+  AddNumber<uint32_t>(*command, "-s,--size", options->size, 0, kMostFill, "Bytes of data in a ping");
   AddSeconds(*command, "-w,--deadline", options->deadline, 0.001, 86400 * 365.0, "Stop after this time");
-  AddSeconds(*command, "-W,--timeout", options->timeout, 0.001, 86400, "What takes longer is lost (1)");
-  command->add_flag("-q,--quiet", options->quiet, "Only the summary");
-  command->add_flag("--json", options->json, "The summary as one JSON object");
-  command->add_flag("--udp", options->udp, "Datagrams instead of a connection");
+  AddSeconds(*command, "-W,--timeout", options->timeout, 0.001, 86400, "Count a ping as lost after this time");
+  AddKeyOptions(*command, options->keys, "Sign with the secret key in this file",
+                "Accept only answers that are signed by a user in this ring",
+                "Name this user as the sender, instead of your login name; with --sign, the user whose key to take");
+  command->add_flag("-q,--quiet", options->quiet, "Print only the summary");
+  command->add_flag("--json", options->json, "Print only the summary, as one JSON object");
+  command->add_flag("--udp", options->udp, "Send datagrams");
+  command->add_flag("-v,--trace", options->trace, "Print every step of the connection on standard error");
   command->footer(
-      "Ends with 5 when nothing came back. SIGINT stops with a summary.\n\n"
-      "Examples:\n  mqcat ping 127.0.0.1 5000\n  mqcat ping 127.0.0.1 5000 -c 1000 -i 0 -s 4096 -q");
+      "mqcat listen --echo sends messages back. Ctrl-C ends with the summary. Exits with 5 if no ping was answered, "
+      "and "
+      "with both --count and --deadline if any was not.\n\n"
+      "Examples:\n  mqcat ping 127.0.0.1:5000\n  mqcat ping 127.0.0.1:5000 -c 1000 -i 0 -s 4096 -q");
   command->callback([options, &exit] { exit = RunPing(*options); });
 }
 

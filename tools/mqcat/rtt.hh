@@ -1,4 +1,4 @@
-// rtt.hh - round-trip times: what ping tells of them.
+// rtt.hh - statistics of round-trip times.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,8 @@
 
 namespace mqcat {
 
-// Milliseconds. Least, mean, most and deviation are of every sample; percentiles and histogram of all samples up to a
-// million, of an even random choice of a million beyond that.
+// In milliseconds. Minimum, mean, maximum and deviation are of all samples; percentiles and histogram of all up to a
+// million, and of a uniform random choice of a million beyond that.
 class RoundTrips {
  public:
   void Add(double milliseconds);
@@ -20,10 +20,10 @@ class RoundTrips {
   double mean() const { return mean_; }
   double deviation() const;
 
-  // The smallest sample that is not below so many percent of them; 0 without samples.
+  // The smallest sample that this percentage of the samples does not exceed; 0 without samples.
   double Percentile(double percent) const;
 
-  // One line a bucket, four buckets a power of ten, bars of at most width characters; no line without samples.
+  // A line for each bucket, four buckets for a power of ten; bars of at most width characters. Empty without samples.
   struct Bucket {
     double from, to;
     uint64_t count;

@@ -12,6 +12,7 @@
 #include "show.hh"
 #include "signals.hh"
 #include "text.hh"
+#include "trace.hh"
 
 namespace mqcat {
 namespace {
@@ -21,7 +22,7 @@ constexpr auto kProgressAfter = std::chrono::seconds(1);
 constexpr auto kProgressEvery = std::chrono::milliseconds(200);
 
 struct Options {
-  std::string host, service;
+  std::vector<std::string> peer;
   uint32_t command = 0;
   std::vector<std::string> params;
   std::vector<std::string> files;
@@ -33,8 +34,9 @@ struct Options {
   bool reply = false;
   bool udp = false;
   bool quiet = false;
-  std::string sign, ring, user;
-  std::string format = "text";
+  bool trace = false;
+  KeyOptions keys;
+  FormatOptions format;
 };
 
 class Sender {
@@ -42,20 +44,21 @@ class Sender {
   explicit Sender(const Options& options)
       : options_(options),
         transport_(options.udp ? Transport::kUdp : Transport::kTcp),
-        security_(LoadSecurity(options.sign, options.user, options.ring)),
+        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
         msg_(NewMessage()) {}
 
   void Connect() {
-    const SockAddrRec target = MakeAddress(options_.host, options_.service, transport_);
+    const Place peer = ParsePlace(options_.peer, true);
+    const SockAddrRec target = MakeAddress(peer.host, peer.service, transport_);
     link_ = std::make_unique<Link>(target, transport_, In(options_.timeout));
     link_->Use(&security_);
     if (!options_.reply) link_->DiscardAnswers();
-    if (options_.sign.empty()) link_->set_user(options_.user);
+    if (options_.keys.sign.empty()) link_->set_user(options_.keys.user);
   }
 
   PcfMessage* message() { return msg_.get(); }
 
-  // Sends the message that message() holds, as often as asked.
+  // Sends message() as often as --repeat says.
   void SendRepeated() {
     for (uint64_t i = 0; i < options_.repeat; ++i) {
       if (sent_ != 0) Pause();
@@ -64,20 +67,29 @@ class Sender {
   }
 
   void Finish() {
-    link_->Close(In(options_.timeout));
+    link_->Finish(In(options_.timeout), !options_.reply);
     ShowProgress("");
     Flush();
-    if (!options_.quiet) Note(Summary());
+    if (!options_.quiet)
+      Note(Summary(transport_ == Transport::kUdp ? "UDP does not confirm receipt" : "received by the peer's system"));
   }
 
-  std::string Summary() const {
-    std::string text = "sent " + Count(sent_, "message") + ", " + Count(bytes_, "byte");
-    if (link_) text += " to " + link_->target();
-    if (options_.reply) text += fmt::format("; {} answered", answered_);
-    return text;
+  // What is known after a failure; empty when nothing was sent.
+  std::string PartialSummary() const {
+    return link_ && link_->Taken(sent_) != 0 ? "\n  " + Summary("how many the peer has read is not known") : "";
   }
 
  private:
+  // Only answers tell what the peer has read: without them nothing is called sent.
+  std::string Summary(const std::string& known) const {
+    const uint64_t taken = link_->Taken(sent_);
+    std::string text = answered_ == sent_ ? "sent " : "handed to the system: ";
+    text += Count(taken, "message");
+    if (taken == sent_) text += ", " + Count(bytes_, "byte");
+    text += " to " + link_->target() + "; ";
+    return text + (options_.reply ? fmt::format("{} answered", answered_) : known);
+  }
+
   void SendOnce() {
     if (Interrupted()) throw Failure{kExitInterrupted, "interrupted"};
     link_->Write(msg_.get(), In(options_.timeout));
@@ -92,11 +104,13 @@ class Sender {
     link_->Drain(In(options_.timeout));
     if (!link_->Read(reply_.get(), In(options_.timeout))) {
       if (Interrupted()) throw Failure{kExitInterrupted, "interrupted"};
-      throw Failure{kExitTimeout, fmt::format("answer from {} to message {}: none within {} s", link_->target(), sent_,
-                                              options_.timeout)};
+      throw Failure{kExitTimeout, fmt::format("answer from {} to message {}: none within {} s"
+                                              "\n  the peer does not answer, or refused the message: its own messages "
+                                              "may say why",
+                                              link_->target(), sent_, options_.timeout)};
     }
     ++answered_;
-    ShowMessage(reply_.get(), link_->target(), security_.check, ShowFormatOf(options_.format));
+    ShowMessage(reply_.get(), link_->target(), security_.check, ShowFormatOf(options_.format.format));
     Flush();
   }
 
@@ -128,7 +142,7 @@ class Sender {
   bool shows_progress_ = !options_.quiet && NotesAreOnTerminal();
 };
 
-// "PATH" or "ID=PATH"; the id is 1 when none is given. A path may hold '='.
+// "PATH" or "ID=PATH"; the id is 1 when none is given. A path may contain '='.
 ParamSpec FileParam(const std::string& text) {
   const size_t equals = text.find('=');
   const auto id = ParseNumber<uint32_t>(text.substr(0, equals), 0, UINT32_MAX);
@@ -153,7 +167,7 @@ void SendLines(Sender& sender) {
 }
 
 void SendAll(Sender& sender, const Options& options, bool from_input) {
-  // What is on the command line is checked before anybody is called.
+  // The command line is checked before the connection is made.
   if (!options.json.empty()) {
     MessageFromJson(sender.message(), options.json, {"--json"});
   } else if (!from_input) {
@@ -166,19 +180,20 @@ void SendAll(Sender& sender, const Options& options, bool from_input) {
 
 void RunSend(const Options& options, bool has_command) {
   CatchSignals();
+  CheckFormat(options.format);
   const bool from_line = has_command || !options.params.empty() || !options.files.empty();
   if ((from_line ? 1 : 0) + (options.json.empty() ? 0 : 1) + (options.from_input ? 1 : 0) > 1) {
-    throw Failure{kExitUsage, "send: give the message once: -c with -p and --file, or --json, or --stdin"};
+    throw Failure{kExitUsage, "send: give one message: -c with -p and --file, or --json, or --stdin"};
   }
   const bool from_input = !from_line && options.json.empty();
-  if (from_input && isatty(STDIN_FILENO)) Note("reading messages as JSON from the terminal, one a line; Ctrl-D ends");
+  if (from_input && isatty(STDIN_FILENO))
+    Note("reading messages from the terminal: one JSON object a line, Ctrl-D ends");
+  if (options.trace) StartTrace();
   Sender sender(options);
   try {
     SendAll(sender, options, from_input);
   } catch (Failure& failure) {
-    if (!failure.text.empty() && !options.quiet && failure.code != kExitUsage) {
-      failure.text += "\n  " + sender.Summary();
-    }
+    if (!failure.text.empty() && !options.quiet) failure.text += sender.PartialSummary();
     throw;
   }
 }
@@ -186,35 +201,32 @@ void RunSend(const Options& options, bool has_command) {
 void AddMessageOptions(CLI::App& command, Options& options) {
   AddNumber<uint32_t>(command, "-c,--command", options.command, 0, UINT32_MAX, "Command of the message");
   command
-      .add_option("-p,--param", options.params, "Parameter: ID=TEXT or ID:TYPE=VALUE; int32, int64, text, bytes, file")
+      .add_option("-p,--param", options.params,
+                  "Add a parameter: ID=TEXT or ID:TYPE=VALUE, with the type int32, int64, text, bytes (in hexadecimal) "
+                  "or file (a path)")
       ->allow_extra_args(false)
       ->type_name("PARAM");
-  command.add_option("--file", options.files, "A file's content as a parameter of bytes (id 1 when none is given)")
+  command.add_option("--file", options.files, "Add the content of a file as a parameter; the id is 1 without ID=")
       ->allow_extra_args(false)
       ->type_name("[ID=]PATH");
-  command.add_option("--json", options.json, "The message as JSON")->type_name("JSON");
-  command.add_flag("--stdin", options.from_input, "Messages from standard input, one JSON object a line (the default)");
+  command.add_option("--json", options.json, "Send the message that this JSON object describes")->type_name("JSON");
+  command.add_flag("--stdin", options.from_input,
+                   "Send messages from standard input, one JSON object a line; the default without a message");
 }
 
 void AddSendingOptions(CLI::App& command, Options& options) {
-  AddNumber<uint64_t>(command, "--repeat", options.repeat, 1, UINT64_MAX, "Send each message so often");
+  AddNumber<uint64_t>(command, "--repeat", options.repeat, 1, UINT64_MAX, "Send each message this many times");
   AddSeconds(command, "--interval", options.interval, 0, 86400, "Pause between messages");
   command.add_flag("--reply", options.reply, "Wait for an answer to each message, and print it");
   AddSeconds(command, "--timeout", options.timeout, 0.001, 86400,
-             "Longest wait for a connection, an answer, a full peer");
-  command.add_option("--sign", options.sign, "Sign with the secret key in this file")->type_name("KEYFILE");
-  command.add_option("--ring", options.ring, "Answers must be signed by a user of this ring")->type_name("FILE");
-  command.add_option("--user", options.user, "User of the message, or of the key in the file")
-      ->check([](const std::string& user) {
-        const bool fits = !user.empty() && user.size() <= MQC_USER_MAX;
-        return fits ? "" : fmt::format("{}: a user has 1 to {} characters", Quote(user, 40), MQC_USER_MAX);
-      })
-      ->type_name("USER");
-  command.add_flag("--udp", options.udp, "Datagrams instead of a connection");
-  command.add_option("--format", options.format, "Answers as text, json, hex, raw or quiet")
-      ->check(CLI::IsMember({"text", "json", "hex", "raw", "quiet"}))
-      ->type_name("FORMAT");
-  command.add_flag("-q,--quiet", options.quiet, "No summary, no progress");
+             "Longest wait for the connection, for an answer, and for a peer that does not read");
+  AddKeyOptions(command, options.keys, "Sign with the secret key in this file",
+                "Accept only answers that are signed by a user in this ring",
+                "Name this user as the sender, instead of your login name; with --sign, the user whose key to take");
+  command.add_flag("--udp", options.udp, "Send datagrams; only answers can tell whether they arrive");
+  AddFormat(command, options.format, "Print answers as text, json (one object a line), hex, raw or quiet");
+  command.add_flag("-q,--quiet", options.quiet, "Print no summary and no progress");
+  command.add_flag("-v,--trace", options.trace, "Print every step of the connection on standard error");
 }
 
 }  // namespace
@@ -222,15 +234,17 @@ void AddSendingOptions(CLI::App& command, Options& options) {
 void AddSend(CLI::App& app, ExitCode&) {
   auto options = std::make_shared<Options>();
   CLI::App* const command = app.add_subcommand("send", "Send messages to a node");
-  command->add_option("HOST", options->host, "Name or dotted quad")->required();
-  command->add_option("SERVICE", options->service, "Port or service name")->required();
+  AddPeer(*command, options->peer);
   AddMessageOptions(*command, *options);
   AddSendingOptions(*command, *options);
   command->footer(
-      "Examples:\n  mqcat send 127.0.0.1 5000 -c 7 -p 1=hello -p 2:int32=-5 --reply\n"
-      "  mqcat send 127.0.0.1 5000 --json '{\"command\":7,\"parameters\":[{\"id\":1,\"value\":\"hello\"}]}'\n"
-      "  mqcat listen 5001 --format json | mqcat send 127.0.0.1 5000\n"
-      "  mqcat send 127.0.0.1 5000 -c 9 --file 3=photo.jpg --sign alice.key");
+      "Only an answer shows that the peer has read a message. Without --reply a message counts as handed to the "
+      "system; "
+      "a peer that resets the connection makes send exit with 4.\n\n"
+      "Examples:\n  mqcat send 127.0.0.1:5000 -c 7 -p 1=hello -p 2:int32=-5 --reply\n"
+      "  mqcat send 127.0.0.1:5000 --json '{\"command\":7,\"parameters\":[{\"id\":1,\"value\":\"hello\"}]}'\n"
+      "  mqcat listen 5001 --format json | mqcat send 127.0.0.1:5000\n"
+      "  mqcat send 127.0.0.1:5000 -c 9 --file 3=photo.jpg --sign alice.key");
   command->callback([options, command] { RunSend(*options, command->count("--command") != 0); });
 }
 

@@ -1,9 +1,9 @@
-// signals.hh - SIGINT and SIGTERM as a flag that loops look at; SIGPIPE ignored.
+// signals.hh - SIGINT and SIGTERM as a flag that loops test.
 #pragma once
 
 namespace mqcat {
 
-// Waits and reads come back with EINTR. A second signal ends the program the hard way.
+// Waits and reads fail with EINTR. A second signal terminates the program.
 void CatchSignals();
 
 bool Interrupted();

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kDigits[] = "0123456789abcdef";
 constexpr size_t kDumpLine = 16;
-constexpr size_t kNarrowest = 12;  // room that wrapped text keeps at least
+constexpr size_t kNarrowest = 12;  // columns that wrapped text has at least
 
 constexpr uint8_t kNoDigit = 0xff;
 constexpr std::array<uint8_t, 256> kDigitValues = [] {
@@ -50,8 +50,8 @@ uint32_t CodePoint(std::string_view character) {
   return point;
 }
 
-// Control characters, and marks that begin a line or turn the direction of writing: what is shown after them is not
-// what is there.
+// False for control characters and for marks that begin a line or change the direction of writing: they make the rest
+// of a line look like something else.
 bool IsSafe(uint32_t point) {
   if (point < 0x20 || (point >= 0x7f && point < 0xa0) || point == 0x61c) return false;
   if (point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e)) return false;
@@ -66,8 +66,8 @@ constexpr std::array<std::array<bool, 256>, 2> kStays = [] {
   return stays;
 }();
 
-// Appends text until its end, or limit characters. What is not safe or not UTF-8, and a quote or a backslash when
-// quoted, is appended by replace(out, bytes). Returns how many bytes were taken.
+// Appends at most limit characters of text. Characters that are not safe, bytes that are not UTF-8 and, when quoted,
+// quotes and backslashes are appended by replace(out, bytes). Returns how many bytes were taken.
 template <typename Replace>
 size_t AppendSafe(std::string& out, std::string_view text, size_t limit, bool quoted, Replace replace) {
   const bool* const stays = kStays[quoted].data();
@@ -131,7 +131,7 @@ std::string DumpLine(Bytes line, size_t offset) {
   return fmt::format("{:08x}  {} |{}|\n", offset, hex, shown);
 }
 
-// Where the text of a line begins: behind the last wide gap in its first half, else at its first character.
+// Where the text of a line begins: after the last wide gap in its first half, else at its first character.
 size_t HangingIndent(std::string_view line, size_t width) {
   const size_t first = std::min(line.find_first_not_of(' '), line.size());
   const size_t gap = line.substr(0, std::min(line.size(), width / 2 + 2)).rfind("  ");
@@ -180,13 +180,13 @@ std::optional<std::array<std::string, 256>> EbcdicTable() {
 
 }  // namespace
 
-std::string Hex(Bytes bytes, size_t limit) {
+std::string Hex(Bytes bytes, size_t limit, uint64_t size) {
   std::string out;
   for (const uint8_t byte : bytes.first(std::min(bytes.size(), limit))) {
     out += kDigits[byte >> 4];
     out += kDigits[byte & 15];
   }
-  if (bytes.size() > limit) out += fmt::format("... ({} bytes)", bytes.size());
+  if (size > std::min(bytes.size(), limit)) out += fmt::format("... ({} bytes)", size);
   return out;
 }
 
@@ -255,10 +255,11 @@ std::string SafeJson(std::string_view json) {
   return out;
 }
 
-void AppendJsonString(std::string& out, std::string_view text) {
+size_t AppendJsonString(std::string& out, std::string_view text, size_t limit) {
   out += '"';
-  AppendSafe(out, text, SIZE_MAX, true, AppendJsonEscape);
+  const size_t taken = AppendSafe(out, text, limit, true, AppendJsonEscape);
   out += '"';
+  return taken;
 }
 
 std::optional<std::string> FromEbcdic(std::string_view text) {

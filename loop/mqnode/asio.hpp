@@ -1,0 +1,333 @@
+// asio.hpp - nodes in an Asio event loop, for C++20 coroutines. Header-only.
+//
+//   asio::awaitable<void> ask(mqnode::Address address) {
+//     mqnode::AsyncNode node(co_await asio::this_coro::executor, mqnode::Node::connector(address));
+//     const mqnode::Message msg = mqnode::Message::create();
+//     mqnode::Result result = co_await mqnode::within(5s, node.open());
+//     if (result && msg.begin(7) && msg.add(1, "how is the weather?")) result = co_await node.write(msg);
+//     if (result) result = co_await mqnode::within(5s, node.read(msg));
+//     if (!result) std::cerr << result.name() << '\n';
+//     co_await mqnode::within(2s, node.finish());
+//   }
+//
+// Conventions
+//   Results        operations end with a Result of mqnode.hpp and throw nothing of their own. Memory: as with any
+//                  coroutine, std::bad_alloc
+//   Cancellation   by Asio's means: cancellation slots, awaitable_operators, within. A cancelled operation ends with
+//                  ECANCELED and loses nothing: a message that has arrived in part is read on by the next read, a
+//                  message whose write was cancelled stays queued and leaves with the next write, read or finish
+//   Time           nothing here has a time limit of its own: put within() around an operation
+//   Order          one coroutine reads a node at a time. Several may write to a stream, one to a datagram node;
+//                  messages leave in the order of the writes. A node may be closed or destroyed while operations wait
+//                  for it: they end with ECANCELED
+//   Fairness       a node reads at most messagesPerTurn messages, and a listener accepts at most acceptsPerTurn
+//                  connections, before the other nodes of the loop have their turn
+//   Threads        an executor runs in one thread, or is a strand; a node is used from there only
+//   SIGPIPE        is the application's: ignore it
+//
+// Asio 1.22 or later, without Boost (asio.hpp); link mqnode::asio.
+#ifndef MQNODE_MQNODE_ASIO_HPP
+#define MQNODE_MQNODE_ASIO_HPP
+
+#include <asio/any_io_executor.hpp>
+#include <asio/awaitable.hpp>
+#include <asio/experimental/awaitable_operators.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/this_coro.hpp>
+#include <asio/use_awaitable.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "mqnode/limits.h"
+#include "mqnode/mqnode.hpp"
+#include "mqnode/step.h"
+
+namespace mqnode {
+
+class AsyncNode;
+
+namespace detail {
+
+constexpr std::chrono::milliseconds kAcceptPause{50};  // while no connection can be had
+
+// What a listener and the nodes that it has accepted share.
+struct AsyncCommon {
+  MqLoopLimits limits;
+  std::uint32_t accepted = 0;  // that are not closed
+};
+
+// A node and what waits for it. Operations hold it, so that it outlives its AsyncNode while they end.
+struct AsyncState {
+  using Wait = asio::posix::stream_descriptor::wait_type;
+
+  AsyncState(const asio::any_io_executor& executor, Node taken, bool is_signed, std::shared_ptr<AsyncCommon> shared)
+      : common(std::move(shared)), node(std::move(taken)), descriptor(executor) {
+    if (!node || node.failed()) return;
+    begun = mq_step_begin(&step, node.get(), is_signed ? 1 : 0, &common->limits, 0) == MQ_STEP_DONE;
+    if (begun && node.is_listening()) begun = mq_step_listen(&step, common->limits.backlog) == MQ_STEP_DONE;
+  }
+  ~AsyncState() { close(); }
+  AsyncState(const AsyncState&) = delete;
+  AsyncState& operator=(const AsyncState&) = delete;
+
+  void close() noexcept {
+    if (!begun || step.phase == MQ_STEP_CLOSED) return;
+    if (descriptor.is_open()) descriptor.release();
+    mq_step_close(&step);
+    if (step.accepted != 0) --common->accepted;
+  }
+
+  // Waits until the node is ready; the code says whether it is.
+  asio::awaitable<void> wait(Wait type, asio::error_code& code) {
+    if (!descriptor.is_open()) descriptor.assign(node.descriptor(), code);
+    return descriptor.async_wait(type, asio::redirect_error(asio::use_awaitable, code));
+  }
+
+  static Result done() noexcept { return {1, MQ_OK, MQ_IN_NODE}; }
+  Result failed() const noexcept {
+    const bool of_socket = step.error == node.record().sock.error && step.error != MQ_AGAIN;
+    return {0, step.error, of_socket ? MQ_IN_SOCKET : MQ_IN_NODE};
+  }
+  static Result stopped(const asio::error_code& code) noexcept {
+    return {0, code == asio::error::operation_aborted ? ECANCELED : code.value(), MQ_IN_SOCKET};
+  }
+  // The rest of a message that was lost would be taken for the next one.
+  Result broken() noexcept {
+    close();
+    return failed();
+  }
+
+  const std::shared_ptr<AsyncCommon> common;
+  Node node;
+  asio::posix::stream_descriptor descriptor;
+  MqStep step = {};
+  bool begun = false;
+};
+
+using AsyncShared = std::shared_ptr<AsyncState>;
+
+inline asio::awaitable<Result> async_open(AsyncShared own) {
+  for (;;) {
+    const int outcome = mq_step_connect(&own->step);
+    if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
+    if (outcome == MQ_STEP_FAILED) co_return own->failed();
+    asio::error_code code;
+    co_await own->wait(AsyncState::Wait::wait_write, code);
+    if (code) co_return AsyncState::stopped(code);
+  }
+}
+
+inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
+  MqStep& step = own->step;
+  for (;;) {
+    const int outcome = mq_step_read(&step, msg.get());
+    if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
+    if (outcome != MQ_STEP_WAIT) co_return own->failed();
+    asio::error_code code;
+    const bool held = step.held != 0;  // by a queue that is to become shorter first
+    co_await own->wait(held ? AsyncState::Wait::wait_write : AsyncState::Wait::wait_read, code);
+    if (code) co_return AsyncState::stopped(code);
+    if (held && mq_step_flush(&step) == MQ_STEP_FAILED) co_return own->broken();
+    if (!held) mq_step_turn(&step);
+  }
+}
+
+template <class Function, class... Arguments>
+asio::awaitable<Result> async_write(AsyncShared own, Function function, MessageRef msg, Arguments... arguments) {
+  MqStep& step = own->step;
+  if (!mq_step_may_write(&step)) co_return own->failed();
+  const int outcome = mq_step_wrote(&step, function(msg.get(), own->node.get(), arguments...));
+  if (outcome == MQ_STEP_FAILED) co_return own->broken();
+  if (outcome == MQ_STEP_LOST) co_return own->failed();
+  const std::uint64_t number = step.taken;
+  while (mq_step_completed(&step) < number) {
+    asio::error_code code;
+    co_await own->wait(AsyncState::Wait::wait_write, code);
+    if (code) co_return AsyncState::stopped(code);
+    if (mq_step_completed(&step) >= number) break;  // sent by another write
+    const int flushed = mq_step_flush(&step);
+    if (flushed == MQ_STEP_FAILED) co_return own->broken();
+    if (flushed == MQ_STEP_LOST && mq_step_completed(&step) == number) co_return own->failed();
+  }
+  co_return AsyncState::done();
+}
+
+// Waits for what the end of a connection needs next.
+inline asio::awaitable<void> async_wait_for_end(AsyncShared own, asio::error_code& code) {
+  using namespace asio::experimental::awaitable_operators;
+  const int wants = mq_step_wants(&own->step);
+  if (wants == (MQ_STEP_READABLE | MQ_STEP_WRITABLE)) {
+    asio::error_code other;
+    co_await (own->wait(AsyncState::Wait::wait_read, code) || own->wait(AsyncState::Wait::wait_write, other));
+    if (!other) code.clear();  // one of them is cancelled
+  } else if (wants != 0) {
+    co_await own->wait(wants == MQ_STEP_READABLE ? AsyncState::Wait::wait_read : AsyncState::Wait::wait_write, code);
+  } else {
+    asio::steady_timer timer(own->descriptor.get_executor(), std::chrono::milliseconds(MQ_STEP_CONFIRM_MSEC));
+    co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
+  }
+}
+
+inline asio::awaitable<Result> async_finish(AsyncShared own) {
+  if (own->step.phase == MQ_STEP_OPEN) mq_step_begin_end(&own->step);
+  for (;;) {
+    const int outcome = mq_step_end(&own->step);
+    if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
+    if (outcome == MQ_STEP_FAILED) co_return own->failed();
+    if (outcome == MQ_STEP_LOST) continue;
+    asio::error_code code;
+    co_await async_wait_for_end(own, code);
+    if (code) co_return AsyncState::stopped(code);
+  }
+}
+
+inline asio::awaitable<Result> async_accept(AsyncShared own, AsyncNode& child);
+
+inline asio::awaitable<void> async_keep(asio::awaitable<Result> operation, Result& result) {
+  result = co_await std::move(operation);
+}
+
+}  // namespace detail
+
+// AsyncNode - a node that it owns, for coroutines. It is moved and never copied; destroying it closes the node at once:
+// finish() first if the last messages must arrive.
+class AsyncNode {
+ public:
+  enum class Framing { kPlain, kSigned };
+
+  // An empty one, for accept().
+  AsyncNode() noexcept = default;
+  // Takes a node of a creator, which becomes non-blocking. status() says whether it can be used.
+  //   framing   what read() takes: plain or signed messages
+  //   limits    of this node; those of a listener hold for what it accepts too. The times in it are not used here
+  AsyncNode(const asio::any_io_executor& executor, Node node, Framing framing = Framing::kPlain,
+            const MqLoopLimits& limits = mq_loop_limits())
+      : state_(
+            std::make_shared<detail::AsyncState>(executor, std::move(node), framing == Framing::kSigned,
+                                                 std::make_shared<detail::AsyncCommon>(detail::AsyncCommon{limits}))) {}
+  AsyncNode(AsyncNode&&) noexcept = default;
+  AsyncNode& operator=(AsyncNode&& other) noexcept {
+    if (this != &other) close();
+    state_ = std::move(other.state_);
+    return *this;
+  }
+  ~AsyncNode() { close(); }
+
+  explicit operator bool() const noexcept { return state_ != nullptr; }
+  // Whether the node was created and could be taken in. Empty ones: ENOMEM.
+  Result status() const noexcept {
+    if (state_ == nullptr) return {0, ENOMEM, MQ_IN_SOCKET};
+    return state_->begun || !state_->node || state_->node.failed() ? state_->node.status() : state_->failed();
+  }
+  // The node. Read and write by the operations below, not through it.
+  NodeRef node() const noexcept { return state_->node; }
+  asio::any_io_executor get_executor() const { return state_->descriptor.get_executor(); }
+  // Whether a message has arrived in part.
+  bool is_in_message() const noexcept { return mq_step_is_cut(&state_->step) != 0; }
+
+  // Each of the following requires that status() was a success.
+
+  // Connects. A host name is looked up first, which blocks the loop.
+  asio::awaitable<Result> open() const { return detail::async_open(state_); }
+
+  // Waits for a connection of a listener and makes it child, in the loop, with the framing and the limits of the
+  // listener. When there are as many as limits.nodes, or no descriptor or memory is left, connections wait.
+  asio::awaitable<Result> accept(AsyncNode& child) const { return detail::async_accept(state_, child); }
+
+  // Reads one message. False with EMSGSIZE for one that is longer than limits.messageBytes, with peer_gone() at the end
+  // of a connection. Of a datagram node, false also for a datagram that was not a message: go on reading.
+  asio::awaitable<Result> read(MessageRef msg) const { return detail::async_read(state_, msg); }
+
+  // Writes one message and waits until the system has taken it. False with -1111 while more than limits.queueBytes are
+  // queued. A stream node that has lost a part of a message is closed. msg, and to, live until the operation starts.
+  asio::awaitable<Result> write(MessageRef msg) const { return detail::async_write(state_, mnWrite, msg); }
+  asio::awaitable<Result> write_to(MessageRef msg, SockAddrRec& to) const {
+    return detail::async_write(state_, mnWriteTo, msg, &to);
+  }
+  asio::awaitable<Result> write_signed(MessageRef msg, const Signer& signer) const {
+    return detail::async_write(state_, mnSWrite, msg, 1, static_cast<void*>(signer.get()));
+  }
+  asio::awaitable<Result> write_signed_to(MessageRef msg, SockAddrRec& to, const Signer& signer) const {
+    return detail::async_write(state_, mnSWriteTo, msg, &to, 1, static_cast<void*>(signer.get()));
+  }
+
+  // As mq_finish: sends what is queued, shuts the sending side down, and waits until the peer has received everything
+  // and closed. Only closing may follow.
+  asio::awaitable<Result> finish() const { return detail::async_finish(state_); }
+
+  // Closes the node at once; what is queued is discarded. Nothing happens the second time.
+  void close() noexcept {
+    if (state_ != nullptr) state_->close();
+  }
+
+ private:
+  friend asio::awaitable<Result> detail::async_accept(detail::AsyncShared own, AsyncNode& child);
+
+  explicit AsyncNode(detail::AsyncShared state) noexcept : state_(std::move(state)) {}
+
+  detail::AsyncShared state_;
+};
+
+namespace detail {
+
+// Makes child the node that was accepted.
+inline AsyncShared async_adopt(AsyncState& listener, MQNode* accepted) {
+  AsyncShared child = std::make_shared<AsyncState>(listener.descriptor.get_executor(), Node(accepted),
+                                                   listener.step.secure != 0, listener.common);
+  if (!child->begun) return nullptr;
+  child->step.accepted = 1;
+  ++listener.common->accepted;
+  return child;
+}
+
+inline asio::awaitable<Result> async_accept(AsyncShared own, AsyncNode& child) {
+  MqStep& step = own->step;
+  for (;;) {
+    MQNode* accepted = nullptr;
+    const bool full = own->common->accepted >= static_cast<std::uint32_t>(own->common->limits.nodes);
+    const int outcome = full ? MQ_STEP_FULL : mq_step_accept(&step, &accepted);
+    if (outcome == MQ_STEP_FAILED) co_return own->failed();
+    if (outcome == MQ_STEP_LOST) continue;
+    if (outcome == MQ_STEP_DONE) {
+      child = AsyncNode(async_adopt(*own, accepted));
+      if (child) co_return AsyncState::done();
+      continue;
+    }
+    asio::error_code code;
+    if (outcome == MQ_STEP_FULL) {
+      asio::steady_timer timer(own->descriptor.get_executor(), kAcceptPause);
+      co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
+      mq_step_resume(&step);
+    } else {
+      co_await own->wait(AsyncState::Wait::wait_read, code);
+      mq_step_turn(&step);
+    }
+    if (code) co_return AsyncState::stopped(code);
+    if (step.phase == MQ_STEP_CLOSED) co_return AsyncState::stopped(asio::error::operation_aborted);
+  }
+}
+
+}  // namespace detail
+
+// within - an operation with a time limit: after that it is cancelled, and the result is false with timed_out().
+//   if (const Result read = co_await within(10s, node.read(msg)); read.timed_out()) ...
+inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::awaitable<Result> operation) {
+  using namespace asio::experimental::awaitable_operators;
+  asio::steady_timer timer(co_await asio::this_coro::executor, longest);
+  asio::error_code code;
+  Result result(0, ECANCELED, MQ_IN_SOCKET);
+  co_await (detail::async_keep(std::move(operation), result) ||
+            timer.async_wait(asio::redirect_error(asio::use_awaitable, code)));
+  // The operation may have ended at the same moment: its result counts.
+  const bool expired = !result && result.code() == ECANCELED && !code;
+  co_return expired ? Result(0, SOCK_WAIT_TIMEOUT, MQ_IN_STATUS) : result;
+}
+
+}  // namespace mqnode
+
+#endif
