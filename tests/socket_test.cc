@@ -262,7 +262,9 @@ TEST_F(SocketTest, ConnectAndBind) {
 TEST_F(SocketTest, ListenAndAccept) {
   Use(Peer::Bound(SOCK_STREAM).Release());
   EXPECT_EQ(Do(ListenSocket, 3), "1 77/0 0 | listen(3) = 0; ListenSocket") << "error is left alone";
+  ASSERT_EQ(fcntl(rec_.fd, F_SETFL, O_APPEND), 0);
   NoblockSocket(&rec_);
+  EXPECT_EQ(fcntl(rec_.fd, F_GETFL), O_RDWR | O_APPEND | O_NONBLOCK) << "no other flag is changed";
   rec_.protocol = 6;
   const Peer client = Peer::Connect(PortOf(rec_.fd));
   SockRec child, expected = {};
