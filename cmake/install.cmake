@@ -1,5 +1,5 @@
-# Installation, in the components library, companion, development, documentation and tools (see also tools/), and uv and
-# uv_development if libuv was found.
+# Installation, in the components library, companion, development, documentation and tools (see also tools/), and uv,
+# uv_development and asio_development if the engines were found.
 # Headers go to include/mqnode-1; pkg-config files and the CMake package go to folders below that of the libraries. Both
 # refer to other files relative to their own location: an installed tree may be moved.
 include(CMakePackageConfigHelpers)
@@ -49,6 +49,13 @@ if(TARGET mqnode_uv)
     COMPONENT uv_development)
 endif()
 
+if(TARGET mqnode_asio)
+  install(FILES loop/mqnode/asio.hpp DESTINATION ${MQNODE_INCLUDEDIR}/mqnode COMPONENT asio_development)
+  install(TARGETS mqnode_asio EXPORT mqnode-asio INCLUDES DESTINATION ${MQNODE_INCLUDEDIR})
+  install(EXPORT mqnode-asio FILE mqnode-asio-targets.cmake NAMESPACE mqnode:: DESTINATION ${MQNODE_CMAKEDIR}
+    COMPONENT asio_development)
+endif()
+
 configure_package_config_file(cmake/mqnode-config.cmake.in ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake
   INSTALL_DESTINATION ${MQNODE_CMAKEDIR} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake/mqnode-config-version.cmake COMPATIBILITY SameMajorVersion)
@@ -57,16 +64,18 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake/mqnode-config.cmake ${PROJECT_BINARY_D
 
 file(RELATIVE_PATH MQNODE_PC_PREFIX /prefix/${MQNODE_PCDIR} /prefix)
 string(REGEX REPLACE "/$" "" MQNODE_PC_PREFIX ${MQNODE_PC_PREFIX})
-set(pc_component development)
-foreach(name mqnode mqnode-companion mqnode-host mqnode-uv)
-  if(name STREQUAL mqnode-uv)
-    set(pc_component uv_development)
-    if(NOT TARGET mqnode_uv)
-      continue()
-    endif()
-  endif()
+# mqnode_pkg_config(NAME COMPONENT)
+function(mqnode_pkg_config name component)
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/cmake/${name}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT ${pc_component})
+  install(FILES ${PROJECT_BINARY_DIR}/cmake/${name}.pc DESTINATION ${MQNODE_PCDIR} COMPONENT ${component})
+endfunction()
+foreach(name mqnode mqnode-companion mqnode-host)
+  mqnode_pkg_config(${name} development)
+endforeach()
+foreach(engine uv asio)
+  if(TARGET mqnode_${engine})
+    mqnode_pkg_config(mqnode-${engine} ${engine}_development)
+  endif()
 endforeach()
 
 # The dissector, where Wireshark and tshark look for plugins.

@@ -3,13 +3,13 @@
 set(reference ${PROJECT_BINARY_DIR}/reference)
 find_program(DOXYGEN doxygen)
 find_program(AWK awk)
-if(NOT AWK)
-  message(STATUS "no awk: the manual pages of the library are not made")
+if(NOT AWK OR NOT PROJECT_IS_TOP_LEVEL)
+  message(STATUS "the manual pages are not made: no awk, or part of another project")
   return()
 endif()
 
 file(GLOB reference_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/reference/*
-  ${PROJECT_SOURCE_DIR}/companion/host.h)
+  ${PROJECT_SOURCE_DIR}/companion/host.h ${PROJECT_SOURCE_DIR}/examples/hello.c)
 foreach(folder mqnode cpp/mqnode loop/mqnode socksin sockutil queue runtime)
   file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h ${PROJECT_SOURCE_DIR}/${folder}/*.hpp)
   list(APPEND reference_sources ${headers})
@@ -24,3 +24,9 @@ add_custom_command(OUTPUT ${reference}/man.made
 add_custom_target(manual ALL DEPENDS ${reference}/man.made)
 
 install(DIRECTORY ${reference}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+
+# The examples of the manual pages compile.
+if(MQNODE_BUILD_TESTS)
+  add_library(reference_examples OBJECT docs/reference/examples.c)
+  target_link_libraries(reference_examples PRIVATE mqnode_host)
+endif()

@@ -67,9 +67,9 @@ inline bool CheckParam(const uint8_t* value, const Param& param, uint32_t left, 
 template <bool kSwap, typename Visit>
 bool WalkBody(const PcfRawData& raw, ErrorText error, Visit visit) {
   const uint32_t end = raw.length;
-  if (end < kHeader + kBodyHead) return Fail(error, "a body of %u bytes has no room for its head", end - kHeader);
+  if (end < kHeader + kBodyHead) return Fail(error, "a body of %u bytes is too short for its head", end - kHeader);
   const uint32_t count = LoadAs<kSwap>(raw.data + kHeader + 4);
-  if (count > MQC_MAX_PARAMS) return Fail(error, "%u parameters, at most %u can be held", count, MQC_MAX_PARAMS);
+  if (count > MQC_MAX_PARAMS) return Fail(error, "%u parameters, at most %u are supported", count, MQC_MAX_PARAMS);
   uint32_t at = kHeader + kBodyHead;
   for (uint32_t i = 0; i < count; ++i) {
     if (end - at < kParamHead) return Fail(error, "parameter %u of %u: the body ends in its head", i, count);
@@ -126,7 +126,7 @@ bool ConvertBody(PcfRawData& raw, const uint8_t* ebcdic, ErrorText error) {
 
 bool CheckComplete(const PcfRawData& raw, ErrorText error) {
   if (raw.data == nullptr || raw.length > raw.capacity || raw.length < kHeader) {
-    return Fail(error, "%u bytes in an area of %u are no message", raw.length, raw.capacity);
+    return Fail(error, "%u bytes in an area of %u are not a message", raw.length, raw.capacity);
   }
   return IsNativeMessage(raw.data, raw.length) || CheckNativeHeader(raw.data, raw.length, error);
 }

@@ -117,7 +117,7 @@ int AlienToNativeExt(SecureHeader* envelope) {
 
 int VerifyMessage(PcfRawData* raw) {
   if (raw->data == nullptr || raw->length < kHeader || raw->length > raw->capacity) {
-    return Fail(HeaderError(), "%u bytes in an area of %u are no message", raw->length, raw->capacity);
+    return Fail(HeaderError(), "%u bytes in an area of %u are not a message", raw->length, raw->capacity);
   }
   return CheckNativeHeader(raw->data, raw->length, HeaderError()) && CheckBody(*raw, HeaderError());
 }

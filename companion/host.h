@@ -1,17 +1,18 @@
-/* host.h - what a host calls in libmqcompanion.so.1, the companion runtime of this project.
+/* host.h - the functions of libmqcompanion.so.1, the companion of this project, that an application calls.
  *
- * libmqnode calls the companion through runtime/runtime.h and runtime/message.h. This header is the other side: build
- * and read messages, sign and authenticate, read the memory account, make allocations fail, choose the log.
+ * libmqnode calls the companion through runtime/runtime.h and runtime/message.h. With this header an application builds
+ * and reads messages, signs and authenticates them, reads the memory account, makes allocations fail and sets the log.
  *
- * Conventions, kept by every function here unless its lines say otherwise
- *   results   1 success, 0 failure
- *   pointers  required and not null
- *   sizes     bytes; times are milliseconds since 1970-01-01 UTC; text is terminated, ASCII or a superset of it
- *   errors    a function with (char *error, size_t size) writes one line without a newline there when it fails, cut to
- *             size, and an empty text when it succeeds; error may be null, size 0
- *   threads   one record is used by one thread at a time; what is process-wide (account, ring, window, clock, log) may
- *             be used from any thread
- *   blocking  nothing here waits; only the functions that name a file use the file system */
+ * Conventions of all functions here, unless documented otherwise:
+ *   Results      1 on success, 0 on failure.
+ *   Pointers     must not be null.
+ *   Units        sizes are in bytes, times in milliseconds since 1970-01-01 UTC. Texts are null-terminated, in ASCII or
+ *                a superset of it.
+ *   Error texts  a function with the arguments char* error, size_t size stores one line without a newline in error if
+ *                it fails, cut to size, and an empty text if it succeeds. error may be null if size is 0.
+ *   Threads      a record must be used by one thread at a time. The state of the process (memory account, ring, window,
+ *                clock, log) may be used by any thread.
+ *   Blocking     no function waits. Only functions with a path use the file system. */
 #ifndef MQNODE_COMPANION_HOST_H
 #define MQNODE_COMPANION_HOST_H
 
@@ -24,88 +25,93 @@ MQ_BEGIN_C
 
 /* ---- Memory account ----
  *
- * Every allocation of the companion is counted under a tag: blocks of fNewMemory under the tag they were asked with,
- * data areas of IoBuffers under "buffer", raw areas of PcfMessages under "message", records of mqc_message_new under
- * "PcfMessage", signers and the key of mqc_set_opener under "signer", the ring of users under "ring", the memory of seen
- * messages under "replay", key files while they are read under "file". */
+ * Each allocation of the companion is counted under a tag: blocks from fNewMemory under the caller's tag, data areas of
+ * IoBuffers under "buffer", raw areas of PcfMessages under "message", records of mqc_message_new under "PcfMessage",
+ * signers and the key of mqc_set_opener under "signer", the ring of users under "ring", the record of accepted messages
+ * under "replay", and key files under "file" while they are read. */
 
+/* MqcMemory - the memory account of a tag. */
 typedef struct MqcMemory {
   uint64_t live_blocks;  /* allocated and not yet released */
-  uint64_t total_blocks; /* allocated since the process began */
-  uint64_t peak_blocks;  /* highest live_blocks seen */
-  uint64_t live_bytes;   /* bytes asked for by the live blocks */
+  uint64_t total_blocks; /* allocated since the process started */
+  uint64_t peak_blocks;  /* maximum of live_blocks */
+  uint64_t live_bytes;   /* requested size of the live blocks */
 } MqcMemory;
 
-/* mqc_memory - read the account of one tag, or of everything.
- *   tag   in   name of the tag, compared as text; null for everything. The peak of everything is the sum of the peaks
- *              of the tags: never below the true peak
- *   out   out  the counters; all 0 for a tag nobody has used
- * Result   1; 0 when nobody has used the tag
- * Other threads may allocate meanwhile: each counter is right by itself, not all of them for one moment. */
+/* mqc_memory - get the memory account of one tag, or of all.
+ *   tag   in   name of the tag, compared as text; null for all. The peak of all is the sum of the peaks of the tags,
+ *              which is an upper bound of the true peak
+ *   out   out  the counters; all 0 if the tag is not in use
+ * Result   1; 0 if the tag is not in use
+ * While other threads allocate, each counter is correct by itself, but the counters may be of different moments. */
 MQ_RUNTIME int mqc_memory(const char* tag, MqcMemory* out);
 
-/* mqc_memory_tag - name of the index-th tag in use, counted from 0; null past the last one.
- * The text lives as long as the process. Tags never go away. At most 64 tags are told apart; blocks with further tags
- * are counted under "(other)", blocks without a tag under "(none)". */
+/* mqc_memory_tag - get the name of a tag in use.
+ *   index  in  counted from 0
+ * Result   the name, valid until the process ends; null if index is not below the number of tags
+ * Tags are never removed. At most 64 tags are distinguished: blocks with further tags are counted under "(other)",
+ * blocks without a tag under "(none)". */
 MQ_RUNTIME const char* mqc_memory_tag(uint32_t index);
 
-/* mqc_allocations - allocations attempted since the process began, the failed ones included. */
+/* mqc_allocations - get the number of allocations attempted since the process started, including failed ones. */
 MQ_RUNTIME uint64_t mqc_allocations(void);
 
-/* mqc_fail_allocation - make a coming allocation of the companion fail, so that a host can test its error paths.
- *   nth      in  1 the next allocation of any thread, 2 the one after it, and so on; 0 switches failing off
- *   onwards  in  0: that one fails and the switch is off again; nonzero: that one and all after it fail until switched
- *                off
- * Counted are fNewMemory, CreateBuffer, SizeBuffer and SizePcfMessage when they grow, and whatever this header's
- * functions allocate. To walk a whole scenario, let n = 1, 2, 3 ... until a run makes fewer than n allocations. */
+/* mqc_fail_allocation - make a future allocation of the companion fail, to test the error handling of an application.
+ *   nth      in  1 the next allocation of any thread, 2 the one after it, and so on; 0 none
+ *   onwards  in  0: only that allocation fails; nonzero: it and all later ones fail until the next call with 0
+ * Counted are fNewMemory, CreateBuffer, SizeBuffer and SizePcfMessage if they enlarge an area, and all allocations of
+ * the functions in this header. To test a whole scenario, repeat it with nth = 1, 2, 3 ... until it makes fewer than
+ * nth allocations. */
 MQ_RUNTIME void mqc_fail_allocation(uint64_t nth, int onwards);
 
 /* ---- Messages: records ----
  *
- * A PcfMessage holds one message: its raw form (as on the wire) in raw, the index of its parameters in the record's own
- * area. A record is used for any number of messages, written and read in any order; once its raw area is as large as
- * the largest message, no call allocates. Do not copy a record: both copies would name one raw area. */
+ * A PcfMessage contains one message: its raw form, as on the wire, in raw, and the index of its parameters in
+ * libraryData. A record can be used for any number of messages, written and read in any order. Once its raw area is as
+ * large as the largest message, no call allocates. Do not copy a record: both copies would share its raw area. */
 
-/* Most parameters of one message: what the record's own area holds. One more is an error, never a truncation. */
+/* Maximum number of parameters of a message. Adding one more fails; a message is never truncated. */
 #define MQC_MAX_PARAMS 3740u
 
 /* mqc_message_new - allocate a record.
- *   capacity  in  first size of the raw area, header included; raised to 136, at most MQ_MAX_MESSAGE; it grows by
- *                 itself
- * Result   the record, without a message, for mqc_message_free; null without memory */
+ *   capacity  in  initial size of the raw area, header included: at least 136 is allocated, at most MQ_MAX_MESSAGE. It
+ *                 is enlarged when necessary
+ * Result   the record, without a message, to be released with mqc_message_free; null if there is no memory */
 MQ_RUNTIME PcfMessage* mqc_message_new(uint32_t capacity);
 
-/* mqc_message_free - release a record of mqc_message_new with its raw area. msg may be null. */
+/* mqc_message_free - release a record from mqc_message_new and its raw area. msg may be null. */
 MQ_RUNTIME void mqc_message_free(PcfMessage* msg);
 
-/* mqc_message_init - prepare a record that the caller owns: on the stack, in a larger record, static.
- * It has no raw area yet and allocates nothing. mnBrowse needs one: call SizePcfMessage(msg, 136) or more first. What
- * the record held before is neither read nor released. A record of zero bytes is prepared too. */
+/* mqc_message_init - initialise a record that the caller allocated, for example on the stack.
+ * The record has no raw area yet, and nothing is allocated; before mnBrowse, call SizePcfMessage(msg, 136). The
+ * previous contents of the record are neither read nor released. A record of zero bytes is initialised, too. */
 MQ_RUNTIME void mqc_message_init(PcfMessage* msg);
 
-/* mqc_message_release - release the raw area of a record of mqc_message_init. The record is prepared again. A raw area
- * that the host has put there itself (raw.data, raw.capacity) is not released, here and when it grows. */
+/* mqc_message_release - release the raw area of a record from mqc_message_init, and initialise the record again. A raw
+ * area that the application supplied (raw.data, raw.capacity) is not released, neither here nor when it is replaced by
+ * a larger one. */
 MQ_RUNTIME void mqc_message_release(PcfMessage* msg);
 
 /* ---- Messages: writing ----
  *
  *   mqc_begin(msg, 7) && mqc_add_text(msg, 1, "hello") && mqc_add_int32(msg, 2, -5) && mnWrite(msg, node)
  *
- * After each successful call raw is a complete message (room of 136 bytes for the header, then the body), fit for any
- * of the write functions. A failed add leaves the message as it was; mqc_message_error says why. */
+ * After each successful call, raw is a complete message (136 bytes for the header, then the body), which any write
+ * function accepts. A failed add does not change the message; mqc_message_error returns the reason. */
 
-/* mqc_begin - start a new message in the record; what it held is gone.
- *   command  in  what the message is about; its meaning is the hosts' own
- * Result   1; 0 without memory for the raw area */
+/* mqc_begin - start a new message in the record, discarding its previous message.
+ *   command  in  the command of the message; its meaning is defined by the applications
+ * Result   1; 0 if there is no memory for the raw area */
 MQ_RUNTIME int mqc_begin(PcfMessage* msg, uint32_t command);
 
-/* mqc_add_... - append one parameter.
- *   id      in  names the parameter; ids may repeat, their order is kept
- *   text    in  terminated; travels in the character set of its sender and arrives in the receiver's
- *   bytes   in  length bytes that arrive as they are; may be null when length is 0
- * Result   1; 0 for a record without a begun or read message, without memory, beyond MQC_MAX_PARAMS parameters or
- *          beyond MQ_MAX_MESSAGE
- * text and bytes may not lie in the record's own raw area: it may move. */
+/* mqc_add_int32, mqc_add_int64, mqc_add_text, mqc_add_bytes - append a parameter to the message.
+ *   id      in  identifies the parameter. Several parameters may have the same id; their order is preserved
+ *   value   in  a number
+ *   text    in  null-terminated; sent in the sender's character set and converted to the receiver's
+ *   bytes   in  length bytes, which are not converted; may be null if length is 0
+ * Result   1; 0 if the record has no message, if there is no memory, or if the message would exceed MQC_MAX_PARAMS
+ *          parameters or MQ_MAX_MESSAGE bytes
+ * text and bytes must not be in the record's own raw area, which may be moved. */
 MQ_RUNTIME int mqc_add_int32(PcfMessage* msg, uint32_t id, int32_t value);
 MQ_RUNTIME int mqc_add_int64(PcfMessage* msg, uint32_t id, int64_t value);
 MQ_RUNTIME int mqc_add_text(PcfMessage* msg, uint32_t id, const char* text);
@@ -113,130 +119,139 @@ MQ_RUNTIME int mqc_add_bytes(PcfMessage* msg, uint32_t id, const void* bytes, ui
 
 /* ---- Messages: reading ----
  *
- * After a successful read (or while building) the content is walked in place. The views point into the raw area: they
- * hold until the next call that writes to the record. After a failed read the record has no parameters. */
+ * After a successful read, and while a message is built, its parameters are read in place. Pointers to text and bytes
+ * point into the raw area: they are valid until the next call that writes to the record. After a failed read the record
+ * has no parameters. */
 
 typedef enum MqcType { MQC_INT32 = 1, MQC_INT64 = 2, MQC_TEXT = 3, MQC_BYTES = 4 } MqcType;
 
+/* MqcParam - a parameter of a message. */
 typedef struct MqcParam {
   uint32_t id;
   uint32_t type;        /* an MqcType */
-  uint32_t length;      /* bytes of the value: 4, 8, length of the text without its terminator, number of bytes */
+  uint32_t length;      /* bytes of the value: 4, 8, length of the text without terminator, number of bytes */
   int64_t number;       /* MQC_INT32 and MQC_INT64, else 0 */
   const char* text;     /* MQC_TEXT, terminated, else null */
   const uint8_t* bytes; /* MQC_BYTES, else null; not aligned beyond 4 bytes */
 } MqcParam;
 
-/* mqc_command - command of the message; 0 for a record without a message. */
+/* mqc_command - get the command of the message; 0 if the record has no message. */
 MQ_RUNTIME uint32_t mqc_command(const PcfMessage* msg);
 
-/* mqc_count - number of parameters; 0 for a record without a message. */
+/* mqc_count - get the number of parameters; 0 if the record has no message. */
 MQ_RUNTIME uint32_t mqc_count(const PcfMessage* msg);
 
-/* mqc_param - the index-th parameter, counted from 0.
- * Result   1; 0 when index is not below mqc_count, out is all zero then */
+/* mqc_param - get a parameter by its index, counted from 0.
+ *   out   out  the parameter; all zero after result 0
+ * Result   1; 0 if index is not below mqc_count */
 MQ_RUNTIME int mqc_param(const PcfMessage* msg, uint32_t index, MqcParam* out);
 
-/* mqc_find - the first parameter with this id. Looks at the parameters in order.
- * Result   1; 0 when there is none, out is all zero then */
+/* mqc_find - get the first parameter with this id. The search is linear.
+ *   out   out  the parameter; all zero after result 0
+ * Result   1; 0 if there is no such parameter */
 MQ_RUNTIME int mqc_find(const PcfMessage* msg, uint32_t id, MqcParam* out);
 
-/* mqc_user - user id in the message's header, as terminated text. Empty for a record without a raw message, and for one
- * whose last secure read was refused with -1001.
- * The write functions fill it in: before the first write it is empty. */
+/* mqc_user - get the user id from the header of the message, null-terminated. It is empty if the record has no raw
+ * message, if its last signed read was refused with -1001, and before the first write, which fills it in. */
 MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 
-/* mqc_application - application name in the message's header, as mqc_user. */
+/* mqc_application - get the name of the sending program from the header of the message; empty as for mqc_user. */
 MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 
-/* mqc_sender - who sent the message that was read last: secHeader.userId as terminated text. After a secure read it is
- * the user whose key signed; after a plain read it is what the sender claimed. Empty after a secure read that was
- * refused with -1001: the record still holds the envelope, but nobody has been shown to have sent it. */
+/* mqc_sender - get the sender of the message that was read last: secHeader.userId, null-terminated. After a signed read
+ * it is the user whose key signed the message; after a plain read it is the user that the sender claimed to be. It is
+ * empty after a signed read that was refused with -1001: the envelope is still in the record, but was not
+ * authenticated. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
 /* mqc_sealed - 1 if the message that was read last was sealed and has been opened; 0 otherwise, also after a read that
  * was refused and for a message that is being built. */
 MQ_RUNTIME int mqc_sealed(const PcfMessage* msg);
 
-/* mqc_message_error - why the last conversion, parse, begin or add of this record failed; empty when it succeeded.
- * The text belongs to the record and holds until the next call on it. */
+/* mqc_message_error - get the reason why the last conversion, parse, begin or add of this record failed; empty if it
+ * succeeded. The text belongs to the record and is valid until the next call with the record. */
 MQ_RUNTIME const char* mqc_message_error(const PcfMessage* msg);
 
-/* mqc_header_error - why the last AlienToNative, AlienToNativeExt or VerifyMessage that failed on this thread did;
- * empty when none has. The text holds until the next failure on the thread. */
+/* mqc_header_error - get the reason of the last failure of AlienToNative, AlienToNativeExt or VerifyMessage on this
+ * thread; empty if there was none. The text is valid until the next such failure on the thread. */
 MQ_RUNTIME const char* mqc_header_error(void);
 
 /* ---- Security ----
  *
- * A signer is the security context of the signed writes: one user and the secret key of that user. A host that reads
- * signed messages keeps the public keys of the users it accepts in the ring, one for the whole process. A signed
- * message carries the time of its signing and a nonce. It is accepted when its user has a key in the ring that is
- * neither revoked nor past its end, the signature is right, its time is within the window around the receiver's, and it
- * has not been accepted before.
- * Signers and the content of key files lie in memory that is left out of core dumps, and out of swap as far as
- * RLIMIT_MEMLOCK allows. What the caller hands over or gets is for the caller to protect. */
+ * A signer is the security context of signed writes: a user and the secret key of that user. An application that reads
+ * signed messages stores the public keys of the accepted users in the ring, of which a process has one. A signed
+ * message contains the time at which it was signed, and a nonce. It is accepted if its user has a key in the ring that
+ * is neither revoked nor expired, the signature is valid, its time is within the window around the receiver's time, and
+ * it has not been accepted before.
+ *
+ * Signers and the contents of key files are stored in memory that is excluded from core dumps, and from swap as far as
+ * RLIMIT_MEMLOCK allows. The caller must protect its own copies of keys. */
 
-#define MQC_KEY_BYTES 32u /* a secret key (Ed25519 seed), and a public key */
-#define MQC_KEY_TEXT 65u  /* a key as hexadecimal text with its terminator */
-#define MQC_KEY_LINE 128u /* a line of a key file with its terminator */
-#define MQC_USER_MAX 12u  /* characters of a user id; printable ASCII without blanks and '#' */
-#define MQC_WINDOW_MAX 86400u
-#define MQC_NO_END INT64_MAX /* the end of a key that has none */
+#define MQC_KEY_BYTES 32u     /* a secret key (Ed25519 seed), and a public key */
+#define MQC_KEY_TEXT 65u      /* a key as hexadecimal text with its terminator */
+#define MQC_KEY_LINE 128u     /* a line of a key file with its terminator */
+#define MQC_USER_MAX 12u      /* maximum length of a user id; printable ASCII without blanks and '#' */
+#define MQC_WINDOW_MAX 86400u /* maximum of mqc_set_window, in seconds */
+#define MQC_NO_END INT64_MAX  /* the end of a key that does not expire */
 
+/* MqcSigner - a user and a secret key, from mqc_signer_new or mqc_signer_load. */
 typedef struct MqcSigner MqcSigner;
 
-/* mqc_generate_key - a fresh pair of keys.
- * Result   1; 0 when the system has no randomness to give */
+/* mqc_generate_key - generate a key pair.
+ * Result   1; 0 if the system cannot provide random numbers */
 MQ_RUNTIME int mqc_generate_key(uint8_t secret_key[MQC_KEY_BYTES], uint8_t public_key[MQC_KEY_BYTES]);
 
-/* mqc_key_text - a key as 64 lower-case hexadecimal digits. Wipe the text of a secret key after use (mqc_wipe). */
+/* mqc_key_text - convert a key to 64 lower-case hexadecimal digits. After use, wipe the text of a secret key
+ * (mqc_wipe). */
 MQ_RUNTIME void mqc_key_text(const uint8_t key[MQC_KEY_BYTES], char text[MQC_KEY_TEXT]);
 
-/* mqc_key_from_text - a key from exactly 64 hexadecimal digits of either case.
- * Result   1; 0 for any other text, key is all zero then */
+/* mqc_key_from_text - convert exactly 64 hexadecimal digits of either case to a key.
+ * Result   1; 0 for any other text: key is all zero then */
 MQ_RUNTIME int mqc_key_from_text(const char* text, uint8_t key[MQC_KEY_BYTES]);
 
-/* A key with what a line of a key file says of it. */
+/* Values of MqcKey.kind. */
 enum { MQC_KEY_UNMARKED = 0, MQC_KEY_PUBLIC = 1, MQC_KEY_SECRET = 2 };
 
+/* MqcKey - a line of a key file. */
 typedef struct MqcKey {
   char user[MQC_USER_MAX + 1];
-  uint8_t kind;    /* MQC_KEY_...; unmarked: a public key in a ring, a secret one in a secret key file */
-  uint8_t revoked; /* 1: nothing that this key has signed is accepted, whatever other lines say */
+  uint8_t kind;    /* MQC_KEY_...; an unmarked key is public in a ring file and secret in a secret key file */
+  uint8_t revoked; /* 1: messages signed by this key are refused, whatever other lines contain */
   uint8_t key[MQC_KEY_BYTES];
-  int64_t until; /* the last millisecond of the key; MQC_NO_END */
+  int64_t until; /* the last millisecond at which the key is valid, or MQC_NO_END */
 } MqcKey;
 
-/* mqc_key_read - a key from one line of a key file: a user, blanks, 64 hexadecimal digits, then any of the words
- * public or secret, until=YYYY-MM-DD (the key's last day, UTC) and revoked. What follows a '#' is skipped.
- * Result   1, with an empty user for a line without a key; 0 for a malformed line, key is all zero then
- * Wipe what held a secret key after use, the line too (mqc_wipe). */
+/* mqc_key_read - parse a line of a key file: a user, blanks, 64 hexadecimal digits, and optionally the words public or
+ * secret, until=YYYY-MM-DD (the last day of the key, UTC) and revoked. A comment begins with '#'.
+ * Result   1, with an empty user if the line contains no key; 0 if the line is malformed: key is all zero then
+ * After use, wipe the record and the line if they contain a secret key (mqc_wipe). */
 MQ_RUNTIME int mqc_key_read(const char* line, MqcKey* key);
 
-/* mqc_key_write - a key as such a line, without a newline. Of its end the day is written.
- *   key  in  the user at least must be a valid one */
+/* mqc_key_write - format a key as a line of a key file, without a newline. The end is written as a day.
+ *   key  in  its user must be valid */
 MQ_RUNTIME void mqc_key_write(const MqcKey* key, char line[MQC_KEY_LINE]);
 
-/* mqc_is_public_key - 1 when these bytes can be a public key; 0 otherwise. Of all secret keys about one in 16 can. */
+/* mqc_is_public_key - check whether a key can be a public key.
+ * Result   1 if it can, else 0. About one secret key in 16 also passes this check */
 MQ_RUNTIME int mqc_is_public_key(const uint8_t key[MQC_KEY_BYTES]);
 
-/* mqc_wipe - overwrite size bytes with zero in a way that the compiler does not remove. */
+/* mqc_wipe - set size bytes to zero in a way that the compiler does not optimise away. */
 MQ_RUNTIME void mqc_wipe(void* place, size_t size);
 
-/* mqc_signer_new - a security context from key bytes. The key is copied; the caller wipes its own.
- *   user  in  at most MQC_USER_MAX characters. It must equal the user of every node that signs with it
- * Result   the signer, for mqc_signer_free; null with an error text */
+/* mqc_signer_new - create a signer from the bytes of a key. The key is copied; wipe the caller's copy after use.
+ *   user  in  at most MQC_USER_MAX characters; must equal the user of each node that signs with this signer
+ * Result   the signer, to be released with mqc_signer_free; null after a failure, with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], char* error,
                                      size_t size);
 
-/* mqc_signer_load - a security context from a secret key file.
- *   path  in  a file of lines as mqc_key_read takes them
- *   user  in  whose key to take; null for the only key in the file
- * Refused, with the reason: a file that its group or others may access, that belongs neither to the user of this
- * process nor to root, that is not a regular file or larger than 65536 bytes, a malformed line (named as file:line), no
- * key for the user, more than one, one that is marked as public or revoked.
- * A key that has an end signs nothing after it: mqc_sign_error says so.
- * Result   the signer, for mqc_signer_free; null with an error text */
+/* mqc_signer_load - create a signer from a secret key file.
+ *   path  in  a file of lines in the format of mqc_key_read
+ *   user  in  the user whose key to load; null for the only key in the file
+ * It fails if the file is accessible by its group or others, belongs neither to the user of this process nor to root,
+ * is not a regular file or is larger than 65536 bytes; if a line is malformed (the error text names file:line); or if
+ * the file has no key of the user, more than one, or one that is marked as public or revoked. A key can be loaded after
+ * its end, but cannot sign then: mqc_sign fails, and mqc_sign_error returns the reason.
+ * Result   the signer, to be released with mqc_signer_free; null after a failure, with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
 
 /* mqc_signer_sealing - a security context that also seals what it signs: only this user's key opens it.
@@ -248,88 +263,92 @@ MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* 
  * Result   the signer, for mqc_signer_free; null with an error text: no such user, no key to seal for, no memory */
 MQ_RUNTIME MqcSigner* mqc_signer_sealing(const MqcSigner* signer, const char* user, char* error, size_t size);
 
-/* mqc_signer_user - user of a signer. The text belongs to the signer. */
+/* mqc_signer_user - get the user of a signer. The text belongs to the signer. */
 MQ_RUNTIME const char* mqc_signer_user(const MqcSigner* signer);
 
-/* mqc_signer_public_key - the public key that belongs to a signer's secret key. */
+/* mqc_signer_public_key - get the public key of a signer. */
 MQ_RUNTIME void mqc_signer_public_key(const MqcSigner* signer, uint8_t public_key[MQC_KEY_BYTES]);
 
-/* mqc_signer_until - the last millisecond of a signer's key; MQC_NO_END. */
+/* mqc_signer_until - get the last millisecond at which the key of a signer is valid, or MQC_NO_END. */
 MQ_RUNTIME int64_t mqc_signer_until(const MqcSigner* signer);
 
-/* mqc_signer_free - wipe and release a signer. signer may be null. No write may be using it. */
+/* mqc_signer_free - wipe and release a signer. signer may be null. No write may be in progress with it. */
 MQ_RUNTIME void mqc_signer_free(MqcSigner* signer);
 
-/* mqc_secret_file_write - create a secret key file with one key, marked as secret, access for its owner alone.
- * Result   1; 0 with an error text, also when something with this name exists: nothing is ever overwritten */
+/* mqc_secret_file_write - create a secret key file with one key, marked as secret. Only its owner can access the file.
+ * Result   1; 0 after a failure, with an error text. An existing file is never overwritten: the function fails */
 MQ_RUNTIME int mqc_secret_file_write(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES],
                                      char* error, size_t size);
 
-/* mqc_secret_file_write_until - as mqc_secret_file_write, for a key that ends with the day of until. */
+/* mqc_secret_file_write_until - as mqc_secret_file_write, with a key that expires at the end of the day of until. */
 MQ_RUNTIME int mqc_secret_file_write_until(const char* path, const char* user, const uint8_t secret_key[MQC_KEY_BYTES],
                                            int64_t until, char* error, size_t size);
 
-/* mqc_ring_add - accept messages signed by this user's key. A key that the user had before is replaced.
- * Result   1; 0 with an error text: a user id or a public key that cannot be one, a revoked key, no memory */
+/* mqc_ring_add - accept messages that are signed with this key of this user. It replaces an earlier key of the user.
+ * Result   1; 0 after a failure, with an error text: the user id or the public key is not valid, the key is revoked, or
+ *          there is no memory */
 MQ_RUNTIME int mqc_ring_add(const char* user, const uint8_t public_key[MQC_KEY_BYTES], char* error, size_t size);
 
-/* mqc_ring_load - add every line of a ring file, as mqc_key_read takes them. All or nothing: after a failure the ring
- * is as before. A key whose end has passed is refused when a message comes. A key that a line revokes is not accepted
- * for that user until mqc_ring_clear, whatever files are loaded before and after.
- * Result   1; 0 with an error text: a file that others than its owner may write to, that belongs neither to the user of
- *          this process nor to root, that is not a regular file or larger than 16777216 bytes; a malformed line, one
- *          with a secret key or without a valid public key, a second key of a user (named as file:line); no memory */
+/* mqc_ring_load - add all keys of a ring file, whose lines are in the format of mqc_key_read. After a failure the ring
+ * is unchanged. An expired key can be loaded; messages signed with it are refused. A key that a line revokes is refused
+ * for that user until mqc_ring_clear, whatever files are loaded before or after.
+ * Result   1; 0 after a failure, with an error text
+ * It fails if the file is writable by others than its owner, belongs neither to the user of this process nor to root,
+ * is not a regular file or is larger than 16777216 bytes; if a line is malformed, contains a secret key or a key that
+ * is not a valid public key, or has a second key of a user (the error text names file:line); or if there is no memory.
+ * */
 MQ_RUNTIME int mqc_ring_load(const char* path, char* error, size_t size);
 
-/* mqc_ring_remove - accept nothing more from this user. Result 1; 0 when the ring has no key of the user. Revoked keys
- * stay revoked. */
+/* mqc_ring_remove - remove the key of a user: further messages from the user are refused. Revoked keys stay revoked.
+ * Result   1; 0 if the ring has no key of the user */
 MQ_RUNTIME int mqc_ring_remove(const char* user);
 
-/* mqc_ring_clear - accept nothing more from anybody, and forget which keys were revoked. What was accepted before is
- * still remembered. */
+/* mqc_ring_clear - remove all keys and forget all revocations. The record of accepted messages is kept. */
 MQ_RUNTIME void mqc_ring_clear(void);
 
-/* mqc_ring_count - number of users who have a key in the ring, past its end or not. */
+/* mqc_ring_count - get the number of users with a key in the ring, including expired keys. */
 MQ_RUNTIME uint32_t mqc_ring_count(void);
 
-/* mqc_set_window - how far the time of a signed message may lie from the receiver's, before and after it.
- *   seconds  in  1 to MQC_WINDOW_MAX; 300 at first
- * Result   1; 0 for a value outside, nothing changes then
- * A wider window never revives a message that was forgotten. */
+/* mqc_set_window - set the maximum difference between the time of a signed message and the receiver's time, either way.
+ *   seconds  in  1 to MQC_WINDOW_MAX; initially 300
+ * Result   1; 0 if the value is out of range: nothing changes then
+ * A message that was accepted and forgotten is refused even after the window was widened. */
 MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
-/* mqc_set_replay_limit - how many accepted messages are remembered at once, those of all users together.
- *   messages  in  1024 to 16777216; 262144 at first. Memory is taken as it is needed, about 80 bytes a message
- * When the memory is full, a user that holds the most forgets its oldest message for each one that comes in. A user
- * forgets for others only while it holds more than half of an equal share: the limit divided by the number of users
- * that hold messages. When the sender holds the most itself and its oldest message is no older than the present, or
- * than the new message, the new one is refused. A message is also forgotten an hour after it has left the window, two
- * for each message that is accepted from its user.
- * From then on every message of that user that is no newer than the forgotten one is refused: one process accepts a
- * message at most once. One message makes at most three others be forgotten, so it moves this limit by no more than
- * them, and never beyond the time of a message that was accepted from the same user.
- * Result   1; 0 for a value outside, nothing changes then. A smaller limit makes the users forget before the call
- *          returns. */
+/* mqc_set_replay_limit - set the maximum number of accepted messages that are remembered, of all users together.
+ *   messages  in  1024 to 16777216; initially 262144. Memory is allocated as needed, about 80 bytes for each message
+ * Result   1; 0 if the value is out of range: nothing changes then. If the limit becomes smaller, messages are
+ *          forgotten before the call returns
+ *
+ * When the limit is reached, each new message makes the user with the most remembered messages forget its oldest one. A
+ * user forgets messages in favour of others only while it has more than half of an equal share, which is the limit
+ * divided by the number of users with remembered messages. If the sender itself has the most, and its oldest message is
+ * no older than the present or than the new message, the new message is refused. Messages are also forgotten an hour
+ * after they left the window, two for each accepted message of the same user.
+ *
+ * When a message has been forgotten, all messages of its user that are no newer than it are refused, so that a process
+ * accepts a message at most once. A message makes at most three others be forgotten. It therefore moves this time limit
+ * by no more than these, and never beyond the time of an accepted message of the same user. */
 MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
 
-/* mqc_refuse_before - refuse every message signed at this time or before, until the process ends.
- * What was accepted is remembered by the process, not across a restart. A host that must not accept once more what its
- * predecessor accepted calls this when it starts, with the present time plus what the clocks of its senders may be
- * ahead. A lower value than before changes nothing; mqc_reset_replay can lower it. */
+/* mqc_refuse_before - refuse all messages signed at this time or earlier, until the process ends.
+ * Accepted messages are remembered by the process, and not across a restart. An application that must not accept
+ * messages again that an earlier process accepted calls this function when it starts, with the present time plus the
+ * maximum by which the clocks of its senders may be ahead. A value below an earlier one has no effect; mqc_reset_replay
+ * can lower it. */
 MQ_RUNTIME void mqc_refuse_before(int64_t time);
 
-/* mqc_reset_replay - forget every accepted message, and every time up to which messages are refused.
- *   refuse_before  in  messages signed at this time or before are refused, as by mqc_refuse_before; 0 for none
- * For a process whose clock, and those of its senders, were ahead and have been set right: a user that filled the
- * memory meanwhile is refused until the right time reaches the wrong one, and this call ends that. Afterwards the
- * process knows as little as a new one: a message that it accepted and that was signed after refuse_before is accepted
- * once more when somebody sends it again within the window. With the present time these are only messages of clocks
- * that were ahead; with 0 also those of the last window. Forgetting and the new limit are one step, which no message
- * can come between. */
+/* mqc_reset_replay - forget all accepted messages, and all times up to which messages are refused.
+ *   refuse_before  in  messages signed at this time or earlier are refused, as by mqc_refuse_before; 0 for none
+ * Use it after the clocks of the process and its senders were ahead and have been corrected: a user that reached the
+ * limit meanwhile would be refused until the correct time reaches the wrong one. Afterwards the process accepts
+ * messages again that it had accepted before, if they were signed after refuse_before and are sent again within the
+ * window. If refuse_before is the present time, these are only messages from clocks that were ahead; if it is 0, also
+ * those of the last window. Both changes are one atomic step with respect to incoming messages. */
 MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
 
-/* mqc_set_clock - take the time for signing and authenticating from this function; null for the system's clock.
- * The function returns milliseconds since 1970-01-01 UTC and is called on the thread that signs or authenticates. */
+/* mqc_set_clock - set the function that returns the time for signing and authenticating; null for the system's clock.
+ * It returns milliseconds since 1970-01-01 UTC and is called on the thread that signs or authenticates. */
 typedef int64_t (*MqcClock)(void);
 MQ_RUNTIME void mqc_set_clock(MqcClock clock);
 
@@ -341,27 +360,33 @@ MQ_RUNTIME void mqc_set_clock(MqcClock clock);
 MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
 
 /* mqc_set_sealing - which signed messages are accepted in the whole process.
- *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for the
- *                user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
+ *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for
+ *                the user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
  * Other messages are refused with node error -1001. Reads of plain messages are not affected.
  * Result   1; 0 for another value, nothing changes then */
 typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;
 MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
-/* mqc_sign_error - why the last mqc_sign that failed on this thread did; empty when none has. After a write that
- * ended with node error -1000. */
+/* mqc_sign_error - get the reason of the last failure of mqc_sign on this thread, which a write reports as error -1000;
+ * empty if there was none. */
 MQ_RUNTIME const char* mqc_sign_error(void);
 
-/* mqc_authenticate_error - as mqc_sign_error, for mqc_authenticate and node error -1001. */
+/* mqc_authenticate_error - get the reason of the last failure of mqc_authenticate on this thread, which a read reports
+ * as error -1001; empty if there was none. */
 MQ_RUNTIME const char* mqc_authenticate_error(void);
+
+/* mqc_nonce - the nonce of the signed message that was last accepted on this thread: 16 random bytes, which name it
+ * wherever it is sent. All zero when none was accepted. */
+MQ_RUNTIME void mqc_nonce(uint8_t nonce[16]);
 
 /* ---- Log ---- */
 
-/* mqc_log_to - send the log's lines to this file, appended; null for standard error.
- *   path  in  copied; at most 1023 bytes. The file is created when the first line is written and opened for each line
- * Without this call the file that the environment variable MQCOMPANION_LOG names when the companion is loaded is used,
- * and standard error when it names none. A file that cannot be opened: the line goes to standard error.
- * Result   1; 0 when path is too long, nothing changes then. Not while another thread writes to the log. */
+/* mqc_log_to - append the log to a file; null for standard error.
+ *   path  in  copied; at most 1023 bytes. The file is created with the first line, and opened for each line
+ * Initially the log is written to the file that the environment variable MQCOMPANION_LOG named when the companion was
+ * loaded, or to standard error if it is not set. If the file cannot be opened, the line is written to standard error.
+ * Do not call this function while another thread writes to the log.
+ * Result   1; 0 if path is too long: nothing changes then */
 MQ_RUNTIME int mqc_log_to(const char* path);
 
 MQ_END_C

@@ -85,8 +85,8 @@ bool PickKey(const char* path, const char* user, KeyLine* picked, ErrorText erro
     *picked = *line;
   }
   if (file.bad()) return false;
-  if (found == 0 && user == nullptr) return Fail(error, "%s: holds no key", path);
-  if (found == 0) return Fail(error, "%s: holds no key of user %s", path, user);
+  if (found == 0 && user == nullptr) return Fail(error, "%s: contains no key", path);
+  if (found == 0) return Fail(error, "%s: contains no key of user %s", path, user);
   if (found > 1) {
     return Fail(error, user == nullptr ? "%s: holds %u keys, name the user" : "%s: holds %u keys of this user", path,
                 found);
@@ -96,7 +96,7 @@ bool PickKey(const char* path, const char* user, KeyLine* picked, ErrorText erro
 }
 
 MqcSigner* NewSigner(const char* user, const uint8_t secret_key[MQC_KEY_BYTES], int64_t until, ErrorText error) {
-  if (!HaveSodium()) return Fail(error, "the system gives no randomness"), nullptr;
+  if (!HaveSodium()) return Fail(error, "the system provides no random numbers"), nullptr;
   if (!IsUser(user)) return Fail(error, kNotUser, user), nullptr;
   auto* signer = static_cast<MqcSigner*>(AllocateSecret(sizeof(MqcSigner), tags[kTagSigner]));
   if (signer == nullptr) return Fail(error, "no memory for a signer"), nullptr;

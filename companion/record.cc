@@ -251,8 +251,8 @@ int mqc_sealed(const PcfMessage* msg) { return msg->library0 == kWasSealed; }
 
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
-// Logs a few lines, however long the message is: the error, then, unless the message was sealed, the header and the first
-// bytes of the body.
+// Logs a few lines, however long the message is: the error, then, unless the message was sealed, the header and the
+// first bytes of the body.
 int DumpPcfMessage(PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   const char* why = ContentOf(msg).error[0] != '\0' ? ContentOf(msg).error : mqc_header_error();

@@ -100,7 +100,7 @@ bool ConvertKey(const char* user, const uint8_t ed25519[MQC_KEY_BYTES], uint8_t 
 bool FindOpener(const uint8_t* seal, int64_t now, Opener* copy, ErrorText error) {
   char user[kUserField + 1] = {};
   memcpy(user, seal, kUserField);
-  if (!IsUser(user) || !IsFieldOf(user, seal)) return Fail(error, "sealed for a user that cannot be one");
+  if (!IsUser(user) || !IsFieldOf(user, seal)) return Fail(error, "the user that it is sealed for is not valid");
   const Locked locked(kLockOpener);
   if (opener == nullptr) return Fail(error, "sealed for %s, and no key to open it is set", user);
   if (strcmp(opener->user, user) != 0) return Fail(error, "sealed for %s, this reader is %s", user, opener->user);

@@ -31,16 +31,16 @@ struct Bound {
   const uint8_t* nonce;  // kSealNonce
 };
 
-// Looks up the X25519 key of the user that this signer seals for. False with the reason when that user's key in the ring
-// is missing, revoked or past its end.
+// Looks up the X25519 key of the user that this signer seals for. False with the reason when that user's key in the
+// ring is missing, revoked or past its end.
 bool FindRecipient(const MqcSigner& signer, int64_t now, uint8_t x25519[MQC_KEY_BYTES], ErrorText error);
 
 // Writes the encrypted message and its seal to out, length + kSeal bytes.
 bool Seal(const MqcSigner& signer, const uint8_t x25519[MQC_KEY_BYTES], Bound bound, const uint8_t* plain,
           uint32_t length, uint8_t* out, ErrorText error);
 
-// False with the reason when the settings of this process refuse a message, which has this seal or, if it is null, none.
-// Nothing is decrypted: a seal that passes may be broken.
+// False with the reason when the settings of this process refuse a message, which has this seal or, if it is null,
+// none. Nothing is decrypted: a seal that passes may be broken.
 bool CheckSeal(const uint8_t* seal, int64_t now, ErrorText error);
 
 // Decrypts a message of length bytes, which its seal follows, in place. After a failure nothing was decrypted.

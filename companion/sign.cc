@@ -52,6 +52,7 @@ struct Words {
 
 thread_local char sign_error[kErrorText];
 thread_local char authenticate_error[kErrorText];
+thread_local uint8_t accepted_nonce[kNonceBytes];
 
 std::atomic<MqcClock> application_clock;
 std::atomic<uint32_t> window_seconds = 300;
@@ -92,7 +93,7 @@ bool CheckForSigning(const MqcSigner& signer, const Form& form, const PcfMessage
   }
   const PcfRawData& raw = msg.raw;
   if (raw.data == nullptr || raw.length <= kHeader || raw.length > raw.capacity) {
-    return Fail(error, "%u bytes in an area of %u are no message", raw.length, raw.capacity);
+    return Fail(error, "%u bytes in an area of %u are not a message", raw.length, raw.capacity);
   }
   if (raw.length > MQ_MAX_MESSAGE - kEnvelope - form.Behind()) {
     return Fail(error, "a message of %u bytes passes the bound when it is signed", raw.length);
@@ -135,7 +136,7 @@ bool CheckArrived(const SecureHeader& envelope, const Form& form, const IoBuffer
   if (part.length != envelope.msgLength) {
     return Fail(error, "the envelope says %u bytes, there are %u", envelope.msgLength, part.length);
   }
-  if (part.length <= kHeader + form.Behind()) return Fail(error, "%u bytes have no room for a signature", part.length);
+  if (part.length <= kHeader + form.Behind()) return Fail(error, "%u bytes are too short for a signature", part.length);
   *plain = part.length - form.Behind();
   if (!CheckSeal(form.IsSealed() ? part.data + *plain : nullptr, Now(), error)) return false;
   if (!form.IsSealed() && !CheckHeader(envelope, part.data, *plain, error)) return false;
@@ -148,8 +149,8 @@ bool CheckSignature(const SecureHeader& envelope, const Words& words, const uint
   char user[kUserField + 1] = {};
   memcpy(user, envelope.userId, kUserField);
   uint8_t key[MQC_KEY_BYTES];
-  if (!IsUser(user) || !IsFieldOf(user, envelope.userId)) return Fail(error, "the envelope's user cannot be one");
-  if (!HaveSodium()) return Fail(error, "the system gives no randomness");  // GCOVR_EXCL_BR_LINE: libsodium aborts
+  if (!IsUser(user) || !IsFieldOf(user, envelope.userId)) return Fail(error, "the user in the envelope is not valid");
+  if (!HaveSodium()) return Fail(error, "the system provides no random numbers");  // GCOVR_EXCL_BR_LINE: sodium aborts
   if (!FindPublicKey(user, Now(), key, error)) return false;
   crypto_sign_state state = Digest(words, part, trailer);
   if (crypto_sign_final_verify(&state, trailer + kAtSignature, key) != 0) {
@@ -170,6 +171,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
   }
   switch (RememberMessage(envelope.userId, trailer + kAtNonce, time, {now, window})) {
     case Replay::kNew:
+      memcpy(accepted_nonce, trailer + kAtNonce, kNonceBytes);
       return true;
     case Replay::kSeen:
       return Fail(error, "a replay: this message was accepted before");
@@ -203,8 +205,8 @@ bool OpenSealed(const SecureHeader& envelope, const Words& words, uint8_t* messa
   return false;
 }
 
-// All checks of a signed message, each of which relies only on those before it. Returns the form of the message and sets
-// *plain to the length of the plain message; null if it is refused.
+// All checks of a signed message, each of which relies only on those before it. Returns the form of the message and
+// sets *plain to the length of the plain message; null if it is refused.
 const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const PcfRawData& raw, uint32_t* plain) {
   const ErrorText error = {authenticate_error, sizeof(authenticate_error)};
   if (!HoldsPart(raw, part, error)) return nullptr;
@@ -268,7 +270,7 @@ int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out) {
   const ErrorText error = {sign_error, sizeof(sign_error)};
   const auto* signer = static_cast<const MqcSigner*>(context);
   if (signer == nullptr) return Fail(error, "no security context was given");
-  if (signer->mark != kSignerMark) return Fail(error, "the security context is no signer");
+  if (signer->mark != kSignerMark) return Fail(error, "the security context is not a signer");
   const Form& form = signer->recipient[0] != '\0' ? kSealed : kPlain;
   return CheckForSigning(*signer, form, *msg, error) && Sign(*signer, form, *msg, out, error);
 }
@@ -302,3 +304,5 @@ void mqc_set_clock(MqcClock clock) { application_clock.store(clock, std::memory_
 const char* mqc_sign_error(void) { return sign_error; }
 
 const char* mqc_authenticate_error(void) { return authenticate_error; }
+
+void mqc_nonce(uint8_t nonce[16]) { memcpy(nonce, accepted_nonce, kNonceBytes); }

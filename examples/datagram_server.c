@@ -22,8 +22,8 @@ static void on_signal(int number) {
   stop = 1;
 }
 
-/* Reads one datagram and answers it if it is a question. A bad datagram, or an answer that cannot be sent, is logged and
- * does not affect the next one. */
+/* Reads one datagram and answers it if it is a question. A bad datagram, or an answer that cannot be sent, is logged
+ * and does not affect the next one. */
 static void serve(MqServer* server, MQNode* node) {
   Records* const own = server->data;
   PcfMessage *const in = own->in, *const out = own->out;

@@ -29,6 +29,7 @@
 /* Places where a code is found; MqErrorInfo.places is a sum of these. */
 enum { MQ_IN_ANY = 0, MQ_IN_NODE = 1, MQ_IN_SOCKET = 2, MQ_IN_STATUS = 4 };
 
+/* MqErrorInfo - an entry of the table of errors. */
 typedef struct MqErrorInfo {
   int32_t code;
   uint32_t places;     /* sum of MQ_IN_NODE, MQ_IN_SOCKET, MQ_IN_STATUS */

@@ -16,8 +16,8 @@
 
 MQ_BEGIN_C
 
-/* The application's own name for itself, at most 48 characters; empty at first. Set by SetApplName; the library never
- * reads it. */
+/* G_szApplName - the application's own name for itself, at most 48 characters; empty at first. Set by SetApplName; the
+ * library never reads it. */
 extern MQ_API char G_szApplName[49];
 
 /* SetApplName - copy at most 48 characters of name to G_szApplName; does nothing if name is null. */

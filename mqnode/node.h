@@ -12,13 +12,11 @@
  *   Pointers   must not be null unless documented otherwise; they are not checked.
  *   Ownership  the caller owns each node that it creates or accepts, and releases it with DeleteMQNode.
  *   Threads    a node, its messages and a wait record must be used by one thread at a time. Different threads may use
- *              different ones at the same time. The library takes no locks. State of the process needs more care:
- *                set before other threads use nodes  mnGSetTraceCallBack and the globals G_node_trace, G_socket_trace;
- *                                                    SetApplName; the environment
- *                one thread at a time                calls that look up a name (socksin/record.h): mnOpen, creation
- *                                                    and datagram writes, unless the names are numbers or "*"; creation
- *                                                    while TEVRA_HOME is set, which writes a file named after the
- *                                                    process id
+ *              different ones at the same time. The library takes no locks. Set the state of the process
+ *              (mnGSetTraceCallBack and the globals G_node_trace and G_socket_trace, SetApplName, the environment)
+ *              before other threads use nodes. Only one thread at a time may look up names (socksin/record.h), which
+ *              mnOpen, creation and datagram writes do unless the names are numbers or "*"; or create nodes while
+ *              TEVRA_HOME is set, because creation then writes a file named after the process id.
  *   Blocking   a call blocks while the node's socket blocks, unless NoblockSocket(&node->sock) was called, and while a
  *              name is looked up.
  *   SIGPIPE    writing to a closed connection raises SIGPIPE, which terminates the process by default. Ignore it. */
@@ -54,19 +52,19 @@ enum { MQ_ROLE_CONNECT = 0, MQ_ROLE_LISTEN = 1 };
 
 typedef struct MQNode MQNode;
 
-/* Called at each trace point of a node operation, with the name of the point. */
+/* MQNodeTraceFn - a trace callback: called at each trace point of a node operation, with the name of the point. */
 typedef void (*MQNodeTraceFn)(const char* point, MQNode* node);
 
-/* The operations of a node, for callers that use them through the record. */
+/* MQNodeFn, MQMessageFn, MQPostFn - types of the operations of a node, for callers that use them through the record. */
 typedef int (*MQNodeFn)(MQNode* node);
 typedef int (*MQMessageFn)(PcfMessage* msg, MQNode* node);
 typedef int (*MQPostFn)(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status);
 
-/* Callers may read any field, and may set writeLimit and pendingLimit. To write as a user other than the login, or to
- * name the program, store that text, zero-padded, in user or applName before writing. To give back the memory of a
- * receive area that a long message made grow, call DeleteBuffer, CreateBuffer with 16520 bytes and ResetBuffer on
- * recvBuffer between two messages (while recvBuffer.received is 0); reset it to the length of the next header (136, or
- * 32 for a signed message), on a datagram node to the capacity. */
+/* MQNode - a message node. Callers may read any field, and may set writeLimit and pendingLimit. To write as a user
+ * other than the login, or to name the program, store that text, zero-padded, in user or applName before writing. To
+ * give back the memory of a receive area that a long message made grow, call DeleteBuffer, CreateBuffer with 16520
+ * bytes and ResetBuffer on recvBuffer between two messages (while recvBuffer.received is 0); reset it to the length of
+ * the next header (136, or 32 for a signed message), on a datagram node to the capacity. */
 struct MQNode {
   uint32_t nodeType;         /* 2 */
   uint32_t role;             /* 0 connecting or datagram, 1 listening */
@@ -121,7 +119,7 @@ MQ_STATIC_ASSERT(offsetof(MQNode, pending) == 1896, "MQNode.pending");
 MQ_STATIC_ASSERT(offsetof(MQNode, pendingLimit) == 1904, "MQNode.pendingLimit");
 MQ_STATIC_ASSERT(offsetof(MQNode, recvBuffer) == 1912, "MQNode.recvBuffer");
 
-/* The trace callback that each new node gets; null at first. */
+/* G_node_trace - the trace callback that each new node gets; null at first. */
 extern MQ_API MQNodeTraceFn G_node_trace;
 
 /* RunTraceMethod - call node->onTrace with name, if it is set. */

@@ -37,7 +37,7 @@ MQ_API int mnReadMsg(MQNode* node);
  *              dropped, or the receive buffer could not be enlarged and the body is still in the stream: close the
  *              node; 4005 the body could not be converted or parsed, msg holds the raw message and msgsRead counts it;
  *              the code of the socket: 9004 when the peer closed the connection, or when an empty datagram arrived
- * Trace point  "mnRead": twice for a stream message that was received in one call */
+ * Trace point  "mnRead": twice for a call that completes the header of a stream message and goes on to the rest */
 MQ_API int mnRead(PcfMessage* msg, MQNode* node);
 
 /* mnBrowse - peek at the header of the next plain message without consuming it.

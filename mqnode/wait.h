@@ -15,16 +15,17 @@
  *                      connect has completed, which are open now. A node whose connect failed, or whose peer has
  *                      already sent data, is in readReady only and does not change: a read returns the error or the
  *                      data
- *                 Each array needs space for one entry more than there are nodes, keeps the order of nodes and is
- *                 terminated by a null pointer. Its contents are valid only if the call returns 1
- *   seconds, milliseconds  0 polls; negative values count as 0; seconds above 2147483 count as 2147483
- *   status        out  0; errno of select (EINTR after a signal); 9000 timed out; ENOMEM or EINVAL (socksin/wait.h);
- *                      unchanged if a plain form has no memory for its record
+ *   seconds, milliseconds  in  the timeout. 0 polls; negative values count as 0; seconds above 2147483 count as 2147483
+ *   status        out  why the call returned 0, see below. Unchanged if a plain form has no memory for its record
  *   work          in   from InitSocketPostData, with all its lists
+ * Each array needs space for one entry more than there are nodes, keeps the order of nodes and is terminated by a null
+ * pointer. Its contents are valid only if the call returns 1. The error of the nodes does not change.
+ *
  * A node may be in both readReady and writeReady. If it fails, close it with mnClose, and delete closed nodes after
  * both arrays were processed.
  * Result        1 if a node was ready; 0 after a failure or a time-out: the arrays are unchanged
- * error         not set on any node
+ * status        0; 9000 timed out; EINTR a signal arrived; ENOMEM or EINVAL as in socksin/wait.h; another errno of
+ *               select
  * Trace points  on each listed node: "mnPost::Ready"; "mnNPost::Ready", "mnNPost::Exception", "mnNPost::Write"; before
  *               that, those of PostSocket and NPostSocket on the sockets
  * Blocks        for at most the timeout */
@@ -36,12 +37,14 @@
 
 MQ_BEGIN_C
 
+/* mnPost, mnPostEx, mnPostExMSec - wait until nodes can be accepted on or read. */
 MQ_API int mnPost(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status);
 MQ_API int mnPostEx(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status,
                     SockPostData* work);
 MQ_API int mnPostExMSec(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int milliseconds, int* status,
                         SockPostData* work);
 
+/* mnNPost, mnNPostEx, mnNPostExMSec - wait until nodes can be accepted on, read, or written to. */
 MQ_API int mnNPost(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int seconds,
                    int* status);
 MQ_API int mnNPostEx(MQNode** nodes, MQNode** listenReady, MQNode** readReady, MQNode** writeReady, int seconds,

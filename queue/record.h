@@ -1,5 +1,5 @@
-/* record.h - the records of a queue, for code that only looks at one. queue.h has the operations, and the names Queue and
- * QueueEntry. */
+/* record.h - the records of a queue, for code that only looks at one. queue.h has the operations, and the names Queue
+ * and QueueEntry. */
 #ifndef MQNODE_QUEUE_RECORD_H
 #define MQNODE_QUEUE_RECORD_H
 
@@ -8,12 +8,13 @@
 
 #include "runtime/api.h"
 
+/* QueueEntry - an entry of a queue. */
 struct MQQueueEntry {
   struct MQQueueEntry* next; /* towards the tail; null for the last */
   void* item;                /* the caller's */
 };
 
-/* head and tail are both null exactly when count is 0. */
+/* Queue - a first-in first-out queue of pointers. head and tail are both null exactly when count is 0. */
 struct MQQueue {
   struct MQQueueEntry* head;   /* what Qget takes next */
   struct MQQueueEntry* tail;   /* what Qput links after */

@@ -11,7 +11,7 @@
 
 MQ_BEGIN_C
 
-/* A byte buffer with the counters of one transfer. The data area is managed by the buffer functions below.
+/* IoBuffer - a byte buffer with the counters of one transfer. The data area is managed by the buffer functions below.
  * While receiving, received <= length <= capacity; while sending, sent <= length.
  * A write descriptor is an IoBuffer allocated with the tag "MQNODE"; it is released with DeleteBuffer and then
  * FreeMemory. */

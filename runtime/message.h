@@ -9,7 +9,9 @@
  * the length of the header in either byte order.
  *
  * An application keeps a message in a PcfMessage, a record of the companion. libmqnode reads and writes only the fields
- * named here; raw.data is aligned to 4 bytes. The functions below return nonzero on success and 0 on failure. */
+ * named here; raw.data is aligned to 4 bytes.
+ *
+ * Results  nonzero on success, 0 on failure */
 #ifndef MQNODE_RUNTIME_MESSAGE_H
 #define MQNODE_RUNTIME_MESSAGE_H
 
@@ -25,8 +27,8 @@ MQ_BEGIN_C
  * error 2026 before they receive its body; writers refuse to send one. */
 #define MQ_MAX_MESSAGE 67108864u
 
-/* Header of a plain message. Text is padded with null bytes, and not terminated if it fills its field. The companion
- * defines the fields named library. */
+/* MsgHeader - the header of a plain message. Text is padded with null bytes, and not terminated if it fills its field.
+ * The companion defines the fields named library. */
 typedef struct MsgHeader {
   uint32_t hdrLength; /* 136 */
   uint32_t library4;
@@ -47,7 +49,7 @@ MQ_STATIC_ASSERT(offsetof(MsgHeader, bodyLength) == 64, "MsgHeader.bodyLength");
 MQ_STATIC_ASSERT(offsetof(MsgHeader, userId) == 72, "MsgHeader.userId");
 MQ_STATIC_ASSERT(offsetof(MsgHeader, applName) == 84, "MsgHeader.applName");
 
-/* Envelope of a signed message. */
+/* SecureHeader - the envelope of a signed message. */
 typedef struct SecureHeader {
   uint32_t hdrLength; /* 32 */
   uint32_t version;   /* 1; 2 if the message is sealed */
@@ -61,7 +63,7 @@ MQ_STATIC_ASSERT(sizeof(SecureHeader) == 32, "SecureHeader is 32 bytes");
 MQ_STATIC_ASSERT(offsetof(SecureHeader, msgLength) == 16, "SecureHeader.msgLength");
 MQ_STATIC_ASSERT(offsetof(SecureHeader, userId) == 20, "SecureHeader.userId");
 
-/* The raw (wire) form of a message inside a PcfMessage. */
+/* PcfRawData - the raw (wire) form of a message inside a PcfMessage. */
 typedef struct PcfRawData {
   void* library0;    /* the companion's */
   uint8_t* data;     /* MsgHeader, then body */
@@ -76,7 +78,7 @@ MQ_STATIC_ASSERT(offsetof(PcfRawData, aux) == 16, "PcfRawData.aux");
 MQ_STATIC_ASSERT(offsetof(PcfRawData, capacity) == 24, "PcfRawData.capacity");
 MQ_STATIC_ASSERT(offsetof(PcfRawData, length) == 28, "PcfRawData.length");
 
-/* A message in memory. The application owns the record and passes it to each read and write. */
+/* PcfMessage - a message in memory. The application owns the record and passes it to each read and write. */
 typedef struct PcfMessage {
   uint32_t library0;
   SecureHeader secHeader;     /* secHeader.userId is the sender of the message that was read last */
@@ -108,7 +110,8 @@ MQ_RUNTIME int SizePcfMessage(PcfMessage* msg, uint32_t size);
 /* DumpPcfMessage - log a message that could not be converted or parsed. */
 MQ_RUNTIME int DumpPcfMessage(PcfMessage* msg);
 
-/* VerifyMessage - check a raw message before it is signed. The result is ignored. */
+/* VerifyMessage - check a raw message before it is signed.
+ * Result  ignored by the library */
 MQ_RUNTIME int VerifyMessage(PcfRawData* raw);
 
 /* mqc_sign - create the bytes of a signed message.
@@ -120,10 +123,11 @@ MQ_RUNTIME int VerifyMessage(PcfRawData* raw);
  * After a failure, DeleteBuffer must accept out. */
 MQ_RUNTIME int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out);
 
-/* mqc_authenticate - nonzero if signedPart has a valid signature for the envelope.
+/* mqc_authenticate - check that signedPart has a valid signature for the envelope.
  *   envelope    in      in native form
  *   signedPart  in      the bytes after the envelope: data and length
- *   msg         in/out  the record with the envelope and these bytes, not converted yet */
+ *   msg         in/out  the record with the envelope and these bytes, not converted yet
+ * Result  nonzero if the signature is valid, else 0 */
 MQ_RUNTIME int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* msg);
 
 MQ_END_C

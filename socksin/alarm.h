@@ -10,9 +10,10 @@
 
 MQ_BEGIN_C
 
+/* AlarmFn - a signal handler. */
 typedef void (*AlarmFn)(int signalNumber);
 
-/* The SIGALRM handler that enable_alarm replaced; null, the default action, at first. */
+/* pSavedAlarm - the SIGALRM handler that enable_alarm replaced; null, the default action, at first. */
 extern MQ_API AlarmFn pSavedAlarm;
 
 /* enable_alarm - install AlarmHandler for SIGALRM, save the handler that it replaces, and set the alarm.

@@ -29,6 +29,7 @@ enum {
   SOCK_OPT_ERROR = 10  /* read-only */
 };
 
+/* SockOption - a socket option and its value. */
 typedef struct SockOption {
   int32_t id;
   int32_t value1; /* the value of ids 7 and 8; seconds of id 4; the result of GetSocketOptions */
@@ -58,7 +59,8 @@ MQ_API int SetTcpNoDelay(SockRec* rec, int on);
  * error  0, or errno, reported */
 MQ_API int SetTcpBuffer(SockRec* rec, int size);
 
-/* ReuseSocket - switch address reuse on if on is exactly 1, else off. Result and error as SetSocketOptions. */
+/* ReuseSocket - switch address reuse on if on is exactly 1, else off. 
+ * error  0, or errno, reported */
 MQ_API int ReuseSocket(SockRec* rec, int on);
 
 MQ_END_C

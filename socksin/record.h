@@ -43,18 +43,19 @@ enum { SOCK_TYPE_STREAM = 1, SOCK_TYPE_DATAGRAM = 2 };
 
 typedef struct SockRec SockRec;
 
-/* Called once for each reported failure, after error was set. Its result is stored in errorResult and has no other
- * effect. The operation continues to use the record and, in the node layer, its node: a callback may read both and set
- * callbacks, but must not close or delete them or start another operation on them. During mnOpen on a listening node
- * the same applies to its child. */
+/* SockErrorFn - an error callback: called once for each reported failure, after error was set. Its result is stored in
+ * errorResult and has no other effect. The operation continues to use the record and, in the node layer, its node: a
+ * callback may read both and set callbacks, but must not close or delete them or start another operation on them.
+ * During mnOpen on a listening node the same applies to its child. */
 typedef int (*SockErrorFn)(SockRec* rec);
 
-/* Called at each trace point with the name of the point. The rules of SockErrorFn apply, with one exception: during a
- * wait a callback may close or replace sockets that have not been reported yet (wait.h). */
+/* SockTraceFn - a trace callback: called at each trace point with the name of the point. The rules of SockErrorFn
+ * apply, with one exception: during a wait a callback may close or replace sockets that have not been reported yet
+ * (wait.h). */
 typedef void (*SockTraceFn)(const char* point, SockRec* rec);
 
-/* A socket name as text. The caller sets host, ip, service and protocol. The layer sets port, and the other fields
- * where documented. Texts are null-terminated. */
+/* SockAddrRec - a socket name as text. The caller sets host, ip, service and protocol. The layer sets port, and the
+ * other fields where documented. Texts are null-terminated. */
 typedef struct SockAddrRec {
   char host[256];    /* host name; "*" is the any-address, "@" the local host */
   char ip[40];       /* dotted quad; takes precedence over host if valid */
@@ -69,6 +70,7 @@ MQ_STATIC_ASSERT(offsetof(SockAddrRec, service) == 296, "SockAddrRec.service");
 MQ_STATIC_ASSERT(offsetof(SockAddrRec, protocol) == 329, "SockAddrRec.protocol");
 MQ_STATIC_ASSERT(offsetof(SockAddrRec, port) == 376, "SockAddrRec.port");
 
+/* SockRec - an IPv4 socket. The caller owns the record. */
 struct SockRec {
   int32_t fd;             /* file descriptor; -1 for none */
   uint32_t domain;        /* address family: 2 (AF_INET) */
@@ -103,7 +105,7 @@ MQ_STATIC_ASSERT(offsetof(SockRec, from) == 440, "SockRec.from");
 MQ_STATIC_ASSERT(offsetof(SockRec, buffer) == 824, "SockRec.buffer");
 MQ_STATIC_ASSERT(offsetof(SockRec, owner) == 832, "SockRec.owner");
 
-/* The trace callback that each created record gets; null at first. */
+/* G_socket_trace - the trace callback that each created record gets; null at first. */
 extern MQ_API SockTraceFn G_socket_trace;
 
 /* InitSocket - set the record to zero, including its callbacks, and fd to -1. Returns 1. */

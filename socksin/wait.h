@@ -4,10 +4,11 @@
  * at a time. Fill sockets (and, for NPostSocket, writable) with at most size - 1 pointers and a null pointer, wait, and
  * read the output lists. Each socket of the writable input list must also be in sockets; then no output list overflows.
  *
- * Results  1 if a socket was ready: the output lists are filled, in the order of the input lists, and terminated.
+ * Results  1 if a socket was ready: the output lists are filled, in the order of the input lists, and terminated;
  *          0 if the wait failed or timed out: the output lists are unchanged and may not be terminated
- * status   0; errno of select (EINTR after a signal); 9000 timed out; ENOMEM, see below; EINVAL if size is below 1:
- *          the lists have no space for a terminator, and are neither read nor written
+ * status   0; 9000 timed out; EINTR a signal arrived; ENOMEM no memory for the file descriptor sets, see Memory; EINVAL
+ *          size is below 1: the lists have no space for a terminator, and are neither read nor written; another errno
+ *          of select
  * Blocks   in select, for at most the timeout
  * Memory   a wait allocates nothing while all file descriptors are below 1024. With a higher one it allocates file
  *          descriptor sets as large as necessary and releases them before it returns; without memory for them the
@@ -32,6 +33,7 @@ MQ_BEGIN_C
 /* Size of the records that mnPost and mnNPost allocate: 2512 sockets and the terminator. */
 #define SOCK_POST_SIZE 2513
 
+/* SockPostData - the work record of a wait. */
 typedef struct SockPostData {
   int32_t size;          /* entries of each list, terminator included; at least 1 for a wait */
   SockRec** sockets;     /* in: the sockets to wait on */
@@ -53,7 +55,8 @@ MQ_STATIC_ASSERT(offsetof(SockPostData, writeSet) == 48, "SockPostData.writeSet"
 MQ_STATIC_ASSERT(offsetof(SockPostData, exceptSet) == 56, "SockPostData.exceptSet");
 MQ_STATIC_ASSERT(sizeof(fd_set) == 128, "a descriptor set is 128 bytes");
 
-/* A wait lasts at most sec seconds and msec milliseconds; 0 and 0 poll. msec must be below 1000. */
+/* PostTimeout - the longest time of a wait: sec seconds and msec milliseconds; 0 and 0 poll. msec must be below 1000.
+ * */
 typedef struct PostTimeout {
   uint32_t msec;
   uint32_t sec;

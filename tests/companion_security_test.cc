@@ -216,10 +216,10 @@ TEST_F(SecurityTest, SigningIsRefusedWithAReason) {
   uint64_t no_signer[40] = {};
   const std::tuple<const char*, void*, Spoil> rows[] = {
       {"no security context", nullptr, {}},
-      {"no signer", no_signer, {}},
+      {"not a signer", no_signer, {}},
       {"the node's user is alice, the key is that of bob", bob_signer_.get(), {}},
-      {"136 bytes in an area of 232 are no message", nullptr, [](auto& msg, auto&) { msg.raw.length = 136; }},
-      {"233 bytes in an area of 232 are no message", nullptr, [](auto& msg, auto&) { msg.raw.length = 233; }},
+      {"136 bytes in an area of 232 are not a message", nullptr, [](auto& msg, auto&) { msg.raw.length = 136; }},
+      {"233 bytes in an area of 232 are not a message", nullptr, [](auto& msg, auto&) { msg.raw.length = 233; }},
       {"passes the bound", nullptr, [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
       {"do not say the message's length of 232", nullptr, [](auto& msg, auto&) { msg.secHeader.msgLength--; }},
       {"do not say", nullptr, [](auto& msg, auto&) { msg.raw.data[64]++; }},
@@ -239,13 +239,13 @@ TEST_F(SecurityTest, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
   const std::pair<const char*, Spoil> rows[] = {
       {"an envelope of 33", [](auto& msg, auto&) { msg.secHeader.hdrLength = 33; }},
       {"the envelope says 329 bytes", [](auto& msg, auto&) { msg.secHeader.msgLength++; }},
-      {"232 bytes have no room", resize(136 + 96)},
+      {"232 bytes are too short", resize(136 + 96)},
       {"the header says 96", resize(136 + 96 + 1)},
       {"does not hold", [](auto& msg, auto&) { msg.raw.data = nullptr; }},
       {"does not hold", [](auto&, auto& part) { part.data = nullptr; }},
       {"does not hold", [](auto& msg, auto&) { msg.raw.length--; }},
       {"other bytes", [](auto& msg, auto&) { msg.raw.data[150] ^= 1; }},
-      {"cannot be one",
+      {"is not valid",
        [](auto& msg, auto& part) { msg.raw.data[78] = part.data[78] = msg.secHeader.userId[6] = 'x'; }},
   };
   for (const auto& [says, spoil] : rows) ExpectSays(Refusal(Sign(), spoil), says);
@@ -277,7 +277,7 @@ TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
       {MQC_SEAL_MAY, &alice_signer_, Sealed(plain), "sealed for bob, this reader is alice"},
       {MQC_SEAL_MAY, &alice_signer_, sealed(0, {"alice", 5}), "the seal is broken"},
       {MQC_SEAL_MAY, &other, Sealed(plain), "the seal is broken, or was made for another key of user bob"},
-      {MQC_SEAL_MAY, &bob_signer_, sealed(4, "x"), "cannot be one"},
+      {MQC_SEAL_MAY, &bob_signer_, sealed(4, "x"), "is not valid"},
       {MQC_SEAL_MAY, &bob_signer_, sealed(15, "\1"), "the reserved bytes of the seal are not zero"},
       {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, weak, "alice", alice_.secret, now, "", 2), "the seal is broken"},
       // Signed by another user, or announced as a message that is not sealed.
@@ -440,7 +440,7 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
       {alice + bob + " until=2028-02-29\tsecret # his", 0600, "bob", ""},
       {alice, 0640, nullptr, ": its group or others have access to this secret key (mode 0640); chmod 600"},
       {alice + bob, 0600, nullptr, ": holds 2 keys, name the user"},
-      {alice, 0600, "carol", ": holds no key of user carol"},
+      {alice, 0600, "carol", ": contains no key of user carol"},
       {alice + "\nbob 1234\n", 0600, "alice", ":3: expected"},
       {bob.substr(0, 10) + "g" + bob.substr(11), 0600, nullptr, ":1: expected"},
       {bob + " public", 0600, nullptr, ":1: a public key cannot sign"},

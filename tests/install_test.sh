@@ -18,6 +18,7 @@ diff - contents <<'CONTENTS' || fail 'the packages contain something else, see a
 Package: libmqcompanion1 Depends: libc6, libsodium
   lib/libmqcompanion.so.1.x
   lib/libmqcompanion.so.1
+Package: libmqnode-asio-dev Depends: libmqnode-dev, libasio-dev
 Package: libmqnode-dev Depends: libmqnode1, libmqcompanion1
   lib/libmqcompanion.so
   lib/libmqnode.so
@@ -30,6 +31,10 @@ Package: libmqnode-uv1 Depends: libmqnode1, libmqcompanion1, libc6, libuv1
 Package: libmqnode1 Depends: libc6
   lib/libmqnode.so.1.x
   lib/libmqnode.so.1
+Package: mqnode-bridge Depends: libmqnode1, libmqcompanion1, libmqnode-uv1, libc6, libfmt, libgcc-s1, libnats3.4, libstdc++6, libuv1
+  bin/mqbridge
+  lib/systemd/system/mqbridge@.service
+  share/man/man1/mqbridge.1.gz
 Package: mqnode-doc
 Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libpcap0.8, libsodium, libstdc++6
   bin/mqcat
@@ -49,7 +54,7 @@ same 'installed headers' \
     sed -E 's,^(cpp|loop)/,,' | sort)" \
   "$(cd "$prefix/include/mqnode-1" && find . -type f | sed 's,^\./,,' | sort)"
 same 'directories of this machine' '' "$(grep -rIlE "$build|$tree|$work" "$prefix")"
-quietly "$tree/tests/checks/elf.sh" hardened "$lib"/libmq*.so.? "$prefix/bin/mqcat"
+quietly "$tree/tests/checks/elf.sh" hardened "$lib"/libmq*.so.? "$prefix"/bin/mq{cat,bridge}
 has <("$prefix/bin/mqcat" --version) "$(pkg-config --modversion mqnode)"
 
 # The C++ interface without exceptions, and an application that calls nothing in the companion.
@@ -68,15 +73,23 @@ int main(void) {
   return uv_run(uv_default_loop(), UV_RUN_DEFAULT);
 }
 SOURCE
+cat >asio.cc <<'SOURCE'
+#include <mqnode/asio.hpp>
+int main() { return mqnode::AsyncNode().status() ? 1 : 0; }
+SOURCE
 cat >CMakeLists.txt <<'PROJECT'
 cmake_minimum_required(VERSION 3.13)
 project(outside C CXX)
-find_package(mqnode 1.0 REQUIRED COMPONENTS uv)
+find_package(mqnode 1.0 REQUIRED COMPONENTS uv asio)
 set(CMAKE_CXX_STANDARD 17)
 add_executable(cpp cpp.cc)
 target_link_libraries(cpp mqnode::companion mqnode::mqnode)
 add_executable(bare bare.c)
 target_link_libraries(bare mqnode::host)
+if(TARGET mqnode::asio)
+  add_executable(asio asio.cc)
+  target_link_libraries(asio mqnode::asio)
+endif()
 if(TARGET mqnode::uv)
   add_executable(uv uv.c)
   target_link_libraries(uv mqnode::uv)
@@ -89,6 +102,8 @@ quietly cc -Wl,--as-needed bare.c -o pkg-config/bare "${flags[@]}"
 read -ra flags < <(pkg-config --cflags --libs mqnode-uv)
 quietly cc -std=gnu11 -Wl,--as-needed uv.c -o pkg-config/uv "${flags[@]}"
 quietly ./pkg-config/uv
+read -ra flags < <(pkg-config --cflags --libs mqnode-asio)
+quietly c++ -std=c++20 asio.cc -o pkg-config/asio "${flags[@]}"
 quietly cmake -B find_package -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed
 quietly cmake --build find_package
 quietly ./find_package/uv

@@ -130,7 +130,7 @@ END
 stop json "messages, "
 check 1 'grep ECONNRESET json.err' ''
 
-# Bytes that are no message, a signed one where no ring is, and no answers.
+# Bytes that are not a message, a signed one where no ring is, and no answers.
 start plain --count 5 --trace
 mqcat keys new alice alice.key >ring 2>err.txt
 for filling in '' "$(x 200)"; do printf 'GET / HTTP/1.0\r\n\r\n%s' "$filling" >"/dev/tcp/127.0.0.1/$port"; done

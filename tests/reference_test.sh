@@ -15,12 +15,12 @@ for name in $exported; do
   section "$name" SYNOPSIS "[ *]${name}[(;[]"
   section "$name" DESCRIPTION '[a-z]'
 done
-section mnFinishWrite DESCRIPTION '105 if an entry without a descriptor was dropped'
+section mnFinishWrite ERRORS 'MQ_NO_DESCRIPTOR'
 section mq_error_remedy DESCRIPTION 'of a code\\\(aqs first entry'
 
 same 'SEE ALSO of pages that do not exist' '' \
   "$(comm -23 <(sed -n 's/^\.BR \([^ ]*\) (3).*/\1.3/p' ./*.3 | sort -u) <(printf '%s\n' *.3 | sort))"
-same groff '' "$(groff -man -ww -z -Tutf8 ./*.3 2>&1)"
+same groff '' "$(cd .. && groff -man -ww -z -Tutf8 man3/*.3 man7/*.7 2>&1)"
 
 quietly "$tree/docs/reference/make.sh" html "$work" 0
 same doxygen '' "$(<"$work/log")"

@@ -83,7 +83,7 @@ enum {
 #define MQ_SERVER_PLACE_NEEDED "its place is needed"
 #define MQ_SERVER_NO_PLACE "its address has all its places"
 
-/* What a client may cost. All values are positive unless their line says otherwise. */
+/* MqServerLimits - what a client may cost. All values are positive unless their line says otherwise. */
 typedef struct MqServerLimits {
   int clients;            /* connected at once: 1000 */
   int clientsPerAddress;  /* connected at once from one address: 1000. Newcomers beyond that are refused */
@@ -104,7 +104,7 @@ typedef struct MqServerLimits {
 
 typedef struct MqServer MqServer;
 
-/* A connected client. It is valid until its dropped event has returned. */
+/* MqServerClient - a connected client. It is valid until its dropped event has returned. */
 typedef struct MqServerClient {
   MQNode* node;         /* the server's: write to it, do not read from it or delete it */
   const MQNode* origin; /* the listening node that accepted it */
@@ -124,9 +124,9 @@ typedef struct MqServerClient {
   int64_t turn;         /* the clients of one address make room in this order; in the future: not yet */
 } MqServerClient;
 
-/* What a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null; message only without
- * listening nodes. An event may write to any client and drop any client; it must not call these three functions. A text
- * that it returns or gives to mq_server_drop must live until the dropped event. */
+/* MqServerEvents - what a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null;
+ * message only without listening nodes. An event may write to any client and drop any client; it must not call these
+ * three functions. A text that it returns or gives to mq_server_drop must live until the dropped event. */
 typedef struct MqServerEvents {
   /* A whole message was read. Null, or why the client is dropped. The record belongs to the server. */
   const char* (*message)(MqServer* server, MqServerClient* client, PcfMessage* msg);
@@ -144,6 +144,7 @@ typedef struct MqServerEvents {
   const char* (*failed)(MqServer* server, MqServerClient* client, const char* why);
 } MqServerEvents;
 
+/* MqServer - a server. */
 struct MqServer {
   MqServerLimits limits;                           /* as given; may be changed, but for clients */
   MqServerEvents events;                           /* as given */

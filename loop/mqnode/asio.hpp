@@ -17,9 +17,9 @@
 //                  ECANCELED and loses nothing: a message that has arrived in part is read on by the next read, a
 //                  message whose write was cancelled stays queued and leaves with the next write, read or finish
 //   Time           nothing here has a time limit of its own: put within() around an operation
-//   Order          one coroutine reads a node at a time. Several may write to a stream, one to a datagram node; messages
-//                  leave in the order of the writes. A node may be closed or destroyed while operations wait for it:
-//                  they end with ECANCELED
+//   Order          one coroutine reads a node at a time. Several may write to a stream, one to a datagram node;
+//                  messages leave in the order of the writes. A node may be closed or destroyed while operations wait
+//                  for it: they end with ECANCELED
 //   Fairness       a node reads at most messagesPerTurn messages, and a listener accepts at most acceptsPerTurn
 //                  connections, before the other nodes of the loop have their turn
 //   Threads        an executor runs in one thread, or is a strand; a node is used from there only

@@ -29,8 +29,8 @@ none() {
 mapfile -t sources < <(git ls-files '*.h' '*.hh' '*.hpp' '*.cc' '*.c')
 mapfile -t scripts < <(git ls-files '*.sh' run .ci/run)
 mapfile -t libraries < <(git ls-files '*.cc' | grep -E '^(mqnode|queue|sockutil|socksin|companion)/')
-# What the build compiles; an option may have left parts out.
-mapfile -t programs < <(git ls-files '*.cc' | grep -E "^(${LINT_PROGRAMS:-tools|demo|examples|tests})/" |
+# What the build compiles; an option may have left parts out. clang 14 finds no coroutines in Asio 1.22.
+mapfile -t programs < <(git ls-files '*.cc' | grep -E "^(${LINT_PROGRAMS:-tools|demo|examples|tests})/" | grep -v asio_ |
   grep -xFf <(sed -n "s,^  \"file\": \"$PWD/\(.*\)\".*,\1,p" "$build/compile_commands.json"))
 
 # each COMMAND ... - the files of standard input, a process for each.

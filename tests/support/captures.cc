@@ -130,7 +130,7 @@ std::vector<Broken> BrokenMessages(uint64_t now) {
       {With(plain, 4, 2), "encoding-version", "the body's encoding is version 2, not 1"},
       {With(plain, 68, 4), "origin-word", "the origin word is 4"},
       {With(plain, 68, 1), "origin-word", "the origin word is 1; senders write 0"},
-      {WithBody({7}), "body-head", "a body of 4 bytes has no room for its head"},
+      {WithBody({7}), "body-head", "a body of 4 bytes is too short for its head"},
       {WithBody({7, 3741}), "parameter-count", "3741 parameters, at most 3740"},
       {WithBody({7, 2, 1, 1, 4, 9}), "parameter-head", "parameter 1 of 2: the body ends in its head"},
       {WithBody({7, 1, 1, 3, 0xffffffff, 0}), "parameter-length",
@@ -148,11 +148,11 @@ std::vector<Broken> BrokenMessages(uint64_t now) {
       {Plain(kNative, Body(kNative, "text"), Bytes("u\0x", 3)), "zero-fill", ""},
       {With(good, 4, 2), "envelope-version", "an envelope of version 2"},
       {With(good, 16, 0), "message-length", "nothing follows the header"},
-      {With(good.substr(0, 32 + 232), 16, 232), "message-length", "232 bytes have no room for a signature"},
+      {With(good.substr(0, 32 + 232), 16, 232), "message-length", "232 bytes are too short for a signature"},
       {With(good, 32, 1), "header-in-envelope", "behind the envelope: the first word is 1, not the length 136"},
       {With(good, 32 + 64, 5), "message-length", "the header says 5 bytes of body"},
       {With(good, 20, 0x61616161), "user-mismatch", "header and envelope name different users"},
-      {With(With(good, 20, 0x20202020), 104, 0x20202020), "none", "the envelope's user cannot be one"},
+      {With(With(good, 20, 0x20202020), 104, 0x20202020), "none", "the user in the envelope is not valid"},
       {With(good, good.size() - 96, 0), "trailer-mark", "no signature follows the message"},
   };
 }

@@ -1,4 +1,6 @@
 // complete.cc - mqcat completion: a script for bash, zsh or fish, made from the options of the commands.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <memory>
 
@@ -94,7 +96,7 @@ void Describe(const CLI::App& app, const std::string& path, const CLI::App& root
   }
   commands.push_back(command);
   for (const std::string& name : command.inner) {
-    Describe(*app.get_subcommand(name), path.empty() ? name : path + " " + name, root, commands);
+    Describe(*app.get_subcommand(name), path.empty() ? name : fmt::format("{} {}", path, name), root, commands);
   }
 }
 
@@ -161,7 +163,7 @@ complete -F _mqcat mqcat
 
 std::string BashNames(const std::string& path, const Words& names) {
   Words patterns;
-  for (const std::string& name : names) patterns.push_back("'" + path + " " + name + "'");
+  for (const std::string& name : names) patterns.push_back(fmt::format("'{} {}'", path, name));
   return Join(patterns, " | ");
 }
 

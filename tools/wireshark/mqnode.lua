@@ -395,7 +395,7 @@ local function ShowBody(m, at, form, header)
   if not mqnode.prefs.companion or m.encoding ~= 1 then return AddBytes(m, tree, f.undecoded, at, m.body_length) end
   form = FormOfBody(m, tree, form, Word(m.tvb, header + 68, form.little))
   if m.body_length < 8 then
-    Break(m, tree, x.body, BAD_BODY, "a body of %d bytes has no room for its head", m.body_length)
+    Break(m, tree, x.body, BAD_BODY, "a body of %d bytes is too short for its head", m.body_length)
   end
   if m.error then return AddBytes(m, tree, f.undecoded, at, m.body_length) end
   if not Captured(m, tree, at, 8) then return end
@@ -463,7 +463,7 @@ local function CheckSigned(m, envelope, header, at, length)
   elseif Held(m.tvb, trailer, #MARK) and Bytes(m.tvb, trailer, #MARK) ~= MARK then
     Break(m, m.item, x.sign, NOT_AUTHENTIC, "no signature follows the message")
   elseif not m.env_user:find("^[!\"$-~]+\0*$") then
-    Break(m, envelope, x.sign, NOT_AUTHENTIC, "the envelope's user cannot be one")
+    Break(m, envelope, x.sign, NOT_AUTHENTIC, "the user in the envelope is not valid")
   end
 end
 
@@ -484,7 +484,7 @@ local function ShowSigned(m, shape)
   if m.error then return AddBytes(m, m.item, f.undecoded, at, math.min(shape.total, shape.present) - ENVELOPE) end
   if not mqnode.prefs.companion then return ShowForeignSigned(m, at, length) end
   if length <= HEADER + TRAILER then
-    Break(m, envelope, x.sign, NOT_AUTHENTIC, "%d bytes have no room for a signature", length)
+    Break(m, envelope, x.sign, NOT_AUTHENTIC, "%d bytes are too short for a signature", length)
     return AddBytes(m, m.item, f.undecoded, at, length)
   end
   if not Captured(m, m.item, at, HEADER) then return AddBytes(m, m.item, f.undecoded, at, length) end
