@@ -41,7 +41,7 @@ def requests(server):
         if i % 50 == 0:
             assert node.receive() == (ERROR, {1: "a question has a text, parameter 1", 2: "mq.a%2Eb%20%3E%2A.1"})
     nats = Nats(server.port)
-    nats.write("SUB mq.*.7 2")
+    nats.subscribe("mq.*.7")
     node.send(7, "in time")
     node.send(7, "never")
     subject, reply, headers, body = nats.next()
@@ -159,7 +159,7 @@ def delivered(server):
     assert "death" in reasons[1][0] and "Mq-Reason: the peer ended" in reasons[1][1], reasons
     second.end()
     third = Bridge("out", "q.*", f"127.0.0.1:{peer.port}", "--server", server.url, "--queue", "nodes", event="peer connected")
-    nats.write("SUB answers 2")
+    nats.subscribe("answers")
 
     def answered():  # the first may come before the bridge has subscribed
         nats.publish("q.1", '{"command":9}', "answers")

@@ -123,6 +123,12 @@ class Nats:
     def publish(self, subject, body, reply=""):
         self.write(f"PUB {subject} {reply} {len(body.encode())}", body)
 
+    def subscribe(self, subject):
+        """Returns when the server knows of it."""
+        self.write(f"SUB {subject} 2", "PING")
+        while self.file.readline() != b"PONG\r\n":
+            continue
+
     def next(self):
         """Subject, reply, headers and body of the next message."""
         while True:
