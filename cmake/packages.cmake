@@ -1,5 +1,5 @@
 # Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-doc, libmqnode-uv1,
-# libmqnode-uv-dev, libmqnode-asio-dev, and mqnode-tools if mqcat is built. In a build folder, run:
+# libmqnode-uv-dev, libmqnode-asio-dev, mqnode-tools if mqcat is built, mqnode-bridge if mqbridge is. In a build folder, run:
 #   cpack -G DEB
 # tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
 # MQNODE_MAINTAINER to publish packages.
@@ -155,5 +155,15 @@ It also contains a dissector for Wireshark and tshark.]])
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "tshark | wireshark")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "libmqnode1 (>= ${PROJECT_VERSION}), libmqcompanion1 (>= ${PROJECT_VERSION})")
+
+if(TARGET mqbridge)
+  list(APPEND CPACK_COMPONENTS_ALL bridge)
+  mqnode_package(bridge mqnode-bridge net "mqnode messages from and to a NATS cluster" [[
+mqbridge listens as a node and publishes each message of its clients to a NATS
+cluster, whose workers or streams answer. In the other direction it takes
+messages of a subject and hands them to a node.]])
+  string(JOIN ", " CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libmqnode1 (>= ${PROJECT_VERSION})"
+    "libmqcompanion1 (>= ${PROJECT_VERSION})" "libmqnode-uv1 (>= ${PROJECT_VERSION})")
+endif()
 
 include(CPack)

@@ -375,6 +375,10 @@ MQ_RUNTIME const char* mqc_sign_error(void);
  * as error -1001; empty if there was none. */
 MQ_RUNTIME const char* mqc_authenticate_error(void);
 
+/* mqc_nonce - the nonce of the signed message that was last accepted on this thread: 16 random bytes, which name it
+ * wherever it is sent. All zero when none was accepted. */
+MQ_RUNTIME void mqc_nonce(uint8_t nonce[16]);
+
 /* ---- Log ---- */
 
 /* mqc_log_to - append the log to a file; null for standard error.

@@ -52,6 +52,7 @@ struct Words {
 
 thread_local char sign_error[kErrorText];
 thread_local char authenticate_error[kErrorText];
+thread_local uint8_t accepted_nonce[kNonceBytes];
 
 std::atomic<MqcClock> application_clock;
 std::atomic<uint32_t> window_seconds = 300;
@@ -170,6 +171,7 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
   }
   switch (RememberMessage(envelope.userId, trailer + kAtNonce, time, {now, window})) {
     case Replay::kNew:
+      memcpy(accepted_nonce, trailer + kAtNonce, kNonceBytes);
       return true;
     case Replay::kSeen:
       return Fail(error, "a replay: this message was accepted before");
@@ -302,3 +304,5 @@ void mqc_set_clock(MqcClock clock) { application_clock.store(clock, std::memory_
 const char* mqc_sign_error(void) { return sign_error; }
 
 const char* mqc_authenticate_error(void) { return authenticate_error; }
+
+void mqc_nonce(uint8_t nonce[16]) { memcpy(nonce, accepted_nonce, kNonceBytes); }

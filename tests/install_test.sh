@@ -31,6 +31,10 @@ Package: libmqnode-uv1 Depends: libmqnode1, libmqcompanion1, libc6, libuv1
 Package: libmqnode1 Depends: libc6
   lib/libmqnode.so.1.x
   lib/libmqnode.so.1
+Package: mqnode-bridge Depends: libmqnode1, libmqcompanion1, libmqnode-uv1, libc6, libfmt, libgcc-s1, libnats3.4, libstdc++6, libuv1
+  bin/mqbridge
+  lib/systemd/system/mqbridge@.service
+  share/man/man1/mqbridge.1.gz
 Package: mqnode-doc
 Package: mqnode-tools Depends: libmqnode1, libmqcompanion1, libc6, libfmt, libgcc-s1, libpcap0.8, libsodium, libstdc++6
   bin/mqcat
@@ -50,7 +54,7 @@ same 'installed headers' \
     sed -E 's,^(cpp|loop)/,,' | sort)" \
   "$(cd "$prefix/include/mqnode-1" && find . -type f | sed 's,^\./,,' | sort)"
 same 'directories of this machine' '' "$(grep -rIlE "$build|$tree|$work" "$prefix")"
-quietly "$tree/tests/checks/elf.sh" hardened "$lib"/libmq*.so.? "$prefix/bin/mqcat"
+quietly "$tree/tests/checks/elf.sh" hardened "$lib"/libmq*.so.? "$prefix"/bin/mq{cat,bridge}
 has <("$prefix/bin/mqcat" --version) "$(pkg-config --modversion mqnode)"
 
 # The C++ interface without exceptions, and an application that calls nothing in the companion.

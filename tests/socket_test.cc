@@ -109,18 +109,6 @@ TEST_F(SocketTest, DeleteClosesOnceAndOnlyWhatItHolds) {
   EXPECT_EQ(twice(64999, kNoDate), failed + ":??:??" + why);
 }
 
-TEST_F(SocketTest, BlockingModeChangesNoOtherFlag) {
-  Use(Peer::Listen().Release());
-  ASSERT_EQ(fcntl(rec_.fd, F_SETFL, O_RDWR | O_APPEND), 0);
-  const int plain = fcntl(rec_.fd, F_GETFL);
-  Alias(plain | O_NONBLOCK, "nonblocking");
-  Alias(plain, "plain");
-  EXPECT_EQ(Do(NoblockSocket), "1 0/0 0 | fcntl(F_GETFL) = plain; fcntl(F_SETFL, nonblocking) = 0; NoblockSocket");
-  EXPECT_EQ(Do(BlockSocket), "1 0/0 0 | fcntl(F_GETFL) = nonblocking; fcntl(F_SETFL, plain) = 0; BlockSocket");
-  Platform::Fail("fcntl", 2, EPERM);
-  EXPECT_EQ(Do(BlockSocket).substr(0, 8), "0 1/5 0 ");
-}
-
 TEST_F(SocketTest, CallbacksAndNames) {
   EXPECT_EQ(Do(ListenSocket, 1), "0 9/5 0 | listen(1) = -1 EBADF; onError 9; ListenSocket");
   OnSocketError(&rec_, nullptr);
@@ -274,7 +262,9 @@ TEST_F(SocketTest, ConnectAndBind) {
 TEST_F(SocketTest, ListenAndAccept) {
   Use(Peer::Bound(SOCK_STREAM).Release());
   EXPECT_EQ(Do(ListenSocket, 3), "1 77/0 0 | listen(3) = 0; ListenSocket") << "error is left alone";
+  ASSERT_EQ(fcntl(rec_.fd, F_SETFL, O_APPEND), 0);
   NoblockSocket(&rec_);
+  EXPECT_EQ(fcntl(rec_.fd, F_GETFL), O_RDWR | O_APPEND | O_NONBLOCK) << "no other flag is changed";
   rec_.protocol = 6;
   const Peer client = Peer::Connect(PortOf(rec_.fd));
   SockRec child, expected = {};

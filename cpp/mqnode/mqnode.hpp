@@ -59,7 +59,6 @@
 #include "mqnode/secure_read.h"
 #include "mqnode/wait.h"
 #include "runtime/message.h"
-#include "socksin/connect.h"
 #include "socksin/options.h"
 #include "socksin/record.h"
 #include "socksin/wait.h"

@@ -1,0 +1,113 @@
+// bus.hh - the connection to a NATS cluster, in a libuv loop.
+//
+// Sockets: the loop reads and writes them (poller.hh), because libnats would otherwise write from within a publish and
+// block the loop when the socket is full. A call that waits for an answer of the cluster must not be made
+// from the loop: nobody would read the answer. All requests are therefore made by calls.hh, with subjects for answers.
+// Messages: libnats hands them over on threads of its own. They pass a bounded queue, which wakes the loop; a full queue
+// holds libnats up. A synchronous subscription would need no thread, but hides which request had no responder.
+// Reconnects are made by libnats, to any member of the cluster that it has heard of.
+#pragma once
+
+#include <nats/nats.h>
+#include <uv.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "options.hh"
+#include "poller.hh"
+
+namespace mqbridge {
+
+struct NatsMsgDeleter {
+  void operator()(natsMsg* msg) const { natsMsg_Destroy(msg); }
+};
+using NatsMsg = std::unique_ptr<natsMsg, NatsMsgDeleter>;
+
+using Headers = std::vector<std::pair<const char*, std::string>>;
+
+// Throws std::bad_alloc. reply may be empty.
+NatsMsg MakeMsg(const std::string& subject, const std::string& reply, std::string_view body,
+                const Headers& headers = {});
+std::string_view BodyOf(const natsMsg* msg);
+// Empty if there is none.
+std::string HeaderOf(const natsMsg* msg, const char* name);
+
+class Bus {
+ public:
+  using OnMessage = std::function<void(NatsMsg)>;
+
+  // changed: the connection was lost or is there again; runs in the loop.
+  Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed);
+  ~Bus();
+  Bus(const Bus&) = delete;
+  Bus& operator=(const Bus&) = delete;
+
+  // The first connection. Blocks for up to two seconds for each server. Result: empty, or why it failed.
+  std::string Connect();
+
+  bool up() const { return connection_ != nullptr && natsConnection_Status(connection_) == NATS_CONN_STATUS_CONNECTED; }
+  // libnats has given up: the cluster refuses the bridge.
+  bool is_over() const { return connection_ != nullptr && natsConnection_IsClosed(connection_); }
+  std::string last_error() const;
+  uint64_t reconnects() const { return reconnects_; }
+  std::string server() const;
+  int64_t max_payload() const { return connection_ == nullptr ? 0 : natsConnection_GetMaxPayload(connection_); }
+
+  // Messages of a subject, with a queue group unless it is empty. Throws a Failure.
+  void Subscribe(const std::string& subject, const std::string& queue, OnMessage fn);
+
+  // Result: NATS_OK when the message is in the buffer that the loop writes from.
+  natsStatus Publish(natsMsg* msg) { return natsConnection_PublishMsg(connection_, msg); }
+  natsStatus Publish(const std::string& subject, std::string_view body);
+
+  // Bytes that are not with the system yet.
+  int buffered() const { return connection_ == nullptr ? 0 : natsConnection_Buffered(connection_); }
+
+  // A fresh subject for answers.
+  static std::string Inbox();
+
+  // Ends the connection and the handles in the loop. Nothing is called afterwards.
+  void Close();
+
+ private:
+  struct Listener {
+    Bus* bus;
+    OnMessage fn;
+    natsSubscription* subscription;
+  };
+  struct Arrived {
+    Listener* listener;
+    NatsMsg msg;
+  };
+
+  static void OnArrival(natsConnection*, natsSubscription*, natsMsg* msg, void* listener);
+  static void OnChange(natsConnection*, void* bus);
+  static void OnReconnect(natsConnection*, void* bus);
+  static void OnWake(uv_async_t* handle);
+  void Deliver();
+
+  BusOptions options_;
+  std::function<void()> changed_;
+  Poller poller_;
+  natsConnection* connection_ = nullptr;
+  uv_async_t wake_ = {};
+  std::vector<std::unique_ptr<Listener>> listeners_;
+  std::atomic<bool> has_changed_ = false;
+  std::atomic<uint64_t> reconnects_ = 0;
+
+  std::mutex lock_;  // of what follows
+  std::condition_variable has_space_;
+  std::deque<Arrived> arrived_;
+  bool closed_ = false;
+};
+
+}  // namespace mqbridge

@@ -1,0 +1,61 @@
+// poller.hh - the socket of a connection of libnats in a libuv loop (natsOptions_SetEventLoop).
+//
+// libnats closes its socket from several threads, while the loop may still wait for it, or have its number in a change
+// that the system has not been told of: libuv then aborts the process, or takes another socket with the same number for
+// it. The adapter that comes with libnats has this fault. This one waits for a duplicate of the descriptor, which is
+// closed by the loop and nobody else.
+#pragma once
+
+#include <nats/nats.h>
+#include <uv.h>
+
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace mqbridge {
+
+class Poller {
+ public:
+  explicit Poller(uv_loop_t* loop);
+  Poller(const Poller&) = delete;
+  Poller& operator=(const Poller&) = delete;
+
+  // Before the connection is made.
+  void Use(natsOptions* options);
+
+  // Ends the handles in the loop, after the connection was closed.
+  void Close();
+
+ private:
+  struct Watch;
+  struct Command {
+    enum Kind { kAttach, kRead, kWrite, kDetach } kind;
+    int value;  // a descriptor, or whether to wait
+    natsConnection* connection;
+  };
+
+  static natsStatus OnAttach(void** self, void* poller, natsConnection* connection, natsSock socket);
+  static natsStatus OnRead(void* self, bool add);
+  static natsStatus OnWrite(void* self, bool add);
+  static natsStatus OnDetach(void* self);
+  static void OnReady(uv_poll_t* handle, int status, int events);
+
+  natsStatus Put(Command command);
+  void RunQueued();
+  void Run(const Command& command);
+  void Attach(int fd, natsConnection* connection);
+  void Wait(int event, bool add);
+  void Drop();
+
+  uv_loop_t* loop_;
+  std::thread::id thread_ = std::this_thread::get_id();
+  uv_async_t wake_ = {};
+  Watch* watch_ = nullptr;
+
+  std::mutex lock_;  // of what follows
+  std::deque<Command> queued_;
+  bool closed_ = false;
+};
+
+}  // namespace mqbridge
