@@ -23,7 +23,7 @@ function target(link,   parts) {
     split(link, parts, /\.md#/)
     return "@ref " parts[1] "-" parts[2]
   }
-  if (link ~ /^([a-z-]+|\.\.\/SECURITY)\.md$/) {
+  if (link ~ /^(\.\.\/)*([a-z-]+|SECURITY)\.md$/) {
     sub(/^.*\//, "", link)
     sub(/\.md$/, "", link)
     return "@ref document-" tolower(link)
