@@ -1,5 +1,6 @@
 # Debian packages, one per component: libmqnode1, libmqcompanion1, libmqnode-dev, mqnode-doc, libmqnode-uv1,
-# libmqnode-uv-dev, libmqnode-asio-dev, mqnode-tools if mqcat is built, mqnode-bridge if mqbridge is. In a build folder, run:
+# libmqnode-uv-dev, libmqnode-asio-dev, mqnode-tools if mqcat is built, mqnode-bridge if mqbridge is.
+# In a build folder, run:
 #   cpack -G DEB
 # tests/install_test.sh does that and checks the result with lintian. The project has no mail address yet: set
 # MQNODE_MAINTAINER to publish packages.

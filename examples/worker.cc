@@ -1,8 +1,8 @@
-// worker.cc - answers questions that clients ask through mqbridge: one of any number of workers in a queue group, on any
-// machine. It needs neither nodes nor the library: a message is JSON.
+// worker.cc - answers questions that clients ask through mqbridge: one of any number of workers in a queue group, on
+// any machine. It needs neither nodes nor the library: a message is JSON.
 //   worker URL [NAME [COUNT]]
-// It answers command 1 with command 2 and the same text, parameter 1; parameter 2 is NAME (the process id): who answered.
-// COUNT: answers until it ends. SIGTERM and SIGINT end it; what it has begun is answered.
+// It answers command 1 with command 2 and the same text, parameter 1; parameter 2 is NAME (the process id): who
+// answered. COUNT: answers until it ends. SIGTERM and SIGINT end it; what it has begun is answered.
 #include <nats/nats.h>
 #include <unistd.h>
 

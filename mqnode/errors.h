@@ -246,7 +246,8 @@ static inline const char* mq_error_remedy(int code) {
  * which leaves 11 in node->error; otherwise node->error.
  *   node    in   null for a node that could not be allocated: ENOMEM
  *   place   out  place of the code, MQ_IN_NODE or MQ_IN_SOCKET; may be null
- * Result   the code; 11 if there is no other reason: the operation can continue later, or a write with result 0 had no memory */
+ * Result   the code; 11 if there is no other reason: the operation can continue later, or a write with result 0 had no
+ *          memory */
 static inline int mq_node_cause(const MQNode* node, unsigned* place) {
   const int own = node != NULL ? node->error : ENOMEM;
   const int below = node != NULL ? node->sock.error : ENOMEM;

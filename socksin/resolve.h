@@ -21,7 +21,8 @@ MQ_BEGIN_C
  * digit is converted, other hosts are looked up. If that fails, ip is converted if it begins with a digit (short forms
  * are accepted).
  * Result        1 if resolved, else 0
- * error         errno if it is not 0 at that time, else 9002 for the service or 9003 for the host; not cleared on success
+ * error         errno if it is not 0 at that time, else 9002 for the service or 9003 for the host; a success does not
+ *               clear it
  * Trace points  "AddrToIP:Before", "AddrToIP:After", each once
  * Blocks        while a name is looked up */
 MQ_API int AddrToIP(SockRec* rec, SockAddrRec* addrRec, struct sockaddr_in* out);

@@ -245,8 +245,7 @@ TEST_F(SecurityTest, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
       {"does not hold", [](auto&, auto& part) { part.data = nullptr; }},
       {"does not hold", [](auto& msg, auto&) { msg.raw.length--; }},
       {"other bytes", [](auto& msg, auto&) { msg.raw.data[150] ^= 1; }},
-      {"is not valid",
-       [](auto& msg, auto& part) { msg.raw.data[78] = part.data[78] = msg.secHeader.userId[6] = 'x'; }},
+      {"is not valid", [](auto& msg, auto& part) { msg.raw.data[78] = part.data[78] = msg.secHeader.userId[6] = 'x'; }},
   };
   for (const auto& [says, spoil] : rows) ExpectSays(Refusal(Sign(), spoil), says);
   EXPECT_EQ(Refusal(Sign(), [](auto& msg, auto& part) { part.data = msg.raw.data; }), "");

@@ -89,8 +89,8 @@ static inline int mq_finish_step(MQNode* node, MqFinish* state) {
  *                 even after a time-out
  *   milliseconds  upper bound for all of this
  * Result  1 if the peer's system has received all bytes and the peer has closed the connection; 0 if this is not known
- * error   0; ETIMEDOUT the time is over; ECONNRESET the peer reset the connection; 11 a queued message was dropped, with
- *         the reason in node->sock.error; another errno
+ * error   0; ETIMEDOUT the time is over; ECONNRESET the peer reset the connection; 11 a queued message was dropped,
+ *         with the reason in node->sock.error; another errno
  * Blocks  for at most the given time */
 static inline int mq_finish(MQNode* node, int milliseconds) {
   const int64_t end = mq_clock() + milliseconds;

@@ -1,5 +1,5 @@
-/* examples.c - the examples of the manual pages. Lines that begin with // name what the code below them is an example of:
- * functions, or a header, for all its functions without an example of their own. The tests compile this file. */
+/* examples.c - the examples of the manual pages. Lines that begin with // name what the code below them is an example
+ * of: functions, or a header, for all its functions without an example of their own. The tests compile this file. */
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>

@@ -10,8 +10,8 @@
 
 namespace mqbridge {
 
-// json: {"command": ..., "parameters": [...]}, as mqcat prints and takes it. raw: header and body of the message in this
-// host's byte order and ASCII, as the library delivers them.
+// json: {"command": ..., "parameters": [...]}, as mqcat prints and takes it. raw: header and body of the message in
+// this host's byte order and ASCII, as the library delivers them.
 enum class Form { kJson, kRaw };
 Form FormOf(const std::string& name);
 

@@ -3,8 +3,8 @@
 // Sockets: the loop reads and writes them (poller.hh), because libnats would otherwise write from within a publish and
 // block the loop when the socket is full. A call that waits for an answer of the cluster must not be made
 // from the loop: nobody would read the answer. All requests are therefore made by calls.hh, with subjects for answers.
-// Messages: libnats hands them over on threads of its own. They pass a bounded queue, which wakes the loop; a full queue
-// holds libnats up. A synchronous subscription would need no thread, but hides which request had no responder.
+// Messages: libnats hands them over on threads of its own. They pass a bounded queue, which wakes the loop; a full
+// queue holds libnats up. A synchronous subscription would need no thread, but hides which request had no responder.
 // Reconnects are made by libnats, to any member of the cluster that it has heard of.
 #pragma once
 

@@ -3,8 +3,8 @@
 //
 // A call that may be repeated is published again until it is answered: after two seconds, after a reconnect, and while
 // the cluster has no responder (a stream without a leader looks like that) or says that it is busy. Such a message must
-// carry a Nats-Msg-Id, or be one that does no harm the second time. Others are published once: if the connection is lost
-// behind them, it is not known whether somebody has worked on them.
+// carry a Nats-Msg-Id, or be one that does no harm the second time. Others are published once: if the connection is
+// lost behind them, it is not known whether somebody has worked on them.
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,9 @@
 // in.cc - mqbridge in: clients that send to a node get their answers from the cluster.
 //
 // Order: the answers of a client leave in the order of its messages, whatever the order in which they come.
-// Bound: a client has at most per_client messages without an answer, and the messages and answers of all clients take at
-// most the bytes of --memory and one message; beyond that clients are not read. So nothing is lost while the cluster is
-// away: what was read waits here, the rest at the clients.
+// Bound: a client has at most per_client messages without an answer, and the messages and answers of all clients take
+// at most the bytes of --memory and one message; beyond that clients are not read. So nothing is lost while the cluster
+// is away: what was read waits here, the rest at the clients.
 #include <deque>
 #include <memory>
 #include <unordered_set>
@@ -287,7 +287,8 @@ class Inlet : public Side {
     for (Client* const client : clients_) Settle(client);
   }
 
-  // All clients at once, so that no more than one message goes beyond the bound; from half of it on they are read again.
+  // All clients at once, so that no more than one message goes beyond the bound; from half of it on they are read
+  // again.
   void SettleMemory() {
     const bool is_full = held_ > (is_full_ ? options_.memory / 2 : options_.memory);
     if (is_full == is_full_) return;

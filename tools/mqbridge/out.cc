@@ -1,11 +1,11 @@
 // out.cc - mqbridge out: messages of the cluster go to a node, one connection, and what the node answers decides.
 //
 // With --durable, messages come from a stream. They are fetched (pulled) only while the peer is connected and there is
-// space for them. A message is acknowledged after the peer's answer. If the connection ends first, or no answer comes in
-// time, the message is given back and delivered again, here or by another bridge. A message that is delivered again is
-// handed over alone: if it is the one that the peer cannot stand, it takes no others along. A message that cannot be
-// converted, or was delivered too often, goes to the dead-letter subject, and leaves its stream when it is stored there.
-// With --queue, messages come from a queue group, at most once; the answer goes to who asked.
+// space for them. A message is acknowledged after the peer's answer. If the connection ends first, or no answer comes
+// in time, the message is given back and delivered again, here or by another bridge. A message that is delivered again
+// is handed over alone: if it is the one that the peer cannot stand, it takes no others along. A message that cannot be
+// converted, or was delivered too often, goes to the dead-letter subject, and leaves its stream when it is stored
+// there. With --queue, messages come from a queue group, at most once; the answer goes to who asked.
 #include <deque>
 #include <optional>
 

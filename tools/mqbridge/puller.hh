@@ -1,7 +1,7 @@
 // puller.hh - messages of a durable consumer of a stream, fetched as many as there is space for.
 //
-// libnats fetches in a call that waits, which a loop cannot; these are the same requests of JetStream. One fetch is open
-// at a time. It ends when all its messages have come, when the cluster says so, or a second after its time.
+// libnats fetches in a call that waits, which a loop cannot; these are the same requests of JetStream. One fetch is
+// open at a time. It ends when all its messages have come, when the cluster says so, or a second after its time.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,8 @@ class Puller {
  public:
   Puller(const OutOptions& options, Session& session, Bus::OnMessage fn);
 
-  // Finds the stream if it is not given, and creates the consumer if there is none; again and again until both are there.
+  // Finds the stream if it is not given, and creates the consumer if there is none; again and again until both are
+  // there.
   void Begin();
 
   // What was asked for before is not to be expected.

@@ -12,8 +12,8 @@ struct SubjectValues {
   std::string_view user, application, command, peer;
 };
 
-// A value as one token of a subject: letters, digits, '-' and '_' as they are, any other byte as '%' and two hexadecimal
-// digits, an empty value as "%". Different values never give the same token.
+// A value as one token of a subject: letters, digits, '-' and '_' as they are, any other byte as '%' and two
+// hexadecimal digits, an empty value as "%". Different values never give the same token.
 std::string SubjectToken(std::string_view value);
 
 // A value for a header: printable ASCII but '%' as it is, any other byte as '%' and two hexadecimal digits.
