@@ -10,7 +10,7 @@ namespace {
 struct Total : mqcat::Receiver {
   struct Part : mqcat::Stream {
     explicit Part(Total& total) : total_(total) {}
-    void Take(mqcat::Bytes bytes) override { total_.bytes += bytes.size(); }
+    void Take(mqcat::Bytes data) override { total_.bytes += data.size(); }
     void End() override {}
     size_t held() const override { return 0; }
     Total& total_;
