@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""cluster.py BUILD_DIR [OPTION ...] - the demonstration on "more than one machine", all on this one: three nats-servers,
-two bridges, three workers, many clients, and one of the servers is killed in the middle.
+"""cluster.py BUILD_DIR [OPTION ...] - the demonstration on "more than one machine", all on this one: three
+nats-servers, two bridges, three workers and many clients. One of the servers is killed in the middle.
 
 With --soak, something is killed every few seconds and started again: a server, a bridge or a worker. Other clients then
 store numbered messages in a stream with three replicas, which are counted at the end.
