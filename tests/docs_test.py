@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""docs_test.py BUILD_DIR - checks README and guide: each code block is part of an example that is built; the commands of
-a document are run as written, in one shell, in a directory that looks like the tree, and print what is shown below
+"""docs_test.py BUILD_DIR - checks README and guide: each code block is part of an example that is built; the commands
+of a document are run as written, in one shell, in a directory that looks like the tree, and print what is shown below
 them; links lead to a file and a heading. A line "..." stands for omitted lines."""
 import getpass
 import os

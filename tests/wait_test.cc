@@ -186,7 +186,7 @@ TEST_F(WaitTest, AnAbsentListIsNotWatched) {
   EXPECT_EQ(wait("rwx", "rxu .", true), "0 9000 | none none none");
 }
 
-// More nodes than the plain forms support, and more than the fixed array of a wait remembers.
+// More nodes than the plain forms support, and more than fit in the scratch memory of a wait.
 TEST_F(WaitTest, ManyNodes) {
   MakeAll("r");
   constexpr size_t kMany = 3000, kTaken = 2512;
