@@ -28,7 +28,7 @@ struct Situation {
   bool onwards;  // the nth and all later ones
 };
 
-std::string only;  // this and the following variables are options
+std::string only;  // options: only, every
 size_t every = 1;
 std::string now;  // the current situation
 size_t situations, fell;
@@ -136,11 +136,10 @@ void Die(int number) {
 int main(int argc, char** argv) {
   CLI::App app(
       "Runs whole scenarios of the library again and again while one of its calls, or one of the allocations, fails:\n"
-      "the 1st, the 2nd, the 3rd ..., once and from there on, in each way that it can. After each, the outcome must be "
-      "as\n"
-      "documented, nothing leaked, and a clean run of the scenario must pass. Exits with 1 if a situation failed.");
-  app.add_option("--only", only,
-                 "only situations whose names begin with this: plain, plain/send, plain/send/8/EAGAIN/once");
+      "the 1st, the 2nd, the 3rd ..., once and from there on, in each way that it can. After each, the outcome must "
+      "be\n"
+      "as documented, nothing leaked, and a clean run of the scenario must pass. Exits with 1 if a situation failed.");
+  app.add_option("--only", only, "only names that begin with this: plain, plain/send, plain/send/8/EAGAIN/once");
   app.add_option("--every", every, "only one of this many situations")->check(CLI::PositiveNumber);
   CLI11_PARSE(app, argc, argv);
   signal(SIGPIPE, SIG_IGN);

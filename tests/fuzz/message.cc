@@ -15,7 +15,7 @@ void CheckPiece(const mqcat::Piece& piece, uint64_t end) {
   for (const mqcat::Fault& fault : piece.faults) REQUIRE(fault.offset >= piece.offset && fault.offset <= end);
 }
 
-// A step changes nothing that it refuses, and nothing on a second call.
+// A step changes nothing if it refuses the message, or if it is repeated.
 bool Convert(fuzz::Record& record, int (*step)(PcfMessage*)) {
   const std::vector<uint8_t> before = record.raw();
   const bool accepted = step(record) != 0;
@@ -26,7 +26,7 @@ bool Convert(fuzz::Record& record, int (*step)(PcfMessage*)) {
 
 void CheckConverting(fuzz::Bytes bytes) {
   std::set<std::string> broken = fuzz::BrokenRules(bytes);
-  broken.erase("zero-fill");                              // ignored by readers
+  broken.erase("zero-fill");                              // not refused by readers
   const bool unclear = broken.erase("origin-word") != 0;  // the body may be read in another form
   const bool plain = bytes.size() > fuzz::kHeader && std::max(bytes[0], bytes[3]) == fuzz::kHeader;
   fuzz::Record record(bytes);

@@ -25,8 +25,8 @@ enum Call : uint8_t { kRead, kBrowse, kReadAgain, kReadOther };   // kReadOther:
 // The parts of an input.
 struct Plan {
   uint8_t mode;
-  uint8_t calls;     // sizes of the pieces, 255 for 4080; the last piece has all that is left
-  fuzz::Bytes cuts;  // sizes of the pieces, 255 for 4080; all that is left arrives at once behind the last of them
+  uint8_t calls;     // the last three of each four calls, two bits each; the first is kRead
+  fuzz::Bytes cuts;  // sizes of the pieces, 255 for 4080; the last piece, after these, has all that is left
   fuzz::Bytes bytes;
 
   bool Has(Mode bit) const { return (mode & bit) != 0; }
