@@ -1,4 +1,4 @@
-// parts.cc - times single calls that make no system calls with Google Benchmark, to try out changes to the libraries.
+// parts.cc - uses Google Benchmark to time single calls that make no system calls, to try out changes to the libraries.
 #include <benchmark/benchmark.h>
 #include <sodium.h>
 

@@ -44,7 +44,7 @@ Author::Author(uint64_t seed) : seed_(seed), pool_(kLargest + (1 << 20)), letter
   for (char& letter : letters_) letter = static_cast<char>('a' + dice.Below(26));
 }
 
-// Every message begins with a text that states its place. Most also have bytes, some have many small parameters.
+// Every message has a text that begins with its place. Most also have bytes, some have many small parameters.
 bool Author::Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const {
   Dice key(seed_ ^ (uint64_t{place.client} << 32 | place.session));
   Dice dice(key.Next() ^ place.number);

@@ -15,7 +15,7 @@
 using namespace mqnode;
 using namespace std::chrono_literals;
 
-constexpr auto kPatience = 10s;  // to ask a question, and to receive an answer
+constexpr auto kPatience = 10s;  // to ask a question, and to read an answer
 
 static asio::awaitable<Result> answer(const AsyncNode& client, MessageRef msg) {
   const Result read = co_await within(kPatience, client.read(msg));

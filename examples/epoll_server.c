@@ -12,7 +12,7 @@ enum { EVENTS = 64, ACCEPTS = 32 };
 static int epoll;
 static PcfMessage *in, *out;
 
-/* Waits for space in the socket while answers are queued, else for a question: a client that does not receive its
+/* Waits for space in the socket while answers are queued, else for a question: a client that does not read its
  * answers cannot ask more. */
 static int watch(MQNode* node, int operation) {
   struct epoll_event event = {.events = mnIsPendingIO(node) ? EPOLLOUT : EPOLLIN, .data = {.ptr = node}};

@@ -2,7 +2,7 @@
 // group. A worker needs neither nodes nor the library: messages are JSON.
 //   worker URL [NAME [COUNT]]
 // It answers command 1 with command 2, the same text (parameter 1) and its NAME (parameter 2; default: the process id).
-// COUNT: number of answers after which it ends. SIGTERM and SIGINT end it after the questions that it has received.
+// COUNT: number of answers after which it ends. SIGTERM and SIGINT end it once it has answered the questions received.
 #include <nats/nats.h>
 #include <unistd.h>
 

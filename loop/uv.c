@@ -29,7 +29,7 @@ typedef struct Completion {
   void* argument;
 } Completion;
 
-/* An address that accepted nodes are connected to. */
+/* A peer address, with the number of its accepted nodes. */
 typedef struct Origin {
   Link member; /* of uv->origins */
   in_addr_t address;

@@ -326,7 +326,7 @@ TEST_F(SecurityTest, NothingIsSealedForAKeyThatIsOver) {
   EXPECT_FALSE(alice_signer_.sealing("b b"));
 }
 
-// Both sides wipe the inputs of a message's key, and the reader its copy of the key. A dump shows none of the bytes.
+// Both sides wipe the inputs of a message's key, and the reader the copy of its own key. A dump shows no byte of them.
 TEST_F(SecurityTest, SealsLeaveNothingBehind) {
   const Signer seals = alice_signer_.sealing("bob");
   EXPECT_TRUE(mqc_set_opener(bob_signer_.get()) && mqc_log_to(folder_.Name("log").c_str()));
@@ -506,7 +506,7 @@ TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   }
 }
 
-// With an otherwise empty ring, then among more users than its first area can contain, in any order.
+// Alone, then among more users than the first area of the ring can contain, added in any order.
 TEST_F(SecurityTest, ARingIsLoadedWholeOrNotAtAll) {
   const char *one = alice_.open_text, *two = bob_.open_text;
   mqc_ring_clear();

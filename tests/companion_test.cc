@@ -109,7 +109,7 @@ TEST_F(CompanionTest, BuffersKeepTheirContract) {
     act(&buf);
     EXPECT_EQ(format("{} {} {} {} {}", buf.length, buf.capacity, buf.flags, buf.received, buf.sent), state);
     ASSERT_EQ(buf.data == nullptr, buf.capacity == 0);
-    // What was received, and what is to be sent, is preserved.
+    // Received bytes and bytes to be sent are preserved.
     const uint32_t held = buf.received != 0 ? std::max(buf.received, buf.length) : 0;
     EXPECT_EQ(std::count(buf.data, buf.data + held, 7), held) << state;
     if (buf.data != nullptr) memset(buf.data, 7, buf.capacity);

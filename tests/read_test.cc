@@ -165,7 +165,7 @@ TEST_F(ReadTest, NoMemory) {
   }
 }
 
-// Datagrams must be whole messages, each of which is converted; short ones are not.
+// A datagram must be one whole message. A header that is whole and recognised is converted.
 TEST_F(ReadTest, Datagrams) {
   const Node node = CreateDatagram();
   NoblockSocket(&node->sock);

@@ -248,7 +248,7 @@ TEST_F(SocketTest, ConnectAndBind) {
             "0 98/5 0 | " + bind + "127.0.0.1:P) = -1 EADDRINUSE; onError 98" + unbound);
   EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", 1, EISCONN),
             "1 106/0 1 | " + bind + "127.0.0.1:1) = -1 EISCONN" + unbound);
-  // Any other action does nothing. Without a node name the field is empty; the caller's texts are cut.
+  // Any other action neither connects nor binds. Without a node name the field is empty; the caller's texts are cut.
   Platform::Fail("uname", 1, EFAULT);
   SockAddrRec name = AddressOf("*", "5", "proto");
   EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = -1 EFAULT");

@@ -139,7 +139,7 @@ TEST_F(ThreadsTest, EachWithItsOwnNodes) {
   EXPECT_GT(traced, kThreads * kRounds * 100);
 }
 
-// One name with more addresses than are cached, so that most lookups take the lock. Not a local static: in a child,
+// One tag at more addresses than are cached, so that most lookups take the lock. Not a local static: in a child,
 // another thread's initialisation of it might still be in progress.
 const std::string names(1000, 't');
 std::atomic<uint32_t> next_name;

@@ -18,7 +18,7 @@
  *              no client is read from or accepted
  *   Writing    queued writes are sent when the socket accepts more. A client that sends another message while more than
  *              waitingBytes are queued behind the oldest answer is dropped; with pauses it is not read from until it
- *              has received some. After a write with result 0 the application drops the client: mq_server_wrote
+ *              has read some. After a write with result 0 the application drops the client: mq_server_wrote
  *              returns the reason
  *   Time       a client owes something in the middle of a message, and while answers to it are queued. It is dropped
  *              after midwayMsec in which it neither began nor finished a message and moved fewer than progressBytes. A
@@ -99,7 +99,7 @@ typedef struct MqServerLimits {
   uint32_t waitingBytes;  /* of answers queued behind the oldest one: 262144; 0: none */
   uint32_t progressBytes; /* sent or received within a message that count as progress: 65536 */
   uint32_t socketBytes;   /* of the system's buffers of a client, each direction: 65536; 0: the system's default */
-  int pauses;             /* 0; 1: a client that does not receive its answers is not read from, instead of dropped */
+  int pauses;             /* 0; 1: a client that does not read its answers is not read from, instead of dropped */
 } MqServerLimits;
 
 typedef struct MqServer MqServer;
@@ -146,7 +146,7 @@ typedef struct MqServerEvents {
 
 /* MqServer - a server. */
 struct MqServer {
-  MqServerLimits limits;                           /* may be changed, except clients */
+  MqServerLimits limits;                           /* as given to mq_server_open; may be changed, except clients */
   MqServerEvents events;                           /* as given to mq_server_open */
   void* data;                                      /* the application's */
   void (*log)(MqServer* server, const char* line); /* prints the line on stderr by default; null: no log */

@@ -21,7 +21,7 @@ struct AckSubject {
   std::string_view stream, delivered, sequence;
 };
 
-// $JS.ACK.STREAM.CONSUMER.DELIVERED.SEQUENCE...., or with domain and account behind ACK.
+// $JS.ACK.STREAM.CONSUMER.DELIVERED.SEQUENCE...., or with domain and account after ACK.
 AckSubject ParseAck(const natsMsg* msg) {
   const char* const reply = natsMsg_GetReply(msg);
   std::vector<std::string_view> tokens;

@@ -1,7 +1,7 @@
 // puller.hh - fetches messages of a durable consumer of a stream, as many as there is space for.
 //
 // libnats only fetches in a blocking call, which a loop cannot make; this makes the same JetStream requests. One fetch
-// is open at a time. It ends when all its messages have arrived, when the cluster ends it, or a second late.
+// is open at a time. It ends with its last message, when the cluster says so, or a second after its time-out.
 #pragma once
 
 #include <cstdint>

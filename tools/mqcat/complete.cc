@@ -59,7 +59,7 @@ Words NamesOf(const CLI::App& app) {
   return names;
 }
 
-// By the type's name, which has the allowed values behind it: "FORMAT:{text,json}".
+// Found by the type's name, which may be followed by the allowed values: "FORMAT:{text,json}".
 Words ValuesOf(const std::string& type, const CLI::App& root) {
   const auto is_one_of = [&](std::initializer_list<const char*> names) {
     return std::find(names.begin(), names.end(), type) != names.end();

@@ -430,7 +430,7 @@ void Begin(Piece& piece, uint64_t offset) {
   piece.faults.clear();
 }
 
-// Fills the piece for a run of stray bytes, which begins with begin.
+// Fills the piece for a run of stray bytes; begin contains its first bytes.
 void FillStray(Piece& piece, Bytes begin, uint64_t size) {
   piece.size = size;
   std::string text = begin.size() < 4 ? std::string("too few bytes for a first word")

@@ -20,7 +20,7 @@ void NewSecretFile(const std::string& path, const std::string& user, int64_t unt
 // known to be secret or public, and if the companion refuses the file.
 std::vector<MqcKey> PublicKeysOf(const std::string& path, Unmarked unmarked);
 
-// The public key of a user's secret key in a file; an empty user stands for the only one.
+// The public key of a user's secret key in a file; an empty user: the only key of the file.
 MqcKey PublicKeyOf(const std::string& path, const std::string& user);
 
 // Public keys from standard input. Throws a Failure for a secret key, and for a key that is not marked as public.

@@ -86,7 +86,7 @@ class Link {
   void Use(const Security* security);
   void set_user(const std::string& user) { user_ = user; }
 
-  // Writes the message; waits while the peer does not receive what was written before. The header names user.
+  // Writes the message; waits while the peer does not read what was written before. The header names user.
   void Write(PcfMessage* msg, Clock::time_point deadline);
 
   // Waits until everything written is with the system.
