@@ -246,7 +246,7 @@ class Clients {
     uint32_t number = client.owed.empty() ? client.asked : client.owed.front().number;
     if (datagrams) number = Author::PlaceOf(in_).number;
     const auto owed = std::ranges::find(client.owed, number, &Owed::number);
-    if (number >= client.asked) return Fail(client, "an answer to nothing");
+    if (number >= client.asked) return Fail(client, "an answer without a question");
     const Place place{client.number, client.session, number};
     const Command command = crowd_.echo == Echo::kSame ? kQuestion : kAnswer;
     const bool marked = datagrams && crowd_.echo != Echo::kAll;

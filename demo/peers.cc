@@ -124,7 +124,7 @@ void NeverFinish(Arena& arena) {
 
 void NeverSpeak(Arena& arena) {
   arena.Fill();
-  arena.Await("clients that never speak are not dropped, though others want their places", [&] {
+  arena.Await("silent clients are not dropped for new ones", [&] {
     for (Bare& bare : arena.bares) bare.Receive();
     return arena.Open() < arena.bares.size() * 4 / 5;
   });
@@ -205,7 +205,7 @@ void SendGiants(Arena& arena) {
   size_t most = 0;
   do {
     arena.Fill();
-    arena.Await("a giant is taken in", [&] {
+    arena.Await("a message beyond the limit is accepted", [&] {
       for (Bare& bare : arena.bares) {
         bare.Send(giant, Bare::kTurn);
         most = std::max(most, bare.sent());
@@ -213,7 +213,7 @@ void SendGiants(Arena& arena) {
       return arena.Open() == 0 || most > (32u << 20);
     });
   } while (arena.Goes(0.001) && most <= (32u << 20));
-  if (most > (32u << 20)) arena.faults.push_back("the server takes in half of a message of 60 MiB");
+  if (most > (32u << 20)) arena.faults.push_back("the server received half of a message of 60 MiB");
 }
 
 // One user signs more messages than a server can remember, dated as late as the server accepts.
@@ -278,7 +278,7 @@ void SendOutOfBandBytes(Arena& arena) {
   });
   for (Bare& bare : arena.bares) bare.SendOutOfBand();  // once: a second byte would replace one that was not read
   arena.AwaitSent(question, 2 * question.size());
-  arena.Await("a byte out of band spoils a message", [&] { return arena.AllHave(2 * question.size()); });
+  arena.Await("an out-of-band byte corrupts a message", [&] { return arena.AllHave(2 * question.size()); });
   for (Bare& bare : arena.bares) bare.SendOutOfBand();  // the last byte
   while (arena.Goes(0.001)) continue;
 }

@@ -81,7 +81,7 @@ TEST_F(AsioTest, MessagesArriveByteByByte) {
     std::string finished;
     Start(node.finish(), &finished);
     Poll();
-    EXPECT_EQ(peer.Read() + finished, "") << "the peer is told, and waited for";
+    EXPECT_EQ(peer.Read() + finished, "") << "the peer learns of the end, and is waited for";
     peer = Peer();
     Await(node.node().descriptor());
     Poll();

@@ -90,10 +90,10 @@ class SecurityTest : public Fixture {
     if (accepted) {
       EXPECT_TRUE(record.Read());
       EXPECT_EQ(Show(record), format("{0}{1}, foreign sender, {1}", kSample, record.sender()));
-      EXPECT_TRUE(record.Read() && !record.sealed()) << "a plain read came afterwards";
+      EXPECT_TRUE(record.Read() && !record.sealed()) << "a later plain read is not sealed";
     } else {
       EXPECT_TRUE(envelope.version != 2 || RawOf(record).find("foreign sender") == Bytes::npos);
-      EXPECT_EQ(Show(record), "0:; , , ") << "nothing is shown that is not believed";
+      EXPECT_EQ(Show(record), "0:; , , ") << "a refused message must not be shown";
     }
     return accepted ? "" : mqc_authenticate_error();
   }
@@ -368,7 +368,7 @@ TEST_F(SecurityTest, AFullMemoryForgetsButNeverAcceptsTwice) {
   EXPECT_EQ(Refusal(first), "");
   Send("alice", 1300, {.pace = 1});
   ASSERT_TRUE(mqc_set_replay_limit(1024));
-  EXPECT_EQ(Remembered(), 1025u) << "and the user";
+  EXPECT_EQ(Remembered(), 1025u) << "the messages and the user";
   ExpectSays(Refusal(first), kForgotten);
   clock_now += 700000;
   Send("alice", 1024);
@@ -390,7 +390,7 @@ TEST_F(SecurityTest, NobodyFillsTheMemoryForOthers) {
   Send("alice", 1000, {.pace = 10});
   const Bytes late = Sign();
   Send("alice", 200, {.pace = 10});
-  EXPECT_EQ(Refusal(late), "") << "alice has her share too";
+  EXPECT_EQ(Refusal(late), "") << "alice has a share of the memory";
   Send("bob", 1, {.says = kForgotten});
   EXPECT_EQ(Remembered(), 1024u + 2) << "and a block for each user";
   ExpectNothingIsAcceptedTwice();
@@ -456,7 +456,7 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
   if (chown(theirs.c_str(), 65534, 65534) == 0) expect(theirs, nullptr, ": belongs to user id 65534");  // requires root
   char cut[8] = "";
   for (const size_t size : {sizeof cut, size_t{0}}) EXPECT_FALSE(mqc_signer_load("/", nullptr, cut, size));
-  EXPECT_STREQ(cut, "/: not ") << "a place of no size is not written to";
+  EXPECT_STREQ(cut, "/: not ") << "a buffer of size 0 is not written to";
 }
 
 TEST_F(SecurityTest, WordsBehindAKeyAreTakenOnce) {

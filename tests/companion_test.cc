@@ -254,7 +254,8 @@ TEST_F(CompanionTest, MessagesAreBounded) {
   const std::string half(MQ_MAX_MESSAGE / 2, 'x');
   ASSERT_TRUE(msg.begin(1) && msg.add(1, half));
   EXPECT_FALSE(msg.add(1, half));
-  EXPECT_FALSE(mqc_add_bytes(msg.get(), 1, half.data(), 0xffffffff)) << "the length is looked at before the bytes";
+  EXPECT_FALSE(mqc_add_bytes(msg.get(), 1, half.data(), 0xffffffff))
+      << "the length is checked before the bytes are read";
   EXPECT_EQ(msg.error(), "4328521900 bytes would pass the bound of 67108864");
   EXPECT_EQ(msg.params().size(), 1u);
   EXPECT_FALSE(SizePcfMessage(msg.get(), MQ_MAX_MESSAGE + 1) || mqnode::Message::create(MQ_MAX_MESSAGE + 1));

@@ -44,7 +44,7 @@ TEST_F(DeliverTest, BytesOnTheWire) {
   EXPECT_EQ(mnWrite(out, link.node), 1);
   spoil();
   EXPECT_EQ(mnSWrite(out, link.node, 0, nullptr), 1);
-  EXPECT_EQ(link.peer.Read(2 * 164), Header(28) + body + Header(28) + body) << "unsigned is plain";
+  EXPECT_EQ(link.peer.Read(2 * 164), Header(28) + body + Header(28) + body) << "an unsigned write is plain";
 
   mqc_set_clock([]() -> int64_t { return 0x0000018BCFE56789; });
   const Keys keys;

@@ -65,7 +65,7 @@ TEST_F(HostTest, ProcessorCount) {
   }
   unsetenv("TEVRA_CPU_COUNT");
   EXPECT_EQ(GetProcessorCount(), sysconf(_SC_NPROCESSORS_ONLN));
-  EXPECT_EQ(errno, ENOSYS) << "for platforms that do not say why they do not know";
+  EXPECT_EQ(errno, ENOSYS) << "for platforms that do not set errno";
 }
 
 // ---- Waiting for the network stack ----

@@ -147,7 +147,7 @@ TEST_F(ReadTest, NoMemory) {
     EXPECT_EQ(Read(link.node, secure),
               secure ? "nothing, 2102, read 0, held 0/32" : "nothing, 2102, read 0, held 0/136");
     EXPECT_EQ(Take("n"), secure ? "mnSRead 2102, read 0, held 32/32" : "mnRead 2102, read 0, held 136/136")
-        << "known before anything more is gathered";
+        << "reported before more is received";
     EXPECT_EQ(link.node->recvBuffer.capacity, 16520u);
   }
   // A node without a receive area, because memory was short or it was closed: a read allocates one.

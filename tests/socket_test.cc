@@ -297,10 +297,10 @@ TEST_F(SocketTest, StreamsGoOnWhereTheyStopped) {
   EXPECT_EQ(Read(), "6 0, 6 0 | 1 0/0 0 | ReadSocket[recvfrom(2) = 2]");
   EXPECT_EQ(bytes_, "012345????");
   EXPECT_EQ(Read(), "6 0, 6 0 | 0 9004/5 0 | ReadSocket[recvfrom(0) = 0; onError 9004]");
-  EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to note";
+  EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to store";
   Arm("????");
   buffer_.flags = MSG_PEEK;
-  EXPECT_EQ(Read(), "4 0, 10 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]") << "bytes looked at count";
+  EXPECT_EQ(Read(), "4 0, 10 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]") << "peeked bytes are counted";
 
   Arm("0123456789");
   buffer_.length = 9;
