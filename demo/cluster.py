@@ -4,7 +4,7 @@ nats-servers, two bridges, three workers and many clients. One of the servers is
 
 With --soak, something is killed every few seconds and started again: a server, a bridge or a worker. Other clients then
 store numbered messages in a stream with three replicas, which are counted at the end.
-Exit code: 0 if every message was answered and every stored one is in the stream; else 1.
+Exit code: 0 every message was answered and, if stored, is there; 1 not so.
 """
 import argparse
 import collections

@@ -23,7 +23,7 @@ using namespace std::chrono_literals;
 constexpr double kScanSeconds = 0.1;
 constexpr uint32_t kDatagramBuffer = 4 << 20;
 constexpr int kDatagramsInTurn = 256;       // limit, so that datagrams do not delay connections
-constexpr uint32_t kReplayLimit = 1 << 16;  // reached in a long run, so that old messages are forgotten
+constexpr uint32_t kReplayLimit = 1 << 16;  // a long run reaches it, so that old messages are forgotten
 
 volatile sig_atomic_t stopped;
 
@@ -137,7 +137,7 @@ class DemoServer final : public Server {
         say("refused", from, got.name());
         continue;
       }
-      if (in_.command() != kQuestion) continue;  // else two servers would answer each other forever
+      if (in_.command() != kQuestion) continue;  // or two servers would answer each other forever
       Check(in_, nullptr);
       // An answer that cannot be sent now is dropped. The sender's address may be forged.
       if (++answered_[from.ip] > answersASecond_ || !BuildAnswer(in_)) continue;
@@ -182,7 +182,7 @@ class DemoServer final : public Server {
                                  place.number, wrong));
   }
 
-  // Datagrams may be lost, and plain ones may be repeated.
+  // Datagrams may be missing, and plain ones may be repeated.
   bool IsAgain(Record* record, const Place& place, bool isSigned, std::string* wrong) {
     if (place.session > record->session) record->seen.clear();
     if (place.session >= record->session && record->seen.insert(place.number).second) return false;
@@ -218,9 +218,9 @@ class DemoServer final : public Server {
   std::unique_ptr<Author> author_;
   const uint32_t answersASecond_;  // to datagrams of one address
   Node ports_[kPorts];
-  std::unordered_map<const MqServerClient*, uint32_t> turns_;  // number of each honest client's next question
+  std::unordered_map<const MqServerClient*, uint32_t> turns_;  // number of an honest client's next question
   std::unordered_map<uint32_t, Record> records_;               // by client
-  std::map<std::string, uint32_t> answered_;                   // datagrams in this second, by address
+  std::map<std::string, uint32_t> answered_;                   // datagrams, by address, in this second
   Message in_ = Message::create();                             // datagrams
   Message out_ = Message::create();
   Signer signer_;

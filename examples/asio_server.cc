@@ -1,7 +1,7 @@
 // asio_server.cc - answers many clients in an Asio event loop, a coroutine for each, until SIGINT or SIGTERM.
-// After the signal, connected clients have two more seconds.
+// Clients that are connected then have two more seconds.
 //   asio_server HOST SERVICE
-// Service 0 lets the kernel choose a port, which is printed.
+// Service 0 lets the kernel pick a port; the port is printed.
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
@@ -15,7 +15,7 @@
 using namespace mqnode;
 using namespace std::chrono_literals;
 
-constexpr auto kPatience = 10s;  // to ask a question, and to read an answer
+constexpr auto kPatience = 10s;  // for a question, and for taking an answer
 
 static asio::awaitable<Result> answer(const AsyncNode& client, MessageRef msg) {
   const Result read = co_await within(kPatience, client.read(msg));

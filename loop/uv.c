@@ -47,9 +47,9 @@ struct MqUvNode {
   Link soon;      /* of uv->soon */
   Link timed;     /* of uv->wheel */
   int64_t tick;   /* of timed */
-  int64_t begun;  /* milliseconds: time of the accept */
-  Origin* origin; /* null unless the node was accepted and is open */
-  int64_t until;  /* milliseconds: deadline of a connect or of an end, or time of the next attempt to accept */
+  int64_t begun;  /* milliseconds: when it was accepted */
+  Origin* origin; /* null unless it was accepted, and is open */
+  int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
   int watching;   /* what the poll handle waits for */
   int code;       /* for on_end */
   const char* why;
@@ -344,16 +344,16 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   return node;
 }
 
-/* True if a gives way before b: nodes of addresses with more nodes first, then nodes accepted no later than `before`,
- * then nodes that have been quiet longer. */
+/* Whether a gives way before b: first by the number of nodes of its address, then those that were not accepted after
+ * the time before, then by how long they have been quiet. */
 static int gives_way(const MqUvNode* a, const MqUvNode* b, int64_t before) {
   if (a->origin->nodes != b->origin->nodes) return a->origin->nodes > b->origin->nodes;
   if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
   return a->step.since < b->step.since;
 }
 
-/* The accepted node that gives way to a new connection, or null. One address can therefore displace nodes of others
- * only until it has as many nodes as they have. */
+/* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has
+ * as many as they have. */
 static MqUvNode* choose(const MqUv* uv) {
   MqUvNode* chosen = NULL;
   const int64_t before = clock_of(uv) - uv->limits.keptMsec;

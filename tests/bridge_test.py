@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """bridge_test.py BUILD_DIR TEST ... - mqbridge between real nodes and real nats-servers, which die in the middle.
 
-Messages are numbered, and those that a client got answers for are counted in the cluster.
+Messages are numbered: what a client was answered for is counted in the cluster.
 TEST: requests, signed, delivered, refused, away; with a cluster of three: storing, working.
 """
 import collections
@@ -27,7 +27,7 @@ from cluster import (BIN, ERROR, NO_RESPONDER, STORED, TIME_OVER, WORK, Bridge, 
 
 
 def requests(server):
-    """Answers in order; no responder, time-outs and errors; user names with special characters; the drain."""
+    """Answers in order; no responder, time over and errors; names of users that are not words; the drain."""
     bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--timeout", "1", event="listening")
     node = Node(bridge.port, "a.b >*")
     assert node.ask(1, "x") == (NO_RESPONDER, {1: "nobody answers on this subject", 2: "mq.a%2Eb%20%3E%2A.1"})
@@ -171,7 +171,7 @@ def delivered(server):
 
 
 def refused(server):
-    """Invalid options and addresses: one line and an exit code."""
+    """One line and an exit code for what cannot be."""
     with socket.create_server(("127.0.0.1", 0)) as taken:
         place = f"127.0.0.1:{taken.getsockname()[1]}"
         rows = [(2, "SUBJECT", "out"), (2, "fixed word", "in", "127.0.0.1:0", "--subject", "{user}.x"),

@@ -78,7 +78,7 @@ struct Loop {
     }
     return false;
   }
-  // Returns the port of a new listening node, whose children share its data.
+  // The port of a listening node, whose children have the same data.
   int Listen(App* app, int secure = 0) {
     Node node = Node::listener(Local(0));
     const int port = node.local_port();
@@ -112,7 +112,7 @@ bool Write(MqUvNode* node, const std::string& text, size_t number = 0) {
   return mq_uv_write(node, Text(text).get(), number != 0 ? OnWritten : nullptr, reinterpret_cast<void*>(number)) != 0;
 }
 
-// Descriptors, and blocks in use except those for users and remembered messages.
+// Descriptors, and blocks in use but for those that know users and remember their messages.
 std::string Resources() {
   using Files = std::filesystem::directory_iterator;
   MqcMemory all, replay, ring;

@@ -84,7 +84,7 @@ table <<'END'
 9 head -c 3000000 zeros.bin | mqcat decode --full | true =>
 END
 
-# Each option in the help must be in the manual page and in the completion scripts.
+# Whatever the help names, the manual page names, too, and the completion offers.
 for command in listen send ping decode 'keys add' 'keys list' explain; do
   # shellcheck disable=SC2086 # two words
   mqcat help $command | grep -oE -e '^  (-.,|   ) --[a-z-]+' | grep -oE -e '--.*' || fail "no options of $command"

@@ -27,28 +27,28 @@ static inline int64_t mq_clock(void) {
   return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-/* Progress of the end of a connection; all zero at first. */
+/* How far the end of a connection has come; all zero at first. */
 typedef struct MqFinish {
   int shut;     /* the sending side is shut down */
   int closed;   /* the peer has closed the connection */
-  short events; /* of poll, to wait for before the next step; 0: take the next step a few milliseconds later */
+  short events; /* of poll, to wait for before the next step; 0: none, take the next step a few milliseconds later */
 } MqFinish;
 
-/* Internal: set the error and return 0. */
+/* Internal: a result of 0 with this error. */
 static inline int mq_finish_fail(MQNode* node, int code) {
   node->sock.error = code;
   node->error = code;
   return 0;
 }
 
-/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. Only
- * the end of the stream, which counts as the last byte, may be unconfirmed: a peer that resets does not confirm it. */
+/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. Nothing
+ * but the end of the stream, which counts as the last byte, may be left: a peer that resets does not confirm it. */
 static inline int mq_finish_confirmed(const MQNode* node) {
   int bytes = 0;
   return ioctl(node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes <= 1;
 }
 
-/* Internal: discard what the peer sends. Returns 1, or 0 if the connection has failed. */
+/* Internal: discard what the peer sends. 1; 0 when the connection has failed. */
 static inline int mq_finish_discard(MQNode* node, MqFinish* state) {
   char unread[16384];
   const ssize_t got = recv(node->sock.fd, unread, sizeof unread, MSG_DONTWAIT);
@@ -58,7 +58,7 @@ static inline int mq_finish_discard(MQNode* node, MqFinish* state) {
   return state->closed || mq_finish_fail(node, code);
 }
 
-/* mq_finish_step - one step of mq_finish that does not block, for an event loop.
+/* mq_finish_step - what mq_finish does, for an event loop: one step that does not block.
  *   node    connected, non-blocking, with lingering switched off
  *   state   in, out: its events are set while more steps are needed
  * Result  1 or 0 as mq_finish; -1: wait for state->events, then call again

@@ -1,4 +1,4 @@
-/* server.h - a server for many clients: one wait, one thread, and an upper bound on everything that a client may use.
+/* server.h - a server of many clients: one wait, one thread, and an upper bound on everything that a client may cost.
  *
  * Header-only, for C11 with POSIX (-std=gnu11) and C++17; link mqnode::host. An application fills MqServerEvents, adds
  * its listening nodes and calls mq_server_round until it wants to end:
@@ -13,28 +13,28 @@
  *   mq_server_close(&server);
  *
  * Rules
- *   Reading    messagesPerRound messages of each client in a round; only one while answers to it are queued. A client
- *              whose message announces more than messageBytes is dropped. While the application has set reading to 0,
- *              no client is read from or accepted
- *   Writing    queued writes are sent when the socket accepts more. A client that sends another message while more than
- *              waitingBytes are queued behind the oldest answer is dropped; with pauses it is not read from until it
- *              has read some. After a write with result 0 the application drops the client: mq_server_wrote
- *              returns the reason
- *   Time       a client owes something in the middle of a message, and while answers to it are queued. It is dropped
- *              after midwayMsec in which it neither began nor finished a message and moved fewer than progressBytes. A
- *              client that owes nothing is dropped after idleMsec, before its first message after firstMsec. Time in
+ *   Reading    messagesPerRound messages of each client in a round, one while answers wait for it. A message that is
+ *              longer than messageBytes is not taken in. While the application has set reading to 0, no client is read
+ *              from or accepted
+ *   Writing    a queued write is finished when its socket takes more. A client for which more than waitingBytes wait
+ *              behind the oldest answer is dropped when it sends another message; with pauses it is not read from until
+ *              it has taken some. After a write with result 0 the application drops the client: mq_server_wrote gives
+ *              the reason
+ *   Time       a client owes something while it is in the middle of a message, and while answers wait for it. It is
+ *              dropped after midwayMsec in which it neither began nor finished a message and moved fewer than
+ *              progressBytes; when it owes nothing, after idleMsec, before its first message after firstMsec. Time in
  *              which the server itself did not run does not count
- *   Places     when all places are taken, or no descriptor is left, a new client takes the place of another one: of the
- *              address with the most clients, the one that has been quiet longest. One address can therefore displace
- *              clients of others only until it has as many as they have. A client keeps its place for keptMsec
- *   Accepting  if no place or no descriptor can be freed, the server stops waiting for connections until a client has
- *              gone or a second has passed
- *   Failures   a client whose read or queued write fails is dropped, and no other. After a message that was not
- *              accepted but whose end is known, the failed event may keep the client, to read the next message
- *   Memory     memory taken by a long message is released within a second after the message
- *   Log        a line for each dropped client, logLinesPerSecond at most, then the number of lines left out
+ *   Places     when all places are taken, or no descriptor is left, a newcomer takes the place of another client: of
+ *              the address with the most clients, the one that has been quiet longest. One address can therefore push
+ *              out clients of others only until it has as many as they have. A client keeps its place for keptMsec
+ *   Accepting  while no place and no descriptor can be had, the listening nodes are not waited for, until a client has
+ *              gone or a second is over
+ *   Failures   a client whose read or queued write fails is dropped, and no other. The failed event may keep a client
+ *              after a message that was not accepted but has an end, so that the next one can be read
+ *   Memory     what a long message has made large is given back within a second after the message
+ *   Log        a line for each dropped client, logLinesPerSecond at most, then the number of those left out
  *
- * An application must ignore SIGPIPE. A server, its nodes and its clients are used by one thread at a time. */
+ * An application ignores SIGPIPE. A server, its nodes and its clients are used by one thread at a time. */
 #ifndef MQNODE_MQNODE_SERVER_H
 #define MQNODE_MQNODE_SERVER_H
 
@@ -67,14 +67,14 @@
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
 enum {
-  MQ_SERVER_NODES = 8,       /* most nodes that can be added to a server */
+  MQ_SERVER_NODES = 8,       /* most nodes that are added to a server */
   MQ_SERVER_AREA = 16520,    /* bytes of a node's first receive area */
-  MQ_SERVER_LOOK_MSEC = 100, /* least time between two checks of the clients */
-  MQ_SERVER_AWAY_MSEC = 500, /* a check this late shows that the server did not run */
+  MQ_SERVER_LOOK_MSEC = 100, /* clients are looked at so often at most */
+  MQ_SERVER_AWAY_MSEC = 500, /* a look that comes so late shows that the server did not run */
   MQ_SERVER_PAUSE_MSEC = 10  /* between two attempts to write to a client that is not read from */
 };
 
-/* Reasons, other than names of codes, for which a server itself drops or refuses a client. */
+/* Reasons for which a server itself drops or refuses a client, other than a code's name. */
 #define MQ_SERVER_TOO_SLOW "too slow"
 #define MQ_SERVER_IDLE "idle"
 #define MQ_SERVER_TAKES_NO_ANSWERS "takes no answers"
@@ -83,96 +83,96 @@ enum {
 #define MQ_SERVER_PLACE_NEEDED "its place is needed"
 #define MQ_SERVER_NO_PLACE "its address has all its places"
 
-/* MqServerLimits - what a client may use. All values are positive unless their line says otherwise. */
+/* MqServerLimits - what a client may cost. All values are positive unless their line says otherwise. */
 typedef struct MqServerLimits {
-  int clients;            /* most connected clients: 1000 */
-  int clientsPerAddress;  /* most connected clients from one address: 1000. More are refused */
+  int clients;            /* connected at once: 1000 */
+  int clientsPerAddress;  /* connected at once from one address: 1000. Newcomers beyond that are refused */
   int backlog;            /* connections that wait to be accepted: 128. The system may allow fewer */
-  int acceptsPerRound;    /* accepts in a round, before connected clients are served again: 32 */
-  int messagesPerRound;   /* messages of one client in a round: 1 */
+  int acceptsPerRound;    /* 32: connected clients are served in between */
+  int messagesPerRound;   /* of one client: 1 */
   int logLinesPerSecond;  /* 20 */
   int midwayMsec;         /* milliseconds without progress of a client that owes something: 10000 */
   int firstMsec;          /* milliseconds from the connection to the first message: 10000 */
   int idleMsec;           /* milliseconds without progress of a client that owes nothing: 600000 */
-  int keptMsec;           /* milliseconds for which a client keeps its place: 1000; 0: may lose it at once */
+  int keptMsec;           /* milliseconds that a client keeps its place: 1000; 0: it may lose it at once */
   uint32_t messageBytes;  /* of a message without its header, of a signed one without its envelope: 65536 */
-  uint32_t waitingBytes;  /* of answers queued behind the oldest one: 262144; 0: none */
+  uint32_t waitingBytes;  /* of answers that wait behind the oldest one: 262144; 0: none may */
   uint32_t progressBytes; /* sent or received within a message that count as progress: 65536 */
-  uint32_t socketBytes;   /* of the system's buffers of a client, each direction: 65536; 0: the system's default */
-  int pauses;             /* 0; 1: a client that does not read its answers is not read from, instead of dropped */
+  uint32_t socketBytes;   /* of the system's buffers of a client, each direction: 65536; 0: as the system likes */
+  int pauses;             /* 0; 1: a client that does not take its answers is not read from, instead of dropped */
 } MqServerLimits;
 
 typedef struct MqServer MqServer;
 
 /* MqServerClient - a connected client. It is valid until its dropped event has returned. */
 typedef struct MqServerClient {
-  MQNode* node;         /* owned by the server: write to it, do not read from it or delete it */
+  MQNode* node;         /* the server's: write to it, do not read from it or delete it */
   const MQNode* origin; /* the listening node that accepted it */
   void* data;           /* the application's; null at first */
   int secure;           /* as given to mq_server_add */
   int leaving;          /* 1 after it was dropped */
-  const char* why;      /* why it was dropped; null without a fault */
+  const char* why;      /* it was dropped; null without a fault */
   int lost;             /* queued answers that were lost, once it was dropped */
   uint64_t whole;       /* bytes received until the end of the last whole message */
-  in_addr_t address;    /* this and the following members belong to the server */
-  int midway;           /* in the middle of a message, or with answers queued, at the last check */
+  in_addr_t address;    /* this and what follows belong to the server */
+  int midway;           /* in the middle of a message, or answers wait, when last seen */
   int shut;             /* the sending side is shut down */
-  uint32_t done;        /* messages read and written at the last check */
+  uint32_t done;        /* messages read and written when last seen */
   uint64_t moved;       /* bytes sent and received when progress was last seen */
   int64_t accepted;     /* milliseconds */
   int64_t since;        /* milliseconds: when progress was last seen */
-  int64_t turn;         /* order in which clients of one address give way; in the future: not yet */
+  int64_t turn;         /* the clients of one address make room in this order; in the future: not yet */
 } MqServerClient;
 
 /* MqServerEvents - what a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null;
- * message only without listening nodes. An event may write to any client and drop any client, but must not call these
- * three functions. A text that it returns or passes to mq_server_drop must remain valid until the dropped event. */
+ * message only without listening nodes. An event may write to any client and drop any client; it must not call these
+ * three functions. A text that it returns or gives to mq_server_drop must live until the dropped event. */
 typedef struct MqServerEvents {
-  /* A whole message was read. Returns null, or why the client is dropped. The record belongs to the server. */
+  /* A whole message was read. Null, or why the client is dropped. The record belongs to the server. */
   const char* (*message)(MqServer* server, MqServerClient* client, PcfMessage* msg);
-  /* A client was accepted. Returns null, or why it is dropped. */
+  /* A client was accepted. Null, or why it is dropped. */
   const char* (*accepted)(MqServer* server, MqServerClient* client);
-  /* A client was dropped or has left. Its node is closed; both are released when this returns. why: null if the client
-   * left between two messages, or the server ended. Called once for each accepted client. */
+  /* A client has gone; its node is closed, and both are released when this returns. why: null when the client left
+   * between two messages, or the server ended. Called once for each accepted client. */
   void (*dropped)(MqServer* server, MqServerClient* client, const char* why);
-  /* A datagram node that was added is readable. */
+  /* A datagram node that was added can be read. */
   void (*ready)(MqServer* server, MQNode* node);
-  /* A message of a client was not accepted, or its rest will not come. client->node->error is the code; recvBuffer.data
-   * of the node begins with what has arrived, client->node->sock.bytesReceived - client->whole bytes in total. Returns
-   * why the client is dropped, such as the given reason. Null keeps it after MQ_BAD_BODY and MQ_NOT_AUTHENTIC; after
-   * any other code it is dropped without a line in the log. */
+  /* A message of a client was not accepted, or its rest will not come: client->node->error is the code, and the node's
+   * recvBuffer.data begins with what arrived of it, client->node->sock.bytesReceived - client->whole bytes in all.
+   * Returns why the client is dropped, such as the given reason. Null keeps it after MQ_BAD_BODY and MQ_NOT_AUTHENTIC;
+   * after any other code it is dropped without a line in the log. */
   const char* (*failed)(MqServer* server, MqServerClient* client, const char* why);
 } MqServerEvents;
 
 /* MqServer - a server. */
 struct MqServer {
-  MqServerLimits limits;                           /* as given to mq_server_open; may be changed, except clients */
-  MqServerEvents events;                           /* as given to mq_server_open */
+  MqServerLimits limits;                           /* as given; may be changed, but for clients */
+  MqServerEvents events;                           /* as given */
   void* data;                                      /* the application's */
-  void (*log)(MqServer* server, const char* line); /* prints the line on stderr by default; null: no log */
-  int reading;              /* 1 by default. 0: nothing more is read or accepted, including the round in progress */
-  int status;               /* of the last wait */
-  int count;                /* clients */
-  MqServerClient** clients; /* ordered by the addresses of their nodes; behind them, unused records */
-  MqServerClient** others;  /* this and the following members belong to the server */
-  MqServerClient* records;  /* of all clients, used and unused */
-  MQNode** nodes;           /* waited for, terminated by a null pointer */
-  MQNode** listening;       /* outcome of the wait */
-  MQNode** readable;        /* outcome of the wait */
-  MQNode** writable;        /* outcome of the wait */
-  MQNode* added[MQ_SERVER_NODES]; /* the nodes passed to mq_server_add */
-  int secure[MQ_SERVER_NODES];    /* of each of them */
-  int nodeCount;                  /* number of them */
-  int accepting;                  /* 1: listening nodes are waited for */
-  int ending;                     /* 1: in mq_server_end */
-  int lines;                      /* lines logged in this second */
+  void (*log)(MqServer* server, const char* line); /* prints the line on stderr at first; null: no log */
+  int reading;                    /* 1 at first. 0: nothing more is read or accepted, also in the round in progress */
+  int status;                     /* of the last wait */
+  int count;                      /* clients */
+  MqServerClient** clients;       /* in the order of their nodes' places in memory; behind them, unused records */
+  MqServerClient** others;        /* this and what follows belong to the server */
+  MqServerClient* records;        /* of all clients, used and unused */
+  MQNode** nodes;                 /* waited for, ended by a null pointer */
+  MQNode** listening;             /* outcome of the wait */
+  MQNode** readable;              /* outcome of the wait */
+  MQNode** writable;              /* outcome of the wait */
+  MQNode* added[MQ_SERVER_NODES]; /* the application's nodes */
+  int secure[MQ_SERVER_NODES];    /* of each */
+  int nodeCount;                  /* of both */
+  int accepting;                  /* listening nodes are waited for */
+  int ending;                     /* in mq_server_end */
+  int lines;                      /* of the log in this second */
   int64_t now;                    /* milliseconds, after the last wait */
-  int64_t looked;                 /* milliseconds: last check of the clients */
+  int64_t looked;                 /* milliseconds, of the last look at the clients */
   PcfMessage* in;                 /* the message that was read last */
   SockPostData work;              /* of the waits */
 };
 
-/* mq_server_limits - the default limits, which the comments of MqServerLimits give. */
+/* mq_server_limits - the default limits, which MqServerLimits names. */
 static inline MqServerLimits mq_server_limits(void) {
   const MqServerLimits limits = {1000,   1000, 128,   32,     1,     20,    10000, 10000,
                                  600000, 1000, 65536, 262144, 65536, 65536, 0};
@@ -181,14 +181,14 @@ static inline MqServerLimits mq_server_limits(void) {
 
 /* ---- Log ---- */
 
-/* Internal: the default log. */
+/* Internal: the log that a server has at first. */
 static inline void mq_server_print(MqServer* server, const char* line) {
   (void)server;
   fprintf(stderr, "%s\n", line);
 }
 
-/* mq_server_say - log the line "what IP:PORT: why", at most 1000 characters of it, unless the limit for this second is
- * reached. */
+/* mq_server_say - write the line "what IP:PORT: why" to the log, unless this second has had its lines. At most 1000
+ * characters are written. */
 static inline void mq_server_say(MqServer* server, const char* what, const SockAddrRec* peer, const char* why) {
   char line[1001];
   if (server->lines++ >= server->limits.logLinesPerSecond || server->log == NULL) return;
@@ -196,7 +196,7 @@ static inline void mq_server_say(MqServer* server, const char* what, const SockA
   server->log(server, line);
 }
 
-/* Internal: end a second, and log how many of its lines were left out. */
+/* Internal: end a second. Say how many lines were left out in it. */
 static inline void mq_server_end_second(MqServer* server) {
   char line[40];
   const int untold = server->lines - server->limits.logLinesPerSecond;
@@ -226,14 +226,14 @@ static inline void mq_server_drop(MqServer* server, MqServerClient* client, cons
   mnClose(client->node);
 }
 
-/* mq_server_wrote - what a message event returns after a write.
- *   result   in   of the write to client->node, such as mnWrite, that has just returned
+/* mq_server_wrote - the answer of a message event that ends with a write.
+ *   result   in   of mnWrite or another write to client->node, which has just returned
  * Result   null after 1; after 0 the name of the cause: the write was refused or lost, and the client must go */
 static inline const char* mq_server_wrote(const MqServerClient* client, int result) {
   return result ? NULL : mq_error_name(mq_node_cause(client->node, NULL));
 }
 
-/* Internal: index of the client with this node in the table, or the index at which it would be. */
+/* Internal: where the client with this node is in the table, or would be. */
 static inline int mq_server_place(const MqServer* server, const MQNode* node) {
   int low = 0, high = server->count;
   while (low < high) {
@@ -247,8 +247,8 @@ static inline int mq_server_place(const MqServer* server, const MQNode* node) {
   return low;
 }
 
-/* Internal: release clients that were dropped, or whose node the application has closed. Not done while the lists of a
- * wait are processed: a node may be in two of them. */
+/* Internal: release clients that were dropped, or whose node the application has closed. Not done while the outcome of
+ * a wait is walked: a node may be in two of its lists. */
 static inline void mq_server_sweep(MqServer* server) {
   int kept = 0, gone = 0;
   for (int i = 0; i < server->count; ++i) {
@@ -271,8 +271,8 @@ static inline void mq_server_sweep(MqServer* server) {
   }
 }
 
-/* Internal: prepare the receive area of a client that is between two messages for the next header. An area that was
- * enlarged for a long message is replaced; if out of memory, the next read fails, and the client is dropped. */
+/* Internal: arm the receive area of a client that is between two messages for the next header. An area that a long
+ * message has made large is replaced; without memory the next read fails, and the client is dropped. */
 static inline void mq_server_arm(const MqServerClient* client) {
   IoBuffer* const area = &client->node->recvBuffer;
   if (area->received > 0) return;
@@ -285,7 +285,7 @@ static inline void mq_server_arm(const MqServerClient* client) {
 
 /* ---- Time ---- */
 
-/* Internal: milliseconds since the last observed progress of a client. A few bytes do not count as progress. */
+/* Internal: milliseconds since a client was last seen to make progress. A byte now and then is none. */
 static inline int64_t mq_server_quiet(const MqServer* server, MqServerClient* client) {
   const MQNode* const node = client->node;
   const uint32_t done = node->msgsRead + node->writesCompleted;
@@ -300,7 +300,7 @@ static inline int64_t mq_server_quiet(const MqServer* server, MqServerClient* cl
   return server->now - client->since;
 }
 
-/* Internal: why a client has to be dropped now, or null. */
+/* Internal: why a client is to be dropped now, or null. */
 static inline const char* mq_server_overdue(const MqServer* server, MqServerClient* client) {
   const MqServerLimits* const limits = &server->limits;
   const int64_t quiet = mq_server_quiet(server, client);
@@ -312,7 +312,7 @@ static inline const char* mq_server_overdue(const MqServer* server, MqServerClie
   return client->midway ? MQ_SERVER_TOO_SLOW : MQ_SERVER_IDLE;
 }
 
-/* Internal: release memory that a long message has taken. */
+/* Internal: give back what a long message has made large. */
 static inline void mq_server_shrink(MqServer* server) {
   PcfMessage* const fresh = server->in->raw.capacity > MQ_SERVER_AREA ? mqc_message_new(0) : NULL;
   if (fresh == NULL) return;
@@ -320,8 +320,8 @@ static inline void mq_server_shrink(MqServer* server) {
   server->in = fresh;
 }
 
-/* Internal: check all clients, at most ten times a second; once a second release memory and accept again. waited:
- * time-out of the last wait. */
+/* Internal: look at all clients, ten times a second at most; once a second give memory back and accept again.
+ * waited: the time that the wait could take. */
 static inline void mq_server_look(MqServer* server, int waited) {
   const int64_t passed = server->now - server->looked;
   if (passed < MQ_SERVER_LOOK_MSEC) return;
@@ -344,7 +344,7 @@ static inline void mq_server_look(MqServer* server, int waited) {
 
 /* ---- Places ---- */
 
-/* Internal: order clients by address, and within an address by turn. */
+/* Internal: order clients by address, those of one address by turn. */
 static inline int mq_server_compare(const void* a, const void* b) {
   const MqServerClient* const x = *(MqServerClient* const*)a;
   const MqServerClient* const y = *(MqServerClient* const*)b;
@@ -352,7 +352,7 @@ static inline int mq_server_compare(const void* a, const void* b) {
   return (x->turn > y->turn) - (x->turn < y->turn);
 }
 
-/* Internal: the client whose place a new one takes; null if all clients may keep theirs. */
+/* Internal: the client whose place a newcomer takes; null when none has had its place long enough. */
 static inline MqServerClient* mq_server_choose(MqServer* server) {
   MqServerClient** const sorted = server->others;
   int chosen = 0, most = 0, first = 0;
@@ -372,7 +372,7 @@ static inline MqServerClient* mq_server_choose(MqServer* server) {
   return server->count > 0 && sorted[chosen]->turn <= server->now ? sorted[chosen] : NULL;
 }
 
-/* Internal: drop the chosen client. Returns 1, or 0 if chosen is null. */
+/* Internal: drop the client that was chosen. 1; 0 when none was. */
 static inline int mq_server_make_room(MqServer* server, MqServerClient* chosen) {
   if (chosen == NULL) return 0;
   mq_server_drop(server, chosen, MQ_SERVER_PLACE_NEEDED);
@@ -380,7 +380,7 @@ static inline int mq_server_make_room(MqServer* server, MqServerClient* chosen) 
   return 1;
 }
 
-/* Internal: whether an address has its maximum number of clients. */
+/* Internal: whether an address has as many clients as it may have. */
 static inline int mq_server_is_crowded(const MqServer* server, in_addr_t address) {
   int same = 0;
   for (int i = 0; i < server->count; ++i) same += server->clients[i]->address == address;
@@ -389,8 +389,8 @@ static inline int mq_server_is_crowded(const MqServer* server, in_addr_t address
 
 /* ---- Accepting ---- */
 
-/* Internal: make a client of an accepted connection. Returns null, or why it is refused. chosen: the client that gives
- * way, or null. */
+/* Internal: why an accepted connection cannot become a client; null when it did. chosen: who makes room for it, or
+ * null. */
 static inline const char* mq_server_admit(MqServer* server, int index, MQNode* node, MqServerClient* chosen) {
   const in_addr_t address = inet_addr(node->sock.name.ip);
   if (mq_server_is_crowded(server, address)) return MQ_SERVER_NO_PLACE;
@@ -414,8 +414,8 @@ static inline const char* mq_server_admit(MqServer* server, int index, MQNode* n
   return NULL;
 }
 
-/* Internal: accept connections of a listening node, only one if the table is full. Connections that remain in the
- * accept queue make the next wait return at once. */
+/* Internal: accept what waits on a listening node; one connection when the table is full. Connections that stay in the
+ * queue make the next wait return at once. */
 static inline void mq_server_accept(MqServer* server, int index) {
   MQNode* const listener = server->added[index];
   MqServerClient* const chosen = server->count == server->limits.clients ? mq_server_choose(server) : NULL;
@@ -431,7 +431,7 @@ static inline void mq_server_accept(MqServer* server, int index) {
       return;
     }
     MQNode* const child = listener->child;
-    if (child == NULL) return; /* out of memory: the connection was closed */
+    if (child == NULL) return; /* no memory: the connection was closed */
     listener->child = NULL;
     const char* const why = mq_server_admit(server, index, child, i == 0 ? chosen : NULL);
     if (why == NULL) continue;
@@ -442,7 +442,7 @@ static inline void mq_server_accept(MqServer* server, int index) {
 
 /* ---- Reading ---- */
 
-/* Internal: bytes of the answers queued behind the oldest one, which may have any size. */
+/* Internal: bytes of answers that wait behind the oldest one, which may be of any size. */
 static inline uint64_t mq_server_waiting(const MQNode* node) {
   uint64_t bytes = 0;
   if (node->pending == NULL || node->pending->head == NULL) return 0;
@@ -452,8 +452,8 @@ static inline uint64_t mq_server_waiting(const MQNode* node) {
   return bytes;
 }
 
-/* Internal: the length that the header in a client's receive area announces. The header is in the sender's byte order,
- * which its first word, its own length, reveals. */
+/* Internal: the length that the header in a client's receive area announces. The header is as its sender wrote it: its
+ * first word, which is its own length, tells in which byte order. */
 static inline uint32_t mq_server_announced(const MqServerClient* client) {
   const IoBuffer* const area = &client->node->recvBuffer;
   const uint32_t size = client->secure ? sizeof(SecureHeader) : sizeof(MsgHeader);
@@ -465,22 +465,22 @@ static inline uint32_t mq_server_announced(const MqServerClient* client) {
   return first == size ? length : __builtin_bswap32(length);
 }
 
-/* Internal: handle a read without a message. Returns 1 if the next message can be read. */
+/* Internal: a read gave no message. 1 when the next one can be read. */
 static inline int mq_server_read_failed(MqServer* server, MqServerClient* client) {
   const MQNode* const node = client->node;
   const int gone = node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
   const int whole = node->error == MQ_BAD_BODY || node->error == MQ_NOT_AUTHENTIC;
   const int midway = node->sock.bytesReceived != client->whole || node->pending != NULL;
   const char* why = !gone ? mq_error_name(node->error) : midway ? MQ_SERVER_LEFT_MIDWAY : NULL;
-  if (node->error == MQ_AGAIN) return 0; /* the node keeps what has arrived, and the next read continues */
+  if (node->error == MQ_AGAIN) return 0; /* the node keeps what it has, the next read goes on */
   if (why != NULL && server->events.failed != NULL) why = server->events.failed(server, client, why);
   if (whole) client->whole = node->sock.bytesReceived;
   if (!whole || why != NULL) mq_server_drop(server, client, why);
   return !client->leaving;
 }
 
-/* Internal: read what has arrived of a client's message, the header first, and deliver it when it is complete. Returns
- * 1 if another message may be there. */
+/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when there may
+ * be another one. */
 static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   MQNode* const node = client->node;
   if (!(client->secure ? mnSReadMsg(node) : mnReadMsg(node))) return mq_server_read_failed(server, client);
@@ -495,7 +495,7 @@ static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   return !client->leaving && node->openState;
 }
 
-/* Internal: read the messages that a client is allowed in this round. */
+/* Internal: read the messages that a client may have in this round. */
 static inline void mq_server_read_some(MqServer* server, MqServerClient* client) {
   if (mq_server_waiting(client->node) > server->limits.waitingBytes) {
     if (!server->limits.pauses) mq_server_drop(server, client, MQ_SERVER_TAKES_NO_ANSWERS);
@@ -506,7 +506,7 @@ static inline void mq_server_read_some(MqServer* server, MqServerClient* client)
   }
 }
 
-/* Internal: during mq_server_end, discard what a client still sends, until it has closed. */
+/* Internal: at the end of a server, read what a client still sends and forget it, until the client has closed. */
 static inline void mq_server_drain(MqServer* server, MqServerClient* client) {
   char unread[16384];
   const ssize_t got = recv(client->node->sock.fd, unread, sizeof unread, MSG_DONTWAIT);
@@ -516,11 +516,11 @@ static inline void mq_server_drain(MqServer* server, MqServerClient* client) {
 
 /* ---- The server ---- */
 
-/* mq_server_open - create a server without nodes.
+/* mq_server_open - make a server without nodes.
  *   limits   in   copied
  *   events   in   copied
- *   data     in   initial value of server->data
- * Result   1; 0 if out of memory. Call mq_server_close in both cases */
+ *   data     in   what server->data is set to
+ * Result   1; 0 without memory. mq_server_close is called in both cases */
 static inline int mq_server_open(MqServer* server, const MqServerLimits* limits, const MqServerEvents* events,
                                  void* data) {
   memset(server, 0, sizeof *server);
@@ -531,7 +531,7 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
   server->reading = 1;
   server->accepting = 1;
   server->now = server->looked = mq_clock();
-  const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, including its terminator */
+  const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, its end included */
   server->clients = (MqServerClient**)calloc((size_t)entries, sizeof *server->clients);
   server->others = (MqServerClient**)calloc((size_t)entries, sizeof *server->others);
   server->records = (MqServerClient*)calloc((size_t)entries, sizeof *server->records);
@@ -550,7 +550,7 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
 }
 
 /* mq_server_add - serve a listening node, or wait for a datagram node.
- *   node     in   from a creator, whose failure is reported here; may be null. It is made non-blocking and remains the
+ *   node     in   from a creator, whose failure is reported here; may be null. It is made non-blocking and stays the
  *                 caller's, who deletes it after mq_server_close
  *   secure   in   1: the clients of this node send signed messages; 0: plain ones
  * Result   1; 0 after a failure, with the reason in node->error: ENOMEM for the ninth node */
@@ -560,7 +560,7 @@ static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
     node->error = ENOMEM;
     return 0;
   }
-  const uint32_t size = server->limits.socketBytes; /* inherited by accepted sockets */
+  const uint32_t size = server->limits.socketBytes; /* accepted sockets take it over */
   if (!NoblockSocket(&node->sock) ||
       (node->role == MQ_ROLE_LISTEN &&
        ((size > 0 && !mnSetBufferSize(node, size)) || !ListenSocket(&node->sock, server->limits.backlog)))) {
@@ -572,13 +572,13 @@ static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
   return 1;
 }
 
-/* Internal: whether a client is left out of the wait, because its bytes are not to be read. */
+/* Internal: whether a client is left out of the wait, which would list it as readable. */
 static inline int mq_server_is_paused(const MqServer* server, const MqServerClient* client) {
   if (server->ending) return 0;
   return !server->reading || (server->limits.pauses && mq_server_waiting(client->node) > server->limits.waitingBytes);
 }
 
-/* Internal: wait once. Returns 0 if waiting failed; else the lists contain what is ready, if anything. */
+/* Internal: one wait. 0 when waiting is not possible; else the lists are filled, or empty. */
 static inline int mq_server_wait(MqServer* server, int msec) {
   MQNode** end = server->nodes;
   int paused = !server->reading;
@@ -600,14 +600,14 @@ static inline int mq_server_wait(MqServer* server, int msec) {
   return ready || server->status == SOCK_WAIT_TIMEOUT || server->status == EINTR;
 }
 
-/* Internal: the client with this node, unless it was dropped; null for nodes passed to mq_server_add. */
+/* Internal: the client with this node, unless it was dropped; null for a node that was added. */
 static inline MqServerClient* mq_server_client_of(const MqServer* server, const MQNode* node) {
   const int at = mq_server_place(server, node);
   MqServerClient* const client = at < server->count ? server->clients[at] : NULL;
   return client != NULL && client->node == node && !client->leaving && node->openState ? client : NULL;
 }
 
-/* Internal: finish the writes of a node. client: null for nodes passed to mq_server_add. */
+/* Internal: finish the writes of a node. client: null for a node that was added. */
 static inline void mq_server_finish_writes(MqServer* server, MQNode* node, MqServerClient* client) {
   if (mnFinishWrite(node)) return;
   const char* const why = mq_error_name(mq_node_cause(node, NULL));
@@ -619,7 +619,7 @@ static inline void mq_server_finish_writes(MqServer* server, MQNode* node, MqSer
   mq_server_drop(server, client, why);
 }
 
-/* Internal: finish writes and read, as the lists of the wait say; finish the writes of paused clients. */
+/* Internal: finish the writes, and read, of the nodes that the wait has listed; finish those of paused clients. */
 static inline void mq_server_transfer(MqServer* server) {
   for (int i = 0; i < server->count; ++i) {
     MqServerClient* const client = server->clients[i];
@@ -642,8 +642,8 @@ static inline void mq_server_transfer(MqServer* server) {
 }
 
 /* mq_server_round - wait once and do what is due: finish writes, read messages, drop clients, accept.
- *   msec   in   upper bound of the wait; a signal ends it early. More than 1000 delays the rules on time
- * Result   1; 0 if waiting failed: server->status says why */
+ *   msec   in   of the wait at most; a signal ends it early. More than 1000 delays the rules on time
+ * Result   1; 0 when waiting is not possible: server->status says why */
 static inline int mq_server_round(MqServer* server, int msec) {
   mq_server_sweep(server);
   if (!mq_server_wait(server, msec)) return 0;
@@ -658,10 +658,10 @@ static inline int mq_server_round(MqServer* server, int msec) {
   return 1;
 }
 
-/* mq_server_end - end gracefully: accept and read nothing more, send the queued answers, shut down the sending sides,
+/* mq_server_end - end in order: accept and read nothing more, send the answers that wait, shut the sending side down,
  * and wait until the clients have closed. Only mq_server_close may follow.
- *   msec   in   upper bound of all this, after which the remaining clients are dropped
- * Result   1 if all answers were sent, and each client closed after that; else 0 */
+ *   msec   in   for all of this. The clients that are left then are dropped
+ * Result   1 all answers were sent, and each client closed after that; 0 not */
 static inline int mq_server_end(MqServer* server, int msec) {
   const int64_t until = mq_clock() + msec;
   int taken = 1;
@@ -686,7 +686,7 @@ static inline int mq_server_end(MqServer* server, int msec) {
   return taken;
 }
 
-/* mq_server_close - drop the remaining clients and release everything except the nodes that were added. A second call
+/* mq_server_close - drop the clients that are left and release everything but the nodes that were added. A second call
  * does nothing. */
 static inline void mq_server_close(MqServer* server) {
   for (int i = 0; i < server->count; ++i) mq_server_drop(server, server->clients[i], NULL);

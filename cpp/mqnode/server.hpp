@@ -11,8 +11,8 @@
 //   while (!stop && server.round(1s)) continue;
 //   server.end(2s);
 //
-// server.h has the rules and the limits. Each operation is the C function that its comment names, and noexcept. Added
-// nodes belong to the application, and must outlive the last round.
+// server.h has the rules and the limits. Each operation is the C function that its comment names, and noexcept. The
+// nodes that are added belong to the application, and live until the last round is over.
 #ifndef MQNODE_MQNODE_SERVER_HPP
 #define MQNODE_MQNODE_SERVER_HPP
 
@@ -30,7 +30,7 @@ class ServerClient {
 
   MqServerClient* get() const noexcept { return pointer_; }
   MqServerClient& record() const noexcept { return *pointer_; }
-  // node(): its node; write to it, do not read from it. origin(): the listening node that accepted it.
+  // Its node: write to it, do not read from it. The listening node that accepted it.
   NodeRef node() const noexcept { return pointer_->node; }
   const MQNode* origin() const noexcept { return pointer_->origin; }
   // The application's pointer; null at first.
@@ -53,7 +53,7 @@ class Server {
     failed_ = mq_server_open(&server_, &limits, &events, this) == 0;
     server_.log = on_log;
   }
-  // Remaining clients are released without dropped() and log(), as the derived class is gone: call close() before.
+  // Clients that are left are released without dropped() and log(), whose class is gone by then: call close() before.
   virtual ~Server() {
     server_.events.dropped = nullptr;
     server_.log = mq_server_print;
@@ -62,7 +62,7 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // True if out of memory: only destruction is allowed then.
+  // Whether there was no memory for the server: only destroying is allowed then.
   bool failed() const noexcept { return failed_; }
   MqServer& record() noexcept { return server_; }
   int size() const noexcept { return server_.count; }
@@ -78,9 +78,9 @@ class Server {
     const int waited = mq_server_round(&server_, detail::to_int(time));
     return {waited, waited != 0 ? MQ_OK : server_.status, MQ_IN_STATUS};
   }
-  // mq_server_end. True if all answers were sent, and each client closed after that.
+  // mq_server_end. True: all answers were sent, and each client closed after that.
   bool end(std::chrono::milliseconds time) noexcept { return mq_server_end(&server_, detail::to_int(time)) != 0; }
-  // mq_server_close. Only destruction, or another close(), may follow.
+  // mq_server_close. Only destroying, or another close(), may follow.
   void close() noexcept { mq_server_close(&server_); }
   // mq_server_drop, mq_server_say.
   void drop(ServerClient client, const char* why) noexcept { mq_server_drop(&server_, client.get(), why); }
@@ -95,7 +95,7 @@ class Server {
   virtual void dropped(ServerClient, const char*) noexcept {}
   virtual void ready(NodeRef) noexcept {}
   virtual const char* failed(ServerClient, const char* why) noexcept { return why; }
-  // Prints a line of the log, which has no newline.
+  // A line of the log, without its end.
   virtual void log(const char* line) noexcept { mq_server_print(&server_, line); }
 
   // What message() returns after a write.

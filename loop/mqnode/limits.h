@@ -1,10 +1,10 @@
-/* limits.h - limits of nodes in an event loop, for mqnode/uv.h and mqnode/asio.hpp. For C11 and C++17. */
+/* limits.h - limits of the nodes in an event loop, for mqnode/uv.h and mqnode/asio.hpp. For C11 and C++17. */
 #ifndef MQNODE_MQNODE_LIMITS_H
 #define MQNODE_MQNODE_LIMITS_H
 
 #include <stdint.h>
 
-/* mq_loop_limits sets the defaults, given in parentheses. */
+/* The defaults, in brackets, are those of mq_loop_limits. */
 typedef struct MqLoopLimits {
   uint32_t messageBytes;    /* bytes of a message without its header or envelope (65536); longer ones are refused */
   uint32_t messagesPerTurn; /* messages that a node reads before other nodes have their turn (16) */

@@ -7,13 +7,13 @@
  *   Readiness   level-triggered. A node never receives bytes beyond the message that it reads, so an engine may return
  *               to its loop after any call: what is left is reported again
  *   Fairness    mq_step_turn begins a turn of a node that is readable. mq_step_read and mq_step_accept return
- *               MQ_STEP_WAIT when the node has used its share of the turn. A node that had one message and no second
- *               one reads one message a turn for a while, which saves a system call per message
+ *               MQ_STEP_WAIT when the share of this turn is used. A node that had one message and no second one reads
+ *               one message a turn for a while, which saves a system call per message
  *   Writing     pass the result of each write function of compose.h to mq_step_wrote. Writes complete in order;
  *               mq_step_completed counts them. Call mq_step_flush when the node is writable
- *   Marks       while more than highBytes are queued, a node is not read until no more than lowBytes are left
- *   Accepting   without a descriptor or memory mq_step_accept returns MQ_STEP_FULL, and mq_step_wants returns 0 for the
- *               listening node. Call mq_step_resume a moment later, and when a connection was closed
+ *   Marks       a node is not read while more than highBytes are queued, until no more than lowBytes are left
+ *   Accepting   without a descriptor or memory mq_step_accept returns MQ_STEP_FULL, and the listening node waits for
+ *               nothing. Call mq_step_resume a moment later, and when a connection was closed
  *   Ending      mq_step_begin_end, then mq_step_end, as mqnode/finish.h documents. The engine limits the time
  *   Closing     stop waiting for the descriptor, then call mq_step_close. A callback may do so in the middle of a turn:
  *               check the phase after each callback, and release the node and the step only after the turn */
@@ -36,17 +36,17 @@
 
 enum {
   MQ_STEP_AREA = 16520,      /* bytes of a node's first receive area */
-  MQ_STEP_SINGLE_TURNS = 15, /* turns of one message, after an attempt to read a second one failed */
-  MQ_STEP_CONFIRM_MSEC = 10  /* until the next mq_step_end if it waits for nothing */
+  MQ_STEP_SINGLE_TURNS = 15, /* of one message, after a second look that found nothing */
+  MQ_STEP_CONFIRM_MSEC = 10  /* before mq_step_end is called again when it waits for nothing */
 };
 
 /* Results of the functions below. */
 enum {
-  MQ_STEP_FAILED = 0, /* close the node; step->error says why */
+  MQ_STEP_FAILED = 0, /* step->error says why: the node cannot go on, close it */
   MQ_STEP_DONE = 1,   /* done */
   MQ_STEP_WAIT = 2,   /* not yet: wait for mq_step_wants */
-  MQ_STEP_LOST = 3,   /* a datagram or a connection was lost; step->error says why: call again */
-  MQ_STEP_FULL = 4    /* no descriptor or memory to accept with; step->error: call mq_step_resume later */
+  MQ_STEP_LOST = 3,   /* step->error says why one datagram or one connection was lost: call again */
+  MQ_STEP_FULL = 4    /* no descriptor or no memory for a connection: step->error; mq_step_resume later */
 };
 
 /* Results of mq_step_wants. */
@@ -64,21 +64,21 @@ typedef struct MqStep {
   const MqLoopLimits* limits;
   int secure;         /* 1: signed messages; 0: plain ones */
   int phase;          /* MQ_STEP_OPEN ... */
-  int error;          /* of the last result except DONE and WAIT */
-  int paused;         /* 1: the engine or its application accepts no messages */
-  int held;           /* 1: not read, because too much is queued, or unable to accept */
-  int accepted;       /* 1: accepted by a listening node */
-  uint32_t left;      /* messages or connections left in this turn */
-  uint32_t got;       /* messages read in this turn */
-  uint32_t single;    /* next turns in which to read a single message */
+  int error;          /* of the last result other than DONE and WAIT */
+  int paused;         /* 1: the engine or its application wants no messages */
+  int held;           /* 1: too much is queued to read, or nothing is left to accept with */
+  int accepted;       /* 1: a listening node accepted it */
+  uint32_t left;      /* of this turn: messages or connections */
+  uint32_t got;       /* in this turn */
+  uint32_t single;    /* coming turns of one message */
   uint64_t whole;     /* bytes received until the end of the last message */
   uint64_t taken;     /* writes that were sent or queued */
-  uint64_t sentAtEnd; /* the node's bytesSent once its queue is empty */
+  uint64_t sentAtEnd; /* the node's bytesSent when its queue will be empty */
   uint64_t moved;     /* bytes sent and received when progress was last seen */
   int64_t since;      /* milliseconds: when progress was last seen */
-  uint32_t done;      /* messages read and written at that time */
-  int midway;         /* at that time, in a message or with queued writes */
-  MqFinish finish;    /* state of an end */
+  uint32_t done;      /* messages read and written then */
+  int midway;         /* in a message or with queued writes then */
+  MqFinish finish;    /* of an end */
 } MqStep;
 
 static inline int mq_step_fail(MqStep* step, int code) {
@@ -90,7 +90,7 @@ static inline int mq_step_is_stream(const MqStep* step) { return step->node->soc
 
 /* ---- Begin ---- */
 
-/* Internal: recount the bytes in the queue: at the beginning, and after a queued datagram was dropped. */
+/* Internal: count the bytes of the queue anew: at first, and after one of its datagrams was dropped. */
 static inline void mq_step_recount(MqStep* step) {
   Queue* const queue = step->node->pending;
   const IoBuffer* write;
@@ -100,8 +100,8 @@ static inline void mq_step_recount(MqStep* step) {
   while ((write = (const IoBuffer*)Qnext(queue)) != NULL) step->sentAtEnd += write->length - write->sent;
 }
 
-/* mq_step_trim - prepare the receive area of a node that is between two messages for the next one. An area that was
- * enlarged for a long message is replaced; if out of memory, the next read fails. */
+/* mq_step_trim - arm the receive area of a node that is between two messages for the next one. An area that a long
+ * message has made large is replaced; without memory the next read fails. */
 static inline void mq_step_trim(MqStep* step) {
   IoBuffer* const area = &step->node->recvBuffer;
   if (area->received > 0) return;
@@ -111,9 +111,9 @@ static inline void mq_step_trim(MqStep* step) {
   if (area->capacity > 0) ResetBuffer(area, mq_step_is_stream(step) ? header : area->capacity);
 }
 
-/* mq_step_begin - take over a node, which becomes non-blocking.
+/* mq_step_begin - take a node in: it becomes non-blocking.
  *   limits   in   must outlive the step
- *   now      in   milliseconds of a monotonic clock
+ *   now      in   milliseconds of a clock that only goes forward
  * Result   MQ_STEP_DONE or MQ_STEP_FAILED */
 static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const MqLoopLimits* limits, int64_t now) {
   memset(step, 0, sizeof *step);
@@ -133,8 +133,8 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
 }
 
-/* mq_step_listen - apply the limits to a listening node: an accept queue of backlog connections, which the system may
- * shorten, and buffers of socketBytes. */
+/* mq_step_listen - let a listening node accept within its limits: with an accept queue of backlog connections, which
+ * the system may shorten, and buffers of socketBytes. */
 static inline int mq_step_listen(MqStep* step, int backlog) {
   SockRec* const sock = &step->node->sock;
   const uint32_t size = step->limits->socketBytes;
@@ -142,8 +142,8 @@ static inline int mq_step_listen(MqStep* step, int backlog) {
   return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
 }
 
-/* mq_step_connect - begin to connect a node or, once it is writable, find out whether it is connected. The first call
- * blocks during a name lookup. */
+/* mq_step_connect - begin to connect a node, or see whether its connect has ended, when it is writable.
+ * The first call blocks while a name is looked up. */
 static inline int mq_step_connect(MqStep* step) {
   MQNode* const node = step->node;
   int code = 0;
@@ -168,7 +168,7 @@ static inline int mq_step_connect(MqStep* step) {
 
 /* ---- Wait ---- */
 
-/* mq_step_wants - readiness to wait for: MQ_STEP_READABLE, MQ_STEP_WRITABLE, both or 0. */
+/* mq_step_wants - for which readiness to wait: MQ_STEP_READABLE, MQ_STEP_WRITABLE, both or 0. */
 static inline int mq_step_wants(const MqStep* step) {
   const int write = step->node->pending != NULL ? MQ_STEP_WRITABLE : 0;
   switch (step->phase) {
@@ -184,7 +184,7 @@ static inline int mq_step_wants(const MqStep* step) {
   }
 }
 
-/* mq_step_turn - begin a turn of a readable node. */
+/* mq_step_turn - begin a turn of a node that is readable. */
 static inline void mq_step_turn(MqStep* step) {
   const uint32_t share =
       step->node->role == MQ_ROLE_LISTEN ? step->limits->acceptsPerTurn : step->limits->messagesPerTurn;
@@ -198,8 +198,8 @@ static inline void mq_step_resume(MqStep* step) { step->held = 0; }
 
 /* ---- Accept ---- */
 
-/* Internal: why nothing was accepted. The system allocates a descriptor before it looks for a connection, so the error
- * may occur without a connection. */
+/* Internal: why nothing was accepted. The system asks for a descriptor before it looks for a connection: when none is
+ * left, it may be that none is wanted. */
 static inline int mq_step_accept_failed(MqStep* step) {
   struct pollfd state = {step->node->sock.fd, POLLIN, 0};
   step->error = step->node->error;
@@ -225,8 +225,8 @@ static inline int mq_step_accept_failed(MqStep* step) {
 }
 
 /* mq_step_accept - accept one connection of a listening node.
- *   child   out   with MQ_STEP_DONE a node for mq_step_begin, owned by the caller, with TCP_NODELAY; else null
- * Result   any of the five */
+ *   child   out   the caller's with MQ_STEP_DONE, else null; for mq_step_begin. Its writes are not delayed
+ * Result   each of the five */
 static inline int mq_step_accept(MqStep* step, MQNode** child) {
   MQNode* const node = step->node;
   *child = NULL;
@@ -245,12 +245,12 @@ static inline int mq_step_accept(MqStep* step, MQNode** child) {
 
 /* ---- Read ---- */
 
-/* mq_step_is_cut - whether only part of a message has arrived. */
+/* mq_step_is_cut - whether a part of a message has arrived and the rest has not. */
 static inline int mq_step_is_cut(const MqStep* step) {
   return mq_step_is_stream(step) && step->node->sock.bytesReceived != step->whole;
 }
 
-/* Internal: the length that the header in the receive area announces, in the byte order given by its first word. */
+/* Internal: the length that the header in the receive area announces, in the byte order that its first word tells. */
 static inline uint32_t mq_step_announced(const MqStep* step) {
   const IoBuffer* const area = &step->node->recvBuffer;
   const uint32_t size = step->secure ? (uint32_t)sizeof(SecureHeader) : (uint32_t)sizeof(MsgHeader);
@@ -262,7 +262,7 @@ static inline uint32_t mq_step_announced(const MqStep* step) {
   return first == size ? length : __builtin_bswap32(length);
 }
 
-/* Internal: handle a read without a message. */
+/* Internal: a read gave no message. */
 static inline int mq_step_read_failed(MqStep* step) {
   const int code = step->node->error;
   if (code == MQ_AGAIN) {
@@ -280,7 +280,8 @@ static inline int mq_step_read_failed(MqStep* step) {
  *   in   in/out   receives the message
  * Result   MQ_STEP_DONE a message; MQ_STEP_WAIT none now; MQ_STEP_LOST a datagram was not a message; MQ_STEP_FAILED:
  *          EMSGSIZE the message is longer than messageBytes; 9004 the peer has closed (mq_step_is_cut: in the middle
- *          of a message); another code of mnRead or mnSRead. After 9004, mq_step_end can still send queued answers */
+ *          of a message); another code of mnRead or mnSRead. With 9004 answers that are queued can still be sent:
+ *          mq_step_end */
 static inline int mq_step_read(MqStep* step, PcfMessage* in) {
   MQNode* const node = step->node;
   if (step->held || step->paused || step->left == 0) return MQ_STEP_WAIT;
@@ -297,17 +298,17 @@ static inline int mq_step_read(MqStep* step, PcfMessage* in) {
 
 /* ---- Write ---- */
 
-/* mq_step_queued - bytes of writes in the node's queue. */
+/* mq_step_queued - bytes of writes that wait in the node's queue. */
 static inline uint64_t mq_step_queued(const MqStep* step) {
   return step->node->pending != NULL ? step->sentAtEnd - step->node->sock.bytesSent : 0;
 }
 
-/* mq_step_completed - writes that are no longer queued: write number n is complete once this is n or more. */
+/* mq_step_completed - writes that are no longer queued: the taken-th write is done when this reaches its number. */
 static inline uint64_t mq_step_completed(const MqStep* step) {
   return step->taken - (uint64_t)Qdepth(step->node->pending);
 }
 
-/* mq_step_may_write - whether another write may be queued: 1, or 0 with -1111 in step->error and node->error. */
+/* mq_step_may_write - whether another write may be queued. 1; else 0 with -1111 in step->error and node->error. */
 static inline int mq_step_may_write(MqStep* step) {
   if (mq_step_queued(step) <= step->limits->queueBytes) return 1;
   step->error = step->node->error = MQ_WRITE_LIMIT;
@@ -315,9 +316,9 @@ static inline int mq_step_may_write(MqStep* step) {
 }
 
 /* mq_step_wrote - account for a write to the node.
- *   result   in   of the write function, such as mnWrite, that has just returned
- * Result   MQ_STEP_DONE the write is number step->taken; MQ_STEP_LOST it was refused, or was a datagram that could not
- *          be sent: nothing else has changed; MQ_STEP_FAILED the connection has failed */
+ *   result   in   of mnWrite or another write function, which has just returned
+ * Result   MQ_STEP_DONE the write is number step->taken; MQ_STEP_LOST it was refused, or a datagram that could not be
+ *          sent: nothing else changes; MQ_STEP_FAILED the connection has failed */
 static inline int mq_step_wrote(MqStep* step, int result) {
   const MQNode* const node = step->node;
   if (!result) {
@@ -352,14 +353,14 @@ static inline int mq_step_flush(MqStep* step) {
 
 /* ---- Time ---- */
 
-/* mq_step_owes - whether the peer has to make progress: it is in the middle of a message, does not read what is queued,
- * or was accepted and has not sent a message yet. */
+/* mq_step_owes - whether a peer has to go on: it is in the middle of a message, does not take what is queued, or was
+ * accepted and has sent no message yet. */
 static inline int mq_step_owes(const MqStep* step) {
   return step->node->pending != NULL || mq_step_is_cut(step) ||
          (step->accepted && step->node->msgsRead == 0 && step->limits->firstMsec > 0);
 }
 
-/* mq_step_progress - note progress after a turn: a message begun, read or sent, or progressBytes of one. */
+/* mq_step_progress - note progress after a turn: a message read or sent, or begun, or progressBytes of one. */
 static inline void mq_step_progress(MqStep* step, int64_t now) {
   const MQNode* const node = step->node;
   const uint32_t done = node->msgsRead + node->writesCompleted;
@@ -372,7 +373,7 @@ static inline void mq_step_progress(MqStep* step, int64_t now) {
   step->since = now;
 }
 
-/* mq_step_deadline - time at which a node is overdue, on the clock of mq_step_progress; INT64_MAX: never. */
+/* mq_step_deadline - when a node is overdue, in milliseconds of the clock of mq_step_progress; INT64_MAX: never. */
 static inline int64_t mq_step_deadline(const MqStep* step) {
   const int midway = step->node->pending != NULL || mq_step_is_cut(step);
   const int first = !midway && mq_step_owes(step);
@@ -382,19 +383,19 @@ static inline int64_t mq_step_deadline(const MqStep* step) {
 
 /* ---- End ---- */
 
-/* mq_step_begin_end - allow no more reads and writes. Lingering is switched off, so that what the system has accepted
- * is sent even if the node is closed before the end.
+/* mq_step_begin_end - let no read and no write follow; lingering is switched off, so that what the system has taken is
+ * sent even if the node is closed before the end.
  *   step   in/out   neither connecting nor listening */
 static inline void mq_step_begin_end(MqStep* step) {
   SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
   if (mq_step_is_stream(step)) SetSocketOptions(&step->node->sock, &noLinger);
   step->phase = MQ_STEP_ENDING;
-  step->finish.events = POLLOUT; /* the first mq_step_end is due at once */
+  step->finish.events = POLLOUT; /* the first call is due at once */
 }
 
-/* mq_step_end - continue the end when the node is ready. A datagram node is only flushed.
+/* mq_step_end - go on with the end, when the node is ready. A datagram node is only flushed.
  * Result   MQ_STEP_DONE the peer's system has received all bytes, and the peer has closed: close the node.
- *          MQ_STEP_WAIT: if mq_step_wants is 0, call again after MQ_STEP_CONFIRM_MSEC.
+ *          MQ_STEP_WAIT: when mq_step_wants is 0, call again after MQ_STEP_CONFIRM_MSEC.
  *          MQ_STEP_LOST a queued datagram was dropped: call again.
  *          MQ_STEP_FAILED: it is not known what the peer has received */
 static inline int mq_step_end(MqStep* step) {
@@ -404,7 +405,7 @@ static inline int mq_step_end(MqStep* step) {
   return result ? MQ_STEP_DONE : mq_step_fail(step, mq_node_cause(step->node, NULL));
 }
 
-/* mq_step_close - close the node. The engine deletes its record. A second call does nothing. */
+/* mq_step_close - close the node. Its record stays until the engine deletes it. Nothing happens the second time. */
 static inline void mq_step_close(MqStep* step) {
   if (step->phase == MQ_STEP_CLOSED) return;
   step->phase = MQ_STEP_CLOSED;

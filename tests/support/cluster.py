@@ -152,7 +152,7 @@ class Nats:
                 return json.loads(answer) if answer else {"error": headers}
 
     def messages(self, stream):
-        """Returns headers and body of each message of a stream."""
+        """All messages of a stream: headers and body."""
         found = []
         for sequence in range(1, self.call(f"$JS.API.STREAM.INFO.{stream}")["state"]["last_seq"] + 1):
             message = self.call(f"$JS.API.STREAM.MSG.GET.{stream}", {"seq": sequence})["message"]

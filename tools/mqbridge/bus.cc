@@ -126,7 +126,7 @@ std::string HeaderOf(const natsMsg* msg, const char* name) {
 
 Bus::Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed)
     : options_(options), changed_(std::move(changed)), poller_(loop) {
-  MakeOptions(options);  // reports invalid options before anything else happens
+  MakeOptions(options);  // what is wrong with them is told before anything else happens
   uv_async_init(loop, &wake_, OnWake);
   wake_.data = this;
 }

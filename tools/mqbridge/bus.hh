@@ -45,13 +45,13 @@ class Bus {
  public:
   using OnMessage = std::function<void(NatsMsg)>;
 
-  // changed: called in the loop when the connection was lost or restored.
+  // changed: the connection was lost or is there again; runs in the loop.
   Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed);
   ~Bus();
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  // Connects for the first time. Blocks for up to two seconds per server. Returns why it failed; empty on success.
+  // The first connection. Blocks for up to two seconds for each server. Result: empty, or why it failed.
   std::string Connect();
 
   bool up() const { return connection_ != nullptr && natsConnection_Status(connection_) == NATS_CONN_STATUS_CONNECTED; }
