@@ -46,4 +46,7 @@ bool CheckSeal(const uint8_t* seal, int64_t now, ErrorText error);
 // Decrypts a message of length bytes, which its seal follows, in place. After a failure nothing was decrypted.
 bool Open(uint8_t* message, uint32_t length, Bound bound, int64_t now, ErrorText error);
 
+// The same with the key of a signer, whether or not its last day is over.
+bool OpenWith(const MqcSigner& signer, uint8_t* message, uint32_t length, Bound bound, ErrorText error);
+
 }  // namespace mqc
