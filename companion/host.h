@@ -373,8 +373,8 @@ MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
  *                    decrypted in place and remain in their sender's form; the other bytes do not change
  *   length   in      number of bytes
  * Only the seal is checked. The signature, the time and replays are not, so success does not show who sent the message.
- * Result   1; 0 with an error text: not sealed, sealed for another user or key, or changed. The message is unchanged
- *          then */
+ * Result   1; 0 with an error text: the message is not sealed, or sealed for another user, and is unchanged; or it was
+ *          changed or sealed for another key of the user, and header and body are all zero */
 MQ_RUNTIME int mqc_open_captured(const MqcSigner* signer, uint8_t* message, uint32_t length, char* error, size_t size);
 
 /* mqc_sign_error - get the reason of the last failure of mqc_sign on this thread, which a write reports as error -1000;
