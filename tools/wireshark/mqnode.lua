@@ -1,8 +1,9 @@
 -- mqnode.lua - takes mqnode messages apart in Wireshark and tshark, on TCP and UDP.
 --
 -- What it shows: plain messages and signed ones, of senders of either byte order and character set; every header field,
--- the parameters by type, the trailer of a signature; of a sealed message, which is encrypted, for whom it is. Where a rule is broken, the first rule in the order in which a
--- reader checks them, with the error code that the reader reports (field mqnode.error).
+-- the parameters by type, the trailer of a signature. Of a sealed message, which is encrypted, the user that it is
+-- sealed for. Where a rule is broken, the first rule in the order in which a reader checks them, with the error code
+-- that the reader reports (field mqnode.error).
 -- Not here: the check of the signature itself, which needs the sender's public key.
 -- Invariant: no byte is read before Held said that it was captured; lengths come from the wire and are never trusted.
 --
@@ -640,7 +641,7 @@ local function ShowColumns(pinfo, texts)
   pinfo.cols.info:fence()
 end
 
--- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) when it
+-- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) if it
 -- does not reassemble, or when packets were cut.
 local function AskForMore(tvb, at, pinfo, shape)
   local lacking = (shape.need or shape.total or 0) - (tvb:len() - at)
