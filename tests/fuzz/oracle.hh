@@ -1,6 +1,8 @@
 // oracle.hh - the expected fate of a message, whose signature, if any, is alice's and valid if it is all zeros.
 #pragma once
 
+#include <sodium.h>
+
 #include <cstring>
 #include <optional>
 #include <set>
@@ -63,12 +65,21 @@ inline std::vector<uint8_t> Native(Bytes plain) {
   return record.raw();
 }
 
+// Opens a sealed message whose tag is zero as if it were not encrypted. The key in the seal must be valid.
+inline std::string OpenZeroTag(std::span<uint8_t> message) {
+  const uint8_t* const seal = message.last(kTrailer + kSeal).data();
+  const uint8_t secret[32] = {1};
+  uint8_t shared[32];
+  return sodium_is_zero(seal + 48, 16) && crypto_scalarmult(shared, secret, seal + 16) == 0 ? "" : "the seal is broken";
+}
+
 // The rules that a whole message or a datagram breaks, according to mqcat decode.
-inline std::set<std::string> BrokenRules(Bytes message) {
+inline std::set<std::string> BrokenRules(Bytes message, const mqcat::MessageOpener& opener = {}) {
   std::set<std::string> rules;
-  mqcat::DecodeDatagram(message, [&rules](const mqcat::Piece& piece) {
+  const auto add = [&rules](const mqcat::Piece& piece) {
     for (const mqcat::Fault& fault : piece.faults) rules.emplace(fault.rule);
-  });
+  };
+  mqcat::DecodeDatagram(message, add, opener);
   return rules;
 }
 
@@ -78,16 +89,21 @@ inline bool IsSealed(Bytes message) {
   return (message[0] == 0 ? __builtin_bswap32(version) : version) == 2;
 }
 
-// Whether a reader must accept a new signed message. Nothing if that depends on the sealed content, or if a text field
-// is not zero-filled, which is a fault in the user but allowed in the program's name.
+// Whether a reader must accept a new signed message, which may be sealed for alice. Nothing if a text field is not
+// zero-filled, which is a fault in the user but allowed in the program's name.
 inline std::optional<bool> IsAcceptable(Bytes message) {
   const Bytes trailer = message.last(kTrailer), signature = trailer.subspan(kAtSignature);
   uint64_t time;
   memcpy(&time, trailer.data() + kAtTime, sizeof time);
   const bool fresh = __builtin_bswap64(time) - (kPresent - kWindow) <= uint64_t{2 * kWindow};
   if (!fresh || std::count(signature.begin(), signature.end(), 0) != std::ssize(signature)) return false;
-  if (IsSealed(message)) return std::nullopt;
-  std::set<std::string> broken = BrokenRules(message);
+  if (IsSealed(message)) {
+    const size_t behind = kTrailer + kSeal;
+    const char recipient[12] = "alice";
+    if (message.size() < kEnvelope + kHeader + behind) return false;
+    if (memcmp(message.last(behind).data(), recipient, sizeof recipient) != 0) return false;
+  }
+  std::set<std::string> broken = BrokenRules(message, {"alice", OpenZeroTag});
   std::erase_if(broken, [](const std::string& rule) {  // the body is not parsed before verification
     return rule.starts_with("parameter-") || rule == "body-head" || rule == "body-rest" || rule == "text-zero-byte" ||
            rule == "encoding-version" || rule == "origin-word";
