@@ -1,9 +1,9 @@
 // in.cc - mqbridge in: clients that send to a node get their answers from the cluster.
 //
-// Order: the answers to a client leave in the order of its messages, whatever the order in which they arrive.
-// Bound: a client has at most per_client unanswered messages, and the messages and answers of all clients take at most
-// the bytes of --memory plus one message; beyond that clients are not read. So nothing is lost while the cluster is
-// away: messages that were read wait here, the others at the clients.
+// Order: the answers of a client leave in the order of its messages, whatever the order in which they come.
+// Bound: a client has at most per_client messages without an answer, and the messages and answers of all clients take
+// at most the bytes of --memory and one message; beyond that clients are not read. So nothing is lost while the cluster
+// is away: what was read waits here, the rest at the clients.
 #include <deque>
 #include <memory>
 #include <unordered_set>
@@ -332,7 +332,7 @@ class Inlet : public Side {
   MqUvNode* listener_ = nullptr;
   std::unordered_set<Client*> clients_;
   uint64_t connections_ = 0;
-  uint64_t waiting_ = 0;  // messages that the cluster has not answered yet
+  uint64_t waiting_ = 0;  // messages that the cluster has not answered
   uint64_t held_ = 0;     // bytes of these messages, and of answers that wait for earlier ones
   bool is_full_ = false;
 };
