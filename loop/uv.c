@@ -50,6 +50,7 @@ struct MqUvNode {
   int64_t begun;  /* milliseconds: when it was accepted */
   Origin* origin; /* null unless it was accepted, and is open */
   int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
+  int turning;    /* 1: in on_poll, which ends with settle */
   int watching;   /* what the poll handle waits for */
   int code;       /* for on_end */
   const char* why;
@@ -128,11 +129,11 @@ static int64_t look_time(const MqUvNode* node) {
 /* Ends a turn or a call: updates what is waited for and the next look. A look that is too early costs little. */
 static void settle(MqUvNode* node) {
   MqUv* const uv = node->uv;
-  if (node->step.phase == MQ_STEP_CLOSED) return;
+  if (node->step.phase == MQ_STEP_CLOSED || node->turning) return;
   mq_step_progress(&node->step, clock_of(uv));
   watch(node);
   const int64_t at = look_time(node);
-  if (at == WHEEL_NEVER) return;
+  if (at == WHEEL_NEVER || (node->timed.next != NULL && node->tick * WHEEL_TICK_MSEC <= at)) return;
   const int64_t now = clock_of(uv) / WHEEL_TICK_MSEC;
   if (uv->armed == WHEEL_NEVER && uv->wheel.first < now) uv->wheel.first = now;
   const int64_t tick = wheel_tick(&uv->wheel, at);
@@ -440,6 +441,7 @@ static void on_poll(uv_poll_t* handle, int status, int events) {
     events = node->watching;
     node->watching = 0;
   }
+  node->turning = 1;
   if (node->step.phase == MQ_STEP_CONNECTING) {
     connect_turn(node);
   } else if (is_ending(node)) {
@@ -450,6 +452,7 @@ static void on_poll(uv_poll_t* handle, int status, int events) {
     if ((events & UV_WRITABLE) != 0) flush_turn(node);
     if ((events & UV_READABLE) != 0) read_turn(node);
   }
+  node->turning = 0;
   settle(node);
 }
 
