@@ -41,8 +41,8 @@ static inline int mq_finish_fail(MQNode* node, int code) {
   return 0;
 }
 
-/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. Only
- * the end of the stream, which counts as one byte, may be unconfirmed, because a peer that resets does not confirm it. */
+/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. The end
+ * of the stream, which counts as one byte, may be unconfirmed, because a peer that resets does not confirm it. */
 static inline int mq_finish_confirmed(const MQNode* node) {
   int bytes = 0;
   return ioctl(node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes <= 1;
