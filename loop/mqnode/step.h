@@ -73,12 +73,12 @@ typedef struct MqStep {
   uint32_t single;    /* number of following turns with one message only */
   uint64_t whole;     /* bytes received up to the end of the last message */
   uint64_t taken;     /* writes that were sent or queued */
-  uint64_t sentAtEnd; /* the node's bytesSent when its queue will be empty */
-  uint64_t moved;     /* bytes sent and received when progress was last seen */
-  int64_t since;      /* milliseconds: when progress was last seen */
-  uint32_t done;      /* messages read and written then */
-  int midway;         /* in a message or with queued writes then */
-  MqFinish finish;    /* of an end */
+  uint64_t sentAtEnd; /* value that bytesSent of the node will have when its queue is empty */
+  uint64_t moved;     /* bytes sent and received at the last progress */
+  int64_t since;      /* milliseconds: time of the last progress */
+  uint32_t done;      /* messages read and written at the last progress */
+  int midway;         /* 1: at the last progress, the node was in a message or had queued writes */
+  MqFinish finish;    /* progress of an end */
 } MqStep;
 
 static inline int mq_step_fail(MqStep* step, int code) {
