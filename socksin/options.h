@@ -59,7 +59,7 @@ MQ_API int SetTcpNoDelay(SockRec* rec, int on);
  * error  0; errno of the system call, reported */
 MQ_API int SetTcpBuffer(SockRec* rec, int size);
 
-/* ReuseSocket - switch address reuse on if on is exactly 1, else off. 
+/* ReuseSocket - switch address reuse on if on is exactly 1, else off.
  * error  0; errno of the system call, reported */
 MQ_API int ReuseSocket(SockRec* rec, int on);
 
