@@ -418,8 +418,8 @@ class Signer : public detail::Owned<detail::SignerRef, mqc_signer_free> {
   static Signer load(const char* path, const char* user = nullptr, ErrorText* why = nullptr) noexcept {
     return Signer(mqc_signer_load(path, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
   }
-  // mqc_signer_sealing: a signer that also seals what it signs, for this user of the ring. Empty after a failure, as
-  // above.
+  // mqc_signer_sealing: a signer that also seals each message that it signs, for this user of the ring. Empty after a
+  // failure, as above.
   Signer sealing(const char* user, ErrorText* why = nullptr) const noexcept {
     return Signer(mqc_signer_sealing(pointer_, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
   }
@@ -675,8 +675,8 @@ class Nodes {
 // While a ready list is iterated, nodes may be added, and any node may be removed and then deleted, including the
 // current one: a removed node disappears from all lists.
 //
-// Memory: add enlarges the list of nodes by doubling it, and the next wait enlarges the other lists once. A wait after
-// which nothing was added allocates what the C function allocates: nothing while all file descriptors are below 1024.
+// Memory: add doubles the list of nodes if necessary, and the next wait then enlarges the other lists once. Later waits
+// allocate no more than the C function: nothing while all file descriptors are below 1024.
 class WaitSet {
  public:
   WaitSet() noexcept = default;
