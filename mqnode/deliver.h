@@ -44,7 +44,8 @@ MQ_API int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int high
  * Trace points  "mnFinishWrite": once for each failed send, and once when the queue becomes empty */
 MQ_API int mnFinishWrite(MQNode* node);
 
-/* mnIsPendingIO - 1 while the node has a queue of writes, else 0. */
+/* mnIsPendingIO - check whether the node has a queue of writes.
+ * Result   1 if it has one, else 0 */
 MQ_API int mnIsPendingIO(MQNode* node);
 
 /* IsNodeQReady - whether the node's queue is within its advisory limit.

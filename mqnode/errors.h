@@ -40,7 +40,7 @@ typedef struct MqErrorInfo {
   const char* remedy;  /* what to do next */
 } MqErrorInfo;
 
-/* mq_error_table - the table of all codes: those of the library first, then errno values in numeric order.
+/* mq_error_table - get the table of all codes: those of the library first, then errno values in numeric order.
  *   count   out  number of entries; may be null */
 static inline const MqErrorInfo* mq_error_table(size_t* count) {
   enum { kAll = MQ_IN_NODE | MQ_IN_SOCKET | MQ_IN_STATUS, kBoth = MQ_IN_NODE | MQ_IN_SOCKET };
@@ -185,7 +185,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
 
 /* mq_error_find - find the entry of a code in a place.
  *   place   MQ_IN_NODE, MQ_IN_SOCKET, MQ_IN_STATUS, or MQ_IN_ANY for the first entry with this code
- * Result   null for a code that is not reported there */
+ * Result   the entry; null for a code that is not reported there */
 static inline const MqErrorInfo* mq_error_find(int code, unsigned place) {
   size_t count;
   const MqErrorInfo* const table = mq_error_table(&count);
@@ -195,7 +195,7 @@ static inline const MqErrorInfo* mq_error_find(int code, unsigned place) {
   return NULL;
 }
 
-/* mq_error_next - the next entry with the same code; null after the last. */
+/* mq_error_next - get the next entry with the same code; null after the last. */
 static inline const MqErrorInfo* mq_error_next(const MqErrorInfo* entry) {
   size_t count;
   const MqErrorInfo* const end = mq_error_table(&count) + count;
@@ -215,7 +215,8 @@ static inline int mq_error_same_name(const char* a, const char* b) {
   return 1;
 }
 
-/* mq_error_by_name - find an entry by name or alias, ignoring case; null if there is none. */
+/* mq_error_by_name - find an entry by name or alias, ignoring case.
+ * Result   the entry; null if there is none */
 static inline const MqErrorInfo* mq_error_by_name(const char* name) {
   size_t count;
   const MqErrorInfo* const table = mq_error_table(&count);

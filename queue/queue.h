@@ -47,7 +47,7 @@ MQ_API void Qremove(Queue* q, void* item);
 MQ_API void Qstart(Queue* q);
 
 /* Qnext - return the item at the cursor, and advance the cursor.
- * Result   null at the end, and if the queue is empty */
+ * Result   the item; null at the end, and if the queue is empty */
 MQ_API void* Qnext(Queue* q);
 
 /* Qdepth - return the number of entries; 0 for a null queue. */

@@ -57,10 +57,12 @@ MQ_RUNTIME void trim_str(char* s);
 /* bwlong - return v with its four bytes in reverse order. */
 MQ_RUNTIME uint32_t bwlong(uint32_t v);
 
-/* IsLtEndian - nonzero on a little-endian host. */
+/* IsLtEndian - check the byte order of the host.
+ * Result   nonzero on a little-endian host, else 0 */
 MQ_RUNTIME int IsLtEndian(void);
 
-/* IsAscText - nonzero if the character set of the host is ASCII. */
+/* IsAscText - check the character set of the host.
+ * Result   nonzero if it is ASCII, else 0 */
 MQ_RUNTIME int IsAscText(void);
 
 MQ_END_C

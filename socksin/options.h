@@ -40,7 +40,8 @@ MQ_STATIC_ASSERT(sizeof(SockOption) == 12, "SockOption is 12 bytes");
 MQ_STATIC_ASSERT(offsetof(SockOption, value1) == 4, "SockOption.value1");
 MQ_STATIC_ASSERT(offsetof(SockOption, value2) == 8, "SockOption.value2");
 
-/* MapSockOption - return the system's option number for an id. */
+/* MapSockOption - convert an option id to the system's option number.
+ * Result  the option number */
 MQ_API int MapSockOption(int id);
 
 /* SetSocketOptions - set one option to value1 or value2, as documented above.

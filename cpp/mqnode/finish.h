@@ -59,9 +59,10 @@ static inline int mq_finish_discard(MQNode* node, MqFinish* state) {
 }
 
 /* mq_finish_step - perform one step of mq_finish without blocking, for an event loop.
- *   node    connected, non-blocking, with lingering switched off
- *   state   in/out: its events are set while more steps are needed
- * Result  1 or 0 as mq_finish; -1: wait for state->events, then call again
+ *   node    in/out  connected, non-blocking, with lingering switched off
+ *   state   in/out  its events are set while more steps are needed
+ * Result  1 the connection has ended, as for mq_finish; 0 it has failed, as for mq_finish; -1 wait for state->events,
+ *         then call again
  * Blocks  never */
 static inline int mq_finish_step(MQNode* node, MqFinish* state) {
   if (mnIsPendingIO(node) && !mnFinishWrite(node)) return 0;

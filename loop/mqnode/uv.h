@@ -80,7 +80,7 @@ typedef struct MqUvEvents {
 /* mq_uv_new - prepare a loop for nodes.
  *   loop     in   must outlive the MqUv
  *   limits   in   copied; null for the default limits
- * Result   null if there is no memory */
+ * Result   the record; null if there is no memory */
 MQ_API MqUv* mq_uv_new(uv_loop_t* loop, const MqLoopLimits* limits);
 
 /* mq_uv_finish - stop the listening nodes, call mq_uv_end for all other nodes and, when they have ended, mq_uv_free. */
@@ -90,7 +90,8 @@ MQ_API void mq_uv_finish(MqUv* uv);
  * releases uv, which may be null. */
 MQ_API void mq_uv_free(MqUv* uv);
 
-/* mq_uv_count - the number of nodes whose on_end has not been called yet. */
+/* mq_uv_count - count the nodes whose on_end has not been called yet.
+ * Result   their number */
 MQ_API int mq_uv_count(const MqUv* uv);
 
 /* mq_uv_start - add a listening node, a datagram node or a connected node to the loop. It becomes non-blocking; a
@@ -98,11 +99,12 @@ MQ_API int mq_uv_count(const MqUv* uv);
  *   secure   in   1: the messages of this node, and of the nodes that it accepts, are signed; 0: plain
  *   events   in   not copied
  *   data     in   for the application
- * Result   null after a failure: the node still belongs to the caller, and its error has the reason */
+ * Result   the node in the loop; null after a failure, with the reason in node->error: the caller still owns node */
 MQ_API MqUvNode* mq_uv_start(MqUv* uv, MQNode* node, int secure, const MqUvEvents* events, void* data);
 
 /* mq_uv_connect - add a stream node to the loop and connect it. on_open or on_end follows, after at most connectMsec.
- * Arguments and result as for mq_uv_start; the result is null if the connect fails immediately. */
+ * Arguments as for mq_uv_start.
+ * Result   as for mq_uv_start; also null if the connect fails immediately */
 MQ_API MqUvNode* mq_uv_connect(MqUv* uv, MQNode* node, int secure, const MqUvEvents* events, void* data);
 
 /* mq_uv_write, mq_uv_write_to - write a message to a stream node, or a datagram to an address; signed if the node is.
@@ -115,7 +117,7 @@ MQ_API MqUvNode* mq_uv_connect(MqUv* uv, MQNode* node, int secure, const MqUvEve
 MQ_API int mq_uv_write(MqUvNode* node, PcfMessage* msg, MqUvWrittenFn fn, void* argument);
 MQ_API int mq_uv_write_to(MqUvNode* node, PcfMessage* msg, SockAddrRec* to, MqUvWrittenFn fn, void* argument);
 
-/* mq_uv_queued - the number of bytes queued on a node. */
+/* mq_uv_queued - get the number of bytes queued on a node. */
 MQ_API uint64_t mq_uv_queued(const MqUvNode* node);
 
 /* mq_uv_pause, mq_uv_resume - stop reading messages or accepting connections, and continue. A paused node with an empty
@@ -138,8 +140,10 @@ MQ_API MQNode* mq_uv_node(const MqUvNode* node);
 /* mq_uv_of - get the MqUv of a node. */
 MQ_API MqUv* mq_uv_of(const MqUvNode* node);
 
-/* mq_uv_data, mq_uv_set_data - get and set the application's pointer. */
+/* mq_uv_data - get the application's pointer. */
 MQ_API void* mq_uv_data(const MqUvNode* node);
+
+/* mq_uv_set_data - set the application's pointer. */
 MQ_API void mq_uv_set_data(MqUvNode* node, void* data);
 
 /* mq_uv_set_events - use other events from now on; not copied. */
