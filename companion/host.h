@@ -172,7 +172,7 @@ MQ_RUNTIME int mqc_sealed(const PcfMessage* msg);
  * succeeded. The text belongs to the record and is valid until the next call with the record. */
 MQ_RUNTIME const char* mqc_message_error(const PcfMessage* msg);
 
-/* mqc_header_error - get the reason of the last failure of AlienToNative, AlienToNativeExt or VerifyMessage on this
+/* mqc_header_error - get the reason for the last failure of AlienToNative, AlienToNativeExt or VerifyMessage on this
  * thread; empty if there was none. The text is valid until the next such failure on the thread. */
 MQ_RUNTIME const char* mqc_header_error(void);
 
@@ -368,11 +368,11 @@ MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
 typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;
 MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
-/* mqc_sign_error - get the reason of the last failure of mqc_sign on this thread, which a write reports as error -1000;
- * empty if there was none. */
+/* mqc_sign_error - get the reason for the last failure of mqc_sign on this thread, which a write reports as error
+ * -1000; empty if there was none. */
 MQ_RUNTIME const char* mqc_sign_error(void);
 
-/* mqc_authenticate_error - get the reason of the last failure of mqc_authenticate on this thread, which a read reports
+/* mqc_authenticate_error - get the reason for the last failure of mqc_authenticate on this thread, which a read reports
  * as error -1001; empty if there was none. */
 MQ_RUNTIME const char* mqc_authenticate_error(void);
 

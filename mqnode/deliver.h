@@ -48,7 +48,7 @@ MQ_API int mnFinishWrite(MQNode* node);
  * Result   1 if it has one, else 0 */
 MQ_API int mnIsPendingIO(MQNode* node);
 
-/* IsNodeQReady - whether the node's queue is within its advisory limit.
+/* IsNodeQReady - check whether the node's queue is within its advisory limit.
  *   node    may be null
  * Result   1 for a null node or a node without a queue; else the result of IsQReady */
 MQ_API int IsNodeQReady(MQNode* node);

@@ -227,7 +227,7 @@ static inline const MqErrorInfo* mq_error_by_name(const char* name) {
   return NULL;
 }
 
-/* mq_error_name, mq_error_meaning, mq_error_remedy - texts of a code's first entry; never null. */
+/* mq_error_name, mq_error_meaning, mq_error_remedy - get the texts of a code's first entry; never null. */
 static inline const char* mq_error_name(int code) {
   const MqErrorInfo* const entry = mq_error_find(code, MQ_IN_ANY);
   return entry != NULL ? entry->name : "unknown code";
@@ -243,8 +243,8 @@ static inline const char* mq_error_remedy(int code) {
   return entry != NULL ? entry->remedy : "look it up as an errno value; if it is not one, the record was overwritten";
 }
 
-/* mq_node_cause - the reason why the last operation on a node failed: the code of the socket if a write was dropped,
- * which leaves 11 in node->error; otherwise node->error.
+/* mq_node_cause - get the code of the reason why the last operation on a node failed: that of the socket if a write was
+ * dropped, which leaves 11 in node->error; otherwise node->error.
  *   node    in   null for a node that could not be allocated: ENOMEM
  *   place   out  place of the code, MQ_IN_NODE or MQ_IN_SOCKET; may be null
  * Result   the code; 11 if there is no other reason: the operation can continue later, or a write with result 0 had no

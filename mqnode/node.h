@@ -2,7 +2,7 @@
  *
  * Conventions of the node layer (all headers of this directory):
  *   Results    1 on success, or another nonzero value where documented; 0 on failure.
- *   Errors     every open, read and write first sets node->error to 0 and stores the reason of a failure there: a code
+ *   Errors     every open, read and write first sets node->error to 0 and stores the reason for a failure there: a code
  *              of the socket layer (an errno value, 89, 9002, 9003 or 9004) or one of the codes below. mqnode/errors.h
  *              gives the name, meaning and remedy of each.
  *   Trace      a trace point calls node->onTrace, if set, with the operation's name and the node. In between, the trace
@@ -134,7 +134,7 @@ MQ_API int mnGSetTraceCallBack(MQNodeTraceFn fn);
 /* SetMQNodeError - copy the socket's error into the node's. */
 MQ_API void SetMQNodeError(MQNode* node);
 
-/* IsNodeFailed - whether the last operation failed.
+/* IsNodeFailed - check whether the last operation failed.
  *   node    may be null
  * Result   1 for a null node and for every error other than 0 and -1111, including 11; else 0 */
 MQ_API int IsNodeFailed(MQNode* node);

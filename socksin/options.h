@@ -52,7 +52,7 @@ MQ_API int SetSocketOptions(SockRec* rec, SockOption* option);
  * error  0; errno of the system call, reported */
 MQ_API int GetSocketOptions(SockRec* rec, SockOption* option);
 
-/* SetTcpNoDelay - switch Nagle's algorithm off (on nonzero) or on (on 0).
+/* SetTcpNoDelay - switch Nagle's algorithm off if on is nonzero, else on.
  * error  0; errno of the system call, reported */
 MQ_API int SetTcpNoDelay(SockRec* rec, int on);
 

@@ -23,7 +23,7 @@
 //               reference is a pointer, cheap to copy; its const does not apply to the record
 //   Empty       do not call operations of an empty handle or reference, unless documented otherwise
 //   Results     a Result contains the return value and the error code, and is true on success. Functions that build
-//               messages return bool; MessageRef::error returns the reason of a failure
+//               messages return bool; MessageRef::error returns the reason for a failure
 //   Exceptions  all functions are noexcept; the header compiles without exceptions and RTTI
 //   Threads     as in C, a record must be used by one thread at a time
 #ifndef MQNODE_MQNODE_MQNODE_HPP

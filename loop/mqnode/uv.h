@@ -146,7 +146,7 @@ MQ_API void* mq_uv_data(const MqUvNode* node);
 /* mq_uv_set_data - set the application's pointer. */
 MQ_API void mq_uv_set_data(MqUvNode* node, void* data);
 
-/* mq_uv_set_events - use other events from now on; not copied. */
+/* mq_uv_set_events - set other events for a node; not copied. */
 MQ_API void mq_uv_set_events(MqUvNode* node, const MqUvEvents* events);
 
 /* mq_uv_set_signer - set the security context of a signed node, which signs its writes (mnSWrite); null at first. It
