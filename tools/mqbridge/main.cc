@@ -70,7 +70,7 @@ void AddIn(CLI::App& app, InOptions& options) {
   in->add_option("PLACE", options.place, "HOST:PORT to listen on; host *: all addresses; port 0: chosen by the system")
       ->required();
   in->add_option("--subject", options.subject,
-                 "Subject under which messages are published. {user}, {application}, {command} and {peer} are\n"
+                 "Subject to which messages are published. {user}, {application}, {command} and {peer} are\n"
                  "replaced by the values of the message (mq.{user}.{command})");
   in->add_option(
         "--mode", options.mode,
