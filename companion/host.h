@@ -368,6 +368,16 @@ MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
 typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;
 MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
+/* mqc_open_captured - decrypt a copy of a sealed message, for a program that displays captured traffic.
+ *   signer   in      the signer whose key opens it; the key may be expired
+ *   message  in/out  a complete message as it was sent: envelope, header, body, seal, trailer. Header and body are
+ *                    decrypted in place and remain in their sender's form; the other bytes do not change
+ *   length   in      number of bytes
+ * Only the seal is checked. Signature, time and replays are not checked, so success does not show who sent the message.
+ * Result   1; 0 with an error text: the message is not sealed, or sealed for another user, and is unchanged; or it was
+ *          changed or sealed for another key of the user, and header and body are all zero */
+MQ_RUNTIME int mqc_open_captured(const MqcSigner* signer, uint8_t* message, uint32_t length, char* error, size_t size);
+
 /* mqc_sign_error - get the reason for the last failure of mqc_sign on this thread, which a write reports as error
  * -1000; empty if there was none. */
 MQ_RUNTIME const char* mqc_sign_error(void);

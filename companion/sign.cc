@@ -293,6 +293,25 @@ int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* m
   return 1;
 }
 
+int mqc_open_captured(const MqcSigner* signer, uint8_t* message, uint32_t length, char* error, size_t size) {
+  const ErrorText text = {error, size};
+  Clear(text);
+  SecureHeader envelope;
+  if (length < kEnvelope) return Fail(text, "%u bytes are too short for an envelope", length);
+  memcpy(&envelope, message, kEnvelope);
+  if (!EnvelopeToNative(&envelope, text)) return 0;
+  const Form* const form = FormOf(envelope, text);
+  if (form == nullptr) return 0;
+  if (!form->IsSealed()) return Fail(text, "not sealed");
+  const uint32_t part = length - kEnvelope;
+  if (envelope.msgLength != part || part <= kHeader + form->Behind()) {
+    return Fail(text, "the envelope says %u bytes, there are %u", envelope.msgLength, part);
+  }
+  const uint8_t* const trailer = message + length - kTrailer;
+  const Words words = WordsOf(envelope);
+  return OpenWith(*signer, message + kEnvelope, part - form->Behind(), {words.bytes, trailer + kAtTime}, text);
+}
+
 int mqc_set_window(uint32_t seconds) {
   if (seconds == 0 || seconds > MQC_WINDOW_MAX) return 0;
   window_seconds.store(seconds, std::memory_order_relaxed);

@@ -299,6 +299,30 @@ TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
   EXPECT_FALSE(mqc_set_sealing(MQC_SEAL_NEVER + 1));
 }
 
+TEST_F(SecurityTest, ACapturedMessageIsOpenedByItsKey) {
+  const Bytes plain = SampleFrom({true, true}), wire = Sealed(plain), cut = With(wire, 16, 296, true).substr(0, 328);
+  const std::tuple<const Signer*, Bytes, const char*> rows[] = {
+      {&bob_signer_, wire, ""},
+      {&alice_signer_, wire, "sealed for bob, the key is that of alice"},
+      {&bob_signer_, Flip(wire, 32 * 8), "the seal is broken"},
+      {&bob_signer_, Sign(), "not sealed"},
+      {&bob_signer_, With(wire, 4, 3, true), "version 3"},
+      {&bob_signer_, wire.substr(0, 31), "too short for an envelope"},
+      {&bob_signer_, wire.substr(0, wire.size() - 1), "the envelope says"},
+      {&bob_signer_, cut, "the envelope says 296 bytes, there are 296"},
+  };
+  for (const auto& [key, captured, says] : rows) {
+    std::vector<uint8_t> bytes(captured.begin(), captured.end());  // at its end a sanitizer looks
+    const bool opened = 1 == mqc_open_captured(key->get(), bytes.data(), static_cast<uint32_t>(bytes.size()), why_.text,
+                                               sizeof why_.text);
+    ExpectSays(why_.text, says);
+    EXPECT_EQ(opened, *says == '\0') << says;
+    const Bytes content = opened ? plain : Bytes(plain.size(), '\0');
+    const bool changes = opened || strstr(says, "broken") != nullptr;
+    EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), changes ? Bytes(wire).replace(32, plain.size(), content) : captured);
+  }
+}
+
 // Bob's key in alice's ring, and in his own file, is used to its last millisecond. His next key takes its place.
 TEST_F(SecurityTest, NothingIsSealedForAKeyThatIsOver) {
   const std::string path = folder_.Name("secret"), line = format("bob {}", bob_.open_text);

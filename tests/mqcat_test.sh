@@ -243,11 +243,25 @@ await signed "it is not signed"
 stop signed "1 not authentic, 1 faulty"
 has signed.err "user mallory is not in the ring"
 
+mqcat keys new bob bob.key 2>/dev/null | mqcat keys add ring 2>/dev/null
+start sealed --ring ring --key bob.key --only-sealed --echo --sign bob.key
+sealed='--sign alice.key --ring ring --seal-to bob'
+table <<'END'
+0 mqcat send 127.0.0.1 $port -c 7 -p 1=secret $sealed --reply => *sealed by "bob"*
+0 mqcat send 127.0.0.1 $port -c 7 -p 1=secret $sealed --reply --format json => {*"sealed":true*
+0 mqcat ping 127.0.0.1:$port -c 2 -i 0 $sealed => *2 answered, 0% loss*
+0 mqcat send 127.0.0.1 $port -c 7 -p 1=open --sign alice.key => mqcat: handed to the system: 1 message*
+7 mqcat send 127.0.0.1 $port -c 7 --sign alice.key --ring ring --seal-to carol => mqcat: seal for "carol": *
+2 mqcat send 127.0.0.1 $port -c 7 --seal-to bob => mqcat: --seal-to requires --sign*
+END
+await sealed "only sealed messages are accepted"
+stop sealed ", 1 not authentic"
+
 # ---- Decode ----
 
 "$build/bin/captures" . 1
 binary() { perl -ne 's/^\S+|\s//g; print pack "H*", $_' "$@"; }
-for i in 1 2 3 5; do binary sample-$i.hex >$i.bin; done
+for i in 1 2 3 5 9; do binary sample-$i.hex >$i.bin; done
 cat 1.bin 1.bin 1.bin >plain.bin
 { cat plain.bin; printf 'noise\0\210\0\0'; cat 2.bin 5.bin; } >noise.bin
 { head -c 180 1.bin; cat plain.bin; } >lost.bin
@@ -256,6 +270,10 @@ table <<'END'
 0 mqcat decode 1.bin => *  136    4  command              77*dämmrig*-5*-9223372036854775807*00feff*1 message*0 faults
 0 mqcat decode 2.bin => *signed message*"moritz"*"MQSIGN01"*UTC*1 message, 0 stray bytes, 0 faults
 0 mqcat decode 3.bin => *"moritz"*"foreign sender"*" !*ABC*
+0 mqcat decode 9.bin => *sealed message*encrypted header and body*sealedFor  *"moritz"*"MQSIGN02"*, 0 faults
+0 mqcat decode 9.bin --key moritz.key => *"foreign sender"*" !*ABC*-9223372036854775807*sealedFor*, 0 faults
+0 mqcat decode 9.bin --key alice.key => *encrypted header and body*, 0 faults
+6 (head -c 99 9.bin; printf '\1'; tail -c +101 9.bin) | mqcat decode --key moritz.key => *seal-broken: *another key of user moritz*
 0 od -An -v -tx1 plain.bin | tr -d ' \n' | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 od -Ax -tx1 plain.bin | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 sed -n '/^0000[0-9a-f]* /p' "$tree/docs/wire-format.md" | mqcat decode => *"hello"*1 message, 0 stray bytes, 0 faults

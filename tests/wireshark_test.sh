@@ -34,7 +34,7 @@ forced=(-o mqnode.tcp_ports:47110 -o mqnode.udp_ports:47110)
 columns() {
   shark "$1" -Y mqnode -T fields -E aggregator='|' -e mqnode.command -e mqnode.user -e mqnode.application \
     -e mqnode.param.id -e mqnode.param.length -e mqnode.param.int32 -e mqnode.param.int64 -e mqnode.param.text \
-    -e mqnode.param.bytes -e mqnode.env.user -e mqnode.trailer.milliseconds "${@:2}"
+    -e mqnode.param.bytes -e mqnode.env.user -e mqnode.trailer.milliseconds -e mqnode.seal.user "${@:2}"
 }
 values() { tr '\t|' '\n\n' | grep . | sort; }
 thrice=$(cat samples.txt samples.txt samples.txt | values)
@@ -70,7 +70,7 @@ sed 's/return at + length <= tvb:len()/return true/' "$script" >broken.lua
 script=$work/broken.lua shark cut-204.pcap "${forced[@]}" -V 2>&1 | grep -E "$failure" >seen ||
   fail 'a script that reads past the end was not noticed'
 
-# What was not captured breaks no rule. Of the samples 4 are signed, just before they were captured; late, early and
+# What was not captured breaks no rule. Of the samples 5 are signed, just before they were captured; late, early and
 # seen once more they are told so, in one pass and in two.
 for cut in 74 194 224 244; do editcap -s "$cut" samples.pcap "part-$cut.pcap"; done
 mergecap -a -w parts.pcap part-*.pcap
@@ -82,14 +82,14 @@ while read -r expected capture filter; do
   same "$capture $filter" "$expected" "$(shark "$capture.pcap" "${forced[@]}" -Y $filter </dev/null | wc -l)"
 done <<'ROWS'
 0 parts mqnode.error
-33 parts mqnode.expert.cut
+37 parts mqnode.expert.cut
 0 samples mqnode.expert.replay||mqnode.expert.time
-8 again mqnode.expert.replay||mqnode.expert.time
-8 again mqnode.expert.replay&&mqnode.expert.time -2
+10 again mqnode.expert.replay||mqnode.expert.time
+10 again mqnode.expert.replay&&mqnode.expert.time -2
 ROWS
 
 # As the README says it.
 plugins=$(tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p')
 [[ $plugins == "$work"/* ]] || { fail "the plugins of this user would go to '$plugins'"; exit; }
 mkdir -p "$plugins" && cp "$script" "$plugins"
-same 'packets seen by the installed script' 9 "$(tshark -r samples.pcap -Y mqnode 2>/dev/null | wc -l)"
+same 'packets seen by the installed script' 10 "$(tshark -r samples.pcap -Y mqnode 2>/dev/null | wc -l)"

@@ -146,7 +146,20 @@ void AddKeyOptions(CLI::App& app, KeyOptions& options, const std::string& sign, 
                    const std::string& user) {
   app.add_option("--sign", options.sign, sign)->type_name("KEYFILE");
   app.add_option("--ring", options.ring, ring)->type_name("FILE");
-  app.add_option("--user", options.user, user)
+  AddUser(app, options.user, user);
+}
+
+void AddSealTo(CLI::App& app, KeyOptions& options) {
+  app.add_option("--seal-to", options.seal_to,
+                 "Encrypt messages for this user of the ring, who alone can read them; open answers that are sealed "
+                 "for the signer")
+      ->type_name("USER")
+      ->needs("--sign")
+      ->needs("--ring");
+}
+
+CLI::Option* AddUser(CLI::App& app, std::string& user, const std::string& help) {
+  return app.add_option("--user", user, help)
       ->check([](const std::string& name) {
         const bool fits = !name.empty() && name.size() <= MQC_USER_MAX;
         return fits ? "" : fmt::format("{}: a user name has 1 to {} characters", Quote(name, 40), MQC_USER_MAX);

@@ -123,18 +123,34 @@ void Waiter::Wait(std::vector<MQNode*> nodes, Clock::time_point deadline) {
   throw Failure{kExitResources, fmt::format("wait on {} nodes: {}", room - 1, CodeText(status, MQ_IN_STATUS))};
 }
 
-Security LoadSecurity(const std::string& sign, const std::string& user, const std::string& ring) {
+SignerPtr LoadSigner(const std::string& path, const std::string& user) {
+  char error[512];
+  SignerPtr signer(mqc_signer_load(path.c_str(), user.empty() ? nullptr : user.c_str(), error, sizeof error));
+  if (signer == nullptr) throw Failure{kExitSecurity, fmt::format("secret key file {}", error)};
+  return signer;
+}
+
+SignerPtr SealingSigner(const MqcSigner* signer, const std::string& user) {
+  char error[512];
+  SignerPtr seals(mqc_signer_sealing(signer, user.c_str(), error, sizeof error));
+  if (seals == nullptr) throw Failure{kExitSecurity, fmt::format("seal for {}: {}", Quote(user), error)};
+  return seals;
+}
+
+Security LoadSecurity(const KeyOptions& keys) {
   char error[512];
   Security security;
-  if (!sign.empty()) {
-    security.signer.reset(mqc_signer_load(sign.c_str(), user.empty() ? nullptr : user.c_str(), error, sizeof error));
-    if (security.signer == nullptr) throw Failure{kExitSecurity, fmt::format("secret key file {}", error)};
-  }
-  if (!ring.empty()) {
-    if (!mqc_ring_load(ring.c_str(), error, sizeof error)) throw Failure{kExitSecurity, fmt::format("ring {}", error)};
+  if (!keys.sign.empty()) security.signer = LoadSigner(keys.sign, keys.user);
+  if (!keys.ring.empty()) {
+    const char* const ring = keys.ring.c_str();
+    if (!mqc_ring_load(ring, error, sizeof error)) throw Failure{kExitSecurity, fmt::format("ring {}", error)};
     if (mqc_ring_count() == 0) throw Failure{kExitSecurity, fmt::format("ring {}: contains no key", ring)};
     security.check = true;
   }
+  const SignerPtr key = keys.key.empty() ? nullptr : LoadSigner(keys.key, keys.user);
+  const MqcSigner* const opener = keys.seal_to.empty() ? key.get() : security.signer.get();
+  if (opener != nullptr && !mqc_set_opener(opener)) throw Failure{kExitResources, "out of memory for a key"};
+  if (!keys.seal_to.empty()) security.signer = SealingSigner(security.signer.get(), keys.seal_to);
   return security;
 }
 

@@ -10,6 +10,7 @@
 #include "companion/host.h"
 #include "failure.hh"
 #include "mqnode/mqnode.h"
+#include "options.hh"
 
 namespace mqcat {
 
@@ -74,8 +75,15 @@ struct Security {
   bool check = false;  // signed reads, against the process's ring
 };
 
-// Loads a signer (the key of user, or the only one) and a ring; empty paths leave them out.
-Security LoadSecurity(const std::string& sign, const std::string& user, const std::string& ring);
+// Loads a signer: the key of user, or the only one.
+SignerPtr LoadSigner(const std::string& path, const std::string& user);
+
+// A signer that also seals for a user of the ring.
+SignerPtr SealingSigner(const MqcSigner* signer, const std::string& user);
+
+// Loads what the options name. The process opens messages that are sealed for the user of keys.key, or with
+// keys.seal_to, for the signer.
+Security LoadSecurity(const KeyOptions& keys);
 
 // One connection, or one datagram socket with the peer it talks to. Non-blocking.
 class Link {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <memory>
 
 #include "examples/answers.h"
@@ -28,6 +29,7 @@ constexpr int kMostAtOnce = 64;   // messages of one client, or clients accepted
 constexpr double kMostSeconds = 2.1e6;   // of a limit: the server counts milliseconds in an int
 constexpr double kLastAnswers = 2;       // seconds for answers that are queued at the end
 constexpr size_t kSignedRest = 32 + 96;  // bytes that signing adds: envelope and trailer
+constexpr size_t kSealBytes = 64;        // that sealing adds
 constexpr size_t kShownBytes = 32;       // of something that is not a message
 constexpr auto kTick = std::chrono::milliseconds(200);
 
@@ -51,6 +53,7 @@ struct Options {
   bool udp = false;
   bool trace = false;
   KeyOptions keys;
+  bool only_sealed = false;
   uint64_t count = UINT64_MAX;
   int backlog = 128;
   int max_clients = 256;
@@ -114,8 +117,9 @@ class Listener : public mqnode::Server {
       : Server(LimitsOf(options)),
         options_(options),
         format_(ShowFormatOf(options.format.format)),
-        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        security_(LoadSecurity(options.keys)),
         datagram_(NewMessage()) {
+    if (options.only_sealed) mqc_set_sealing(MQC_SEAL_MUST);
     if (Server::failed()) throw Failure{kExitResources, "out of memory for a server"};
   }
 
@@ -207,7 +211,7 @@ class Listener : public mqnode::Server {
       MQNode* const node = client.node().get();
       const std::string peer = AddressText(node->sock.name);
       Deliver(node, msg.get(), peer);
-      if (!options_.echo || Answer(node, msg.get(), nullptr, peer)) return;
+      if (!options_.echo || Answer(node, msg.get(), nullptr, peer, msg.sealed())) return;
       drop(client, nullptr);  // a part of the answer may have been sent
     });
     return nullptr;
@@ -238,7 +242,8 @@ class Listener : public mqnode::Server {
           const std::string peer = AddressText(node->sock.from);
           Deliver(node, msg, peer);
           SockAddrRec to = node->sock.from;
-          if (options_.echo && MayAnswer(msg, to)) Answer(node, msg, &to, peer);
+          const bool sealed = mqc_sealed(msg) != 0;
+          if (options_.echo && MayAnswer(msg, to, sealed)) Answer(node, msg, &to, peer, sealed);
         } else if (node->error == MQ_AGAIN) {
           return;
         } else {
@@ -303,23 +308,34 @@ class Listener : public mqnode::Server {
   // ---- Answering ----
 
   // A datagram may carry a forged sender: only questions are answered, no address too often, and the answer is marked.
-  bool MayAnswer(PcfMessage* msg, const SockAddrRec& to) {
+  bool MayAnswer(PcfMessage* msg, const SockAddrRec& to, bool sealed) {
     if (is_answer(msg)) return false;
     if (!may_answer(answers_.get(), &to, Second(), options_.answer_rate)) {
       ++totals_.answers_held;
       say("answer held back to", to, fmt::format("{} a second (--answer-rate)", options_.answer_rate).c_str());
       return false;
     }
-    const size_t rest = security_.signer != nullptr ? kSignedRest : 0;
+    const size_t rest = (security_.signer != nullptr ? kSignedRest : 0) + (sealed ? kSealBytes : 0);
     if (mark_answer(msg) && msg->raw.length + rest <= kMaxDatagram) return true;
     ++totals_.answers_lost;
     say("no answer to", to, fmt::format("a datagram carries at most {} bytes", kMaxDatagram).c_str());
     return false;
   }
 
-  // to: null on a connection.
-  bool Answer(MQNode* node, PcfMessage* msg, SockAddrRec* to, const std::string& peer) {
-    MqcSigner* const signer = security_.signer.get();
+  // Signs answers. The answer to a sealed message is sealed for its sender. Throws a Failure if there is no key for it.
+  MqcSigner* SignerFor(const PcfMessage* msg, bool sealed) {
+    if (!sealed) return security_.signer.get();
+    if (security_.signer == nullptr) throw Failure{kExitSecurity, "without --sign no answer can be sealed"};
+    char user[13];
+    mqc_sender(msg, user);
+    SignerPtr& signer = sealing_[user];
+    if (signer == nullptr) signer = SealingSigner(security_.signer.get(), user);
+    return signer.get();
+  }
+
+  // to: null on a connection. sealed: the message was.
+  bool Answer(MQNode* node, PcfMessage* msg, SockAddrRec* to, const std::string& peer, bool sealed) try {
+    MqcSigner* const signer = SignerFor(msg, sealed);
     if (mnSWriteMsg(msg, node, to, node->user, signer != nullptr, signer, 0)) {
       TraceMessage(node, "message to", peer, msg);
       return true;
@@ -329,12 +345,17 @@ class Listener : public mqnode::Server {
     const std::string why = code == MQ_NOT_SIGNED ? std::string("\n  ") + mqc_sign_error() : AdviceText(code);
     say("no answer to", to != nullptr ? *to : node->sock.name, (NodeCodeText(node) + why).c_str());
     return false;
+  } catch (const Failure& failure) {
+    ++totals_.answers_lost;
+    say("no answer to", to != nullptr ? *to : node->sock.name, failure.text.c_str());
+    return false;
   }
 
   const Options& options_;
   ShowFormat format_;
   Security security_;
-  MessagePtr datagram_;  // the one that was read last
+  std::map<std::string, SignerPtr> sealing_;  // by sender, who is in the ring
+  MessagePtr datagram_;                       // the one that was read last
   NodePtr node_;
   std::unique_ptr<Answers> answers_ = std::make_unique<Answers>();
   std::exception_ptr failure_;
@@ -393,7 +414,14 @@ void AddListen(CLI::App& app, ExitCode&) {
   command->add_flag("--udp", options->udp, "Receive datagrams");
   AddKeyOptions(*command, options->keys, "Sign the answers of --echo with the secret key in this file",
                 "Accept only messages that are signed by a user in this ring",
-                "User whose key to take from the file of --sign");
+                "User whose key to take from the files of --sign and --key");
+  CLI::Option* const key =
+      command
+          ->add_option("--key", options->keys.key,
+                       "Open messages that are sealed for the user of this secret key; --echo then requires --sign")
+          ->type_name("KEYFILE")
+          ->needs("--ring");
+  command->add_flag("--only-sealed", options->only_sealed, "Refuse messages that are not sealed")->needs(key);
   AddLimits(*command, *options);
   command->add_flag("-v,--trace", options->trace, "Print every step of every connection on standard error");
   command->footer(

@@ -21,8 +21,8 @@ constexpr size_t kMaxFile = MQ_MAX_MESSAGE;
 constexpr std::array<const char*, 4> kTypes = {"int32", "int64", "text", "bytes"};
 
 // Of a message, and those that mqcat listen adds: its output can be sent again.
-const std::set<std::string> kKnownKeys = {"command", "parameters",  "time",   "peer",
-                                          "user",    "application", "signed", "bytes"};
+const std::set<std::string> kKnownKeys = {"command",     "parameters", "time",   "peer", "user",
+                                          "application", "signed",     "sealed", "bytes"};
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
   throw Failure{kExitInput, fmt::format("{}: {}", where, why)};

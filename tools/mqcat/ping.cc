@@ -50,7 +50,7 @@ class Pinger {
  public:
   explicit Pinger(const Options& options)
       : options_(options),
-        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        security_(LoadSecurity(options.keys)),
         link_(AddressOf(options), TransportOf(options), In(std::max(options.timeout, 1.0))),
         msg_(NewMessage()),
         answer_(NewMessage()),
@@ -257,6 +257,7 @@ void AddPing(CLI::App& app, ExitCode& exit) {
   AddKeyOptions(*command, options->keys, "Sign with the secret key in this file",
                 "Accept only answers that are signed by a user in this ring",
                 "Name this user as the sender, instead of your login name; with --sign, the user whose key to take");
+  AddSealTo(*command, options->keys);
   command->add_flag("-q,--quiet", options->quiet, "Print only the summary");
   command->add_flag("--json", options->json, "Print only the summary, as one JSON object");
   command->add_flag("--udp", options->udp, "Send datagrams");

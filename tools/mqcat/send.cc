@@ -44,7 +44,7 @@ class Sender {
   explicit Sender(const Options& options)
       : options_(options),
         transport_(options.udp ? Transport::kUdp : Transport::kTcp),
-        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        security_(LoadSecurity(options.keys)),
         msg_(NewMessage()) {}
 
   void Connect() {
@@ -223,6 +223,7 @@ void AddSendingOptions(CLI::App& command, Options& options) {
   AddKeyOptions(command, options.keys, "Sign with the secret key in this file",
                 "Accept only answers that are signed by a user in this ring",
                 "Name this user as the sender, instead of your login name; with --sign, the user whose key to take");
+  AddSealTo(command, options.keys);
   command.add_flag("--udp", options.udp, "Send datagrams; only answers show that they have arrived");
   AddFormat(command, options.format, "Print answers as text, json (one object per line), hex, raw or quiet");
   command.add_flag("-q,--quiet", options.quiet, "Print no summary and no progress");

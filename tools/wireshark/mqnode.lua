@@ -1,8 +1,9 @@
 -- mqnode.lua - takes mqnode messages apart in Wireshark and tshark, on TCP and UDP.
 --
 -- What it shows: plain messages and signed ones, of senders of either byte order and character set; every header field,
--- the parameters by type, the trailer of a signature. Where a rule is broken, the first rule in the order in which a
--- reader checks them, with the error code that the reader reports (field mqnode.error).
+-- the parameters by type, the trailer of a signature. Of a sealed message, which is encrypted, the user that it is
+-- sealed for. Where a rule is broken, the first rule in the order in which a reader checks them, with the error code
+-- that the reader reports (field mqnode.error).
 -- Not here: the check of the signature itself, which needs the sender's public key.
 -- Invariant: no byte is read before Held said that it was captured; lengths come from the wire and are never trusted.
 --
@@ -12,8 +13,9 @@ local mqnode = Proto("mqnode", "mqnode messages")
 
 local HEADER = 136
 local ENVELOPE = 32
+local SEAL = 64
 local TRAILER = 96
-local MARK = "MQSIGN01"
+local MARK, SEALED_MARK = "MQSIGN01", "MQSIGN02"
 local MAX_MESSAGE = 67108864
 local MAX_PARAMS = 3740
 local DATAGRAM_ROOM = 16520  -- longest datagram, unless the receiving host enlarges its node's buffer, bytes
@@ -79,6 +81,13 @@ local f = {
   int64 = ProtoField.int64("mqnode.param.int64", "Value"),
   text = ProtoField.string("mqnode.param.text", "Value"),
   bytes = ProtoField.bytes("mqnode.param.bytes", "Value"),
+
+  encrypted = ProtoField.bytes("mqnode.encrypted", "Encrypted header and body"),
+  seal = ProtoField.none("mqnode.seal", "Seal"),
+  seal_user = ProtoField.string("mqnode.seal.user", "Sealed for"),
+  seal_reserved = ProtoField.uint32("mqnode.seal.reserved", "Reserved", base.HEX),
+  seal_key = ProtoField.bytes("mqnode.seal.key", "Ephemeral key"),
+  seal_tag = ProtoField.bytes("mqnode.seal.tag", "Tag"),
 
   trailer = ProtoField.none("mqnode.trailer", "Trailer"),
   mark = ProtoField.string("mqnode.trailer.mark", "Mark"),
@@ -266,6 +275,7 @@ local function ShowEnvelope(m, form)
   AddWord(tree, f.env_announced, tvb, at + 16, form.little)
   local text
   text, m.env_user = ShowText(m, tree, f.env_user, at + 20, 12, form)
+  m.env_text = text
   tree:append_text(string.format(": %d bytes of %s", Word(tvb, at + 16, form.little), text))
   return tree
 end
@@ -450,9 +460,19 @@ local function ShowTrailer(m, at)
   CheckReplay(m, nonce, Bytes(m.tvb, at + 16, 16))
 end
 
+local function IsUser(bytes) return bytes:find("^[!\"$-~]+\0*$") ~= nil end
+
+-- Rules of the mark in a trailer and of the user in the envelope, which a reader checks last.
+local function CheckTrailer(m, envelope, trailer, mark)
+  if Held(m.tvb, trailer, #mark) and Bytes(m.tvb, trailer, #mark) ~= mark then
+    Break(m, m.item, x.sign, NOT_AUTHENTIC, "no signature follows the message")
+  elseif not IsUser(m.env_user) then
+    Break(m, envelope, x.sign, NOT_AUTHENTIC, "the user in the envelope is not valid")
+  end
+end
+
 -- Rules between envelope, header and trailer; at is where the header begins, length what the envelope announces.
 local function CheckSigned(m, envelope, header, at, length)
-  local trailer = at + length - TRAILER
   if m.version ~= 1 then Break(m, m.version_item, x.sign, NOT_AUTHENTIC, "an envelope of version %d", m.version) end
   if m.body_length ~= length - TRAILER - HEADER then
     Break(m, header, x.sign, NOT_AUTHENTIC, "the header says %d bytes of body, there are %d", m.body_length,
@@ -460,10 +480,25 @@ local function CheckSigned(m, envelope, header, at, length)
   end
   if m.env_user ~= m.hdr_user then
     Break(m, envelope, x.sign, NOT_AUTHENTIC, "header and envelope name different users")
-  elseif Held(m.tvb, trailer, #MARK) and Bytes(m.tvb, trailer, #MARK) ~= MARK then
-    Break(m, m.item, x.sign, NOT_AUTHENTIC, "no signature follows the message")
-  elseif not m.env_user:find("^[!\"$-~]+\0*$") then
-    Break(m, envelope, x.sign, NOT_AUTHENTIC, "the user in the envelope is not valid")
+  else
+    CheckTrailer(m, envelope, at + length - TRAILER, MARK)
+  end
+end
+
+-- The form of a seal is the same from every sender.
+local function ShowSeal(m, at)
+  if not Captured(m, m.item, at, SEAL) then return end
+  local tree = m.item:add(f.seal, m.tvb(at, SEAL))
+  local text, user = ShowText(m, tree, f.seal_user, at, 12, {})
+  local reserved = tree:add(f.seal_reserved, m.tvb(at + 12, 4))
+  tree:add(f.seal_key, m.tvb(at + 16, 32))
+  tree:add(f.seal_tag, m.tvb(at + 48, 16))
+  tree:append_text(": for " .. text)
+  m.sealed_for = text
+  if Word(m.tvb, at + 12, true) ~= 0 then
+    Break(m, reserved, x.sign, NOT_AUTHENTIC, "the reserved bytes of the seal are not zero")
+  elseif not IsUser(user) then
+    Break(m, tree, x.sign, NOT_AUTHENTIC, "the user that it is sealed for is not valid")
   end
 end
 
@@ -478,15 +513,25 @@ local function ShowForeignSigned(m, at, length)
   AddBytes(m, m.item, f.undecoded, at + HEADER, length - HEADER)
 end
 
+local function ShowSealed(m, envelope, at, length)
+  local trailer = at + length - TRAILER
+  AddBytes(m, m.item, f.encrypted, at, length - TRAILER - SEAL)
+  ShowSeal(m, trailer - SEAL)
+  if not m.error then CheckTrailer(m, envelope, trailer, SEALED_MARK) end
+  ShowTrailer(m, trailer)
+end
+
 local function ShowSigned(m, shape)
   local envelope = ShowEnvelope(m, shape.form)
   local at, length = m.at + ENVELOPE, shape.announced
   if m.error then return AddBytes(m, m.item, f.undecoded, at, math.min(shape.total, shape.present) - ENVELOPE) end
   if not mqnode.prefs.companion then return ShowForeignSigned(m, at, length) end
-  if length <= HEADER + TRAILER then
+  local sealed = m.version == 2
+  if length <= HEADER + TRAILER + (sealed and SEAL or 0) then
     Break(m, envelope, x.sign, NOT_AUTHENTIC, "%d bytes are too short for a signature", length)
     return AddBytes(m, m.item, f.undecoded, at, length)
   end
+  if sealed then return ShowSealed(m, envelope, at, length) end
   if not Captured(m, m.item, at, HEADER) then return AddBytes(m, m.item, f.undecoded, at, length) end
   local form, fault, info = FormOf(m.tvb, at, HEADER)
   if fault then
@@ -548,6 +593,7 @@ local function Describe(m, shape)
     if m.count > #m.params and #m.params >= INFO_PARAMS then text = text .. ", ..." end
   else
     text = kind .. "message" .. (m.user and " from " .. m.user or "")
+    if m.sealed_for then text = string.format("sealed message from %s for %s", m.env_text, m.sealed_for) end
   end
   if m.fault then text = string.format("%s [error %d: %s]", text, m.error, m.fault) end
   if m.cut then text = text .. " [cut]" end
@@ -595,7 +641,7 @@ local function ShowColumns(pinfo, texts)
   pinfo.cols.info:fence()
 end
 
--- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) when it
+-- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) if it
 -- does not reassemble, or when packets were cut.
 local function AskForMore(tvb, at, pinfo, shape)
   local lacking = (shape.need or shape.total or 0) - (tvb:len() - at)
