@@ -24,7 +24,7 @@ constexpr char kFooter[] =
     "  0    success\n"
     "  1    internal error of mqcat\n"
     "  2    usage error\n"
-    "  3    input that cannot be read, or is malformed: a file, an interface, JSON\n"
+    "  3    unreadable or malformed input: a file, an interface, JSON\n"
     "  4    connection: unknown name, refused, reset, address in use\n"
     "  5    no answer in time\n"
     "  6    bytes that violate the wire format\n"
