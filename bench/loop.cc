@@ -31,7 +31,7 @@ struct Figures {
   std::vector<double> memory;
 };
 
-// Rounds in turn, so that whatever else the machine does falls on all servers alike.
+// Runs the servers in turn, so that other load on the machine affects all of them alike.
 std::vector<std::vector<Figures>> RunAll(const std::vector<EchoServer>& servers, const Case& of, const Effort& effort) {
   std::vector<std::vector<Figures>> all(of.active.size(), std::vector<Figures>(servers.size()));
   for (size_t round = 0; round < effort.rounds; ++round) {
@@ -52,7 +52,7 @@ std::vector<std::vector<Figures>> RunAll(const std::vector<EchoServer>& servers,
   return all;
 }
 
-// The bare server that a server is held against follows it; an empty cell for the others.
+// The rate relative to the bare server that follows in the list; an empty cell if none follows.
 Cell BesideBare(const std::vector<EchoServer>& servers, const std::vector<Figures>& figures, size_t s) {
   constexpr std::string_view kBare = "bare";
   const bool has_bare = s + 1 < servers.size() && std::string_view(servers[s + 1].name).starts_with(kBare) &&

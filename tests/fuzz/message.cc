@@ -1,12 +1,12 @@
-// message.cc - what mqcat decode and the companion make of a stream or a datagram. The pieces that decode finds cover
-// every byte in order. A plain message is delivered when decode finds no rule broken, and only then.
+// message.cc - mqcat decode and the companion, given a stream or a datagram. The pieces that decode finds cover every
+// byte in order. A plain message is delivered if and only if decode finds no broken rule.
 #include <tuple>
 
 #include "tests/fuzz/oracle.hh"
 
 namespace {
 
-// A broken message may announce more than the piece that was made of it; end is that of the stream.
+// A broken message may announce more bytes than its piece has; end is the end of the stream.
 void CheckPiece(const mqcat::Piece& piece, uint64_t end) {
   if (piece.faults.empty()) end = piece.offset + piece.size;
   for (const mqcat::Field& field : piece.fields) {
@@ -15,7 +15,7 @@ void CheckPiece(const mqcat::Piece& piece, uint64_t end) {
   for (const mqcat::Fault& fault : piece.faults) REQUIRE(fault.offset >= piece.offset && fault.offset <= end);
 }
 
-// What a step refuses it leaves alone, and what it accepts it leaves alone the second time.
+// A step changes nothing if it refuses the message, or if it is repeated.
 bool Convert(fuzz::Record& record, int (*step)(PcfMessage*)) {
   const std::vector<uint8_t> before = record.raw();
   const bool accepted = step(record) != 0;
@@ -26,7 +26,7 @@ bool Convert(fuzz::Record& record, int (*step)(PcfMessage*)) {
 
 void CheckConverting(fuzz::Bytes bytes) {
   std::set<std::string> broken = fuzz::BrokenRules(bytes);
-  broken.erase("zero-fill");                              // passed on
+  broken.erase("zero-fill");                              // not refused by readers
   const bool unclear = broken.erase("origin-word") != 0;  // the body may be read in another form
   const bool plain = bytes.size() > fuzz::kHeader && std::max(bytes[0], bytes[3]) == fuzz::kHeader;
   fuzz::Record record(bytes);
@@ -42,7 +42,7 @@ void CheckConverting(fuzz::Bytes bytes) {
 
 using Piece = std::tuple<uint64_t, size_t, size_t>;  // its offset, and how many fields and faults it has
 
-// What is found does not depend on how a stream arrives.
+// The pieces must not depend on how the stream is split.
 std::vector<Piece> DecodedInPieces(fuzz::Bytes bytes, size_t size) {
   std::vector<Piece> pieces;
   mqcat::Decoder decoder(

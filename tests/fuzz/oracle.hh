@@ -1,4 +1,4 @@
-// oracle.hh - what becomes of a message, signed by alice if at all, whose signatures are right when they are zeros.
+// oracle.hh - the expected fate of a message, whose signature, if any, is alice's and valid if it is all zeros.
 #pragma once
 
 #include <sodium.h>
@@ -40,7 +40,7 @@ inline int AddParam(PcfMessage* msg, const MqcParam& param) {
   return param.type == MQC_BYTES && mqc_add_bytes(msg, param.id, param.bytes, param.length);
 }
 
-// Requires a native header that says the length, and parameters from which the same body can be composed again.
+// Requires a native header with the right length, and parameters from which the same body can be composed.
 inline void CheckDelivered(const PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   REQUIRE(raw.length > kHeader && raw.length <= MQ_MAX_MESSAGE && raw.length <= raw.capacity);
@@ -57,8 +57,7 @@ inline void CheckDelivered(const PcfMessage* msg) {
   mqc_message_free(copy);
 }
 
-// What a reader has to hand out for a plain message: header and body in native form, the body as it came when it is
-// broken.
+// What a reader must deliver for a plain message: header and body in native form; a broken body as it arrived.
 inline std::vector<uint8_t> Native(Bytes plain) {
   Record record(plain);
   PcfMessage* const msg = record;
@@ -66,7 +65,7 @@ inline std::vector<uint8_t> Native(Bytes plain) {
   return record.raw();
 }
 
-// Opens a sealed message whose tag is zero, as if it were not encrypted. The key in the seal must be a proper one.
+// Opens a sealed message whose tag is zero as if it were not encrypted. The key in the seal must be valid.
 inline std::string OpenZeroTag(std::span<uint8_t> message) {
   const uint8_t* const seal = message.last(kTrailer + kSeal).data();
   const uint8_t secret[32] = {1};
@@ -74,7 +73,7 @@ inline std::string OpenZeroTag(std::span<uint8_t> message) {
   return sodium_is_zero(seal + 48, 16) && crypto_scalarmult(shared, secret, seal + 16) == 0 ? "" : "the seal is broken";
 }
 
-// The rules that mqcat decode finds broken in a whole message or a datagram.
+// The rules that a whole message or a datagram breaks, according to mqcat decode.
 inline std::set<std::string> BrokenRules(Bytes message, const mqcat::MessageOpener& opener = {}) {
   std::set<std::string> rules;
   const auto add = [&rules](const mqcat::Piece& piece) {
@@ -90,8 +89,8 @@ inline bool IsSealed(Bytes message) {
   return (message[0] == 0 ? __builtin_bswap32(version) : version) == 2;
 }
 
-// Whether a reader has to accept a signed message that it has not accepted before, also one that is sealed for alice;
-// nothing when a text field is not zero-filled, which is a fault in users and passed on in the program's name.
+// Whether a reader must accept a new signed message, which may be sealed for alice. Nothing if a text field is not
+// zero-filled, which is a fault in the user but allowed in the program's name.
 inline std::optional<bool> IsAcceptable(Bytes message) {
   const Bytes trailer = message.last(kTrailer), signature = trailer.subspan(kAtSignature);
   uint64_t time;
@@ -105,7 +104,7 @@ inline std::optional<bool> IsAcceptable(Bytes message) {
     if (memcmp(message.last(behind).data(), recipient, sizeof recipient) != 0) return false;
   }
   std::set<std::string> broken = BrokenRules(message, {"alice", OpenZeroTag});
-  std::erase_if(broken, [](const std::string& rule) {  // nobody looks at the body before the signature was verified
+  std::erase_if(broken, [](const std::string& rule) {  // the body is not parsed before verification
     return rule.starts_with("parameter-") || rule == "body-head" || rule == "body-rest" || rule == "text-zero-byte" ||
            rule == "encoding-version" || rule == "origin-word";
   });

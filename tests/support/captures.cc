@@ -1,8 +1,8 @@
-// captures.cc - writes messages as dumps, a line each, for text2pcap and mqcat decode, and what is to be seen in them.
+// captures.cc - writes messages as dumps, one a line, for text2pcap and mqcat decode, and what decoders should show.
 //   captures DIRECTORY SEED
 //
-// A datagram node reads every message; the error that it reports is the expected verdict.
-//   moritz.key                  of the user who signs, and for whom messages are sealed
+// A datagram node reads every message; its error is the expected verdict.
+//   moritz.key                  secret key of the user who signs messages, and for whom they are sealed
 //   sample-N.hex  samples.txt: the columns that wireshark_test.sh asks for; stream-N.hex: all in segments of N bytes
 //   broken.hex, mutants.hex     broken.txt, mutants.txt: error, first rule broken in a stream, part of the expert info
 #include <arpa/inet.h>
@@ -37,7 +37,7 @@ void Dump(const std::string& path, const std::vector<Bytes>& packets) {
   }
 }
 
-// Signed by "moritz", whom the ring knows; sealed for himself.
+// Signs messages as "moritz", who is in the ring, and seals them for him.
 class Signer {
  public:
   explicit Signer(const std::string& path) {
@@ -84,12 +84,12 @@ class Reader {
 
 // ---- Good messages ----
 
-// Each message as a packet of its own, and all of them in segments. The last is longer than most segments.
+// Each message as a packet of its own, and all in segments. The last message is longer than most segments.
 std::vector<Bytes> WriteSamples(const std::string& path, Signer& signer, uint64_t now) {
   fmt::ostream seen = fmt::output_file(path + "samples.txt");
   std::vector<Bytes> samples = {Plain(kNative, Encoder(kNative).Word(0).Word(0).bytes)};
   seen.print("0\tmoritz\tforeign sender{:\t>9}\n", "");
-  std::string printable;  // all of ISO-8859-1 that can be seen, but the backslash, which tshark writes twice
+  std::string printable;  // all visible characters of ISO-8859-1 except the backslash, which tshark doubles
   for (int c = 32; c < 256; ++c) {
     if ((c < 127 || c > 160) && c != '\\') printable += static_cast<char>(c);
   }
@@ -116,7 +116,7 @@ std::vector<Bytes> WriteSamples(const std::string& path, Signer& signer, uint64_
   return samples;
 }
 
-// ---- What is wrong with messages ----
+// ---- Broken messages ----
 
 struct Broken {
   Bytes wire;
@@ -201,7 +201,7 @@ void Write(const std::string& path, Reader& reader, const std::vector<Broken>& m
 
 }  // namespace
 
-// One of the mutator's changes, where no fuzzer is linked: a word becomes one that a length, a type or a flag may be.
+// A mutation for builds without a fuzzer: a word is set to a plausible length, type or flag.
 size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t) {
   static const uint8_t kBytes[] = {0, 1, 2, 3, 4, 5, 8, 12, 32, 136, 0x7f, 0xff};
   for (size_t at = Below(size / 4 + 1) * 4, end = std::min(size, at + 1 + Below(2) * 3); at < end; ++at) {

@@ -138,7 +138,7 @@ int Run(int argc, char** argv) {
   return mqcat::kExitOk;
 }
 
-// One line, whatever the text: what follows a newline is advice.
+// Prints the text on one line: newlines, which separate advice, become semicolons.
 void Say(std::string_view text) {
   std::string line;
   for (const char c : text) c == '\n' ? line += ';' : line += c;

@@ -196,7 +196,7 @@ struct Param {
   uint32_t id;
   uint32_t type;
   uint64_t length;
-  uint64_t at;  // of its value
+  uint64_t at;  // offset of the value
 };
 
 const char* TypeName(uint32_t type) {
@@ -490,7 +490,7 @@ void Begin(Piece& piece, uint64_t offset) {
   piece.opened.clear();
 }
 
-// A run of stray bytes, of which begin has the first.
+// Fills the piece for a run of stray bytes; begin contains its first bytes.
 void FillStray(Piece& piece, Bytes begin, uint64_t size) {
   piece.size = size;
   std::string text = begin.size() < 4 ? std::string("too few bytes for a first word")

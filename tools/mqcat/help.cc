@@ -30,7 +30,7 @@ class HelpFormatter : public CLI::Formatter {
     const std::string name = CLI::detail::find_and_replace(option->get_name(false, true), ",", ", ");
     return option->get_snames().empty() ? "    " + name : name;
   }
-  // The allowed values are a part of the type's name; the help says them in its own words.
+  // The allowed values are a part of the type's name, and the help describes them in words of its own.
   std::string make_option_opts(const CLI::Option* option) const override {
     const std::string type = option->get_type_name();
     return option->get_positional() || type.empty() ? "" : " " + type.substr(0, type.find(':'));
@@ -47,7 +47,7 @@ class HelpFormatter : public CLI::Formatter {
   }
 };
 
-// The command that the command line has come to.
+// The innermost command on the command line.
 const CLI::App* Innermost(const CLI::App& app) {
   const CLI::App* command = &app;
   while (!command->get_subcommands().empty()) command = command->get_subcommands().back();

@@ -34,7 +34,7 @@ void New(const Options& options) {
 void Public(const Options& options) { PrintKey(PublicKeyOf(options.file, options.user)); }
 
 void Add(const Options& options) {
-  // The word in the place of the user is not shown: it may be a secret key.
+  // The word in the user's place is not shown: it may be a secret key.
   if (!options.user.empty() && options.key.empty()) {
     throw Failure{kExitUsage, "keys add: a user without a key: give both, or lines on standard input"};
   }

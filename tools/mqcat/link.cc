@@ -61,7 +61,7 @@ void SetOption(MQNode* node, int id, int value) {
   SetSocketOptions(&node->sock, &option);
 }
 
-// Closing sends what is on its way. By themselves nodes discard it.
+// Lets the system send what is queued in it after a close. By default nodes discard it.
 void LingerNot(MQNode* node) { SetOption(node, SOCK_OPT_LINGER, 0); }
 
 bool IsLoopback(const SockAddrRec& address) { return strncmp(address.ip, "127.", 4) == 0; }
@@ -217,7 +217,7 @@ void Link::Flush(Clock::time_point deadline, int most_pending) {
     waiter_.Wait({node_.get()}, deadline);
     if (const int code = discard_ && !waiter_.to_read().empty() ? Discard() : 0; code != 0) throw Fail(code);
     if (waiter_.to_write().empty()) {
-      std::this_thread::sleep_for(kBreath);  // an answer that is not read yet ends every wait at once
+      std::this_thread::sleep_for(kBreath);  // an unread answer would end every wait at once
     } else if (!mnFinishWrite(node_.get())) {
       throw NodeFailure(what, node_.get());
     }

@@ -265,7 +265,7 @@ class Listener : public mqnode::Server {
 
   // ---- What peers do ----
 
-  // A client that left between two messages, with its answers, is not worth a line.
+  // A client that left between two messages and has received its answers is not logged.
   void TellLeft(const MQNode* node, Bytes bytes) {
     std::string text = "left before it took its answers";
     if (!bytes.empty()) {

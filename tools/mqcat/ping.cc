@@ -39,7 +39,7 @@ struct Options {
   KeyOptions keys;
 };
 
-// For JSON: whole nanoseconds, so that a figure has no more digits than it is worth.
+// For JSON: whole nanoseconds, so that figures have only significant digits.
 double Rounded(double milliseconds) { return std::round(milliseconds * 1e6) / 1e6; }
 
 double MillisecondsSince(Clock::time_point then) {
@@ -75,7 +75,7 @@ class Pinger {
     }
   }
 
-  // The connection has ended: nothing that is on its way comes back.
+  // The connection has ended: outstanding answers will not come.
   void Fail() { waiting_.clear(); }
 
   void Finish() {
@@ -84,7 +84,7 @@ class Pinger {
     Flush();
   }
 
-  // As with ping: 0 when something came back; with both count and deadline only when everything did.
+  // As ping does: 0 if something came back; with both count and deadline only if everything did.
   ExitCode Result() const {
     const bool all = options_.deadline > 0 && options_.count != UINT64_MAX;
     return trips_.count() == 0 || (all && trips_.count() < options_.count) ? kExitTimeout : kExitOk;
@@ -99,7 +99,7 @@ class Pinger {
 
   bool Done() const { return sent_ >= options_.count && waiting_.empty(); }
 
-  // The interval is 0: the next one goes out when the last one is back, or lost.
+  // At an interval of 0, the next ping goes out when the last one came back or was lost.
   Clock::time_point NextMoment(Clock::time_point next, Clock::time_point end) const {
     Clock::time_point moment = end;
     const bool flood = options_.interval == 0 && !waiting_.empty();
@@ -124,7 +124,7 @@ class Pinger {
     waiting_[sent_++] = now;
   }
 
-  // Takes answers until the moment has come; at an interval of 0 until one has.
+  // Receives answers until the given time; at an interval of 0 until one has arrived.
   void Receive(Clock::time_point moment) {
     while (link_.Read(answer_.get(), moment)) {
       Take();
