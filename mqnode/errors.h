@@ -40,7 +40,7 @@ typedef struct MqErrorInfo {
   const char* remedy;  /* what to do next */
 } MqErrorInfo;
 
-/* mq_error_table - the table of all codes: those of the library first, then errno values in numeric order.
+/* mq_error_table - get the table of all codes: those of the library first, then errno values in numeric order.
  *   count   out  number of entries; may be null */
 static inline const MqErrorInfo* mq_error_table(size_t* count) {
   enum { kAll = MQ_IN_NODE | MQ_IN_SOCKET | MQ_IN_STATUS, kBoth = MQ_IN_NODE | MQ_IN_SOCKET };
@@ -185,7 +185,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
 
 /* mq_error_find - find the entry of a code in a place.
  *   place   MQ_IN_NODE, MQ_IN_SOCKET, MQ_IN_STATUS, or MQ_IN_ANY for the first entry with this code
- * Result   null for a code that is not reported there */
+ * Result   the entry; null for a code that is not reported there */
 static inline const MqErrorInfo* mq_error_find(int code, unsigned place) {
   size_t count;
   const MqErrorInfo* const table = mq_error_table(&count);
@@ -195,7 +195,7 @@ static inline const MqErrorInfo* mq_error_find(int code, unsigned place) {
   return NULL;
 }
 
-/* mq_error_next - the next entry with the same code; null after the last. */
+/* mq_error_next - get the next entry with the same code; null after the last. */
 static inline const MqErrorInfo* mq_error_next(const MqErrorInfo* entry) {
   size_t count;
   const MqErrorInfo* const end = mq_error_table(&count) + count;
@@ -215,7 +215,8 @@ static inline int mq_error_same_name(const char* a, const char* b) {
   return 1;
 }
 
-/* mq_error_by_name - find an entry by name or alias, ignoring case; null if there is none. */
+/* mq_error_by_name - find an entry by name or alias, ignoring case.
+ * Result   the entry; null if there is none */
 static inline const MqErrorInfo* mq_error_by_name(const char* name) {
   size_t count;
   const MqErrorInfo* const table = mq_error_table(&count);
@@ -226,7 +227,7 @@ static inline const MqErrorInfo* mq_error_by_name(const char* name) {
   return NULL;
 }
 
-/* mq_error_name, mq_error_meaning, mq_error_remedy - texts of a code's first entry; never null. */
+/* mq_error_name, mq_error_meaning, mq_error_remedy - get the texts of a code's first entry; never null. */
 static inline const char* mq_error_name(int code) {
   const MqErrorInfo* const entry = mq_error_find(code, MQ_IN_ANY);
   return entry != NULL ? entry->name : "unknown code";
@@ -242,8 +243,8 @@ static inline const char* mq_error_remedy(int code) {
   return entry != NULL ? entry->remedy : "look it up as an errno value; if it is not one, the record was overwritten";
 }
 
-/* mq_node_cause - the reason why the last operation on a node failed: the code of the socket if a write was dropped,
- * which leaves 11 in node->error; otherwise node->error.
+/* mq_node_cause - get the code of the reason why the last operation on a node failed: that of the socket if a write was
+ * dropped, which leaves 11 in node->error; otherwise node->error.
  *   node    in   null for a node that could not be allocated: ENOMEM
  *   place   out  place of the code, MQ_IN_NODE or MQ_IN_SOCKET; may be null
  * Result   the code; 11 if there is no other reason: the operation can continue later, or a write with result 0 had no

@@ -11,19 +11,19 @@
 //   }
 //
 // Conventions
-//   Results        operations end with a Result of mqnode.hpp and throw nothing of their own. Memory: as with any
-//                  coroutine, std::bad_alloc
-//   Cancellation   by Asio's means: cancellation slots, awaitable_operators, within. A cancelled operation ends with
-//                  ECANCELED and loses nothing: a message that has arrived in part is read on by the next read, a
-//                  message whose write was cancelled stays queued and leaves with the next write, read or finish
-//   Time           nothing here has a time limit of its own: put within() around an operation
-//   Order          one coroutine reads a node at a time. Several may write to a stream, one to a datagram node;
-//                  messages leave in the order of the writes. A node may be closed or destroyed while operations wait
-//                  for it: they end with ECANCELED
+//   Results        operations return a Result of mqnode.hpp and throw no exceptions of their own. As in any coroutine,
+//                  std::bad_alloc is possible
+//   Cancellation   with cancellation slots, awaitable_operators or within(). A cancelled operation returns ECANCELED
+//                  and loses nothing: a partly received message is continued by the next read, and a message whose
+//                  write was cancelled remains queued and is sent by the next write, read or finish
+//   Time           operations have no time limit of their own: use within()
+//   Order          one coroutine may read a node at a time. Several coroutines may write to a stream node, one to a
+//                  datagram node; messages are sent in the order of the writes. A node may be closed or destroyed while
+//                  operations wait for it: they return ECANCELED
 //   Fairness       a node reads at most messagesPerTurn messages, and a listener accepts at most acceptsPerTurn
 //                  connections, before the other nodes of the loop have their turn
-//   Threads        an executor runs in one thread, or is a strand; a node is used from there only
-//   SIGPIPE        is the application's: ignore it
+//   Threads        the executor must run in one thread or be a strand; use a node only from its executor
+//   SIGPIPE        must be ignored by the application
 //
 // Asio 1.22 or later, without Boost (asio.hpp); link mqnode::asio.
 #ifndef MQNODE_MQNODE_ASIO_HPP
@@ -53,15 +53,15 @@ class AsyncNode;
 
 namespace detail {
 
-constexpr std::chrono::milliseconds kAcceptPause{50};  // while no connection can be had
+constexpr std::chrono::milliseconds kAcceptPause{50};  // before the next attempt, while no connection can be accepted
 
-// What a listener and the nodes that it has accepted share.
+// Data shared by a listener and the nodes that it has accepted.
 struct AsyncCommon {
   MqLoopLimits limits;
-  std::uint32_t accepted = 0;  // that are not closed
+  std::uint32_t accepted = 0;  // accepted nodes that are not closed
 };
 
-// A node and what waits for it. Operations hold it, so that it outlives its AsyncNode while they end.
+// A node and its descriptor in the loop. Operations share ownership, so that it outlives its AsyncNode until they end.
 struct AsyncState {
   using Wait = asio::posix::stream_descriptor::wait_type;
 
@@ -82,7 +82,7 @@ struct AsyncState {
     if (step.accepted != 0) --common->accepted;
   }
 
-  // Waits until the node is ready; the code says whether it is.
+  // Waits until the node is ready; code is set if the wait failed.
   asio::awaitable<void> wait(Wait type, asio::error_code& code) {
     if (!descriptor.is_open()) descriptor.assign(node.descriptor(), code);
     return descriptor.async_wait(type, asio::redirect_error(asio::use_awaitable, code));
@@ -96,7 +96,7 @@ struct AsyncState {
   static Result stopped(const asio::error_code& code) noexcept {
     return {0, code == asio::error::operation_aborted ? ECANCELED : code.value(), MQ_IN_SOCKET};
   }
-  // The rest of a message that was lost would be taken for the next one.
+  // Closes the node after a part of a message was lost: the peer would take the next message for the rest of it.
   Result broken() noexcept {
     close();
     return failed();
@@ -129,7 +129,7 @@ inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
     if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
     if (outcome != MQ_STEP_WAIT) co_return own->failed();
     asio::error_code code;
-    const bool held = step.held != 0;  // by a queue that is to become shorter first
+    const bool held = step.held != 0;  // the queue must become shorter first
     co_await own->wait(held ? AsyncState::Wait::wait_write : AsyncState::Wait::wait_read, code);
     if (code) co_return AsyncState::stopped(code);
     if (held && mq_step_flush(&step) == MQ_STEP_FAILED) co_return own->broken();
@@ -157,7 +157,7 @@ asio::awaitable<Result> async_write(AsyncShared own, Function function, MessageR
   co_return AsyncState::done();
 }
 
-// Waits for what the end of a connection needs next.
+// Waits for the readiness that the next step of an end requires.
 inline asio::awaitable<void> async_wait_for_end(AsyncShared own, asio::error_code& code) {
   using namespace asio::experimental::awaitable_operators;
   const int wants = mq_step_wants(&own->step);
@@ -194,17 +194,18 @@ inline asio::awaitable<void> async_keep(asio::awaitable<Result> operation, Resul
 
 }  // namespace detail
 
-// AsyncNode - a node that it owns, for coroutines. It is moved and never copied; destroying it closes the node at once:
-// finish() first if the last messages must arrive.
+// AsyncNode - owns a node, for coroutines. It can be moved, but not copied. Its destructor closes the node immediately:
+// call finish() before if the last messages must arrive.
 class AsyncNode {
  public:
   enum class Framing { kPlain, kSigned };
 
-  // An empty one, for accept().
+  // Creates an empty AsyncNode, for accept().
   AsyncNode() noexcept = default;
-  // Takes a node of a creator, which becomes non-blocking. status() says whether it can be used.
-  //   framing   what read() takes: plain or signed messages
-  //   limits    of this node; those of a listener hold for what it accepts too. The times in it are not used here
+  // Takes ownership of a node from a creator, and makes it non-blocking. status() tells whether it can be used.
+  //   framing   messages that read() accepts: plain or signed
+  //   limits    limits of this node; those of a listener also apply to the nodes that it accepts. Its time limits are
+  //             not used
   AsyncNode(const asio::any_io_executor& executor, Node node, Framing framing = Framing::kPlain,
             const MqLoopLimits& limits = mq_loop_limits())
       : state_(
@@ -219,32 +220,33 @@ class AsyncNode {
   ~AsyncNode() { close(); }
 
   explicit operator bool() const noexcept { return state_ != nullptr; }
-  // Whether the node was created and could be taken in. Empty ones: ENOMEM.
+  // Whether the node was created and can be used. ENOMEM if this AsyncNode is empty.
   Result status() const noexcept {
     if (state_ == nullptr) return {0, ENOMEM, MQ_IN_SOCKET};
     return state_->begun || !state_->node || state_->node.failed() ? state_->node.status() : state_->failed();
   }
-  // The node. Read and write by the operations below, not through it.
+  // The node. Use the operations below to read and write, not this reference.
   NodeRef node() const noexcept { return state_->node; }
   asio::any_io_executor get_executor() const { return state_->descriptor.get_executor(); }
-  // Whether a message has arrived in part.
+  // Whether a part of a message has arrived.
   bool is_in_message() const noexcept { return mq_step_is_cut(&state_->step) != 0; }
 
-  // Each of the following requires that status() was a success.
+  // The following operations require that status() is a success.
 
   // Connects. A host name is looked up first, which blocks the loop.
   asio::awaitable<Result> open() const { return detail::async_open(state_); }
 
-  // Waits for a connection of a listener and makes it child, in the loop, with the framing and the limits of the
-  // listener. When there are as many as limits.nodes, or no descriptor or memory is left, connections wait.
+  // Waits for a connection on a listener and moves it to child, with the framing and the limits of the listener. While
+  // limits.nodes nodes are open, or no descriptor or memory is left, connections wait.
   asio::awaitable<Result> accept(AsyncNode& child) const { return detail::async_accept(state_, child); }
 
-  // Reads one message. False with EMSGSIZE for one that is longer than limits.messageBytes, with peer_gone() at the end
-  // of a connection. Of a datagram node, false also for a datagram that was not a message: go on reading.
+  // Reads one message. False with EMSGSIZE if it is longer than limits.messageBytes, and with peer_gone() at the end of
+  // a connection. On a datagram node, also false for a datagram that was not a message: read again.
   asio::awaitable<Result> read(MessageRef msg) const { return detail::async_read(state_, msg); }
 
-  // Writes one message and waits until the system has taken it. False with -1111 while more than limits.queueBytes are
-  // queued. A stream node that has lost a part of a message is closed. msg, and to, live until the operation starts.
+  // Writes one message and waits until the system has accepted it. False with -1111 while more than limits.queueBytes
+  // are queued. A stream node that has lost a part of a message is closed. msg and to must live until the operation has
+  // started.
   asio::awaitable<Result> write(MessageRef msg) const { return detail::async_write(state_, mnWrite, msg); }
   asio::awaitable<Result> write_to(MessageRef msg, SockAddrRec& to) const {
     return detail::async_write(state_, mnWriteTo, msg, &to);
@@ -256,11 +258,11 @@ class AsyncNode {
     return detail::async_write(state_, mnSWriteTo, msg, &to, 1, static_cast<void*>(signer.get()));
   }
 
-  // As mq_finish: sends what is queued, shuts the sending side down, and waits until the peer has received everything
-  // and closed. Only closing may follow.
+  // As mq_finish: sends the queued messages, shuts down the sending side, and waits until the peer has received
+  // everything and closed the connection. Only close() may follow.
   asio::awaitable<Result> finish() const { return detail::async_finish(state_); }
 
-  // Closes the node at once; what is queued is discarded. Nothing happens the second time.
+  // Closes the node immediately and discards queued messages. A second call has no effect.
   void close() noexcept {
     if (state_ != nullptr) state_->close();
   }
@@ -275,7 +277,7 @@ class AsyncNode {
 
 namespace detail {
 
-// Makes child the node that was accepted.
+// Returns the state of an accepted node, or null if it cannot be used.
 inline AsyncShared async_adopt(AsyncState& listener, MQNode* accepted) {
   AsyncShared child = std::make_shared<AsyncState>(listener.descriptor.get_executor(), Node(accepted),
                                                    listener.step.secure != 0, listener.common);
@@ -314,7 +316,7 @@ inline asio::awaitable<Result> async_accept(AsyncShared own, AsyncNode& child) {
 
 }  // namespace detail
 
-// within - an operation with a time limit: after that it is cancelled, and the result is false with timed_out().
+// within - perform an operation with a time limit. After that it is cancelled; the result is false with timed_out().
 //   if (const Result read = co_await within(10s, node.read(msg)); read.timed_out()) ...
 inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::awaitable<Result> operation) {
   using namespace asio::experimental::awaitable_operators;
@@ -323,7 +325,7 @@ inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::a
   Result result(0, ECANCELED, MQ_IN_SOCKET);
   co_await (detail::async_keep(std::move(operation), result) ||
             timer.async_wait(asio::redirect_error(asio::use_awaitable, code)));
-  // The operation may have ended at the same moment: its result counts.
+  // If the operation ended at the same moment, its own result is returned.
   const bool expired = !result && result.code() == ECANCELED && !code;
   co_return expired ? Result(0, SOCK_WAIT_TIMEOUT, MQ_IN_STATUS) : result;
 }

@@ -450,10 +450,9 @@ void AddDecode(CLI::App& app, ExitCode& exit) {
   command->add_flag("--full", options->full, "Show long texts and byte strings in full");
   command->footer(
       "Shows offset, size, name, value and meaning of every field, in either byte order and character set, as soon as "
-      "a message is complete. Signatures are shown, not verified; a sealed message remains encrypted without its key. "
-      "Exit code 6: a message breaks a rule of the wire format. Ctrl-C ends with the summary; the exit code is then "
-      "130, with --interface that of the "
-      "messages.\n\n"
+      "a message is complete. Signatures are shown, but not verified; a sealed message remains encrypted without its "
+      "key. The exit code is 6 if a message violates the wire format. Ctrl-C ends decode with the summary; the exit "
+      "code is then 130, or with --interface that of the messages.\n\n"
       "Examples:\n  mqcat decode stream.bin\n  xxd stream.bin | mqcat decode\n"
       "  mqcat decode talk.pcapng\n  tcpdump -i lo -U -w - port 5000 | mqcat decode\n"
       "  mqcat decode --interface lo --filter 'port 5000' --count 20");

@@ -138,7 +138,7 @@ void AddFormat(CLI::App& app, FormatOptions& options, const std::string& help) {
 void CheckFormat(const FormatOptions& options) {
   if (options.format != "raw" || options.force || !OutputIsTerminal()) return;
   throw Failure{kExitUsage,
-                "--format raw: raw bytes can put the terminal out of order"
+                "--format raw: raw bytes can disturb the terminal"
                 "\n  redirect standard output, use --format hex, or add --force"};
 }
 

@@ -382,20 +382,20 @@ void RunListen(const Options& options) {
 void AddLimits(CLI::App& command, Options& options) {
   AddNumber<uint64_t>(command, "--count", options.count, 1, UINT64_MAX, "Stop after this many messages");
   AddNumber<int>(command, "--backlog", options.backlog, 1, 65535,
-                 "Connections that wait to be accepted; net.core.somaxconn may allow fewer");
+                 "Maximum number of connections that wait to be accepted; net.core.somaxconn may allow fewer");
   AddNumber<int>(command, "--max-clients", options.max_clients, 1, 2500,
-                 "Clients at once; a newcomer takes the place of the quietest one");
+                 "Maximum number of connected clients; above it, a new client replaces the longest idle one");
   AddNumber<int>(command, "--max-per-address", options.max_per_address, 1, 2500,
-                 "Clients at once from one address; others are refused (default: no limit)");
+                 "Maximum number of clients from one address; others are refused (default: no limit)");
   AddNumber<uint32_t>(command, "--max-message", options.max_message, 256, MQ_MAX_MESSAGE,
-                      "Bytes of a message, headers included; a client that announces a longer one is dropped");
+                      "Maximum size of a message, including headers; a client that announces a longer one is dropped");
   AddNumber<uint32_t>(command, "--max-waiting", options.max_waiting, 0, UINT32_MAX - 1,
-                      "Bytes of answers that may wait behind the oldest one; a client is not read from while more do");
+                      "Maximum size of the answers queued behind the oldest one; above it, the client is not read");
   AddSeconds(command, "--midway", options.midway, 0.1, kMostSeconds,
-             "Drop a client that stops in the middle of a message, or does not take its answers, for this long");
+             "Drop a client that stops in the middle of a message, or does not read its answers, for this long");
   AddSeconds(command, "--idle", options.idle, 0.1, kMostSeconds, "Drop a client that sends nothing for this long");
   AddNumber<uint32_t>(command, "--answer-rate", options.answer_rate, 1, UINT32_MAX - 1,
-                      "Answers to one address in a second, with --udp");
+                      "Maximum number of answers to one address per second, with --udp");
 }
 
 }  // namespace
@@ -404,29 +404,28 @@ void AddListen(CLI::App& app, ExitCode&) {
   auto options = std::make_shared<Options>();
   CLI::App* const command = app.add_subcommand("listen", "Receive messages and print them");
   command
-      ->add_option(
-          "[HOST:]PORT", options->place,
-          "Where to listen: an address of this host and a port or a service name; also HOST SERVICE. Without a "
-          "host 127.0.0.1, with * every address; port 0 lets the system choose")
+      ->add_option("[HOST:]PORT", options->place,
+                   "Address to listen on: a host and a port or service name, also as HOST SERVICE. The default host is "
+                   "127.0.0.1; * means all addresses. With port 0, the system chooses a port")
       ->required()
       ->expected(1, 2);
-  AddFormat(*command, options->format, "Print messages as text, json (one object a line), hex, raw or quiet");
-  command->add_flag("--echo", options->echo, "Send every message back; a datagram that is marked as an answer is not");
+  AddFormat(*command, options->format, "Print messages as text, json (one object per line), hex, raw or quiet");
+  command->add_flag("--echo", options->echo, "Send every message back, except datagrams that are marked as answers");
   command->add_flag("--udp", options->udp, "Receive datagrams");
   AddKeyOptions(*command, options->keys, "Sign the answers of --echo with the secret key in this file",
                 "Accept only messages that are signed by a user in this ring",
-                "User whose key --sign and --key take from their files");
+                "User whose key to take from the files of --sign and --key");
   CLI::Option* const key =
       command
           ->add_option("--key", options->keys.key,
-                       "Open messages that are sealed for the user of this secret key; --echo then needs --sign")
+                       "Open messages that are sealed for the user of this secret key; --echo then requires --sign")
           ->type_name("KEYFILE")
           ->needs("--ring");
   command->add_flag("--only-sealed", options->only_sealed, "Refuse messages that are not sealed")->needs(key);
   AddLimits(*command, *options);
   command->add_flag("-v,--trace", options->trace, "Print every step of every connection on standard error");
   command->footer(
-      "Messages are printed on standard output, everything else on standard error. Ctrl-C ends with a summary.\n\n"
+      "Messages are printed on standard output, everything else on standard error. Ctrl-C ends it with a summary.\n\n"
       "Examples:\n  mqcat listen 5000 --echo\n  mqcat listen '*:5000' --format json --count 10\n"
       "  mqcat listen 5000 --ring ring --trace\n  mqcat listen 5000 --udp --format hex");
   command->callback([options] { RunListen(*options); });

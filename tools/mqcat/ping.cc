@@ -250,7 +250,7 @@ void AddPing(CLI::App& app, ExitCode& exit) {
   AddPeer(*command, options->peer);
   AddNumber<uint64_t>(*command, "-c,--count", options->count, 1, UINT64_MAX, "Stop after this many pings");
   AddSeconds(*command, "-i,--interval", options->interval, 0, 86400,
-             "Time between two pings; 0 sends the next one when the last one is back");
+             "Time between two pings; 0: send each ping when the previous one has returned");
   AddNumber<uint32_t>(*command, "-s,--size", options->size, 0, kMostFill, "Bytes of data in a ping");
   AddSeconds(*command, "-w,--deadline", options->deadline, 0.001, 86400 * 365.0, "Stop after this time");
   AddSeconds(*command, "-W,--timeout", options->timeout, 0.001, 86400, "Count a ping as lost after this time");
@@ -263,9 +263,8 @@ void AddPing(CLI::App& app, ExitCode& exit) {
   command->add_flag("--udp", options->udp, "Send datagrams");
   command->add_flag("-v,--trace", options->trace, "Print every step of the connection on standard error");
   command->footer(
-      "mqcat listen --echo sends messages back. Ctrl-C ends with the summary. Exits with 5 if no ping was answered, "
-      "and "
-      "with both --count and --deadline if any was not.\n\n"
+      "mqcat listen --echo sends messages back. Ctrl-C ends ping with the summary. The exit code is 5 if no ping was "
+      "answered; with both --count and --deadline, also if any ping was not answered.\n\n"
       "Examples:\n  mqcat ping 127.0.0.1:5000\n  mqcat ping 127.0.0.1:5000 -c 1000 -i 0 -s 4096 -q");
   command->callback([options, &exit] { exit = RunPing(*options); });
 }
