@@ -56,7 +56,8 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "put only write descriptors into node->pending; call mnFinishWrite again for the rest of the queue"},
       {MQ_BAD_MESSAGE, MQ_IN_NODE, "MQ_BAD_MESSAGE", NULL, "not a message, or its length is not valid",
        "mnRead, mnSRead, mnBrowse; the writes, for a raw.length below 136 or above MQ_MAX_MESSAGE",
-       "close a stream node, which is out of step; check that both sides use the same framing, plain or signed; "
+       "close a stream node, which is out of step; read on from a datagram node; check that both sides use the same "
+       "framing, plain or signed; "
        "examine the bytes with mqcat decode"},
       {MQ_NO_ROOM, MQ_IN_NODE, "MQ_NO_ROOM", NULL, "no memory to enlarge the message record or the receive buffer",
        "mnRead, mnSRead, mnBrowse",
