@@ -165,7 +165,7 @@ MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
 /* mqc_sealed - check whether the message that was read last was sealed and has been opened.
- * Result   1 if it was; else 0, also after a read that was refused and for a message that is being built */
+ * Result   1 if it was; else 0, also after a read that was refused with -1001 and for a message that is being built */
 MQ_RUNTIME int mqc_sealed(const PcfMessage* msg);
 
 /* mqc_message_error - get the reason why the last conversion, parse, begin or add of this record failed; empty if it

@@ -135,7 +135,9 @@ bool Decrypt(const Opener& own, uint8_t* message, uint32_t length, Bound bound, 
                       crypto_aead_xchacha20poly1305_ietf_decrypt_detached(
                           message, nullptr, message, length, seal + kAtTag, additional.bytes, sizeof(additional),
                           bound.nonce, derivation->key) == 0;
-  return opened || Fail(error, "the seal is broken, or was made for another key of user %s", own.user);
+  if (opened) return true;
+  sodium_memzero(message, length);
+  return Fail(error, "the seal is broken, or was made for another key of user %s", own.user);
 }
 
 }  // namespace

@@ -171,7 +171,6 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
   }
   switch (RememberMessage(envelope.userId, trailer + kAtNonce, time, {now, window})) {
     case Replay::kNew:
-      memcpy(accepted_nonce, trailer + kAtNonce, kNonceBytes);
       return true;
     case Replay::kSeen:
       return Fail(error, "a replay: this message was accepted before");
@@ -217,7 +216,9 @@ const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const Pcf
   if (!CheckSignature(envelope, words, part.data, trailer, error) || !CheckFresh(envelope, trailer, error)) {
     return nullptr;
   }
-  return !form->IsSealed() || OpenSealed(envelope, words, raw.data, *plain, error) ? form : nullptr;
+  if (form->IsSealed() && !OpenSealed(envelope, words, raw.data, *plain, error)) return nullptr;
+  memcpy(accepted_nonce, trailer + kAtNonce, kNonceBytes);
+  return form;
 }
 
 // Writes the trailer except its signature.

@@ -69,8 +69,9 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "mnSWrite and the other signed writes",
        "mqc_sign_error gives the reason; often the key belongs to another user than the node"},
       {MQ_NOT_AUTHENTIC, MQ_IN_NODE, "MQ_NOT_AUTHENTIC", NULL,
-       "the signature is not valid, too old or already used, or its user is not known", "mnSRead",
-       "do not trust the message; mqc_authenticate_error gives the reason; the stream is in step"},
+       "the signature is not valid, too old or already used, or its user is not known; or the message is sealed for "
+       "another reader, or not sealed where it must be",
+       "mnSRead", "do not trust the message; mqc_authenticate_error gives the reason; the stream is in step"},
       {MQ_WRITE_LIMIT, MQ_IN_NODE, "MQ_WRITE_LIMIT", NULL, "node->writeLimit writes are outstanding", "the writes",
        "call mnFinishWrite when mnNPost lists the node as writable, then write again; or raise the limit"},
       {SOCK_WAIT_TIMEOUT, MQ_IN_STATUS, "SOCK_WAIT_TIMEOUT", NULL, "nothing was ready before the time-out",

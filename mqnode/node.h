@@ -43,7 +43,7 @@ enum {
   MQ_NO_ROOM = 2102,        /* a message record or a receive buffer could not be enlarged */
   MQ_BAD_BODY = 4005,       /* the message was consumed, but its body could not be converted or parsed */
   MQ_NOT_SIGNED = -1000,    /* signing failed */
-  MQ_NOT_AUTHENTIC = -1001, /* the message was consumed, but its signature is not valid */
+  MQ_NOT_AUTHENTIC = -1001, /* the message was consumed, but its signature or seal is not accepted */
   MQ_WRITE_LIMIT = -1111    /* the limit of outstanding writes is reached */
 };
 

@@ -213,21 +213,25 @@ TEST_F(SecurityTest, SignersAreLeftOutOfCoreDumpsAndSwap) {
 }
 
 TEST_F(SecurityTest, SigningIsRefusedWithAReason) {
+  const Signer seals = alice_signer_.sealing("bob");
+  void* const alice = alice_signer_.get();
   uint64_t no_signer[40] = {};
   const std::tuple<const char*, void*, Spoil> rows[] = {
       {"no security context", nullptr, {}},
       {"not a signer", no_signer, {}},
       {"the node's user is alice, the key is that of bob", bob_signer_.get(), {}},
-      {"136 bytes in an area of 232 are not a message", nullptr, [](auto& msg, auto&) { msg.raw.length = 136; }},
-      {"233 bytes in an area of 232 are not a message", nullptr, [](auto& msg, auto&) { msg.raw.length = 233; }},
-      {"passes the bound", nullptr, [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
-      {"do not say the message's length of 232", nullptr, [](auto& msg, auto&) { msg.secHeader.msgLength--; }},
-      {"do not say", nullptr, [](auto& msg, auto&) { msg.raw.data[64]++; }},
-      {"different users", nullptr, [](auto& msg, auto&) { msg.raw.data[72] = 'A'; }},
-      {"no memory to sign", nullptr, [](auto&, auto&) { mqc_fail_allocation(1, 0); }},
+      {"136 bytes in an area of 232 are not a message", alice, [](auto& msg, auto&) { msg.raw.length = 136; }},
+      {"233 bytes in an area of 232 are not a message", alice, [](auto& msg, auto&) { msg.raw.length = 233; }},
+      {"passes the bound", alice, [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
+      {"passes the bound", seals.get(),
+       [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 191; }},
+      {"do not say the message's length of 232", alice, [](auto& msg, auto&) { msg.secHeader.msgLength--; }},
+      {"do not say", alice, [](auto& msg, auto&) { msg.raw.data[64]++; }},
+      {"different users", alice, [](auto& msg, auto&) { msg.raw.data[72] = 'A'; }},
+      {"no memory to sign", alice, [](auto&, auto&) { mqc_fail_allocation(1, 0); }},
   };
   for (const auto& [says, context, spoil] : rows) {
-    EXPECT_EQ(Sign("alice", spoil ? alice_signer_.get() : context, spoil), "");
+    EXPECT_EQ(Sign("alice", context, spoil), "");
     ExpectSays(mqc_sign_error(), says);
   }
 }
@@ -297,14 +301,25 @@ TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
     EXPECT_EQ(refusal.empty(), *says == '\0') << refusal;
   }
   EXPECT_FALSE(mqc_set_sealing(MQC_SEAL_NEVER + 1));
+  // A nonce is that of an accepted message.
+  uint8_t accepted[16], refused[16];
+  ASSERT_TRUE(mqc_set_sealing(MQC_SEAL_MAY) && mqc_set_opener(bob_signer_.get()) && Refusal(Sign()).empty());
+  mqc_nonce(accepted);
+  ExpectSays(Refusal(Sealed(plain, [](Bytes& changed) { changed = Flip(changed, 0); })), "the seal is broken");
+  mqc_nonce(refused);
+  EXPECT_EQ(memcmp(accepted, refused, sizeof accepted), 0);
 }
 
 TEST_F(SecurityTest, ACapturedMessageIsOpenedByItsKey) {
-  const Bytes plain = SampleFrom({true, true}), wire = Sealed(plain), cut = With(wire, 16, 296, true).substr(0, 328);
+  const auto now = static_cast<uint64_t>(clock_now);
+  const Bytes plain = SampleFrom({true, true}), wire = Sealed(plain),
+              weak = sender::Sealed(plain, "alice", "bob", bob_.open, now, "", true),
+              cut = With(wire, 16, 296, true).substr(0, 328);
   const std::tuple<const Signer*, Bytes, const char*> rows[] = {
       {&bob_signer_, wire, ""},
       {&alice_signer_, wire, "sealed for bob, the key is that of alice"},
       {&bob_signer_, Flip(wire, 32 * 8), "the seal is broken"},
+      {&bob_signer_, sender::Signed({true, true}, weak, "alice", alice_.secret, now, "", 2), "the seal is broken"},
       {&bob_signer_, Sign(), "not sealed"},
       {&bob_signer_, With(wire, 4, 3, true), "version 3"},
       {&bob_signer_, wire.substr(0, 31), "too short for an envelope"},
@@ -319,7 +334,8 @@ TEST_F(SecurityTest, ACapturedMessageIsOpenedByItsKey) {
     EXPECT_EQ(opened, *says == '\0') << says;
     const Bytes content = opened ? plain : Bytes(plain.size(), '\0');
     const bool changes = opened || strstr(says, "broken") != nullptr;
-    EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), changes ? Bytes(wire).replace(32, plain.size(), content) : captured);
+    EXPECT_EQ(Bytes(bytes.begin(), bytes.end()),
+              changes ? Bytes(captured).replace(32, plain.size(), content) : captured);
   }
 }
 
@@ -363,9 +379,18 @@ TEST_F(SecurityTest, SealsLeaveNothingBehind) {
   };
   EXPECT_EQ(count("MQSEAL02", 8 + 3 * 32 + 32), 2);
   EXPECT_EQ(count("bob", 16 + 8 + 2 * 32), 1);
+  const Bytes ephemeral = wire.substr(32 + 136 + kSampleBody + 16, 32);
+  EXPECT_EQ(std::ranges::count_if(all,
+                                  [&](const Bytes& it) {
+                                    uint8_t open[32];
+                                    if (it.size() == 32)
+                                      crypto_scalarmult_base(open, reinterpret_cast<const uint8_t*>(it.data()));
+                                    return it.size() == 32 && memcmp(open, ephemeral.data(), 32) == 0;
+                                  }),
+            1);
   ExpectSays(Content(folder_.Name("log")), "1901W message of 232 bytes");
   EXPECT_EQ(Content(folder_.Name("log")).find("1902W"), Bytes::npos);
-  EXPECT_EQ(Sign("alice", seals.get()).find(wire.substr(32 + 136 + kSampleBody + 16, 32)), Bytes::npos);
+  EXPECT_EQ(Sign("alice", seals.get()).find(ephemeral), Bytes::npos);
   mqc_log_to(nullptr);
 }
 

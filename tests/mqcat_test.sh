@@ -253,6 +253,11 @@ table <<'END'
 0 mqcat send 127.0.0.1 $port -c 7 -p 1=open --sign alice.key => mqcat: handed to the system: 1 message*
 7 mqcat send 127.0.0.1 $port -c 7 --sign alice.key --ring ring --seal-to carol => mqcat: seal for "carol": *
 2 mqcat send 127.0.0.1 $port -c 7 --seal-to bob => mqcat: --seal-to requires --sign*
+2 mqcat send 127.0.0.1 $port -c 7 --sign alice.key --ring ring --seal-to '' => mqcat: --seal-to: the value is empty*
+2 mqcat send 127.0.0.1 $port -c 7 --sign '' --ring ring --seal-to bob => mqcat: --sign: the value is empty*
+2 mqcat listen 0 --ring '' --key bob.key --only-sealed => mqcat: --ring: the value is empty*
+2 mqcat listen 0 --ring ring --key bob.key --echo => mqcat: listen: --echo with --key requires --sign*
+3 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 16200)" $sealed --udp => mqcat: *at most 16328 bytes
 END
 await sealed "only sealed messages are accepted"
 stop sealed ", 1 not authentic"

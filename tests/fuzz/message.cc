@@ -6,11 +6,14 @@
 
 namespace {
 
+const mqcat::MessageOpener kAlice = {"alice", fuzz::OpenZeroTag};
+
 // A broken message may announce more bytes than its piece has; end is the end of the stream.
 void CheckPiece(const mqcat::Piece& piece, uint64_t end) {
   if (piece.faults.empty()) end = piece.offset + piece.size;
   for (const mqcat::Field& field : piece.fields) {
     REQUIRE(field.offset >= piece.offset && field.offset <= end && field.size <= end - field.offset);
+    REQUIRE(fuzz::Copy(field.bytes).size() == field.bytes.size());  // all of them can be read
   }
   for (const mqcat::Fault& fault : piece.faults) REQUIRE(fault.offset >= piece.offset && fault.offset <= end);
 }
@@ -40,13 +43,23 @@ void CheckConverting(fuzz::Bytes bytes) {
   if (mqc_add_text(record, 1, "more")) fuzz::CheckDelivered(record);
 }
 
+// Without the key nothing is opened, and nothing is written beyond the message.
+void CheckOpening(fuzz::Bytes bytes) {
+  static const uint8_t secret[MQC_KEY_BYTES] = {1};
+  static const MqcSigner* const alice = mqc_signer_new("alice", secret, nullptr, 0);
+  std::vector<uint8_t> copy = fuzz::Copy(bytes);
+  REQUIRE(!mqc_open_captured(alice, copy.data(), static_cast<uint32_t>(copy.size()), nullptr, 0));
+}
+
 using Piece = std::tuple<uint64_t, size_t, size_t>;  // its offset, and how many fields and faults it has
 
 // The pieces must not depend on how the stream is split.
 std::vector<Piece> DecodedInPieces(fuzz::Bytes bytes, size_t size) {
   std::vector<Piece> pieces;
-  mqcat::Decoder decoder(
-      [&](const mqcat::Piece& piece) { pieces.emplace_back(piece.offset, piece.fields.size(), piece.faults.size()); });
+  const auto add = [&](const mqcat::Piece& piece) {
+    pieces.emplace_back(piece.offset, piece.fields.size(), piece.faults.size());
+  };
+  mqcat::Decoder decoder(add, 64, kAlice);
   for (; !bytes.empty(); bytes = bytes.subspan(std::min(size, bytes.size()))) {
     decoder.Take(bytes.first(std::min(size, bytes.size())));
   }
@@ -66,15 +79,17 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     REQUIRE(piece.offset == next && piece.size != 0);
     CheckPiece(piece, bytes.size());
     const fuzz::Bytes alone = fuzz::Bytes(bytes).subspan(next, piece.size);
-    REQUIRE(!piece.faults.empty() || (piece.kind != mqcat::PieceKind::kStray && fuzz::BrokenRules(alone).empty()));
+    REQUIRE(!piece.faults.empty() ||
+            (piece.kind != mqcat::PieceKind::kStray && fuzz::BrokenRules(alone, kAlice).empty()));
+    CheckOpening(alone);
     CheckConverting(alone);
     next += piece.size;
     whole.emplace_back(piece.offset, piece.fields.size(), piece.faults.size());
   };
   if (options % 2 != 0) {
-    mqcat::DecodeDatagram(bytes, check);
+    mqcat::DecodeDatagram(bytes, check, kAlice);
   } else {
-    mqcat::Decoder decoder(check);
+    mqcat::Decoder decoder(check, 64, kAlice);
     decoder.Take(bytes);
     decoder.Finish();
     REQUIRE(DecodedInPieces(bytes, 1 + options / 2) == whole);

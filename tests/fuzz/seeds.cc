@@ -44,6 +44,7 @@ void PutMessages(Form form) {
   Put("reader", name + "-signed-datagram", {3, 12, 0}, to_sign);
   Put("message", name, {0}, message);
   Put("message", name + "-stream", {0}, message + "?" + to_sign);
+  Put("message", name + "-sealed", {6}, to_open + message + to_open);
 }
 
 // Values on both sides of every bound.

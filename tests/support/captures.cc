@@ -172,11 +172,11 @@ std::vector<Broken> BrokenMessages(Signer& signer, uint64_t now) {
       {With(good, 32, 1), "header-in-envelope", "behind the envelope: the first word is 1, not the length 136"},
       {With(good, 32 + 64, 5), "message-length", "the header says 5 bytes of body"},
       {With(good, 20, 0x61616161), "user-mismatch", "header and envelope name different users"},
-      {With(With(good, 20, 0x20202020), 104, 0x20202020), "none", "the user in the envelope is not valid"},
+      {With(With(good, 20, 0x20202020), 104, 0x20202020), "user-name", "the user in the envelope is not valid"},
       {With(good, good.size() - 96, 0), "trailer-mark", "no signature follows the message"},
       {With(sealed, sealed.size() - 96, 0), "trailer-mark", "no signature follows the message"},
       {With(sealed, seal + 12, 1), "seal-reserved", "the reserved bytes of the seal are not zero"},
-      {With(sealed, seal + 4, 0x20202020), "none", "the user that it is sealed for is not valid"},
+      {With(sealed, seal + 4, 0x20202020), "user-name", "the user that it is sealed for is not valid"},
       {With(sealed.substr(0, 32 + 296), 16, 296), "message-length", "296 bytes are too short for a signature"},
   };
 }

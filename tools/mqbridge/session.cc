@@ -34,9 +34,7 @@ SockAddrRec PlaceOf(const std::string& place) {
 }
 
 Session::Session(const Options& options, const MqLoopLimits& limits)
-    : options_(options),
-      report_(options.json),
-      security_(mqcat::LoadSecurity(KeysOf(options))) {
+    : options_(options), report_(options.json), security_(mqcat::LoadSecurity(KeysOf(options))) {
   uv_loop_init(&loop_);
   nodes_ = mq_uv_new(&loop_, &limits);
   if (nodes_ == nullptr) throw mqcat::Failure{mqcat::kExitResources, "no memory for a loop"};

@@ -302,17 +302,7 @@ void AddBodyOrBytes(Part& part, uint64_t header, uint64_t body) {
   if (part.size() > body) part.AddBytes(body, part.size() - body, "body", ValueKind::kBytes, part.size() - body);
 }
 
-// Seal and trailer are the same from every sender.
-void AddSeal(Part& part, uint64_t at) {
-  AddTextField(part, at, kUser, "sealedFor", "user whose key opens the message", false);
-  part.AddBytes(at + kUser, 4, "reserved", ValueKind::kReserved, 4);
-  if (Word(part.Range(at + kUser, 4), 0, true) != 0) {
-    part.Break(at + kUser, "seal-reserved", "the reserved bytes of the seal are not zero");
-  }
-  part.AddBytes(at + 16, 32, "ephemeralKey", ValueKind::kBytes, 32);
-  part.AddBytes(at + 48, 16, "tag", ValueKind::kBytes, 16);
-}
-
+// The same from every sender.
 void AddTrailer(Part& part, uint64_t at, std::string_view mark) {
   part.AddBytes(at, 8, "mark", ValueKind::kText, 8, "signature trailer");
   if (memcmp(part.Range(at, 8).data(), mark.data(), 8) != 0) {
@@ -364,11 +354,33 @@ std::string UserAt(const Part& part, uint64_t at, bool ebcdic) {
   return ebcdic ? FromEbcdic(raw).value_or(raw) : raw;
 }
 
+// A user of a signed message: 1 to 12 printable ASCII characters other than blank and '#', filled up with zeros.
+void CheckUserName(Part& part, uint64_t at, bool ebcdic, const char* whose) {
+  const std::string field = UserAt(part, at, ebcdic);
+  const size_t length = std::min(field.find('\0'), field.size());
+  const bool is_filled = field.find_first_not_of('\0', length) == std::string::npos;
+  const bool is_name = length > 0 && std::all_of(field.begin(), field.begin() + static_cast<ptrdiff_t>(length),
+                                                 [](char c) { return c > ' ' && c <= '~' && c != '#'; });
+  if (!is_filled || !is_name) part.Break(at, "user-name", fmt::format(FMT_COMPILE("the {} user is not valid"), whose));
+}
+
 // Envelope and header each state their own character set.
 void CheckUsers(Part& part) {
   if (UserAt(part, 20, part.At(12) == 0) != UserAt(part, kEnvelope + 72, part.ebcdic())) {
     part.Break(kEnvelope + 72, "user-mismatch", "header and envelope name different users");
   }
+}
+
+// The same from every sender.
+void AddSeal(Part& part, uint64_t at) {
+  AddTextField(part, at, kUser, "sealedFor", "user whose key opens the message", false);
+  CheckUserName(part, at, false, "receiving");
+  part.AddBytes(at + kUser, 4, "reserved", ValueKind::kReserved, 4);
+  if (Word(part.Range(at + kUser, 4), 0, true) != 0) {
+    part.Break(at + kUser, "seal-reserved", "the reserved bytes of the seal are not zero");
+  }
+  part.AddBytes(at + 16, 32, "ephemeralKey", ValueKind::kBytes, 32);
+  part.AddBytes(at + 48, 16, "tag", ValueKind::kBytes, 16);
 }
 
 // Header and body after the envelope. end: of the message, as the envelope announces it; behind: bytes of it that
@@ -419,10 +431,6 @@ bool OpenCopy(Part& part, Piece& piece, uint64_t end, uint64_t seal, const Messa
 }
 
 void DecodeSealed(Part& part, Piece& piece, uint64_t end, const MessageOpener& opener) {
-  if (end <= kEnvelope + kHeader + kSeal + kTrailer) {
-    return part.Break(16, "message-length",
-                      fmt::format(FMT_COMPILE("{} bytes are too short for a sealed message"), end - kEnvelope));
-  }
   const uint64_t seal = end - kTrailer - kSeal;
   if (OpenCopy(part, piece, end, seal, opener)) {
     part.Replace(piece.opened);
@@ -451,7 +459,12 @@ Extent DecodeSecure(Part& part, Piece& piece, const MessageOpener& opener) {
                fmt::format(FMT_COMPILE("the message announces {} bytes, {} are present"), end, part.size()));
   }
   part.EndAt(end);
+  CheckUserName(part, 20, piece.ebcdic, "signing");
   const size_t before = piece.faults.size();
+  if (announced <= kHeader + (piece.kind == PieceKind::kSealed ? kSeal : 0) + kTrailer) {
+    part.Break(16, "message-length", fmt::format(FMT_COMPILE("{} bytes are too short for a signature"), announced));
+    return {end, true};
+  }
   piece.kind == PieceKind::kSealed ? DecodeSealed(part, piece, end, opener) : DecodeSigned(part, piece, end);
   return {end, piece.faults.size() > before};
 }
@@ -479,6 +492,14 @@ Extent DecodeMessage(Bytes rest, uint64_t start, Piece& piece, const MessageOpen
   return {rest.size(), false};
 }
 
+// Passes a piece on. What was decrypted is wiped and released.
+void Deliver(Piece& piece, const PieceSink& sink) {
+  sink(piece);
+  if (piece.opened.empty()) return;
+  explicit_bzero(piece.opened.data(), piece.opened.size());
+  std::vector<uint8_t>().swap(piece.opened);
+}
+
 // Begins a piece. Its lists keep their memory.
 void Begin(Piece& piece, uint64_t offset) {
   piece.kind = PieceKind::kStray;
@@ -487,7 +508,6 @@ void Begin(Piece& piece, uint64_t offset) {
   piece.big_endian = piece.ebcdic = false;
   piece.fields.clear();
   piece.faults.clear();
-  piece.opened.clear();
 }
 
 // Fills the piece for a run of stray bytes; begin contains its first bytes.
@@ -586,7 +606,7 @@ bool Decoder::Message() {
   }
   next_ = end;
   piece_.size = end - start;
-  sink_(piece_);
+  Deliver(piece_, sink_);
   return true;
 }
 
@@ -634,7 +654,7 @@ void DecodeDatagram(Bytes bytes, const PieceSink& sink, const MessageOpener& ope
         {extent.size, "datagram-size",
          fmt::format(FMT_COMPILE("the datagram has {} bytes, the message {}"), bytes.size(), extent.size)});
   }
-  sink(piece);
+  Deliver(piece, sink);
 }
 
 }  // namespace mqcat

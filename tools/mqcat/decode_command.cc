@@ -444,8 +444,7 @@ void AddDecode(CLI::App& app, ExitCode& exit) {
       ->type_name("FORMAT")
       ->capture_default_str();
   CLI::Option* const key =
-      command->add_option("--key", options->key, "Open messages that are sealed for the user of this secret key")
-          ->type_name("KEYFILE");
+      AddKeyFile(*command, "--key", options->key, "Open messages that are sealed for the user of this secret key");
   AddUser(*command, options->user, "User whose key --key takes from the file")->needs(key);
   command->add_flag("--full", options->full, "Show long texts and byte strings in full");
   command->footer(

@@ -142,10 +142,16 @@ void CheckFormat(const FormatOptions& options) {
                 "\n  redirect standard output, use --format hex, or add --force"};
 }
 
+std::string NotEmpty(const std::string& value) { return value.empty() ? "the value is empty" : ""; }
+
+CLI::Option* AddKeyFile(CLI::App& app, const std::string& name, std::string& path, const std::string& help) {
+  return app.add_option(name, path, help)->check(NotEmpty)->type_name("KEYFILE");
+}
+
 void AddKeyOptions(CLI::App& app, KeyOptions& options, const std::string& sign, const std::string& ring,
                    const std::string& user) {
-  app.add_option("--sign", options.sign, sign)->type_name("KEYFILE");
-  app.add_option("--ring", options.ring, ring)->type_name("FILE");
+  AddKeyFile(app, "--sign", options.sign, sign);
+  app.add_option("--ring", options.ring, ring)->check(NotEmpty)->type_name("FILE");
   AddUser(app, options.user, user);
 }
 
@@ -153,6 +159,7 @@ void AddSealTo(CLI::App& app, KeyOptions& options) {
   app.add_option("--seal-to", options.seal_to,
                  "Encrypt messages for this user of the ring, who alone can read them; open answers that are sealed "
                  "for the signer")
+      ->check(NotEmpty)
       ->type_name("USER")
       ->needs("--sign")
       ->needs("--ring");

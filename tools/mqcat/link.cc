@@ -150,7 +150,8 @@ Security LoadSecurity(const KeyOptions& keys) {
   const SignerPtr key = keys.key.empty() ? nullptr : LoadSigner(keys.key, keys.user);
   const MqcSigner* const opener = keys.seal_to.empty() ? key.get() : security.signer.get();
   if (opener != nullptr && !mqc_set_opener(opener)) throw Failure{kExitResources, "out of memory for a key"};
-  if (!keys.seal_to.empty()) security.signer = SealingSigner(security.signer.get(), keys.seal_to);
+  security.seals = !keys.seal_to.empty();
+  if (security.seals) security.signer = SealingSigner(security.signer.get(), keys.seal_to);
   return security;
 }
 
@@ -290,11 +291,12 @@ uint64_t Link::Taken(uint64_t written) const {
 void Link::Write(PcfMessage* msg, Clock::time_point deadline) {
   const std::string what = fmt::format("send {} bytes to {}", msg->raw.length, target_text_);
   const bool datagram = transport_ == Transport::kUdp;
-  if (datagram && msg->raw.length > kMaxDatagram) {
-    throw Failure{kExitInput, fmt::format("{}: a datagram carries a message of at most {} bytes", what, kMaxDatagram)};
+  MqcSigner* const signer = security_ != nullptr ? security_->signer.get() : nullptr;
+  const uint32_t most = kMaxDatagram - AddedBytes(signer != nullptr, signer != nullptr && security_->seals);
+  if (datagram && msg->raw.length > most) {
+    throw Failure{kExitInput, fmt::format("{}: a datagram carries a message of at most {} bytes", what, most)};
   }
   Flush(deadline, kMostPending);
-  MqcSigner* const signer = security_ != nullptr ? security_->signer.get() : nullptr;
   const char* const user = user_.empty() ? node_->user : user_.c_str();
   if (!mnSWriteMsg(msg, node_.get(), datagram ? &target_ : nullptr, user, signer != nullptr, signer, 0)) {
     throw NodeFailure(what, node_.get());

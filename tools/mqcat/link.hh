@@ -18,6 +18,11 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kMaxDatagram = 16520;  // bytes that a reader takes
 
+// Bytes that signing adds to a message, envelope and trailer, and that sealing adds.
+inline uint32_t AddedBytes(bool is_signed, bool is_sealed) {
+  return (is_signed ? 32u + 96u : 0u) + (is_sealed ? 64u : 0u);
+}
+
 // The time this many seconds from now; far away for more than a year.
 Clock::time_point In(double seconds);
 
@@ -73,6 +78,7 @@ class Waiter {
 struct Security {
   SignerPtr signer;    // null: plain writes
   bool check = false;  // signed reads, against the process's ring
+  bool seals = false;  // what the signer signs
 };
 
 // Loads a signer: the key of user, or the only one.

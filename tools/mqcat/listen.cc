@@ -26,11 +26,10 @@ using mqnode::ServerClient;
 
 constexpr int kMostPending = 64;  // answers that may be queued on a datagram node
 constexpr int kMostAtOnce = 64;   // messages of one client, or clients accepted, before the others have their turn
-constexpr double kMostSeconds = 2.1e6;   // of a limit: the server counts milliseconds in an int
-constexpr double kLastAnswers = 2;       // seconds for answers that are queued at the end
-constexpr size_t kSignedRest = 32 + 96;  // bytes that signing adds: envelope and trailer
-constexpr size_t kSealBytes = 64;        // that sealing adds
-constexpr size_t kShownBytes = 32;       // of something that is not a message
+constexpr double kMostSeconds = 2.1e6;  // of a limit: the server counts milliseconds in an int
+constexpr double kLastAnswers = 2;      // seconds for answers that are queued at the end
+constexpr size_t kMostSealing = 256;    // signers for answers to sealed messages that are kept
+constexpr size_t kShownBytes = 32;      // of something that is not a message
 constexpr auto kTick = std::chrono::milliseconds(200);
 
 // The limits that the options change, by the reason that the server gives.
@@ -315,19 +314,19 @@ class Listener : public mqnode::Server {
       say("answer held back to", to, fmt::format("{} a second (--answer-rate)", options_.answer_rate).c_str());
       return false;
     }
-    const size_t rest = (security_.signer != nullptr ? kSignedRest : 0) + (sealed ? kSealBytes : 0);
-    if (mark_answer(msg) && msg->raw.length + rest <= kMaxDatagram) return true;
+    const size_t most = kMaxDatagram - AddedBytes(security_.signer != nullptr, sealed);
+    if (mark_answer(msg) && msg->raw.length <= most) return true;
     ++totals_.answers_lost;
-    say("no answer to", to, fmt::format("a datagram carries at most {} bytes", kMaxDatagram).c_str());
+    say("no answer to", to, fmt::format("a datagram carries a message of at most {} bytes", most).c_str());
     return false;
   }
 
   // Signs answers. The answer to a sealed message is sealed for its sender. Throws a Failure if there is no key for it.
   MqcSigner* SignerFor(const PcfMessage* msg, bool sealed) {
     if (!sealed) return security_.signer.get();
-    if (security_.signer == nullptr) throw Failure{kExitSecurity, "without --sign no answer can be sealed"};
     char user[13];
     mqc_sender(msg, user);
+    if (sealing_.size() >= kMostSealing) sealing_.clear();
     SignerPtr& signer = sealing_[user];
     if (signer == nullptr) signer = SealingSigner(security_.signer.get(), user);
     return signer.get();
@@ -366,6 +365,9 @@ class Listener : public mqnode::Server {
 void RunListen(const Options& options) {
   CatchSignals();
   CheckFormat(options.format);
+  if (options.echo && !options.keys.key.empty() && options.keys.sign.empty()) {
+    throw Failure{kExitUsage, "listen: --echo with --key requires --sign: the answer to a sealed message is sealed"};
+  }
   if (options.trace) StartTrace();
   Listener listener(options);
   listener.Open();
@@ -416,10 +418,8 @@ void AddListen(CLI::App& app, ExitCode&) {
                 "Accept only messages that are signed by a user in this ring",
                 "User whose key to take from the files of --sign and --key");
   CLI::Option* const key =
-      command
-          ->add_option("--key", options->keys.key,
-                       "Open messages that are sealed for the user of this secret key; --echo then requires --sign")
-          ->type_name("KEYFILE")
+      AddKeyFile(*command, "--key", options->keys.key,
+                 "Open messages that are sealed for the user of this secret key; --echo then requires --sign")
           ->needs("--ring");
   command->add_flag("--only-sealed", options->only_sealed, "Refuse messages that are not sealed")->needs(key);
   AddLimits(*command, *options);

@@ -85,6 +85,8 @@ struct KeyOptions {
 };
 void AddKeyOptions(CLI::App& app, KeyOptions& options, const std::string& sign, const std::string& ring,
                    const std::string& user);
+// An option that takes the path of a secret key file.
+CLI::Option* AddKeyFile(CLI::App& app, const std::string& name, std::string& path, const std::string& help);
 void AddSealTo(CLI::App& app, KeyOptions& options);
 // --user, for a name that a message can have.
 CLI::Option* AddUser(CLI::App& app, std::string& user, const std::string& help);

@@ -585,15 +585,16 @@ local function ShapeOf(tvb, at, present)
 end
 
 local function Describe(m, shape)
-  local kind = shape.header == ENVELOPE and "signed " or ""
+  local kind = shape.header ~= ENVELOPE and "" or m.version == 2 and "sealed " or "signed "
   local text
   if m.command then
     text = string.format("%scommand %d from %s", kind, m.command, m.user)
     if #m.params > 0 then text = text .. ": " .. table.concat(m.params, ", ") end
     if m.count > #m.params and #m.params >= INFO_PARAMS then text = text .. ", ..." end
   else
-    text = kind .. "message" .. (m.user and " from " .. m.user or "")
-    if m.sealed_for then text = string.format("sealed message from %s for %s", m.env_text, m.sealed_for) end
+    local user = m.user or m.env_text
+    text = kind .. "message" .. (user and " from " .. user or "")
+    if m.sealed_for then text = text .. " for " .. m.sealed_for end
   end
   if m.fault then text = string.format("%s [error %d: %s]", text, m.error, m.fault) end
   if m.cut then text = text .. " [cut]" end
