@@ -130,7 +130,7 @@ class Siege {
  private:
   int Serve() {
     if (target_.program != nullptr) return Become(target_, ring_.path());
-    return RunServer(&shared_, kSeed, keys_, kLimits);
+    return RunServer(&shared_, kSeed, keys_, kLimits, Engines().front());
   }
 
   int Talk(uint32_t process) {

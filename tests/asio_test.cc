@@ -163,4 +163,21 @@ TEST_F(AsioTest, DatagramsThatAreNoMessagesAreReported) {
   EXPECT_EQ(peer.Read().size(), 160U);
 }
 
+TEST_F(AsioTest, SignedMessages) {
+  constexpr auto kSigned = AsyncNode::Framing::kSigned;
+  const Keys keys;
+  const Message in, out(7, 4);
+  AsyncNode listener = Take(mqnode::Node::listener(Local(0)), kSigned), child;
+  const AsyncNode client = Take(mqnode::Node::connector(Local(listener.node().local_port())));
+  EXPECT_EQ(Run(client.open()) + Run(listener.accept(child)), "okok");
+  EXPECT_EQ(Run(client.write_signed(out, keys.signer)), "ok");
+  EXPECT_EQ(Read(child.read(in), in), "7:4 from tester");
+
+  const AsyncNode one = Take(mqnode::Node::datagram(Local(0))), other = Take(mqnode::Node::datagram(Local(0)), kSigned);
+  mqnode::Address to = Local(other.node().local_port());
+  EXPECT_EQ(Run(one.write_to(out, to)) + Run(one.write_signed_to(out, to, keys.signer)), "okok");
+  EXPECT_EQ(Run(other.read(in)), "MQ_BAD_MESSAGE");
+  EXPECT_EQ(Read(other.read(in), in), "7:4 from tester");
+}
+
 }  // namespace

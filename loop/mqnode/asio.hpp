@@ -29,6 +29,8 @@
 #ifndef MQNODE_MQNODE_ASIO_HPP
 #define MQNODE_MQNODE_ASIO_HPP
 
+#include <arpa/inet.h>
+
 #include <asio/any_io_executor.hpp>
 #include <asio/awaitable.hpp>
 #include <asio/experimental/awaitable_operators.hpp>
@@ -41,6 +43,8 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "mqnode/limits.h"
@@ -54,11 +58,18 @@ class AsyncNode;
 namespace detail {
 
 constexpr std::chrono::milliseconds kAcceptPause{50};  // while no connection can be had
+constexpr std::chrono::milliseconds kNoPause{0};       // but the other nodes have a turn
+
+struct AsyncState;
 
 // What a listener and the nodes that it has accepted share.
 struct AsyncCommon {
+  // The accepted node that gives way to a new connection, or null.
+  AsyncState* choose() const noexcept;
+
   MqLoopLimits limits;
-  std::uint32_t accepted = 0;  // that are not closed
+  std::unordered_set<AsyncState*> accepted = {};          // that are not closed
+  std::unordered_map<std::uint32_t, int> addresses = {};  // how many of them each address has
 };
 
 // A node and what waits for it. Operations hold it, so that it outlives its AsyncNode while they end.
@@ -68,7 +79,7 @@ struct AsyncState {
   AsyncState(const asio::any_io_executor& executor, Node taken, bool is_signed, std::shared_ptr<AsyncCommon> shared)
       : common(std::move(shared)), node(std::move(taken)), descriptor(executor) {
     if (!node || node.failed()) return;
-    begun = mq_step_begin(&step, node.get(), is_signed ? 1 : 0, &common->limits, 0) == MQ_STEP_DONE;
+    begun = mq_step_begin(&step, node.get(), is_signed ? 1 : 0, &common->limits, mq_clock()) == MQ_STEP_DONE;
     if (begun && node.is_listening()) begun = mq_step_listen(&step, common->limits.backlog) == MQ_STEP_DONE;
   }
   ~AsyncState() { close(); }
@@ -79,11 +90,27 @@ struct AsyncState {
     if (!begun || step.phase == MQ_STEP_CLOSED) return;
     if (descriptor.is_open()) descriptor.release();
     mq_step_close(&step);
-    if (step.accepted != 0) --common->accepted;
+    if (step.accepted == 0) return;
+    common->accepted.erase(this);
+    if (--*alike == 0) common->addresses.erase(address);
+  }
+  void give_way() noexcept {
+    gave_way = true;
+    close();
   }
 
-  // Waits until the node is ready; the code says whether it is.
+  // Takes one of the listener's places.
+  void join() {
+    address = inet_addr(node.record().sock.name.ip);
+    alike = &common->addresses[address];
+    common->accepted.insert(this);
+    ++*alike;
+    step.accepted = 1;
+  }
+
+  // Waits until the node is ready; the code says whether it is, unless the node was closed meanwhile.
   asio::awaitable<void> wait(Wait type, asio::error_code& code) {
+    mq_step_progress(&step, mq_clock());
     if (!descriptor.is_open()) descriptor.assign(node.descriptor(), code);
     return descriptor.async_wait(type, asio::redirect_error(asio::use_awaitable, code));
   }
@@ -93,8 +120,11 @@ struct AsyncState {
     const bool of_socket = step.error == node.record().sock.error && step.error != MQ_AGAIN;
     return {0, step.error, of_socket ? MQ_IN_SOCKET : MQ_IN_NODE};
   }
-  static Result stopped(const asio::error_code& code) noexcept {
-    return {0, code == asio::error::operation_aborted ? ECANCELED : code.value(), MQ_IN_SOCKET};
+  // Whether an operation cannot go on after a wait, and its result.
+  bool is_stopped(const asio::error_code& code) const noexcept { return code || step.phase == MQ_STEP_CLOSED; }
+  Result stopped(const asio::error_code& code) const noexcept {
+    const bool cancelled = step.phase == MQ_STEP_CLOSED || code == asio::error::operation_aborted;
+    return {0, gave_way ? ECONNABORTED : cancelled ? ECANCELED : code.value(), MQ_IN_SOCKET};
   }
   // The rest of a message that was lost would be taken for the next one.
   Result broken() noexcept {
@@ -107,7 +137,22 @@ struct AsyncState {
   asio::posix::stream_descriptor descriptor;
   MqStep step = {};
   bool begun = false;
+  bool gave_way = false;      // its place was needed
+  std::uint32_t address = 0;  // of an accepted node
+  int* alike = nullptr;       // how many accepted nodes have the same address
 };
+
+inline AsyncState* AsyncCommon::choose() const noexcept {
+  const std::int64_t before = mq_clock() - limits.keptMsec;
+  AsyncState* chosen = nullptr;
+  for (AsyncState* const state : accepted) {
+    if (chosen == nullptr ||
+        mq_step_gives_way(&state->step, *state->alike, &chosen->step, *chosen->alike, before) != 0) {
+      chosen = state;
+    }
+  }
+  return limits.keptMsec >= 0 && chosen != nullptr && chosen->step.begun <= before ? chosen : nullptr;
+}
 
 using AsyncShared = std::shared_ptr<AsyncState>;
 
@@ -118,12 +163,13 @@ inline asio::awaitable<Result> async_open(AsyncShared own) {
     if (outcome == MQ_STEP_FAILED) co_return own->failed();
     asio::error_code code;
     co_await own->wait(AsyncState::Wait::wait_write, code);
-    if (code) co_return AsyncState::stopped(code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
   }
 }
 
 inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
   MqStep& step = own->step;
+  if (own->is_stopped({})) co_return own->stopped({});
   for (;;) {
     const int outcome = mq_step_read(&step, msg.get());
     if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
@@ -131,7 +177,7 @@ inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
     asio::error_code code;
     const bool held = step.held != 0;  // by a queue that is to become shorter first
     co_await own->wait(held ? AsyncState::Wait::wait_write : AsyncState::Wait::wait_read, code);
-    if (code) co_return AsyncState::stopped(code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
     if (held && mq_step_flush(&step) == MQ_STEP_FAILED) co_return own->broken();
     if (!held) mq_step_turn(&step);
   }
@@ -140,6 +186,7 @@ inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
 template <class Function, class... Arguments>
 asio::awaitable<Result> async_write(AsyncShared own, Function function, MessageRef msg, Arguments... arguments) {
   MqStep& step = own->step;
+  if (own->is_stopped({})) co_return own->stopped({});
   if (!mq_step_may_write(&step)) co_return own->failed();
   const int outcome = mq_step_wrote(&step, function(msg.get(), own->node.get(), arguments...));
   if (outcome == MQ_STEP_FAILED) co_return own->broken();
@@ -148,7 +195,7 @@ asio::awaitable<Result> async_write(AsyncShared own, Function function, MessageR
   while (mq_step_completed(&step) < number) {
     asio::error_code code;
     co_await own->wait(AsyncState::Wait::wait_write, code);
-    if (code) co_return AsyncState::stopped(code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
     if (mq_step_completed(&step) >= number) break;  // sent by another write
     const int flushed = mq_step_flush(&step);
     if (flushed == MQ_STEP_FAILED) co_return own->broken();
@@ -182,7 +229,7 @@ inline asio::awaitable<Result> async_finish(AsyncShared own) {
     if (outcome == MQ_STEP_LOST) continue;
     asio::error_code code;
     co_await async_wait_for_end(own, code);
-    if (code) co_return AsyncState::stopped(code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
   }
 }
 
@@ -204,7 +251,7 @@ class AsyncNode {
   AsyncNode() noexcept = default;
   // Takes a node of a creator, which becomes non-blocking. status() says whether it can be used.
   //   framing   what read() takes: plain or signed messages
-  //   limits    of this node; those of a listener hold for what it accepts too. The times in it are not used here
+  //   limits    of this node; those of a listener apply to what it accepts too. Of its times, only keptMsec is used
   AsyncNode(const asio::any_io_executor& executor, Node node, Framing framing = Framing::kPlain,
             const MqLoopLimits& limits = mq_loop_limits())
       : state_(
@@ -229,6 +276,9 @@ class AsyncNode {
   asio::any_io_executor get_executor() const { return state_->descriptor.get_executor(); }
   // Whether a message has arrived in part.
   bool is_in_message() const noexcept { return mq_step_is_cut(&state_->step) != 0; }
+  // Why the node ends after a read or write with this result, as text for a log; null if the peer left between two
+  // messages.
+  const char* why(const Result& result) const noexcept { return mq_step_why(&state_->step, result.cause()); }
 
   // Each of the following requires that status() was a success.
 
@@ -236,7 +286,9 @@ class AsyncNode {
   asio::awaitable<Result> open() const { return detail::async_open(state_); }
 
   // Waits for a connection of a listener and makes it child, in the loop, with the framing and the limits of the
-  // listener. When there are as many as limits.nodes, or no descriptor or memory is left, connections wait.
+  // listener. When there are as many as limits.nodes, or no descriptor is left, it takes the place of another node, as
+  // documented for limits.keptMsec: that one is closed, and its operations end with ECONNABORTED. If no node has to
+  // leave, or there is no memory, connections wait. The result has the code of what was lacking, such as EMFILE.
   asio::awaitable<Result> accept(AsyncNode& child) const { return detail::async_accept(state_, child); }
 
   // Reads one message. False with EMSGSIZE for one that is longer than limits.messageBytes, with peer_gone() at the end
@@ -280,35 +332,39 @@ inline AsyncShared async_adopt(AsyncState& listener, MQNode* accepted) {
   AsyncShared child = std::make_shared<AsyncState>(listener.descriptor.get_executor(), Node(accepted),
                                                    listener.step.secure != 0, listener.common);
   if (!child->begun) return nullptr;
-  child->step.accepted = 1;
-  ++listener.common->accepted;
+  child->join();
   return child;
 }
 
 inline asio::awaitable<Result> async_accept(AsyncShared own, AsyncNode& child) {
   MqStep& step = own->step;
-  for (;;) {
+  const AsyncCommon& common = *own->common;
+  for (int lacking = MQ_OK;;) {
     MQNode* accepted = nullptr;
-    const bool full = own->common->accepted >= static_cast<std::uint32_t>(own->common->limits.nodes);
-    const int outcome = full ? MQ_STEP_FULL : mq_step_accept(&step, &accepted);
+    const bool full = common.accepted.size() >= static_cast<std::size_t>(common.limits.nodes);
+    AsyncState* const leaving = full ? common.choose() : nullptr;
+    const int outcome = full && leaving == nullptr ? MQ_STEP_FULL : mq_step_accept(&step, &accepted);
     if (outcome == MQ_STEP_FAILED) co_return own->failed();
     if (outcome == MQ_STEP_LOST) continue;
     if (outcome == MQ_STEP_DONE) {
+      if (leaving != nullptr) leaving->give_way();
       child = AsyncNode(async_adopt(*own, accepted));
-      if (child) co_return AsyncState::done();
+      if (child) co_return Result(1, lacking, MQ_IN_SOCKET);
       continue;
     }
     asio::error_code code;
-    if (outcome == MQ_STEP_FULL) {
-      asio::steady_timer timer(own->descriptor.get_executor(), kAcceptPause);
-      co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
-      mq_step_resume(&step);
-    } else {
+    if (outcome == MQ_STEP_WAIT) {
       co_await own->wait(AsyncState::Wait::wait_read, code);
       mq_step_turn(&step);
+    } else {
+      if (!full) lacking = step.error;
+      AsyncState* const other = !full && lacking == EMFILE ? common.choose() : nullptr;
+      if (other != nullptr) other->give_way();
+      asio::steady_timer timer(own->descriptor.get_executor(), other != nullptr ? kNoPause : kAcceptPause);
+      co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
+      mq_step_resume(&step);
     }
-    if (code) co_return AsyncState::stopped(code);
-    if (step.phase == MQ_STEP_CLOSED) co_return AsyncState::stopped(asio::error::operation_aborted);
+    if (own->is_stopped(code)) co_return own->stopped(code);
   }
 }
 
