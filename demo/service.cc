@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include "demo/child.hh"
 
@@ -72,7 +73,7 @@ void Service::Accepted() {
 
 void Service::Dropped(const MQNode* client, const char* why) {
   why != nullptr ? ++self_.dropped : ++self_.farewells;
-  turns_.erase(client);
+  last_.erase(client);
   --self_.connected;
 }
 
@@ -128,13 +129,18 @@ void Service::Check(MessageRef in, const MQNode* client) {
   Tally& tally = self_.kinds[KindOf(place.client)];
   std::string wrong = author_->Compare(in, kQuestion, place, kind.isLarge, false, false);
   Record& record = records_[place.client];
-  if (client == nullptr && IsAgain(&record, &tally, place, IsSigned(kind.port), &wrong)) return;
-  const uint32_t turn = client != nullptr ? turns_[client]++ : 0;
-  if (client != nullptr && (place.session < record.session || place.number != turn ||
-                            (place.number == 0) != (place.session > record.session))) {
-    wrong = fmt::format("out of order, after session {}, question {}", record.session, turn);
+  if (client == nullptr && IsAgain(place, &record)) {
+    ++tally.at(kAgain);
+    if (!IsSigned(kind.port)) return;
+    wrong = "a signed datagram was accepted twice";
   }
-  record.session = place.session;
+  if (client != nullptr) {
+    Place& last = last_[client];
+    const Place before = last;
+    if (!IsInOrder(place, &last, &record)) {
+      wrong = fmt::format("out of order, after session {}, question {}", before.session, before.number);
+    }
+  }
   ++tally.at(kQuestions);
   tally.at(kReceived) += in.raw().size();
   if (wrong.empty()) return;
@@ -142,13 +148,29 @@ void Service::Check(MessageRef in, const MQNode* client) {
                                place.number, wrong));
 }
 
+// A connection has the questions of one session, in their order. The last questions of a connection that was cut may be
+// read after the first ones of the next.
+bool Service::IsInOrder(const Place& place, Place* last, Record* record) {
+  const Place before = std::exchange(*last, place);
+  if (before.client == Place().client) return place.number == 0 && record->Begins(place.session);
+  return place.client == before.client && place.session == before.session && place.number == before.number + 1;
+}
+
+bool Service::Record::Begins(uint32_t session) {
+  const uint32_t ahead = session > latest ? session - latest : 0;
+  latest += ahead;
+  begun = ahead < 64 ? begun << ahead : 0;
+  const uint64_t bit = latest - session < 64 ? uint64_t{1} << (latest - session) : 0;
+  const bool isNew = bit != 0 && (begun & bit) == 0;
+  begun |= bit;
+  return isNew;
+}
+
 // Datagrams may be missing, and plain ones may be repeated.
-bool Service::IsAgain(Record* record, Tally* tally, const Place& place, bool isSigned, std::string* wrong) {
-  if (place.session > record->session) record->seen.clear();
-  if (place.session >= record->session && record->seen.insert(place.number).second) return false;
-  ++tally->at(kAgain);
-  if (isSigned) *wrong = "a signed datagram was accepted twice";
-  return !isSigned;
+bool Service::IsAgain(const Place& place, Record* record) {
+  if (place.session > record->latest) record->seen.clear();
+  record->latest = std::max(record->latest, place.session);
+  return place.session < record->latest || !record->seen.insert(place.number).second;
 }
 
 }  // namespace demo

@@ -48,23 +48,28 @@ class Service {
   uint32_t clients() const { return self_.connected; }
 
  private:
-  // The session of an honest client and, for datagrams, its questions so far.
+  // The sessions of an honest client.
   struct Record {
-    uint32_t session = 0;
-    std::unordered_set<uint32_t> seen;
+    // Whether this session has not begun before. A late one is known as long as it is among the last 64.
+    bool Begins(uint32_t session);
+
+    uint32_t latest = 0;
+    uint64_t begun = 0;                 // bit i: session latest - i
+    std::unordered_set<uint32_t> seen;  // of the latest one, the datagrams so far
   };
 
   void Check(mqnode::MessageRef in, const MQNode* client);
+  static bool IsInOrder(const Place& place, Place* last, Record* record);
+  static bool IsAgain(const Place& place, Record* record);
   static bool Build(mqnode::MessageRef in, mqnode::MessageRef out);
-  static bool IsAgain(Record* record, Tally* tally, const Place& place, bool isSigned, std::string* wrong);
 
   Shared& shared_;
   Process& self_;
   std::unique_ptr<Author> author_;
-  const uint32_t answersASecond_;                      // to datagrams of one address
-  std::unordered_map<const MQNode*, uint32_t> turns_;  // number of an honest client's next question
-  std::unordered_map<uint32_t, Record> records_;       // by client
-  std::map<std::string, uint32_t> answered_;           // datagrams, by address, in this second
+  const uint32_t answersASecond_;                  // to datagrams of one address
+  std::unordered_map<const MQNode*, Place> last_;  // question of each honest client's connection
+  std::unordered_map<uint32_t, Record> records_;   // by client
+  std::map<std::string, uint32_t> answered_;       // datagrams, by address, in this second
   mqnode::Signer signer_;
   int lines_ = 0;  // of the log, in this second
   long second_ = 0;
