@@ -82,6 +82,7 @@ class AsioEngine final : public Engine {
     }
   }
 
+  // Not within the coroutines: gcc 12 destroys an operand of ?: twice if it is in an expression with co_await.
   awaitable<Result> Write(const AsyncNode& client, MessageRef out, bool isSigned) const {
     return isSigned ? client.write_signed(out, service_.signer()) : client.write(out);
   }

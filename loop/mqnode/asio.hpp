@@ -347,7 +347,10 @@ inline asio::awaitable<Result> async_accept(AsyncShared own, AsyncNode& child) {
     if (outcome == MQ_STEP_FAILED) co_return own->failed();
     if (outcome == MQ_STEP_LOST) continue;
     if (outcome == MQ_STEP_DONE) {
-      if (leaving != nullptr) leaving->give_way();
+      if (leaving != nullptr) {
+        leaving->give_way();
+        step.left = 0;  // one in a turn: to choose takes time
+      }
       child = AsyncNode(async_adopt(*own, accepted));
       if (child) co_return Result(1, lacking, MQ_IN_SOCKET);
       continue;
