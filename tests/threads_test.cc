@@ -14,12 +14,14 @@
 #include "tests/support/sender.hh"
 
 #if __has_include("mqnode/asio.hpp")
+#include <asio/detail/config.hpp>
+#endif
+#ifdef ASIO_HAS_CO_AWAIT
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
 
 #include "mqnode/asio.hpp"
-#define HAVE_ASIO
 #endif
 
 namespace {
@@ -186,7 +188,7 @@ TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
   for (std::thread& thread : threads) thread.join();
 }
 
-#ifdef HAVE_ASIO
+#ifdef ASIO_HAS_CO_AWAIT
 asio::awaitable<void> Serve(AsyncNode client) {
   const Message msg = Message::create();
   for (Result result = co_await client.read(msg); result; result = co_await client.read(msg)) {
