@@ -71,15 +71,17 @@ class AsioEngine final : public Engine {
     service_.Dropped(node, why);
   }
 
-  // A client may be silent between two messages. It must send its first message in time, and within one some bytes.
+  // A message in which too few bytes move for too long is given up.
   awaitable<Result> Read(const AsyncNode& client, MessageRef in) const {
     const MQNode& node = client.node().record();
-    for (bool owes = node.msgsRead == 0;; owes = client.is_in_message()) {
+    const std::chrono::milliseconds silence(node.msgsRead == 0 ? limits_.firstMsec : limits_.idleMsec);
+    Result result = co_await within(silence, client.readable());
+    for (bool goesOn = bool{result}; goesOn;) {
       const uint64_t had = node.sock.bytesReceived;
-      const Result read = co_await within(patience_, client.read(in));
-      const bool goesOn = !owes || node.sock.bytesReceived - had >= limits_.progressBytes;
-      if (!read.timed_out() || !goesOn) co_return read;
+      result = co_await within(patience_, client.read(in));
+      goesOn = result.timed_out() && node.sock.bytesReceived - had >= limits_.progressBytes;
     }
+    co_return result;
   }
 
   // Not within the coroutines: gcc 12 destroys an operand of ?: twice if it is in an expression with co_await.

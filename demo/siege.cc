@@ -45,7 +45,7 @@ const Target kTargets[] = {
     // They drop a client that does not take its answers after 4 seconds, not at once.
     {"uv_server", kPlain, "uv_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone, false, 6},
     // A client of this one costs more memory, of which the heap keeps some: it has fewer places.
-    {"asio_server", kPlain, "asio_server", {"127.0.0.1", "0", "800", "4"}, Echo::kTextAlone, false, 6},
+    {"asio_server", kPlain, "asio_server", {"127.0.0.1", "0", "900", "4"}, Echo::kTextAlone, false, 6},
     {"datagram_server", kDatagram, "datagram_server", {"127.0.0.1", "0"}, Echo::kTextAlone},
     {"mqcat", kPlain, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}, Echo::kSame, true},
     {"mqcat_signed",

@@ -1,8 +1,8 @@
 // asio_server.cc - answers many clients in an Asio event loop, a coroutine for each, until SIGINT or SIGTERM.
 // Clients that are connected then have two more seconds.
 //   asio_server HOST SERVICE [CLIENTS [SECONDS]]
-// Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: for a question, and for
-// taking an answer (10). mqnode/limits.h documents the other limits; dropped clients are logged on standard error.
+// Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: for the first question,
+// within a question, and for taking an answer (10). mqnode/limits.h documents the other limits; dropped clients are logged on standard error.
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
@@ -19,6 +19,7 @@ using namespace mqnode;
 using namespace std::chrono_literals;
 
 static std::chrono::seconds patience = 10s;
+constexpr auto kSilence = 10min;  // between two questions
 
 // Ten lines for each second at most: clients must not fill the disk.
 static void log_line(const char* what, const AsyncNode& node, const char* why) {
@@ -31,7 +32,11 @@ static void log_line(const char* what, const AsyncNode& node, const char* why) {
   if (lines <= 10) std::fprintf(stderr, "%s %s:%u: %s\n", what, peer.ip, unsigned{peer.port}, why);
 }
 
-static asio::awaitable<Result> answer(const AsyncNode& client, MessageRef msg) {
+static asio::awaitable<Result> answer(const AsyncNode& client, std::chrono::seconds silence) {
+  const Result readable = co_await within(silence, client.readable());
+  if (!readable) co_return readable;
+  const Message msg = Message::create();
+  if (!msg) co_return Result(0, ENOMEM, MQ_IN_SOCKET);
   const Result read = co_await within(patience, client.read(msg));
   if (!read) co_return read;
   const std::string text(msg.text_or(PARAM_TEXT, "no text"));
@@ -40,9 +45,8 @@ static asio::awaitable<Result> answer(const AsyncNode& client, MessageRef msg) {
 }
 
 static asio::awaitable<void> serve(AsyncNode client) {
-  const Message msg = Message::create();
-  Result result(msg ? 1 : 0, ENOMEM, MQ_IN_SOCKET);
-  while (result) result = co_await answer(client, msg);
+  Result result = co_await answer(client, patience);
+  while (result) result = co_await answer(client, kSilence);
   const char* const why = client.why(result);
   if (why != nullptr) log_line("dropped", client, why);
   if (why == nullptr) co_await within(2s, client.finish());

@@ -4,6 +4,7 @@
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
+#include <thread>
 
 #include "tests/support/nodes.hh"
 
@@ -107,6 +108,16 @@ TEST_F(AsioTest, TimeOutsLoseNothing) {
   EXPECT_EQ(Run(node.write(out)), "ok");
   EXPECT_EQ(peer.Read(1156 + 156).size(), 1312U);
   EXPECT_EQ(WriteState(node.node().get()), "0, sent 2, out 0");
+
+  // Time in which the loop does not run does not count.
+  std::string told;
+  Start(within(10ms, node.read(in)), &told);
+  Poll();
+  std::this_thread::sleep_for(520ms);
+  Poll();
+  peer.Send(wire);
+  loop_.run_for(10s);
+  EXPECT_EQ(told, "ok");
 
   // After a part of a message was lost the node is closed.
   Platform::Limit("send", {100});

@@ -59,6 +59,8 @@ namespace detail {
 
 constexpr std::chrono::milliseconds kAcceptPause{50};  // while no connection can be had
 constexpr std::chrono::milliseconds kNoPause{0};       // but the other nodes have a turn
+constexpr std::chrono::milliseconds kAway{500};        // a timer that is so late shows that the loop did not run
+constexpr std::chrono::milliseconds kCatchUp{100};     // for what has arrived meanwhile, or is just arriving
 
 struct AsyncState;
 
@@ -165,6 +167,14 @@ inline asio::awaitable<Result> async_open(AsyncShared own) {
     co_await own->wait(AsyncState::Wait::wait_write, code);
     if (own->is_stopped(code)) co_return own->stopped(code);
   }
+}
+
+inline asio::awaitable<Result> async_readable(AsyncShared own) {
+  asio::error_code code;
+  if (!own->is_stopped(code)) co_await own->wait(AsyncState::Wait::wait_read, code);
+  if (own->is_stopped(code)) co_return own->stopped(code);
+  mq_step_turn(&own->step);
+  co_return AsyncState::done();
 }
 
 inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
@@ -291,6 +301,11 @@ class AsyncNode {
   // leave, or there is no memory, connections wait. The result has the code of what was lacking, such as EMFILE.
   asio::awaitable<Result> accept(AsyncNode& child) const { return detail::async_accept(state_, child); }
 
+  // Waits until there is something to read: the begin or the rest of a message, a datagram, or the end of a connection.
+  // A server can so allow a long silence between two messages, and a short time for each: within(10min, readable()),
+  // then within(10s, read(msg)). It needs no message record for silent clients.
+  asio::awaitable<Result> readable() const { return detail::async_readable(state_); }
+
   // Reads one message. False with EMSGSIZE for one that is longer than limits.messageBytes, with peer_gone() at the end
   // of a connection. Of a datagram node, false also for a datagram that was not a message: go on reading.
   asio::awaitable<Result> read(MessageRef msg) const { return detail::async_read(state_, msg); }
@@ -371,17 +386,25 @@ inline asio::awaitable<Result> async_accept(AsyncShared own, AsyncNode& child) {
   }
 }
 
+// Waits until the time of a timer is over. The code says whether it was cancelled before.
+inline asio::awaitable<void> async_expire(asio::steady_timer& timer, asio::error_code& code) {
+  co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
+  if (code || std::chrono::steady_clock::now() - timer.expiry() < kAway) co_return;
+  timer.expires_after(kCatchUp);
+  co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, code));
+}
+
 }  // namespace detail
 
-// within - an operation with a time limit: after that it is cancelled, and the result is false with timed_out().
+// within - an operation with a time limit: after that it is cancelled, and the result is false with timed_out(). If the
+// loop did not run when the time was over, the operation has another 100 ms: its peer may be innocent.
 //   if (const Result read = co_await within(10s, node.read(msg)); read.timed_out()) ...
 inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::awaitable<Result> operation) {
   using namespace asio::experimental::awaitable_operators;
   asio::steady_timer timer(co_await asio::this_coro::executor, longest);
   asio::error_code code;
   Result result(0, ECANCELED, MQ_IN_SOCKET);
-  co_await (detail::async_keep(std::move(operation), result) ||
-            timer.async_wait(asio::redirect_error(asio::use_awaitable, code)));
+  co_await (detail::async_keep(std::move(operation), result) || detail::async_expire(timer, code));
   // The operation may have ended at the same moment: its result counts.
   const bool expired = !result && result.code() == ECANCELED && !code;
   co_return expired ? Result(0, SOCK_WAIT_TIMEOUT, MQ_IN_STATUS) : result;
