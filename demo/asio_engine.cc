@@ -62,7 +62,7 @@ class AsioEngine final : public Engine {
       result = co_await Read(client, in);
       if (!result) break;
       result = kNoMemory;
-      if (service_.Answer(in, out, node)) result = co_await within(patience_, Write(client, out, isSigned));
+      if (service_.Answer(in, out, node)) result = co_await Write(client, out, isSigned);
       if (result) service_.Sent(out);
     }
     const char* const why = client.why(result);
@@ -84,8 +84,19 @@ class AsioEngine final : public Engine {
     co_return result;
   }
 
-  // Not within the coroutines: gcc 12 destroys an operand of ?: twice if it is in an expression with co_await.
   awaitable<Result> Write(const AsyncNode& client, MessageRef out, bool isSigned) const {
+    const MQNode& node = client.node().record();
+    uint64_t had = node.sock.bytesSent;
+    Result result = co_await within(patience_, Begin(client, out, isSigned));
+    while (result.timed_out() && node.sock.bytesSent - had >= limits_.progressBytes) {
+      had = node.sock.bytesSent;
+      result = co_await within(patience_, client.flush());
+    }
+    co_return result;
+  }
+
+  // Not within the coroutines: gcc 12 destroys an operand of ?: twice if it is in an expression with co_await.
+  awaitable<Result> Begin(const AsyncNode& client, MessageRef out, bool isSigned) const {
     return isSigned ? client.write_signed(out, service_.signer()) : client.write(out);
   }
 

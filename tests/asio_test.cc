@@ -109,6 +109,15 @@ TEST_F(AsioTest, TimeOutsLoseNothing) {
   EXPECT_EQ(peer.Read(1156 + 156).size(), 1312U);
   EXPECT_EQ(WriteState(node.node().get()), "0, sent 2, out 0");
 
+  // A read sends what a cancelled write has left.
+  Platform::Limit("send", {100});
+  Platform::Fail("send", 2, EAGAIN, Platform::kOnwards);
+  EXPECT_EQ(Run(within(10ms, node.write(out))), "SOCK_WAIT_TIMEOUT");
+  Platform::Mend();
+  EXPECT_EQ(Run(within(10ms, node.read(in))), "SOCK_WAIT_TIMEOUT");
+  EXPECT_EQ(WriteState(node.node().get()), "0, sent 3, out 0");
+  EXPECT_EQ(Run(node.flush()), "ok");
+
   // Time in which the loop does not run does not count.
   std::string told;
   Start(within(10ms, node.read(in)), &told);

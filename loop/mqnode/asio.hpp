@@ -15,7 +15,7 @@
 //                  coroutine, std::bad_alloc
 //   Cancellation   by Asio's means: cancellation slots, awaitable_operators, within. A cancelled operation ends with
 //                  ECANCELED and loses nothing: a message that has arrived in part is read on by the next read, a
-//                  message whose write was cancelled stays queued and leaves with the next write, read or finish
+//                  message whose write was cancelled stays queued and leaves with the next write, read, flush or finish
 //   Time           nothing here has a time limit of its own: put within() around an operation
 //   Order          one coroutine reads a node at a time. Several may write to a stream, one to a datagram node;
 //                  messages leave in the order of the writes. A node may be closed or destroyed while operations wait
@@ -30,6 +30,7 @@
 #define MQNODE_MQNODE_ASIO_HPP
 
 #include <arpa/inet.h>
+#include <poll.h>
 
 #include <asio/any_io_executor.hpp>
 #include <asio/awaitable.hpp>
@@ -169,53 +170,8 @@ inline asio::awaitable<Result> async_open(AsyncShared own) {
   }
 }
 
-inline asio::awaitable<Result> async_readable(AsyncShared own) {
-  asio::error_code code;
-  if (!own->is_stopped(code)) co_await own->wait(AsyncState::Wait::wait_read, code);
-  if (own->is_stopped(code)) co_return own->stopped(code);
-  mq_step_turn(&own->step);
-  co_return AsyncState::done();
-}
-
-inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
-  MqStep& step = own->step;
-  if (own->is_stopped({})) co_return own->stopped({});
-  for (;;) {
-    const int outcome = mq_step_read(&step, msg.get());
-    if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
-    if (outcome != MQ_STEP_WAIT) co_return own->failed();
-    asio::error_code code;
-    const bool held = step.held != 0;  // by a queue that is to become shorter first
-    co_await own->wait(held ? AsyncState::Wait::wait_write : AsyncState::Wait::wait_read, code);
-    if (own->is_stopped(code)) co_return own->stopped(code);
-    if (held && mq_step_flush(&step) == MQ_STEP_FAILED) co_return own->broken();
-    if (!held) mq_step_turn(&step);
-  }
-}
-
-template <class Function, class... Arguments>
-asio::awaitable<Result> async_write(AsyncShared own, Function function, MessageRef msg, Arguments... arguments) {
-  MqStep& step = own->step;
-  if (own->is_stopped({})) co_return own->stopped({});
-  if (!mq_step_may_write(&step)) co_return own->failed();
-  const int outcome = mq_step_wrote(&step, function(msg.get(), own->node.get(), arguments...));
-  if (outcome == MQ_STEP_FAILED) co_return own->broken();
-  if (outcome == MQ_STEP_LOST) co_return own->failed();
-  const std::uint64_t number = step.taken;
-  while (mq_step_completed(&step) < number) {
-    asio::error_code code;
-    co_await own->wait(AsyncState::Wait::wait_write, code);
-    if (own->is_stopped(code)) co_return own->stopped(code);
-    if (mq_step_completed(&step) >= number) break;  // sent by another write
-    const int flushed = mq_step_flush(&step);
-    if (flushed == MQ_STEP_FAILED) co_return own->broken();
-    if (flushed == MQ_STEP_LOST && mq_step_completed(&step) == number) co_return own->failed();
-  }
-  co_return AsyncState::done();
-}
-
-// Waits for what the end of a connection needs next.
-inline asio::awaitable<void> async_wait_for_end(AsyncShared own, asio::error_code& code) {
+// Waits for what the node wants next. Of two, the first counts.
+inline asio::awaitable<void> async_wait(AsyncShared own, asio::error_code& code) {
   using namespace asio::experimental::awaitable_operators;
   const int wants = mq_step_wants(&own->step);
   if (wants == (MQ_STEP_READABLE | MQ_STEP_WRITABLE)) {
@@ -230,6 +186,71 @@ inline asio::awaitable<void> async_wait_for_end(AsyncShared own, asio::error_cod
   }
 }
 
+// Waits until the node can be read. What is queued is sent meanwhile: after a cancelled write nothing else sends it.
+inline asio::awaitable<Result> async_readable(AsyncShared own) {
+  MqStep& step = own->step;
+  for (bool readable = false; !readable;) {
+    if (own->is_stopped({})) co_return own->stopped({});
+    asio::error_code code;
+    const bool queued = step.node->pending != nullptr;
+    if (queued) co_await async_wait(own, code);
+    if (!queued) co_await own->wait(AsyncState::Wait::wait_read, code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
+    if (queued && mq_step_flush(&step) == MQ_STEP_FAILED) co_return own->broken();
+    pollfd state = {step.node->sock.fd, POLLIN, 0};
+    readable = !queued || (step.held == 0 && poll(&state, 1, 0) != 0);
+  }
+  mq_step_turn(&step);
+  co_return AsyncState::done();
+}
+
+inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
+  MqStep& step = own->step;
+  if (own->is_stopped({})) co_return own->stopped({});
+  for (;;) {
+    const int outcome = mq_step_read(&step, msg.get());
+    if (outcome == MQ_STEP_DONE) co_return AsyncState::done();
+    if (outcome != MQ_STEP_WAIT) co_return own->failed();
+    if (step.node->pending != nullptr) {
+      const Result readable = co_await async_readable(own);
+      if (!readable) co_return readable;
+      continue;
+    }
+    asio::error_code code;
+    co_await own->wait(AsyncState::Wait::wait_read, code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
+    mq_step_turn(&step);
+  }
+}
+
+// Sends what is queued until write number number is done.
+inline asio::awaitable<Result> async_flush(AsyncShared own, std::uint64_t number) {
+  MqStep& step = own->step;
+  if (own->is_stopped({})) co_return own->stopped({});
+  while (mq_step_completed(&step) < number) {
+    asio::error_code code;
+    co_await own->wait(AsyncState::Wait::wait_write, code);
+    if (own->is_stopped(code)) co_return own->stopped(code);
+    if (mq_step_completed(&step) >= number) break;  // sent by another operation
+    const int flushed = mq_step_flush(&step);
+    if (flushed == MQ_STEP_FAILED) co_return own->broken();
+    if (flushed == MQ_STEP_LOST && mq_step_completed(&step) == number) co_return own->failed();
+  }
+  co_return AsyncState::done();
+}
+
+template <class Function, class... Arguments>
+asio::awaitable<Result> async_write(AsyncShared own, Function function, MessageRef msg, Arguments... arguments) {
+  MqStep& step = own->step;
+  if (own->is_stopped({})) co_return own->stopped({});
+  if (!mq_step_may_write(&step)) co_return own->failed();
+  const int outcome = mq_step_wrote(&step, function(msg.get(), own->node.get(), arguments...));
+  if (outcome == MQ_STEP_FAILED) co_return own->broken();
+  if (outcome == MQ_STEP_LOST) co_return own->failed();
+  if (mq_step_completed(&step) == step.taken) co_return AsyncState::done();
+  co_return co_await async_flush(own, step.taken);
+}
+
 inline asio::awaitable<Result> async_finish(AsyncShared own) {
   if (own->step.phase == MQ_STEP_OPEN) mq_step_begin_end(&own->step);
   for (;;) {
@@ -238,7 +259,7 @@ inline asio::awaitable<Result> async_finish(AsyncShared own) {
     if (outcome == MQ_STEP_FAILED) co_return own->failed();
     if (outcome == MQ_STEP_LOST) continue;
     asio::error_code code;
-    co_await async_wait_for_end(own, code);
+    co_await async_wait(own, code);
     if (own->is_stopped(code)) co_return own->stopped(code);
   }
 }
@@ -322,6 +343,9 @@ class AsyncNode {
   asio::awaitable<Result> write_signed_to(MessageRef msg, SockAddrRec& to, const Signer& signer) const {
     return detail::async_write(state_, mnSWriteTo, msg, &to, 1, static_cast<void*>(signer.get()));
   }
+
+  // Waits until nothing is queued, as after a write that was cancelled.
+  asio::awaitable<Result> flush() const { return detail::async_flush(state_, state_->step.taken); }
 
   // As mq_finish: sends what is queued, shuts the sending side down, and waits until the peer has received everything
   // and closed. Only closing may follow.
