@@ -1,9 +1,9 @@
 // asio_server.cc - answers many clients in an Asio event loop, a coroutine for each, until SIGINT or SIGTERM.
 // Clients that are connected then have two more seconds.
 //   asio_server HOST SERVICE [CLIENTS [SECONDS]]
-// Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: for the first question, for
-// the rest of one that has begun, and for taking an answer (10). mqnode/limits.h documents the other limits; dropped
-// clients are logged on standard error.
+// Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: for the first question,
+// for the rest of one that has begun, and for taking an answer (10). mqnode/limits.h documents the other limits;
+// dropped clients are logged on standard error.
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>

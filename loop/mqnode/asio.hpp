@@ -223,7 +223,7 @@ inline asio::awaitable<Result> async_read(AsyncShared own, MessageRef msg) {
   }
 }
 
-// Sends what is queued until write number number is done.
+// Sends what is queued, up to the write with this number.
 inline asio::awaitable<Result> async_flush(AsyncShared own, std::uint64_t number) {
   MqStep& step = own->step;
   if (own->is_stopped({})) co_return own->stopped({});
