@@ -19,7 +19,8 @@ struct Target {
   std::vector<const char*> arguments;  // kRing: the path of a file with the keys of both users
   Echo echo;
   bool isMqcat = false;
-  double seconds = 0;  // that an attack takes at least
+  double seconds = 0;           // that an attack takes at least
+  const char* engine = "node";  // of this program's own server
 };
 
 std::span<const Target> Targets();

@@ -66,7 +66,7 @@ class World {
   void Stages() {
     const Limits limits{options_.clients + kSpareGuests, options_.soak ? kPatienceInSoak : kPatience, UINT32_MAX};
     children_.emplace_back(
-        "server", [&] { return RunServer(shared_, options_.seed, keys_, limits); }, true);
+        "server", [&] { return RunServer(shared_, options_.seed, keys_, limits, options_.engine); }, true);
     if (!WaitFor("the server listens", kStartSeconds, [this] { return shared_->ready.load(); })) return;
     const double connecting = Now();
     StartClients();

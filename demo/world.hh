@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "demo/server.hh"
 #include "demo/tally.hh"
 
 namespace demo {
@@ -17,6 +18,7 @@ struct Options {
   bool soak = false;  // rounds through a bad network, and no rogues
   double rate = 0;    // messages a second; 0: as fast as they can
   uint64_t seed = 0;
+  std::string engine = Engines().front();  // of the server
 };
 
 // A line of the server's log about a peer.

@@ -47,7 +47,6 @@ struct MqUvNode {
   Link soon;      /* of uv->soon */
   Link timed;     /* of uv->wheel */
   int64_t tick;   /* of timed */
-  int64_t begun;  /* milliseconds: when it was accepted */
   Origin* origin; /* null unless it was accepted, and is open */
   int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
   int turning;    /* 1: in on_poll, which ends with settle */
@@ -283,17 +282,11 @@ static void begin_end(MqUvNode* node, int code) {
 
 static void read_failed(MqUvNode* node) {
   const int code = node->step.error;
-  const int cut = mq_step_is_cut(&node->step);
-  const int left = code == SOCK_PEER_CLOSED || code == ECONNRESET;
-  if (code == SOCK_PEER_CLOSED && !cut) {
+  if (code == SOCK_PEER_CLOSED && !mq_step_is_cut(&node->step)) {
     begin_end(node, code);
     end_turn(node);
-  } else if (left && (cut || node->step.node->pending != NULL)) {
-    close_node(node, code, "left in the middle of a message, or before its answer");
-  } else if (left) {
-    close_node(node, code, NULL);
   } else {
-    close_node(node, code, code == EMSGSIZE ? "its message is too long" : mq_error_name(code));
+    close_node(node, code, mq_step_why(&node->step, code));
   }
 }
 
@@ -328,8 +321,7 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
     return NULL;
   }
   node->uv = uv;
-  node->begun = clock_of(uv);
-  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun);
+  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, clock_of(uv));
   if (begun && is_listening(node)) begun = mq_step_listen(&node->step, uv->limits.backlog);
   int error = begun ? 0 : node->step.error;
   if (error == 0) error = -uv_poll_init(uv->loop, &node->poll, mqnode->sock.fd);
@@ -345,14 +337,6 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   return node;
 }
 
-/* Whether a gives way before b: first by the number of nodes of its address, then those that were not accepted after
- * the time before, then by how long they have been quiet. */
-static int gives_way(const MqUvNode* a, const MqUvNode* b, int64_t before) {
-  if (a->origin->nodes != b->origin->nodes) return a->origin->nodes > b->origin->nodes;
-  if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
-  return a->step.since < b->step.since;
-}
-
 /* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has
  * as many as they have. */
 static MqUvNode* choose(const MqUv* uv) {
@@ -360,13 +344,17 @@ static MqUvNode* choose(const MqUv* uv) {
   const int64_t before = clock_of(uv) - uv->limits.keptMsec;
   for (const Link* link = uv->nodes.next; link != &uv->nodes; link = link->next) {
     MqUvNode* const node = OWNER(MqUvNode, member, link);
-    if (node->origin != NULL && (chosen == NULL || gives_way(node, chosen, before))) chosen = node;
+    if (node->origin == NULL) continue;
+    if (chosen == NULL ||
+        mq_step_gives_way(&node->step, node->origin->nodes, &chosen->step, chosen->origin->nodes, before)) {
+      chosen = node;
+    }
   }
-  return uv->limits.keptMsec >= 0 && chosen != NULL && chosen->begun <= before ? chosen : NULL;
+  return uv->limits.keptMsec >= 0 && chosen != NULL && chosen->step.begun <= before ? chosen : NULL;
 }
 
 static void give_way(MqUvNode* node) {
-  if (node != NULL) close_node(node, ECONNABORTED, "its place is needed");
+  if (node != NULL) close_node(node, ECONNABORTED, mq_step_why(&node->step, ECONNABORTED));
 }
 
 static void stop_accepting(MqUvNode* listener) {
@@ -470,12 +458,7 @@ static void look(MqUvNode* node) {
     }
   } else {
     if (step->node->recvBuffer.capacity > MQ_STEP_AREA) mq_step_trim(step);
-    if (now >= look_time(node)) {
-      close_node(node, ETIMEDOUT,
-                 step->node->pending != NULL ? "takes no answers"
-                 : mq_step_owes(step)        ? "too slow"
-                                             : "idle");
-    }
+    if (now >= look_time(node)) close_node(node, ETIMEDOUT, mq_step_why(step, SOCK_WAIT_TIMEOUT));
   }
   settle(node);
 }

@@ -4,6 +4,7 @@
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
+#include <thread>
 
 #include "tests/support/nodes.hh"
 
@@ -108,6 +109,25 @@ TEST_F(AsioTest, TimeOutsLoseNothing) {
   EXPECT_EQ(peer.Read(1156 + 156).size(), 1312U);
   EXPECT_EQ(WriteState(node.node().get()), "0, sent 2, out 0");
 
+  // A read sends what a cancelled write has left queued.
+  Platform::Limit("send", {100});
+  Platform::Fail("send", 2, EAGAIN, Platform::kOnwards);
+  EXPECT_EQ(Run(within(10ms, node.write(out))), "SOCK_WAIT_TIMEOUT");
+  Platform::Mend();
+  EXPECT_EQ(Run(within(10ms, node.read(in))), "SOCK_WAIT_TIMEOUT");
+  EXPECT_EQ(WriteState(node.node().get()), "0, sent 3, out 0");
+  EXPECT_EQ(Run(node.flush()), "ok");
+
+  // Time in which the loop does not run does not count.
+  std::string told;
+  Start(within(10ms, node.read(in)), &told);
+  Poll();
+  std::this_thread::sleep_for(520ms);
+  Poll();
+  peer.Send(wire);
+  loop_.run_for(10s);
+  EXPECT_EQ(told, "ok");
+
   // The node is closed after the loss of a part of a message.
   Platform::Limit("send", {100});
   Platform::Fail("send", 2, EAGAIN);
@@ -150,6 +170,21 @@ TEST_F(AsioTest, AcceptingPausesWhenThereIsNoPlace) {
   EXPECT_EQ(Run(second.read(in)), "EMSGSIZE");
 }
 
+TEST_F(AsioTest, ANewConnectionTakesThePlaceOfAnother) {
+  MqLoopLimits limits = mq_loop_limits();
+  limits.nodes = 1, limits.keptMsec = 0;
+  AsyncNode listener = Take(mqnode::Node::listener(Local(0)), AsyncNode::Framing::kPlain, limits), first, second;
+  const Peer one = Peer::Connect(listener.node().local_port()), two = Peer::Connect(listener.node().local_port());
+  const Message in;
+  std::string told;
+  EXPECT_EQ(Run(listener.accept(first)), "ok");
+  Start(first.read(in), &told);
+  EXPECT_EQ(Run(listener.accept(second)), "ok");
+  EXPECT_EQ(told + " " + Run(first.write(in)), "ECONNABORTED ECONNABORTED");
+  EXPECT_STREQ(first.why({0, ECONNABORTED, MQ_IN_SOCKET}), "its place is needed");
+  EXPECT_TRUE(second.node().is_open());
+}
+
 TEST_F(AsioTest, DatagramsThatAreNoMessagesAreReported) {
   const AsyncNode node = Take(mqnode::Node::datagram(Local(0)));
   const Peer peer = Peer::Datagram();
@@ -161,6 +196,25 @@ TEST_F(AsioTest, DatagramsThatAreNoMessagesAreReported) {
   mqnode::Address to = node.node().sender();
   EXPECT_EQ(Run(node.write_to(in, to)), "ok");
   EXPECT_EQ(peer.Read().size(), 160U);
+}
+
+TEST_F(AsioTest, SignedMessages) {
+  constexpr auto kSigned = AsyncNode::Framing::kSigned;
+  const Keys keys;
+  const Message in, out(7, 4);
+  AsyncNode listener = Take(mqnode::Node::listener(Local(0)), kSigned), child;
+  const AsyncNode client = Take(mqnode::Node::connector(Local(listener.node().local_port())));
+  EXPECT_EQ(Run(client.open()), "ok");
+  EXPECT_EQ(Run(listener.accept(child)), "ok");
+  EXPECT_EQ(Run(client.write_signed(out, keys.signer)), "ok");
+  EXPECT_EQ(Read(child.read(in), in), "7:4 from tester");
+
+  const AsyncNode one = Take(mqnode::Node::datagram(Local(0))), other = Take(mqnode::Node::datagram(Local(0)), kSigned);
+  mqnode::Address to = Local(other.node().local_port());
+  EXPECT_EQ(Run(one.write_to(out, to)), "ok");
+  EXPECT_EQ(Run(other.read(in)), "MQ_BAD_MESSAGE");
+  EXPECT_EQ(Run(one.write_signed_to(out, to, keys.signer)), "ok");
+  EXPECT_EQ(Read(other.read(in), in), "7:4 from tester");
 }
 
 }  // namespace

@@ -78,14 +78,16 @@ struct Loop {
     }
     return false;
   }
-  // The port of a listening node, whose children have the same data.
-  int Listen(App* app, int secure = 0) {
-    Node node = Node::listener(Local(0));
+  // The port of a node that is handed over.
+  int Start(Node node, App* app, int secure = 0, MqcSigner* signer = nullptr) {
     const int port = node.local_port();
-    listener = mq_uv_start(uv, node.release(), secure, &kEvents, app);
-    EXPECT_NE(listener, nullptr);
+    MqUvNode* const started = mq_uv_start(uv, node.release(), secure, &kEvents, app);
+    EXPECT_NE(started, nullptr);
+    mq_uv_set_signer(started, signer);
     return port;
   }
+  // The same for a listening node, whose children have the same data.
+  int Listen(App* app, int secure = 0) { return Start(Node::listener(Local(0)), app, secure); }
   MqUvNode* Connect(App* app, int port) {
     Node node = Node::connector(Local(port));
     EXPECT_TRUE(node.set_buffer_size(4096));
@@ -93,7 +95,6 @@ struct Loop {
   }
   uv_loop_t loop;
   MqUv* uv;
-  MqUvNode* listener = nullptr;
 };
 
 Node Client(int port) {
@@ -111,6 +112,18 @@ Message Text(const std::string& text) {
 bool Write(MqUvNode* node, const std::string& text, size_t number = 0) {
   return mq_uv_write(node, Text(text).get(), number != 0 ? OnWritten : nullptr, reinterpret_cast<void*>(number)) != 0;
 }
+
+// A key of the login, who is in the ring.
+struct Key {
+  Key() : user(Node::connector(Local(9)).user()) {
+    EXPECT_TRUE(mqc_generate_key(secret, open) && mqc_ring_add(user.c_str(), open, nullptr, 0));
+    signer = Signer::create(user.c_str(), secret);
+  }
+  ~Key() { mqc_ring_remove(user.c_str()); }
+  const std::string user;
+  uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
+  Signer signer;
+};
 
 // Descriptors, and blocks in use but for those that know users and remember their messages.
 std::string Resources() {
@@ -138,11 +151,7 @@ class LoopTest : public testing::Test {
 };
 
 TEST_F(LoopTest, AMessageCutAtEveryByte) {
-  uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
-  ASSERT_TRUE(mqc_generate_key(secret, open));
-  const std::string user = Node::connector(Local(9)).user().data();
-  const Signer signer = Signer::create(user.c_str(), secret);
-  ASSERT_TRUE(mqc_ring_add(user.c_str(), open, nullptr, 0));
+  const Key key;
   for (const int secure : {0, 1}) {
     Loop loop;
     const int port = loop.Listen(&app, secure);
@@ -152,8 +161,8 @@ TEST_F(LoopTest, AMessageCutAtEveryByte) {
       int pair[2];
       ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
       const Node writer = Node::adopt(pair[0], MQ_ROLE_CONNECT);
-      ASSERT_TRUE(mnSWrite(Text("cut").get(), writer.get(), secure, signer.get()));
-      ASSERT_TRUE(mnSWrite(Text("next").get(), writer.get(), secure, signer.get()));
+      ASSERT_TRUE(mnSWrite(Text("cut").get(), writer.get(), secure, key.signer.get()));
+      ASSERT_TRUE(mnSWrite(Text("next").get(), writer.get(), secure, key.signer.get()));
       char bytes[1024];
       const auto both = static_cast<size_t>(read(pair[1], bytes, sizeof bytes));
       close(pair[1]);
@@ -169,7 +178,31 @@ TEST_F(LoopTest, AMessageCutAtEveryByte) {
       ASSERT_TRUE(loop.Until([&] { return app.nodes.empty(); }));
     }
   }
-  mqc_ring_remove(user.c_str());
+}
+
+// The answers to a stream and to datagrams, signed if the node is; its peer accepts no others.
+TEST_F(LoopTest, AnswersAreSigned) {
+  const Key key;
+  for (const int secure : {0, 1}) {
+    for (const bool stream : {true, false}) {
+      app = App();
+      app.on = [](std::string_view event, MqUvNode* node, PcfMessage* msg) {
+        Address from = NodeRef(mq_uv_node(node)).sender();
+        EXPECT_TRUE(event != "message" || mq_uv_write(node, msg, OnWritten, reinterpret_cast<void*>(1)));
+        EXPECT_TRUE(event != "datagram" || mq_uv_write_to(node, msg, &from, OnWritten, reinterpret_cast<void*>(1)));
+      };
+      Loop loop;
+      Node node = stream ? Node::listener(Local(0)) : Node::datagram(Local(0));
+      Address to = Local(loop.Start(std::move(node), &app, secure, key.signer.get()));
+      const Node peer = stream ? Client(atoi(to.service)) : Node::datagram(Local(0));
+      ASSERT_TRUE(mnSWriteTo(Text("one").get(), peer.get(), stream ? nullptr : &to, secure, key.signer.get()));
+      ASSERT_TRUE(loop.Until([&] { return app.Count("written 1") == 1; })) << secure << stream;
+      EXPECT_EQ(app.log.size(), stream ? 3u : 2u);
+      const Message in = Message::create();
+      ASSERT_TRUE(secure != 0 ? peer.read_signed(in, 10s) : peer.read(in, 10s)) << stream;
+      EXPECT_EQ(App::Text(in.get()), "one");
+    }
+  }
 }
 
 // More is written than the marks allow: the node is not read, and writes are refused. When the peer reads, all writes
@@ -223,9 +256,7 @@ TEST_F(LoopTest, StoppedInsideEveryEvent) {
         limits.highBytes = limits.lowBytes = 1, limits.socketBytes = 4096;
         Loop loop(limits);
         const int port = loop.Listen(&app);
-        Node other = Node::datagram(Local(0));
-        const int datagrams = other.local_port();
-        mq_uv_start(loop.uv, other.release(), 0, &kEvents, &app);
+        const int datagrams = loop.Start(Node::datagram(Local(0)), &app);
         size_t accepted = 0;
         app.on = [&](std::string_view event, MqUvNode* node, PcfMessage*) {
           if (event == "open") {

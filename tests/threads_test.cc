@@ -13,6 +13,17 @@
 #include "runtime/runtime.h"
 #include "tests/support/sender.hh"
 
+#if __has_include("mqnode/asio.hpp")
+#include <asio/detail/config.hpp>
+#endif
+#ifdef ASIO_HAS_CO_AWAIT
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/io_context.hpp>
+
+#include "mqnode/asio.hpp"
+#endif
+
 namespace {
 
 using namespace mqnode;
@@ -176,5 +187,58 @@ TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
   done = true;
   for (std::thread& thread : threads) thread.join();
 }
+
+#ifdef ASIO_HAS_CO_AWAIT
+asio::awaitable<void> Serve(AsyncNode client) {
+  const Message msg = Message::create();
+  for (Result result = co_await client.read(msg); result; result = co_await client.read(msg)) {
+    EXPECT_TRUE(co_await client.write(msg));
+  }
+  EXPECT_TRUE(co_await client.finish());
+}
+
+asio::awaitable<void> Listen(AsyncNode listener) {
+  for (AsyncNode client; co_await listener.accept(client);) {
+    asio::co_spawn(listener.get_executor(), Serve(std::move(client)), asio::detached);
+  }
+}
+
+asio::awaitable<void> Ask(int port, std::atomic<int>* done) {
+  const AsyncNode node(co_await asio::this_coro::executor, Node::connector(Local(port)));
+  const Message msg = Message::create();
+  Result result = co_await node.open();
+  for (uint32_t number = 0; result && number < 100; ++number) {
+    EXPECT_TRUE(msg.begin(number) && msg.add(1, std::string(number * 600, 'x')));
+    result = co_await node.write(msg);
+    if (result) result = co_await within(10s, node.read(msg));
+    EXPECT_EQ(msg.command(), number);
+  }
+  EXPECT_TRUE(result) << result.name();
+  EXPECT_TRUE(co_await within(10s, node.finish()));
+  ++*done;
+}
+
+// A loop for each thread, with a server, and with clients of all servers. (libuv: loop_test.cc)
+TEST_F(ThreadsTest, AsioLoops) {
+  std::atomic<int> done{0};
+  struct {
+    asio::io_context loop{1};
+    int port = 0;
+  } all[kThreads];
+  for (auto& [loop, port] : all) {
+    Node listener = Node::listener(Local(0));
+    port = listener.local_port();
+    asio::co_spawn(loop, Listen(AsyncNode(loop.get_executor(), std::move(listener))), asio::detached);
+  }
+  std::vector<std::thread> threads;
+  for (auto& own : all) {
+    for (const auto& [loop, port] : all) asio::co_spawn(own.loop, Ask(port, &done), asio::detached);
+    threads.emplace_back([&] {
+      while (done < kThreads * kThreads) own.loop.run_for(10ms);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+#endif
 
 }  // namespace

@@ -75,6 +75,7 @@ typedef struct MqStep {
   uint64_t taken;     /* writes that were sent or queued */
   uint64_t sentAtEnd; /* value that bytesSent of the node will have when its queue is empty */
   uint64_t moved;     /* bytes sent and received at the last progress */
+  int64_t begun;      /* milliseconds: when the engine took the node in */
   int64_t since;      /* milliseconds: time of the last progress */
   uint32_t done;      /* messages read and written at the last progress */
   int midway;         /* 1: at the last progress, the node was in a message or had queued writes */
@@ -121,7 +122,7 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   step->secure = secure;
   step->limits = limits;
   step->phase = MQ_STEP_OPEN;
-  step->since = now;
+  step->begun = step->since = now;
   step->whole = node->sock.bytesReceived;
   step->moved = node->sock.bytesReceived + node->sock.bytesSent;
   step->done = node->msgsRead + node->writesCompleted;
@@ -381,6 +382,35 @@ static inline int64_t mq_step_deadline(const MqStep* step) {
   const int first = !midway && mq_step_owes(step);
   const int msec = midway ? step->limits->midwayMsec : first ? step->limits->firstMsec : step->limits->idleMsec;
   return msec > 0 ? step->since + msec : INT64_MAX;
+}
+
+/* mq_step_gives_way - whether a, rather than b, gives way to a new connection: the one whose address has more accepted
+ * nodes, else the one that was not accepted after the time before, else the one that has been quiet longer. */
+static inline int mq_step_gives_way(const MqStep* a, int nodesLikeA, const MqStep* b, int nodesLikeB, int64_t before) {
+  if (nodesLikeA != nodesLikeB) return nodesLikeA > nodesLikeB;
+  if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
+  return a->since < b->since;
+}
+
+/* mq_step_why - why a node ends, as text for a log. Call it before the queue is discarded.
+ *   code   in   of the read or write that failed; 9000 for a node that is overdue; ECONNABORTED for one that gives way
+ * Result   null for a peer that left between two messages */
+static inline const char* mq_step_why(const MqStep* step, int code) {
+  const int queued = step->node->pending != NULL;
+  switch (code) {
+    case SOCK_PEER_CLOSED:
+    case ECONNRESET:
+      if (step->phase != MQ_STEP_CLOSED && !queued && !mq_step_is_cut(step)) return NULL;
+      return "left in the middle of a message, or before its answer";
+    case EMSGSIZE:
+      return "its message is too long";
+    case ECONNABORTED:
+      return "its place is needed";
+    case SOCK_WAIT_TIMEOUT:
+      return queued ? "takes no answers" : mq_step_owes(step) ? "too slow" : "idle";
+    default:
+      return mq_error_name(code);
+  }
 }
 
 /* ---- End ---- */
