@@ -96,8 +96,8 @@ void RaiseDescriptorLimit(rlim_t needed) {
 
 void Prepare(rlim_t descriptors) {
   signal(SIGPIPE, SIG_IGN);
-  unsetenv("TEVRA_HOME");  // with it every node would start a shell to find the name of this program
-  // The address sanitizer keeps released memory for a while: little of it, so that the servers' own memory shows.
+  unsetenv("TEVRA_HOME");  // or every node would start a shell to find the name of this program
+  // The address sanitizer delays the release of memory. A small quarantine keeps the servers' own memory visible.
   const char* const set = getenv("ASAN_OPTIONS");
   setenv("ASAN_OPTIONS", fmt::format("{}:quarantine_size_mb=1", set != nullptr ? set : "").c_str(), 1);
   RaiseDescriptorLimit(descriptors);

@@ -10,7 +10,7 @@
 namespace demo {
 namespace {
 
-// 1234567 as 1,234,567.
+// Formats 1234567 as 1,234,567.
 std::string Grouped(uint64_t number) {
   std::string text = fmt::to_string(number);
   for (size_t at = text.size(); at > 3; at -= 3) text.insert(at - 3, 1, ',');

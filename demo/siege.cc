@@ -217,7 +217,7 @@ class Siege {
   Child server_, steady_, newcomer_;
 };
 
-// Adds the faults that the processes could not report themselves.
+// Adds the faults that the processes themselves could not report.
 void Conclude(const Trial& trial, const Child& child) {
   Faults& faults = trial.shared->workers[kJudge].faults;
   if (const std::string why = child.Failure(); !why.empty()) faults.Add(why);

@@ -31,7 +31,7 @@ struct Trial {
   SharedPtr shared = MakeShared();
 };
 
-// Whether an attack applies to a server.
+// True if an attack applies to a server.
 bool IsFor(const Peer& peer, const Target& target);
 
 // The honest clients of a trial: one keeps its connection, the other makes a new one for each question.

@@ -1,4 +1,4 @@
-// asio_test.cc - asio.hpp: operations wait, end and are cancelled without a loss.
+// asio_test.cc - asio.hpp: operations wait, end, and can be cancelled without losing anything.
 #include "mqnode/asio.hpp"
 
 #include <asio/co_spawn.hpp>
@@ -19,7 +19,7 @@ mqnode::Address Local(int port) { return {"127.0.0.1", std::to_string(port)}; }
 
 class AsioTest : public NodeTest {
  protected:
-  // Starts an operation; its result stands in the place as soon as it has ended.
+  // Starts an operation, which stores its result in *told when it ends.
   void Start(asio::awaitable<Result> operation, std::string* told) {
     const auto keep = [](asio::awaitable<Result> started, std::string* place) -> asio::awaitable<void> {
       const Result result = co_await std::move(started);
@@ -35,7 +35,7 @@ class AsioTest : public NodeTest {
     loop_.run_for(10s);
     return told;
   }
-  // The outcome of a read and, after a success, what was read.
+  // The result of a read or, after a success, what was read.
   std::string Read(asio::awaitable<Result> operation, const Message& in) {
     const std::string told = Run(std::move(operation));
     return told == "ok" ? in.Text() : told;
@@ -82,7 +82,7 @@ TEST_F(AsioTest, MessagesArriveByteByByte) {
     std::string finished;
     Start(node.finish(), &finished);
     Poll();
-    EXPECT_EQ(peer.Read() + finished, "") << "the peer is told, and waited for";
+    EXPECT_EQ(peer.Read() + finished, "") << "the peer learns of the end, and is waited for";
     peer = Peer();
     Await(node.node().descriptor());
     Poll();
@@ -128,7 +128,7 @@ TEST_F(AsioTest, TimeOutsLoseNothing) {
   loop_.run_for(10s);
   EXPECT_EQ(told, "ok");
 
-  // After a part of a message was lost the node is closed.
+  // The node is closed after the loss of a part of a message.
   Platform::Limit("send", {100});
   Platform::Fail("send", 2, EAGAIN);
   Platform::Fail("send", 3, EPIPE);

@@ -1,5 +1,5 @@
-// loop_test.cc - nodes in an event loop: the layer on libuv, with peers that are plain sockets or blocking nodes. After
-// each test nodes, memory and descriptors are those from before.
+// loop_test.cc - nodes in a libuv loop, with plain sockets or blocking nodes as peers. Each test must release its
+// nodes, memory and descriptors.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -18,11 +18,11 @@ using namespace mqnode;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// Events are noted as text and handed on; the node's data is its App.
+// Logs events as text and passes them on. A node's data is its App.
 struct App {
   std::vector<std::string> log;
   std::function<void(const char* event, MqUvNode* node, PcfMessage* msg)> on = [](auto...) {};
-  std::vector<MqUvNode*> nodes;  // accepted or opened, and not ended
+  std::vector<MqUvNode*> nodes;  // accepted or opened, and not ended yet
 
   void Note(const char* event, MqUvNode* node, PcfMessage* msg = nullptr, const std::string& text = "") {
     log.push_back(event + (text.empty() ? "" : " " + text));
@@ -140,7 +140,7 @@ class LoopTest : public testing::Test {
  protected:
   LoopTest() {
     signal(SIGPIPE, SIG_IGN);
-    uv_loop_close(uv_default_loop());  // made once: the first loop of a process opens descriptors that stay
+    uv_loop_close(uv_default_loop());  // the first loop of a process opens descriptors that stay open
   }
   void SetUp() override { before_ = Resources(); }
   void TearDown() override { EXPECT_EQ(Resources(), before_); }
@@ -157,7 +157,7 @@ TEST_F(LoopTest, AMessageCutAtEveryByte) {
     const int port = loop.Listen(&app, secure);
     for (size_t cut = 1, size = 2; cut < size; ++cut) {
       const Node client = Client(port);
-      // What it sends goes through another connection first, to be cut.
+      // The client's bytes are made on another connection, to be sent in two pieces.
       int pair[2];
       ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
       const Node writer = Node::adopt(pair[0], MQ_ROLE_CONNECT);
@@ -205,8 +205,8 @@ TEST_F(LoopTest, AnswersAreSigned) {
   }
 }
 
-// More is written than the marks allow: the node is not read, writes are refused, and when the peer reads, all writes
-// complete in their order and the node goes on.
+// More is written than the marks allow: the node is not read, and writes are refused. When the peer reads, all writes
+// complete in order, and the node is read again.
 TEST_F(LoopTest, AQueueFillsAndDrains) {
   MqLoopLimits limits = mq_loop_limits();
   limits.highBytes = 300000, limits.lowBytes = 50000, limits.queueBytes = 1000000, limits.socketBytes = 4096;
@@ -215,7 +215,7 @@ TEST_F(LoopTest, AQueueFillsAndDrains) {
   ASSERT_TRUE(loop.Until([&] { return app.nodes.size() == 1; }));
   MqUvNode* const node = app.nodes[0];
   size_t written = 0;
-  // The system accepts a part of the first one.
+  // The system accepts a part of the first message.
   while (Write(node, std::string(written == 0 ? 500000 : 20000, 'x'), written + 1)) ++written;
   EXPECT_EQ(mq_uv_node(node)->error, MQ_WRITE_LIMIT);
   uint64_t queued = 0;
@@ -246,7 +246,7 @@ TEST_F(LoopTest, AQueueFillsAndDrains) {
   EXPECT_EQ(completed, expected);
 }
 
-// Every event in which a node, or all of them, are stopped: each node ends once, and each accepted write is told of.
+// One node or all are stopped in each event: each node ends once, and each accepted write is reported.
 TEST_F(LoopTest, StoppedInsideEveryEvent) {
   for (const std::string_view where : {"accept", "open", "message", "datagram", "drain", "written", "lost", "end"}) {
     for (const bool all : {false, true}) {
@@ -293,7 +293,7 @@ TEST_F(LoopTest, StoppedInsideEveryEvent) {
   }
 }
 
-// What a peer does while a node with a megabyte of queued messages ends, and what the end comes to.
+// What a peer does while a node with a megabyte of queued messages ends, and the outcome.
 TEST_F(LoopTest, EndsInOrder) {
   struct Row {
     const char *peer, *end;
@@ -340,7 +340,7 @@ TEST_F(LoopTest, EndsInOrder) {
   }
 }
 
-// Without a descriptor, or with all places taken, newcomers wait until a node has gone, or take its place.
+// With no descriptor or place left, new connections wait until a node has gone, or take its place.
 TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
   for (const bool descriptors : {true, false}) {
     for (const int kept : {-1, 0}) {
@@ -355,7 +355,7 @@ TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
       rlimit before{};
       getrlimit(RLIMIT_NOFILE, &before);
       if (descriptors) {
-        int next[4];  // the limit is the one behind the next three
+        int next[4];  // the fourth free descriptor becomes the limit
         for (int& fd : next) fd = dup(0);
         for (const int fd : next) close(fd);
         const rlimit few = {static_cast<rlim_t>(next[3]), before.rlim_max};
@@ -380,7 +380,7 @@ TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
   }
 }
 
-// The node that breaks each rule on time is closed after that time; an active node is not.
+// A node that breaks a rule on time is closed after the time of that rule; an active node is not closed.
 TEST_F(LoopTest, TimeOuts) {
   MqLoopLimits limits = mq_loop_limits();
   limits.firstMsec = 100, limits.midwayMsec = 200, limits.idleMsec = 400, limits.connectMsec = 100;
@@ -433,14 +433,14 @@ TEST_F(LoopTest, TimeOuts) {
   for (const Row& row : std::span(rows).first(5)) {
     ASSERT_FALSE(row.app.log.empty()) << row.peer;
     EXPECT_EQ(row.app.log.back(), row.end) << row.peer;
-    // The first of them began before the clock that is read here.
+    // The nodes' times began before start.
     EXPECT_GE(row.ended, row.msec - 60) << row.peer;
   }
   EXPECT_GT(rows[5].app.Count("message active"), 5u);
   EXPECT_EQ(rows[5].ended, 0);
 }
 
-// Each thread serves the other one and asks it.
+// Each of two threads serves the other one and asks it questions.
 TEST_F(LoopTest, LoopsInThreads) {
   constexpr size_t kQuestions = 300;
   std::atomic<int> ports[2] = {0, 0}, done{0};

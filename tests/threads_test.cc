@@ -1,5 +1,5 @@
-// threads_test.cc - nodes of one process used by different threads, one node by one thread at a time. Worth most under
-// the thread sanitizer: ./run test tsan.
+// threads_test.cc - nodes of one process in different threads, each node in one thread at a time. Most useful under the
+// thread sanitizer: ./run test tsan.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -34,7 +34,7 @@ constexpr int kRounds = 5;
 
 Address Local(int port) { return {"127.0.0.1", std::to_string(port)}; }
 
-// All nodes of the process are the login's, and sign with its key.
+// All nodes of the process belong to the login user, and sign with its key.
 struct User {
   User() : name(Node::connector(Local(9)).user()) { EXPECT_TRUE(mqc_generate_key(secret, open)); }
   Signer MakeSigner() const { return Signer::create(name.c_str(), secret); }
@@ -42,7 +42,7 @@ struct User {
   uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
 };
 
-// Writes message number over the node and reads it from the other, through the wait that finishes what was queued.
+// Writes message `number` to one node and reads it from the other, using the wait that finishes queued writes.
 void Exchange(NodeRef from, NodeRef to, Address* destination, int number, MqcSigner* signer) {
   const Message out = Message::create(), in = Message::create();
   const std::string value(destination != nullptr ? 5 : static_cast<size_t>(number % 7) * 5003, 'x');
@@ -61,7 +61,7 @@ void Exchange(NodeRef from, NodeRef to, Address* destination, int number, MqcSig
   EXPECT_EQ(in.text_or(1, "nothing"), value);
 }
 
-// The text of a failure is told to the thread that it happened to.
+// Each thread sees the text of its own failures only.
 void HearOnlyOwnFailures(int thread) {
   const auto number = static_cast<uint32_t>(1000 + thread);
   const Message msg = Message::create();
@@ -77,9 +77,9 @@ void HearOnlyOwnFailures(int thread) {
   }
 }
 
-// Nodes of every kind, made, used and deleted by one thread; half of the messages go through another one.
+// One thread creates, uses and deletes nodes of every kind. Half of the messages go through a node of another thread.
 void LiveAlone(int thread, const User& user, std::barrier<>* start) {
-  // A message of the other byte order and character set: the first of its kind in the process.
+  // A message in the other byte order and character set, the first of its kind in the process.
   const sender::Form form = {true, true};
   const std::string foreign = sender::Plain(form, sender::Body(form, "foreign"));
   const auto size = static_cast<uint32_t>(foreign.size());
@@ -97,7 +97,7 @@ void LiveAlone(int thread, const User& user, std::barrier<>* start) {
     Node child;
     ASSERT_TRUE(client.open() && listener.accept(child));
     ASSERT_TRUE(client.set_blocking(false) && child.set_blocking(false));
-    ASSERT_TRUE(round != 0 || client.set_buffer_size(4096));  // full before a message is through
+    ASSERT_TRUE(round != 0 || client.set_buffer_size(4096));  // fills before a message is complete
     const Node one = Node::datagram(Local(0)), other = Node::datagram(Local(0));
     Address destination = Local(other.local_port());
     const auto talk = [&](MqcSigner* how) {
@@ -117,7 +117,7 @@ std::atomic<int> traced;
 
 class ThreadsTest : public testing::Test {
  protected:
-  // What belongs to the process is set before its threads begin.
+  // Sets process-wide state before the threads start.
   ThreadsTest() {
     signal(SIGPIPE, SIG_IGN);
     unsetenv("TEVRA_HOME");
@@ -129,7 +129,7 @@ class ThreadsTest : public testing::Test {
   const User user_;
 };
 
-// The first call of each kind is made by all threads at once; what serves the whole process may be used by any thread.
+// All threads make the first call of each kind at once, and share what is process-wide.
 TEST_F(ThreadsTest, EachWithItsOwnNodes) {
   std::barrier start(kThreads + 1);
   std::atomic<bool> done{false};
@@ -150,12 +150,12 @@ TEST_F(ThreadsTest, EachWithItsOwnNodes) {
   EXPECT_GT(traced, kThreads * kRounds * 100);
 }
 
-// One name at more addresses than are kept, so that most are looked up under the lock. It is not in the function that
-// uses it: a child might find another thread's first call of that in progress.
+// One tag at more addresses than are cached, so that most lookups take the lock. Not a local static: in a child,
+// another thread's initialisation of it might still be in progress.
 const std::string names(1000, 't');
 std::atomic<uint32_t> next_name;
 
-// Takes the locks that are in use at any time, and does little else: a fork is to meet them taken.
+// Takes the locks that are in use at any time, and does little else, so that a fork finds them taken.
 bool UseCompanion(const User& user) {
   void* block = nullptr;
   const bool allocated = fNewMemory(&block, 1500, names.c_str() + next_name++ % 900);
@@ -163,7 +163,7 @@ bool UseCompanion(const User& user) {
   return allocated && mqc_ring_add(user.name.c_str(), user.open, nullptr, 0) && mqc_set_replay_limit(262144);
 }
 
-// A child has one thread, and the locks as they were at the fork: none may be left taken.
+// A child has one thread, and the locks as they were at the fork: none may remain taken.
 TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the address sanitizer's malloc leaves its own locks taken in a child";
@@ -177,7 +177,7 @@ TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
   for (int i = 0; i < 60 && !HasFailure(); ++i) {
     const pid_t child = fork();
     if (child == 0) {
-      alarm(10);  // one that hangs is ended
+      alarm(10);  // kills a child that hangs
       _exit(UseCompanion(user_) ? 0 : 1);
     }
     int status = -1;

@@ -11,19 +11,19 @@
 //   }
 //
 // Conventions
-//   Results        operations end with a Result of mqnode.hpp and throw nothing of their own. Memory: as with any
-//                  coroutine, std::bad_alloc
-//   Cancellation   by Asio's means: cancellation slots, awaitable_operators, within. A cancelled operation ends with
-//                  ECANCELED and loses nothing: a message that has arrived in part is read on by the next read, a
-//                  message whose write was cancelled stays queued and leaves with the next write, read, flush or finish
-//   Time           nothing here has a time limit of its own: put within() around an operation
-//   Order          one coroutine reads a node at a time. Several may write to a stream, one to a datagram node;
-//                  messages leave in the order of the writes. A node may be closed or destroyed while operations wait
-//                  for it: they end with ECANCELED
+//   Results        operations return a Result of mqnode.hpp and throw no exceptions of their own. As in any coroutine,
+//                  std::bad_alloc is possible
+//   Cancellation   with cancellation slots, awaitable_operators or within(). A cancelled operation returns ECANCELED
+//                  and loses nothing: a partly received message is continued by the next read, and a message whose
+//                  write was cancelled remains queued and is sent by the next write, read, flush or finish
+//   Time           operations have no time limit of their own: use within()
+//   Order          one coroutine may read a node at a time. Several coroutines may write to a stream node, one to a
+//                  datagram node; messages are sent in the order of the writes. A node may be closed or destroyed while
+//                  operations wait for it: they return ECANCELED
 //   Fairness       a node reads at most messagesPerTurn messages, and a listener accepts at most acceptsPerTurn
 //                  connections, before the other nodes of the loop have their turn
-//   Threads        an executor runs in one thread, or is a strand; a node is used from there only
-//   SIGPIPE        is the application's: ignore it
+//   Threads        the executor must run in one thread or be a strand; use a node only from its executor
+//   SIGPIPE        must be ignored by the application
 //
 // Asio 1.22 or later, without Boost (asio.hpp); link mqnode::asio.
 #ifndef MQNODE_MQNODE_ASIO_HPP
@@ -58,24 +58,24 @@ class AsyncNode;
 
 namespace detail {
 
-constexpr std::chrono::milliseconds kAcceptPause{50};  // while no connection can be had
-constexpr std::chrono::milliseconds kNoPause{0};       // but the other nodes have a turn
-constexpr std::chrono::milliseconds kAway{500};        // a timer that is so late shows that the loop did not run
-constexpr std::chrono::milliseconds kCatchUp{100};     // for what has arrived meanwhile, or is just arriving
+constexpr std::chrono::milliseconds kAcceptPause{50};  // before the next attempt, while no connection can be accepted
+constexpr std::chrono::milliseconds kNoPause{0};       // but lets the other nodes have their turn
+constexpr std::chrono::milliseconds kAway{500};        // a timer that expires this late shows that the loop did not run
+constexpr std::chrono::milliseconds kCatchUp{100};     // time to process what has arrived meanwhile
 
 struct AsyncState;
 
-// What a listener and the nodes that it has accepted share.
+// Data shared by a listener and the nodes that it has accepted.
 struct AsyncCommon {
   // The accepted node that gives way to a new connection, or null.
   AsyncState* choose() const noexcept;
 
   MqLoopLimits limits;
-  std::unordered_set<AsyncState*> accepted = {};          // that are not closed
-  std::unordered_map<std::uint32_t, int> addresses = {};  // how many of them each address has
+  std::unordered_set<AsyncState*> accepted = {};          // accepted nodes that are not closed
+  std::unordered_map<std::uint32_t, int> addresses = {};  // number of accepted nodes of each address
 };
 
-// A node and what waits for it. Operations hold it, so that it outlives its AsyncNode while they end.
+// A node and its descriptor in the loop. Operations share ownership, so that it outlives its AsyncNode until they end.
 struct AsyncState {
   using Wait = asio::posix::stream_descriptor::wait_type;
 
@@ -111,7 +111,7 @@ struct AsyncState {
     step.accepted = 1;
   }
 
-  // Waits until the node is ready; the code says whether it is, unless the node was closed meanwhile.
+  // Waits until the node is ready; code is set if the wait failed. The node may have been closed meanwhile.
   asio::awaitable<void> wait(Wait type, asio::error_code& code) {
     mq_step_progress(&step, mq_clock());
     if (!descriptor.is_open()) descriptor.assign(node.descriptor(), code);
@@ -129,7 +129,7 @@ struct AsyncState {
     const bool cancelled = step.phase == MQ_STEP_CLOSED || code == asio::error::operation_aborted;
     return {0, gave_way ? ECONNABORTED : cancelled ? ECANCELED : code.value(), MQ_IN_SOCKET};
   }
-  // The rest of a message that was lost would be taken for the next one.
+  // Closes the node after a part of a message was lost: the peer would take the next message for the rest of it.
   Result broken() noexcept {
     close();
     return failed();
@@ -170,7 +170,7 @@ inline asio::awaitable<Result> async_open(AsyncShared own) {
   }
 }
 
-// Waits for what the node wants next. Of two, the first counts.
+// Waits for the readiness that the node requires next; if it requires both, for either.
 inline asio::awaitable<void> async_wait(AsyncShared own, asio::error_code& code) {
   using namespace asio::experimental::awaitable_operators;
   const int wants = mq_step_wants(&own->step);
@@ -272,17 +272,18 @@ inline asio::awaitable<void> async_keep(asio::awaitable<Result> operation, Resul
 
 }  // namespace detail
 
-// AsyncNode - a node that it owns, for coroutines. It is moved and never copied; destroying it closes the node at once:
-// finish() first if the last messages must arrive.
+// AsyncNode - owns a node, for coroutines. It can be moved, but not copied. Its destructor closes the node immediately:
+// call finish() before if the last messages must arrive.
 class AsyncNode {
  public:
   enum class Framing { kPlain, kSigned };
 
-  // An empty one, for accept().
+  // Creates an empty AsyncNode, for accept().
   AsyncNode() noexcept = default;
-  // Takes a node of a creator, which becomes non-blocking. status() says whether it can be used.
-  //   framing   what read() takes: plain or signed messages
-  //   limits    of this node; those of a listener apply to what it accepts too. Of its times, only keptMsec is used
+  // Takes ownership of a node from a creator, and makes it non-blocking. status() tells whether it can be used.
+  //   framing   messages that read() accepts: plain or signed
+  //   limits    limits of this node; those of a listener also apply to the nodes that it accepts. Of its time
+  //             limits, only keptMsec is used
   AsyncNode(const asio::any_io_executor& executor, Node node, Framing framing = Framing::kPlain,
             const MqLoopLimits& limits = mq_loop_limits())
       : state_(
@@ -297,42 +298,44 @@ class AsyncNode {
   ~AsyncNode() { close(); }
 
   explicit operator bool() const noexcept { return state_ != nullptr; }
-  // Whether the node was created and could be taken in. Empty ones: ENOMEM.
+  // Whether the node was created and can be used. ENOMEM if this AsyncNode is empty.
   Result status() const noexcept {
     if (state_ == nullptr) return {0, ENOMEM, MQ_IN_SOCKET};
     return state_->begun || !state_->node || state_->node.failed() ? state_->node.status() : state_->failed();
   }
-  // The node. Read and write by the operations below, not through it.
+  // The node. Use the operations below to read and write, not this reference.
   NodeRef node() const noexcept { return state_->node; }
   asio::any_io_executor get_executor() const { return state_->descriptor.get_executor(); }
-  // Whether a message has arrived in part.
+  // Whether a part of a message has arrived.
   bool is_in_message() const noexcept { return mq_step_is_cut(&state_->step) != 0; }
   // Why the node ends after a read or write with this result, as text for a log; null if the peer left between two
   // messages.
   const char* why(const Result& result) const noexcept { return mq_step_why(&state_->step, result.cause()); }
 
-  // Each of the following requires that status() was a success.
+  // The following operations require that status() is a success.
 
   // Connects. A host name is looked up first, which blocks the loop.
   asio::awaitable<Result> open() const { return detail::async_open(state_); }
 
-  // Waits for a connection of a listener and makes it child, in the loop, with the framing and the limits of the
-  // listener. When there are as many as limits.nodes, or no descriptor is left, it takes the place of another node, as
-  // documented for limits.keptMsec: that one is closed, and its operations end with ECONNABORTED. If no node has to
-  // leave, or there is no memory, connections wait. The result has the code of what was lacking, such as EMFILE.
+  // Waits for a connection on a listener and moves it to child, with the framing and the limits of the listener. While
+  // limits.nodes nodes are open, or no descriptor is left, a new connection takes the place of another node, as
+  // documented for limits.keptMsec: that node is closed, and its operations return ECONNABORTED. If no node has to
+  // leave, or there is no memory, connections wait. The result may be true with a code, such as EMFILE: connections had
+  // to wait.
   asio::awaitable<Result> accept(AsyncNode& child) const { return detail::async_accept(state_, child); }
 
-  // Waits until there is something to read: the begin or the rest of a message, a datagram, or the end of a connection.
-  // A server can so allow a long silence between two messages, and a short time for each: within(10min, readable()),
-  // then within(10s, read(msg)). It needs no message record for silent clients.
+  // Waits until there is something to read: a part of a message, a datagram, or the end of a connection. A server can
+  // allow a long silence between two messages but little time for each message: within(10min, readable()), then
+  // within(10s, read(msg)). A silent client then needs no message record.
   asio::awaitable<Result> readable() const { return detail::async_readable(state_); }
 
-  // Reads one message. False with EMSGSIZE for one that is longer than limits.messageBytes, with peer_gone() at the end
-  // of a connection. Of a datagram node, false also for a datagram that was not a message: go on reading.
+  // Reads one message. False with EMSGSIZE if it is longer than limits.messageBytes, and with peer_gone() at the end of
+  // a connection. On a datagram node, also false for a datagram that was not a message: read again.
   asio::awaitable<Result> read(MessageRef msg) const { return detail::async_read(state_, msg); }
 
-  // Writes one message and waits until the system has taken it. False with -1111 while more than limits.queueBytes are
-  // queued. A stream node that has lost a part of a message is closed. msg, and to, live until the operation starts.
+  // Writes one message and waits until the system has accepted it. False with -1111 while more than limits.queueBytes
+  // are queued. A stream node that has lost a part of a message is closed. msg and to must live until the operation has
+  // started.
   asio::awaitable<Result> write(MessageRef msg) const { return detail::async_write(state_, mnWrite, msg); }
   asio::awaitable<Result> write_to(MessageRef msg, SockAddrRec& to) const {
     return detail::async_write(state_, mnWriteTo, msg, &to);
@@ -344,14 +347,14 @@ class AsyncNode {
     return detail::async_write(state_, mnSWriteTo, msg, &to, 1, static_cast<void*>(signer.get()));
   }
 
-  // Waits until nothing is queued, as after a write that was cancelled.
+  // Waits until nothing is queued, for example after a write was cancelled.
   asio::awaitable<Result> flush() const { return detail::async_flush(state_, state_->step.taken); }
 
-  // As mq_finish: sends what is queued, shuts the sending side down, and waits until the peer has received everything
-  // and closed. Only closing may follow.
+  // As mq_finish: sends the queued messages, shuts down the sending side, and waits until the peer has received
+  // everything and closed the connection. Only close() may follow.
   asio::awaitable<Result> finish() const { return detail::async_finish(state_); }
 
-  // Closes the node at once; what is queued is discarded. Nothing happens the second time.
+  // Closes the node immediately and discards queued messages. A second call has no effect.
   void close() noexcept {
     if (state_ != nullptr) state_->close();
   }
@@ -366,7 +369,7 @@ class AsyncNode {
 
 namespace detail {
 
-// Makes child the node that was accepted.
+// Returns the state of an accepted node, or null if it cannot be used.
 inline AsyncShared async_adopt(AsyncState& listener, MQNode* accepted) {
   AsyncShared child = std::make_shared<AsyncState>(listener.descriptor.get_executor(), Node(accepted),
                                                    listener.step.secure != 0, listener.common);
@@ -420,8 +423,8 @@ inline asio::awaitable<void> async_expire(asio::steady_timer& timer, asio::error
 
 }  // namespace detail
 
-// within - an operation with a time limit: after that it is cancelled, and the result is false with timed_out(). If the
-// loop did not run when the time was over, the operation has another 100 ms: its peer may be innocent.
+// within - perform an operation with a time limit. After that it is cancelled; the result is false with timed_out(). If
+// the loop did not run when the time expired, the operation has another 100 ms: the peer may not be at fault.
 //   if (const Result read = co_await within(10s, node.read(msg)); read.timed_out()) ...
 inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::awaitable<Result> operation) {
   using namespace asio::experimental::awaitable_operators;
@@ -429,7 +432,7 @@ inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::a
   asio::error_code code;
   Result result(0, ECANCELED, MQ_IN_SOCKET);
   co_await (detail::async_keep(std::move(operation), result) || detail::async_expire(timer, code));
-  // The operation may have ended at the same moment: its result counts.
+  // If the operation ended at the same moment, its own result is returned.
   const bool expired = !result && result.code() == ECANCELED && !code;
   co_return expired ? Result(0, SOCK_WAIT_TIMEOUT, MQ_IN_STATUS) : result;
 }
