@@ -251,8 +251,8 @@ int mqc_sealed(const PcfMessage* msg) { return msg->library0 == kWasSealed; }
 
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
-// Logs a few lines, however long the message is: the error, the header and the first bytes of the body. Nothing that was
-// encrypted is logged.
+// Logs a few lines, however long the message is: the error, the header and the first bytes of the body. Of a sealed
+// message, nothing that was encrypted is logged.
 int DumpPcfMessage(PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   const char* why = mqc_sealed(msg)                   ? "sealed"

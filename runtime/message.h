@@ -126,8 +126,8 @@ MQ_RUNTIME int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out);
 /* mqc_authenticate - check that signedPart has a valid signature for the envelope.
  *   envelope    in      in native form
  *   signedPart  in      the bytes after the envelope: data and length
- *   msg         in/out  the record with the envelope and these bytes, not converted yet. If they are encrypted, they are
- *                       decrypted in the record
+ *   msg         in/out  the record with the envelope and these bytes, not converted yet. Encrypted bytes are decrypted
+ *                       in the record
  * Result  nonzero if the signature is valid, else 0 */
 MQ_RUNTIME int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* msg);
 
