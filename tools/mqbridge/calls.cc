@@ -12,6 +12,7 @@ namespace {
 
 constexpr int64_t kRepeatMsec = 2000;
 constexpr int64_t kBusyMsec = 250;
+constexpr int kMostUnsent = 1 << 20;
 constexpr size_t kLongestError = 1000;  // bytes of an answer that is searched for an error
 
 // An error of the cluster that goes away by itself: its code is 503.
@@ -58,6 +59,7 @@ void Calls::Publish(uint64_t id, Call& call) {
     call.why = "the cluster is away";
     return;
   }
+  if (call.published && bus_.buffered() > kMostUnsent) return;  // the socket is full: the first copy may be in front
   const natsStatus status = bus_.Publish(call.msg.get());
   if (status == NATS_OK) {
     if (call.published) ++report_[Count::kResent];

@@ -11,6 +11,7 @@
 
 #include "body.hh"
 #include "fmt/format.h"
+#include "mqcat/address.hh"
 #include "mqcat/failure.hh"
 #include "mqcat/message.hh"
 #include "mqcat/number.hh"
@@ -52,6 +53,7 @@ class Outlet : public Side {
       : options_(options),
         form_(FormOf(options.body)),
         place_(PlaceOf(options.place)),
+        peer_(mqcat::AddressText(place_)),
         session_(options, LimitsOf(options)),
         message_(mqcat::NewMessage()) {
     if (!options.durable.empty()) {
@@ -84,7 +86,7 @@ class Outlet : public Side {
     if (node_ == nullptr && session_.is_running() && now >= next_connect_) ConnectPeer();
     if (!sent_.empty() && now >= sent_.front().deadline) {
       sent_.front().last_error = fmt::format("no answer within {} s", options_.timeout);
-      report.Event("no answer", {{"peer", options_.place}, {"within", options_.timeout}});
+      report.Event("no answer", {{"peer", peer_}, {"within", options_.timeout}});
       Drop();
     }
     if (!puller_) return;
@@ -125,7 +127,7 @@ class Outlet : public Side {
   void OnOpen() {
     is_open_ = true;
     session_.report()[Count::kPeerUp] = 1;
-    session_.report().Event("peer connected", {{"peer", options_.place}});
+    session_.report().Event("peer connected", {{"peer", peer_}});
     Send();
     Fetch(mq_clock());
   }
@@ -158,13 +160,13 @@ class Outlet : public Side {
     }
     sent_.clear();
     if (!session_.is_running()) return;
-    if (was_open) session_.report().Event("peer lost", {{"peer", options_.place}, {"because", text}});
+    if (was_open) session_.report().Event("peer lost", {{"peer", peer_}, {"because", text}});
     was_open ? PauseConnecting() : PeerFailed(text);
   }
 
   void PeerFailed(const std::string& why) {
     if (pause_ == kFirstPauseMsec) {
-      session_.report().Event("cannot reach the peer", {{"peer", options_.place}, {"because", why}});
+      session_.report().Event("cannot reach the peer", {{"peer", peer_}, {"because", why}});
     }
     PauseConnecting();
   }
@@ -308,6 +310,7 @@ class Outlet : public Side {
   const OutOptions& options_;
   Form form_;
   SockAddrRec place_;
+  std::string peer_;  // its address
   Session session_;
   mqcat::MessagePtr message_;
   std::optional<Puller> puller_;  // with --durable
