@@ -2,9 +2,12 @@
 """bridge_test.py BUILD_DIR TEST ... - mqbridge between real nodes and real nats-servers, which die in the middle.
 
 Messages are numbered: what a client was answered for is counted in the cluster.
-TEST: requests, signed, delivered, refused, away; with a cluster of three: storing, working.
+TEST: requests, signed, delivered, refused, secured, away; with a cluster of three: storing, working.
 """
+import base64
+import binascii
 import collections
+import ctypes
 import itertools
 import json
 import os
@@ -15,6 +18,7 @@ import subprocess
 import sys
 import threading
 import time
+import urllib.request
 
 if len(sys.argv) < 3:
     sys.exit(__doc__)
@@ -28,7 +32,8 @@ from cluster import (BIN, ERROR, NO_RESPONDER, STORED, TIME_OVER, WORK, Bridge, 
 
 def requests(server):
     """Answers in order; no responder, time over and errors; names of users that are not words; the drain."""
-    bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--timeout", "1", event="listening")
+    bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--timeout", "1", "--metrics", 0,
+                    event="listening")
     node = Node(bridge.port, "a.b >*")
     assert node.ask(1, "x") == (NO_RESPONDER, {1: "nobody answers on this subject", 2: "mq.a%2Eb%20%3E%2A.1"})
     one = worker(server, "one")
@@ -40,6 +45,8 @@ def requests(server):
         assert node.receive() == (2, {1: str(i), 2: "one"})
         if i % 50 == 0:
             assert node.receive() == (ERROR, {1: "a question has a text, parameter 1", 2: "mq.a%2Eb%20%3E%2A.1"})
+    with urllib.request.urlopen(f"http://127.0.0.1:{bridge.find('metrics')['port']}/metrics") as counters:
+        assert b"\nmqbridge_answers_total 200\n" in counters.read()
     nats = Nats(server.port)
     nats.subscribe("mq.*.7")
     node.send(7, "in time")
@@ -170,19 +177,107 @@ def delivered(server):
     third.end()
 
 
-def refused(server):
+def refuses(rows):
     """One line and an exit code for what cannot be."""
+    for code, text, *arguments in rows:
+        done = subprocess.run([f"{BIN}/mqbridge", *arguments], stderr=subprocess.PIPE, text=True, timeout=20)
+        lines = done.stderr.splitlines()
+        assert len(lines) == 1 or "connected" in lines[0], (arguments, done)
+        assert done.returncode == code and text in lines[-1] and lines[-1].startswith("mqbridge: "), (arguments, done)
+
+
+def refused(server):
+    """What is wrong with the command line, and the places and files that it names."""
     with socket.create_server(("127.0.0.1", 0)) as taken:
         place = f"127.0.0.1:{taken.getsockname()[1]}"
         rows = [(2, "SUBJECT", "out"), (2, "fixed word", "in", "127.0.0.1:0", "--subject", "{user}.x"),
                 (2, "none of", "in", "127.0.0.1:0", "--subject", "mq.{name}"), (2, "HOST:PORT", "in", "5000"),
-                (2, "come back", "out", "dead.>", "127.0.0.1:1", "--durable", "x"),
+                (2, "no server", "in", "127.0.0.1:0", "--server", ","), (2, "come back", "out", "dead.>", "127.0.0.1:1", "--durable", "x"),
                 (4, "EADDRINUSE", "in", place, "--server", server.url),
                 (7, "nothing", "in", "127.0.0.1:0", "--ring", "nothing", "--sign", "nothing")]
-        for code, text, *arguments in rows:
-            done = subprocess.run([f"{BIN}/mqbridge", *arguments], stderr=subprocess.PIPE, text=True, timeout=20)
-            last = done.stderr.splitlines()[-1]
-            assert done.returncode == code and text in last and last.startswith("mqbridge: "), (arguments, done)
+        refuses(rows)
+
+
+class Key:
+    """An NKey, with the texts of NATS. kind: its first letter."""
+
+    def __init__(self, kind):
+        number, seed = (ord(kind) - ord("A")) << 3, os.urandom(32)
+        public, self.secret = ctypes.create_string_buffer(32), ctypes.create_string_buffer(64)
+        SODIUM.crypto_sign_seed_keypair(public, self.secret, seed)
+        self.public = self.text(bytes([number]) + public.raw)
+        self.seed = self.text(bytes([18 << 3 | number >> 5, number << 3 & 255]) + seed)
+
+    @staticmethod
+    def text(data):
+        return base64.b32encode(data + binascii.crc_hqx(data, 0).to_bytes(2, "little")).decode().rstrip("=")
+
+    def issue(self, subject, **claims):
+        """A signed token."""
+        def encode(data):
+            return base64.urlsafe_b64encode(data).rstrip(b"=")
+        parts = [{"typ": "JWT", "alg": "ed25519-nkey"}, {"jti": "1", "iat": 1, "iss": self.public, "sub": subject,
+                                                        "nats": claims | {"version": 2}}]
+        text, signature = b".".join(encode(json.dumps(part).encode()) for part in parts), ctypes.create_string_buffer(64)
+        SODIUM.crypto_sign_detached(signature, None, text, ctypes.c_ulonglong(len(text)), self.secret)
+        return (text + b"." + encode(signature.raw)).decode()
+
+
+def make(name, text):
+    with open(f"{WORK}/{name}", "w") as file:
+        file.write(text)
+    return file.name
+
+
+def make_server(name, config):
+    return Server(name, free_ports(1)[0], ("-c", make(name + ".conf", config)))
+
+
+def make_credentials(account, name):
+    user, limits = Key("U"), {"subs": -1, "data": -1, "payload": -1}
+    return make(name, f"""-----BEGIN NATS USER JWT-----
+{account.issue(user.public, type="user", **limits)}
+------END NATS USER JWT------
+-----BEGIN USER NKEY SEED-----
+{user.seed}
+------END USER NKEY SEED------
+""")
+
+
+def secured(_):
+    """TLS, and each way to say who the bridge is; the cluster, or who it says it is, refused."""
+    for name in ("server", "stranger"):
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=test", "-addext",
+                        "subjectAltName=IP:127.0.0.1", "-keyout", f"{WORK}/{name}.key", "-out", f"{WORK}/{name}.pem"],
+                       check=True, stderr=subprocess.DEVNULL)
+    user, operator, account = Key("U"), Key("O"), Key("A")
+    one = make_server("tls", f"""tls {{ cert_file: "{WORK}/server.pem", key_file: "{WORK}/server.key" }}
+        authorization {{ users: [ {{ nkey: {user.public} }}, {{ user: anna, password: secret }} ] }}""")
+    limits = {key: -1 for key in ("subs", "data", "payload", "imports", "exports", "conn", "leaf")}
+    two = make_server("tokens", f"""operator: {operator.issue(operator.public, type="operator")}
+        system_account: {account.public}
+        resolver: MEMORY
+        resolver_preload: {{ {account.public}: {operator.issue(account.public, type="account", limits=limits)} }}""")
+    os.environ["MQBRIDGE_PASSWORD"] = "secret"
+    tls, begin = ("--server", one.url, "--tls-ca", f"{WORK}/server.pem"), ("in", "127.0.0.1:0")
+    nkey = ("--nkey", user.public, "--nkey-seed", make("seed", user.seed))
+    tokens = ("--server", two.url, "--creds")
+    good, bad = make_credentials(account, "good"), make_credentials(Key("A"), "bad")
+    peer = Peer()
+    for inward, outward in (((*tls, *nkey), (*tls, "--nats-user", "anna")), ((*tokens, good), (*tokens, good))):
+        out = Bridge("out", "mq.>", "127.0.0.1", peer.port, "--queue", "q", *outward, event="peer connected")
+        bridge = Bridge(*begin, *inward, event="listening")
+        node = Node(bridge.port)
+        until("an answer", lambda: node.ask(1, "first") == (1, {1: "first"}))
+        for text in ("x", "x" * 1000, "x" * 100000):
+            for _ in range(8):
+                node.send(1, text)
+            assert [node.receive() for _ in range(8)] == [(1, {1: text})] * 8
+        bridge.end()
+        out.end()
+    refuses([(4, "self-signed", *begin, "--server", one.url, "--tls-ca", f"{WORK}/stranger.pem", *nkey),
+             (4, "no nkey user seed", *begin, *tls, "--creds", f"{WORK}/server.pem"), (4, "Authorization", *begin, *tls, "--nats-user", "bert"),
+             (4, "Authorization", *begin, *tokens, bad), (2, "No such file", *begin, *tokens, "nothing")])
 
 
 # ---- A cluster of three ----
@@ -271,7 +366,8 @@ def working(servers):
     bridge.end()
 
 
-SINGLE = (requests, signed, delivered, refused, away)
+SODIUM = ctypes.CDLL("libsodium.so.23")
+SINGLE = (requests, signed, delivered, refused, secured, away)
 CLUSTER = (storing, working)
 
 
