@@ -4,13 +4,14 @@ two bridges, three workers, many clients, and one of the servers is killed in th
 
 With --soak, something is killed every few seconds and started again: a server, a bridge or a worker. Other clients then
 store numbered messages in a stream with three replicas, which are counted at the end.
-Exit code: 0 every message was answered and, if stored, is there; 1 not so.
+Exit code: 0 every message was answered and, if stored, is there; 1 not so; after Ctrl-C 130, with the results so far.
 """
 import argparse
 import collections
 import itertools
 import os
 import random
+import signal
 import sys
 import threading
 import time
@@ -145,18 +146,26 @@ def main():
     clients = world.make_clients()
     for client in clients:
         client.start()
-    world.stir()
+    code = 0
+    try:
+        world.stir()
+    except SystemExit as interrupt:
+        code = interrupt.code
     for client in clients:
         client.stop = True
     for client in clients:
         client.join(30)
     good = report(world, clients)
     print("nothing is lost" if good else "SOMETHING IS LOST")
-    return 0 if good else 1
+    return code or int(not good)
 
 
+for number in (signal.SIGINT, signal.SIGTERM):
+    signal.signal(number, lambda caught, _: sys.exit(128 + caught))
 try:
     code = main()
+except AssertionError as failure:
+    code = f"run: {failure}"
 finally:
     finish()
 sys.exit(code)

@@ -3,7 +3,6 @@
 Servers get free ports of 127.0.0.1 and a temporary directory; finish() ends all that was started, by process id. Nodes
 and the NATS protocol are spoken here by plain sockets.
 """
-import base64
 import itertools
 import json
 import os
@@ -20,6 +19,7 @@ import time
 BIN = os.path.join(os.path.abspath(sys.argv[1]), "bin")
 WORK = tempfile.mkdtemp(prefix="mqbridge-test-")
 STORED, NO_RESPONDER, TIME_OVER, ERROR = range(0xFFFF0001, 0xFFFF0005)
+os.environ["PATH"] += ":/usr/sbin"  # nats-server is there
 started = []
 
 
@@ -42,7 +42,8 @@ def until(what, check, seconds=20):
 
 
 def start(*command):
-    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                               start_new_session=True)  # Ctrl-C is for the script alone
     started.append(process)
     return process
 
@@ -141,7 +142,7 @@ class Nats:
                 data = self.file.read(int(words[-1]) + 2)[:-2]
                 split = int(words[-2]) if words[0] == "HMSG" else 0
                 fields = 4 if words[0] == "MSG" else 5
-                return words[1], words[3] if len(words) > fields else "", data[:split].decode(), data[split:].decode()
+                return words[1], words[3] if len(words) > fields else "", data[:split].decode(), data[split:].decode("latin-1")
 
     def call(self, subject, body=""):
         reply = f"_T.{next(self.numbers)}"
@@ -153,10 +154,13 @@ class Nats:
 
     def messages(self, stream):
         """All messages of a stream: headers and body."""
+        consumer = self.call(f"$JS.API.CONSUMER.CREATE.{stream}", {"stream_name": stream, "config": {
+            "ack_policy": "none", "deliver_policy": "all", "replay_policy": "instant"}})
         found = []
-        for sequence in range(1, self.call(f"$JS.API.STREAM.INFO.{stream}")["state"]["last_seq"] + 1):
-            message = self.call(f"$JS.API.STREAM.MSG.GET.{stream}", {"seq": sequence})["message"]
-            found.append([base64.b64decode(message.get(key, "")).decode("latin-1") for key in ("hdrs", "data")])
+        while left := consumer["num_pending"] - len(found):
+            batch = min(left, 1000)
+            self.publish(f"$JS.API.CONSUMER.MSG.NEXT.{stream}.{consumer['name']}", str(batch), "_T.messages")
+            found += [self.next()[2:] for _ in range(batch)]
         return found
 
 
