@@ -158,7 +158,7 @@ class Nats:
             "ack_policy": "none", "deliver_policy": "all", "replay_policy": "instant"}})
         found = []
         while left := consumer["num_pending"] - len(found):
-            batch = min(left, 1000)
+            batch = min(left, 100)
             self.publish(f"$JS.API.CONSUMER.MSG.NEXT.{stream}.{consumer['name']}", str(batch), "_T.messages")
             found += [self.next()[2:] for _ in range(batch)]
         return found

@@ -59,7 +59,6 @@ void Calls::Publish(uint64_t id, Call& call) {
     call.why = "the cluster is away";
     return;
   }
-  if (call.published && bus_.buffered() > kMostUnsent) return;  // the socket is full: the first copy may be in front
   const natsStatus status = bus_.Publish(call.msg.get());
   if (status == NATS_OK) {
     if (call.published) ++report_[Count::kResent];
@@ -89,6 +88,8 @@ void Calls::Tick(int64_t now) {
     Call& call = place->second;
     if (now >= call.deadline) {
       Finish(place, call.outcome, nullptr, std::string(call.why));
+    } else if (call.published && bus_.buffered() > kMostUnsent) {
+      LookAgain(place->first, call, now + kRepeatMsec);  // the socket is full, and the first copy may be in front of it
     } else {
       Publish(place->first, call);
     }
