@@ -17,8 +17,8 @@ import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "support"))
-from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, is_possible, make_cluster,  # noqa: E402
-                     make_stream, worker)
+from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, make_cluster,  # noqa: E402
+                     make_stream, missing, worker)
 
 
 class Client(threading.Thread):
@@ -139,8 +139,8 @@ def main():
     parser.add_argument("--seconds", type=float, default=8, help="length of the demonstration (8)")
     parser.add_argument("--soak", type=float, metavar="SECONDS", help="kill and start again for so long")
     options = parser.parse_args()
-    if not is_possible():
-        sys.exit("nats-server or mqbridge is missing")
+    if missing():
+        sys.exit("run: no " + missing())
     print("three nats-servers, three workers, two bridges" + (" of each mode" if options.soak else ""), flush=True)
     world = World(options)
     clients = world.make_clients()

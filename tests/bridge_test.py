@@ -24,7 +24,7 @@ if len(sys.argv) < 3:
     sys.exit(__doc__)
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "support"))
 from cluster import (BIN, ERROR, NO_RESPONDER, STORED, TIME_OVER, WORK, Bridge, Nats, Node, Server, finish,  # noqa: E402
-                     free_ports, is_possible, make_cluster, make_stream, until, worker)
+                     free_ports, make_cluster, make_stream, missing, until, worker)
 
 
 # ---- One server ----
@@ -381,8 +381,8 @@ def main(names):
             print(f"{test.__name__}: {time.monotonic() - begin:.1f} s", flush=True)
 
 
-if not is_possible():
-    print("skipped: no nats-server, or mqbridge was not built")
+if missing():
+    print("skipped: no", missing())
     sys.exit(77)
 try:
     main(sys.argv[2:])

@@ -215,8 +215,11 @@ def worker(server, *arguments):
     return process
 
 
-def is_possible():
-    return shutil.which("nats-server") and os.path.exists(f"{BIN}/mqbridge")
+def missing():
+    """What is not there of what all this needs."""
+    if not os.path.exists(f"{BIN}/mqbridge"):
+        return "mqbridge: without libuv and libnats it is not built"
+    return "" if shutil.which("nats-server") else "nats-server"
 
 
 def finish():
