@@ -3,6 +3,7 @@
 Servers get free ports of 127.0.0.1 and a temporary directory; finish() ends all that was started, by process id. Nodes
 and the NATS protocol are spoken here by plain sockets.
 """
+import base64
 import itertools
 import json
 import os
@@ -142,7 +143,7 @@ class Nats:
                 data = self.file.read(int(words[-1]) + 2)[:-2]
                 split = int(words[-2]) if words[0] == "HMSG" else 0
                 fields = 4 if words[0] == "MSG" else 5
-                return words[1], words[3] if len(words) > fields else "", data[:split].decode(), data[split:].decode("latin-1")
+                return words[1], words[3] if len(words) > fields else "", data[:split].decode(), data[split:].decode()
 
     def call(self, subject, body=""):
         reply = f"_T.{next(self.numbers)}"
@@ -154,13 +155,14 @@ class Nats:
 
     def messages(self, stream):
         """All messages of a stream: headers and body."""
-        consumer = self.call(f"$JS.API.CONSUMER.CREATE.{stream}", {"stream_name": stream, "config": {
-            "ack_policy": "none", "deliver_policy": "all", "replay_policy": "instant"}})
-        found = []
-        while left := consumer["num_pending"] - len(found):
-            batch = min(left, 100)
-            self.publish(f"$JS.API.CONSUMER.MSG.NEXT.{stream}.{consumer['name']}", str(batch), "_T.messages")
-            found += [self.next()[2:] for _ in range(batch)]
+        found, end = [], self.call(f"$JS.API.STREAM.INFO.{stream}")["state"]["last_seq"] + 1
+        for first in range(1, end, 100):
+            batch = range(first, min(first + 100, end))
+            for sequence in batch:
+                self.publish(f"$JS.API.STREAM.MSG.GET.{stream}", json.dumps({"seq": sequence}), "_T.message")
+            for _ in batch:
+                message = json.loads(self.next()[3])["message"]
+                found.append([base64.b64decode(message.get(key, "")).decode("latin-1") for key in ("hdrs", "data")])
         return found
 
 

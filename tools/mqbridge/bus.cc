@@ -152,10 +152,11 @@ mqcat::Failure RefusalOf(const std::string& why) {
 Bus::Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed,
          std::function<void(const std::string&)> failed)
     : options_(options), changed_(std::move(changed)), failed_(std::move(failed)), poller_(loop) {
-  MakeOptions(options);  // what is wrong with them is told before anything else happens
   uv_async_init(loop, &wake_, OnWake);
   wake_.data = this;
 }
+
+void Bus::Check(const BusOptions& options) { MakeOptions(options); }
 
 Bus::~Bus() {
   for (const auto& listener : listeners_) natsSubscription_Destroy(listener->subscription);

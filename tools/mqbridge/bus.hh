@@ -54,6 +54,9 @@ class Bus {
   Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed,
       std::function<void(const std::string& why)> failed);
   ~Bus();
+
+  // Throws a Failure for options that cannot be right.
+  static void Check(const BusOptions& options);
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 

@@ -26,6 +26,7 @@ Session::Session(const Options& options, const MqLoopLimits& limits)
     : options_(options),
       report_(options.json),
       security_(mqcat::LoadSecurity(options.sign, options.user, options.ring)) {
+  Bus::Check(options.bus);  // before there is anything to be undone
   uv_loop_init(&loop_);
   nodes_ = mq_uv_new(&loop_, &limits);
   if (nodes_ == nullptr) throw mqcat::Failure{mqcat::kExitResources, "no memory for a loop"};
