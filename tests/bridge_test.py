@@ -90,10 +90,11 @@ def signed(server):
 
 
 def away(server):
-    """While the cluster is away a bridge holds no more than its bound, and nothing that it read is lost."""
-    make_stream(server, "A", ["a.>"])
+    """While the cluster is away a bridge holds no more than its bound, and nothing that it read is lost. A refusal is told."""
+    make_stream(server, "A", ["a.>"], max_msg_size=5000)
     bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--mode", "store", "--subject", "a.{command}", "--memory",
                     "65536", "--timeout", "60", "--per-client", "1000", event="listening")
+    assert Node(bridge.port).ask(5, "x" * 5000) == (ERROR, {1: '"message size exceeds maximum allowed"', 2: "a.5"})
     server.kill()
     until("disconnected", lambda: bridge.find("disconnected"))
     nodes = [Node(bridge.port) for _ in range(4)]

@@ -200,11 +200,11 @@ def make_cluster():
                                        "--routes", all_routes)) for i in range(3)]
 
 
-def make_stream(server, name, subjects, replicas=1):
+def make_stream(server, name, subjects, replicas=1, **more):
     def made():
         try:  # a cluster without a leader does not answer
             answer = Nats(server.port, 3).call(f"$JS.API.STREAM.CREATE.{name}", {
-                "name": name, "subjects": subjects, "num_replicas": replicas, "storage": "file"})
+                "name": name, "subjects": subjects, "num_replicas": replicas, "storage": "file", **more})
             return "error" not in answer and answer
         except OSError:
             return None

@@ -25,6 +25,13 @@ bool IsBusy(std::string_view body) {
 
 }  // namespace
 
+std::string ErrorOf(const Json& answer) {
+  if (!answer.is_object()) return "not an answer of JetStream";
+  if (!answer.contains("error")) return "";
+  const Json& error = answer["error"];
+  return error.is_object() && error.contains("description") ? error["description"].dump() : error.dump();
+}
+
 void Calls::Open() {
   bus_.Subscribe(inbox_ + ".*", "", [this](NatsMsg msg) { OnAnswer(std::move(msg)); });
 }

@@ -271,11 +271,10 @@ class Inlet : public Side {
   // {"stream": ..., "seq": ..., "duplicate": true} or {"error": {"description": ...}}
   bool ComposeStored(const Slot& slot) {
     const Json json = Json::parse(BodyOf(slot.reply.get()), nullptr, false);
-    const bool is_object = json.is_object();
-    if (!is_object || !json.contains("seq") || !json["seq"].is_number_unsigned() || !json.contains("stream")) {
-      const std::string why = is_object && json.contains("error") ? json["error"].dump() : "not an acknowledgement";
-      return ComposeFailure(Count::kErrors, kErrorAnswer, why, slot);
-    }
+    std::string error = ErrorOf(json);
+    const bool is_stored = error.empty() && json.contains("seq") && json["seq"].is_number_unsigned();
+    if (error.empty()) error = "not an acknowledgement";
+    if (!is_stored || !json.contains("stream")) return ComposeFailure(Count::kErrors, kErrorAnswer, error, slot);
     const bool is_duplicate = json.value("duplicate", Json()) == true;
     ++session_.report()[Count::kStored];
     if (is_duplicate) ++session_.report()[Count::kDuplicates];

@@ -276,14 +276,15 @@ class Outlet : public Side {
 
   void OnBuried(const Item& item, Outcome outcome, const natsMsg* reply, const std::string& why) {
     --dying_;
-    const bool stored = outcome == Outcome::kAnswered && Json::parse(BodyOf(reply), nullptr, false).contains("seq");
-    if (stored) {
+    const Json answer = reply != nullptr ? Json::parse(BodyOf(reply), nullptr, false) : Json();
+    const std::string error = outcome == Outcome::kAnswered ? ErrorOf(answer) : why;
+    if (error.empty() && answer.contains("seq")) {
       ++session_.report()[Count::kDead];
       session_.bus().Publish(natsMsg_GetReply(item.msg.get()), "+TERM");
       return;
     }
     session_.report().Event("dead letter not stored",
-                            {{"subject", options_.dead_letter}, {"because", why.empty() ? "no such stream" : why}});
+                            {{"subject", options_.dead_letter}, {"because", error.empty() ? "no such stream" : error}});
     GiveBack(item, kLastPauseMsec);
   }
 
