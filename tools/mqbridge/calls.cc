@@ -29,7 +29,8 @@ std::string ErrorOf(const Json& answer) {
   if (!answer.is_object()) return "not an answer of JetStream";
   if (!answer.contains("error")) return "";
   const Json& error = answer["error"];
-  return error.is_object() && error.contains("description") ? error["description"].dump() : error.dump();
+  const Json text = error.is_object() ? error.value("description", Json()) : Json();
+  return text.is_string() ? text.get<std::string>() : error.dump();
 }
 
 void Calls::Open() {
