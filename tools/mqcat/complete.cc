@@ -1,5 +1,5 @@
-// complete.cc - PROGRAM completion: a script for bash, zsh or fish, made from the options of the commands. In the scripts
-// PROGRAM is replaced by the name of the program, which mqcat and mqbridge give.
+// complete.cc - PROGRAM completion: a script for bash, zsh or fish, made from the options of the commands. In the
+// scripts PROGRAM is replaced by the name of the program: mqcat or mqbridge.
 #include <fmt/format.h>
 
 #include <algorithm>
