@@ -8,14 +8,15 @@
 
 namespace bench {
 
-// Sets the same options as nodes have here: linger zero seconds, buffers of kSocketBuffer bytes, TCP_NODELAY.
+// Sets the socket options that nodes have in the benchmarks: linger zero seconds, buffers of kSocketBuffer bytes,
+// TCP_NODELAY.
 void SetUpSocket(int fd);
 
 sockaddr_in Loopback(uint16_t port);
 uint16_t PortOf(int fd);
 int ConnectBare(uint16_t port);
 
-// The bytes of a plain message that a node accepts.
+// A plain message that a node accepts.
 std::vector<uint8_t> PlainMessage(size_t body);
 
 }  // namespace bench

@@ -152,7 +152,7 @@ class BareEnd : public End {
   std::span<const uint8_t> Body() const override { return {message_.data() + kHeader, length_ - kHeader}; }
 
  private:
-  // Receives until the wanted number of bytes has arrived, received of which are there already. Returns the number.
+  // Receives until wanted bytes are present, received of which were there before. Returns the number present.
   size_t Receive(size_t received, size_t wanted) {
     while (received < wanted) {
       sockaddr_in peer;

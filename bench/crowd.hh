@@ -12,7 +12,7 @@ namespace bench {
 
 class Crowd {
  public:
-  // Forks the other process. There are no connections yet.
+  // Forks the other process, without connections.
   Crowd();
   ~Crowd();
   Crowd(const Crowd&) = delete;

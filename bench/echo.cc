@@ -22,7 +22,7 @@ namespace bench {
 namespace {
 
 constexpr size_t kLongestRequest = 4096;
-constexpr size_t kReserve = 64;  // descriptors for everything but connections
+constexpr size_t kReserve = 64;  // descriptors reserved for other purposes than connections
 constexpr int kAcceptMsec = 50;
 
 void Pause(int milliseconds) {
@@ -80,7 +80,7 @@ void EchoClients::Start(const EchoServer& server) {
 void EchoClients::Connect(const EchoServer& server, size_t connections) {
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
   Check(epoll_ != -1, "epoll_create1");
-  // The first connection pays for what the server makes once.
+  // Measured after the first connection, to exclude the server's one-time allocations.
   double before = 0;
   for (size_t i = 0; i < connections; ++i) {
     clients_.push_back({ConnectBare(port_), 0, 0});
@@ -90,7 +90,7 @@ void EchoClients::Connect(const EchoServer& server, size_t connections) {
     event.data.u64 = i;
     Check(epoll_ctl(epoll_, EPOLL_CTL_ADD, clients_[i].fd, &event) == 0, "epoll_ctl");
     if (i != 0 && i != connections - 1) continue;
-    Run(i + 1, 0);  // this one has been accepted, and so have those before it
+    Run(i + 1, 0);  // the echo shows that this connection and all earlier ones were accepted
     if (i == 0) before = ServerMemory();
   }
   if (connections > 1) server_bytes_ = (ServerMemory() - before) / static_cast<double>(connections - 1);
@@ -103,7 +103,7 @@ void EchoClients::Send(size_t client) {
   Check(sent == static_cast<ssize_t>(request_.size()), "send");
 }
 
-// Whether the answer is complete.
+// True when the whole answer has arrived.
 bool EchoClients::Receive(size_t client) {
   uint8_t answer[kLongestRequest];
   Client& own = clients_[client];

@@ -1,5 +1,5 @@
-// echo.hh - servers that send back what they get, one process with one event loop each, and the clients that measure
-// them. A further server is one source file with a function like these and one line in EchoServers.
+// echo.hh - echo servers, each a process with one event loop, and the clients that measure them. To add a server, write
+// a source file with a function like these and add a line to EchoServers.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@
 
 namespace bench {
 
-// What a client of a server sends: bytes of which as many come back, after a greeting, if the protocol has one.
+// What a client sends: a greeting if the protocol has one, then requests, each answered with the same number of bytes.
 struct Wire {
   size_t head;  // bytes at the start that the server may change
   std::vector<uint8_t> (*request)(size_t body);
@@ -21,16 +21,16 @@ struct Wire {
 
 struct EchoServer {
   const char* name;
-  // Serves until the process ends; passes the port on before the first connection is accepted.
+  // Serves until the process ends. Calls listening with the port before it accepts the first connection.
   void (*serve)(const std::function<void(uint16_t)>& listening);
   Wire wire;
 };
 
-// All that the build has found. The bare server of an engine follows the nodes on that engine.
+// The servers found at build time. The bare server of an engine follows the server with nodes on that engine.
 std::vector<EchoServer> EchoServers();
 
 EchoServer EchoNodesWait();  // the wait over many nodes of mqnode/server.h
-// Where the build has found the engine or the library.
+// Only if the engine or the library was found at build time.
 EchoServer EchoNodesUv();
 EchoServer EchoBareUv();
 EchoServer EchoNodesAsio();
@@ -40,11 +40,11 @@ EchoServer EchoNng();
 
 constexpr int kEchoBacklog = 4096;
 
-// The wire of nodes, and of bare sockets that stand in for them.
+// The bytes exchanged with nodes, and with the bare sockets compared with them.
 Wire PlainWire();
 
-// Clients of one server, which is started for them in a process of its own, on another processor if there is one. Each
-// active client sends one message, waits for it to come back, and sends the next.
+// Clients of one server, which runs in a process of its own, on another processor if there is one. Each active client
+// sends one message, waits for the echo, and sends the next.
 class EchoClients {
  public:
   EchoClients(const EchoServer& server, size_t connections, size_t body);
@@ -53,14 +53,14 @@ class EchoClients {
   EchoClients& operator=(const EchoClients&) = delete;
 
   struct Outcome {
-    double rate;       // messages a second, there and back
-    double half;       // seconds: half of all round trips took no longer
-    double most;       // seconds: 99 of 100 did not
-    double processor;  // seconds that the server ran for a message, the system's work included
+    double rate;       // round trips per second
+    double half;       // seconds: median of the round trips
+    double most;       // seconds: 99th percentile of the round trips
+    double processor;  // seconds of processor time that the server uses per message, user and system
   };
   Outcome Run(size_t active, double seconds);
 
-  // Bytes of memory that the server's process has taken for each connection.
+  // Resident memory that the server's process uses per connection, in bytes.
   double ServerBytes() const { return server_bytes_; }
 
  private:
@@ -74,7 +74,7 @@ class EchoClients {
   struct Client {
     int fd;
     size_t received;  // bytes of the answer
-    double sent;      // when
+    double sent;      // time of the last request
   };
   const std::vector<uint8_t> request_;
   const size_t head_;
@@ -86,7 +86,8 @@ class EchoClients {
   double server_bytes_ = 0;
 };
 
-// Raises the limit of descriptors as far as it goes; the connections that one process can have then, at most wanted.
+// Raises the limit of descriptors as far as permitted. Returns how many connections a process can then have, at most
+// wanted.
 size_t RaiseConnectionLimit(size_t wanted);
 
 }  // namespace bench

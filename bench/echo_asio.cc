@@ -24,7 +24,7 @@ asio::awaitable<void> Answer(AsyncNode node, mqnode::MessageRef msg) {
   }
 }
 
-// Between a read and the write that follows it no other coroutine runs, so all nodes share one message.
+// All nodes share one message: no other coroutine runs between a read and the write that follows it.
 asio::awaitable<void> Accept(AsyncNode listener, mqnode::MessageRef msg) {
   for (AsyncNode child; co_await listener.accept(child);) {
     Check(bool(child.node().set_buffer_size(kSocketBuffer)), "set_buffer_size");

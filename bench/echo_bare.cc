@@ -19,7 +19,7 @@ namespace {
 constexpr size_t kAreaBytes = 16520;
 constexpr size_t kHeader = sizeof(MsgHeader);
 
-uint8_t record[kAreaBytes];  // what was read is copied here, as a node copies it into a message record
+uint8_t record[kAreaBytes];  // messages are copied here, as a node copies them into a message record
 
 }  // namespace
 
@@ -49,7 +49,7 @@ BareEcho::~BareEcho() {
   close(fd_);
 }
 
-// True when so many bytes are there, false with errno 0 at the end of the stream.
+// True once wanted bytes have arrived. False if they have not, with errno 0 at the end of the stream.
 bool BareEcho::Receive(size_t wanted) {
   while (received_ < wanted) {
     sockaddr_in peer;

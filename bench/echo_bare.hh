@@ -9,14 +9,13 @@ namespace bench {
 
 class BareEcho {
  public:
-  explicit BareEcho(int fd);  // owns it from here on
+  explicit BareEcho(int fd);  // takes ownership
   ~BareEcho();
   BareEcho(const BareEcho&) = delete;
   BareEcho& operator=(const BareEcho&) = delete;
 
   int fd() const { return fd_; }
-  // Receives what has arrived of one message, and sends it back when it is complete. False at the end of the
-  // connection.
+  // Receives what has arrived of a message, and sends it back when it is complete. False at the end of the connection.
   bool Turn();
 
  private:
@@ -29,7 +28,7 @@ class BareEcho {
 
 // A non-blocking listening socket.
 int ListenBare(const std::function<void(uint16_t)>& listening);
-// A connection that waits there, ready for a BareEcho; -1: none.
+// Accepts a pending connection for a BareEcho; -1 if there is none.
 int AcceptBare(int listener);
 
 }  // namespace bench

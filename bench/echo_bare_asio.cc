@@ -1,4 +1,4 @@
-// echo_bare_asio.cc - bare sockets whose readiness Asio tells, a coroutine for each.
+// echo_bare_asio.cc - bare sockets in an Asio event loop, a coroutine for each.
 #include <asio/awaitable.hpp>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>

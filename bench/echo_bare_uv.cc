@@ -1,4 +1,4 @@
-// echo_bare_uv.cc - bare sockets whose readiness libuv tells.
+// echo_bare_uv.cc - bare sockets in a libuv loop.
 #include <uv.h>
 
 #include "bench/echo.hh"

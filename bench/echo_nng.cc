@@ -1,4 +1,4 @@
-// echo_nng.cc - a REP socket of nng, and what a REQ socket sends.
+// echo_nng.cc - an nng REP socket, and the bytes that a REQ socket sends.
 #include <nng/nng.h>
 #include <nng/protocol/reqrep0/rep.h>
 #include <sys/socket.h>
@@ -29,7 +29,7 @@ void Serve(const std::function<void(uint16_t)>& listening) {
   }
 }
 
-// The length in 8 bytes, the number of the request in 4 whose first bit is set, the body.
+// Length in 8 bytes, request number in 4 bytes with the top bit set, body.
 std::vector<uint8_t> Request(size_t body) {
   Check(body + 4 <= 255, "a short message");
   std::vector<uint8_t> request = {0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(body + 4), 0x80, 0, 0, 1};

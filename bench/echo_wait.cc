@@ -1,4 +1,4 @@
-// echo_wait.cc - nodes that are waited for with one select.
+// echo_wait.cc - nodes in one select.
 #include <climits>
 
 #include "bench/bare.hh"

@@ -1,4 +1,4 @@
-// echo_zmq.cc - a ROUTER of libzmq, and what a DEALER sends: ZMTP 3.0 without security.
+// echo_zmq.cc - a libzmq ROUTER socket, and the bytes that a DEALER socket sends: ZMTP 3.0 without security.
 #include <sys/socket.h>
 #include <zmq.h>
 

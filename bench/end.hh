@@ -10,9 +10,9 @@
 
 namespace bench {
 
-// A paced writer is at most a few groups of messages ahead of the reader. Without pacing, small messages that fill a
-// receive buffer make the kernel drop segments and wait for their retransmission, and a figure shows little but how
-// often that happened.
+// A paced writer is at most a few groups of messages ahead of the reader. Without pacing, small messages fill the
+// receive buffer, the kernel drops segments and waits for their retransmission, and the figures measure little but
+// that.
 enum class Pattern { kRoundTrip, kOneWay, kPacedOneWay };
 
 class End {

@@ -1,6 +1,6 @@
 // instructions.cc - counts user-space instructions with valgrind's callgrind; unlike times, they hardly vary.
-// The work program runs under callgrind, which counts only inside mqbench_pass. Its output lists the cost of each
-// function itself and the library that contains it.
+// The work program runs under callgrind, which counts only inside mqbench_pass. Its output lists the self cost of each
+// function and the library that contains it.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/wait.h>
@@ -32,7 +32,7 @@ struct Profile {
   }
 };
 
-// "libmqnode", "libmqcompanion", "libc", or "bench".
+// Returns "libmqnode", "libmqcompanion", "libc", or "bench".
 std::string LibraryOf(const std::string& object) {
   const std::string file = object.substr(object.rfind('/') + 1);
   return file.rfind("lib", 0) == 0 ? file.substr(0, file.find('.')) : "bench";

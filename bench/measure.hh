@@ -9,11 +9,11 @@
 
 namespace bench {
 
-// Prints what failed, with the text of errno unless that is 0, and exits.
+// Prints what failed, with the text of errno unless it is 0, and exits.
 [[noreturn]] void Die(const std::string& what);
 void Check(bool ok, const char* what);
 
-double Seconds();  // of the monotonic clock
+double Seconds();  // monotonic clock
 
 double Median(std::vector<double> values);
 
@@ -37,7 +37,7 @@ size_t CountFor(double seconds, const std::function<double(size_t)>& run);
 // Pins this process and its future children to one of the processors that it may use: 0 the last one, 1 the one before.
 // The first one if there are fewer.
 void PinToProcessor(int from_last);
-// Undoes that.
+// Undoes PinToProcessor.
 void UnpinProcessor();
 
 // Duration of a benchmark.

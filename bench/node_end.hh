@@ -14,7 +14,7 @@ SockAddrRec LoopbackName(uint16_t port);
 MQNode* ListenNode();
 MQNode* AcceptNode(MQNode* listener);
 
-// Creates a message with one parameter and a body of this size, at least 20 bytes. Released with mqc_message_free.
+// Creates a message with one parameter and a body of this size, at least 20 bytes. Release it with mqc_message_free.
 PcfMessage* NewMessage(size_t body);
 
 // Generates a key pair for the user of this process's nodes and adds it to the ring. Called before the first fork, so
@@ -22,9 +22,9 @@ PcfMessage* NewMessage(size_t body);
 void ShareKeys();
 MqcSigner* SharedSigner();
 
-// A message as the signed write hands it to mqc_sign.
+// A message in the state in which a signed write passes it to mqc_sign.
 PcfMessage* MessageToSign(size_t body);
-// What the secure read does before it asks for the check.
+// Brings a signed message into the state in which a signed read passes it to mqc_authenticate.
 IoBuffer Receive(const IoBuffer& sent, PcfMessage* msg);
 
 }  // namespace bench

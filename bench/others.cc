@@ -1,4 +1,4 @@
-// others.cc - the same exchanges with other messaging libraries, each with its own pattern for them.
+// others.cc - the same exchanges with other messaging libraries, using each library's own pattern.
 // Each connection is measured in a process of its own, because a process that has used these libraries cannot safely
 // fork a peer.
 #include <fmt/format.h>

@@ -1,5 +1,4 @@
-// parts.cc - times single calls of the libraries that make no system calls, with Google Benchmark, to try out changes
-// to them.
+// parts.cc - uses Google Benchmark to time single calls that make no system calls, to try out changes to the libraries.
 #include <benchmark/benchmark.h>
 #include <sodium.h>
 
@@ -57,7 +56,7 @@ void PutAndGet(benchmark::State& state) {
 }
 BENCHMARK(PutAndGet);
 
-// Sealed messages, to and from the user of this process, and the calls of libsodium alone that they cannot do without.
+// Messages sealed by this process's user for itself, and, as a lower bound, the libsodium calls that sealing requires.
 MqcSigner* SealingSigner() {
   ShareKeys();
   static MqcSigner* const signer = [] {
@@ -98,7 +97,7 @@ void Open(benchmark::State& state) {
 }
 BENCHMARK(Open)->Arg(64)->Arg(65536)->UseManualTime();
 
-// One message of both parties, in the memory of either.
+// A message and the keys of both parties.
 struct Bare {
   explicit Bare(size_t body) : bytes(sizeof(MsgHeader) + body) {
     crypto_sign_keypair(sign_public, sign_secret);

@@ -74,7 +74,7 @@ Spent Duel::Run(size_t c, size_t count) {
   Tell({Order::kServe, static_cast<uint32_t>(c), count});
   Hear();
   const bool both_ways = pattern_ == Pattern::kRoundTrip;
-  if (both_ways) {  // not counted: it wakes the peer up
+  if (both_ways) {  // not counted: wakes the peer up
     end.Write();
     end.Read();
   }
@@ -106,7 +106,7 @@ void Duel::Serve(End& end, size_t count) {
 
 void Duel::Obey() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  random_.discard(size());  // for other spacers than those of the parent
+  random_.discard(size());  // so that the spacers differ from the parent's
   for (size_t c = 0; c < size(); ++c) MakeEnd(c);
   Command command;
   while (recv(control_, &command, sizeof command, MSG_WAITALL) == sizeof command) {

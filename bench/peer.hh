@@ -16,7 +16,7 @@ struct Spent {
   double processor;  // processor time of both processes in seconds, user and system
 };
 
-// Measures exchanges between this process and a peer, which is forked from it and so has the same contestants.
+// Measures exchanges between this process and a forked peer, which therefore has the same contestants.
 class Duel {
  public:
   // layout determines the addresses of the contestants' buffers: a copy can be much slower if source and destination

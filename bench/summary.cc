@@ -1,4 +1,4 @@
-// summary.cc - the figures that have an aim, in one table.
+// summary.cc - a table of all figures that have an aim.
 #include <fmt/format.h>
 
 #include "bench/sections.hh"

@@ -48,7 +48,7 @@ void MeasureWaits(Report* report, const Settings& settings) {
   Crowd crowd;
   for (const size_t idle : kIdle) {
     crowd.Grow(idle + 1);
-    // The first node of the crowd, which is the ready one, is put in the middle of the list.
+    // The first node of the crowd, the ready one, goes to the middle of the list.
     const auto& all = crowd.nodes();
     std::vector<MQNode*> nodes(all.begin() + 1, all.begin() + static_cast<std::ptrdiff_t>(idle) + 1);
     nodes.insert(nodes.begin() + static_cast<std::ptrdiff_t>(idle / 2), all[0]);

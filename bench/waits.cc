@@ -22,7 +22,7 @@ std::vector<int> DescriptorsOf(const std::vector<MQNode*>& nodes) {
   return fds;
 }
 
-// Uses one work record for all waits, as a server does.
+// Uses one work record for all waits, as servers do.
 class NodeWaiter : public Waiter {
  public:
   explicit NodeWaiter(const std::vector<MQNode*>& nodes)

@@ -161,8 +161,8 @@ if(TARGET mqbridge)
   list(APPEND CPACK_COMPONENTS_ALL bridge)
   mqnode_package(bridge mqnode-bridge net "mqnode messages from and to a NATS cluster" [[
 mqbridge listens as a node and publishes each message of its clients to a NATS
-cluster, whose workers or streams answer. In the other direction it takes
-messages of a subject and hands them to a node.]])
+cluster, whose workers or streams answer. In the other direction, it takes
+messages of a subject and sends them to a node.]])
   string(JOIN ", " CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "libmqnode1 (>= ${PROJECT_VERSION})"
     "libmqcompanion1 (>= ${PROJECT_VERSION})" "libmqnode-uv1 (>= ${PROJECT_VERSION})")
 endif()

@@ -73,6 +73,23 @@ bool HeaderToNative(uint8_t* h, ErrorText error) {
   return TellForm(h, kHeader, &form, error) && ConvertHeader(h, form, error);
 }
 
+bool EnvelopeToNative(SecureHeader* envelope, ErrorText error) {
+  auto* h = reinterpret_cast<uint8_t*>(envelope);
+  Form form = {};
+  const uint8_t* table;
+  if (IsNative(h, kEnvelope)) return true;
+  if (!TellForm(h, kEnvelope, &form, error) || !NeedTable(form, &table, error)) return false;
+  if (form.swapped) {
+    SwapWord(h + offsetof(SecureHeader, hdrLength));
+    SwapWord(h + offsetof(SecureHeader, version));
+    SwapWord(h + offsetof(SecureHeader, msgLength));
+  }
+  if (form.ebcdic) FromEbcdic(h + offsetof(SecureHeader, userId), kUserField, table);
+  Store(h + kAtBigEndian, kHostIsBig);
+  Store(h + kAtAscii, kHostIsAscii);
+  return true;
+}
+
 bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error) {
   const uint32_t body = Load(h + kAtBodyLength);
   const uint32_t encoding = Load(h + kAtEncoding);
@@ -97,23 +114,7 @@ int AlienToNative(PcfRawData* raw) {
   return IsNative(raw->data, kHeader) ? 1 : ConvertAlienHeader(raw);
 }
 
-int AlienToNativeExt(SecureHeader* envelope) {
-  auto* h = reinterpret_cast<uint8_t*>(envelope);
-  Form form = {};
-  const uint8_t* table;
-  if (IsNative(h, kEnvelope)) return 1;
-  if (!TellForm(h, kEnvelope, &form, HeaderError())) return 0;
-  if (!NeedTable(form, &table, HeaderError())) return 0;
-  if (form.swapped) {
-    SwapWord(h + offsetof(SecureHeader, hdrLength));
-    SwapWord(h + offsetof(SecureHeader, version));
-    SwapWord(h + offsetof(SecureHeader, msgLength));
-  }
-  if (form.ebcdic) FromEbcdic(h + offsetof(SecureHeader, userId), kUserField, table);
-  Store(h + kAtBigEndian, kHostIsBig);
-  Store(h + kAtAscii, kHostIsAscii);
-  return 1;
-}
+int AlienToNativeExt(SecureHeader* envelope) { return EnvelopeToNative(envelope, HeaderError()); }
 
 int VerifyMessage(PcfRawData* raw) {
   if (raw->data == nullptr || raw->length < kHeader || raw->length > raw->capacity) {

@@ -1,7 +1,7 @@
 /* host.h - the functions of libmqcompanion.so.1, the companion of this project, that an application calls.
  *
  * libmqnode calls the companion through runtime/runtime.h and runtime/message.h. With this header an application builds
- * and reads messages, signs and authenticates them, reads the memory account, makes allocations fail and sets the log.
+ * and reads messages, signs and authenticates them, gets memory statistics, makes allocations fail and sets the log.
  *
  * Conventions of all functions here, unless documented otherwise:
  *   Results      1 on success, 0 on failure.
@@ -10,8 +10,8 @@
  *                a superset of it.
  *   Error texts  a function with the arguments char* error, size_t size stores one line without a newline in error if
  *                it fails, cut to size, and an empty text if it succeeds. error may be null if size is 0.
- *   Threads      a record must be used by one thread at a time. The state of the process (memory account, ring, window,
- *                clock, log) may be used by any thread.
+ *   Threads      a record must be used by one thread at a time. The state of the process (memory statistics, ring,
+ *                window, clock, log) may be used by any thread.
  *   Blocking     no function waits. Only functions with a path use the file system. */
 #ifndef MQNODE_COMPANION_HOST_H
 #define MQNODE_COMPANION_HOST_H
@@ -23,14 +23,14 @@
 
 MQ_BEGIN_C
 
-/* ---- Memory account ----
+/* ---- Memory statistics ----
  *
  * Each allocation of the companion is counted under a tag: blocks from fNewMemory under the caller's tag, data areas of
  * IoBuffers under "buffer", raw areas of PcfMessages under "message", records of mqc_message_new under "PcfMessage",
  * signers and the key of mqc_set_opener under "signer", the ring of users under "ring", the record of accepted messages
  * under "replay", and key files under "file" while they are read. */
 
-/* MqcMemory - the memory account of a tag. */
+/* MqcMemory - the memory statistics of a tag. */
 typedef struct MqcMemory {
   uint64_t live_blocks;  /* allocated and not yet released */
   uint64_t total_blocks; /* allocated since the process started */
@@ -38,12 +38,12 @@ typedef struct MqcMemory {
   uint64_t live_bytes;   /* requested size of the live blocks */
 } MqcMemory;
 
-/* mqc_memory - get the memory account of one tag, or of all.
+/* mqc_memory - get the memory statistics of one tag, or of all.
  *   tag   in   name of the tag, compared as text; null for all. The peak of all is the sum of the peaks of the tags,
  *              which is an upper bound of the true peak
  *   out   out  the counters; all 0 if the tag is not in use
  * Result   1; 0 if the tag is not in use
- * While other threads allocate, each counter is correct by itself, but the counters may be of different moments. */
+ * While other threads allocate, each counter is correct by itself, but the counters may be from different times. */
 MQ_RUNTIME int mqc_memory(const char* tag, MqcMemory* out);
 
 /* mqc_memory_tag - get the name of a tag in use.
@@ -59,9 +59,9 @@ MQ_RUNTIME uint64_t mqc_allocations(void);
 /* mqc_fail_allocation - make a future allocation of the companion fail, to test the error handling of an application.
  *   nth      in  1 the next allocation of any thread, 2 the one after it, and so on; 0 none
  *   onwards  in  0: only that allocation fails; nonzero: it and all later ones fail until the next call with 0
- * Counted are fNewMemory, CreateBuffer, SizeBuffer and SizePcfMessage if they enlarge an area, and all allocations of
- * the functions in this header. To test a whole scenario, repeat it with nth = 1, 2, 3 ... until it makes fewer than
- * nth allocations. */
+ * The count includes fNewMemory, CreateBuffer, SizeBuffer and SizePcfMessage if they enlarge an area, and all
+ * allocations of the functions in this header. To test a whole scenario, repeat it with nth = 1, 2, 3 ... until it
+ * makes fewer than nth allocations. */
 MQ_RUNTIME void mqc_fail_allocation(uint64_t nth, int onwards);
 
 /* ---- Messages: records ----
@@ -155,7 +155,7 @@ MQ_RUNTIME int mqc_find(const PcfMessage* msg, uint32_t id, MqcParam* out);
  * message, if its last signed read was refused with -1001, and before the first write, which fills it in. */
 MQ_RUNTIME void mqc_user(const PcfMessage* msg, char user[13]);
 
-/* mqc_application - get the name of the sending program from the header of the message; empty as for mqc_user. */
+/* mqc_application - get the name of the sending application from the header of the message; empty as for mqc_user. */
 MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
 
 /* mqc_sender - get the sender of the message that was read last: secHeader.userId, null-terminated. After a signed read
@@ -164,15 +164,15 @@ MQ_RUNTIME void mqc_application(const PcfMessage* msg, char application[49]);
  * authenticated. */
 MQ_RUNTIME void mqc_sender(const PcfMessage* msg, char user[13]);
 
-/* mqc_sealed - 1 if the message that was read last was sealed and has been opened; 0 otherwise, also after a read that
- * was refused and for a message that is being built. */
+/* mqc_sealed - check whether the message that was read last was sealed and has been opened.
+ * Result   1 if it was; else 0, also after a read that was refused with -1001 and for a message that is being built */
 MQ_RUNTIME int mqc_sealed(const PcfMessage* msg);
 
 /* mqc_message_error - get the reason why the last conversion, parse, begin or add of this record failed; empty if it
  * succeeded. The text belongs to the record and is valid until the next call with the record. */
 MQ_RUNTIME const char* mqc_message_error(const PcfMessage* msg);
 
-/* mqc_header_error - get the reason of the last failure of AlienToNative, AlienToNativeExt or VerifyMessage on this
+/* mqc_header_error - get the reason for the last failure of AlienToNative, AlienToNativeExt or VerifyMessage on this
  * thread; empty if there was none. The text is valid until the next such failure on the thread. */
 MQ_RUNTIME const char* mqc_header_error(void);
 
@@ -206,7 +206,7 @@ MQ_RUNTIME int mqc_generate_key(uint8_t secret_key[MQC_KEY_BYTES], uint8_t publi
 MQ_RUNTIME void mqc_key_text(const uint8_t key[MQC_KEY_BYTES], char text[MQC_KEY_TEXT]);
 
 /* mqc_key_from_text - convert exactly 64 hexadecimal digits of either case to a key.
- * Result   1; 0 for any other text: key is all zero then */
+ * Result   1; 0 for any other text, with key all zero */
 MQ_RUNTIME int mqc_key_from_text(const char* text, uint8_t key[MQC_KEY_BYTES]);
 
 /* Values of MqcKey.kind. */
@@ -223,7 +223,7 @@ typedef struct MqcKey {
 
 /* mqc_key_read - parse a line of a key file: a user, blanks, 64 hexadecimal digits, and optionally the words public or
  * secret, until=YYYY-MM-DD (the last day of the key, UTC) and revoked. A comment begins with '#'.
- * Result   1, with an empty user if the line contains no key; 0 if the line is malformed: key is all zero then
+ * Result   1, with an empty user if the line contains no key; 0 if the line is malformed, with key all zero
  * After use, wipe the record and the line if they contain a secret key (mqc_wipe). */
 MQ_RUNTIME int mqc_key_read(const char* line, MqcKey* key);
 
@@ -254,13 +254,14 @@ MQ_RUNTIME MqcSigner* mqc_signer_new(const char* user, const uint8_t secret_key[
  * Result   the signer, to be released with mqc_signer_free; null after a failure, with an error text */
 MQ_RUNTIME MqcSigner* mqc_signer_load(const char* path, const char* user, char* error, size_t size);
 
-/* mqc_signer_sealing - a security context that also seals what it signs: only this user's key opens it.
- * Nobody else can read header and body. Length, sender and recipient remain visible.
- *   signer  in  whose key signs; copied, and not needed afterwards
- *   user    in  a user of the ring. Each message is sealed for the key that the ring has for the user at that time;
- *               without one, or with one that is revoked or past its end, it is not signed (mqc_sign_error)
+/* mqc_signer_sealing - create a signer that also seals each message that it signs: only the key of a user can open it.
+ * No other user can read header and body. Length, sender and recipient remain visible.
+ *   signer  in  the signer whose key signs; copied, and not needed afterwards
+ *   user    in  a user of the ring. Each message is sealed for the key that the ring has for the user at that time. If
+ *               there is none, or it is revoked or expired, the message is not signed (mqc_sign_error)
  * A sealed message is 64 bytes longer than a signed one.
- * Result   the signer, for mqc_signer_free; null with an error text: no such user, no key to seal for, no memory */
+ * Result   the signer, to be released with mqc_signer_free; null with an error text if there is no such user, no key to
+ *          seal for, or no memory */
 MQ_RUNTIME MqcSigner* mqc_signer_sealing(const MqcSigner* signer, const char* user, char* error, size_t size);
 
 /* mqc_signer_user - get the user of a signer. The text belongs to the signer. */
@@ -311,31 +312,31 @@ MQ_RUNTIME uint32_t mqc_ring_count(void);
 
 /* mqc_set_window - set the maximum difference between the time of a signed message and the receiver's time, either way.
  *   seconds  in  1 to MQC_WINDOW_MAX; initially 300
- * Result   1; 0 if the value is out of range: nothing changes then
+ * Result   1; 0 if the value is out of range, and nothing changes
  * A message that was accepted and forgotten is refused even after the window was widened. */
 MQ_RUNTIME int mqc_set_window(uint32_t seconds);
 
 /* mqc_set_replay_limit - set the maximum number of accepted messages that are remembered, of all users together.
  *   messages  in  1024 to 16777216; initially 262144. Memory is allocated as needed, about 80 bytes for each message
- * Result   1; 0 if the value is out of range: nothing changes then. If the limit becomes smaller, messages are
- *          forgotten before the call returns
+ * Result   1; 0 if the value is out of range, and nothing changes. If the limit becomes smaller, messages are forgotten
+ *          before the call returns
  *
  * When the limit is reached, each new message makes the user with the most remembered messages forget its oldest one. A
  * user forgets messages in favour of others only while it has more than half of an equal share, which is the limit
  * divided by the number of users with remembered messages. If the sender itself has the most, and its oldest message is
  * no older than the present or than the new message, the new message is refused. Messages are also forgotten an hour
- * after they left the window, two for each accepted message of the same user.
+ * after they left the window, at most two for each accepted message of the same user.
  *
  * When a message has been forgotten, all messages of its user that are no newer than it are refused, so that a process
- * accepts a message at most once. A message makes at most three others be forgotten. It therefore moves this time limit
- * by no more than these, and never beyond the time of an accepted message of the same user. */
+ * accepts a message at most once. A message causes at most three others to be forgotten. It therefore moves this time
+ * limit by no more than these, and never beyond the time of an accepted message of the same user. */
 MQ_RUNTIME int mqc_set_replay_limit(uint32_t messages);
 
 /* mqc_refuse_before - refuse all messages signed at this time or earlier, until the process ends.
  * Accepted messages are remembered by the process, and not across a restart. An application that must not accept
- * messages again that an earlier process accepted calls this function when it starts, with the present time plus the
- * maximum by which the clocks of its senders may be ahead. A value below an earlier one has no effect; mqc_reset_replay
- * can lower it. */
+ * messages that an earlier process has accepted should call this function when it starts, with the present time plus
+ * the maximum by which the clocks of its senders may be ahead. A value below an earlier one has no effect;
+ * mqc_reset_replay can lower it. */
 MQ_RUNTIME void mqc_refuse_before(int64_t time);
 
 /* mqc_reset_replay - forget all accepted messages, and all times up to which messages are refused.
@@ -352,31 +353,41 @@ MQ_RUNTIME void mqc_reset_replay(int64_t refuse_before);
 typedef int64_t (*MqcClock)(void);
 MQ_RUNTIME void mqc_set_clock(MqcClock clock);
 
-/* mqc_set_opener - open messages that are sealed for this signer's user, with its key, in the whole process.
+/* mqc_set_opener - set the signer whose key opens sealed messages in the whole process: those for the signer's user.
  *   signer  in  copied, and not needed afterwards; null: nothing is opened
- * The key that was set before is wiped before the call returns; a read in another thread that is using it finishes with
- * a copy, and wipes that. After the last day of the key nothing is opened.
- * Result   1; 0 without memory, nothing changes then */
+ * The key that was set before is wiped before the call returns. A read in another thread that is using it continues
+ * with a copy, and wipes the copy. After the last day of the key, nothing is opened.
+ * Result   1; 0 if there is no memory, and nothing changes */
 MQ_RUNTIME int mqc_set_opener(const MqcSigner* signer);
 
-/* mqc_set_sealing - which signed messages are accepted in the whole process.
+/* mqc_set_sealing - set which signed messages are accepted in the whole process.
  *   setting  in  MQC_SEAL_MAY: sealed and other messages, at first; MQC_SEAL_MUST: only messages that are sealed for
  *                the user of mqc_set_opener; MQC_SEAL_NEVER: only messages that are not sealed
  * Other messages are refused with node error -1001. Reads of plain messages are not affected.
- * Result   1; 0 for another value, nothing changes then */
+ * Result   1; 0 for another value, and nothing changes */
 typedef enum MqcSealing { MQC_SEAL_MAY = 0, MQC_SEAL_MUST = 1, MQC_SEAL_NEVER = 2 } MqcSealing;
 MQ_RUNTIME int mqc_set_sealing(uint32_t setting);
 
-/* mqc_sign_error - get the reason of the last failure of mqc_sign on this thread, which a write reports as error -1000;
- * empty if there was none. */
+/* mqc_open_captured - decrypt a copy of a sealed message, for a program that displays captured traffic.
+ *   signer   in      the signer whose key opens it; the key may be expired
+ *   message  in/out  a complete message as it was sent: envelope, header, body, seal, trailer. Header and body are
+ *                    decrypted in place and remain in their sender's form; the other bytes do not change
+ *   length   in      number of bytes
+ * Only the seal is checked. Signature, time and replays are not checked, so success does not show who sent the message.
+ * Result   1; 0 with an error text: the message is not sealed, or sealed for another user, and is unchanged; or it was
+ *          changed or sealed for another key of the user, and header and body are all zero */
+MQ_RUNTIME int mqc_open_captured(const MqcSigner* signer, uint8_t* message, uint32_t length, char* error, size_t size);
+
+/* mqc_sign_error - get the reason for the last failure of mqc_sign on this thread, which a write reports as error
+ * -1000; empty if there was none. */
 MQ_RUNTIME const char* mqc_sign_error(void);
 
-/* mqc_authenticate_error - get the reason of the last failure of mqc_authenticate on this thread, which a read reports
+/* mqc_authenticate_error - get the reason for the last failure of mqc_authenticate on this thread, which a read reports
  * as error -1001; empty if there was none. */
 MQ_RUNTIME const char* mqc_authenticate_error(void);
 
-/* mqc_nonce - the nonce of the signed message that was last accepted on this thread: 16 random bytes, which name it
- * wherever it is sent. All zero when none was accepted. */
+/* mqc_nonce - get the nonce of the signed message that was last accepted on this thread: 16 random bytes, which
+ * identify the message wherever it is sent. All zero if none was accepted. */
 MQ_RUNTIME void mqc_nonce(uint8_t nonce[16]);
 
 /* ---- Log ---- */
@@ -386,7 +397,7 @@ MQ_RUNTIME void mqc_nonce(uint8_t nonce[16]);
  * Initially the log is written to the file that the environment variable MQCOMPANION_LOG named when the companion was
  * loaded, or to standard error if it is not set. If the file cannot be opened, the line is written to standard error.
  * Do not call this function while another thread writes to the log.
- * Result   1; 0 if path is too long: nothing changes then */
+ * Result   1; 0 if path is too long, and nothing changes */
 MQ_RUNTIME int mqc_log_to(const char* path);
 
 MQ_END_C

@@ -132,6 +132,9 @@ inline void DropContent(Content& content) {
 // Converts the header at h, of 136 bytes, as AlienToNative does.
 bool HeaderToNative(uint8_t* h, ErrorText error);
 
+// Converts an envelope as AlienToNativeExt does.
+bool EnvelopeToNative(SecureHeader* envelope, ErrorText error);
+
 // Checks a native header for a message of length bytes; origin is not checked.
 bool CheckNativeHeader(const uint8_t* h, uint32_t length, ErrorText error);
 

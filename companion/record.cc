@@ -251,11 +251,13 @@ int mqc_sealed(const PcfMessage* msg) { return msg->library0 == kWasSealed; }
 
 const char* mqc_message_error(const PcfMessage* msg) { return ContentOf(msg).error; }
 
-// Logs a few lines, however long the message is: the error, then, unless the message was sealed, the header and the
-// first bytes of the body.
+// Logs a few lines, however long the message is: the error, the header and the first bytes of the body. Nothing that was
+// encrypted is logged.
 int DumpPcfMessage(PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
-  const char* why = ContentOf(msg).error[0] != '\0' ? ContentOf(msg).error : mqc_header_error();
+  const char* why = mqc_sealed(msg)                   ? "sealed"
+                    : ContentOf(msg).error[0] != '\0' ? ContentOf(msg).error
+                                                      : mqc_header_error();
   char user[13];
   mqc_sender(msg, user);
   char line[kErrorText + 128];

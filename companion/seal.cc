@@ -96,17 +96,48 @@ bool ConvertKey(const char* user, const uint8_t ed25519[MQC_KEY_BYTES], uint8_t 
   return converted || Fail(error, kNoSealing, user);  // GCOVR_EXCL_BR_LINE: the ring takes no such key
 }
 
+void FillOpener(Opener* own, const MqcSigner& signer) {
+  memcpy(own->user, signer.user, sizeof(own->user));
+  own->until = signer.until;
+  crypto_sign_ed25519_sk_to_curve25519(own->secret, signer.secret);
+  crypto_scalarmult_base(own->x25519, own->secret);
+}
+
+// The user that a message is sealed for.
+struct Recipient {
+  char user[kUserField + 1] = {};
+};
+
+bool ReadRecipient(const uint8_t* seal, Recipient* recipient, ErrorText error) {
+  memcpy(recipient->user, seal, kUserField);
+  return (IsUser(recipient->user) && IsFieldOf(recipient->user, seal)) ||
+         Fail(error, "the user that it is sealed for is not valid");
+}
+
 // Copies the opener to *copy, unless copy is null. False with the reason when there is none for the seal's user.
 bool FindOpener(const uint8_t* seal, int64_t now, Opener* copy, ErrorText error) {
-  char user[kUserField + 1] = {};
-  memcpy(user, seal, kUserField);
-  if (!IsUser(user) || !IsFieldOf(user, seal)) return Fail(error, "the user that it is sealed for is not valid");
+  Recipient recipient;
+  if (!ReadRecipient(seal, &recipient, error)) return false;
+  const char* const user = recipient.user;
   const Locked locked(kLockOpener);
   if (opener == nullptr) return Fail(error, "sealed for %s, and no key to open it is set", user);
   if (strcmp(opener->user, user) != 0) return Fail(error, "sealed for %s, this reader is %s", user, opener->user);
   if (now > opener->until) return Fail(error, "the key of user %s ended on %s", user, DateOf(opener->until).text);
   if (copy != nullptr) *copy = *opener;
   return true;
+}
+
+bool Decrypt(const Opener& own, uint8_t* message, uint32_t length, Bound bound, ErrorText error) {
+  Wiped<Derivation> derivation;
+  const uint8_t* const seal = message + length;
+  const Additional additional = AdditionalOf(bound, seal);
+  const bool opened = Derive(&*derivation, own.secret, seal + kAtEphemeral, seal + kAtEphemeral, own.x25519) &&
+                      crypto_aead_xchacha20poly1305_ietf_decrypt_detached(
+                          message, nullptr, message, length, seal + kAtTag, additional.bytes, sizeof(additional),
+                          bound.nonce, derivation->key) == 0;
+  if (opened) return true;
+  sodium_memzero(message, length);
+  return Fail(error, "the seal is broken, or was made for another key of user %s", own.user);
 }
 
 }  // namespace
@@ -156,15 +187,19 @@ bool CheckSeal(const uint8_t* seal, int64_t now, ErrorText error) {
 
 bool Open(uint8_t* message, uint32_t length, Bound bound, int64_t now, ErrorText error) {
   Wiped<Opener> own;
-  Wiped<Derivation> derivation;
-  const uint8_t* const seal = message + length;
-  const Additional additional = AdditionalOf(bound, seal);
-  if (!FindOpener(seal, now, &*own, error)) return false;  // it may have been replaced since CheckSeal
-  const bool opened = Derive(&*derivation, own->secret, seal + kAtEphemeral, seal + kAtEphemeral, own->x25519) &&
-                      crypto_aead_xchacha20poly1305_ietf_decrypt_detached(
-                          message, nullptr, message, length, seal + kAtTag, additional.bytes, sizeof(additional),
-                          bound.nonce, derivation->key) == 0;
-  return opened || Fail(error, "the seal is broken, or was made for another key of user %s", own->user);
+  if (!FindOpener(message + length, now, &*own, error)) return false;  // it may have been replaced since CheckSeal
+  return Decrypt(*own, message, length, bound, error);
+}
+
+bool OpenWith(const MqcSigner& signer, uint8_t* message, uint32_t length, Bound bound, ErrorText error) {
+  Recipient recipient;
+  if (!ReadRecipient(message + length, &recipient, error)) return false;
+  if (strcmp(signer.user, recipient.user) != 0) {
+    return Fail(error, "sealed for %s, the key is that of %s", recipient.user, signer.user);
+  }
+  Wiped<Opener> own;
+  FillOpener(&*own, signer);
+  return Decrypt(*own, message, length, bound, error);
 }
 
 }  // namespace mqc
@@ -191,10 +226,7 @@ int mqc_set_opener(const MqcSigner* signer) {
   if (signer != nullptr) {
     next = static_cast<Opener*>(AllocateSecret(sizeof(Opener), tags[kTagSigner]));
     if (next == nullptr) return 0;
-    memcpy(next->user, signer->user, sizeof(next->user));
-    next->until = signer->until;
-    crypto_sign_ed25519_sk_to_curve25519(next->secret, signer->secret);
-    crypto_scalarmult_base(next->x25519, next->secret);
+    FillOpener(next, *signer);
   }
   {
     const Locked locked(kLockOpener);

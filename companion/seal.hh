@@ -43,7 +43,11 @@ bool Seal(const MqcSigner& signer, const uint8_t x25519[MQC_KEY_BYTES], Bound bo
 // none. Nothing is decrypted: a seal that passes may be broken.
 bool CheckSeal(const uint8_t* seal, int64_t now, ErrorText error);
 
-// Decrypts a message of length bytes, which its seal follows, in place. After a failure nothing was decrypted.
+// Decrypts a message of length bytes, which its seal follows, in place. If the seal is broken, the message becomes
+// all zero.
 bool Open(uint8_t* message, uint32_t length, Bound bound, int64_t now, ErrorText error);
+
+// The same with the key of a signer, whether or not its last day is over.
+bool OpenWith(const MqcSigner& signer, uint8_t* message, uint32_t length, Bound bound, ErrorText error);
 
 }  // namespace mqc

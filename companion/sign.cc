@@ -171,7 +171,6 @@ bool CheckFresh(const SecureHeader& envelope, const uint8_t* trailer, ErrorText 
   }
   switch (RememberMessage(envelope.userId, trailer + kAtNonce, time, {now, window})) {
     case Replay::kNew:
-      memcpy(accepted_nonce, trailer + kAtNonce, kNonceBytes);
       return true;
     case Replay::kSeen:
       return Fail(error, "a replay: this message was accepted before");
@@ -217,7 +216,9 @@ const Form* Accept(const SecureHeader& envelope, const IoBuffer& part, const Pcf
   if (!CheckSignature(envelope, words, part.data, trailer, error) || !CheckFresh(envelope, trailer, error)) {
     return nullptr;
   }
-  return !form->IsSealed() || OpenSealed(envelope, words, raw.data, *plain, error) ? form : nullptr;
+  if (form->IsSealed() && !OpenSealed(envelope, words, raw.data, *plain, error)) return nullptr;
+  memcpy(accepted_nonce, trailer + kAtNonce, kNonceBytes);
+  return form;
 }
 
 // Writes the trailer except its signature.
@@ -291,6 +292,25 @@ int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* m
   }
   msg->raw.length = plain;
   return 1;
+}
+
+int mqc_open_captured(const MqcSigner* signer, uint8_t* message, uint32_t length, char* error, size_t size) {
+  const ErrorText text = {error, size};
+  Clear(text);
+  SecureHeader envelope;
+  if (length < kEnvelope) return Fail(text, "%u bytes are too short for an envelope", length);
+  memcpy(&envelope, message, kEnvelope);
+  if (!EnvelopeToNative(&envelope, text)) return 0;
+  const Form* const form = FormOf(envelope, text);
+  if (form == nullptr) return 0;
+  if (!form->IsSealed()) return Fail(text, "not sealed");
+  const uint32_t part = length - kEnvelope;
+  if (envelope.msgLength != part || part <= kHeader + form->Behind()) {
+    return Fail(text, "the envelope says %u bytes, there are %u", envelope.msgLength, part);
+  }
+  const uint8_t* const trailer = message + length - kTrailer;
+  const Words words = WordsOf(envelope);
+  return OpenWith(*signer, message + kEnvelope, part - form->Behind(), {words.bytes, trailer + kAtTime}, text);
 }
 
 int mqc_set_window(uint32_t seconds) {

@@ -22,7 +22,7 @@ class Arena {
   Arena(const Peer& peer, const Keys& keys, int port, double seconds, bool alone, std::function<uint64_t()> served)
       : peer_(peer), keys_(keys), port_(port), seconds_(seconds), alone_(alone), served_(std::move(served)) {}
 
-  // Pauses. False when the time is over and a newcomer was served after it; without one a fault is added.
+  // Pauses. False once the time is over and the server still serves newcomers; adds a fault if it does not.
   bool Goes(double pause) {
     Sleep(pause);
     if (IsInterrupted() || alone_) return false;
@@ -36,7 +36,7 @@ class Arena {
     return false;
   }
 
-  // Begins a turn with new sockets: true the first time, then as Goes.
+  // Begins a turn with new sockets. True the first time; later calls pause and return what Goes returns.
   bool Begins(int receiveBuffer = 0) {
     if (begun_ && !Goes(0.001)) return false;
     begun_ = true;
@@ -45,7 +45,7 @@ class Arena {
     return true;
   }
 
-  // Replaces closed sockets and fills up to the size of the crowd.
+  // Replaces closed sockets, up to the size of the crowd.
   void Fill(int receiveBuffer = 0) {
     std::erase_if(bares, [](const Bare& bare) { return !bare.is_open(); });
     while (bares.size() < (alone_ ? 1 : peer_.crowd)) bares.emplace_back(port_, datagrams(), receiveBuffer);
@@ -108,7 +108,7 @@ class Arena {
 
   std::vector<Bare> bares;
   std::vector<std::string> faults;
-  Seen seen{};  // by the first one
+  Seen seen{};  // what the first peer observed
 
  private:
   const Peer& peer_;

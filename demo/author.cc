@@ -12,7 +12,7 @@
 namespace demo {
 namespace {
 
-constexpr uint32_t kBytes = 2;                                      // a parameter
+constexpr uint32_t kBytes = 2;                                      // parameter id
 constexpr const char* kForm = "client %u, session %u, message %u";  // begins each text
 constexpr size_t kMostText = 400;
 constexpr uint32_t kSmall = 1024;
@@ -44,7 +44,7 @@ Author::Author(uint64_t seed) : seed_(seed), pool_(kLargest + (1 << 20)), letter
   for (char& letter : letters_) letter = static_cast<char>('a' + dice.Below(26));
 }
 
-// Every message has a text that begins with its place; most have bytes, too, and some have many small parameters.
+// Every message has a text that begins with its place. Most also have bytes, some have many small parameters.
 bool Author::Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const {
   Dice key(seed_ ^ (uint64_t{place.client} << 32 | place.session));
   Dice dice(key.Next() ^ place.number);

@@ -1,5 +1,5 @@
 // author.hh - the content of every honest message. It is computed from the client and the number, so that a receiver
-// can check, without stored messages, that one is complete, unchanged, not repeated and in order.
+// can detect lost, changed, repeated and reordered messages without storing any.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace demo {
 
-// Random numbers from a key, the same on every machine.
+// Random numbers from a seed, the same on every machine.
 class Dice {
  public:
   explicit Dice(uint64_t key) : state_(key) {}
@@ -22,7 +22,7 @@ class Dice {
   uint64_t state_;
 };
 
-// The place of a message: a client has one session (connection) after the other, and numbers the questions of each.
+// The place of a message: a client has one session (connection) after another and numbers its questions in each.
 struct Place {
   uint32_t client = UINT32_MAX;
   uint32_t session = 0;
@@ -38,7 +38,7 @@ class Author {
  public:
   explicit Author(uint64_t seed);
 
-  // Writes the question of this place, or its answer. textOnly: only the text. False if memory is out.
+  // Writes the question of this place, or its answer. textOnly: only the text. False if out of memory.
   bool Write(mqnode::MessageRef msg, uint32_t command, const Place& place, bool isLarge, bool textOnly) const;
 
   // Compares a message with the expected one, byte by byte. Returns the difference, empty if there is none.
@@ -46,7 +46,7 @@ class Author {
   std::string Compare(mqnode::MessageRef got, uint32_t command, const Place& place, bool isLarge, bool textOnly,
                       bool marked);
 
-  // The place that a message states; the default if it states none.
+  // The place that a message states; the default value if it states none.
   static Place PlaceOf(mqnode::MessageRef msg);
 
  private:

@@ -97,7 +97,7 @@ Bare::Bare(int port, bool datagrams, int receiveBuffer)
   const sockaddr_in server = AddressOf(INADDR_LOOPBACK, port);
   auto* const generic = reinterpret_cast<sockaddr*>(&here);
   socklen_t size = sizeof here;
-  const int late = 1;  // the port is chosen at connect: more ports are available then
+  const int late = 1;  // chooses the port at connect, which makes more ports available
   setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof late);
   if (receiveBuffer != 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   if (bind(fd_, generic, sizeof here) != 0 ||
@@ -118,7 +118,7 @@ Bare& Bare::operator=(Bare&& other) noexcept {
   return *this;
 }
 
-// Whether a call moved bytes. Closes a connection that has ended.
+// True if a call moved bytes. Closes a connection that has ended.
 bool Bare::Took(ssize_t count) {
   if (count > 0) return true;
   if (count == 0 || (errno != EAGAIN && errno != EINPROGRESS && errno != ENOTCONN)) Close();

@@ -1,4 +1,4 @@
-// bare.hh - plain sockets and the bytes of messages, for peers that break the rules; a node would prevent that.
+// bare.hh - plain sockets and raw messages, for peers that break rules that a node would enforce.
 #pragma once
 
 #include <sys/types.h>
@@ -24,14 +24,14 @@ struct Keys {
 // Generates the keys and adds the public ones to the ring, which child processes inherit. Throws if that fails.
 Keys MakeKeys();
 
-// Shared with the examples: the commands, and the parameter with the text.
+// The protocol of the examples: the commands, and the parameter with the text.
 enum Command : uint32_t { kQuestion = 1, kAnswer = 2 };
 constexpr uint32_t kText = 1;
 
-// The bytes of a question of the hostile user, with a text of this length.
+// A question of the hostile user, with a text of this length.
 Bytes Question(size_t length);
 
-// A question that names user, signed with a secret key, with a time so many seconds from now.
+// A question that names user, signed with a secret key and dated this many seconds from now.
 Bytes SignedQuestion(const char* user, const uint8_t* secret, int seconds = 0);
 
 // A connection or a datagram socket, non-blocking.
@@ -43,16 +43,16 @@ class Bare {
   Bare(Bare&& other) noexcept;
   Bare& operator=(Bare&& other) noexcept;
 
-  static constexpr size_t kTurn = 1 << 20;  // bytes that one peer moves at most in its turn
+  static constexpr size_t kTurn = 1 << 20;  // most bytes that a peer moves in its turn
 
   bool is_open() const { return fd_ >= 0; }
   size_t sent() const { return sent_; }
   size_t received() const { return received_; }
   int port() const { return port_; }  // local, after connecting
 
-  // Continues to send these bytes in a loop: at most this many, and as many as the socket accepts now.
+  // Sends these bytes in a loop, from where the last call stopped: at most this many, and what the socket accepts now.
   void Send(const Bytes& bytes, size_t most);
-  // The same until this many bytes were sent in total. True once they were.
+  // Likewise, until this many bytes were sent in total. True once they were.
   bool SendUntil(const Bytes& bytes, size_t total);
   void SendOutOfBand();
   // Sends received bytes back. True if there were any.

@@ -42,7 +42,7 @@ void Cut(int fd, Line* line) {
   ++line->tally->at(kCut);
 }
 
-// Whether no bytes move now; errno has the reason.
+// True if no bytes can move now; errno has the reason.
 bool Stops(int fd, Line* line) {
   if (!line->cut && line->untilCut == 0) Cut(fd, line);
   if (line->cut) {

@@ -1,6 +1,6 @@
 // chaos.hh - simulates a bad network for the sockets of this process: partial sends and receives, stalls, connections
-// cut at any byte, lost and repeated datagrams. It defines send, sendto and recvfrom, which the library calls instead
-// of the system's. Sockets that are not watched are not affected.
+// cut at any byte, lost and repeated datagrams. It defines send, sendto and recvfrom, which the library then calls
+// instead of the system's. Sockets that are not watched are not affected.
 #pragma once
 
 #include <cstdint>

@@ -21,11 +21,11 @@
 namespace demo {
 namespace {
 
-// The signal that asked the program to end; 0 before. Shared with the children: only their parent gets the signal.
+// The signal that asked the program to end; 0 before. Shared with the children, as only their parent gets the signal.
 std::atomic<int>* interrupt;
 double interruptedAt;
 
-// One Ctrl-C may arrive twice, sent to the process and to its group: only a later signal ends the program at once.
+// Ctrl-C may arrive twice, sent to the process and to its group. Only a later signal ends the program at once.
 void OnInterrupt(int number) {
   if (*interrupt == 0) {
     *interrupt = number;

@@ -23,9 +23,9 @@ class Child {
 
   pid_t pid() const { return pid_; }
   bool HasEnded();
-  // How a child that has ended failed; empty if its exit code was 0.
+  // Describes how a child that has ended failed; empty if its exit code was 0.
   std::string Failure() const;
-  // Asks it to end and waits. Result as of Failure. At its exit the address sanitizer looks for leaks.
+  // Asks it to end, waits, and returns Failure(). The address sanitizer looks for leaks when the child exits.
   std::string Stop();
 
   std::string Log() const;
@@ -38,15 +38,14 @@ class Child {
   int status_ = 0;
 };
 
-// The companion's account of this process, without the blocks that remember accepted messages: their number grows up to
-// a limit.
+// The companion's memory in use, without the blocks that remember accepted messages, whose number grows up to a limit.
 MqcMemory MemoryInUse();
 
 // Memory, descriptors and processor time of a process.
 Usage UsageOf(pid_t pid);
 
-// Repeats done, with pauses, until it returns true. False after these seconds, which are ample even for a busy machine,
-// and when the program is interrupted.
+// Calls done, with pauses, until it returns true. False after this many seconds, which are ample even for a busy
+// machine, and when the program is interrupted.
 bool Await(const std::function<bool()>& done, double seconds = 30);
 
 // SIGINT and SIGTERM ask the program to end. A second one ends it at once, and its children with it.

@@ -2,8 +2,8 @@
 //
 // A client connects, asks a first question and, after the answer, waits until all clients of the run are connected.
 // Then it asks questions and compares the answers until its time is over, shuts its side down and waits for the server
-// to close. Only a few clients of a process connect at the same time, so that none waits long to be accepted. After the
-// chaos has cut a connection, the client connects again, as a new session.
+// to close. Only a few clients of a process connect at the same time, so that no client waits long to be accepted. When
+// chaos has cut a connection, the client reconnects with a new session.
 #include "demo/clients.hh"
 
 #include <fmt/format.h>
@@ -24,8 +24,8 @@ namespace {
 
 using namespace mqnode;
 
-constexpr double kGiveUpSeconds = 20;  // after this time an answer is taken as lost
-constexpr double kLateSeconds = 1;     // the same for an answer to a datagram
+constexpr double kGiveUpSeconds = 20;  // after which an answer counts as lost
+constexpr double kLateSeconds = 1;     // the same for a datagram
 constexpr double kLateInChaos = 0.05;
 constexpr double kLostSeconds = 5, kLostInChaos = 1.5;  // at the end
 constexpr double kCheckSeconds = 0.02;
@@ -46,13 +46,13 @@ struct Client {
   uint32_t number;
   State state = State::kIdle;
   Node node{};
-  int line = -1;  // the node's descriptor while chaos affects it; a failed node may have closed it
+  int line = -1;  // the node's descriptor, to stop the chaos on it; a failed node may have closed it
   uint32_t session = 0;
   uint32_t asked = 0;  // questions of this session
   uint32_t askedInAll = 0;
   std::deque<Owed> owed{};  // questions without an answer, oldest first
-  double turn = 0;          // when it asks next
-  double movedAt = 0;       // when the server last did something, or had nothing to do
+  double turn = 0;          // time of the next question
+  double movedAt = 0;       // time when the server last made progress, or owed nothing
 
   const Kind& kind() const { return kKinds[KindOf(number)]; }
 };
@@ -105,7 +105,7 @@ class Clients {
     }
   }
 
-  // One wait, and the reads and writes that are possible. The first of two events of a node may delete it.
+  // Waits once, and makes the reads and writes that are possible. The first of two events of a node may delete it.
   void Turn() {
     const Result ready = set_.wait(std::chrono::milliseconds(crowd_.pause != 0 ? 1 : 20));
     if (!ready && !ready.timed_out() && ready.code() != EINTR) self_.faults.Add(fmt::format("wait: {}", ready.name()));
@@ -183,7 +183,7 @@ class Clients {
     }
   }
 
-  // Asks what the window allows; leaves after the last answer. A datagram client stops waiting after a time.
+  // Asks what the window allows; leaves after the last answer. A datagram client gives up on answers after a time.
   void Continue(Client& client) {
     const bool datagrams = IsDatagram(client.kind().port);
     const double late = crowd_.chaos ? kLateInChaos : kLateSeconds;
@@ -242,11 +242,11 @@ class Clients {
 
   void OnAnswer(Client& client) {
     const bool datagrams = IsDatagram(client.kind().port);
-    // An answer as a datagram states its question, and may be a repeated one.
+    // An answer in a datagram states its question, and may be a repeated one.
     uint32_t number = client.owed.empty() ? client.asked : client.owed.front().number;
     if (datagrams) number = Author::PlaceOf(in_).number;
     const auto owed = std::ranges::find(client.owed, number, &Owed::number);
-    if (number >= client.asked) return Fail(client, "an answer to nothing");
+    if (number >= client.asked) return Fail(client, "an answer without a question");
     const Place place{client.number, client.session, number};
     const Command command = crowd_.echo == Echo::kSame ? kQuestion : kAnswer;
     const bool marked = datagrams && crowd_.echo != Echo::kAll;
@@ -272,8 +272,8 @@ class Clients {
     if (client.state == State::kTalking) crowd_.isNew ? Leave(client) : Continue(client);
   }
 
-  // A connection may end after the client's shutdown, or early if the chaos has cut it. In that case the last questions
-  // or answers are lost, and the node must have reported it.
+  // A connection may end after the client's shutdown, or early if chaos has cut it. In that case the last questions or
+  // answers are lost, and the node must have reported it.
   void OnEnd(Client& client, const Result& result, const char* doing) {
     const bool isCut = ForgetLine(std::exchange(client.line, -1));
     const bool isGone = result.peer_gone() || result.cause() == ECONNRESET || result.cause() == EPIPE;
@@ -290,7 +290,7 @@ class Clients {
     if (isAgain) Connect(client);
   }
 
-  // Closing now could discard bytes that the server has not read. After the shutdown the server reads all and closes.
+  // Closing now could discard bytes that the server has not read. After a shutdown it reads everything and closes.
   void Leave(Client& client) {
     if (IsDatagram(client.kind().port)) return Finish(client);
     client.state = State::kLeaving;
@@ -312,7 +312,7 @@ class Clients {
     left_ -= isDone;
   }
 
-  // Fails clients that wait too long; asks again after lost datagrams.
+  // Fails clients that have waited too long; asks again after lost datagrams.
   void Check(double now) {
     checkedAt_ = now;
     for (Client& client : clients_) {
@@ -342,7 +342,7 @@ class Clients {
   // Measures this process and the server while this process has no node.
   void Measure() {
     Await([this] { return shared_.server.connected == 0; });
-    Sleep(0.3);  // the server has updated its own figures
+    Sleep(0.3);  // until the server has updated its own figures
     malloc_trim(0);
     const MqcMemory memory = MemoryInUse();
     const auto measure = [](pid_t pid, uint64_t blocks, uint64_t bytes) -> Rest {
@@ -372,7 +372,7 @@ class Clients {
   bool going_ = false;
   bool isWarm_ = false;
   const double firstAt_ = Now();
-  double talked_ = 0;  // seconds, in the rounds before
+  double talked_ = 0;  // seconds, in earlier rounds
   double beganAt_ = 0, endsAt_ = 0, checkedAt_ = 0;
 };
 

@@ -25,8 +25,7 @@ struct Crowd {
   bool plainAnswers = false;  // also to signed questions
 };
 
-// Returns the exit code of the process: 0 if all clients got all answers. The tally's faults have the reasons
-// otherwise.
+// Returns the exit code of the process: 0 if all clients got all answers, else the faults of its tally say why not.
 int RunClients(const Crowd& crowd, const Keys& keys);
 
 }  // namespace demo

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""cluster.py BUILD_DIR [OPTION ...] - the demonstration on "more than one machine", all on this one: three nats-servers,
-two bridges, three workers, many clients, and one of the servers is killed in the middle.
+"""cluster.py BUILD_DIR [OPTION ...] - the demonstration on "more than one machine", all on this one: three
+nats-servers, two bridges, three workers and many clients. One of the servers is killed in the middle.
 
 With --soak, something is killed every few seconds and started again: a server, a bridge or a worker. Other clients then
 store numbered messages in a stream with three replicas, which are counted at the end.
@@ -22,7 +22,7 @@ from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, make_cluste
 
 
 class Client(threading.Thread):
-    """Asks one question after another. What is not answered is asked again, at another bridge if one is lost."""
+    """Asks one question after another. Repeats unanswered ones, through another bridge if the connection is lost."""
 
     def __init__(self, name, ports, right, pause):
         super().__init__(daemon=True)
@@ -93,7 +93,7 @@ class World:
         return lambda: self.workers.update({name: worker(random.choice(self.servers), name)})
 
     def stir(self):
-        """Until the time is over. In the demonstration one server is killed in the middle and does not come back."""
+        """Kills processes until the time is over. The demonstration kills one server, which stays dead."""
         if not self.options.soak:
             time.sleep(self.options.seconds / 2)
             self.kill_server()
@@ -137,7 +137,7 @@ def main():
     parser.add_argument("build")
     parser.add_argument("--clients", type=int, default=200, help="clients of each kind (200)")
     parser.add_argument("--seconds", type=float, default=8, help="length of the demonstration (8)")
-    parser.add_argument("--soak", type=float, metavar="SECONDS", help="kill and start again for so long")
+    parser.add_argument("--soak", type=float, metavar="SECONDS", help="kill and restart processes for this long")
     options = parser.parse_args()
     if missing():
         sys.exit("run: no " + missing())

@@ -38,6 +38,12 @@ void AddRange(CLI::App* app, const char* name, Value* value, Value least, Value 
   app->add_option(name, *value, what)->check(CLI::Range(least, most))->capture_default_str();
 }
 
+void AddEngine(CLI::App* app, Options* options) {
+  app->add_option("--server", options->engine, "what the server runs on: one wait over all nodes, or an event loop")
+      ->check(CLI::IsMember(Engines()))
+      ->capture_default_str();
+}
+
 void DescribeDemo(CLI::App* app, Options* options) {
   app->description(
       "Demonstration: one server process with one thread serves hundreds of clients at once, plain and signed, TCP "
@@ -48,6 +54,7 @@ void DescribeDemo(CLI::App* app, Options* options) {
   AddRange(app, "--processes", &options->processes, 1u, kMostProcesses, "processes that run the clients");
   AddRange(app, "--messages", &options->messages, 0u, 1000000u, "limit of questions per client (0: none)");
   AddRange(app, "--seconds", &options->seconds, 1.0, 60.0, "how long the clients ask");
+  AddEngine(app, options);
   app->add_flag("--honest-only", options->honestOnly, "no rogues");
   app->footer(
       fmt::format("Exit code: 0 both ends agree, 1 they do not, 2 the demonstration could not be run.\n{}"
@@ -59,6 +66,7 @@ void DescribeSoak(CLI::App* app, Options* options) {
   AddRange(app, "--clients", &options->clients, 6u, kMostClients, "honest clients");
   AddRange(app, "--seconds", &options->seconds, 1.0, 604800.0, "duration, in rounds of a tenth of it and at most 30 s");
   AddRange(app, "--rate", &options->rate, 1.0, 1e6, "messages per second, of all clients together");
+  AddEngine(app, options);
   app->add_option("--seed", options->seed, "of all content and of the network; random by default");
   app->footer(fmt::format(
       "Exit code: 0 every message is accounted for, and memory and descriptors have not grown; 1 otherwise;\n"
@@ -91,8 +99,8 @@ void RaiseDescriptorLimit(rlim_t needed) {
 
 void Prepare(rlim_t descriptors) {
   signal(SIGPIPE, SIG_IGN);
-  unsetenv("TEVRA_HOME");  // with it every node would start a shell to find the name of this program
-  // The address sanitizer keeps released memory for a while: little of it, so that the servers' own memory shows.
+  unsetenv("TEVRA_HOME");  // or every node would start a shell to find the name of this program
+  // The address sanitizer delays the release of memory. A small quarantine keeps the servers' own memory visible.
   const char* const set = getenv("ASAN_OPTIONS");
   setenv("ASAN_OPTIONS", fmt::format("{}:quarantine_size_mb=1", set != nullptr ? set : "").c_str(), 1);
   RaiseDescriptorLimit(descriptors);

@@ -1,4 +1,4 @@
-// peers.cc - each way to break the rules is a function over non-blocking sockets, or the bytes of one message.
+// peers.cc - each peer that breaks the rules is a function over non-blocking sockets, or a broken message.
 // Not here: the honest clients (clients.cc), the verdict on the server (verdict.cc, siege.cc).
 #include "demo/peers.hh"
 
@@ -81,7 +81,7 @@ void SendBroken(Arena& arena) {
   }
 }
 
-// The system may drop some.
+// The system may drop some datagrams.
 void SendBrokenDatagrams(Arena& arena) {
   const Bytes bytes = arena.peer().message(arena.keys());
   arena.Fill();
@@ -124,14 +124,14 @@ void NeverFinish(Arena& arena) {
 
 void NeverSpeak(Arena& arena) {
   arena.Fill();
-  arena.Await("clients that never speak are not dropped, though others want their places", [&] {
+  arena.Await("silent clients are not dropped for new ones", [&] {
     for (Bare& bare : arena.bares) bare.Receive();
     return arena.Open() < arena.bares.size() * 4 / 5;
   });
   while (arena.Goes(0.001)) continue;
 }
 
-// Each asks about twice a second. Connecting takes a while: the system retries when the server's accept queue is full.
+// Each asks about twice a second. Connecting may take long: the system retries while the server's accept queue is full.
 void AskAndStay(Arena& arena) {
   const Bytes question = Question(kSmall);
   const double least = Now() + 4;
@@ -205,7 +205,7 @@ void SendGiants(Arena& arena) {
   size_t most = 0;
   do {
     arena.Fill();
-    arena.Await("a giant is taken in", [&] {
+    arena.Await("a message beyond the limit is accepted", [&] {
       for (Bare& bare : arena.bares) {
         bare.Send(giant, Bare::kTurn);
         most = std::max(most, bare.sent());
@@ -213,10 +213,10 @@ void SendGiants(Arena& arena) {
       return arena.Open() == 0 || most > (32u << 20);
     });
   } while (arena.Goes(0.001) && most <= (32u << 20));
-  if (most > (32u << 20)) arena.faults.push_back("the server takes in half of a message of 60 MiB");
+  if (most > (32u << 20)) arena.faults.push_back("the server received half of a message of 60 MiB");
 }
 
-// One user signs more messages than a server remembers, dated as late as the server accepts.
+// One user signs more messages than a server can remember, dated as late as the server accepts.
 void Hoard(Arena& arena) {
   constexpr size_t kMessages = 270000;
   arena.Fill();
@@ -233,13 +233,13 @@ void Hoard(Arena& arena) {
 
 // ---- Disconnects and the rest ----
 
-// How far a peer goes before it leaves: half a body, nothing, half a header, a question, many questions.
+// How many bytes a peer sends before it leaves: half a question, nothing, half a header, a question, many questions.
 size_t HowFar(size_t state, size_t question) {
   const size_t lengths[] = {question / 2, 0, sizeof(MsgHeader) / 2, question, 64 * question};
   return lengths[state % std::size(lengths)];
 }
 
-// The pauses grow: the first peers leave before the server has read their bytes, the last ones after that.
+// The pauses grow: the first peers leave before the server has read their bytes, the last ones afterwards.
 void LeaveInEveryState(Arena& arena, void (Bare::*leave)()) {
   const Bytes question = Question(kLarge);
   for (double pause = 0.001; arena.Begins(kSmallBuffer); pause = std::min(pause * 2, 0.1)) {
@@ -278,7 +278,7 @@ void SendOutOfBandBytes(Arena& arena) {
   });
   for (Bare& bare : arena.bares) bare.SendOutOfBand();  // once: a second byte would replace one that was not read
   arena.AwaitSent(question, 2 * question.size());
-  arena.Await("a byte out of band spoils a message", [&] { return arena.AllHave(2 * question.size()); });
+  arena.Await("an out-of-band byte corrupts a message", [&] { return arena.AllHave(2 * question.size()); });
   for (Bare& bare : arena.bares) bare.SendOutOfBand();  // the last byte
   while (arena.Goes(0.001)) continue;
 }
@@ -311,7 +311,7 @@ void SendGarbageDatagrams(Arena& arena) {
   }
 }
 
-// As another server would after a datagram with a forged sender address.
+// Does what another server would do after a datagram with a forged sender address.
 void MirrorAnswers(Arena& arena) {
   const Bytes question = Question(kSmall);
   size_t mirrored = 0;
@@ -359,7 +359,7 @@ constexpr Peer Crowd(const char* name, Port port, const char* says, void (*act)(
   return {name, port, says, act, nullptr, 0, nullptr, crowd, attack, mqcat, descriptors};
 }
 
-// A rogue of the demonstration that is also an attack.
+// A rogue of the demonstration that is also used as an attack.
 constexpr Peer Both(const char* does, size_t answers, Peer peer) {
   peer.does = does;
   peer.answers = answers;

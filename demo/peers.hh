@@ -1,4 +1,4 @@
-// peers.hh - the table of honest, rogue and attacking peers, with the line that a server logs about each.
+// peers.hh - the table of honest, rogue and attacking peers, and of what a server logs about each.
 #pragma once
 
 #include <sys/resource.h>
@@ -45,14 +45,14 @@ constexpr const char* kHonestOnly = "honest_only";  // no attack: the baseline, 
 
 class Arena;
 
-// A peer that breaks the rules: one as a rogue of the demonstration, many at the same time as an attack.
+// A peer that breaks the rules: alone as a rogue of the demonstration, in a crowd as an attack.
 struct Peer {
   const char* name;
   Port port;
   const char* says;  // logged by the server when it drops the peer; empty if it must serve it
   void (*act)(Arena& arena);
   const char* does = nullptr;                    // as a rogue; null: not a rogue
-  size_t answers = 0;                            // that a rogue gets
+  size_t answers = 0;                            // that a rogue receives
   Bytes (*message)(const Keys& keys) = nullptr;  // the broken message that it sends
   size_t crowd = 0;                              // how many attack
   const char* attack = nullptr;                  // what the crowd does; null: not an attack

@@ -10,14 +10,14 @@
 namespace demo {
 namespace {
 
-// 1234567 as 1,234,567.
+// Formats 1234567 as 1,234,567.
 std::string Grouped(uint64_t number) {
   std::string text = fmt::to_string(number);
   for (size_t at = text.size(); at > 3; at -= 3) text.insert(at - 3, 1, ',');
   return text;
 }
 
-std::string Mib(uint64_t bytes) { return fmt::format("{:.1f}", static_cast<double>(bytes) / (1 << 20)); }
+std::string Mib(auto bytes) { return fmt::format("{:.1f}", static_cast<double>(bytes) / (1 << 20)); }
 
 // Builds the text, line by line.
 class Text {
@@ -106,8 +106,9 @@ class Text {
     for (const int i : {0, 1}) {
       const Rest& warm = worker.warm[i];
       const Rest& last = worker.last[i];
-      Line("  {:<16}{} blocks in use after warm-up and {} at the end; {} and {} descriptors",
-           i == 0 ? "clients" : "server", warm.blocks, last.blocks, warm.descriptors, last.descriptors);
+      Line("  {:<16}{} blocks in use after warm-up and {} at the end; {} and {} descriptors; {} and {} MiB unaccounted",
+           i == 0 ? "clients" : "server", warm.blocks, last.blocks, warm.descriptors, last.descriptors,
+           Mib(warm.unexplained), Mib(last.unexplained));
     }
   }
 

@@ -1,4 +1,4 @@
-// report.hh - the text of a run's results. No line is wider than 100 columns, except for faults.
+// report.hh - formats the results of a run. Lines are at most 100 columns wide, except for faults.
 #pragma once
 
 #include <span>

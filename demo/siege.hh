@@ -19,7 +19,8 @@ struct Target {
   std::vector<std::string> arguments;  // kRing: the path of a file with the keys of both users; kCluster: see there
   Echo echo;
   bool isMqcat = false;
-  double seconds = 0;  // that an attack takes at least
+  double seconds = 0;           // that an attack takes at least
+  const char* engine = "node";  // of this program's own server
 };
 
 std::span<const Target> Targets();
@@ -33,7 +34,7 @@ struct Trial {
   SharedPtr shared = MakeShared();
 };
 
-// Whether an attack applies to a server.
+// True if an attack applies to a server.
 bool IsFor(const Peer& peer, const Target& target);
 
 // The honest clients of a trial: one keeps its connection, the other makes a new one for each question.

@@ -1,7 +1,7 @@
 // tally.hh - memory shared by the processes of a run: flags, and the counts of each process.
 //
-// Every tally is written by one process. Atomic counters may be read during the run, the rest after that process has
-// ended.
+// Every tally is written by one process. Atomic counters may be read during the run, the others only after that process
+// has ended.
 #pragma once
 
 #include <atomic>
@@ -39,9 +39,9 @@ enum Count {
   kLost,       // questions without an answer: the connection was cut or a datagram lost
   kAgain,      // repeated datagrams
   kRefused,    // datagrams refused by the server
-  kSent,       // bytes of messages, without envelope and signature
+  kSent,       // bytes of messages, without envelope and signature trailer
   kReceived,
-  kCut,  // connections; this and the following by the chaos
+  kCut,  // connections; this and the following are effects of the chaos
   kDropped,
   kDoubled,
   kShort,   // partial sends and receives
@@ -49,7 +49,7 @@ enum Count {
   kCounts
 };
 
-// The part of a run in which a round trip ended: before, during and after an attack; before and among the rogues.
+// The phase of a run in which a round trip ended: before, during and after an attack; before and among the rogues.
 enum Phase { kBefore, kDuring, kAfter, kPhases };
 
 struct Tally {
@@ -128,7 +128,7 @@ struct Shared {
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "atomics between processes must not need a lock");
 
-// Zeroed memory, unmapped with the pointer. Throws if memory is out. Untouched pages take none.
+// Zeroed memory, unmapped with the pointer. Throws if out of memory. Untouched pages use no memory.
 using SharedPtr = std::unique_ptr<Shared, void (*)(Shared*)>;
 SharedPtr MakeShared();
 

@@ -1,4 +1,4 @@
-// verdict.cc - compares what both ends of a run counted.
+// verdict.cc - checks the counts of both ends of a run against each other.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 namespace demo {
 namespace {
 
-constexpr int64_t kMostGrowth = 16 << 20;  // resident bytes beyond the account, which a heap may keep
+constexpr int64_t kMostGrowth = 16 << 20;  // resident bytes beyond the companion's account, which the heap may keep
 
 class Verdict {
  public:
@@ -16,7 +16,7 @@ class Verdict {
       : options_(options), outcome_(*outcome), shared_(*outcome->shared), server_(shared_.server) {}
 
   void Judge() {
-    // If a process failed, its faults are the cause: the counts would only repeat it.
+    // If a process failed, its faults are the cause, and the counts would only repeat it.
     AddFaults(server_.faults);
     for (const Process& worker : shared_.workers) AddFaults(worker.faults);
     if (!outcome_.problems.empty()) return AddRemarks();
@@ -50,8 +50,8 @@ class Verdict {
     outcome_.problems.push_back(fmt::format("{}: {}: {}, expected {}", who, what, is, range));
   }
 
-  // On a connection that was not cut both ends count the same. Missing datagrams were dropped, repeated ones doubled,
-  // by the chaos or, in unknown directions, by the system.
+  // On a connection that was not cut, both ends have the same counts. Missing datagrams were dropped, and repeated ones
+  // doubled, by the chaos, or by the system in a direction that is not known.
   void CheckKind(size_t index) {
     const Kind& kind = kKinds[index];
     const Tally& server = server_.kinds[index];
@@ -77,7 +77,7 @@ class Verdict {
     cut_ += clients[kCut];
   }
 
-  // The server's log has the expected line about a rogue, or none if none is expected.
+  // Checks that the server has logged the expected line about a rogue, or none.
   void CheckRogue(const Peer& peer, const Seen& seen) {
     const auto remark = std::ranges::find(outcome_.remarks, seen.port, &Remark::port);
     const std::string says = remark != outcome_.remarks.end() ? remark->why : "";

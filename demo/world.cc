@@ -17,8 +17,8 @@ namespace demo {
 namespace {
 
 constexpr double kStartSeconds = 40;  // limit for listening and for connecting
-constexpr double kEndSeconds = 60;    // limit for the last answers, after the time that clients talk
-constexpr double kAloneShare = 0.5;   // of the time that clients talk: before the rogues come
+constexpr double kEndSeconds = 60;    // limit for the last answers, after the time of the questions
+constexpr double kAloneShare = 0.5;   // of the time of the questions: before the rogues come
 constexpr size_t kSpareGuests = 64;
 constexpr double kPatience = 2, kPatienceInSoak = 10;  // of the server, seconds
 
@@ -66,7 +66,7 @@ class World {
   void Stages() {
     const Limits limits{options_.clients + kSpareGuests, options_.soak ? kPatienceInSoak : kPatience, UINT32_MAX};
     children_.emplace_back(
-        "server", [&] { return RunServer(shared_, options_.seed, keys_, limits); }, true);
+        "server", [&] { return RunServer(shared_, options_.seed, keys_, limits, options_.engine); }, true);
     if (!WaitFor("the server listens", kStartSeconds, [this] { return shared_->ready.load(); })) return;
     const double connecting = Now();
     StartClients();
@@ -127,7 +127,7 @@ class World {
     }
   }
 
-  // False if a child failed, the time is over, or a signal came before all clients were connected; after that a signal
+  // False if a child failed, the time is over, or a signal came before all clients were connected. A later signal only
   // makes the clients finish.
   bool WaitFor(const char* what, double seconds, const std::function<bool()>& done) {
     for (const double end = Now() + seconds;; Sleep(0.02)) {

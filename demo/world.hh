@@ -1,9 +1,10 @@
-// world.hh - a run of one server and its honest clients: first alone, then among rogues; or through a bad network.
+// world.hh - a run of one server and its honest clients: first alone and then among rogues, or through a bad network.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "demo/server.hh"
 #include "demo/tally.hh"
 
 namespace demo {
@@ -17,6 +18,7 @@ struct Options {
   bool soak = false;  // rounds through a bad network, and no rogues
   double rate = 0;    // messages a second; 0: as fast as they can
   uint64_t seed = 0;
+  std::string engine = Engines().front();  // of the server
 };
 
 // A line of the server's log about a peer.
@@ -39,23 +41,23 @@ struct Outcome {
   double alone = 0;       // seconds until the rogues came; 0 without rogues
   bool hasRogues = false;
   bool interrupted = false;
-  uint64_t lostBySystem = 0;  // datagrams, of all programs
+  uint64_t lostBySystem = 0;  // datagrams, of all programs on the machine
   std::vector<Remark> remarks;
-  std::vector<std::string> problems;  // empty: the run was right
+  std::vector<std::string> problems;  // empty if the run succeeded
   std::vector<RogueResult> rogues;
 };
 
 #ifdef MQDEMO_INSTRUMENTED
-constexpr bool kInstrumented = true;  // most resident memory belongs to a sanitizer
+constexpr bool kInstrumented = true;  // a sanitizer accounts for most of the resident memory
 #else
 constexpr bool kInstrumented = false;
 #endif
 
-// Runs all processes to their end. Stops them if one fails or a deadline passes; a signal ends the run early, in order.
+// Runs all processes to their end. Stops them if one fails or a deadline passes; a signal makes them finish early.
 Outcome RunWorld(const Options& options);
 
-// Adds to the problems if messages were lost or changed, the two ends counted differently, the server dropped the wrong
-// peers, or memory or descriptors were not released.
+// Adds a problem for each message that was lost or changed, count that differs between the ends, peer that was wrongly
+// dropped, and memory or descriptor that was not released.
 void Judge(const Options& options, Outcome* outcome);
 
 // Adds up the clients' tallies of this kind, over all processes.

@@ -1,9 +1,9 @@
-// asio_client.cc - keeps a connection to a server in an Asio event loop. It asks the same question again and again,
-// which is its heartbeat: a server that does not answer in time is left. After each loss it connects anew, with pauses
-// that grow and are not the same for all clients, so that they do not all come back at once.
+// asio_client.cc - keeps a connection to a server in an Asio event loop. It asks the same question repeatedly, which
+// serves as a heartbeat: if the server does not answer in time, the client disconnects. It reconnects after each loss,
+// with growing, randomised pauses, so that clients do not all return at once.
 //   asio_client HOST SERVICE TEXT [COUNT [MSEC]]
-// COUNT: answers until it ends (3). MSEC: milliseconds between an answer and the next question, and for an answer
-// (1000).
+// COUNT: number of answers after which it ends (3). MSEC: time limit for an answer, and the pause between an answer and
+// the next question, in milliseconds (1000).
 #include <algorithm>
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
@@ -26,8 +26,8 @@ static constexpr milliseconds kLastPause = 30s;
 struct Client {
   Address address;
   const char* text;
-  int count;           // answers that are still to come
-  milliseconds every;  // between an answer and the next question, and for an answer
+  int count;           // answers still to receive
+  milliseconds every;  // time limit for an answer, and pause after it
   milliseconds pause = kFirstPause;
 };
 
@@ -36,18 +36,18 @@ static asio::awaitable<void> sleep_for(milliseconds time) {
   co_await timer.async_wait(asio::use_awaitable);
 }
 
-// One question and its answer.
+// Asks one question and reads the answer.
 static asio::awaitable<Result> ask(Client& client, const AsyncNode& node, MessageRef msg) {
   if (!msg.begin(COMMAND_ASK) || !msg.add(PARAM_TEXT, client.text)) co_return Result(0, ENOMEM, MQ_IN_SOCKET);
   Result result = co_await within(client.every, node.write(msg));
   if (result) result = co_await within(client.every, node.read(msg));
   if (!result || !print_answer(msg.get())) co_return result;
   --client.count;
-  client.pause = kFirstPause;  // not as soon as it is connected: a server may accept and close again
+  client.pause = kFirstPause;  // reset only here: a server may accept and close again
   co_return result;
 }
 
-// One connection, as long as it lasts.
+// Talks over one connection until it ends.
 static asio::awaitable<Result> talk(Client& client, MessageRef msg) {
   const AsyncNode node(co_await asio::this_coro::executor, Node::connector(client.address));
   Result result = node.status();

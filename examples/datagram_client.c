@@ -1,4 +1,5 @@
-/* datagram_client.c - send a text in a datagram and print the answer. Datagrams get lost, so it asks up to three times.
+/* datagram_client.c - send a text in a datagram and print the answer. As datagrams may be lost, it asks up to three
+ * times.
  *   datagram_client HOST SERVICE TEXT */
 #include "example.h"
 

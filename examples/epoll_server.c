@@ -1,6 +1,6 @@
-/* epoll_server.c - answers many clients in a loop of its own around epoll, until it is ended.
+/* epoll_server.c - answers many clients in an epoll loop of its own, until it is killed.
  *   epoll_server HOST SERVICE
- * Service 0 lets the kernel pick a port; the port is printed. This example shows the calls alone: mqnode/server.h,
+ * Service 0 lets the kernel choose a port, which is printed. This example only shows the calls: mqnode/server.h,
  * mqnode/uv.h and mqnode/asio.hpp also limit the time, the memory and the number of clients. */
 #include <signal.h>
 #include <sys/epoll.h>
@@ -12,25 +12,26 @@ enum { EVENTS = 64, ACCEPTS = 32 };
 static int epoll;
 static PcfMessage *in, *out;
 
-/* Waits until a queued answer can be sent, or for a question if none is queued: a client that does not take its answers
- * cannot ask more. */
+/* Waits for space in the socket while answers are queued, else for a question: a client that does not read its
+ * answers cannot ask more. */
 static int watch(MQNode* node, int operation) {
   struct epoll_event event = {.events = mnIsPendingIO(node) ? EPOLLOUT : EPOLLIN, .data = {.ptr = node}};
   return epoll_ctl(epoll, operation, node->sock.fd, &event) == 0;
 }
 
-/* Accepts a bounded number of connections; epoll reports those that are left again. */
+/* Accepts a bounded number of connections; epoll reports the remaining ones again. */
 static void accept_some(MQNode* listener) {
   SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
   for (int i = 0; i < ACCEPTS && mnOpen(listener); ++i) {
     MQNode* const node = listener->child;
-    if (node == NULL) return;                 /* no memory */
-    SetSocketOptions(&node->sock, &noLinger); /* the system sends what it has, also after DeleteMQNode */
+    if (node == NULL) return;                 /* out of memory */
+    SetSocketOptions(&node->sock, &noLinger); /* the system sends what it has after DeleteMQNode, too */
     if (!NoblockSocket(&node->sock) || !watch(node, EPOLL_CTL_ADD)) DeleteMQNode(node);
   }
 }
 
-/* Reads one message. A node never reads behind it, so epoll reports the next one. 0 when the node is to be deleted. */
+/* Reads one message. A node never reads beyond it, so epoll reports the next one. Returns 0 if the node must be
+ * deleted. */
 static int answer(MQNode* node) {
   MqcParam text;
   if (!mnRead(in, node)) return node->error == MQ_AGAIN;

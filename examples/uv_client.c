@@ -1,9 +1,9 @@
-/* uv_client.c - keeps a connection to a server in a libuv loop. It asks the same question again and again, which is its
- * heartbeat: a server that does not answer in time is left. After each loss it connects anew, with pauses that grow and
- * are not the same for all clients, so that they do not all come back at once.
+/* uv_client.c - keeps a connection to a server in a libuv loop. It asks the same question repeatedly, which serves as a
+ * heartbeat: if the server does not answer in time, the client disconnects. It reconnects after each loss, with
+ * growing, randomised pauses, so that clients do not all return at once.
  *   uv_client HOST SERVICE TEXT [COUNT [MSEC]]
- * HOST is an IP address: a name lookup would block the loop. COUNT: answers until it ends (3). MSEC: milliseconds to
- * wait for an answer, and after it before the next question (1000). */
+ * HOST is an IP address: a name lookup would block the loop. COUNT: number of answers after which it ends (3). MSEC:
+ * time limit for an answer, and the pause between an answer and the next question, in milliseconds (1000). */
 #include "mqnode/uv.h"
 
 #include <signal.h>
@@ -15,23 +15,23 @@ enum { FIRST_PAUSE_MSEC = 100, LAST_PAUSE_MSEC = 30000 };
 
 typedef struct Client {
   MqUv* uv;
-  MqUvNode* node; /* null while there is no connection */
+  MqUvNode* node; /* null when there is no connection */
   uv_timer_t timer;
   SockAddrRec addr;
   const char* text;
   PcfMessage* out;
-  long count; /* answers that are still to come */
+  long count; /* answers still to receive */
   int msec;
-  int asked; /* and not answered */
-  int pause; /* milliseconds before the next attempt to connect, at most */
+  int asked; /* a question has no answer yet */
+  int pause; /* milliseconds until the next connect, at most */
 } Client;
 
-/* Whatever the client waits for has not come in time. */
+/* Called when what the client waits for has not arrived in time. */
 static void on_timeout(uv_timer_t* timer);
 
 static void wait_for(Client* client, int msec) { uv_timer_start(&client->timer, on_timeout, (uint64_t)msec, 0); }
 
-/* Connects anew, after half of the pause to all of it. */
+/* Connects again after a random time between half of the pause and all of it. */
 static void reconnect(Client* client) {
   wait_for(client, client->pause / 2 + rand() % (client->pause / 2));
   client->pause = client->pause * 2 < LAST_PAUSE_MSEC ? client->pause * 2 : LAST_PAUSE_MSEC;
@@ -53,7 +53,7 @@ static void on_message(MqUvNode* node, PcfMessage* msg) {
     return;
   }
   client->asked = 0;
-  client->pause = FIRST_PAUSE_MSEC; /* not as soon as it is connected: a server may accept and close again */
+  client->pause = FIRST_PAUSE_MSEC; /* reset only here: a server may accept and close again */
   if (--client->count > 0) {
     wait_for(client, client->msec);
   } else {

@@ -1,7 +1,8 @@
 /* uv_server.c - answers many clients in a libuv loop, until SIGINT or SIGTERM.
  *   uv_server HOST SERVICE [CLIENTS [SECONDS]]
- * Service 0 lets the kernel pick a port; the port is printed. CLIENTS: most at once. SECONDS: how long a client may
- * stall within a message. mqnode/limits.h documents the other limits; dropped clients are logged on standard error. */
+ * Service 0 lets the kernel choose a port, which is printed. CLIENTS limits how many are connected at a time, SECONDS
+ * the time without progress within a message. mqnode/limits.h documents the other limits. Dropped clients are logged on
+ * standard error. */
 #include "mqnode/uv.h"
 
 #include <signal.h>
@@ -11,7 +12,7 @@
 
 static PcfMessage* out;
 
-/* Ten lines for each second at most: clients must not fill the disk. */
+/* At most ten lines a second, so that clients cannot fill the disk. */
 static void log_line(const char* what, const MqUvNode* node, const char* why) {
   static uint64_t second, lines;
   const uint64_t now = uv_hrtime() / 1000000000;
@@ -43,14 +44,14 @@ static const MqUvEvents events = {.on_message = answer, .on_lost = lost, .on_end
 
 static uv_signal_t signals[2];
 
-/* Ends the loop: without handles it has nothing to run for. */
+/* Ends the loop, which runs only while it has handles. */
 static void on_signal(uv_signal_t* handle, int number) {
   (void)number;
   mq_uv_finish(handle->data);
   for (int i = 0; i < 2; ++i) uv_close((uv_handle_t*)&signals[i], NULL);
 }
 
-/* Owns the listening node. */
+/* Takes ownership of the listening node. */
 static int serve(uv_loop_t* loop, MQNode* listener, const MqLoopLimits* limits) {
   MqUv* const uv = mq_uv_new(loop, limits);
   if (uv == NULL || IsNodeFailed(listener) || mq_uv_start(uv, listener, 0, &events, NULL) == NULL) {

@@ -1,8 +1,8 @@
-// worker.cc - answers questions that clients ask through mqbridge: one of any number of workers in a queue group, on
-// any machine. It needs neither nodes nor the library: a message is JSON.
+// worker.cc - answers questions that clients ask through mqbridge. Any number of workers, on any machines, form a queue
+// group. A worker needs neither nodes nor the library: messages are JSON.
 //   worker URL [NAME [COUNT]]
-// It answers command 1 with command 2 and the same text, parameter 1; parameter 2 is NAME (the process id): who
-// answered. COUNT: answers until it ends. SIGTERM and SIGINT end it; what it has begun is answered.
+// It answers command 1 with command 2, the same text (parameter 1) and its NAME (parameter 2; default: the process id).
+// COUNT: number of answers after which it ends. SIGTERM and SIGINT end it once it has answered the questions received.
 #include <nats/nats.h>
 #include <unistd.h>
 
@@ -19,11 +19,11 @@ using Json = nlohmann::json;
 
 volatile sig_atomic_t stop = 0;
 
-constexpr char kSubject[] = "mq.*.1";  // command 1 of any user, with the default of mqbridge in --subject
+constexpr char kSubject[] = "mq.*.1";  // command 1 of any user, under the default --subject of mqbridge
 constexpr char kGroup[] = "workers";
 constexpr int64_t kLookMsec = 200;
 
-// The text of a question; what is not a question has none and throws.
+// Returns the text of a question. Throws if the message is not a question.
 std::string TextOf(natsMsg* question) {
   const char* const data = natsMsg_GetData(question);
   const Json json = Json::parse(data, data + natsMsg_GetDataLength(question));
@@ -33,7 +33,7 @@ std::string TextOf(natsMsg* question) {
   throw std::runtime_error("a question has a text, parameter 1");
 }
 
-// A header Mq-Error in place of a body: the client gets the bridge's answer for errors.
+// On errors, a header Mq-Error replaces the body, and the bridge sends the client its own answer for errors.
 natsStatus Answer(natsConnection* connection, natsMsg* question, const std::string& name) {
   std::string body, error;
   try {
@@ -52,7 +52,7 @@ natsStatus Answer(natsConnection* connection, natsMsg* question, const std::stri
   return status;
 }
 
-// Until a signal, or the last of count answers. After a signal nothing new comes; what is here already is answered.
+// Works until a signal, or until count answers. After a signal, it only answers the questions that have arrived.
 natsStatus Work(natsConnection* connection, natsSubscription* subscription, const std::string& name, long count) {
   for (bool drained = false; count > 0;) {
     if (stop != 0 && !drained) drained = natsSubscription_Drain(subscription) == NATS_OK;
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
   natsStatus status = natsOptions_Create(&options);
   if (status == NATS_OK) status = natsOptions_SetURL(options, argv[1]);
   if (status == NATS_OK) status = natsOptions_SetMaxReconnect(options, -1);
-  if (status == NATS_OK) status = natsOptions_SetSendAsap(options, true);  // else an answer may wait a millisecond
+  if (status == NATS_OK) status = natsOptions_SetSendAsap(options, true);  // else an answer may be 1 ms late
   if (status == NATS_OK) status = natsConnection_Connect(&connection, options);
   if (status == NATS_OK) status = natsConnection_QueueSubscribeSync(&subscription, connection, kSubject, kGroup);
   if (status == NATS_OK) status = natsConnection_Flush(connection);

@@ -1,8 +1,8 @@
-/* uv.c - runs nodes in a libuv loop: one poll handle a node, one timer and one idle handle a loop.
- * Not here: what a node does when it is ready (mqnode/step.h), when a node is looked at (wheel.h).
- * Invariants: a node is watched for exactly what its step wants, set by settle at the end of each turn and each call.
- * close_node stops the watching before it closes the descriptor; the record stays until the poll handle's close
- * callback, which libuv runs later in the same turn of the loop, so that nothing above it on the stack loses it. */
+/* uv.c - runs nodes in a libuv loop: one poll handle per node, one timer and one idle handle per loop.
+ * Not here: what a node does when it is ready (mqnode/step.h), the timer wheel (wheel.h).
+ * Invariants: the poll handle waits for exactly what the node's step wants; settle ensures that at the end of each turn
+ * and each call. close_node stops the poll handle before it closes the descriptor. The record lives until the poll
+ * handle's close callback, which libuv runs later in the same turn of the loop, so callers up the stack may use it. */
 #include "mqnode/uv.h"
 
 #include <arpa/inet.h>
@@ -15,13 +15,13 @@
 _Static_assert((int)UV_READABLE == MQ_STEP_READABLE && (int)UV_WRITABLE == MQ_STEP_WRITABLE, "events are equal");
 
 enum {
-  AWAY_MSEC = 500,     /* a timer that is so late shows that the loop did not run */
-  CATCH_UP_MSEC = 100, /* for what has arrived meanwhile to be read */
+  AWAY_MSEC = 500,     /* a timer this late shows that the loop did not run */
+  CATCH_UP_MSEC = 100, /* to read what has arrived meanwhile */
   ORIGIN_LISTS = 256,
-  RETRY_MSEC = 1000 /* before accepting is tried again */
+  RETRY_MSEC = 1000 /* until the next attempt to accept */
 };
 
-/* A write whose end is to be told. */
+/* A write whose completion is to be reported. */
 typedef struct Completion {
   struct Completion* next;
   uint64_t number; /* of the write */
@@ -29,7 +29,7 @@ typedef struct Completion {
   void* argument;
 } Completion;
 
-/* An address with accepted nodes. */
+/* A peer address, with the number of its accepted nodes. */
 typedef struct Origin {
   Link member; /* of uv->origins */
   in_addr_t address;
@@ -47,9 +47,9 @@ struct MqUvNode {
   Link soon;      /* of uv->soon */
   Link timed;     /* of uv->wheel */
   int64_t tick;   /* of timed */
-  int64_t begun;  /* milliseconds: when it was accepted */
   Origin* origin; /* null unless it was accepted, and is open */
   int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
+  int turning;    /* 1: in on_poll, which ends with settle */
   int watching;   /* what the poll handle waits for */
   int owed;       /* answers that the application still has to write */
   int half;       /* 1: the peer has closed its side and waits for them */
@@ -65,14 +65,14 @@ struct MqUv {
   uv_timer_t timer;
   uv_idle_t idle;
   Wheel wheel;
-  int64_t armed; /* the tick that the timer is set for */
+  int64_t armed; /* tick that the timer is set for */
   int64_t away;  /* milliseconds in which the loop did not run */
-  int spared;    /* the timer was late the last time, and nodes were not judged */
+  int spared;    /* the timer was late the last time, so no node was timed out */
   Link nodes, listeners;
   Link origins[ORIGIN_LISTS];
-  Link soon; /* nodes with completions to tell of in the next turn */
+  Link soon; /* nodes with completions to report in the next turn */
   PcfMessage* in;
-  int count;    /* nodes whose on_end is still to come */
+  int count;    /* nodes whose on_end is pending */
   int accepted; /* open accepted nodes */
   int handles;  /* not closed yet */
   int leaving;  /* 1 after mq_uv_finish, 2 once everything is being released */
@@ -112,7 +112,7 @@ static void arm(MqUv* uv, int64_t tick) {
   uv_timer_start(&uv->timer, on_timer, delay > 0 ? (uint64_t)delay : 0, 0);
 }
 
-/* When a node has to be looked at again. */
+/* Time of the next look at a node. */
 static int64_t look_time(const MqUvNode* node) {
   const MqStep* const step = &node->step;
   int64_t at = WHEEL_NEVER;
@@ -123,18 +123,18 @@ static int64_t look_time(const MqUvNode* node) {
     return mq_step_wants(step) == 0 && again < node->until ? again : node->until;
   }
   if (!step->paused || step->node->pending != NULL) at = mq_step_deadline(step);
-  /* A large receive area is given back then. */
+  /* The area is released by a look. */
   return at == WHEEL_NEVER && step->node->recvBuffer.capacity > MQ_STEP_AREA ? at - 1 : at;
 }
 
-/* Ends a turn or a call: the node is watched, and looked at in time. One that is looked at too early costs little. */
+/* Ends a turn or a call: updates what is waited for and the next look. A look that is too early costs little. */
 static void settle(MqUvNode* node) {
   MqUv* const uv = node->uv;
-  if (node->step.phase == MQ_STEP_CLOSED) return;
+  if (node->step.phase == MQ_STEP_CLOSED || node->turning) return;
   mq_step_progress(&node->step, clock_of(uv));
   watch(node);
   const int64_t at = look_time(node);
-  if (at == WHEEL_NEVER) return;
+  if (at == WHEEL_NEVER || (node->timed.next != NULL && node->tick * WHEEL_TICK_MSEC <= at)) return;
   const int64_t now = clock_of(uv) / WHEEL_TICK_MSEC;
   if (uv->armed == WHEEL_NEVER && uv->wheel.first < now) uv->wheel.first = now;
   const int64_t tick = wheel_tick(&uv->wheel, at);
@@ -145,7 +145,7 @@ static void settle(MqUvNode* node) {
   if (tick < uv->armed) arm(uv, tick);
 }
 
-/* Accepts again after a node has gone. */
+/* Accepts again after a node was closed. */
 static void resume_listeners(MqUv* uv) {
   for (Link* link = uv->listeners.next; link != &uv->listeners; link = link->next) {
     MqUvNode* const listener = OWNER(MqUvNode, member, link);
@@ -164,7 +164,7 @@ static void tell_first(MqUvNode* node, int code) {
   free(completion);
 }
 
-/* Tells of the writes that were sent. */
+/* Reports the writes that were sent. */
 static void tell_sent(MqUvNode* node) {
   while (node->first != NULL && node->first->number <= node->written) tell_first(node, 0);
 }
@@ -189,7 +189,7 @@ static void on_node_closed(uv_handle_t* handle) {
 
 static Link* origins_like(MqUv* uv, in_addr_t address) { return &uv->origins[ntohl(address) % ORIGIN_LISTS]; }
 
-/* Counts an accepted node under its address. 0 without memory. */
+/* Counts an accepted node under its address. 0 if out of memory. */
 static int join_origin(MqUvNode* node) {
   MqUv* const uv = node->uv;
   const in_addr_t address = inet_addr(node->step.node->sock.name.ip);
@@ -237,7 +237,7 @@ static void close_node(MqUvNode* node, int code, const char* why) {
 
 /* ---- Writing ---- */
 
-/* Takes in what a flush has come to, also one within an end. A flush that fails drops the write it was at. */
+/* Accounts for the outcome of a flush, also of one in an end. A flush that fails drops the write it was at. */
 static void flushed(MqUvNode* node, int outcome) {
   const int dropped = outcome == MQ_STEP_LOST || outcome == MQ_STEP_FAILED;
   const uint64_t gone = mq_step_completed(&node->step);
@@ -284,19 +284,14 @@ static void begin_end(MqUvNode* node, int code) {
 
 static void read_failed(MqUvNode* node) {
   const int code = node->step.error;
-  const int cut = mq_step_is_cut(&node->step);
-  const int left = code == SOCK_PEER_CLOSED || code == ECONNRESET;
-  if (code == SOCK_PEER_CLOSED && !cut && node->owed > 0) {
+  const int left = code == SOCK_PEER_CLOSED && !mq_step_is_cut(&node->step);
+  if (left && node->owed > 0) {
     node->half = node->step.paused = 1;
-  } else if (code == SOCK_PEER_CLOSED && !cut) {
+  } else if (left) {
     begin_end(node, code);
     end_turn(node);
-  } else if (left && (cut || node->step.node->pending != NULL)) {
-    close_node(node, code, "left in the middle of a message, or before its answer");
-  } else if (left) {
-    close_node(node, code, NULL);
   } else {
-    close_node(node, code, code == EMSGSIZE ? "its message is too long" : mq_error_name(code));
+    close_node(node, code, mq_step_why(&node->step, code));
   }
 }
 
@@ -323,7 +318,7 @@ static void read_turn(MqUvNode* node) {
 
 /* ---- Accepting ---- */
 
-/* A node in the loop, with its poll handle; null without memory, the MQNode is still the caller's. */
+/* Adds a node with its poll handle. Null if out of memory; the MQNode is then still the caller's. */
 static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   MqUvNode* const node = (MqUvNode*)calloc(1, sizeof *node);
   if (node == NULL) {
@@ -331,8 +326,7 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
     return NULL;
   }
   node->uv = uv;
-  node->begun = clock_of(uv);
-  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, node->begun);
+  int begun = mq_step_begin(&node->step, mqnode, secure, &uv->limits, clock_of(uv));
   if (begun && is_listening(node)) begun = mq_step_listen(&node->step, uv->limits.backlog);
   int error = begun ? 0 : node->step.error;
   if (error == 0) error = -uv_poll_init(uv->loop, &node->poll, mqnode->sock.fd);
@@ -348,14 +342,6 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
   return node;
 }
 
-/* Whether a gives way before b: first by the number of nodes of its address, then those that were not accepted after
- * the time before, then by how long they have been quiet. */
-static int gives_way(const MqUvNode* a, const MqUvNode* b, int64_t before) {
-  if (a->origin->nodes != b->origin->nodes) return a->origin->nodes > b->origin->nodes;
-  if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
-  return a->step.since < b->step.since;
-}
-
 /* The accepted node that gives way to a newcomer, or null. One address can push out nodes of others only until it has
  * as many as they have. */
 static MqUvNode* choose(const MqUv* uv) {
@@ -363,13 +349,17 @@ static MqUvNode* choose(const MqUv* uv) {
   const int64_t before = clock_of(uv) - uv->limits.keptMsec;
   for (const Link* link = uv->nodes.next; link != &uv->nodes; link = link->next) {
     MqUvNode* const node = OWNER(MqUvNode, member, link);
-    if (node->origin != NULL && (chosen == NULL || gives_way(node, chosen, before))) chosen = node;
+    if (node->origin == NULL) continue;
+    if (chosen == NULL ||
+        mq_step_gives_way(&node->step, node->origin->nodes, &chosen->step, chosen->origin->nodes, before)) {
+      chosen = node;
+    }
   }
-  return uv->limits.keptMsec >= 0 && chosen != NULL && chosen->begun <= before ? chosen : NULL;
+  return uv->limits.keptMsec >= 0 && chosen != NULL && chosen->step.begun <= before ? chosen : NULL;
 }
 
 static void give_way(MqUvNode* node) {
-  if (node != NULL) close_node(node, ECONNABORTED, "its place is needed");
+  if (node != NULL) close_node(node, ECONNABORTED, mq_step_why(&node->step, ECONNABORTED));
 }
 
 static void stop_accepting(MqUvNode* listener) {
@@ -396,8 +386,8 @@ static void admit(MqUvNode* listener, MQNode* child) {
   settle(node);
 }
 
-/* Accepts what waits; one connection when all places are taken. What stays in the accept queue makes the node ready
- * again. */
+/* Accepts pending connections, or just one if all places are taken. Connections left in the accept queue make the node
+ * ready again. */
 static void accept_turn(MqUvNode* listener) {
   MqUv* const uv = listener->uv;
   int full = 0;
@@ -419,7 +409,7 @@ static void accept_turn(MqUvNode* listener) {
       admit(listener, child);
     } else if (outcome == MQ_STEP_FULL) {
       stop_accepting(listener);
-      if (code == EMFILE) give_way(choose(uv)); /* which lets it accept again */
+      if (code == EMFILE) give_way(choose(uv)); /* the freed descriptor lets it accept again */
       full = 1;
       lost(listener, code);
     } else if (outcome == MQ_STEP_LOST) {
@@ -440,10 +430,11 @@ static void connect_turn(MqUvNode* node) {
 
 static void on_poll(uv_poll_t* handle, int status, int events) {
   MqUvNode* const node = (MqUvNode*)handle->data;
-  if (status < 0) { /* the socket has an error, and libuv has stopped watching: the calls find out which */
+  if (status < 0) { /* a socket error, after which libuv has stopped watching: the calls below report it */
     events = node->watching;
     node->watching = 0;
   }
+  node->turning = 1;
   if (node->step.phase == MQ_STEP_CONNECTING) {
     connect_turn(node);
   } else if (is_ending(node)) {
@@ -454,6 +445,7 @@ static void on_poll(uv_poll_t* handle, int status, int events) {
     if ((events & UV_WRITABLE) != 0) flush_turn(node);
     if ((events & UV_READABLE) != 0) read_turn(node);
   }
+  node->turning = 0;
   settle(node);
 }
 
@@ -471,12 +463,7 @@ static void look(MqUvNode* node) {
     }
   } else {
     if (step->node->recvBuffer.capacity > MQ_STEP_AREA) mq_step_trim(step);
-    if (now >= look_time(node)) {
-      close_node(node, ETIMEDOUT,
-                 step->node->pending != NULL ? "takes no answers"
-                 : mq_step_owes(step)        ? "too slow"
-                                             : "idle");
-    }
+    if (now >= look_time(node)) close_node(node, ETIMEDOUT, mq_step_why(step, SOCK_WAIT_TIMEOUT));
   }
   settle(node);
 }
@@ -484,7 +471,7 @@ static void look(MqUvNode* node) {
 static void on_timer(uv_timer_t* timer) {
   MqUv* const uv = (MqUv*)timer->data;
   const int64_t late = clock_of(uv) - uv->armed * WHEEL_TICK_MSEC;
-  uv->spared = late > AWAY_MSEC && !uv->spared; /* not twice: a loop that is always late still has time-outs */
+  uv->spared = late > AWAY_MSEC && !uv->spared; /* not twice in a row: a loop that is always late still has time-outs */
   if (uv->spared) {
     uv->away += late + CATCH_UP_MSEC;
     arm(uv, uv->armed);
@@ -492,7 +479,7 @@ static void on_timer(uv_timer_t* timer) {
   }
   Link due;
   wheel_turn(&uv->wheel, clock_of(uv), &due);
-  uv->armed = WHEEL_NEVER; /* while nodes are put in again, each earlier one arms the timer */
+  uv->armed = WHEEL_NEVER; /* put nodes back below: each earlier one arms the timer */
   const int64_t next = wheel_next(&uv->wheel);
   if (next != WHEEL_NEVER) arm(uv, next);
   while (!list_is_empty(&due)) {
@@ -564,7 +551,7 @@ void mq_uv_finish(MqUv* uv) {
 
 int mq_uv_count(const MqUv* uv) { return uv->count; }
 
-/* Hands a node over as far as it can be undone. */
+/* Adds a node, up to the point from which it cannot be undone. */
 static MqUvNode* take(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* events, void* data) {
   if (uv->leaving) {
     mqnode->error = EINVAL;
@@ -591,7 +578,7 @@ MqUvNode* mq_uv_connect(MqUv* uv, MQNode* mqnode, int secure, const MqUvEvents* 
   }
   MqUvNode* const node = take(uv, mqnode, secure, events, data);
   if (node == NULL) return NULL;
-  node->step.phase = MQ_STEP_CONNECTING; /* also when it is connected already: on_open comes from the loop */
+  node->step.phase = MQ_STEP_CONNECTING; /* even if already connected: on_open is only called from the loop */
   node->until = time_after(uv, uv->limits.connectMsec);
   settle(node);
   return node;
@@ -606,7 +593,7 @@ static Completion* new_completion(MqUvWrittenFn fn, void* argument) {
   return completion;
 }
 
-/* Appends the completion of the write that was taken last. */
+/* Appends the completion of the last write. */
 static void await_completion(MqUvNode* node, Completion* completion) {
   completion->number = node->step.taken;
   if (node->first == NULL) {

@@ -1,14 +1,14 @@
-/* wheel.h - lists, and the times at which their members are to be looked at again. Internal to libmqnode-uv.
+/* wheel.h - lists, and a timer wheel of list members. Internal to libmqnode-uv.
  *
- * A wheel has a list for each tick of the next 20 seconds; an entry that is due later is put as far ahead as that and
- * looked at early. Putting and taking cost the same for any number of entries. */
+ * The wheel has a list for each tick of the next 20 seconds. An entry that is due later goes into the last of them, and
+ * is looked at early. Adding and removing take constant time. */
 #ifndef MQNODE_LOOP_WHEEL_H
 #define MQNODE_LOOP_WHEEL_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-/* A member of a circular list, or its head; null pointers: of none. */
+/* A member of a circular list, or its head. Null pointers: in no list. */
 typedef struct Link {
   struct Link *next, *prev;
 } Link;
@@ -31,7 +31,7 @@ static inline void list_append(Link* head, Link* link) {
   head->prev = link;
 }
 
-/* Moves all members to another head, which is empty. */
+/* Moves all members to another head, which need not be initialised. */
 static inline void list_move(Link* from, Link* to) {
   list_init(to);
   if (list_is_empty(from)) return;
@@ -47,7 +47,7 @@ enum { WHEEL_TICK_MSEC = 20, WHEEL_SLOTS = 1024, WHEEL_WORD = 64 };
 typedef struct Wheel {
   Link slots[WHEEL_SLOTS];
   uint64_t used[WHEEL_SLOTS / WHEEL_WORD]; /* slots that may have members */
-  int64_t first;                           /* the tick that comes next; entries lie within WHEEL_SLOTS of it */
+  int64_t first;                           /* next tick; all entries are less than WHEEL_SLOTS beyond it */
 } Wheel;
 
 static inline void wheel_init(Wheel* wheel) {
@@ -56,7 +56,7 @@ static inline void wheel_init(Wheel* wheel) {
   wheel->first = 0;
 }
 
-/* The tick for a time in milliseconds, at which that time has passed. */
+/* The first tick by which a time, in milliseconds, has passed. */
 static inline int64_t wheel_tick(const Wheel* wheel, int64_t at) {
   const int64_t last = wheel->first + WHEEL_SLOTS - 1;
   const int64_t tick = at / WHEEL_TICK_MSEC >= last ? last : at / WHEEL_TICK_MSEC + 1;
@@ -69,7 +69,7 @@ static inline void wheel_put(Wheel* wheel, Link* link, int64_t tick) {
   wheel->used[slot / WHEEL_WORD] |= UINT64_C(1) << slot % WHEEL_WORD;
 }
 
-/* The first tick that may have entries; WHEEL_NEVER when none has. */
+/* The first tick that may have entries; WHEEL_NEVER if none has. */
 static inline int64_t wheel_next(const Wheel* wheel) {
   for (int64_t tick = wheel->first; tick < wheel->first + WHEEL_SLOTS; tick += WHEEL_WORD - tick % WHEEL_WORD) {
     const size_t slot = (size_t)(tick % WHEEL_SLOTS);
@@ -79,7 +79,7 @@ static inline int64_t wheel_next(const Wheel* wheel) {
   return WHEEL_NEVER;
 }
 
-/* Moves the entries of all ticks up to now to a list, and goes on from the tick behind. */
+/* Moves the entries of all ticks up to now to a list, and continues with the next tick. */
 static inline void wheel_turn(Wheel* wheel, int64_t now, Link* due) {
   const int64_t last = now / WHEEL_TICK_MSEC;
   list_init(due);

@@ -1,6 +1,6 @@
 /* compose.h - write messages to nodes. Conventions: node.h.
  *
- * The raw form of the PcfMessage that a write takes holds a complete message: space for the 136-byte header, followed
+ * The raw form of the PcfMessage passed to a write contains a complete message: space for the 136-byte header, followed
  * by the body; raw.length is the length of both. The write fills in hdrLength, bigEndian, asciiText, bodyLength, userId
  * and applName of the header (and secHeader, for a signed message), copies or signs the bytes, and sends or queues
  * them. The record may be changed or reused as soon as the write returns, even if the message was queued.
@@ -17,8 +17,8 @@
  *   to               in/out  destination of a datagram, null for none; not read on a stream node. A write without a
  *                            destination on a datagram node fails with 89 in node->sock.error
  *   user             in      user id for the header of a plain message: text, of which at most 12 characters are used.
- *                            It may lie anywhere in msg; it is copied before msg changes. A signed message always
- *                            carries the user of the node
+ *                            It may be located anywhere in msg, because it is copied before msg changes. A signed
+ *                            message always contains the user of the node
  *   secure           in      nonzero: sign; 0: write a plain message
  *   securityContext  in      passed unchanged to mqc_sign
  *   highPriority     in      passed to mnWriteToNode */

@@ -4,8 +4,8 @@
  * bound or made to listen: check node->error, or call IsNodeFailed, before use. The caller releases the node with
  * DeleteMQNode.
  *
- * The identity of a node is the login name (at most 12 characters) and the name of the program (identity.h; found by a
- * shell command if TEVRA_HOME is set). Its trace callback is G_node_trace. Sockets created here linger for zero
+ * The identity of a node is the login name (at most 12 characters) and the name of the application (identity.h; found
+ * by a shell command if TEVRA_HOME is set). Its trace callback is G_node_trace. Sockets created here linger for zero
  * seconds, so that closing them discards unsent data, and block until NoblockSocket(&node->sock) is called. A socket
  * that the caller passes keeps its options and mode.
  *
@@ -39,8 +39,8 @@ MQ_API MQNode* CreateUDPMQNode(SockAddrRec* addr);
 MQ_API MQNode* CreateUDPMQNodeWithOpt(SockAddrRec* addr, SockOption* opt);
 
 /* CreateAndBindMQNode - create a node over an existing socket, connected (role 0) or listening (role 1).
- *   sock  in  copied; the node owns its file descriptor from then on. CreateSocketFromExisting makes one from a bare
- *             file descriptor
+ *   sock  in  copied; the node owns its file descriptor from then on. CreateSocketFromExisting creates such a record
+ *             from a file descriptor
  * host is "@", addr all zero, error 0; no option is set. A connected node can be read and written without mnOpen. */
 MQ_API MQNode* CreateAndBindMQNode(SockRec* sock, int role);
 

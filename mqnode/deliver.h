@@ -5,8 +5,8 @@
  *
  * An application may append write descriptors of its own to node->pending: an IoBuffer from fNewMemory with a data area
  * from CreateBuffer, received 0 and sent at most length. The library owns it from then on. On a datagram node it has no
- * destination: mnFinishWrite drops it with 89 in node->sock.error. Datagrams that mnWriteToNode queued have their
- * destination behind the descriptor and a mark in received; do not change or copy them.
+ * destination: mnFinishWrite drops it with 89 in node->sock.error. The descriptor of a datagram queued by mnWriteToNode
+ * is followed by its destination and is marked in received; do not change or copy it.
  *
  * After part of a message was sent and the rest was dropped, the stream is out of step: the peer would read what
  * follows as the rest of that message. Close a stream node when a write or mnFinishWrite returns 0 with error 11,
@@ -44,10 +44,11 @@ MQ_API int mnWriteToNode(MQNode* node, SockAddrRec* to, IoBuffer* desc, int high
  * Trace points  "mnFinishWrite": once for each failed send, and once when the queue becomes empty */
 MQ_API int mnFinishWrite(MQNode* node);
 
-/* mnIsPendingIO - 1 while the node has a queue of writes, else 0. */
+/* mnIsPendingIO - check whether the node has a queue of writes.
+ * Result   1 if it has one, else 0 */
 MQ_API int mnIsPendingIO(MQNode* node);
 
-/* IsNodeQReady - whether the node's queue is within its advisory limit.
+/* IsNodeQReady - check whether the node's queue is within its advisory limit.
  *   node    may be null
  * Result   1 for a null node or a node without a queue; else the result of IsQReady */
 MQ_API int IsNodeQReady(MQNode* node);

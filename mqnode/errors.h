@@ -40,7 +40,7 @@ typedef struct MqErrorInfo {
   const char* remedy;  /* what to do next */
 } MqErrorInfo;
 
-/* mq_error_table - the table of all codes: those of the library first, then errno values in numeric order.
+/* mq_error_table - get the table of all codes: those of the library first, then errno values in numeric order.
  *   count   out  number of entries; may be null */
 static inline const MqErrorInfo* mq_error_table(size_t* count) {
   enum { kAll = MQ_IN_NODE | MQ_IN_SOCKET | MQ_IN_STATUS, kBoth = MQ_IN_NODE | MQ_IN_SOCKET };
@@ -56,7 +56,8 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "put only write descriptors into node->pending; call mnFinishWrite again for the rest of the queue"},
       {MQ_BAD_MESSAGE, MQ_IN_NODE, "MQ_BAD_MESSAGE", NULL, "not a message, or its length is not valid",
        "mnRead, mnSRead, mnBrowse; the writes, for a raw.length below 136 or above MQ_MAX_MESSAGE",
-       "close a stream node, which is out of step; check that both sides use the same framing, plain or signed; "
+       "close a stream node, which is out of step; read on from a datagram node; check that both sides use the same "
+       "framing, plain or signed; "
        "examine the bytes with mqcat decode"},
       {MQ_NO_ROOM, MQ_IN_NODE, "MQ_NO_ROOM", NULL, "no memory to enlarge the message record or the receive buffer",
        "mnRead, mnSRead, mnBrowse",
@@ -68,8 +69,9 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
        "mnSWrite and the other signed writes",
        "mqc_sign_error gives the reason; often the key belongs to another user than the node"},
       {MQ_NOT_AUTHENTIC, MQ_IN_NODE, "MQ_NOT_AUTHENTIC", NULL,
-       "the signature is not valid, too old or already used, or its user is not known", "mnSRead",
-       "do not trust the message; mqc_authenticate_error gives the reason; the stream is in step"},
+       "the signature is not valid, too old or already used, or its user is not known; or the message is sealed for "
+       "another reader, or not sealed where it must be",
+       "mnSRead", "do not trust the message; mqc_authenticate_error gives the reason; the stream is in step"},
       {MQ_WRITE_LIMIT, MQ_IN_NODE, "MQ_WRITE_LIMIT", NULL, "node->writeLimit writes are outstanding", "the writes",
        "call mnFinishWrite when mnNPost lists the node as writable, then write again; or raise the limit"},
       {SOCK_WAIT_TIMEOUT, MQ_IN_STATUS, "SOCK_WAIT_TIMEOUT", NULL, "nothing was ready before the time-out",
@@ -185,7 +187,7 @@ static inline const MqErrorInfo* mq_error_table(size_t* count) {
 
 /* mq_error_find - find the entry of a code in a place.
  *   place   MQ_IN_NODE, MQ_IN_SOCKET, MQ_IN_STATUS, or MQ_IN_ANY for the first entry with this code
- * Result   null for a code that is not reported there */
+ * Result   the entry; null for a code that is not reported there */
 static inline const MqErrorInfo* mq_error_find(int code, unsigned place) {
   size_t count;
   const MqErrorInfo* const table = mq_error_table(&count);
@@ -195,7 +197,7 @@ static inline const MqErrorInfo* mq_error_find(int code, unsigned place) {
   return NULL;
 }
 
-/* mq_error_next - the next entry with the same code; null after the last. */
+/* mq_error_next - get the next entry with the same code; null after the last. */
 static inline const MqErrorInfo* mq_error_next(const MqErrorInfo* entry) {
   size_t count;
   const MqErrorInfo* const end = mq_error_table(&count) + count;
@@ -215,7 +217,8 @@ static inline int mq_error_same_name(const char* a, const char* b) {
   return 1;
 }
 
-/* mq_error_by_name - find an entry by name or alias, ignoring case; null if there is none. */
+/* mq_error_by_name - find an entry by name or alias, ignoring case.
+ * Result   the entry; null if there is none */
 static inline const MqErrorInfo* mq_error_by_name(const char* name) {
   size_t count;
   const MqErrorInfo* const table = mq_error_table(&count);
@@ -226,7 +229,7 @@ static inline const MqErrorInfo* mq_error_by_name(const char* name) {
   return NULL;
 }
 
-/* mq_error_name, mq_error_meaning, mq_error_remedy - texts of a code's first entry; never null. */
+/* mq_error_name, mq_error_meaning, mq_error_remedy - get the texts of a code's first entry; never null. */
 static inline const char* mq_error_name(int code) {
   const MqErrorInfo* const entry = mq_error_find(code, MQ_IN_ANY);
   return entry != NULL ? entry->name : "unknown code";
@@ -242,8 +245,8 @@ static inline const char* mq_error_remedy(int code) {
   return entry != NULL ? entry->remedy : "look it up as an errno value; if it is not one, the record was overwritten";
 }
 
-/* mq_node_cause - the reason why the last operation on a node failed: the code of the socket if a write was dropped,
- * which leaves 11 in node->error; otherwise node->error.
+/* mq_node_cause - get the code of the reason why the last operation on a node failed: that of the socket if a write was
+ * dropped, which leaves 11 in node->error; otherwise node->error.
  *   node    in   null for a node that could not be allocated: ENOMEM
  *   place   out  place of the code, MQ_IN_NODE or MQ_IN_SOCKET; may be null
  * Result   the code; 11 if there is no other reason: the operation can continue later, or a write with result 0 had no

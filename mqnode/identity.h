@@ -1,6 +1,6 @@
-/* identity.h - the program name in the messages of a process.
+/* identity.h - the application name in the messages of a process.
  *
- * Each node stores the name of the calling program when it is created. A shell command finds the name, but only if the
+ * Each node stores the name of the application when it is created. A shell command finds the name, but only if the
  * environment variable TEVRA_HOME names a scratch directory: the command writes a file named after the process id
  * there, which is then read and removed.
  *
@@ -23,7 +23,7 @@ extern MQ_API char G_szApplName[49];
 /* SetApplName - copy at most 48 characters of name to G_szApplName; does nothing if name is null. */
 MQ_API void SetApplName(const char* name);
 
-/* GetApplName - get the calling program's command name in upper case, without blanks.
+/* GetApplName - get the command name of the calling process in upper case, without blanks.
  *   out     out     at least 48 bytes, and at least len; receives "UNKNOWN" if TEVRA_HOME is not set, ignored or longer
  *                   than 244 characters, or if the scratch file cannot be opened or belongs to another user. Characters
  *                   that are not printable ASCII become "?". A name of 48 characters is not terminated

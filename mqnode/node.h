@@ -2,7 +2,7 @@
  *
  * Conventions of the node layer (all headers of this directory):
  *   Results    1 on success, or another nonzero value where documented; 0 on failure.
- *   Errors     every open, read and write first sets node->error to 0 and stores the reason of a failure there: a code
+ *   Errors     every open, read and write first sets node->error to 0 and stores the reason for a failure there: a code
  *              of the socket layer (an errno value, 89, 9002, 9003 or 9004) or one of the codes below. mqnode/errors.h
  *              gives the name, meaning and remedy of each.
  *   Trace      a trace point calls node->onTrace, if set, with the operation's name and the node. In between, the trace
@@ -43,7 +43,7 @@ enum {
   MQ_NO_ROOM = 2102,        /* a message record or a receive buffer could not be enlarged */
   MQ_BAD_BODY = 4005,       /* the message was consumed, but its body could not be converted or parsed */
   MQ_NOT_SIGNED = -1000,    /* signing failed */
-  MQ_NOT_AUTHENTIC = -1001, /* the message was consumed, but its signature is not valid */
+  MQ_NOT_AUTHENTIC = -1001, /* the message was consumed, but its signature or seal is not accepted */
   MQ_WRITE_LIMIT = -1111    /* the limit of outstanding writes is reached */
 };
 
@@ -60,18 +60,18 @@ typedef int (*MQNodeFn)(MQNode* node);
 typedef int (*MQMessageFn)(PcfMessage* msg, MQNode* node);
 typedef int (*MQPostFn)(MQNode** nodes, MQNode** listenReady, MQNode** readReady, int seconds, int* status);
 
-/* MQNode - a message node. Callers may read any field, and may set writeLimit and pendingLimit. To write as a user
- * other than the login, or to name the program, store that text, zero-padded, in user or applName before writing. To
- * give back the memory of a receive area that a long message made grow, call DeleteBuffer, CreateBuffer with 16520
- * bytes and ResetBuffer on recvBuffer between two messages (while recvBuffer.received is 0); reset it to the length of
- * the next header (136, or 32 for a signed message), on a datagram node to the capacity. */
+/* MQNode - a message node. Callers may read any field, and may set writeLimit and pendingLimit. To write as another
+ * user than the login name, or to name the application, store that text, zero-padded, in user or applName before
+ * writing. To release the memory of a receive area that a long message has enlarged, call DeleteBuffer, CreateBuffer
+ * with 16520 bytes, and ResetBuffer on recvBuffer between two messages (while recvBuffer.received is 0). Reset it to
+ * the length of the next header (136, or 32 for a signed message), or on a datagram node to the capacity. */
 struct MQNode {
   uint32_t nodeType;         /* 2 */
   uint32_t role;             /* 0 connecting or datagram, 1 listening */
   char host[256];            /* host text of the address; "@" over an existing socket */
   char platform[256];        /* "UNIX" */
   char user[13];             /* at most 12 characters of the login name; every message carries it */
-  char applName[48];         /* name of this program, zero-padded; not terminated if it has 48 characters */
+  char applName[48];         /* name of the application, zero-padded; not terminated if it has 48 characters */
   SockRec sock;              /* sock.owner points back at the node */
   MQNode* child;             /* the connection that a listening node accepted last; owned by the caller */
   int32_t writeLimit;        /* upper bound of outstanding writes; 0 or less: none */
@@ -88,9 +88,9 @@ struct MQNode {
   MQPostFn opPost;           /* mnPost */
   MQNodeTraceFn onTrace;     /* may be null */
   SockAddrRec addr;          /* address to connect to, or that was bound */
-  struct MQQueue* pending;   /* a Queue of write descriptors (deliver.h); null when there are none */
+  struct MQQueue* pending;   /* a Queue of write descriptors (deliver.h); null if there are none */
   uint32_t pendingLimit;     /* advisory limit of pending, set when pending is created */
-  IoBuffer recvBuffer;       /* bytes that a read has gathered so far */
+  IoBuffer recvBuffer;       /* bytes that a read has received so far */
 };
 
 MQ_STATIC_ASSERT(sizeof(MQNode) == 1944, "MQNode is 1944 bytes");
@@ -134,13 +134,13 @@ MQ_API int mnGSetTraceCallBack(MQNodeTraceFn fn);
 /* SetMQNodeError - copy the socket's error into the node's. */
 MQ_API void SetMQNodeError(MQNode* node);
 
-/* IsNodeFailed - whether the last operation failed.
+/* IsNodeFailed - check whether the last operation failed.
  *   node    may be null
  * Result   1 for a null node and for every error other than 0 and -1111, including 11; else 0 */
 MQ_API int IsNodeFailed(MQNode* node);
 
 /* mnSetBufferSize - set the size in bytes of the socket's send buffer, then of its receive buffer.
- * Result   1 if both were set, else 0. node->error stays as it is; node->sock.error is that of the receive buffer */
+ * Result   1 if both were set, else 0. node->error does not change; node->sock.error is that of the receive buffer */
 MQ_API int mnSetBufferSize(MQNode* node, uint32_t size);
 
 MQ_END_C

@@ -9,7 +9,7 @@ MQ_BEGIN_C
 /* mnOpen - connect a connecting node to its addr, or accept one connection on a listening node.
  * An accepted connection becomes a new node in node->child: a copy of the listening node with the accepted socket, role
  * 0, openState 1 and its own receive buffer. The caller owns it: take it from child after each success, and delete it
- * when done. It shares nothing with its parent and may be handed to another thread. The openState of a listening node
+ * when done. It shares nothing with its parent and may be passed to another thread. The openState of a listening node
  * never changes, so each call accepts one more connection. A call that accepts nothing does not change child, which
  * then still points to the previous node, even if that was deleted.
  * Result       openState if the node was already open (nothing else happens, and no trace point runs); else 1 if it was

@@ -7,9 +7,9 @@
  * signal that interrupts a blocking read (EINTR) discards the bytes received so far: install handlers with SA_RESTART.
  *
  * Messages of 137 bytes to MQ_MAX_MESSAGE are delivered. A stream message without a body is a bad message, after which
- * the stream is still in step. The length of a datagram must equal that of its message; a datagram longer than the
- * receive buffer is judged by the part that fits. Do not call a plain read or a browse on a node that holds part of a
- * signed message, or a browse on a node that holds part of a plain message.
+ * the stream is still in step. The length of a datagram must equal that of its message; of a datagram longer than the
+ * receive buffer, only the part that fits is checked. Do not call a plain read or a browse on a node that has received
+ * part of a signed message, or a browse on a node that has received part of a plain message.
  *
  * If there was no memory for the receive area of a node when it was created, mnRead and mnSRead allocate it. While
  * there is no memory they fail with 2102 and receive nothing. A read on a closed node does the same and then fails with
@@ -22,9 +22,9 @@
 
 MQ_BEGIN_C
 
-/* mnReadMsg - the first step of a read: receive until the node's receive buffer holds recvBuffer.length bytes; on a
- * datagram node, one datagram. If the node already holds a datagram, nothing is received.
- * Result       1 if the buffer holds them, else 0
+/* mnReadMsg - the first step of a read: receive until the node's receive buffer contains recvBuffer.length bytes; on a
+ * datagram node, receive one datagram. If the receive buffer already contains a datagram, nothing is received.
+ * Result       1 if the buffer contains them, else 0
  * error        0; 11 call again, the bytes received so far are kept; 2026 the first word is not 136 in either byte
  *              order; 2102 recvBuffer.length exceeds the capacity; the code of the socket. All but 11 reset the buffer
  * Trace point  "mnReadMsg", on failure only */
@@ -37,7 +37,7 @@ MQ_API int mnReadMsg(MQNode* node);
  *              dropped, or the receive buffer could not be enlarged and the body is still in the stream: close the
  *              node; 4005 the body could not be converted or parsed, msg holds the raw message and msgsRead counts it;
  *              the code of the socket: 9004 when the peer closed the connection, or when an empty datagram arrived
- * Trace point  "mnRead": twice for a call that completes the header of a stream message and goes on to the rest */
+ * Trace point  "mnRead": twice for a call that completes the header of a stream message and continues with the rest */
 MQ_API int mnRead(PcfMessage* msg, MQNode* node);
 
 /* mnBrowse - peek at the header of the next plain message without consuming it.
@@ -47,7 +47,7 @@ MQ_API int mnRead(PcfMessage* msg, MQNode* node);
  * header is reported as a bad message; a read discards it.
  * The announced length is not validated here, but by mnRead: it is compared with the capacity of msg as a signed
  * number, and msg is enlarged to hold that many bytes if it is greater.
- * Result       1 if the header is there and msg can hold the body, else 0
+ * Result       1 if the header has arrived and the body fits in msg, else 0
  * error        0; 11; 2026 not a header, or it could not be converted (DumpPcfMessage is called then); 2102 msg could
  *              not be enlarged: no memory, or longer than the companion allows; the code of the socket: 9004 when the
  *              peer closed the connection

@@ -26,7 +26,7 @@ MQ_API int mnSReadMsg(MQNode* node);
  *              signature is not valid, msg holds the message as it was received; 4005 the body could not be converted
  *              or parsed; the code of the socket. msgsRead counts messages refused with -1001 and 4005, and those whose
  *              header could not be converted; DumpPcfMessage is called for the latter two
- * Trace point  "mnSRead": twice for a call that completes the header of a stream message and goes on to the rest */
+ * Trace point  "mnSRead": twice for a call that completes the header of a stream message and continues with the rest */
 MQ_API int mnSRead(PcfMessage* msg, MQNode* node, int secure, void* securityContext);
 
 MQ_END_C

@@ -47,7 +47,7 @@ MQ_API void Qremove(Queue* q, void* item);
 MQ_API void Qstart(Queue* q);
 
 /* Qnext - return the item at the cursor, and advance the cursor.
- * Result   null at the end, and if the queue is empty */
+ * Result   the item; null at the end, and if the queue is empty */
 MQ_API void* Qnext(Queue* q);
 
 /* Qdepth - return the number of entries; 0 for a null queue. */
@@ -59,7 +59,7 @@ MQ_API void SetQLimit(Queue* q, int limit);
 /* GetQLimit - return the advisory limit; -1 for a null queue. */
 MQ_API int GetQLimit(Queue* q);
 
-/* IsQReady - whether the queue is within its limit.
+/* IsQReady - check whether the queue is within its limit.
  * Result   1 for a null queue, for limit -1 and if count is at most limit; else 0 */
 MQ_API int IsQReady(Queue* q);
 

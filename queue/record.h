@@ -1,4 +1,4 @@
-/* record.h - the records of a queue, for code that only looks at one. queue.h has the operations, and the names Queue
+/* record.h - the records of a queue, for code that only inspects one. queue.h has the operations, and the names Queue
  * and QueueEntry. */
 #ifndef MQNODE_QUEUE_RECORD_H
 #define MQNODE_QUEUE_RECORD_H
@@ -11,15 +11,15 @@
 /* QueueEntry - an entry of a queue. */
 struct MQQueueEntry {
   struct MQQueueEntry* next; /* towards the tail; null for the last */
-  void* item;                /* the caller's */
+  void* item;                /* owned by the caller */
 };
 
 /* Queue - a first-in first-out queue of pointers. head and tail are both null exactly when count is 0. */
 struct MQQueue {
-  struct MQQueueEntry* head;   /* what Qget takes next */
-  struct MQQueueEntry* tail;   /* what Qput links after */
-  struct MQQueueEntry* cursor; /* what Qnext returns next; null before Qstart and after the last entry */
-  int32_t count;               /* entries */
+  struct MQQueueEntry* head;   /* the entry that Qget removes next */
+  struct MQQueueEntry* tail;   /* the entry after which Qput appends */
+  struct MQQueueEntry* cursor; /* the entry that Qnext returns next; null before Qstart and after the last entry */
+  int32_t count;               /* number of entries */
   int32_t limit;               /* advisory maximum of count; -1 means none */
 };
 

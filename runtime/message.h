@@ -38,7 +38,7 @@ typedef struct MsgHeader {
   uint32_t bodyLength; /* bytes that follow the header */
   uint32_t library68;
   char userId[12];   /* user of the sender */
-  char applName[48]; /* program of the sender */
+  char applName[48]; /* application of the sender */
   uint32_t library132;
 } MsgHeader;
 
@@ -65,9 +65,9 @@ MQ_STATIC_ASSERT(offsetof(SecureHeader, userId) == 20, "SecureHeader.userId");
 
 /* PcfRawData - the raw (wire) form of a message inside a PcfMessage. */
 typedef struct PcfRawData {
-  void* library0;    /* the companion's */
+  void* library0;    /* used by the companion */
   uint8_t* data;     /* MsgHeader, then body */
-  void* aux;         /* the companion's */
+  void* aux;         /* used by the companion */
   uint32_t capacity; /* bytes available at data */
   uint32_t length;   /* bytes of raw message at data, header included */
 } PcfRawData;
@@ -82,7 +82,7 @@ MQ_STATIC_ASSERT(offsetof(PcfRawData, length) == 28, "PcfRawData.length");
 typedef struct PcfMessage {
   uint32_t library0;
   SecureHeader secHeader;     /* secHeader.userId is the sender of the message that was read last */
-  uint8_t libraryData[60012]; /* the parsed content, the companion's */
+  uint8_t libraryData[60012]; /* parsed content, used by the companion */
   PcfRawData raw;
 } PcfMessage;
 
@@ -111,7 +111,7 @@ MQ_RUNTIME int SizePcfMessage(PcfMessage* msg, uint32_t size);
 MQ_RUNTIME int DumpPcfMessage(PcfMessage* msg);
 
 /* VerifyMessage - check a raw message before it is signed.
- * Result  ignored by the library */
+ * Result  not used by the library */
 MQ_RUNTIME int VerifyMessage(PcfRawData* raw);
 
 /* mqc_sign - create the bytes of a signed message.
@@ -126,7 +126,8 @@ MQ_RUNTIME int mqc_sign(void* context, PcfMessage* msg, IoBuffer* out);
 /* mqc_authenticate - check that signedPart has a valid signature for the envelope.
  *   envelope    in      in native form
  *   signedPart  in      the bytes after the envelope: data and length
- *   msg         in/out  the record with the envelope and these bytes, not converted yet
+ *   msg         in/out  the record with the envelope and these bytes, not converted yet. If they are encrypted, they are
+ *                       decrypted in the record
  * Result  nonzero if the signature is valid, else 0 */
 MQ_RUNTIME int mqc_authenticate(SecureHeader* envelope, IoBuffer* signedPart, PcfMessage* msg);
 

@@ -21,7 +21,7 @@ MQ_BEGIN_C
 /* fNewMemory - allocate size bytes, set to zero, and store their address in *out.
  *   tag     name of the allocation for accounting; constant text. The library's tags: "MQNode" (node), "MQNODE" (write
  *           descriptor), "QALLOC" (queue), "QPUT" and "QPUTHEAD" (queue entries)
- * Result   nonzero; 0 if there is no memory: *out is null then */
+ * Result   nonzero; 0 if there is no memory, with *out null */
 MQ_RUNTIME int fNewMemory(void** out, uint32_t size, const char* tag);
 
 /* FreeMemory - release a block from fNewMemory. */
@@ -40,7 +40,7 @@ MQ_RUNTIME void LOGMSG(const char* text, int kind);
 /* GetUserName - get the current user's login name.
  *   buf     out     receives the name, null-terminated
  *   len     in/out  size of buf; on success the length of the name, less than that size
- * Result   nonzero; 0 if the name is not known: the contents of buf are undefined then */
+ * Result   nonzero; 0 if the name is not known, with the contents of buf undefined */
 MQ_RUNTIME int GetUserName(char* buf, int* len);
 
 /* strip_spaces - remove every blank from s in place. */
@@ -57,10 +57,12 @@ MQ_RUNTIME void trim_str(char* s);
 /* bwlong - return v with its four bytes in reverse order. */
 MQ_RUNTIME uint32_t bwlong(uint32_t v);
 
-/* IsLtEndian - nonzero on a little-endian host. */
+/* IsLtEndian - check the byte order of the host.
+ * Result   nonzero on a little-endian host, else 0 */
 MQ_RUNTIME int IsLtEndian(void);
 
-/* IsAscText - nonzero if the character set of the host is ASCII. */
+/* IsAscText - check the character set of the host.
+ * Result   nonzero if it is ASCII, else 0 */
 MQ_RUNTIME int IsAscText(void);
 
 MQ_END_C

@@ -14,7 +14,7 @@ MQ_BEGIN_C
 /* Actions of SockAction. Any other action makes no socket call and succeeds. */
 enum { SOCK_ACTION_CONNECT = 0, SOCK_ACTION_BIND = 1 };
 
-/* SockAction - the common part of connect and bind: resolve the name, connect or bind, and update the names.
+/* SockAction - perform a connect or a bind: resolve the name, connect or bind, and update the names.
  *   addrRec  in/out  host and ip are terminated if necessary; unless the name does not resolve, receives a copy of the
  *                    record's name, even after a failure
  * After a connect, name and from are the target; if it succeeded, from has the resolved address. After a bind, name is
@@ -34,7 +34,7 @@ MQ_API int ConnectSocket(SockRec* rec, SockAddrRec* target);
  * Trace points  "BindSocket:Before", "AddrToIP:Before", "AddrToIP:After", "BindSocket:After" */
 MQ_API int BindSocketName(SockRec* rec, SockAddrRec* bindAddr);
 
-/* ListenSocket - let a bound socket listen, with an accept queue of backlog connections.
+/* ListenSocket - make a bound socket listen, with an accept queue of backlog connections.
  * error        errno, reported; unchanged on success
  * Trace point  "ListenSocket" */
 MQ_API int ListenSocket(SockRec* rec, int backlog);

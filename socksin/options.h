@@ -40,7 +40,8 @@ MQ_STATIC_ASSERT(sizeof(SockOption) == 12, "SockOption is 12 bytes");
 MQ_STATIC_ASSERT(offsetof(SockOption, value1) == 4, "SockOption.value1");
 MQ_STATIC_ASSERT(offsetof(SockOption, value2) == 8, "SockOption.value2");
 
-/* MapSockOption - return the system's option number for an id. */
+/* MapSockOption - convert an option id to the system's option number.
+ * Result  the option number */
 MQ_API int MapSockOption(int id);
 
 /* SetSocketOptions - set one option to value1 or value2, as documented above.
@@ -51,7 +52,7 @@ MQ_API int SetSocketOptions(SockRec* rec, SockOption* option);
  * error  0; errno of the system call, reported */
 MQ_API int GetSocketOptions(SockRec* rec, SockOption* option);
 
-/* SetTcpNoDelay - switch Nagle's algorithm off (on nonzero) or on (on 0).
+/* SetTcpNoDelay - switch Nagle's algorithm off if on is nonzero, else on.
  * error  0; errno of the system call, reported */
 MQ_API int SetTcpNoDelay(SockRec* rec, int on);
 
@@ -59,7 +60,7 @@ MQ_API int SetTcpNoDelay(SockRec* rec, int on);
  * error  0; errno of the system call, reported */
 MQ_API int SetTcpBuffer(SockRec* rec, int size);
 
-/* ReuseSocket - switch address reuse on if on is exactly 1, else off. 
+/* ReuseSocket - switch address reuse on if on is exactly 1, else off.
  * error  0; errno of the system call, reported */
 MQ_API int ReuseSocket(SockRec* rec, int on);
 

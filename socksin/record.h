@@ -111,7 +111,7 @@ extern MQ_API SockTraceFn G_socket_trace;
 /* InitSocket - set the record to zero, including its callbacks, and fd to -1. Returns 1. */
 MQ_API int InitSocket(SockRec* rec);
 
-/* OSInitSocket - start-up of sockets on other platforms; does nothing on Linux. Returns 1. */
+/* OSInitSocket - initialise sockets on other platforms; does nothing on Linux. Returns 1. */
 MQ_API int OSInitSocket(SockRec* rec);
 
 /* CreateAnySocket - reset the record and create a blocking socket.
@@ -122,10 +122,10 @@ MQ_API int OSInitSocket(SockRec* rec);
  * Trace point  "CreateAnySocket", at the end */
 MQ_API int CreateAnySocket(SockRec* rec, int domain, int type);
 
-/* CreateSocket - a TCP socket: CreateAnySocket(rec, 2, 1). */
+/* CreateSocket - create a TCP socket: CreateAnySocket(rec, 2, 1). */
 MQ_API int CreateSocket(SockRec* rec);
 
-/* CreateUDPSocket - a UDP socket: CreateAnySocket(rec, 2, 2). */
+/* CreateUDPSocket - create a UDP socket: CreateAnySocket(rec, 2, 2). */
 MQ_API int CreateUDPSocket(SockRec* rec);
 
 /* CreateSocketFromExisting - reset the record and adopt an open TCP file descriptor, which the owner of the record owns
@@ -139,7 +139,7 @@ MQ_API int CreateSocketFromExisting(SockRec* rec, int descriptor);
  * Trace point  "DeleteSocket", before closing */
 MQ_API int DeleteSocket(SockRec* rec);
 
-/* NoblockSocket, BlockSocket - make the descriptor non-blocking or blocking; its other flags stay.
+/* NoblockSocket, BlockSocket - make the descriptor non-blocking or blocking; its other flags do not change.
  * error        0; errno of fcntl, reported
  * Trace point  "NoblockSocket" or "BlockSocket", at the end */
 MQ_API int NoblockSocket(SockRec* rec);

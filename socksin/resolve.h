@@ -27,7 +27,8 @@ MQ_BEGIN_C
  * Blocks        while a name is looked up */
 MQ_API int AddrToIP(SockRec* rec, SockAddrRec* addrRec, struct sockaddr_in* out);
 
-/* IsValidIp - whether text consists of four groups of one to three digits, each at most 255, separated by single dots.
+/* IsValidIp - check whether text consists of four groups of one to three digits, each at most 255, separated by single
+ * dots.
  * Result  1 if valid, else 0 */
 MQ_API int IsValidIp(const char* text);
 

@@ -11,23 +11,23 @@
 MQ_BEGIN_C
 
 /* GetSysInfo - get the identification of the system.
- * Result  1; 0 if uname failed: the record is zero then */
+ * Result  1; 0 if uname failed, with the record all zero */
 MQ_API int GetSysInfo(struct utsname* info);
 
 /* GetSysLabel - append up to three pieces to label, each followed by "::": the system name, "V<version>.R<release>"
- * and, when withMachine is nonzero, the machine. Texts are trimmed; version and release are cut to 48 characters first.
+ * and, if withMachine is nonzero, the machine. Texts are trimmed; version and release are cut to 48 characters first.
  *   label  in/out  null-terminated text
- *   room   in      free bytes in label. A piece takes its length plus 3 and is appended if that is less than the bytes
- *                  left; otherwise it is left out and the next piece is tried */
+ *   room   in      free bytes in label. A piece takes its length plus 3 bytes, and is appended if that is less than the
+ *                  bytes left; otherwise it is omitted, and the next piece is tried */
 MQ_API void GetSysLabel(const struct utsname* info, char* label, int room, int withMachine);
 
-/* GetProcessorCount - the number in the environment variable TEVRA_CPU_COUNT, at least 1; if it is not set, the number
- * of online processors.
- * Result  the count; -1 if the platform cannot tell, with its errno, or ENOSYS if it set none */
+/* GetProcessorCount - get the number in the environment variable TEVRA_CPU_COUNT, at least 1; if it is not set, the
+ * number of online processors.
+ * Result  the number; -1 if the platform does not know it, with its errno, or ENOSYS if it set none */
 MQ_API int GetProcessorCount(void);
 
-/* bTcpipNotActive - whether the network stack is still down: whether gethostname fails.
- *   verbose  nonzero: if it is down, print two lines on standard output: the date, and the outcome of gethostname
+/* bTcpipNotActive - check whether the network stack is down, that is, whether gethostname fails.
+ *   verbose  nonzero: if it is down, print two lines on standard output: the date, and the result of gethostname
  * Result   1 if down, 0 if up */
 MQ_API int bTcpipNotActive(int verbose);
 

@@ -1,4 +1,4 @@
-/* sockutil.h - small mappings between names, services, dotted-quad texts and IPv4 addresses.
+/* sockutil.h - convert between names, services, dotted quads and IPv4 addresses.
  *
  *   Buffers  belong to the caller. Their sizes: dotted quad 16 bytes, service name 33, host name 256; longer names are
  *            cut. Addresses and ports in a sockaddr_in are in network byte order

@@ -1,9 +1,10 @@
-// asio_test.cc - asio.hpp: operations wait, end and are cancelled without a loss.
+// asio_test.cc - asio.hpp: operations wait, end, and can be cancelled without losing anything.
 #include "mqnode/asio.hpp"
 
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
+#include <thread>
 
 #include "tests/support/nodes.hh"
 
@@ -18,7 +19,7 @@ mqnode::Address Local(int port) { return {"127.0.0.1", std::to_string(port)}; }
 
 class AsioTest : public NodeTest {
  protected:
-  // Starts an operation; its result stands in the place as soon as it has ended.
+  // Starts an operation, which stores its result in *told when it ends.
   void Start(asio::awaitable<Result> operation, std::string* told) {
     const auto keep = [](asio::awaitable<Result> started, std::string* place) -> asio::awaitable<void> {
       const Result result = co_await std::move(started);
@@ -34,7 +35,7 @@ class AsioTest : public NodeTest {
     loop_.run_for(10s);
     return told;
   }
-  // The outcome of a read and, after a success, what was read.
+  // The result of a read or, after a success, what was read.
   std::string Read(asio::awaitable<Result> operation, const Message& in) {
     const std::string told = Run(std::move(operation));
     return told == "ok" ? in.Text() : told;
@@ -81,7 +82,7 @@ TEST_F(AsioTest, MessagesArriveByteByByte) {
     std::string finished;
     Start(node.finish(), &finished);
     Poll();
-    EXPECT_EQ(peer.Read() + finished, "") << "the peer is told, and waited for";
+    EXPECT_EQ(peer.Read() + finished, "") << "the peer learns of the end, and is waited for";
     peer = Peer();
     Await(node.node().descriptor());
     Poll();
@@ -108,7 +109,26 @@ TEST_F(AsioTest, TimeOutsLoseNothing) {
   EXPECT_EQ(peer.Read(1156 + 156).size(), 1312U);
   EXPECT_EQ(WriteState(node.node().get()), "0, sent 2, out 0");
 
-  // After a part of a message was lost the node is closed.
+  // A read sends what a cancelled write has left queued.
+  Platform::Limit("send", {100});
+  Platform::Fail("send", 2, EAGAIN, Platform::kOnwards);
+  EXPECT_EQ(Run(within(10ms, node.write(out))), "SOCK_WAIT_TIMEOUT");
+  Platform::Mend();
+  EXPECT_EQ(Run(within(10ms, node.read(in))), "SOCK_WAIT_TIMEOUT");
+  EXPECT_EQ(WriteState(node.node().get()), "0, sent 3, out 0");
+  EXPECT_EQ(Run(node.flush()), "ok");
+
+  // Time in which the loop does not run does not count.
+  std::string told;
+  Start(within(10ms, node.read(in)), &told);
+  Poll();
+  std::this_thread::sleep_for(520ms);
+  Poll();
+  peer.Send(wire);
+  loop_.run_for(10s);
+  EXPECT_EQ(told, "ok");
+
+  // The node is closed after the loss of a part of a message.
   Platform::Limit("send", {100});
   Platform::Fail("send", 2, EAGAIN);
   Platform::Fail("send", 3, EPIPE);
@@ -150,6 +170,21 @@ TEST_F(AsioTest, AcceptingPausesWhenThereIsNoPlace) {
   EXPECT_EQ(Run(second.read(in)), "EMSGSIZE");
 }
 
+TEST_F(AsioTest, ANewConnectionTakesThePlaceOfAnother) {
+  MqLoopLimits limits = mq_loop_limits();
+  limits.nodes = 1, limits.keptMsec = 0;
+  AsyncNode listener = Take(mqnode::Node::listener(Local(0)), AsyncNode::Framing::kPlain, limits), first, second;
+  const Peer one = Peer::Connect(listener.node().local_port()), two = Peer::Connect(listener.node().local_port());
+  const Message in;
+  std::string told;
+  EXPECT_EQ(Run(listener.accept(first)), "ok");
+  Start(first.read(in), &told);
+  EXPECT_EQ(Run(listener.accept(second)), "ok");
+  EXPECT_EQ(told + " " + Run(first.write(in)), "ECONNABORTED ECONNABORTED");
+  EXPECT_STREQ(first.why({0, ECONNABORTED, MQ_IN_SOCKET}), "its place is needed");
+  EXPECT_TRUE(second.node().is_open());
+}
+
 TEST_F(AsioTest, DatagramsThatAreNoMessagesAreReported) {
   const AsyncNode node = Take(mqnode::Node::datagram(Local(0)));
   const Peer peer = Peer::Datagram();
@@ -161,6 +196,25 @@ TEST_F(AsioTest, DatagramsThatAreNoMessagesAreReported) {
   mqnode::Address to = node.node().sender();
   EXPECT_EQ(Run(node.write_to(in, to)), "ok");
   EXPECT_EQ(peer.Read().size(), 160U);
+}
+
+TEST_F(AsioTest, SignedMessages) {
+  constexpr auto kSigned = AsyncNode::Framing::kSigned;
+  const Keys keys;
+  const Message in, out(7, 4);
+  AsyncNode listener = Take(mqnode::Node::listener(Local(0)), kSigned), child;
+  const AsyncNode client = Take(mqnode::Node::connector(Local(listener.node().local_port())));
+  EXPECT_EQ(Run(client.open()), "ok");
+  EXPECT_EQ(Run(listener.accept(child)), "ok");
+  EXPECT_EQ(Run(client.write_signed(out, keys.signer)), "ok");
+  EXPECT_EQ(Read(child.read(in), in), "7:4 from tester");
+
+  const AsyncNode one = Take(mqnode::Node::datagram(Local(0))), other = Take(mqnode::Node::datagram(Local(0)), kSigned);
+  mqnode::Address to = Local(other.node().local_port());
+  EXPECT_EQ(Run(one.write_to(out, to)), "ok");
+  EXPECT_EQ(Run(other.read(in)), "MQ_BAD_MESSAGE");
+  EXPECT_EQ(Run(one.write_signed_to(out, to, keys.signer)), "ok");
+  EXPECT_EQ(Read(other.read(in), in), "7:4 from tester");
 }
 
 }  // namespace

@@ -90,7 +90,7 @@ def signed(server):
 
 
 def away(server):
-    """While the cluster is away a bridge holds no more than its bound, and nothing that it read is lost. A refusal is told."""
+    """A bridge tells of refusals. While the cluster is away, it stays within its memory bound, and loses nothing."""
     make_stream(server, "A", ["a.>"], max_msg_size=5000)
     bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--mode", "store", "--subject", "a.{command}", "--memory",
                     "65536", "--timeout", "60", "--per-client", "1000", event="listening")
@@ -113,7 +113,7 @@ def away(server):
 
 
 class Peer:
-    """A node that answers by sending back. It dies with the connection at a message with the text "death"."""
+    """A node that echoes messages. It closes the connection at a message with the text "death"."""
 
     def __init__(self):
         self.listener = socket.create_server(("127.0.0.1", 0))
@@ -141,7 +141,7 @@ class Peer:
 
 
 def delivered(server):
-    """Out of a stream to a node that dies now and then: each message arrives, those that cannot are dead letters."""
+    """From a stream to a node that sometimes dies: each message arrives, or becomes a dead letter if it cannot."""
     make_stream(server, "O", ["o.>"])
     make_stream(server, "D", ["dead.>"])
     nats, peer = Nats(server.port), Peer()
@@ -243,7 +243,7 @@ def secured(_):
 
 
 class Storer(threading.Thread):
-    """A client that sends numbers and notes those it was answered for. It goes on at another bridge, with those it was not."""
+    """A client that sends numbers and records the answered ones. Sends unanswered ones again, to another bridge."""
 
     def __init__(self, name, ports, count):
         super().__init__(daemon=True)
@@ -290,7 +290,7 @@ def storing(servers):
     expected = {f"s{i}:{number}" for i in range(4) for number in range(count)}
     assert set(stored) == expected, f"{len(expected - set(stored))} lost, {len(set(stored) - expected)} unknown"
     twice = sum(stored.values()) - len(stored)
-    # A client that lost its bridge sends again what it was not answered for, which is all that may be there twice.
+    # Only messages unanswered when a client lost its bridge may be stored twice.
     assert twice <= 4 * 8 and bridges[1].find("status")["stored"] > count, (twice, bridges[1].find("status"))
     print(f"storing: {len(stored)} of {len(expected)} stored, {twice} twice, "
           f"{bridges[1].status('resent')} published again, {bridges[1].status('duplicates')} recognised")
@@ -299,7 +299,7 @@ def storing(servers):
 
 
 def working(servers):
-    """kill -9 for one of three workers: every question is answered, by the others; what was lost was told."""
+    """kill -9 for one of three workers: the others answer every question, and losses are reported."""
     url = ",".join(server.url for server in servers)
     bridge = Bridge("in", "127.0.0.1:0", "--server", url, "--timeout", "2", event="listening")
     workers = [worker(server, server.name) for server in servers]
@@ -310,7 +310,7 @@ def working(servers):
             sent.append(left.popleft())
             node.send(1, str(sent[-1]))
         if sum(by.values()) == 1000 and workers[0].poll() is None:
-            workers[0].send_signal(signal.SIGSTOP)  # what it is given from now on is lost
+            workers[0].send_signal(signal.SIGSTOP)  # messages delivered to it from now on are lost
             threading.Timer(1, workers[0].kill).start()
         command, params = node.receive()
         if command == 2:

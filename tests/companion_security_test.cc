@@ -4,7 +4,7 @@
 
 #include "tests/support/records.hh"
 
-// Everything that was wiped.
+// All bytes that were wiped, while it has a value.
 static std::optional<std::vector<Bytes>> wiped;
 
 extern "C" void sodium_memzero(void* const place, const size_t size) {
@@ -29,13 +29,13 @@ struct Keys {
   }
 };
 
-// How messages are sent: milliseconds before each, how far the sender's clock is ahead, and what becomes of each.
+// How messages are sent: milliseconds before each, lead of the sender's clock, and why the reader refuses them.
 struct How {
   int64_t pace = 0, ahead = 0;
-  const char* says = "";  // why it is refused
+  const char* says = "";  // empty if accepted
 };
 
-// What a host does to a record, or to the buffer that goes with it, before it is signed or checked.
+// Changes a record, or the buffer passed with it, before it is signed or checked.
 using Spoil = std::function<void(PcfMessage&, IoBuffer&)>;
 
 class SecurityTest : public Fixture {
@@ -58,7 +58,7 @@ class SecurityTest : public Fixture {
     return mqc_ring_load(folder_.File("ring", ring, mode).c_str(), why_.text, sizeof why_.text);
   }
 
-  // The sample as this user signs it, after what spoils it; empty when that is refused.
+  // The sample, signed by this user after spoil has changed it; empty if signing is refused.
   Bytes Sign(const std::string& user, void* context, const Spoil& spoil = {}) {
     Exact msg(SampleFrom({}, user));
     IoBuffer out = {};
@@ -73,7 +73,7 @@ class SecurityTest : public Fixture {
   Bytes Sign(const std::string& user = "alice") {
     return Sign(user, (user == "bob" ? bob_signer_ : alice_signer_).get());
   }
-  // What a secure read does with the bytes of one message: why it was refused, or nothing.
+  // Processes the bytes of one message like a signed read. Returns why it was refused; empty if it was accepted.
   static std::string Refusal(const Bytes& wire, const Spoil& spoil = {}) {
     SecureHeader envelope;
     memcpy(&envelope, wire.data(), 32);
@@ -90,16 +90,16 @@ class SecurityTest : public Fixture {
     if (accepted) {
       EXPECT_TRUE(record.Read());
       EXPECT_EQ(Show(record), format("{0}{1}, foreign sender, {1}", kSample, record.sender()));
-      EXPECT_TRUE(record.Read() && !record.sealed()) << "a plain read came afterwards";
+      EXPECT_TRUE(record.Read() && !record.sealed()) << "a later plain read is not sealed";
     } else {
       EXPECT_TRUE(envelope.version != 2 || RawOf(record).find("foreign sender") == Bytes::npos);
-      EXPECT_EQ(Show(record), "0:; , , ") << "nothing is shown that is not believed";
+      EXPECT_EQ(Show(record), "0:; , , ") << "a refused message must not be shown";
     }
     return accepted ? "" : mqc_authenticate_error();
   }
-  // A message that alice sealed for bob, who reads it, and signed; by a program of her own.
+  // A message that alice sealed for bob and signed, made by the tests' own sender.
   Bytes Sealed(const Bytes& plain, const std::function<void(Bytes&)>& spoil = {}) const {
-    mqc_reset_replay(0);  // they all have the same time and nonce
+    mqc_reset_replay(0);  // all of them have the same time and nonce
     const auto now = static_cast<uint64_t>(clock_now);
     Bytes part = sender::Sealed(plain, "alice", "bob", bob_.open, now, "");
     if (spoil) spoil(part);
@@ -154,7 +154,7 @@ TEST_F(SecurityTest, EveryBitAndTheEndAreCovered) {
   }
 }
 
-// Bob signs well, then claims to be alice; alice's key is taken away, or replaced.
+// A message signed by bob that claims to be alice's; alice's key removed, or replaced by bob's.
 TEST_F(SecurityTest, NobodySignsForAnother) {
   const Bytes bobs = Sign("bob"), good = Sign();
   Bytes claimed = Bytes(bobs).replace(20, 5, "alice");
@@ -169,8 +169,8 @@ TEST_F(SecurityTest, NobodySignsForAnother) {
   EXPECT_EQ(Refusal(good) + Refusal(bobs), "");
 }
 
-// A key is good to the last millisecond of its day, for who signs and for who reads. A revoked one stays so, whatever
-// comes before and after it; another key of the user is another matter.
+// A key is valid until the last millisecond of its day, for signers and readers. A revoked key stays revoked, whatever
+// is loaded before or after; another key of the same user is not affected.
 TEST_F(SecurityTest, KeysEndAndAreRevoked) {
   const std::string path = folder_.Name("secret"), line = format("alice {}", alice_.open_text);
   EXPECT_TRUE(mqc_secret_file_write_until(path.c_str(), "alice", alice_.secret, clock_now, nullptr, 0));
@@ -194,7 +194,7 @@ TEST_F(SecurityTest, KeysEndAndAreRevoked) {
   ExpectSays(Refusal(Sign()), "is not user alice's");
 }
 
-// The mapping that a signer lies in, by the kernel's own account.
+// Reads the flags of the mapping that contains a signer.
 TEST_F(SecurityTest, SignersAreLeftOutOfCoreDumpsAndSwap) {
   std::ifstream maps("/proc/self/smaps");
   const auto at = reinterpret_cast<uintptr_t>(alice_signer_.get());
@@ -205,7 +205,7 @@ TEST_F(SecurityTest, SignersAreLeftOutOfCoreDumpsAndSwap) {
     if (sscanf(line.c_str(), "%zx-%zx ", &begin, &end) == 2) within = begin <= at && at < end;
   }
   ExpectSays(line + " ", " dd ");
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which make mlock do nothing
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these disable mlock
   rlimit lockable;
   getrlimit(RLIMIT_MEMLOCK, &lockable);
   if (lockable.rlim_cur > 65536) ExpectSays(line + " ", " lo ");
@@ -213,21 +213,25 @@ TEST_F(SecurityTest, SignersAreLeftOutOfCoreDumpsAndSwap) {
 }
 
 TEST_F(SecurityTest, SigningIsRefusedWithAReason) {
+  const Signer seals = alice_signer_.sealing("bob");
+  void* const alice = alice_signer_.get();
   uint64_t no_signer[40] = {};
   const std::tuple<const char*, void*, Spoil> rows[] = {
       {"no security context", nullptr, {}},
       {"not a signer", no_signer, {}},
       {"the node's user is alice, the key is that of bob", bob_signer_.get(), {}},
-      {"136 bytes in an area of 232 are not a message", nullptr, [](auto& msg, auto&) { msg.raw.length = 136; }},
-      {"233 bytes in an area of 232 are not a message", nullptr, [](auto& msg, auto&) { msg.raw.length = 233; }},
-      {"passes the bound", nullptr, [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
-      {"do not say the message's length of 232", nullptr, [](auto& msg, auto&) { msg.secHeader.msgLength--; }},
-      {"do not say", nullptr, [](auto& msg, auto&) { msg.raw.data[64]++; }},
-      {"different users", nullptr, [](auto& msg, auto&) { msg.raw.data[72] = 'A'; }},
-      {"no memory to sign", nullptr, [](auto&, auto&) { mqc_fail_allocation(1, 0); }},
+      {"136 bytes in an area of 232 are not a message", alice, [](auto& msg, auto&) { msg.raw.length = 136; }},
+      {"233 bytes in an area of 232 are not a message", alice, [](auto& msg, auto&) { msg.raw.length = 233; }},
+      {"passes the bound", alice, [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 127; }},
+      {"passes the bound", seals.get(),
+       [](auto& msg, auto&) { msg.raw.length = msg.raw.capacity = MQ_MAX_MESSAGE - 191; }},
+      {"do not say the message's length of 232", alice, [](auto& msg, auto&) { msg.secHeader.msgLength--; }},
+      {"do not say", alice, [](auto& msg, auto&) { msg.raw.data[64]++; }},
+      {"different users", alice, [](auto& msg, auto&) { msg.raw.data[72] = 'A'; }},
+      {"no memory to sign", alice, [](auto&, auto&) { mqc_fail_allocation(1, 0); }},
   };
   for (const auto& [says, context, spoil] : rows) {
-    EXPECT_EQ(Sign("alice", spoil ? alice_signer_.get() : context, spoil), "");
+    EXPECT_EQ(Sign("alice", context, spoil), "");
     ExpectSays(mqc_sign_error(), says);
   }
 }
@@ -253,7 +257,7 @@ TEST_F(SecurityTest, RecordsThatDoNotFitTheirEnvelopeAreRefused) {
 
 // ---- Sealed messages ----
 
-// Alice signs once more what somebody has changed in a message sealed for bob.
+// A message sealed for bob is changed, and signed again by alice.
 TEST_F(SecurityTest, EveryBitOfASealedMessageIsBound) {
   const Bytes plain = SampleFrom({true, true});
   EXPECT_TRUE(mqc_set_opener(bob_signer_.get()));
@@ -279,7 +283,7 @@ TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
       {MQC_SEAL_MAY, &bob_signer_, sealed(4, "x"), "is not valid"},
       {MQC_SEAL_MAY, &bob_signer_, sealed(15, "\1"), "the reserved bytes of the seal are not zero"},
       {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, weak, "alice", alice_.secret, now, "", 2), "the seal is broken"},
-      // Signed by another user, or announced as a message that is not sealed.
+      // Signed by another user; signed as a message that is not sealed.
       {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, part, "bob", bob_.secret, now, "", 2), "the seal is broken"},
       {MQC_SEAL_MAY, &bob_signer_, sender::Signed({}, part, "alice", alice_.secret, now, ""), "the first word"},
       {MQC_SEAL_MAY, &bob_signer_, Sealed(SampleFrom({}, "bob")), "header and envelope name different users"},
@@ -297,9 +301,45 @@ TEST_F(SecurityTest, ASealedMessageIsForOneReader) {
     EXPECT_EQ(refusal.empty(), *says == '\0') << refusal;
   }
   EXPECT_FALSE(mqc_set_sealing(MQC_SEAL_NEVER + 1));
+  // A nonce is that of an accepted message.
+  uint8_t accepted[16], refused[16];
+  ASSERT_TRUE(mqc_set_sealing(MQC_SEAL_MAY) && mqc_set_opener(bob_signer_.get()) && Refusal(Sign()).empty());
+  mqc_nonce(accepted);
+  ExpectSays(Refusal(Sealed(plain, [](Bytes& changed) { changed = Flip(changed, 0); })), "the seal is broken");
+  mqc_nonce(refused);
+  EXPECT_EQ(memcmp(accepted, refused, sizeof accepted), 0);
 }
 
-// Bob's key in alice's ring, and in his own file, is used to its last millisecond. His next key takes its place.
+TEST_F(SecurityTest, ACapturedMessageIsOpenedByItsKey) {
+  const auto now = static_cast<uint64_t>(clock_now);
+  const Bytes plain = SampleFrom({true, true}), wire = Sealed(plain),
+              weak = sender::Sealed(plain, "alice", "bob", bob_.open, now, "", true),
+              cut = With(wire, 16, 296, true).substr(0, 328);
+  const std::tuple<const Signer*, Bytes, const char*> rows[] = {
+      {&bob_signer_, wire, ""},
+      {&alice_signer_, wire, "sealed for bob, the key is that of alice"},
+      {&bob_signer_, Flip(wire, 32 * 8), "the seal is broken"},
+      {&bob_signer_, sender::Signed({true, true}, weak, "alice", alice_.secret, now, "", 2), "the seal is broken"},
+      {&bob_signer_, Sign(), "not sealed"},
+      {&bob_signer_, With(wire, 4, 3, true), "version 3"},
+      {&bob_signer_, wire.substr(0, 31), "too short for an envelope"},
+      {&bob_signer_, wire.substr(0, wire.size() - 1), "the envelope says"},
+      {&bob_signer_, cut, "the envelope says 296 bytes, there are 296"},
+  };
+  for (const auto& [key, captured, says] : rows) {
+    std::vector<uint8_t> bytes(captured.begin(), captured.end());  // lets a sanitizer detect overruns
+    const bool opened = 1 == mqc_open_captured(key->get(), bytes.data(), static_cast<uint32_t>(bytes.size()), why_.text,
+                                               sizeof why_.text);
+    ExpectSays(why_.text, says);
+    EXPECT_EQ(opened, *says == '\0') << says;
+    const Bytes content = opened ? plain : Bytes(plain.size(), '\0');
+    const bool changes = opened || strstr(says, "broken") != nullptr;
+    EXPECT_EQ(Bytes(bytes.begin(), bytes.end()),
+              changes ? Bytes(captured).replace(32, plain.size(), content) : captured);
+  }
+}
+
+// Bob's key is used until its last millisecond, in alice's ring and in his own file. Then his next key replaces it.
 TEST_F(SecurityTest, NothingIsSealedForAKeyThatIsOver) {
   const std::string path = folder_.Name("secret"), line = format("bob {}", bob_.open_text);
   EXPECT_TRUE(mqc_secret_file_write_until(path.c_str(), "bob", bob_.secret, clock_now, nullptr, 0));
@@ -326,7 +366,7 @@ TEST_F(SecurityTest, NothingIsSealedForAKeyThatIsOver) {
   EXPECT_FALSE(alice_signer_.sealing("b b"));
 }
 
-// Both sides wipe what a message's key was derived from, and the reader the copy of its own. A dump shows no byte.
+// Both sides wipe the inputs of a message's key, and the reader the copy of its own key. A dump shows no byte of them.
 TEST_F(SecurityTest, SealsLeaveNothingBehind) {
   const Signer seals = alice_signer_.sealing("bob");
   EXPECT_TRUE(mqc_set_opener(bob_signer_.get()) && mqc_log_to(folder_.Name("log").c_str()));
@@ -339,9 +379,18 @@ TEST_F(SecurityTest, SealsLeaveNothingBehind) {
   };
   EXPECT_EQ(count("MQSEAL02", 8 + 3 * 32 + 32), 2);
   EXPECT_EQ(count("bob", 16 + 8 + 2 * 32), 1);
+  const Bytes ephemeral = wire.substr(32 + 136 + kSampleBody + 16, 32);
+  EXPECT_EQ(std::ranges::count_if(all,
+                                  [&](const Bytes& it) {
+                                    uint8_t open[32];
+                                    if (it.size() == 32)
+                                      crypto_scalarmult_base(open, reinterpret_cast<const uint8_t*>(it.data()));
+                                    return it.size() == 32 && memcmp(open, ephemeral.data(), 32) == 0;
+                                  }),
+            1);
   ExpectSays(Content(folder_.Name("log")), "1901W message of 232 bytes");
   EXPECT_EQ(Content(folder_.Name("log")).find("1902W"), Bytes::npos);
-  EXPECT_EQ(Sign("alice", seals.get()).find(wire.substr(32 + 136 + kSampleBody + 16, 32)), Bytes::npos);
+  EXPECT_EQ(Sign("alice", seals.get()).find(ephemeral), Bytes::npos);
   mqc_log_to(nullptr);
 }
 
@@ -356,8 +405,8 @@ TEST_F(SecurityTest, AgeIsJudgedByTheWindow) {
   Send("alice", 1, {.ahead = -10001, .says = "signed 10001 ms before the present"});
 }
 
-// A message that found no memory was not remembered. A lower limit, and messages over time, make the oldest be
-// forgotten; those of one moment fill the memory. Neither a wider window nor a clock that goes back brings one back.
+// A message for which there was no memory is not remembered. A lower limit, and later messages, evict the oldest;
+// messages of one moment fill the memory. No evicted one is accepted after a wider window or a clock set back.
 TEST_F(SecurityTest, AFullMemoryForgetsButNeverAcceptsTwice) {
   EXPECT_FALSE(mqc_set_replay_limit(1023) || mqc_set_replay_limit(16777217));
   const Bytes first = Sign();
@@ -368,7 +417,7 @@ TEST_F(SecurityTest, AFullMemoryForgetsButNeverAcceptsTwice) {
   EXPECT_EQ(Refusal(first), "");
   Send("alice", 1300, {.pace = 1});
   ASSERT_TRUE(mqc_set_replay_limit(1024));
-  EXPECT_EQ(Remembered(), 1025u) << "and the user";
+  EXPECT_EQ(Remembered(), 1025u) << "the messages and the user";
   ExpectSays(Refusal(first), kForgotten);
   clock_now += 700000;
   Send("alice", 1024);
@@ -381,8 +430,8 @@ TEST_F(SecurityTest, AFullMemoryForgetsButNeverAcceptsTwice) {
   ExpectNothingIsAcceptedTwice();
 }
 
-// Bob fills the memory with messages that are as far ahead as they may be: his own later ones are refused until the
-// time has come up to them, alice's are not.
+// Bob fills the memory with messages dated as late as possible. His later ones are refused until that time is reached;
+// alice's are not affected.
 TEST_F(SecurityTest, NobodyFillsTheMemoryForOthers) {
   ASSERT_TRUE(mqc_set_replay_limit(1024));
   Send("bob", 1024, {.ahead = 290000});
@@ -390,15 +439,15 @@ TEST_F(SecurityTest, NobodyFillsTheMemoryForOthers) {
   Send("alice", 1000, {.pace = 10});
   const Bytes late = Sign();
   Send("alice", 200, {.pace = 10});
-  EXPECT_EQ(Refusal(late), "") << "alice has her share too";
+  EXPECT_EQ(Refusal(late), "") << "alice has a share of the memory";
   Send("bob", 1, {.says = kForgotten});
   EXPECT_EQ(Remembered(), 1024u + 2) << "and a block for each user";
   ExpectNothingIsAcceptedTwice();
   Send("bob", 1, {.pace = 290001});
 }
 
-// Both clocks were an hour ahead: what was accepted then is still refused, and nothing else is, until the memory of it
-// is full. Then the host says so: the messages of the wrong hour, and no others, are accepted once more in that hour.
+// Both clocks were an hour ahead. What was accepted then remains refused, and nothing else is until the memory is full.
+// After a reset by the application, messages of the wrong hour, and no others, are accepted again in that hour.
 TEST_F(SecurityTest, AClockThatIsSetRightRefusesNothingNew) {
   ASSERT_TRUE(mqc_set_replay_limit(1024));
   for (const int step : {0, kHour, -kHour, kHour}) Send("alice", 1, {.pace = step});
@@ -417,7 +466,7 @@ TEST_F(SecurityTest, AClockThatIsSetRightRefusesNothingNew) {
   clock_now += kHour;
   EXPECT_EQ(Refusal(accepted_[1000]), "");
   ExpectSays(Refusal(accepted_[1000]), "replay");
-  // An hour after the window, two are forgotten for each that comes.
+  // An hour after the window has passed, each new message evicts two old ones.
   Send("alice", 1, {.pace = kHour + 300001});
   EXPECT_EQ(Remembered(), 2u) << "the user and the last message";
 }
@@ -433,7 +482,7 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
     EXPECT_EQ(std::string(why_.text).find(std::string(bob_.secret_text, 10)), std::string::npos);
   };
   const std::tuple<std::string, mode_t, const char*, const char*> rows[] = {
-      // The file and its mode; the user who is asked for; why it is refused.
+      // The file and its mode; the user asked for; why the file is refused.
       {"# keys\n\n  " + alice, 0400, nullptr, ""},
       {alice.substr(0, alice.size() - 1) + "\r\n" + bob + "\r", 0600, "alice", ""},
       {alice + bob + " until=2028-02-29\tsecret # his", 0600, "bob", ""},
@@ -453,11 +502,10 @@ TEST_F(SecurityTest, SecretKeyFilesAreReadOrRefusedWithTheLine) {
   }
   expect(folder_.Name("missing"), nullptr, ": No such file or directory (ENOENT)");
   const std::string theirs = folder_.File("theirs", alice);
-  if (chown(theirs.c_str(), 65534, 65534) == 0)
-    expect(theirs, nullptr, ": belongs to user id 65534");  // root alone can
+  if (chown(theirs.c_str(), 65534, 65534) == 0) expect(theirs, nullptr, ": belongs to user id 65534");  // requires root
   char cut[8] = "";
   for (const size_t size : {sizeof cut, size_t{0}}) EXPECT_FALSE(mqc_signer_load("/", nullptr, cut, size));
-  EXPECT_STREQ(cut, "/: not ") << "a place of no size is not written to";
+  EXPECT_STREQ(cut, "/: not ") << "a buffer of size 0 is not written to";
 }
 
 TEST_F(SecurityTest, WordsBehindAKeyAreTakenOnce) {
@@ -485,7 +533,7 @@ TEST_F(SecurityTest, WordsBehindAKeyAreTakenOnce) {
   }
 }
 
-// Interrupted transfers go on; others fail, and leave no part of a key behind.
+// Interrupted transfers are resumed; other failures leave no part of a key behind.
 TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   const std::string path = folder_.Name("secret");
   struct stat about;
@@ -507,7 +555,7 @@ TEST_F(SecurityTest, ASecretIsWrittenForItsOwnerAndNeverOverwritten) {
   }
 }
 
-// Alone, then among more users than the first area takes, around those of the file, in any order.
+// Alone, then among more users than the first area of the ring can contain, added in any order.
 TEST_F(SecurityTest, ARingIsLoadedWholeOrNotAtAll) {
   const char *one = alice_.open_text, *two = bob_.open_text;
   mqc_ring_clear();
@@ -537,7 +585,7 @@ TEST_F(SecurityTest, ARingIsLoadedWholeOrNotAtAll) {
   EXPECT_FALSE(mqc_ring_add("n", kNoKey, nullptr, 0));
 }
 
-// Each of the twelve allocations for keys fails once. The fixture sees what is not released then.
+// Each of the twelve allocations for keys fails once. The fixture detects leaks.
 TEST_F(SecurityTest, KeysNeedMemory) {
   const std::string secret = folder_.Name("secret"), ring = folder_.File("ring", format("bob {}\n", bob_.open_text));
   for (uint64_t nth = 1; nth <= 13; ++nth) {

@@ -10,7 +10,7 @@
 
 #include "tests/support/records.hh"
 
-// The time of day as the companion finds it, when it is not the system's.
+// The time of day that the companion sees; null: the system's.
 static const timespec* present;
 
 extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept {
@@ -29,12 +29,12 @@ std::string Text(const MqcMemory& it) {
   return format("{} of {}, peak {}, {} bytes", it.live_blocks, it.total_blocks, it.peak_blocks, it.live_bytes);
 }
 
-// Whatever the order of their release: no block overlaps another, records are zero, areas begin at multiples of 64.
+// In any order of release: blocks do not overlap, records are zeroed, areas are aligned to 64 bytes.
 TEST_F(CompanionTest, BlocksStayApartAndAreCounted) {
   struct Block {
     bool is_record;
     int fill;
-    IoBuffer area;  // a record is its data
+    IoBuffer area;  // for a record, only data is used
     bool IsFilled(int byte) const { return std::count(area.data, area.data + area.length, byte) == area.length; }
   };
   std::vector<Block> blocks;
@@ -66,7 +66,7 @@ TEST_F(CompanionTest, BlocksStayApartAndAreCounted) {
   }
 }
 
-// More places than are remembered, each told by its text then; no tag; more tags than are told apart.
+// More tag pointers than are cached, identified by their text; null tags; more tags than are counted separately.
 TEST_F(CompanionTest, TagsAreToldByTheirTextUpToSixtyFour) {
   static char names[400][8];
   MqcMemory none, all;
@@ -92,7 +92,7 @@ TEST_F(CompanionTest, TagsAreToldByTheirTextUpToSixtyFour) {
 
 TEST_F(CompanionTest, BuffersKeepTheirContract) {
   const std::pair<void (*)(IoBuffer*), const char*> steps[] = {
-      // What is done; length, capacity, flags, received, sent.
+      // What is done; length, capacity, flags, received and sent afterwards.
       {[](IoBuffer* buf) { mqc_fail_allocation(1, 0), CreateBuffer(buf, 50); }, "0 0 0 0 0"},
       {[](IoBuffer* buf) { CreateBuffer(buf, 16520); }, "16520 16520 0 0 0"},
       {[](IoBuffer* buf) { *buf = {buf->data, 10, 16520, 2, 136, 3}, SizeBuffer(buf, 20000); }, "10 20000 2 136 3"},
@@ -104,12 +104,12 @@ TEST_F(CompanionTest, BuffersKeepTheirContract) {
       {[](IoBuffer* buf) { SizeBuffer(buf, 50); }, "0 50 2 0 0"},
   };
   IoBuffer buf;
-  memset(static_cast<void*>(&buf), 0xff, sizeof buf);  // is not looked at by the first step
+  memset(static_cast<void*>(&buf), 0xff, sizeof buf);  // ignored by the first step
   for (const auto& [act, state] : steps) {
     act(&buf);
     EXPECT_EQ(format("{} {} {} {} {}", buf.length, buf.capacity, buf.flags, buf.received, buf.sent), state);
     ASSERT_EQ(buf.data == nullptr, buf.capacity == 0);
-    // What was received, and what is to be sent, stays.
+    // Received bytes and bytes to be sent are preserved.
     const uint32_t held = buf.received != 0 ? std::max(buf.received, buf.length) : 0;
     EXPECT_EQ(std::count(buf.data, buf.data + held, 7), held) << state;
     if (buf.data != nullptr) memset(buf.data, 7, buf.capacity);
@@ -133,20 +133,20 @@ TEST_F(CompanionTest, TheUserNameFitsOrIsRefused) {
 
 // ---- Messages ----
 
-// What the functions for received messages say of this one, in turn.
+// The results of the functions for received messages, called in turn.
 std::string Results(PcfMessage* msg) {
   const auto results = {VerifyMessage(&msg->raw), RawToPcf(msg), AlienToNative(&msg->raw), RawToPcf(msg),
                         AlienPcfToNative(msg),    RawToPcf(msg)};
   return format("{}", fmt::join(results, ""));
 }
 
-// Nothing in a sender's form is parsed, nor a body behind a converted header; what is converted stays.
+// Neither an unconverted message nor an unconverted body is parsed. A second conversion changes nothing.
 TEST_F(CompanionTest, EverySenderArrivesAsIfItWereTheHost) {
   const auto built = mqnode::Message::create();
   ASSERT_TRUE(built.begin(77) && built.add(1, "four") && built.add(2, -5) && built.add(3, INT64_MIN + 1));
   ASSERT_TRUE(built.add(4, mqnode::Bytes("\0\xfe\xff", 3)) && built.add(1, ""));
   auto* const header = reinterpret_cast<MsgHeader*>(built.record().raw.data);
-  strcpy(header->userId, "alice");  // as the library does before it sends
+  strcpy(header->userId, "alice");  // as the library does when it sends
   strcpy(header->applName, "foreign sender");
   EXPECT_EQ(Show(built), format("{}alice, foreign sender, ", kSample));
   for (const Form form : kForms) {
@@ -159,7 +159,7 @@ TEST_F(CompanionTest, EverySenderArrivesAsIfItWereTheHost) {
   }
 }
 
-// Why the bytes of one message are refused, or nothing. What was refused is as it was, or its header is converted; it
+// Why a message is refused; empty if it is accepted. A refused message is unchanged except for a converted header, and
 // has no parameters.
 std::string Refusal(const Bytes& raw) {
   Exact arrived(raw);
@@ -174,7 +174,7 @@ std::string Refusal(const Bytes& raw) {
   return mqc_message_error(arrived.get());
 }
 
-// The words of the sample: five parameters with their heads at 144, 164, 180, 200 and 216, 232 bytes in all.
+// Offsets of words in the sample: the heads of its five parameters are at 144, 164, 180, 200 and 216 of 232 bytes.
 TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
   const std::tuple<size_t, uint32_t, const char*> rows[] = {
       {0, 135, "not the length 136"},
@@ -211,13 +211,13 @@ TEST_F(CompanionTest, BrokenMessagesAreRefusedWithTheReason) {
   ExpectSays(mqc_header_error(), "the body ends in its head");
 }
 
-// Records whose area, or what they say of it, can hold no message: no function reads it. A browse leaves the length, so
-// that a header is judged by the area alone; it moves along when the area grows.
+// No function reads a record whose area, or whose lengths, cannot contain a message. After a browse the length is still
+// 0, so a header is validated against the area alone; it is preserved when the area grows.
 TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
   const Bytes sample = SampleFrom({});
   const auto size = static_cast<uint32_t>(sample.size());
   const std::tuple<bool, uint32_t, uint32_t, const char*> rows[] = {
-      // Whether there is an area, its capacity, its length; the last parameter, functions, names.
+      // Whether there is an area; capacity, length; whether the last parameter is found; results; names.
       {false, size, size, "0 000000; , , "},
       {true, size - 1, size, "1 001000; alice, foreign sender, "},
       {true, size, 135, "0 001000; , , "},
@@ -238,7 +238,7 @@ TEST_F(CompanionTest, RecordsWithoutAMessageAreRefused) {
 }
 
 TEST_F(CompanionTest, MessagesAreBounded) {
-  const auto msg = mqnode::Message::create(1006);  // the 54th parameter ends two bytes behind this area
+  const auto msg = mqnode::Message::create(1006);  // the 54th parameter would end two bytes beyond this area
   ASSERT_TRUE(msg.begin(1));
   for (uint32_t i = 0; i < MQC_MAX_PARAMS; ++i) {
     ASSERT_TRUE(msg.add(i, static_cast<int32_t>(i)));
@@ -254,7 +254,8 @@ TEST_F(CompanionTest, MessagesAreBounded) {
   const std::string half(MQ_MAX_MESSAGE / 2, 'x');
   ASSERT_TRUE(msg.begin(1) && msg.add(1, half));
   EXPECT_FALSE(msg.add(1, half));
-  EXPECT_FALSE(mqc_add_bytes(msg.get(), 1, half.data(), 0xffffffff)) << "the length is looked at before the bytes";
+  EXPECT_FALSE(mqc_add_bytes(msg.get(), 1, half.data(), 0xffffffff))
+      << "the length is checked before the bytes are read";
   EXPECT_EQ(msg.error(), "4328521900 bytes would pass the bound of 67108864");
   EXPECT_EQ(msg.params().size(), 1u);
   EXPECT_FALSE(SizePcfMessage(msg.get(), MQ_MAX_MESSAGE + 1) || mqnode::Message::create(MQ_MAX_MESSAGE + 1));
@@ -262,7 +263,7 @@ TEST_F(CompanionTest, MessagesAreBounded) {
 
 // ---- Log ----
 
-// Without the time of each line.
+// Removes the time from each line.
 std::string Untimed(const std::string& text) {
   return std::regex_replace(text, std::regex("\\d{4}-\\d\\d-\\d\\dT[0-9:.]{12}Z "), "");
 }
@@ -298,7 +299,7 @@ TEST_F(LogTest, WritesOneLineFromASignalHandler) {
   EXPECT_EQ(std::filesystem::status(path_).permissions() & ~std::filesystem::perms(022), std::filesystem::perms(0640));
 }
 
-// The last second of every day until 2105.
+// Logs in the last second of every day until 2105.
 TEST_F(LogTest, WritesTheDateOfAnyDay) {
   std::string expected;
   timespec at = {0, 7000000};
@@ -313,7 +314,7 @@ TEST_F(LogTest, WritesTheDateOfAnyDay) {
   EXPECT_TRUE(Content(path_) == expected);
 }
 
-// What can be read now.
+// What can be read now, without blocking.
 std::string Taken(int fd) {
   std::string text(1 << 20, ' ');
   const ssize_t got = syscall(SYS_read, fd, text.data(), text.size());
@@ -321,7 +322,7 @@ std::string Taken(int fd) {
   return text;
 }
 
-// A socket, a pipe that is full, the wrong end of one, nothing: no line waits, none goes to a peer, each is counted.
+// A socket, a full pipe, the read end of a pipe, no descriptor: no line blocks or reaches a peer, and each is counted.
 TEST_F(LogTest, WaitsForNobody) {
   int ends[2], sockets[2];
   ASSERT_EQ(pipe(ends) + socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets), 0);
@@ -364,16 +365,16 @@ TEST_F(LogTest, DumpsAreBoundedWhateverTheyShow) {
                                                    small.error()));
 }
 
-// Runs in a process of its own, which loads the companion with a variable set.
+// Run in a process of its own, which loads the companion with an environment variable set.
 TEST(LogChild, DISABLED_Writes) { LOGMSG("1157I child", 1); }
 
-// A link, a pipe that is read, a folder, a path that is too long, another user's file: the line goes to standard error.
+// With a link, a pipe with a reader, a folder, too long a path, another user's file, lines go to standard error.
 TEST_F(LogTest, TheEnvironmentNamesTheFile) {
   const std::string link = folder_.Name("link"), fifo = folder_.Name("fifo"), theirs = folder_.File("theirs", "", 0666);
   ASSERT_EQ(symlink(path_.c_str(), link.c_str()) + mkfifo(fifo.c_str(), 0600), 0);
   const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   std::vector<std::string> names = {path_, link, fifo, "/tmp", std::string(1024, 'x')};
-  if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) names.push_back(theirs);  // root alone can
+  if (chown(theirs.c_str(), geteuid() + 1, getegid()) == 0) names.push_back(theirs);  // requires root
   const char* const child = "--gtest_filter=LogChild.DISABLED_Writes --gtest_also_run_disabled_tests --gtest_brief=1";
   for (const std::string& name : names) {
     const std::string seen = folder_.File("seen", "");

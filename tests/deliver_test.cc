@@ -1,25 +1,24 @@
-// deliver_test.cc - messages composed and delivered, plain and signed: what is on the wire, what waits in the queue,
-// what is counted.
+// deliver_test.cc - composing and delivering messages, plain and signed: bytes on the wire, queue, counters.
 #include "tests/support/nodes.hh"
 
 namespace {
 
 using sender::Encoder;
 
-// The header that a node of "tester" puts in front of body bytes.
+// The header of a message from a node of "tester" with a body of this many bytes.
 std::string Header(uint32_t body, const std::string& user = "tester") {
   return Encoder({false, false}).Header(body, user, "UNKNOWN").bytes;
 }
 
 class DeliverTest : public NodeTest {
  protected:
-  // Writes messages of the given commands, the first of which finds the socket full.
+  // Writes messages of the given commands. The first one finds the socket full, so all are queued.
   static void Queue(MQNode* node, std::initializer_list<uint32_t> commands) {
     Platform::Fail("send", 1, EAGAIN);
     for (const uint32_t command : commands) EXPECT_EQ(mnWrite(Message(command, 4), node), 1);
     Take();
   }
-  // The commands of messages of 4 bytes.
+  // The commands of consecutive messages with 4 bytes of content.
   static std::string Commands(const std::string& bytes) {
     std::string commands;
     for (size_t at = kHeader; at < bytes.size(); at += 160) commands += static_cast<char>('0' + WordAt(bytes, at));
@@ -35,7 +34,7 @@ TEST_F(DeliverTest, BytesOnTheWire) {
   mqc_add_bytes(out, 9, "abcdef", 6);
   const std::string body =
       Encoder({false, false}).Word(0x01020304).Word(1).Word(9).Word(MQC_BYTES).Word(6).Text("abcdef", 8).bytes;
-  // Whatever was in the fields that the node fills.
+  // The node overwrites the previous content of its fields.
   const auto spoil = [&out] {
     for (const size_t at : {size_t{0}, size_t{8}, size_t{12}, kAtBody}) memset(out->raw.data + at, 'x', 4);
     memset(out->raw.data + kAtUser, 'x', 60);
@@ -45,12 +44,12 @@ TEST_F(DeliverTest, BytesOnTheWire) {
   EXPECT_EQ(mnWrite(out, link.node), 1);
   spoil();
   EXPECT_EQ(mnSWrite(out, link.node, 0, nullptr), 1);
-  EXPECT_EQ(link.peer.Read(2 * 164), Header(28) + body + Header(28) + body) << "unsigned is plain";
+  EXPECT_EQ(link.peer.Read(2 * 164), Header(28) + body + Header(28) + body) << "an unsigned write is plain";
 
   mqc_set_clock([]() -> int64_t { return 0x0000018BCFE56789; });
   const Keys keys;
   spoil();
-  // The user that the caller gives has no say: the signature names who signed.
+  // The caller's user is ignored: the signature names the signer.
   EXPECT_EQ(mnSWriteMsg(out, link.node, nullptr, "somebody", 1, keys.signer.get(), 0), 1);
   const std::string trailer = Field("MQSIGN01" + std::string("\0\0\x01\x8B\xCF\xE5\x67\x89", 8), kTrailer);
   const std::string wire = sender::Enveloped({false, false}, Header(28) + body, "tester", trailer);
@@ -59,7 +58,7 @@ TEST_F(DeliverTest, BytesOnTheWire) {
   mqc_set_clock(nullptr);
 }
 
-// What is no message is refused before anything happens; a raw form of any other length is sent as it is.
+// Impossible lengths are refused before anything happens; a raw form of any other length is sent as it is.
 TEST_F(DeliverTest, LengthsOfRawForms) {
   const Link link = Connect();
   const Message out(1000);
@@ -81,10 +80,10 @@ TEST_F(DeliverTest, LengthsOfRawForms) {
 
 TEST_F(DeliverTest, UserOfTheHeader) {
   const Link link = Connect();
-  // The user that arrives when text was put somewhere into the message, which is then written.
+  // The user that arrives after text was copied into the message and the message was written.
   const auto sent = [&](size_t at, const std::string& text, const std::function<int(PcfMessage*)>& write) {
     const Message out(1, 4);
-    memset(out->raw.data + 84, 'A', 48);  // directly behind a user of 12 characters
+    memset(out->raw.data + 84, 'A', 48);  // directly after a user of 12 characters
     memcpy(out->raw.data + at, text.data(), text.size());
     EXPECT_EQ(write(out), 1);
     const std::string header = link.peer.Read(160).substr(0, kHeader), user = header.substr(kAtUser, 12);
@@ -103,14 +102,14 @@ TEST_F(DeliverTest, UserOfTheHeader) {
       EXPECT_EQ(sent(kAtUser, text, [&](PcfMessage* out) { return write(out, link.node, 0, nullptr); }), alternative);
     }
   }
-  // Text anywhere in the message is taken before the header is filled in.
+  // Text at any place in the message is read before the header is filled in.
   for (const size_t at : {0, 8, 12, 64, 84, 140}) {
     const auto write = [&](PcfMessage* out) {
       return mnWriteMsg(out, link.node, nullptr, reinterpret_cast<const char*>(out->raw.data + at), 0);
     };
     EXPECT_EQ(sent(at, Field("own", 4), write), "own") << at;
   }
-  // An application that writes into the node's field may leave something behind its text.
+  // Bytes that an application leaves after the text in the node's field are not sent.
   for (size_t length = 0; length <= 12; ++length) {
     memset(link.node->user, 'x', 12);
     link.node->user[length] = '\0';
@@ -118,7 +117,7 @@ TEST_F(DeliverTest, UserOfTheHeader) {
   }
 }
 
-// Each entry point clears a stale error before its first trace point or right after it, and traces its own way.
+// Each entry point clears a stale error before or right after its first trace point, and has its own trace points.
 TEST_F(DeliverTest, TraceOfEachEntryPoint) {
   const Keys keys;
   const Link link = Connect();
@@ -199,7 +198,7 @@ TEST_F(DeliverTest, SignedWritesThatFail) {
   EXPECT_EQ(write(signer, "VerifyMessage").substr(0, 5), "1, 0 ") << "its result changes nothing";
 }
 
-// A descriptor of the caller's own: it is sent whole, whatever it was used for before, and never by the library again.
+// A descriptor of the caller is sent from its beginning, whatever its state, and used once.
 TEST_F(DeliverTest, DescriptorsStartAfresh) {
   const Link link = Connect();
   for (const bool full : {false, true}) {
@@ -220,7 +219,7 @@ TEST_F(DeliverTest, DescriptorsStartAfresh) {
   }
 }
 
-// Behind a queue nothing is tried and nothing overtakes; the bytes are those of the time of the write.
+// With queued writes, nothing is sent directly or out of order. The bytes are those at the time of the write.
 TEST_F(DeliverTest, WritesJoinTheQueueInOrder) {
   const Link link = Connect();
   Queue(link.node, {1, 2});
@@ -248,8 +247,8 @@ TEST_F(DeliverTest, WritesJoinTheQueueInOrder) {
   EXPECT_EQ(WriteState(link.node), "0, sent 6, out 0");
 }
 
-// Three queued writes of 160 bytes each, and a socket that misbehaves at its nth send; what has arrived once a fourth
-// write has joined the queue that was left, empty or not, and the rest went through.
+// Three queued writes of 160 bytes, and a socket that fails at the nth send. Then a fourth write joins the remaining
+// queue, empty or not, and all is sent. The last column is what has arrived.
 TEST_F(DeliverTest, FinishingThreeWrites) {
   const auto finish = [](int nth, int code, void (*prepare)(MQNode*) = nullptr) {
     const Link link = Connect();
@@ -317,7 +316,7 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   Platform::Fail("sendto", 1, EAGAIN);
   Platform::Fail("sendto", 3, EAGAIN);
   for (const uint32_t command : {1u, 2u, 3u}) {
-    // The destination is gone when the datagram is sent.
+    // The caller's address is overwritten before the datagram is sent.
     SockAddrRec to = AddressOf("127.0.0.1", command == 1 ? first.port() : second.port());
     out.Put(command, 4);
     EXPECT_EQ(command == 1 ? mnWriteTo(out, node, &to) : mnSWriteTo(out, node, &to, command == 3, keys.signer.get()),
@@ -334,7 +333,7 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(WordAt(first.Read(), kHeader), 1u);
   EXPECT_EQ(WordAt(second.Read(), kHeader), 2u);
   EXPECT_EQ(WordAt(second.Read(), kEnvelope + kHeader), 3u);
-  // A write descriptor that an application queued keeps no destination.
+  // A write descriptor that an application has queued has no destination.
   void* desc = nullptr;
   ASSERT_TRUE(fNewMemory(&desc, sizeof(IoBuffer), "MQNODE"));
   CreateBuffer(static_cast<IoBuffer*>(desc), 160);
@@ -344,14 +343,14 @@ TEST_F(DeliverTest, QueuedDatagramsKeepTheirDestinations) {
   EXPECT_EQ(node->sock.error, 89);
 }
 
-// One send a message; two receives a read, which allocates nothing once buffer and record have grown, but for the
-// memory of a signed message that was accepted. A write makes its descriptor and its data area.
+// A write makes one send, and allocates its descriptor and data area. A read makes two receives, and allocates nothing
+// once buffer and record have grown, except to remember an accepted signed message.
 TEST_F(DeliverTest, Costs) {
   const Keys keys;
-  Link link = Connect();  // two nodes over one connection
+  Link link = Connect();  // two nodes of one connection
   const Node reader(Node::adopt(link.peer.Release(), MQ_ROLE_CONNECT).release());
   const Message in;
-  // The system calls of one operation, then allocations of the companion and of the library itself.
+  // The system calls of an operation, and the allocations of the companion and of the library itself.
   const auto cost = [](auto run) {
     Take();
     const uint64_t companion = mqc_allocations();
@@ -365,7 +364,7 @@ TEST_F(DeliverTest, Costs) {
     std::string write, read;
     for (int grown = 0; grown < 2; ++grown) {
       write = cost([&, is = secure] { return mnSWrite(out, link.node, is, keys.signer.get()); });
-      // All of it has to be there for one receive to bring it.
+      // One receive must return the whole message, so it has to be there.
       std::string peeked(total, '\0');
       ASSERT_EQ(recv(reader->sock.fd, peeked.data(), total, MSG_PEEK | MSG_WAITALL), total);
       read = cost([&, is = secure] { return mnSRead(in, reader, is, nullptr); });

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""docs_test.py BUILD_DIR - README and guide are true: every block of code is, line by line, in an example that is
-built; every command is run as it is written, those of a document in one shell, in a directory that looks like the tree;
-what is shown below a command is what it prints; links lead to a file and a heading. "..." alone: lines left out."""
+"""docs_test.py BUILD_DIR - checks README and guide: each code block is part of an example that is built; the commands
+of a document are run as written, in one shell, in a directory that looks like the tree, and print what is shown below
+them; links lead to a file and a heading. A line "..." stands for omitted lines."""
 import getpass
 import os
 import re
@@ -14,14 +14,14 @@ from pathlib import Path
 BUILD = Path(sys.argv[1]).resolve()
 TREE = Path(__file__).resolve().parent.parent
 
-ELSEWHERE = {  # commands that are not run here: how they begin, and why
+ELSEWHERE = {  # beginnings of commands that are not run here, and why
     "./run demo": "the test examples runs what it builds",
     "./run test": "this is a part of it",
     "./run build": "the build directory exists",
     "cpack ": "the test install makes and reads the packages",
     "apt install ": "changes the system; the test install unpacks the packages",
 }
-SHAPES = {  # what differs from run to run, and what it is matched by; None: by itself
+SHAPES = {  # texts that vary between runs, and what matches them; None: the same pattern
     r"…": r".*",
     r"\banna\b": re.escape(getpass.getuser()[:12]),
     r"\b[0-9a-f]{64}\b": None,
@@ -31,7 +31,7 @@ SHAPES = {  # what differs from run to run, and what it is matched by; None: by 
     r"\b\d+\.\d s\b": None,
     r"\btime \d+ ms": None,
     r"\b5\d{4}\b": r"\d+",
-    r"\b404\d\d\b": "",  # a port that the kernel gives: the one that is printed first, from then on
+    r"\b404\d\d\b": "",  # a port chosen by the kernel: the same one from its first output on
 }
 SHAPE = re.compile("|".join(f"({shape})" for shape in SHAPES))
 failures = []
@@ -45,7 +45,7 @@ def wait_for(seconds, condition):
 
 
 class Shell:
-    """Has an empty home, and a directory with what documents name: the build, the sources."""
+    """A shell with an empty home, in a directory with what documents refer to: build, examples, tools, docs."""
 
     def __init__(self, folder):
         self.ports, self.commands, self.output = {}, 0, folder / "output"
@@ -74,7 +74,7 @@ class Shell:
         return wait_for(100, lambda: [int(line.split()[-1]) for line in self.lines() if line.startswith(end)])
 
     def printed(self, shown):
-        """Whether a line since the last command is like this one; learns the ports in it."""
+        """Whether the last command printed a line like this; remembers the ports in it."""
         def match(found):
             shape = list(SHAPES)[found.lastindex - 1]
             port = f"(?P<p{found[0]}>\\d+)" if SHAPES[shape] == "" else None
@@ -130,7 +130,7 @@ def check_document(path, unused):
             elif kind in ("sh", "console"):
                 check_commands(where, kind, block, shell, unused)
             elif kind != "text":
-                failures.append(f"{where}: a block must say what it is: sh, console, c, cpp, cmake or text")
+                failures.append(f"{where}: a code block needs a language: sh, console, c, cpp, cmake or text")
         shell.close()
         print(f"{path.name}: {len(blocks)} blocks, {shell.commands} commands")
 
@@ -141,7 +141,7 @@ def check_links(path):
         titles = re.findall(r"^#+ (.*)", target.read_text(), re.M) if heading and target.exists() else []
         if not target.exists() or heading not in ["", *(re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
                                                         for title in titles)]:
-            failures.append(f"{path.name}: nothing at {file}#{heading}")
+            failures.append(f"{path.name}: broken link to {file}#{heading}")
 
 
 def main():

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# examples_test.sh BUILD_DIR - the examples and the demonstration when something goes wrong. The guide, whose commands
-# docs_test.py runs, has them when all is well. MEMCHECK is put in front of each example.
+# examples_test.sh BUILD_DIR - failures of the examples and the demonstration. docs_test.py runs the commands of the
+# guide, in which all goes well. MEMCHECK is put in front of each example.
 . "$(dirname "$0")/support/shell.sh"
 PATH=$build/bin:$PATH
 cd "$work" || exit
@@ -9,7 +9,7 @@ read -ra memcheck <<<"${MEMCHECK:-}"
 # listening NAME PROGRAM [ARGUMENT ...]
 listening() { serve "$1" "${memcheck[@]}" "$2" 127.0.0.1 0 "${@:3}"; }
 
-# row CODE PATTERN PROGRAM [ARGUMENT ...]: ends with the code, and what it says on either stream has the pattern.
+# row CODE PATTERN PROGRAM [ARGUMENT ...]: checks the exit code, and that the output on both streams has the pattern.
 row() {
   local said
   said=$(timeout 60 "${memcheck[@]}" "${@:3}" 2>&1)
@@ -34,7 +34,7 @@ arguments_and_addresses() {
   row 1 ECONNREFUSED client 127.0.0.1 "$port" 'nobody is there'
 }
 
-# More clients than the server takes at once; one that sends nonsense, and costs the others nothing.
+# More clients than the server serves at once; a client that sends nonsense does not affect the others.
 many() {
   listening many "$@"
   printf 'GET / HTTP/1.0\r\n\r\n%200s' '' >"/dev/tcp/127.0.0.1/$port"
@@ -58,7 +58,7 @@ signed() {
   row 1 nothing signed_server 127.0.0.1 0 nothing
 }
 
-# It reconnects after its server was killed and started again, and leaves one that does not answer.
+# The client reconnects after its server was killed and restarted, and leaves a server that does not answer.
 in_a_loop() {
   listening looped uv_server
   local same_port=$port client
@@ -77,7 +77,7 @@ in_a_loop() {
   stops again
 }
 
-# It answers questions, none that is marked as an answer, and marks its own: servers do not answer each other.
+# Answers questions, but none that is marked as an answer, and marks its answers: servers do not answer each other.
 datagrams() {
   listening datagrams datagram_server
   printf 'not a message' >"/dev/udp/127.0.0.1/$port"
@@ -90,7 +90,7 @@ datagrams() {
   stops datagrams
 }
 
-# dies WHICH NAME: a demonstration that loses this process ends at once, says which, and leaves no process behind.
+# dies WHICH NAME: a demonstration that loses this process ends at once, names it, and leaves no process behind.
 dies() {
   local children
   mqdemo --clients 20 --processes 2 --seconds 20 >died 2>&1 &

@@ -1,5 +1,5 @@
-// face_test.cc - mqnode.hpp: it owns what it should and loses no code. server.hpp: its end; the hostile runs test its
-// limits. errors.h: complete, unambiguous in each place, and true to the system's own names.
+// face_test.cc - mqnode.hpp: ownership and error codes. server.hpp: its end; the hostile runs test its limits.
+// errors.h: complete, unambiguous in each place, and consistent with the system's names.
 #include "mqnode/mqnode.hpp"
 
 #include <fcntl.h>
@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 
 static_assert(!std::is_copy_constructible_v<Node> && !std::is_convertible_v<MQNode*, Node>);
 
-// What would lose part of a value does not compile.
+// Values that would lose information do not compile.
 template <class Value>
 concept Addable = requires(MessageRef msg, Value value) {
   msg.add(1u, value);
@@ -62,7 +62,7 @@ class FaceTest : public Fixture {
   FaceTest() { unsetenv("TEVRA_HOME"); }
   ~FaceTest() override { mqc_ring_clear(); }
 
-  // Accepts this user's messages.
+  // Adds this user's key to the ring.
   static void Trust(const char* user) {
     uint8_t key[MQC_KEY_BYTES];
     Signer::create(user, kSecret).public_key(key);
@@ -116,7 +116,7 @@ TEST_F(FaceTest, ResultsNameTheCause) {
   EXPECT_EQ(Told(client.finish_write()), "ok 0 MQ_OK");
   EXPECT_FALSE(client.has_pending());
   EXPECT_EQ(Told(server.read(msg)), "ok 0 MQ_OK");
-  // Dropped: the node says 11 each time.
+  // A dropped message: node->error is 11 in each case.
   Platform::Fail("send", 1, EPIPE);
   EXPECT_EQ(Told(client.write(msg)), "failed 11 EPIPE");
   for (const int nth : {3, 4}) {  // record, data area, queue, entry
@@ -125,7 +125,7 @@ TEST_F(FaceTest, ResultsNameTheCause) {
     EXPECT_EQ(Told(client.write(msg)), "failed 11 ENOMEM");
     EXPECT_FALSE(client.has_pending());
   }
-  // 105 is the socket's, or the node's.
+  // Code 105 has different names in the socket and in the node.
   Platform::Fail("recvfrom", 1, ENOBUFS);
   EXPECT_EQ(Told(server.read(msg)), "failed 105 ENOBUFS");
   MQNode& record = client.record();
@@ -139,7 +139,7 @@ TEST_F(FaceTest, ResultsNameTheCause) {
   EXPECT_EQ(Told(server.read(msg)), "failed 104 ECONNRESET, peer gone");
 }
 
-// A read with a time limit keeps what arrived, and leaves the node blocking.
+// A read with a time limit keeps what has arrived, and the node stays blocking.
 TEST_F(FaceTest, ReadsEndInTime) {
   const Message msg = Filled();
   Connected pair;
@@ -153,7 +153,7 @@ TEST_F(FaceTest, ReadsEndInTime) {
   EXPECT_EQ(fcntl(pair.server.descriptor(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-// After half a message was lost the peer would take the next one for its rest.
+// Otherwise the peer would read the next message as the rest of the one that was cut.
 TEST_F(FaceTest, APartialLossClosesTheNode) {
   const Message msg = Filled();
   for (const bool queued : {false, true}) {
@@ -168,18 +168,18 @@ TEST_F(FaceTest, APartialLossClosesTheNode) {
     EXPECT_EQ(Told(pair.client.write(msg)), "failed 11 EBADF");
     EXPECT_EQ(Told(pair.server.read(msg)), "failed 104 ECONNRESET, peer gone");
   }
-  // Nothing left: the stream is in step, the message may be written again.
+  // Nothing was sent: the stream is intact, and the message may be written again.
   const Connected pair;
   Platform::Fail("send", 1, EINTR);
   EXPECT_EQ(Told(pair.client.write(msg)), "failed 11 EINTR");
   EXPECT_TRUE(pair.client.write(msg) && pair.server.read(msg));
 }
 
-// A node that is deleted discards what was not sent yet; one that was finished has delivered everything.
+// Deleting a node discards unsent data; finishing it delivers everything.
 TEST_F(FaceTest, FinishedNodesLoseNothing) {
   constexpr int kMessages = 20;
   const std::vector<uint8_t> large(1 << 20);
-  // The result, and how many messages the peer has read. It leaves after so many, or stays; or it writes as much first.
+  // Returns the result, and how many messages the peer has read. The peer leaves or stays after that, or writes first.
   enum Then { kLeaves, kStays, kAnswersFirst };
   const auto write_all = [&](int reads, Then then, std::chrono::milliseconds longest) {
     const Node listener = Node::listener(Local(0));
@@ -211,7 +211,7 @@ TEST_F(FaceTest, FinishedNodesLoseNothing) {
   EXPECT_EQ(write_all(1, kLeaves, 20s).substr(0, 6), "failed") << "the peer left";
 }
 
-// Nothing is cut: the operation that would have used the text fails.
+// Texts are not truncated: the operation that would use them fails.
 TEST_F(FaceTest, AddressesThatDoNotFitDoNotResolve) {
   Platform::AddService("echo", std::string(46, 't'), 7);
   const auto open = [](const Address& address) { return errno = 0, Node::connector(address).open().code(); };
@@ -271,7 +271,7 @@ TEST_F(FaceTest, SignedMessagesSayWhoSigned) {
 
 class FaceWaitTest : public FaceTest {
  protected:
-  // One more connected pair; the server end is in the set and has a message to read.
+  // Adds a connected pair; the server end is in the set and has a message to read.
   void AddReady() {
     const Connected& pair = pairs_.emplace_back();
     ASSERT_TRUE(set_.add(pair.server) && pair.client.write(Filled()));
@@ -292,7 +292,7 @@ class FaceWaitTest : public FaceTest {
   WaitSet set_;
 };
 
-// More nodes than there is room for at first, added between waits and in a loop over the ready ones.
+// More nodes than the initial capacity, added between waits and in a loop over the ready ones.
 TEST_F(FaceWaitTest, GrowsAlsoInALoop) {
   AddReady();
   ASSERT_TRUE(set_.wait(5s));
@@ -320,7 +320,7 @@ TEST_F(FaceWaitTest, RemovedNodesAreGoneFromAllLists) {
   for (const NodeRef node : set_.readable()) {
     visited += NameOf(node);
     if (node != pairs_[2].server) continue;
-    for (const size_t i : {1, 2, 3, 4}) {  // one that was visited, itself, the next two
+    for (const size_t i : {1, 2, 3, 4}) {  // a visited one, the current one, the next two
       EXPECT_TRUE(set_.remove(pairs_[i].server));
       pairs_[i].server.reset();
     }
@@ -331,7 +331,7 @@ TEST_F(FaceWaitTest, RemovedNodesAreGoneFromAllLists) {
   EXPECT_TRUE(set_.remove(pairs_[0].server) && set_.readable().front() == pairs_[5].server);
 }
 
-// Answers with more than sockets hold.
+// Answers with more than the socket buffers can contain.
 class LargeServer : public Server {
  public:
   using Server::Server;

@@ -1,4 +1,4 @@
-// host_test.cc - host services: label, processors, waiting for the network stack, the alarm guard.
+// host_test.cc - host services: label, processor count, waiting for the network stack, alarm guard.
 #include <signal.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
@@ -47,13 +47,13 @@ TEST_F(HostTest, LabelAppendsWhatFits) {
   const Fields plain = {"S", "5", "3", "M"};
   EXPECT_EQ(label({"  Linux\t", " #1 SMP ", "6.1 ", "\n M"}, 100, 7, "old "), "old Linux::V#1 SMP.R6.1::M::");
   EXPECT_EQ(label({}, 100), "::V.R::::");
-  // Costs are 4, 8 and 4; a piece needs less than what is left, and one that does not fit does not stop the next.
+  // Costs are 4, 8 and 4. A piece must cost less than the space left; one that does not fit does not stop the next.
   for (const auto& [room, text] :
        {std::pair{-1, ""}, {4, ""}, {5, "S::"}, {9, "S::M::"}, {13, "S::V5.R3::"}, {17, "S::V5.R3::M::"}}) {
     EXPECT_EQ(label(plain, room), text) << room;
     EXPECT_TRUE(room <= 4 || label(plain, room - 1) != text) << room;
   }
-  // 48 characters, then trimmed; fields that fill their place.
+  // Cut to 48 characters, then trimmed; fields without a terminator.
   EXPECT_EQ(label({"S", v47 + " vv", v48 + "vv", "M"}, 200, 0), "S::V" + v47 + ".R" + v48 + "::");
   EXPECT_EQ(label({a65, a65, a65, a65}, 400), a65 + "::V" + a48 + ".R" + a48 + "::" + a65 + "::");
 }
@@ -65,13 +65,13 @@ TEST_F(HostTest, ProcessorCount) {
   }
   unsetenv("TEVRA_CPU_COUNT");
   EXPECT_EQ(GetProcessorCount(), sysconf(_SC_NPROCESSORS_ONLN));
-  EXPECT_EQ(errno, ENOSYS) << "for platforms that do not say why they do not know";
+  EXPECT_EQ(errno, ENOSYS) << "for platforms that do not set errno";
 }
 
 // ---- Waiting for the network stack ----
 
-// A wait in which the first checks find the network down, the test before the wait included. A line every 60 checks,
-// and what is printed with it; the first check of a later cycle is number 62 of all. A name that does not fit is cut.
+// The first `down` checks, including the one before the wait, find the network down. Every 60th check logs a line, and
+// prints one as well; the first check of a later cycle is number 62. A name that does not fit is cut.
 TEST_F(HostTest, NetworkWait) {
   const time_t now = 1700000000;
   const auto printout = [](const std::string& date) {
@@ -127,7 +127,7 @@ TEST_F(HostTest, AlarmArmsAndRestores) {
   disable_alarm();
   EXPECT_EQ(alarm(0), 0u);
   EXPECT_EQ(Installed(), "own over own");
-  // It does not nest.
+  // The guard does not nest.
   enable_alarm(100);
   enable_alarm(100);
   disable_alarm();
@@ -139,7 +139,7 @@ TEST_F(HostTest, AlarmArmsAndRestores) {
 
 TEST_F(HostTest, AlarmGoesOffInABlockedCallAndKeepsErrno) {
   enable_alarm(100);
-  const itimerval soon = {{0, 0}, {0, 10000}};  // what alarm sets, but for the unit
+  const itimerval soon = {{0, 0}, {0, 10000}};  // alarm has no finer unit than seconds
   setitimer(ITIMER_REAL, &soon, nullptr);
   Take();
   EXPECT_EQ(poll(nullptr, 0, 10000), -1);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# install_test.sh BUILD_DIR - what others get: lintian has nothing to say about the Debian packages, and each has the
-# files and dependencies that it should. Unpacked into one directory, they are a prefix against which a project outside
-# the tree is built by pkg-config and by find_package, with a linker that drops what it finds unused.
+# install_test.sh BUILD_DIR - checks the Debian packages: lintian reports nothing, and each has the right files and
+# dependencies. Unpacked into one directory, they form a prefix against which an external project is built by pkg-config
+# and by find_package, with a linker that drops unused libraries.
 . "$(dirname "$0")/support/shell.sh"
 needs lintian dpkg-shlibdeps
 cd "$work" || exit

@@ -1,5 +1,5 @@
-// loop_test.cc - nodes in an event loop: the layer on libuv, with peers that are plain sockets or blocking nodes. After
-// each test nodes, memory and descriptors are those from before.
+// loop_test.cc - nodes in a libuv loop, with plain sockets or blocking nodes as peers. Each test must release its
+// nodes, memory and descriptors.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -18,11 +18,11 @@ using namespace mqnode;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// Events are noted as text and handed on; the node's data is its App.
+// Logs events as text and passes them on. A node's data is its App.
 struct App {
   std::vector<std::string> log;
   std::function<void(const char* event, MqUvNode* node, PcfMessage* msg)> on = [](auto...) {};
-  std::vector<MqUvNode*> nodes;  // accepted or opened, and not ended
+  std::vector<MqUvNode*> nodes;  // accepted or opened, and not ended yet
 
   void Note(const char* event, MqUvNode* node, PcfMessage* msg = nullptr, const std::string& text = "") {
     log.push_back(event + (text.empty() ? "" : " " + text));
@@ -78,14 +78,16 @@ struct Loop {
     }
     return false;
   }
-  // The port of a listening node, whose children have the same data.
-  int Listen(App* app, int secure = 0) {
-    Node node = Node::listener(Local(0));
+  // The port of a node that is handed over.
+  int Start(Node node, App* app, int secure = 0, MqcSigner* signer = nullptr) {
     const int port = node.local_port();
-    listener = mq_uv_start(uv, node.release(), secure, &kEvents, app);
-    EXPECT_NE(listener, nullptr);
+    MqUvNode* const started = mq_uv_start(uv, node.release(), secure, &kEvents, app);
+    EXPECT_NE(started, nullptr);
+    mq_uv_set_signer(started, signer);
     return port;
   }
+  // The same for a listening node, whose children have the same data.
+  int Listen(App* app, int secure = 0) { return Start(Node::listener(Local(0)), app, secure); }
   MqUvNode* Connect(App* app, int port) {
     Node node = Node::connector(Local(port));
     EXPECT_TRUE(node.set_buffer_size(4096));
@@ -93,7 +95,6 @@ struct Loop {
   }
   uv_loop_t loop;
   MqUv* uv;
-  MqUvNode* listener = nullptr;
 };
 
 Node Client(int port) {
@@ -112,6 +113,18 @@ bool Write(MqUvNode* node, const std::string& text, size_t number = 0) {
   return mq_uv_write(node, Text(text).get(), number != 0 ? OnWritten : nullptr, reinterpret_cast<void*>(number)) != 0;
 }
 
+// A key of the login, who is in the ring.
+struct Key {
+  Key() : user(Node::connector(Local(9)).user()) {
+    EXPECT_TRUE(mqc_generate_key(secret, open) && mqc_ring_add(user.c_str(), open, nullptr, 0));
+    signer = Signer::create(user.c_str(), secret);
+  }
+  ~Key() { mqc_ring_remove(user.c_str()); }
+  const std::string user;
+  uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
+  Signer signer;
+};
+
 // Descriptors, and blocks in use but for those that know users and remember their messages.
 std::string Resources() {
   using Files = std::filesystem::directory_iterator;
@@ -127,7 +140,7 @@ class LoopTest : public testing::Test {
  protected:
   LoopTest() {
     signal(SIGPIPE, SIG_IGN);
-    uv_loop_close(uv_default_loop());  // made once: the first loop of a process opens descriptors that stay
+    uv_loop_close(uv_default_loop());  // the first loop of a process opens descriptors that stay open
   }
   void SetUp() override { before_ = Resources(); }
   void TearDown() override { EXPECT_EQ(Resources(), before_); }
@@ -138,22 +151,18 @@ class LoopTest : public testing::Test {
 };
 
 TEST_F(LoopTest, AMessageCutAtEveryByte) {
-  uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
-  ASSERT_TRUE(mqc_generate_key(secret, open));
-  const std::string user = Node::connector(Local(9)).user().data();
-  const Signer signer = Signer::create(user.c_str(), secret);
-  ASSERT_TRUE(mqc_ring_add(user.c_str(), open, nullptr, 0));
+  const Key key;
   for (const int secure : {0, 1}) {
     Loop loop;
     const int port = loop.Listen(&app, secure);
     for (size_t cut = 1, size = 2; cut < size; ++cut) {
       const Node client = Client(port);
-      // What it sends goes through another connection first, to be cut.
+      // The client's bytes are made on another connection, to be sent in two pieces.
       int pair[2];
       ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
       const Node writer = Node::adopt(pair[0], MQ_ROLE_CONNECT);
-      ASSERT_TRUE(mnSWrite(Text("cut").get(), writer.get(), secure, signer.get()));
-      ASSERT_TRUE(mnSWrite(Text("next").get(), writer.get(), secure, signer.get()));
+      ASSERT_TRUE(mnSWrite(Text("cut").get(), writer.get(), secure, key.signer.get()));
+      ASSERT_TRUE(mnSWrite(Text("next").get(), writer.get(), secure, key.signer.get()));
       char bytes[1024];
       const auto both = static_cast<size_t>(read(pair[1], bytes, sizeof bytes));
       close(pair[1]);
@@ -169,11 +178,35 @@ TEST_F(LoopTest, AMessageCutAtEveryByte) {
       ASSERT_TRUE(loop.Until([&] { return app.nodes.empty(); }));
     }
   }
-  mqc_ring_remove(user.c_str());
 }
 
-// More is written than the marks allow: the node is not read, writes are refused, and when the peer reads, all writes
-// complete in their order and the node goes on.
+// The answers to a stream and to datagrams, signed if the node is; its peer accepts no others.
+TEST_F(LoopTest, AnswersAreSigned) {
+  const Key key;
+  for (const int secure : {0, 1}) {
+    for (const bool stream : {true, false}) {
+      app = App();
+      app.on = [](std::string_view event, MqUvNode* node, PcfMessage* msg) {
+        Address from = NodeRef(mq_uv_node(node)).sender();
+        EXPECT_TRUE(event != "message" || mq_uv_write(node, msg, OnWritten, reinterpret_cast<void*>(1)));
+        EXPECT_TRUE(event != "datagram" || mq_uv_write_to(node, msg, &from, OnWritten, reinterpret_cast<void*>(1)));
+      };
+      Loop loop;
+      Node node = stream ? Node::listener(Local(0)) : Node::datagram(Local(0));
+      Address to = Local(loop.Start(std::move(node), &app, secure, key.signer.get()));
+      const Node peer = stream ? Client(atoi(to.service)) : Node::datagram(Local(0));
+      ASSERT_TRUE(mnSWriteTo(Text("one").get(), peer.get(), stream ? nullptr : &to, secure, key.signer.get()));
+      ASSERT_TRUE(loop.Until([&] { return app.Count("written 1") == 1; })) << secure << stream;
+      EXPECT_EQ(app.log.size(), stream ? 3u : 2u);
+      const Message in = Message::create();
+      ASSERT_TRUE(secure != 0 ? peer.read_signed(in, 10s) : peer.read(in, 10s)) << stream;
+      EXPECT_EQ(App::Text(in.get()), "one");
+    }
+  }
+}
+
+// More is written than the marks allow: the node is not read, and writes are refused. When the peer reads, all writes
+// complete in order, and the node is read again.
 TEST_F(LoopTest, AQueueFillsAndDrains) {
   MqLoopLimits limits = mq_loop_limits();
   limits.highBytes = 300000, limits.lowBytes = 50000, limits.queueBytes = 1000000, limits.socketBytes = 4096;
@@ -182,7 +215,7 @@ TEST_F(LoopTest, AQueueFillsAndDrains) {
   ASSERT_TRUE(loop.Until([&] { return app.nodes.size() == 1; }));
   MqUvNode* const node = app.nodes[0];
   size_t written = 0;
-  // The system accepts a part of the first one.
+  // The system accepts a part of the first message.
   while (Write(node, std::string(written == 0 ? 500000 : 20000, 'x'), written + 1)) ++written;
   EXPECT_EQ(mq_uv_node(node)->error, MQ_WRITE_LIMIT);
   uint64_t queued = 0;
@@ -213,7 +246,7 @@ TEST_F(LoopTest, AQueueFillsAndDrains) {
   EXPECT_EQ(completed, expected);
 }
 
-// Every event in which a node, or all of them, are stopped: each node ends once, and each accepted write is told of.
+// One node or all are stopped in each event: each node ends once, and each accepted write is reported.
 TEST_F(LoopTest, StoppedInsideEveryEvent) {
   for (const std::string_view where : {"accept", "open", "message", "datagram", "drain", "written", "lost", "end"}) {
     for (const bool all : {false, true}) {
@@ -223,9 +256,7 @@ TEST_F(LoopTest, StoppedInsideEveryEvent) {
         limits.highBytes = limits.lowBytes = 1, limits.socketBytes = 4096;
         Loop loop(limits);
         const int port = loop.Listen(&app);
-        Node other = Node::datagram(Local(0));
-        const int datagrams = other.local_port();
-        mq_uv_start(loop.uv, other.release(), 0, &kEvents, &app);
+        const int datagrams = loop.Start(Node::datagram(Local(0)), &app);
         size_t accepted = 0;
         app.on = [&](std::string_view event, MqUvNode* node, PcfMessage*) {
           if (event == "open") {
@@ -262,7 +293,7 @@ TEST_F(LoopTest, StoppedInsideEveryEvent) {
   }
 }
 
-// What a peer does while a node with a megabyte of queued messages ends, and what the end comes to.
+// What a peer does while a node with a megabyte of queued messages ends, and the outcome.
 TEST_F(LoopTest, EndsInOrder) {
   struct Row {
     const char *peer, *end;
@@ -314,7 +345,7 @@ TEST_F(LoopTest, EndsInOrder) {
   }
 }
 
-// Without a descriptor, or with all places taken, newcomers wait until a node has gone, or take its place.
+// With no descriptor or place left, new connections wait until a node has gone, or take its place.
 TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
   for (const bool descriptors : {true, false}) {
     for (const int kept : {-1, 0}) {
@@ -329,7 +360,7 @@ TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
       rlimit before{};
       getrlimit(RLIMIT_NOFILE, &before);
       if (descriptors) {
-        int next[4];  // the limit is the one behind the next three
+        int next[4];  // the fourth free descriptor becomes the limit
         for (int& fd : next) fd = dup(0);
         for (const int fd : next) close(fd);
         const rlimit few = {static_cast<rlim_t>(next[3]), before.rlim_max};
@@ -354,7 +385,7 @@ TEST_F(LoopTest, NewcomersWaitOrTakeAPlace) {
   }
 }
 
-// The node that breaks each rule on time is closed after that time; an active node is not.
+// A node that breaks a rule on time is closed after the time of that rule; an active node is not closed.
 TEST_F(LoopTest, TimeOuts) {
   MqLoopLimits limits = mq_loop_limits();
   limits.firstMsec = 100, limits.midwayMsec = 200, limits.idleMsec = 400, limits.connectMsec = 100;
@@ -407,14 +438,14 @@ TEST_F(LoopTest, TimeOuts) {
   for (const Row& row : std::span(rows).first(5)) {
     ASSERT_FALSE(row.app.log.empty()) << row.peer;
     EXPECT_EQ(row.app.log.back(), row.end) << row.peer;
-    // The first of them began before the clock that is read here.
+    // The nodes' times began before start.
     EXPECT_GE(row.ended, row.msec - 60) << row.peer;
   }
   EXPECT_GT(rows[5].app.Count("message active"), 5u);
   EXPECT_EQ(rows[5].ended, 0);
 }
 
-// Each thread serves the other one and asks it.
+// Each of two threads serves the other one and asks it questions.
 TEST_F(LoopTest, LoopsInThreads) {
   constexpr size_t kQuestions = 300;
   std::atomic<int> ports[2] = {0, 0}, done{0};

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# mqcat_test.sh BUILD_DIR - the tool as its users meet it: every command, and the mistakes that people make.
-# A case is a row of a table: exit code, command, " => ", and a pattern for all that the command writes, standard output
-# before standard error, with " / " between lines.
+# mqcat_test.sh BUILD_DIR - the tool as users see it: every command, and common mistakes. A case is a row of a table:
+# exit code, command, " => ", and a pattern for the whole output, standard output before standard error, with " / "
+# between lines.
 # shellcheck disable=SC2016,SC2034 # rows are evaluated later
 . "$(dirname "$0")/support/shell.sh"
 cd "$work" || exit
@@ -25,8 +25,8 @@ table() {
   while read -r code row <&3; do check "$code" "${row%% =>*}" "${row##* =>}"; done 3<&0 </dev/null
 }
 
-# start NAME ARGUMENT...: a listener on a port that the system picks, which goes to $port; its output goes to NAME.out
-# and NAME.err, its process id to $pid.
+# start NAME ARGUMENT...: starts a listener on a port that the system chooses. Sets port and pid; its output goes to
+# NAME.out and NAME.err.
 start() {
   : >"$1.err"
   "$tool" listen 0 "${@:2}" >"$1.out" 2>"$1.err" &
@@ -36,10 +36,10 @@ start() {
   port=$(sed -n 's/.*listening on [A-Z]* .*:\([0-9]*\)$/\1/p' "$1.err")
 }
 
-# stop NAME TEXT: SIGINT ends the listener with 0, after the text.
+# stop NAME TEXT: checks that SIGINT ends the listener with 0, and that it printed the text.
 stop() { kill -INT "$pid" && ends "$1" 0 && has "$1.err" "$2"; }
 
-# await NAME TEXT: until the listener says so, at most 20 s.
+# await NAME TEXT: waits until the listener prints the text, at most 20 s.
 await() {
   for _ in {1..1000}; do grep -qF -e "$2" "$1.err" && return || sleep 0.02; done
   has "$1.err" "$2"
@@ -49,7 +49,7 @@ await() {
 
 head -c 67108864 /dev/zero >zeros.bin
 head -c 300000 /dev/zero >big.bin
-memory=900000  # KiB that 64 MiB of input may cost; sanitizers take all
+memory=900000  # KiB for 64 MiB of input; sanitizers reserve all address space
 grep -q '^MQNODE_SANITIZE:[A-Z]*=.' "$build/CMakeCache.txt" && memory=unlimited
 
 table <<'END'
@@ -138,7 +138,7 @@ END
 stop json "messages, "
 check 1 'grep ECONNRESET json.err' ''
 
-# Bytes that are not a message, a signed one where no ring is, and no answers.
+# Bytes that are not a message, a signed message without a ring, and missing answers.
 start plain --count 5 --trace
 mqcat keys new alice alice.key >ring 2>err.txt
 for filling in '' "$(x 200)"; do printf 'GET / HTTP/1.0\r\n\r\n%s' "$filling" >"/dev/tcp/127.0.0.1/$port"; done
@@ -165,7 +165,7 @@ for format in text json hex; do
 done
 check 0 'mqcat decode hex.out' '*command *258*1 message, 0 stray bytes, 0 faults'
 
-# What a client may cost: half a message and then nothing, a long one, a second client of the address.
+# The limits on a client: half a message and then nothing, a long message, a second client of one address.
 start bounds --max-message 1000 --max-clients 2 --max-per-address 1 --midway 1
 exec {half}<>"/dev/tcp/127.0.0.1/$port"
 printf '\210\0\0\0' >&"$half"
@@ -227,7 +227,7 @@ table <<'END'
 7 mqcat keys remove link.ring carol => mqcat: *no key of user*
 7 mqcat listen 0 --ring nowhere => mqcat: *nowhere*
 END
-# Whatever marks a secret key, or nothing does: it enters no ring and no output, nor do columns that are swapped.
+# However a secret key is marked, if at all, it reaches no ring and no output, nor do lines with swapped columns.
 for key in {alice,old,bare,swapped}.key; do
   check 7 "mqcat keys add fresh <$key" '*'
   (cat out.txt err.txt; mqcat keys list $key 2>&1) | grep -F "${secret:0:20}" && fail "$key: a secret key is shown"
@@ -251,11 +251,30 @@ await signed "it is not signed"
 stop signed "1 not authentic, 1 faulty"
 has signed.err "user mallory is not in the ring"
 
+mqcat keys new bob bob.key 2>/dev/null | mqcat keys add ring 2>/dev/null
+start sealed --ring ring --key bob.key --only-sealed --echo --sign bob.key
+sealed='--sign alice.key --ring ring --seal-to bob'
+table <<'END'
+0 mqcat send 127.0.0.1 $port -c 7 -p 1=secret $sealed --reply => *sealed by "bob"*
+0 mqcat send 127.0.0.1 $port -c 7 -p 1=secret $sealed --reply --format json => {*"sealed":true*
+0 mqcat ping 127.0.0.1:$port -c 2 -i 0 $sealed => *2 answered, 0% loss*
+0 mqcat send 127.0.0.1 $port -c 7 -p 1=open --sign alice.key => mqcat: handed to the system: 1 message*
+7 mqcat send 127.0.0.1 $port -c 7 --sign alice.key --ring ring --seal-to carol => mqcat: seal for "carol": *
+2 mqcat send 127.0.0.1 $port -c 7 --seal-to bob => mqcat: --seal-to requires --sign*
+2 mqcat send 127.0.0.1 $port -c 7 --sign alice.key --ring ring --seal-to '' => mqcat: --seal-to: the value is empty*
+2 mqcat send 127.0.0.1 $port -c 7 --sign '' --ring ring --seal-to bob => mqcat: --sign: the value is empty*
+2 mqcat listen 0 --ring '' --key bob.key --only-sealed => mqcat: --ring: the value is empty*
+2 mqcat listen 0 --ring ring --key bob.key --echo => mqcat: listen: --echo with --key requires --sign*
+3 mqcat send 127.0.0.1 $port -c 7 -p "1=$(x 16200)" $sealed --udp => mqcat: *at most 16328 bytes
+END
+await sealed "only sealed messages are accepted"
+stop sealed ", 1 not authentic"
+
 # ---- Decode ----
 
 "$build/bin/captures" . 1
 binary() { perl -ne 's/^\S+|\s//g; print pack "H*", $_' "$@"; }
-for i in 1 2 3 5; do binary sample-$i.hex >$i.bin; done
+for i in 1 2 3 5 9; do binary sample-$i.hex >$i.bin; done
 cat 1.bin 1.bin 1.bin >plain.bin
 { cat plain.bin; printf 'noise\0\210\0\0'; cat 2.bin 5.bin; } >noise.bin
 { head -c 180 1.bin; cat plain.bin; } >lost.bin
@@ -264,6 +283,10 @@ table <<'END'
 0 mqcat decode 1.bin => *  136    4  command              77*dämmrig*-5*-9223372036854775807*00feff*1 message*0 faults
 0 mqcat decode 2.bin => *signed message*"moritz"*"MQSIGN01"*UTC*1 message, 0 stray bytes, 0 faults
 0 mqcat decode 3.bin => *"moritz"*"foreign sender"*" !*ABC*
+0 mqcat decode 9.bin => *sealed message*encrypted header and body*sealedFor  *"moritz"*"MQSIGN02"*, 0 faults
+0 mqcat decode 9.bin --key moritz.key => *"foreign sender"*" !*ABC*-9223372036854775807*sealedFor*, 0 faults
+0 mqcat decode 9.bin --key alice.key => *encrypted header and body*, 0 faults
+6 (head -c 99 9.bin; printf '\1'; tail -c +101 9.bin) | mqcat decode --key moritz.key => *seal-broken: *another key of user moritz*
 0 od -An -v -tx1 plain.bin | tr -d ' \n' | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 od -Ax -tx1 plain.bin | mqcat decode => *3 messages, 0 stray bytes, 0 faults
 0 sed -n '/^0000[0-9a-f]* /p' "$tree/docs/wire-format.md" | mqcat decode => *"hello"*1 message, 0 stray bytes, 0 faults
@@ -285,12 +308,12 @@ while read -r _ rule _ <&3 && read -r dump <&4; do
   esac
 done 3<broken.txt 4<broken.hex
 
-# Captures: segments out of order, twice, without a beginning and with one missing; links, fragments, a cut file.
+# Captures: segments out of order, repeated, without the first or another one; link types, fragments, a cut file.
 needs text2pcap editcap mergecap
 capture() { text2pcap -q "${@:2}" - "$1" 2>/dev/null; }
-# link TYPE HEADER: a datagram behind this header of a link.
+# link TYPE HEADER: decodes a datagram after this link header.
 link() { (printf '%b' "$2"; tail -c +55 one.pcap) | od -Ax -v -tx1 | capture - -F pcap -l "$1" | mqcat decode; }
-# packets EXPRESSION ...: a dump of each IP packet; $m is a message, $d a datagram with it.
+# packets EXPRESSION ...: writes a dump of each IP packet; $m is a message, $d a UDP datagram with it.
 packets() {
   perl -e '
     sub ip { my ($protocol, $fragment, $p) = @_;
@@ -309,7 +332,7 @@ mergecap -a -w gap.pcapng {1,2,4,5,6,7,8}.pcapng
 head -c -20 one.pcap >cut.pcap
 od -Ax -tx1 <<<'dns' | capture foreign.pcapng -u 53,53
 packets 'ip(17, 8, substr $d, 64)' 'ip(17, 0x2000, substr $d, 0, 64)' | capture fragments.pcapng -l 101
-# Sequence numbers run over, then another connection has the same port.
+# Sequence numbers wrap around, then another connection uses the same port.
 packets 'tcp(0xffffffdf, 2, "")' 'tcp(0xffffffe0, 16, substr $m, 0, 100)' 'tcp(68, 16, substr $m, 100)' \
   'tcp(9, 2, "")' 'tcp(10, 16, $m)' | capture again.pcapng -l 101
 table <<'END'
@@ -334,7 +357,7 @@ table <<'END'
 2 mqcat decode --interface lo one.pcap => mqcat: FILE excludes --interface*
 END
 
-# Each message appears as soon as it has arrived through a pipe; SIGINT ends with the summary.
+# Each message is shown as soon as it has arrived through a pipe; SIGINT ends with the summary.
 mkfifo pipe
 for input in 1.bin one.pcap sample-1.hex; do
   "$tool" decode <pipe >piped.err 2>&1 &

@@ -9,14 +9,14 @@
 
 namespace {
 
-// What a creator left in a node: "role open error asked/capacity host, address".
+// What a creator stored in a node: "role open error asked/capacity host, address".
 std::string Facts(const MQNode* node) {
   return format("{} {} {} {}/{} {}, {}", node->role, node->openState, node->error, node->recvBuffer.length,
                 node->recvBuffer.capacity, node->host, Text(node->addr));
 }
 
-// The calls and trace points of nodes, and what is left. A creator returns the node with the reason; what comes after a
-// failed step is still attempted, but for the listen.
+// Calls, trace points and results of the creators. A creator returns the node with its error; after a failed step it
+// attempts the following ones, except listen.
 TEST_F(NodeTest, Creators) {
   G_node_trace = Trace::OnNode;
   const auto make = [](const std::function<MQNode*(SockAddrRec*)>& create, const char* host = "*") {
@@ -56,7 +56,7 @@ TEST_F(NodeTest, Creators) {
             "0; bind(0.0.0.0:0) = -1 EBADF; CreateMQNode | 1 0 9 136/16520 *, testnode - - tcp 0");
 }
 
-// Every field that does not depend on the creator, and a node over a socket that exists.
+// All fields that are the same for each creator; a node over an existing socket.
 TEST_F(NodeTest, NewRecord) {
   const Node node = Create(0, MQ_ROLE_CONNECT);
   EXPECT_EQ(format("type {}, {}, {}, limits {} {}, {} {}", node->nodeType, node->platform, WriteState(node),
@@ -93,7 +93,7 @@ class ApplNameTest : public NodeTest {
   ApplNameTest() : path_(format("{}/{}", ::testing::TempDir(), getpid())) {
     setenv("TEVRA_HOME", ::testing::TempDir().c_str(), 1);
   }
-  // The name and length that GetApplName gives, and whether it ran a command.
+  // The name and length that GetApplName returns, and whether it ran a command.
   static std::string ApplName() {
     Platform::Forget();
     std::string name(49, '.');
@@ -107,7 +107,7 @@ class ApplNameTest : public NodeTest {
               format("ps -p {0} | grep -v CMD | grep -v COMMAND  | awk '{{print $4}}'  > $TEVRA_HOME/{0}", getpid()));
     return format("{} {}", text, length);
   }
-  // Puts something at the scratch file's place: a text, a link or nothing.
+  // Puts a text, a link or nothing in the place of the scratch file.
   int Plant(const std::string& what) const {
     remove(path_.c_str());
     if (what == "(link)") return symlink("/dev/null", path_.c_str());
@@ -146,7 +146,7 @@ TEST_F(ApplNameTest, IsTheFirstLineThatTheListingWrote) {
     EXPECT_EQ(access(path_.c_str(), F_OK) == 0, row.before == "(link)") << "the scratch file is removed";
     Plant("(none)");
   }
-  // Taking the name leaves no errno behind for the lookup.
+  // Reading the name leaves no errno behind that would change the result of the lookup.
   Platform::OnSystem([&](const char*) { return Plant(letters); });
   errno = 0;
   SockAddrRec address = AddressOf("127.0.0.1", "nosuch");
@@ -165,7 +165,7 @@ TEST_F(ApplNameTest, IsThisPrograms) {
   int length = 0;
   EXPECT_EQ(GetApplName(name, &length), 1);
   EXPECT_STREQ(name, "UNKNOWN") << "8 bytes are written whatever the length says";
-  // The application's own name for itself: nodes do not take it.
+  // The name that an application sets for itself, which nodes do not use.
   SetApplName("short");
   SetApplName(nullptr);
   EXPECT_STREQ(G_szApplName, "short");
@@ -193,7 +193,7 @@ TEST_F(NodeTest, SmallCalls) {
   EXPECT_EQ(mnSetTraceCallBack(Trace::OnNode, node), 1);
   RunTraceMethod("one", node);
   EXPECT_EQ(Take(), "one");
-  // Both sizes are always tried; the node's error is left alone.
+  // Both sizes are always set; the node's error is not changed.
   for (const auto& [failing, outcome] :
        {std::pair{1, "0 0 42, setsockopt(1:7, 65536) = -1 ENOBUFS; setsockopt(1:8, 65536) = 0"},
         {2, "0 105 42, setsockopt(1:7, 65536) = 0; setsockopt(1:8, 65536) = -1 ENOBUFS"}}) {
@@ -218,7 +218,7 @@ TEST_F(NodeTest, OpenConnects) {
   const Node refused = Create(nobody.port(), MQ_ROLE_CONNECT);
   Watch(refused);
   EXPECT_EQ(Open(refused), "0, 111, 0 | ConnectSocket[AddrToIP[]; onError 111]; mnOpen");
-  // An open node; one that is connected but not known to be open; another role.
+  // An open node; a connected node that is not marked open; another role.
   const Link link = Connect();
   Watch(link.node);
   EXPECT_EQ(Open(link.node), "1, 0, 1 | ");
@@ -242,7 +242,7 @@ TEST_F(NodeTest, OpenAcceptsIntoChildren) {
   MQNode expected = *parent;
   EXPECT_EQ(Open(parent), "1, 0, 0 | AcceptClient[]; mnOpen");
   const Node child(parent->child);
-  // A copy of its parent, queue and receive buffer included, but for these.
+  // A copy of its parent, with its queue and receive buffer, except for these fields.
   expected.sock = child->sock;
   expected.role = MQ_ROLE_CONNECT;
   expected.openState = 1;
@@ -272,7 +272,7 @@ TEST_F(NodeTest, CloseAndDelete) {
   EXPECT_EQ(Take(), "mnClose; mnClearPeningIO; DeleteSocket; close() = 0");
   EXPECT_EQ(WriteState(node), "42, sent 0, out 3");
   EXPECT_TRUE(node->openState == 0 && node->recvBuffer.data == nullptr);
-  // The number of a closed descriptor goes to the next one who asks: a node must not close it a second time.
+  // The number of a closed descriptor is reused: a node must not close it again.
   const Peer somebody(dup2(Peer::Datagram().fd(), number));
   const Message in(200);
   EXPECT_EQ(mnRead(in, node) + mnReadMsg(node), 0);

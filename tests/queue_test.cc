@@ -1,4 +1,4 @@
-// queue_test.cc - the queue, driven by little scripts and compared as the list that a walk from head to tail sees.
+// queue_test.cc - the queue, driven by short scripts; its content is compared as seen by a walk from head to tail.
 #include "queue/queue.h"
 
 #include "tests/support/fixture.hh"
@@ -22,7 +22,7 @@ std::string Contents(const Queue* q) {
   return letters;
 }
 
-// +x Qput, ^x QputHigh, <x Qputhead, -x Qremove, . Qget, s Qstart, n Qnext, ? IsQReady. Returns what the calls gave.
+// +x Qput, ^x QputHigh, <x Qputhead, -x Qremove, . Qget, s Qstart, n Qnext, ? IsQReady. Returns their results.
 std::string Play(Queue* q, std::string_view script) {
   std::string given;
   for (size_t i = 0; i < script.size(); ++i) {

@@ -1,11 +1,11 @@
-// read_test.cc - messages gathered from whatever arrives, plain and signed: delivered, browsed, refused.
+// read_test.cc - reading messages that arrive in pieces, plain and signed: delivered, browsed, refused.
 #include "tests/support/nodes.hh"
 
 namespace {
 
 class ReadTest : public NodeTest {
  protected:
-  // A read and what it left: what was delivered, the state. What was sent is there before.
+  // Reads once and returns what was delivered, and the state. All that was sent has arrived before.
   std::string Read(MQNode* node, bool secure = false) {
     const int result = mnSRead(in_, node, secure, nullptr);
     return (result ? in_.Text() : "nothing") + ", " + ReadState(node);
@@ -29,8 +29,8 @@ class ReadTest : public NodeTest {
   const Message in_{300};
 };
 
-// Headers, in either byte order, and what a read makes of them. A refused one is dropped and the next bytes are a
-// header again. Only a header that is recognised gets converted.
+// Headers in both byte orders, and the outcome of a read. A refused header is dropped, and the next bytes are read as a
+// header. Only a recognised header is converted.
 TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   const auto check = [this](bool secure, uint32_t first, uint32_t announced, bool accepted) {
     const uint32_t length = secure ? kEnvelope : kHeader, at = secure ? 16 : kAtBody;
@@ -55,12 +55,12 @@ TEST_F(ReadTest, HeadersAcceptedAndRefused) {
   for (const uint32_t length : {1u, MQ_MAX_MESSAGE - 32}) check(true, 32, length, true);
   for (const uint32_t length : {0u, MQ_MAX_MESSAGE - 31, 0xFFFFFFFFu, 0xFFFFFFE0u}) check(true, 32, length, false);
   for (const uint32_t first : {31u, 33u, 136u}) check(true, first, 256, false);
-  // Something signed that is shorter than any header.
+  // A signed message that is shorter than any header.
   EXPECT_EQ(Read(Connect(), With(keys_.Sign(1).substr(0, kEnvelope) + "x", 16, 1), true),
             "nothing, -1001, read 1, held 0/32");
 }
 
-// Trace points with what they see: the order of reports and resets, which differs in a receive that fails.
+// Trace points and what they observe: reports and resets come in another order when a receive fails.
 TEST_F(ReadTest, Traces) {
   const Link links[] = {Connect(false), Connect(false)};
   const auto read = [&](bool secure, const std::string& bytes, int failing = 0) {
@@ -73,7 +73,7 @@ TEST_F(ReadTest, Traces) {
   const std::string got = "ReadSocket[]; ";
   const std::string blocked = got + "ReadSocket[onError 11]; ";
   const std::string reset = got + "ReadSocket[onError 104]; ";
-  // Whole: by the nested read, and by the outer. Part of a header; then the nested read runs dry; then the rest.
+  // A whole message, by the nested read and by the outer one. Part of a header; the nested read runs dry; the rest.
   EXPECT_EQ(read(false, plain), got + got + "mnRead 0, read 1, held 0/136; mnRead 0, read 1, held 0/136");
   EXPECT_EQ(read(false, plain.substr(0, 100)),
             blocked + "mnReadMsg 11, read 1, held 100/136; mnRead 11, read 1, held 100/136");
@@ -81,13 +81,13 @@ TEST_F(ReadTest, Traces) {
             got + blocked +
                 "mnReadMsg 11, read 1, held 140/160; mnRead 11, read 1, held 140/160; mnRead 11, read 1, held 140/160");
   EXPECT_EQ(read(false, plain.substr(140)), got + "mnRead 0, read 2, held 0/136");
-  // A wrong first word is traced with the bytes still there; a receive that fails after the reset.
+  // A wrong first word is traced before the reset; a failed receive is traced after it.
   EXPECT_EQ(read(false, std::string(136, 'x')),
             got + "mnReadMsg 2026, read 2, held 136/136; mnRead 2026, read 2, held 0/136");
   EXPECT_EQ(read(false, With(plain.substr(0, 136), kAtBody, 0)), got + "mnRead 2026, read 2, held 136/136");
   EXPECT_EQ(read(false, "part", 2), reset + "mnReadMsg 104, read 2, held 0/136; mnRead 104, read 2, held 0/136");
   EXPECT_EQ(read(true, wire), got + got + "mnSRead 0, read 1, held 0/32; mnSRead 0, read 1, held 0/32");
-  // Replayed, whole and in parts.
+  // A replayed message, whole and in parts.
   EXPECT_EQ(read(true, wire), got + got + "mnSRead -1001, read 2, held 288/288; mnSRead -1001, read 2, held 0/32");
   EXPECT_EQ(read(true, wire.substr(0, 20)),
             blocked + "mnSReadMsg 11, read 2, held 20/32; mnSRead 11, read 2, held 20/32");
@@ -100,7 +100,7 @@ TEST_F(ReadTest, Traces) {
   EXPECT_EQ(read(true, "part", 2), reset + "mnSReadMsg 104, read 3, held 4/32; mnSRead 104, read 3, held 0/32");
 }
 
-// Each function of the companion failing in turn: what the node says, what was called, which user the record names.
+// Each function of the companion fails in turn: the node's error, the calls, the user in the record.
 TEST_F(ReadTest, CompanionFailures) {
   const auto read = [this](bool secure, const std::string& failing) {
     const Link link = Connect();
@@ -111,7 +111,7 @@ TEST_F(ReadTest, CompanionFailures) {
     EXPECT_EQ(mnSRead(small, link.node, secure, nullptr), failing.empty());
     const std::string outcome = format("{} | {}, user {}", Take("m"), ReadState(link.node), small.sender());
     Companion::Now().failing.clear();
-    // A header that could not be converted was dropped, its body was not; else the next message is read.
+    // A header that could not be converted was dropped, but not its body. Otherwise the next message is read.
     const bool in_step = outcome.find(';') != std::string::npos;
     EXPECT_EQ(in_step ? mnSRead(in_, link.node, secure, nullptr) : 1, 1) << outcome;
     EXPECT_EQ(in_step ? in_.command() : 5, 5u) << outcome;
@@ -127,7 +127,7 @@ TEST_F(ReadTest, CompanionFailures) {
   EXPECT_EQ(read(false, ""), plain + "; AlienPcfToNative; RawToPcf | 0, read 1, held 0/136, user peer");
   EXPECT_EQ(read(true, "AlienToNativeExt"), "AlienToNativeExt | 2026, read 0, held 0/32, user none");
   EXPECT_EQ(read(true, "SizePcfMessage"), gathered + " | 2102, read 0, held 0/32, user none");
-  // After a failed check the record still holds what came.
+  // After a failed check the record still contains what was received.
   EXPECT_EQ(read(true, "mqc_authenticate"), checked + " | -1001, read 1, held 0/32, user tester");
   EXPECT_EQ(read(true, "AlienToNative"), native + "; DumpPcfMessage | 2026, read 1, held 0/32, user tester");
   EXPECT_EQ(read(true, "AlienPcfToNative"),
@@ -147,10 +147,10 @@ TEST_F(ReadTest, NoMemory) {
     EXPECT_EQ(Read(link.node, secure),
               secure ? "nothing, 2102, read 0, held 0/32" : "nothing, 2102, read 0, held 0/136");
     EXPECT_EQ(Take("n"), secure ? "mnSRead 2102, read 0, held 32/32" : "mnRead 2102, read 0, held 136/136")
-        << "known before anything more is gathered";
+        << "reported before more is received";
     EXPECT_EQ(link.node->recvBuffer.capacity, 16520u);
   }
-  // A node without a receive area, created without memory or closed: a read takes one when there is memory.
+  // A node without a receive area, because memory was short or it was closed: a read allocates one.
   mqc_fail_allocation(2, 0);
   const Node bare = Create(0, MQ_ROLE_CONNECT), closed = Create(0, MQ_ROLE_CONNECT);
   mnClose(closed);
@@ -165,7 +165,7 @@ TEST_F(ReadTest, NoMemory) {
   }
 }
 
-// Whole messages alone, each of which is converted; nothing short is.
+// A datagram must be one whole message. A header that is whole and recognised is converted.
 TEST_F(ReadTest, Datagrams) {
   const Node node = CreateDatagram();
   NoblockSocket(&node->sock);
@@ -201,7 +201,7 @@ TEST_F(ReadTest, Datagrams) {
   EXPECT_EQ(read(true, wire2.substr(0, kEnvelope - 1)), "nothing, 2026 ");
   EXPECT_EQ(read(true, wire2), "2:4 from tester, 0 AlienToNativeExt");
   EXPECT_EQ(Text(node->sock.from), "- 127.0.0.1 P tcp P");
-  // The gather step alone keeps what it has.
+  // mnReadMsg alone keeps what it has received.
   peer.SendTo(PortOf(node->sock.fd), wire);
   peer.SendTo(PortOf(node->sock.fd), Wire(2));
   Watch(node);
@@ -211,7 +211,7 @@ TEST_F(ReadTest, Datagrams) {
   EXPECT_EQ(Take("sn"), "ReadSocket[]; mnRead");
 }
 
-// One stream that changes its framing between messages, buffers left idle or with a part by the other reader.
+// One stream whose framing changes between messages; buffers left idle, or partly filled, by the other reader.
 TEST_F(ReadTest, SwitchingFraming) {
   const Link link = Connect(false);
   const std::string envelope = keys_.Sign(5).substr(0, 136), plain = Wire(6);
@@ -220,7 +220,7 @@ TEST_F(ReadTest, SwitchingFraming) {
   EXPECT_EQ(Read(link.node, false), "3:4 from peer, 0, read 3, held 0/136");
   EXPECT_EQ(Read(link.node, true), "4:4 from tester, 0, read 4, held 0/32");
   EXPECT_EQ(Read(link, envelope), "nothing, 2026, read 4, held 0/136");
-  // A part is judged once something has arrived.
+  // A part of a message is judged when something has arrived.
   EXPECT_EQ(Read(link, plain.substr(0, 100)), "nothing, 11, read 4, held 100/136");
   EXPECT_EQ(Read(link.node, true), "nothing, 11, read 4, held 100/136");
   EXPECT_EQ(Read(link, plain.substr(100, 36), true), "nothing, 2026, read 4, held 0/32");
@@ -265,7 +265,7 @@ TEST_F(ReadTest, BrowseOfHeaders) {
   EXPECT_EQ(browse(135, 64) + browse(137, 64), "0, 2026, 0, 2026, ");
 }
 
-// Part of a header: a look again from the front after each pause, for a bounded time, unless the node does not block.
+// Part of a header: the browse looks again after each pause, for a bounded time, unless the node does not block.
 TEST_F(ReadTest, BrowseOfPartOfAHeader) {
   const std::string wire = Wire(1);
   for (const size_t part : {2, 4, 135}) {
@@ -278,7 +278,7 @@ TEST_F(ReadTest, BrowseOfPartOfAHeader) {
     EXPECT_EQ(Platform::Calls({"recvfrom"}).front(), format("recvfrom(136, flags 2) = {}", part));
     EXPECT_EQ(Read(link.node), "1:4 from peer, 0, read 1, held 0/136");
 
-    // Nothing more comes: bounded, in looks and in time, also when it cannot be told whether the node blocks.
+    // Nothing more arrives: looks and time are bounded, also if it is not known whether the node blocks.
     Platform::Reset();
     Platform::SkipPauses();
     Send(link, wire.substr(0, part));
@@ -289,7 +289,7 @@ TEST_F(ReadTest, BrowseOfPartOfAHeader) {
     Take();
     EXPECT_EQ(Browse(link.node), "0, 11");
     EXPECT_EQ(Platform::Calls({"nanosleep"}), Lines());
-    // The peer will send no more.
+    // The peer has shut down its sending side.
     BlockSocket(&link.node->sock);
     link.peer.Shutdown();
     Watch(link.node, Error);
@@ -309,7 +309,7 @@ TEST_F(ReadTest, BrowseWithNothingThere) {
   link.peer = Peer();
   Await(link.node->sock.fd);
   EXPECT_EQ(Browse(link.node), "0, 9004");
-  // A datagram does not grow.
+  // The area of a datagram node does not grow.
   const Node node = CreateDatagram();
   const Peer peer = Peer::Datagram();
   peer.SendTo(PortOf(node->sock.fd), Wire(1).substr(0, 100));

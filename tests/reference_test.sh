@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# reference_test.sh BUILD_DIR - the reference made from the headers: every exported name has a manual page that names,
-# declares and describes it; each page has the words of its own function; groff and doxygen have no warning.
+# reference_test.sh BUILD_DIR - checks the reference made from the headers: every exported name has a manual page that
+# names, declares and describes it; each page describes its own function; groff and doxygen report no warnings.
 . "$(dirname "$0")/support/shell.sh"
 cd "$build/reference/man/man3" || exit
 
-# The text of each section as a line: PAGE SECTION TEXT.
+# One line for each section: PAGE SECTION TEXT.
 awk '/^\.SH /{ printf "\n%s %s ", FILENAME, $2; next } !/^\.[A-Za-z]/{ printf "%s ", $0 }' ./*.3 >"$work/sections"
 section() { grep -qE -- "^\./$1\.3 $2 .*$3" "$work/sections" || fail "$1.3: no '$3' in $2"; }
 

@@ -1,4 +1,4 @@
-// socket_test.cc - socket records: their life, names and addresses, connections, transfers, options.
+// socket_test.cc - socket records: life cycle, names and addresses, connections, transfers, options.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -26,7 +26,7 @@ class SocketTest : public Fixture {
     CreateSocketFromExisting(&rec_, fd);
     rec_.type = static_cast<uint32_t>(type);
   }
-  // What an operation comes to: "result error/errorResult connected | what happened". The error was 77 before.
+  // The outcome of an operation: "result error/errorResult connected | what happened". The error was 77 before.
   template <typename... Formal, typename... Actual>
   std::string Do(int (*operation)(SockRec*, Formal...), Actual... arguments) {
     EXPECT_EQ(OnSocketTrace(&rec_, Trace::OnSocket) + OnSocketError(&rec_, Trace::OnError), 2);
@@ -47,7 +47,7 @@ class SocketTest : public Fixture {
     const auto size = static_cast<uint32_t>(bytes.size());
     buffer_ = {reinterpret_cast<uint8_t*>(bytes_.data()), size, size, 0, 0, 0};
   }
-  // A transfer: "received sent, totals | " and what Do says.
+  // A transfer: "received sent, totals | " and the result of Do.
   template <typename... Arguments>
   std::string Move(Arguments... arguments) {
     const std::string outcome = Do(arguments...);
@@ -98,7 +98,7 @@ TEST_F(SocketTest, DeleteClosesOnceAndOnlyWhatItHolds) {
     Platform::SetTime(now);
     Take();
     const std::string printed = Printed([&] { EXPECT_EQ(DeleteSocket(&rec_) + DeleteSocket(&rec_), 2); });
-    // The hour is that of the time zone.
+    // The hour depends on the time zone.
     return format("{} {} {}", rec_.fd, Take(), printed.empty() ? "" : printed.substr(2));
   };
   EXPECT_EQ(twice(0), "0 DeleteSocket; DeleteSocket ");
@@ -129,7 +129,7 @@ TEST_F(SocketTest, AddrToIPDecidesInAFixedOrder) {
   Platform::AddHost("box", {"10.9.8.7", "10.9.8.8"});
   Platform::AddHost("bare", {});
   Platform::AddService("echo", "tcp", 7);
-  // "result error family address:port, port in the record | calls" where errno was pending before.
+  // "result error family address:port, port in the record | calls", with errno as given before the call.
   const auto resolve = [this](const char* host, const char* ip, const char* service = "1", int pending = 0) {
     SockAddrRec name = AddressOf(host, service, "tcp", ip);
     name.port = 99;
@@ -178,13 +178,13 @@ TEST_F(SocketTest, IsValidIp) {
   }
 }
 
-// The plain mappings: what they ask, and that they keep within buffers of the sizes that the header promises.
+// The plain mappings: their calls, and that they stay within buffers of the sizes documented in the header.
 TEST_F(SocketTest, Mappings) {
   const std::string host300(300, 'h'), service40(40, 's');
   Platform::AddHost(host300, {"9.9.9.9", "10.9.8.8"});
   Platform::AddHost("bare", {});
   Platform::AddService(service40, "tcp", 9);
-  // "result text | calls"; the text is "????" when the buffer is untouched.
+  // "result text | calls"; the text is "????" if the buffer is unchanged.
   const auto mapped = [](size_t size, auto* map, auto... from) {
     char out[400] = "????";
     out[size] = '!';
@@ -214,7 +214,7 @@ TEST_F(SocketTest, Mappings) {
 
 // ---- Connections ----
 
-// Each attempt: its outcome, then the caller's record, the socket's name and its from address ("=": the same again).
+// Each attempt: its outcome, the caller's record, the socket's name and its from address ("=": same as before).
 TEST_F(SocketTest, ConnectAndBind) {
   const Peer listener = Peer::Listen(), nobody = Peer::Bound(SOCK_STREAM);
   const int p = listener.port(), q = nobody.port();
@@ -248,7 +248,7 @@ TEST_F(SocketTest, ConnectAndBind) {
             "0 98/5 0 | " + bind + "127.0.0.1:P) = -1 EADDRINUSE; onError 98" + unbound);
   EXPECT_EQ(attempt(BindSocketName, "127.0.0.1", 1, EISCONN),
             "1 106/0 1 | " + bind + "127.0.0.1:1) = -1 EISCONN" + unbound);
-  // Another action does neither. Without a node name there is none; the caller's texts are cut.
+  // Any other action neither connects nor binds. Without a node name the field is empty; the caller's texts are cut.
   Platform::Fail("uname", 1, EFAULT);
   SockAddrRec name = AddressOf("*", "5", "proto");
   EXPECT_EQ(Do(SockAction, &name, 2), "1 0/0 1 | AddrToIP[]; uname() = -1 EFAULT");
@@ -297,10 +297,10 @@ TEST_F(SocketTest, StreamsGoOnWhereTheyStopped) {
   EXPECT_EQ(Read(), "6 0, 6 0 | 1 0/0 0 | ReadSocket[recvfrom(2) = 2]");
   EXPECT_EQ(bytes_, "012345????");
   EXPECT_EQ(Read(), "6 0, 6 0 | 0 9004/5 0 | ReadSocket[recvfrom(0) = 0; onError 9004]");
-  EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to note";
+  EXPECT_EQ(Text(rec_.from), "- - - tcp 0") << "a stream has no sender to store";
   Arm("????");
   buffer_.flags = MSG_PEEK;
-  EXPECT_EQ(Read(), "4 0, 10 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]") << "bytes looked at count";
+  EXPECT_EQ(Read(), "4 0, 10 0 | 1 0/0 0 | ReadSocket[recvfrom(4, flags 2) = 4]") << "peeked bytes are counted";
 
   Arm("0123456789");
   buffer_.length = 9;
@@ -311,7 +311,7 @@ TEST_F(SocketTest, StreamsGoOnWhereTheyStopped) {
   EXPECT_EQ(peer_.Read(9), "012345678");
 }
 
-// Failures move and count nothing; callbacks see the buffer and the error as it is then.
+// Failures move and count nothing. Callbacks see the buffer and the error at that time.
 TEST_F(SocketTest, Failures) {
   Connect();
   Trace::Now().on_socket = [&](std::string_view, SockRec* rec) {
@@ -332,7 +332,7 @@ TEST_F(SocketTest, Datagrams) {
   Use(Peer::Datagram().Release(), SOCK_TYPE_DATAGRAM);
   const Peer peer = Peer::Datagram();
   Alias(peer.port(), "P");
-  // The sender is noted; the type counts when something has arrived.
+  // The sender is stored; the type matters once something has arrived.
   const auto got = [&](uint32_t before, uint32_t later) {
     rec_.type = before;
     rec_.from = AddressOf("", "");

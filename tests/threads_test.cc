@@ -1,5 +1,5 @@
-// threads_test.cc - nodes of one process used by different threads, one node by one thread at a time. Worth most under
-// the thread sanitizer: ./run test tsan.
+// threads_test.cc - nodes of one process in different threads, each node in one thread at a time. Most useful under the
+// thread sanitizer: ./run test tsan.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,6 +13,17 @@
 #include "runtime/runtime.h"
 #include "tests/support/sender.hh"
 
+#if __has_include("mqnode/asio.hpp")
+#include <asio/detail/config.hpp>
+#endif
+#ifdef ASIO_HAS_CO_AWAIT
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/io_context.hpp>
+
+#include "mqnode/asio.hpp"
+#endif
+
 namespace {
 
 using namespace mqnode;
@@ -23,7 +34,7 @@ constexpr int kRounds = 5;
 
 Address Local(int port) { return {"127.0.0.1", std::to_string(port)}; }
 
-// All nodes of the process are the login's, and sign with its key.
+// All nodes of the process belong to the login user, and sign with its key.
 struct User {
   User() : name(Node::connector(Local(9)).user()) { EXPECT_TRUE(mqc_generate_key(secret, open)); }
   Signer MakeSigner() const { return Signer::create(name.c_str(), secret); }
@@ -31,7 +42,7 @@ struct User {
   uint8_t secret[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
 };
 
-// Writes message number over the node and reads it from the other, through the wait that finishes what was queued.
+// Writes message `number` to one node and reads it from the other, using the wait that finishes queued writes.
 void Exchange(NodeRef from, NodeRef to, Address* destination, int number, MqcSigner* signer) {
   const Message out = Message::create(), in = Message::create();
   const std::string value(destination != nullptr ? 5 : static_cast<size_t>(number % 7) * 5003, 'x');
@@ -50,7 +61,7 @@ void Exchange(NodeRef from, NodeRef to, Address* destination, int number, MqcSig
   EXPECT_EQ(in.text_or(1, "nothing"), value);
 }
 
-// The text of a failure is told to the thread that it happened to.
+// Each thread sees the text of its own failures only.
 void HearOnlyOwnFailures(int thread) {
   const auto number = static_cast<uint32_t>(1000 + thread);
   const Message msg = Message::create();
@@ -66,9 +77,9 @@ void HearOnlyOwnFailures(int thread) {
   }
 }
 
-// Nodes of every kind, made, used and deleted by one thread; half of the messages go through another one.
+// One thread creates, uses and deletes nodes of every kind. Half of the messages go through a node of another thread.
 void LiveAlone(int thread, const User& user, std::barrier<>* start) {
-  // A message of the other byte order and character set: the first of its kind in the process.
+  // A message in the other byte order and character set, the first of its kind in the process.
   const sender::Form form = {true, true};
   const std::string foreign = sender::Plain(form, sender::Body(form, "foreign"));
   const auto size = static_cast<uint32_t>(foreign.size());
@@ -86,7 +97,7 @@ void LiveAlone(int thread, const User& user, std::barrier<>* start) {
     Node child;
     ASSERT_TRUE(client.open() && listener.accept(child));
     ASSERT_TRUE(client.set_blocking(false) && child.set_blocking(false));
-    ASSERT_TRUE(round != 0 || client.set_buffer_size(4096));  // full before a message is through
+    ASSERT_TRUE(round != 0 || client.set_buffer_size(4096));  // fills before a message is complete
     const Node one = Node::datagram(Local(0)), other = Node::datagram(Local(0));
     Address destination = Local(other.local_port());
     const auto talk = [&](MqcSigner* how) {
@@ -106,7 +117,7 @@ std::atomic<int> traced;
 
 class ThreadsTest : public testing::Test {
  protected:
-  // What belongs to the process is set before its threads begin.
+  // Sets process-wide state before the threads start.
   ThreadsTest() {
     signal(SIGPIPE, SIG_IGN);
     unsetenv("TEVRA_HOME");
@@ -118,7 +129,7 @@ class ThreadsTest : public testing::Test {
   const User user_;
 };
 
-// The first call of each kind is made by all threads at once; what serves the whole process may be used by any thread.
+// All threads make the first call of each kind at once, and share what is process-wide.
 TEST_F(ThreadsTest, EachWithItsOwnNodes) {
   std::barrier start(kThreads + 1);
   std::atomic<bool> done{false};
@@ -139,12 +150,12 @@ TEST_F(ThreadsTest, EachWithItsOwnNodes) {
   EXPECT_GT(traced, kThreads * kRounds * 100);
 }
 
-// One name at more addresses than are kept, so that most are looked up under the lock. It is not in the function that
-// uses it: a child might find another thread's first call of that in progress.
+// One tag at more addresses than are cached, so that most lookups take the lock. Not a local static: in a child,
+// another thread's initialisation of it might still be in progress.
 const std::string names(1000, 't');
 std::atomic<uint32_t> next_name;
 
-// Takes the locks that are in use at any time, and does little else: a fork is to meet them taken.
+// Takes the locks that are in use at any time, and does little else, so that a fork finds them taken.
 bool UseCompanion(const User& user) {
   void* block = nullptr;
   const bool allocated = fNewMemory(&block, 1500, names.c_str() + next_name++ % 900);
@@ -152,7 +163,7 @@ bool UseCompanion(const User& user) {
   return allocated && mqc_ring_add(user.name.c_str(), user.open, nullptr, 0) && mqc_set_replay_limit(262144);
 }
 
-// A child has one thread, and the locks as they were at the fork: none may be left taken.
+// A child has one thread, and the locks as they were at the fork: none may remain taken.
 TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the address sanitizer's malloc leaves its own locks taken in a child";
@@ -166,7 +177,7 @@ TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
   for (int i = 0; i < 60 && !HasFailure(); ++i) {
     const pid_t child = fork();
     if (child == 0) {
-      alarm(10);  // one that hangs is ended
+      alarm(10);  // kills a child that hangs
       _exit(UseCompanion(user_) ? 0 : 1);
     }
     int status = -1;
@@ -176,5 +187,58 @@ TEST_F(ThreadsTest, ChildrenOfAForkAmongThreadsUseTheCompanion) {
   done = true;
   for (std::thread& thread : threads) thread.join();
 }
+
+#ifdef ASIO_HAS_CO_AWAIT
+asio::awaitable<void> Serve(AsyncNode client) {
+  const Message msg = Message::create();
+  for (Result result = co_await client.read(msg); result; result = co_await client.read(msg)) {
+    EXPECT_TRUE(co_await client.write(msg));
+  }
+  EXPECT_TRUE(co_await client.finish());
+}
+
+asio::awaitable<void> Listen(AsyncNode listener) {
+  for (AsyncNode client; co_await listener.accept(client);) {
+    asio::co_spawn(listener.get_executor(), Serve(std::move(client)), asio::detached);
+  }
+}
+
+asio::awaitable<void> Ask(int port, std::atomic<int>* done) {
+  const AsyncNode node(co_await asio::this_coro::executor, Node::connector(Local(port)));
+  const Message msg = Message::create();
+  Result result = co_await node.open();
+  for (uint32_t number = 0; result && number < 100; ++number) {
+    EXPECT_TRUE(msg.begin(number) && msg.add(1, std::string(number * 600, 'x')));
+    result = co_await node.write(msg);
+    if (result) result = co_await within(10s, node.read(msg));
+    EXPECT_EQ(msg.command(), number);
+  }
+  EXPECT_TRUE(result) << result.name();
+  EXPECT_TRUE(co_await within(10s, node.finish()));
+  ++*done;
+}
+
+// A loop for each thread, with a server, and with clients of all servers. (libuv: loop_test.cc)
+TEST_F(ThreadsTest, AsioLoops) {
+  std::atomic<int> done{0};
+  struct {
+    asio::io_context loop{1};
+    int port = 0;
+  } all[kThreads];
+  for (auto& [loop, port] : all) {
+    Node listener = Node::listener(Local(0));
+    port = listener.local_port();
+    asio::co_spawn(loop, Listen(AsyncNode(loop.get_executor(), std::move(listener))), asio::detached);
+  }
+  std::vector<std::thread> threads;
+  for (auto& own : all) {
+    for (const auto& [loop, port] : all) asio::co_spawn(own.loop, Ask(port, &done), asio::detached);
+    threads.emplace_back([&] {
+      while (done < kThreads * kThreads) own.loop.run_for(10ms);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+#endif
 
 }  // namespace

@@ -1,5 +1,5 @@
-// wait_test.cc - readiness waits on many nodes and their sockets. Cases are written as the state of each node and read
-// as the lists and arrays that came back.
+// wait_test.cc - readiness waits on many nodes and their sockets. A case gives the state of each node, and the expected
+// lists and arrays.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -11,10 +11,10 @@
 
 namespace {
 
-SockRec untouched;  // what output lists refer to before a wait
+SockRec untouched;  // referenced by output lists before a wait
 MQNode* const kNoNode = reinterpret_cast<MQNode*>(&untouched);
 
-// Nodes are named a, b, c ... in the order of their making. State letters of one node:
+// Nodes are named a, b, c ... in order of creation. State letters of a node:
 //   r data to read   x urgent data   f too full to write   . none of these   - closed   w with queued writes
 //   u connected 0    d datagram type   L listens, by its role   l listening with a connection
 class WaitTest : public NodeTest {
@@ -64,9 +64,9 @@ class WaitTest : public NodeTest {
   }
   SockRec* Sock(size_t node) { return &nodes_[node]->sock; }
 
-  // One wait over all nodes, of mnPost or mnNPost: "result status | readable writable exceptional | listen read write |
-  // marks", with the lists of sockets, the arrays of nodes, and for each node 1 when it is connected plus 2 when it is
-  // open. A list that is untouched reads "?", an absent one "none".
+  // Waits once on all nodes with mnPost or mnNPost: "result status | readable writable exceptional | listen read write
+  // | marks": the lists of sockets, the arrays of nodes, and for each node 1 if connected plus 2 if open. "?" is an
+  // unchanged list, "none" an absent one.
   std::string Wait(bool writes) {
     const std::vector<MQNode*> before(nodes_.size() + 1, kNoNode);
     std::vector<MQNode*> nodes(nodes_.begin(), nodes_.end()), listen = before, read = before, write = before;
@@ -80,7 +80,7 @@ class WaitTest : public NodeTest {
     return format("{} | {} {} {} | {}", lists, Names(listen.data(), listen.size()), Names(read.data(), read.size()),
                   Names(write.data(), write.size()), marks);
   }
-  // One wait over sockets; with writers by NPostSocket.
+  // Waits once on sockets; with writers, NPostSocket is used.
   std::string WaitFor(const std::vector<SockRec*>& sockets, const std::vector<SockRec*>& writers) {
     return Lists([&](int* status) {
       const PostTimeout poll = {0, 0};
@@ -99,7 +99,7 @@ class WaitTest : public NodeTest {
     return format("{} {} | {} {} {}", result, status, Names(work_.readable, size), Names(work_.writable, size),
                   Names(work_.exceptional, size));
   }
-  // What is behind the terminator has to be untouched, but for the list that is compacted in place.
+  // What follows the terminator must be unchanged, except in a list that is compacted in place.
   template <typename Record>
   std::string Names(Record** list, size_t size) const {
     if (list == nullptr) return "none";
@@ -135,7 +135,7 @@ TEST_F(WaitTest, SortsSocketsAndNodes) {
   check(".wud", post_none + "0", "1 0 | - a - | - - a | 3");
   check(".ud -u", post_none + "00", npost_none + "00");
   check(".u fw r .w ru xu", "1 0 | ce ? f | - ce ? | 011100", "1 0 | ce da f | - cef da | 311300");
-  // A record of size n takes n - 1 nodes, and so many of each kind.
+  // A record of size n accepts n - 1 nodes, of each kind.
   Size(0);
   check("r", "0 22 |    | ? ? ? | 1", "0 22 |    | ? ? ? | 1");
   Size(1);
@@ -145,13 +145,13 @@ TEST_F(WaitTest, SortsSocketsAndNodes) {
   check("xwu .u", "1 0 | - ? a | - - ? | 00", "1 0 | - ab a | - a ab | 33");
 }
 
-// Sockets first, then nodes; the readable ones, the exceptional ones, the writable ones.
+// The order is: sockets, then nodes; readable, exceptional, writable.
 TEST_F(WaitTest, Traces) {
   MakeAll("rw x l .u .");
   Wait(kPost);
   EXPECT_EQ(Take("sn"),
             "a PostSocket:Ready; b PostSocket:Exception; c PostSocket:Ready; a mnPost::Ready; c mnPost::Ready");
-  // What each finds: its place in readable, writable and exceptional; connected; open.
+  // What each callback sees: the position in readable, writable and exceptional; connected; open.
   Trace::Now().on_socket = [&](std::string_view, SockRec* rec) {
     std::string places = "(";
     for (SockRec** list : {work_.readable, work_.writable, work_.exceptional}) {
@@ -186,7 +186,7 @@ TEST_F(WaitTest, AnAbsentListIsNotWatched) {
   EXPECT_EQ(wait("rwx", "rxu .", true), "0 9000 | none none none");
 }
 
-// More nodes than the plain forms wait on, and more than a wait keeps at hand.
+// More nodes than the plain forms support, and more than fit in the scratch memory of a wait.
 TEST_F(WaitTest, ManyNodes) {
   MakeAll("r");
   constexpr size_t kMany = 3000, kTaken = 2512;
@@ -217,7 +217,7 @@ TEST_F(WaitTest, ListedTwiceOrOnlyAsAWriter) {
   EXPECT_EQ(WaitFor({Sock(2), nullptr}, {Sock(1), nullptr}), "1 0 | - b -") << "no more than fit";
 }
 
-// A node that something else owns the socket of is ready but reported by nobody.
+// A node whose socket has another owner is ready but not reported.
 TEST_F(WaitTest, ForeignOwners) {
   MakeAll("r .w x r");
   nodes_[0]->sock.owner = nullptr;
@@ -228,7 +228,7 @@ TEST_F(WaitTest, ForeignOwners) {
   EXPECT_EQ(Wait(kPost), "1 0 | ad ? c | - - ? | 1111");
 }
 
-// What all forms hand to select: those that take milliseconds, and those that take seconds.
+// What all forms pass to select: those in milliseconds and those in seconds.
 TEST_F(WaitTest, Timeouts) {
   MQNode *none[] = {nullptr}, *out[1];
   int status = 0;
@@ -261,7 +261,7 @@ TEST_F(WaitTest, AFailedSelectTouchesNoList) {
   EXPECT_EQ(Take("sn"), "");
 }
 
-// The lists and records count as they are when their turn comes.
+// Lists and records are read only when their turn comes.
 TEST_F(WaitTest, CallbacksMayCloseOrReplaceLaterSockets) {
   for (const bool writes : {kPost, kNPost}) {
     MakeAll("r r r . r r");
@@ -289,7 +289,7 @@ TEST_F(WaitTest, HighDescriptors) {
   if (limit.rlim_max <= kHighest) GTEST_SKIP() << "the hard limit of open files is " << limit.rlim_max;
   limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, kHighest + 1);
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  // Numbers of the descriptors; 0: whatever it is.
+  // Numbers of the descriptors; 0: any.
   const auto make = [this](const char* states, std::initializer_list<int> numbers) {
     MakeAll(states);
     for (size_t i = 0; i < numbers.size(); ++i) {
@@ -300,7 +300,7 @@ TEST_F(WaitTest, HighDescriptors) {
   const long blocks = Platform::LibraryBlocks();
   make("r x r", {kHighest, 1024, 0});
   EXPECT_EQ(Wait(kPost), "1 0 | ac ? b | - ac ? | 111");
-  make("r . .", {0, 1087, 2048});  // the sets grow when some sockets are in them
+  make("r . .", {0, 1087, 2048});  // the sets grow after some sockets were added
   EXPECT_EQ(Wait(kNPost), "1 0 | a - - | - a - | 111");
   make(".u ru .", {1500, kHighest, 1024});
   EXPECT_EQ(Wait(kNPost), "1 0 | b a - | - b a | 301");

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# wireshark_test.sh BUILD_DIR - what tools/wireshark/mqnode.lua makes tshark show of the messages that captures.cc
-# writes. MQNODE_SEED repeats the mutants of an earlier run. Exits 77 without tshark.
+# wireshark_test.sh BUILD_DIR - checks what tshark shows, with tools/wireshark/mqnode.lua, of the messages that
+# captures.cc writes. MQNODE_SEED repeats the mutants of an earlier run. Exits with 77 without tshark.
 . "$(dirname "$0")/support/shell.sh"
 needs tshark text2pcap editcap mergecap
 cd "$work" || exit
@@ -10,8 +10,8 @@ export HOME=$work XDG_CONFIG_HOME=$work TZ=UTC
 echo "seed $seed"
 "$build/bin/captures" "$work" "$seed" || exit
 
-# Each dump becomes a capture of its own port: datagrams from 5000N, a stream from 60000 on. Copies of the streams are
-# changed behind the head of TCP.
+# Each dump becomes a capture with its own port: 5000N for datagrams, from 60000 for streams. Copies of the streams are
+# changed after the TCP header.
 for name in *.hex; do
   name=${name%.hex} number=${name##*[!0-9]}
   ports=(-u "$((50000 + number)),47110")
@@ -25,16 +25,16 @@ mergecap -a -w samples.pcap sample-?.pcap
 mergecap -a -w streams.pcap stream-{100,1460,60000}.pcap
 mergecap -a -w verdicts.pcap {broken,mutants}.pcap
 
-# shark CAPTURE [OPTION ...]: tshark with the script, nothing on standard error but what matters.
+# shark CAPTURE [OPTION ...]: runs tshark with the script; removes irrelevant messages from standard error.
 shark() { tshark -X "lua_script:$script" -r "$@" 2> >(grep -v 'Running as user' >&2); }
 forced=(-o mqnode.tcp_ports:47110 -o mqnode.udp_ports:47110)
 
-# The columns of samples.txt: messages are recognised, each on its own. In a stream several may be in a frame: every
-# value is seen as often as it was sent.
+# The columns of samples.txt: each message is recognised. In a stream, a frame may contain several messages, so every
+# value must be shown as often as it was sent.
 columns() {
   shark "$1" -Y mqnode -T fields -E aggregator='|' -e mqnode.command -e mqnode.user -e mqnode.application \
     -e mqnode.param.id -e mqnode.param.length -e mqnode.param.int32 -e mqnode.param.int64 -e mqnode.param.text \
-    -e mqnode.param.bytes -e mqnode.env.user -e mqnode.trailer.milliseconds "${@:2}"
+    -e mqnode.param.bytes -e mqnode.env.user -e mqnode.trailer.milliseconds -e mqnode.seal.user "${@:2}"
 }
 values() { tr '\t|' '\n\n' | grep . | sort; }
 thrice=$(cat samples.txt samples.txt samples.txt | values)
@@ -43,8 +43,8 @@ same streams "$thrice" "$(columns streams.pcap | values)"
 same 'streams in two passes' "$thrice" "$(columns streams.pcap -2 -d tcp.port==47110,mqnode | values)"
 same 'segments of 7 bytes' "$(values <samples.txt)" "$(columns stream-7.pcap "${forced[@]}" | values)"
 
-# The verdict of the library, and why. A node authenticates before it looks at the body, and only it can see that a
-# signature is wrong: where it says -1001 of a mutant, anything but 2026 may be seen.
+# Error and rule must be the library's. A node authenticates before it parses the body, and only a node can detect a
+# wrong signature: for a mutant with -1001, tshark may show anything except 2026.
 shark verdicts.pcap "${forced[@]}" -T fields -e mqnode.error -e _ws.expert.message -E aggregator='^' |
   paste <(cat broken.txt mutants.txt) - | awk -F'\t' '
     { error = $4 == "" ? 0 : $4; good = error == $1 && ($3 == "" ? $5 == "" : index($5, $3)) }
@@ -53,8 +53,8 @@ shark verdicts.pcap "${forced[@]}" -T fields -e mqnode.error -e _ws.expert.messa
 same 'verdict, rule, what is said; seen are' '' "$(<wrong)"
 same 'kinds of verdicts on mutants' 4 "$(cut -f1 mutants.txt | sort -u | wc -l)"
 
-# The whole tree of every packet, also of those that were captured in part: no failure of the script, and nothing that
-# is unsafe on a terminal.
+# The whole tree of every packet, including partly captured ones: the script does not fail, and its output is safe for a
+# terminal.
 failure='Lua Error|Dissector bug|Malformed Packet|stack traceback|exceeds|assertion'
 for cut in 45 59 72 89 124 204 234 314; do editcap -s "$cut" mutants.pcap "cut-$cut.pcap"; done
 mergecap -a -w all.pcap verdicts.pcap mutated-*.pcap cut-*.pcap
@@ -65,13 +65,13 @@ for options in '-2' '-o tcp.desegment_tcp_streams:FALSE -o mqnode.companion:FALS
   same "failures of the script with $options" '' "$(grep -E -m 3 -A 3 "$failure" seen)"
   same "unsafe characters with $options" '' "$(unsafe seen)"
 done
-# The same search on a script without its one check has to find something, else it finds nothing anywhere.
+# The same search must find something in a script without its only check, to prove that it can.
 sed 's/return at + length <= tvb:len()/return true/' "$script" >broken.lua
 script=$work/broken.lua shark cut-204.pcap "${forced[@]}" -V 2>&1 | grep -E "$failure" >seen ||
   fail 'a script that reads past the end was not noticed'
 
-# What was not captured breaks no rule. Of the samples 4 are signed, just before they were captured; late, early and
-# seen once more they are told so, in one pass and in two.
+# Bytes that were not captured break no rule. 5 samples are signed, just before their capture; early, late and repeated
+# ones are reported, in one pass and in two.
 for cut in 74 194 224 244; do editcap -s "$cut" samples.pcap "part-$cut.pcap"; done
 mergecap -a -w parts.pcap part-*.pcap
 editcap -t -400 samples.pcap early.pcap
@@ -82,14 +82,14 @@ while read -r expected capture filter; do
   same "$capture $filter" "$expected" "$(shark "$capture.pcap" "${forced[@]}" -Y $filter </dev/null | wc -l)"
 done <<'ROWS'
 0 parts mqnode.error
-33 parts mqnode.expert.cut
+37 parts mqnode.expert.cut
 0 samples mqnode.expert.replay||mqnode.expert.time
-8 again mqnode.expert.replay||mqnode.expert.time
-8 again mqnode.expert.replay&&mqnode.expert.time -2
+10 again mqnode.expert.replay||mqnode.expert.time
+10 again mqnode.expert.replay&&mqnode.expert.time -2
 ROWS
 
-# As the README says it.
+# Installed as the README says.
 plugins=$(tshark -G folders 2>/dev/null | sed -n 's/^Personal Lua Plugins:[[:space:]]*//p')
 [[ $plugins == "$work"/* ]] || { fail "the plugins of this user would go to '$plugins'"; exit; }
 mkdir -p "$plugins" && cp "$script" "$plugins"
-same 'packets seen by the installed script' 9 "$(tshark -r samples.pcap -Y mqnode 2>/dev/null | wc -l)"
+same 'packets seen by the installed script' 10 "$(tshark -r samples.pcap -Y mqnode 2>/dev/null | wc -l)"

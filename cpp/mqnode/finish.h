@@ -20,35 +20,35 @@
 
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
-/* Milliseconds of a clock that only moves forward. */
+/* Milliseconds of a clock that never goes back. */
 static inline int64_t mq_clock(void) {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-/* How far the end of a connection has come; all zero at first. */
+/* Progress of the end of a connection; all zero at first. */
 typedef struct MqFinish {
   int shut;     /* the sending side is shut down */
   int closed;   /* the peer has closed the connection */
-  short events; /* of poll, to wait for before the next step; 0: none, take the next step a few milliseconds later */
+  short events; /* poll events to wait for before the next step; 0: none, take the next step a few milliseconds later */
 } MqFinish;
 
-/* Internal: a result of 0 with this error. */
+/* Internal: set the error and return 0. */
 static inline int mq_finish_fail(MQNode* node, int code) {
   node->sock.error = code;
   node->error = code;
   return 0;
 }
 
-/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. Nothing
- * but the end of the stream, which counts as the last byte, may be left: a peer that resets does not confirm it. */
+/* Internal: whether the peer's system has confirmed every byte of a connection whose sending side is shut down. The end
+ * of the stream, which counts as one byte, may be unconfirmed, because a peer that resets does not confirm it. */
 static inline int mq_finish_confirmed(const MQNode* node) {
   int bytes = 0;
   return ioctl(node->sock.fd, SIOCOUTQ, &bytes) == 0 && bytes <= 1;
 }
 
-/* Internal: discard what the peer sends. 1; 0 when the connection has failed. */
+/* Internal: discard what the peer sends. Returns 1, or 0 if the connection has failed. */
 static inline int mq_finish_discard(MQNode* node, MqFinish* state) {
   char unread[16384];
   const ssize_t got = recv(node->sock.fd, unread, sizeof unread, MSG_DONTWAIT);
@@ -58,10 +58,11 @@ static inline int mq_finish_discard(MQNode* node, MqFinish* state) {
   return state->closed || mq_finish_fail(node, code);
 }
 
-/* mq_finish_step - what mq_finish does, for an event loop: one step that does not block.
- *   node    connected, non-blocking, with lingering switched off
- *   state   in, out: its events are set while more steps are needed
- * Result  1 or 0 as mq_finish; -1: wait for state->events, then call again
+/* mq_finish_step - perform one step of mq_finish without blocking, for an event loop.
+ *   node    in/out  connected, non-blocking, with lingering switched off
+ *   state   in/out  its events are set while more steps are needed
+ * Result  1 the connection has ended, as for mq_finish; 0 it has failed, as for mq_finish; -1 wait for state->events,
+ *         then call again
  * Blocks  never */
 static inline int mq_finish_step(MQNode* node, MqFinish* state) {
   if (mnIsPendingIO(node) && !mnFinishWrite(node)) return 0;
@@ -85,8 +86,8 @@ static inline int mq_finish_step(MQNode* node, MqFinish* state) {
  * Deleting a node resets its connection, because nodes linger for zero seconds: what the system has not sent yet is
  * discarded. Call mq_finish before DeleteMQNode if the last messages must arrive, and at the peer when its read fails
  * with 9004. Only an answer can tell whether the application at the peer has processed the messages.
- *   node          connected. It is made non-blocking, and lingering is switched off, so that the system goes on sending
- *                 even after a time-out
+ *   node          connected. It is made non-blocking, and lingering is switched off, so that the system continues to
+ *                 send after a time-out
  *   milliseconds  upper bound for all of this
  * Result  1 if the peer's system has received all bytes and the peer has closed the connection; 0 if this is not known
  * error   0; ETIMEDOUT the time is over; ECONNRESET the peer reset the connection; 11 a queued message was dropped,

@@ -11,19 +11,19 @@
 //
 // Each type wraps a record or handle of the C headers, which document the operations in full; the comments here name
 // the C function and describe the differences. get() returns the pointer and record() the record. The types store
-// nothing else, so C functions may be called on them at any time. A handle has the size of its pointer, and an
-// operation makes the same system calls and allocations as the C function. There is one addition: a stream node that
-// lost a part of a message is closed, because its peer would read the next message as the missing part.
+// nothing else, so C functions may be called on them at any time. A handle has the size of a pointer, and an operation
+// makes the same system calls and allocations as the C function. There is one addition: a stream node that lost a part
+// of a message is closed, because its peer would read the next message as the missing part.
 //
 // Conventions
 //   Handles     Node, Message and Signer own their record and release it when they are destroyed. They can be moved,
 //               but not copied. release() gives up ownership, reset() replaces the record. A handle is empty, and
 //               converts to false, if there was no memory or after it was moved from
-//   References  NodeRef and MessageRef have all operations and own nothing; a handle converts to a reference. They are
-//               pointers, cheap to copy; const does not apply to the record
+//   References  NodeRef and MessageRef have all operations and own nothing; a handle converts to a reference. A
+//               reference is a pointer, cheap to copy; its const does not apply to the record
 //   Empty       do not call operations of an empty handle or reference, unless documented otherwise
 //   Results     a Result contains the return value and the error code, and is true on success. Functions that build
-//               messages return bool; MessageRef::error returns the reason of a failure
+//               messages return bool; MessageRef::error returns the reason for a failure
 //   Exceptions  all functions are noexcept; the header compiles without exceptions and RTTI
 //   Threads     as in C, a record must be used by one thread at a time
 #ifndef MQNODE_MQNODE_MQNODE_HPP
@@ -70,11 +70,11 @@ class Node;
 
 // ---- Results ----
 
-// Result - outcome of an operation: what the C function returned and the code that it left. Its texts are those of
-// mqnode/errors.h and live as long as the process.
+// Result - outcome of an operation: the return value of the C function, and the code that it set. Its texts are those
+// of mqnode/errors.h and live as long as the process.
 class [[nodiscard]] Result {
  public:
-  // place: MQ_IN_NODE, MQ_IN_SOCKET or MQ_IN_STATUS. cause: the code that says why.
+  // place: MQ_IN_NODE, MQ_IN_SOCKET or MQ_IN_STATUS. cause: the code that gives the reason.
   constexpr Result(int value, int code, int cause, unsigned place) noexcept
       : value_(value), code_(code), cause_(cause), place_(place) {}
   constexpr Result(int value, int code, unsigned place) noexcept : Result(value, code, code, place) {}
@@ -86,13 +86,13 @@ class [[nodiscard]] Result {
   // The error of the node or the socket, or the status of the wait. It may be nonzero after a success: 11 if a write
   // was queued.
   constexpr int code() const noexcept { return code_; }
-  // The reason of a failure: code(), except for a write that was dropped, which leaves 11 in the node and the reason in
-  // its socket.
+  // The reason for a failure: code(), except for a write that was dropped, which stores 11 in the node and the reason
+  // in its socket.
   constexpr int cause() const noexcept { return cause_; }
 
   // The operation is incomplete and nothing was lost: wait, then call again. False for a write that was dropped.
   constexpr bool again() const noexcept { return cause_ == MQ_AGAIN; }
-  // Of a wait: nothing was ready in time.
+  // After a wait: nothing was ready in time.
   constexpr bool timed_out() const noexcept { return place_ == MQ_IN_STATUS && code_ == SOCK_WAIT_TIMEOUT; }
   // After a read: the peer closed the connection (9004) or reset it.
   constexpr bool peer_gone() const noexcept { return code_ == SOCK_PEER_CLOSED || code_ == ECONNRESET; }
@@ -114,7 +114,7 @@ class [[nodiscard]] Result {
   unsigned place_;
 };
 
-// ErrorText - the reason why a signer could not be created, as one line; empty after a success.
+// ErrorText - the reason why a signer could not be created, in one line; empty after a success.
 struct ErrorText {
   char text[256] = "";
   std::string_view view() const noexcept { return text; }
@@ -148,10 +148,10 @@ class Bytes {
 
 namespace detail {
 
-// The text of a zero-filled field, which may lack a terminator.
+// The text of a zero-padded field, which may not be null-terminated.
 inline std::string_view text_of(const char* field, std::size_t size) noexcept { return {field, strnlen(field, size)}; }
 
-// Copies text of at most that many characters into a zero-padded field of a node; false when it is longer.
+// Copies text into a zero-padded field of a node; false if it has more than most characters.
 inline bool fill(char* field, std::size_t size, std::string_view text, std::size_t most) noexcept {
   if (text.size() > most) return false;
   std::memset(field, 0, size);
@@ -159,7 +159,7 @@ inline bool fill(char* field, std::size_t size, std::string_view text, std::size
   return true;
 }
 
-// Copies text into a field with its terminator, or otherwise when it has no room there or holds a zero byte.
+// Copies text and a terminator into a field. If the text does not fit or contains a zero byte, copies otherwise.
 template <std::size_t size>
 void put_text(char (&field)[size], std::string_view text, std::string_view otherwise) noexcept {
   const bool fits = text.size() < size && text.find('\0') == std::string_view::npos;
@@ -167,16 +167,16 @@ void put_text(char (&field)[size], std::string_view text, std::string_view other
   if (!chosen.empty()) std::memcpy(field, chosen.data(), chosen.size());
 }
 
-// Milliseconds for the C functions, which take an int.
+// Converts to milliseconds for the C functions, which take an int.
 constexpr int to_int(std::chrono::milliseconds time) noexcept {
   return static_cast<int>(time.count() < 0 ? 0 : time.count() > INT_MAX ? INT_MAX : time.count());
 }
 
-// Stands in a list for a node that was taken out of it; only its address counts.
+// Marks an entry of a list whose node was removed; only its address is used.
 inline char removed_place;
 inline MQNode* removed() noexcept { return static_cast<MQNode*>(static_cast<void*>(&removed_place)); }
 
-// Owned - what Node, Message and Signer have in common: they own the pointer that their base holds.
+// Owned - the common part of Node, Message and Signer, which own the pointer in their base class.
 template <class Ref, auto destroy>
 class Owned : public Ref {
  public:
@@ -193,9 +193,9 @@ class Owned : public Ref {
   Owned& operator=(const Owned&) = delete;
   ~Owned() { reset(); }
 
-  // Gives the record up: the caller's from here on.
+  // Gives up ownership: the caller must release the record.
   Pointer release() noexcept { return std::exchange(this->pointer_, nullptr); }
-  // Releases what is held and owns pointer instead. May be called on an empty handle.
+  // Releases the record and owns pointer instead. May be called on an empty handle.
   void reset(Pointer pointer = nullptr) noexcept {
     const Pointer old = std::exchange(this->pointer_, pointer);
     if (old != nullptr) destroy(old);
@@ -285,7 +285,7 @@ class Params {
   Iterator end() const noexcept { return {msg_, size()}; }
   std::uint32_t size() const noexcept { return mqc_count(msg_); }
   bool empty() const noexcept { return size() == 0; }
-  // False past the last one.
+  // False after the last parameter.
   Param operator[](std::uint32_t index) const noexcept { return *Iterator(msg_, index); }
 
  private:
@@ -418,8 +418,8 @@ class Signer : public detail::Owned<detail::SignerRef, mqc_signer_free> {
   static Signer load(const char* path, const char* user = nullptr, ErrorText* why = nullptr) noexcept {
     return Signer(mqc_signer_load(path, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
   }
-  // mqc_signer_sealing: a signer that also seals what it signs, for this user of the ring. Empty after a failure, as
-  // above.
+  // mqc_signer_sealing: a signer that also seals each message that it signs, for this user of the ring. Empty after a
+  // failure, as above.
   Signer sealing(const char* user, ErrorText* why = nullptr) const noexcept {
     return Signer(mqc_signer_sealing(pointer_, user, why ? why->text : nullptr, why ? sizeof why->text : 0));
   }
@@ -442,14 +442,14 @@ class NodeRef {
 
   // mnOpen on a connecting node.
   Result open() const noexcept { return outcome(mnOpen(pointer_)); }
-  // mnOpen on a listening node: child becomes an accepted connection, and its previous node is released. False with
-  // again() if no connection is waiting on a non-blocking node; false with ENOMEM if there was no memory for the child:
-  // the connection was closed. child does not change then.
+  // mnOpen on a listening node: child becomes the accepted connection, and its previous node is released. False with
+  // again() if no connection is waiting on a non-blocking node; false with ENOMEM if there was no memory for the child
+  // and the connection was closed. In both cases child does not change.
   Result accept(Node& child) const noexcept;
   // mnClose. A closed node can only be deleted.
   void close() const noexcept { mnClose(pointer_); }
 
-  // mnRead, mnSRead, mnBrowse. again() if the message is incomplete: the received part is kept, call again later.
+  // mnRead, mnSRead, mnBrowse. again() if the message is incomplete: the received part is kept; call again later.
   Result read(MessageRef msg) const noexcept { return outcome(mnRead(msg.get(), pointer_)); }
   Result read_signed(MessageRef msg) const noexcept { return outcome(mnSRead(msg.get(), pointer_, 1, nullptr)); }
   Result browse(MessageRef msg) const noexcept { return outcome(mnBrowse(msg.get(), pointer_)); }
@@ -463,7 +463,7 @@ class NodeRef {
   }
 
   // mnWrite and mnSWrite on a stream node; mnWriteTo and mnSWriteTo on a datagram node, where to must not be the node's
-  // record().sock.from: copy sender(). True if the message was sent or queued: the record may be used again. If a
+  // record().sock.from; pass a copy of sender(). True if the message was sent or queued: msg may be reused. If a
   // message is dropped after a part was sent, the node is closed, and later writes fail with EBADF.
   Result write(MessageRef msg) const noexcept { return written(mnWrite, msg); }
   Result write_to(MessageRef msg, SockAddrRec& to) const noexcept { return written(mnWriteTo, msg, &to); }
@@ -475,17 +475,17 @@ class NodeRef {
   }
 
   // mnFinishWrite, mnIsPendingIO and mnClearPeningIO. finish_write is false if a queued message was dropped; a stream
-  // node is closed then, as above. After discard_pending close a stream node: a part of the oldest message may have
-  // been sent.
+  // node is closed then, as above. After discard_pending, close a stream node, because a part of the oldest message may
+  // have been sent.
   Result finish_write() const noexcept {
     return of_write(mnFinishWrite(pointer_), pointer_->sock.type == SOCK_TYPE_STREAM);
   }
   bool has_pending() const noexcept { return mnIsPendingIO(pointer_) != 0; }
   void discard_pending() const noexcept { mnClearPeningIO(pointer_); }
 
-  // mq_finish: sends the queued writes, shuts down the sending side and waits until the peer's system has received
-  // everything and the peer has closed. False with ETIMEDOUT if this takes longer. Call it before a node is deleted if
-  // its last messages must arrive.
+  // mq_finish: sends the queued writes, shuts down the sending side, and waits until the peer's system has received
+  // everything and the peer has closed the connection. False with ETIMEDOUT if this takes longer. Call it before a node
+  // is deleted if its last messages must arrive.
   Result finish(std::chrono::milliseconds longest) const noexcept {
     return outcome(mq_finish(pointer_, detail::to_int(longest)));
   }
@@ -501,18 +501,18 @@ class NodeRef {
   }
   Result set_no_delay(bool on) const noexcept { return of_socket(SetTcpNoDelay(&pointer_->sock, on ? 1 : 0)); }
   Result set_buffer_size(std::uint32_t size) const noexcept { return of_socket(mnSetBufferSize(pointer_, size)); }
-  // SetSocketOptions: whether the system probes an idle peer, and how many seconds a close waits for what was not
-  // sent yet: 0, as a node is created, discards it; a negative number lets the system send it in the background.
+  // SetSocketOptions. Keep-alive: whether the system probes an idle peer. Linger: how many seconds a close waits for
+  // unsent data. 0, the value of a new node, discards it; with a negative number the system sends it in the background.
   Result set_keep_alive(bool on) const noexcept { return set_option({SOCK_OPT_KEEPALIVE, 0, on}); }
   Result set_linger(int seconds) const noexcept {
     return set_option({SOCK_OPT_LINGER, seconds < 0 ? 0 : seconds, seconds >= 0});
   }
-  // Of a listening node: how many connections may wait to be accepted. The system may allow fewer.
+  // For a listening node: the maximum number of connections that wait to be accepted. The system may allow fewer.
   Result set_backlog(int connections) const noexcept {
     const bool done = listen(descriptor(), connections) == 0;
     return {done ? 1 : 0, done ? MQ_OK : errno, MQ_IN_SOCKET};
   }
-  // Most writes that may be outstanding; 0 or less: no limit.
+  // Upper bound of outstanding writes; 0 or less: no limit.
   void set_write_limit(std::int32_t writes) const noexcept { pointer_->writeLimit = writes; }
   // mnSetTraceCallBack; null for none.
   void set_trace(MQNodeTraceFn trace) const noexcept { mnSetTraceCallBack(trace, pointer_); }
@@ -526,9 +526,9 @@ class NodeRef {
   std::string_view application() const noexcept {
     return detail::text_of(pointer_->applName, sizeof pointer_->applName);
   }
-  // The user and the program in the messages of this node, instead of the login name and the result of GetApplName.
-  // Nodes that a listening node accepts from then on have the same. False, without a change, for more than 12 and 48
-  // characters.
+  // Set the user and the application in the messages of this node, instead of the login name and the result of
+  // GetApplName. Nodes that a listening node accepts from then on inherit them. False, without a change, if the name is
+  // longer than 12 or 48 characters.
   bool set_user(std::string_view user) const noexcept {
     return detail::fill(pointer_->user, sizeof pointer_->user, user, MQC_USER_MAX);
   }
@@ -549,7 +549,7 @@ class NodeRef {
   MQNode* pointer_ = nullptr;
 
  private:
-  // A code that the node took over from its socket is read as the socket's: 105 means another thing in a node.
+  // A code that the node copied from its socket has the meaning that it has there: 105 has another meaning in a node.
   Result outcome(int value) const noexcept {
     const int code = pointer_->error;
     return {value, code, code == pointer_->sock.error && code != MQ_AGAIN ? MQ_IN_SOCKET : MQ_IN_NODE};
@@ -560,8 +560,8 @@ class NodeRef {
     const int value = function(msg.get(), pointer_, arguments...);
     return of_write(value, pointer_->sock.bytesSent != sent);
   }
-  // A write that was dropped leaves 11 in the node, and the reason in its socket: 0 and 11 there mean no memory.
-  // in_part: the peer may have got a part of what was dropped.
+  // A write that was dropped stores 11 in the node, and the reason in its socket: 0 and 11 there mean no memory.
+  // in_part: the peer may have received a part of the dropped message.
   Result of_write(int value, bool in_part) const noexcept {
     if (value != 0 || pointer_->error != MQ_AGAIN) return outcome(value);
     const int cause = mq_node_cause(pointer_, nullptr);
@@ -570,7 +570,7 @@ class NodeRef {
   }
   Result of_socket(int value) const noexcept { return {value, pointer_->sock.error, MQ_IN_SOCKET}; }
   Result set_option(SockOption option) const noexcept { return of_socket(SetSocketOptions(&pointer_->sock, &option)); }
-  // Repeats an unfinished read until the time is over. The node does not block meanwhile.
+  // Repeats an incomplete read until the time is over. Meanwhile, the node is non-blocking.
   template <class Read>
   Result in_time(std::chrono::milliseconds longest, Read read_once) const noexcept {
     const std::int64_t end = mq_clock() + detail::to_int(longest);
@@ -675,8 +675,8 @@ class Nodes {
 // While a ready list is iterated, nodes may be added, and any node may be removed and then deleted, including the
 // current one: a removed node disappears from all lists.
 //
-// Memory: add enlarges the list of nodes by doubling it, and the next wait enlarges the other lists once. A wait after
-// which nothing was added allocates what the C function allocates: nothing while all file descriptors are below 1024.
+// Memory: add doubles the list of nodes if necessary, and the next wait then enlarges the other lists once. Later waits
+// allocate no more than the C function: nothing while all file descriptors are below 1024.
 class WaitSet {
  public:
   WaitSet() noexcept = default;
@@ -693,7 +693,7 @@ class WaitSet {
     std::free(nodes_);
   }
 
-  // False without memory. Nodes are listed in the order in which they were added.
+  // False if there is no memory. Nodes are listed in the order in which they were added.
   [[nodiscard]] bool add(NodeRef node) noexcept {
     if (size_ + 1 >= room_ && !grow()) return false;
     nodes_[size_++] = node.get();
@@ -717,18 +717,20 @@ class WaitSet {
   }
 
   int size() const noexcept { return size_; }
-  // All nodes. Not to be added to or removed from in a loop over it.
+  // All nodes. Do not add or remove nodes while iterating over this list.
   Nodes nodes() const noexcept { return Nodes(nodes_ != nullptr ? nodes_ : &kNone); }
-  // The work record, for the C functions; of size 0 before the first wait.
+  // The work record, for the C functions. Its size is 0 before the first wait.
   SockPostData& record() noexcept { return work_; }
 
-  // mnNPostExMSec: wait until a node can be accepted on, read or written, or the time is over. True: the lists below
-  // say which; else they are empty and the status says why: timed_out(), EINTR after a signal, ENOMEM.
+  // mnNPostExMSec: wait until a node can be accepted on, read or written, or the time is over. If true, the lists below
+  // contain the ready nodes. If false, they are empty, and the status has the reason: timed_out(), EINTR after a
+  // signal, ENOMEM.
   Result wait(std::chrono::milliseconds time) noexcept { return wait_for(time, true); }
-  // mnPostExMSec: the same without writing.
+  // mnPostExMSec: the same, without waiting for writes.
   Result wait_readable(std::chrono::milliseconds time) noexcept { return wait_for(time, false); }
 
-  // The outcome of the last wait: nodes to accept on, to read, to finish writing on or whose connect came to its end.
+  // Results of the last wait: nodes to accept on; nodes to read; nodes to finish writing on, or whose connect has
+  // completed.
   Nodes listening() const noexcept { return Nodes(first_of(kListening)); }
   Nodes readable() const noexcept { return Nodes(first_of(kReadable)); }
   Nodes writable() const noexcept { return Nodes(first_of(kWritable)); }
@@ -760,7 +762,8 @@ class WaitSet {
     return true;
   }
 
-  // Makes the lists and the work record as large as the list of nodes. Not done in add: loops over the lists go on.
+  // Makes the lists and the work record as large as the list of nodes. add does not do this, because it may be called
+  // while a ready list is iterated.
   bool prepare() noexcept {
     if (nodes_ == nullptr && !grow()) return false;
     if (ready_room_ == room_) return true;

@@ -1,7 +1,7 @@
-/* server.h - a server of many clients: one wait, one thread, and an upper bound on everything that a client may cost.
+/* server.h - a server for many clients: one wait, one thread, and an upper bound for every resource that a client uses.
  *
  * Header-only, for C11 with POSIX (-std=gnu11) and C++17; link mqnode::host. An application fills MqServerEvents, adds
- * its listening nodes and calls mq_server_round until it wants to end:
+ * its listening nodes and calls mq_server_round until it ends:
  *
  *   MqServer server;
  *   const MqServerLimits limits = mq_server_limits();
@@ -13,28 +13,29 @@
  *   mq_server_close(&server);
  *
  * Rules
- *   Reading    messagesPerRound messages of each client in a round, one while answers wait for it. A message that is
- *              longer than messageBytes is not taken in. While the application has set reading to 0, no client is read
- *              from or accepted
- *   Writing    a queued write is finished when its socket takes more. A client for which more than waitingBytes wait
- *              behind the oldest answer is dropped when it sends another message; with pauses it is not read from until
- *              it has taken some. After a write with result 0 the application drops the client: mq_server_wrote gives
- *              the reason
- *   Time       a client owes something while it is in the middle of a message, and while answers wait for it. It is
- *              dropped after midwayMsec in which it neither began nor finished a message and moved fewer than
- *              progressBytes; when it owes nothing, after idleMsec, before its first message after firstMsec. Time in
- *              which the server itself did not run does not count
- *   Places     when all places are taken, or no descriptor is left, a newcomer takes the place of another client: of
- *              the address with the most clients, the one that has been quiet longest. One address can therefore push
- *              out clients of others only until it has as many as they have. A client keeps its place for keptMsec
- *   Accepting  while no place and no descriptor can be had, the listening nodes are not waited for, until a client has
- *              gone or a second is over
- *   Failures   a client whose read or queued write fails is dropped, and no other. The failed event may keep a client
- *              after a message that was not accepted but has an end, so that the next one can be read
- *   Memory     what a long message has made large is given back within a second after the message
- *   Log        a line for each dropped client, logLinesPerSecond at most, then the number of those left out
+ *   Reading    in each round, at most messagesPerRound messages of each client are read, or one while answers are
+ *              queued for it. A client that announces a message longer than messageBytes is dropped before the message
+ *              is read. While the application has set reading to 0, no client is read or accepted
+ *   Writing    a queued write continues when its socket is writable. A client that sends another message while more
+ *              than waitingBytes are queued behind its oldest answer is dropped; with pauses set to 1, it is not read
+ *              until it has received some of them. After a write with result 0 the application must drop the client;
+ *              mq_server_wrote returns the reason
+ *   Time       a client is midway while a part of a message has arrived, and while answers are queued for it. A midway
+ *              client is dropped if, for midwayMsec, it neither begins nor completes a message and transfers fewer than
+ *              progressBytes. Another client is dropped after idleMsec, or after firstMsec if it has not sent a message
+ *              yet. Time in which the server did not run does not count
+ *   Places     when the limit of clients is reached, or no descriptor is left, a new client replaces another one: of
+ *              the address with the most clients, the one without progress for longest. One address can therefore
+ *              displace clients of others only until it has as many as they have. A client is not replaced within
+ *              keptMsec
+ *   Accepting  if no client can be replaced, the listening nodes are left out of the waits until a client has gone or
+ *              a second has passed
+ *   Failures   a client whose read or queued write fails is dropped; other clients are not affected. The failed event
+ *              may keep a client after a refused message whose end is known, so that the next one can be read
+ *   Memory     memory that was enlarged for a long message is given back within a second after the message
+ *   Log        one line for each dropped client, at most logLinesPerSecond, then the number of omitted lines
  *
- * An application ignores SIGPIPE. A server, its nodes and its clients are used by one thread at a time. */
+ * The application must ignore SIGPIPE. A server, its nodes and its clients must be used by one thread at a time. */
 #ifndef MQNODE_MQNODE_SERVER_H
 #define MQNODE_MQNODE_SERVER_H
 
@@ -67,14 +68,14 @@
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
 enum {
-  MQ_SERVER_NODES = 8,       /* most nodes that are added to a server */
-  MQ_SERVER_AREA = 16520,    /* bytes of a node's first receive area */
-  MQ_SERVER_LOOK_MSEC = 100, /* clients are looked at so often at most */
-  MQ_SERVER_AWAY_MSEC = 500, /* a look that comes so late shows that the server did not run */
-  MQ_SERVER_PAUSE_MSEC = 10  /* between two attempts to write to a client that is not read from */
+  MQ_SERVER_NODES = 8,       /* maximum number of nodes that are added to a server */
+  MQ_SERVER_AREA = 16520,    /* bytes of a node's initial receive area */
+  MQ_SERVER_LOOK_MSEC = 100, /* minimum time between two checks of the clients */
+  MQ_SERVER_AWAY_MSEC = 500, /* a check that is late by more than this shows that the server did not run */
+  MQ_SERVER_PAUSE_MSEC = 10  /* time between two attempts to write to a client that is not read */
 };
 
-/* Reasons for which a server itself drops or refuses a client, other than a code's name. */
+/* Reasons for which a server itself drops or refuses a client, other than the name of an error code. */
 #define MQ_SERVER_TOO_SLOW "too slow"
 #define MQ_SERVER_IDLE "idle"
 #define MQ_SERVER_TAKES_NO_ANSWERS "takes no answers"
@@ -83,96 +84,97 @@ enum {
 #define MQ_SERVER_PLACE_NEEDED "its place is needed"
 #define MQ_SERVER_NO_PLACE "its address has all its places"
 
-/* MqServerLimits - what a client may cost. All values are positive unless their line says otherwise. */
+/* MqServerLimits - the limits of a server. Defaults are in parentheses. All values are positive unless documented
+ * otherwise. */
 typedef struct MqServerLimits {
-  int clients;            /* connected at once: 1000 */
-  int clientsPerAddress;  /* connected at once from one address: 1000. Newcomers beyond that are refused */
-  int backlog;            /* connections that wait to be accepted: 128. The system may allow fewer */
-  int acceptsPerRound;    /* 32: connected clients are served in between */
-  int messagesPerRound;   /* of one client: 1 */
-  int logLinesPerSecond;  /* 20 */
-  int midwayMsec;         /* milliseconds without progress of a client that owes something: 10000 */
-  int firstMsec;          /* milliseconds from the connection to the first message: 10000 */
-  int idleMsec;           /* milliseconds without progress of a client that owes nothing: 600000 */
-  int keptMsec;           /* milliseconds that a client keeps its place: 1000; 0: it may lose it at once */
-  uint32_t messageBytes;  /* of a message without its header, of a signed one without its envelope: 65536 */
-  uint32_t waitingBytes;  /* of answers that wait behind the oldest one: 262144; 0: none may */
-  uint32_t progressBytes; /* sent or received within a message that count as progress: 65536 */
-  uint32_t socketBytes;   /* of the system's buffers of a client, each direction: 65536; 0: as the system likes */
-  int pauses;             /* 0; 1: a client that does not take its answers is not read from, instead of dropped */
+  int clients;            /* connected clients (1000) */
+  int clientsPerAddress;  /* connected clients from one address (1000); further ones are refused */
+  int backlog;            /* connections that wait to be accepted (128); the system may allow fewer */
+  int acceptsPerRound;    /* connections that are accepted before connected clients are served (32) */
+  int messagesPerRound;   /* messages that are read from one client in a round (1) */
+  int logLinesPerSecond;  /* lines in the log per second (20) */
+  int midwayMsec;         /* milliseconds without progress while midway (10000) */
+  int firstMsec;          /* milliseconds from the connection to the first message (10000) */
+  int idleMsec;           /* milliseconds without progress while not midway (600000) */
+  int keptMsec;           /* milliseconds for which a client is not replaced (1000); 0: none */
+  uint32_t messageBytes;  /* bytes of a message without its header, or of a signed one without its envelope (65536) */
+  uint32_t waitingBytes;  /* bytes of answers queued behind the oldest one (262144); 0: none may be queued */
+  uint32_t progressBytes; /* bytes transferred within a message that count as progress (65536) */
+  uint32_t socketBytes;   /* bytes of each system buffer of a client (65536); 0: the system's choice */
+  int pauses;             /* 1: a client that does not receive its answers is not read; 0: it is dropped (0) */
 } MqServerLimits;
 
 typedef struct MqServer MqServer;
 
 /* MqServerClient - a connected client. It is valid until its dropped event has returned. */
 typedef struct MqServerClient {
-  MQNode* node;         /* the server's: write to it, do not read from it or delete it */
+  MQNode* node;         /* owned by the server: write to it, but do not read from it or delete it */
   const MQNode* origin; /* the listening node that accepted it */
-  void* data;           /* the application's; null at first */
-  int secure;           /* as given to mq_server_add */
+  void* data;           /* for the application; null at first */
+  int secure;           /* as passed to mq_server_add */
   int leaving;          /* 1 after it was dropped */
-  const char* why;      /* it was dropped; null without a fault */
-  int lost;             /* queued answers that were lost, once it was dropped */
-  uint64_t whole;       /* bytes received until the end of the last whole message */
-  in_addr_t address;    /* this and what follows belong to the server */
-  int midway;           /* in the middle of a message, or answers wait, when last seen */
+  const char* why;      /* reason for which it was dropped; null without a fault */
+  int lost;             /* number of queued answers that were lost when it was dropped */
+  uint64_t whole;       /* bytes received up to the end of the last complete message */
+  in_addr_t address;    /* this field and the following ones are internal to the server */
+  int midway;           /* at the last check, a part of a message had arrived or answers were queued */
   int shut;             /* the sending side is shut down */
-  uint32_t done;        /* messages read and written when last seen */
-  uint64_t moved;       /* bytes sent and received when progress was last seen */
-  int64_t accepted;     /* milliseconds */
-  int64_t since;        /* milliseconds: when progress was last seen */
-  int64_t turn;         /* the clients of one address make room in this order; in the future: not yet */
+  uint32_t done;        /* messages read and written at the last check */
+  uint64_t moved;       /* bytes sent and received at the last progress */
+  int64_t accepted;     /* milliseconds: when it was accepted */
+  int64_t since;        /* milliseconds: when it made progress last */
+  int64_t turn;         /* clients of one address are replaced in this order; in the future: not yet */
 } MqServerClient;
 
-/* MqServerEvents - what a server calls during mq_server_round, mq_server_end and mq_server_close. All may be null;
- * message only without listening nodes. An event may write to any client and drop any client; it must not call these
- * three functions. A text that it returns or gives to mq_server_drop must live until the dropped event. */
+/* MqServerEvents - functions that a server calls during mq_server_round, mq_server_end and mq_server_close. All may be
+ * null, message only if there are no listening nodes. An event may write to any client and drop any client. It must not
+ * call these three functions. A text that it returns or passes to mq_server_drop must live until the dropped event. */
 typedef struct MqServerEvents {
-  /* A whole message was read. Null, or why the client is dropped. The record belongs to the server. */
+  /* A message was read. Returns null, or the reason to drop the client. msg belongs to the server. */
   const char* (*message)(MqServer* server, MqServerClient* client, PcfMessage* msg);
-  /* A client was accepted. Null, or why it is dropped. */
+  /* A client was accepted. Returns null, or the reason to drop it. */
   const char* (*accepted)(MqServer* server, MqServerClient* client);
-  /* A client has gone; its node is closed, and both are released when this returns. why: null when the client left
-   * between two messages, or the server ended. Called once for each accepted client. */
+  /* A client has gone. Its node is closed, and both are released when this returns. why is null if the client
+   * disconnected between two messages, or if the server ended. Called once for each accepted client. */
   void (*dropped)(MqServer* server, MqServerClient* client, const char* why);
-  /* A datagram node that was added can be read. */
+  /* A datagram node that was added is readable. */
   void (*ready)(MqServer* server, MQNode* node);
-  /* A message of a client was not accepted, or its rest will not come: client->node->error is the code, and the node's
-   * recvBuffer.data begins with what arrived of it, client->node->sock.bytesReceived - client->whole bytes in all.
-   * Returns why the client is dropped, such as the given reason. Null keeps it after MQ_BAD_BODY and MQ_NOT_AUTHENTIC;
-   * after any other code it is dropped without a line in the log. */
+  /* A message of a client was refused, or the rest of it will not arrive. client->node->error is the code. The node's
+   * recvBuffer.data begins with the received part, client->node->sock.bytesReceived - client->whole bytes in all.
+   * Returns the reason to drop the client, such as why. Null keeps the client after MQ_BAD_BODY and MQ_NOT_AUTHENTIC;
+   * after any other code the client is dropped without a line in the log. */
   const char* (*failed)(MqServer* server, MqServerClient* client, const char* why);
 } MqServerEvents;
 
 /* MqServer - a server. */
 struct MqServer {
-  MqServerLimits limits;                           /* as given; may be changed, but for clients */
-  MqServerEvents events;                           /* as given */
-  void* data;                                      /* the application's */
+  MqServerLimits limits;                           /* as passed; all but clients may be changed */
+  MqServerEvents events;                           /* as passed */
+  void* data;                                      /* for the application */
   void (*log)(MqServer* server, const char* line); /* prints the line on stderr at first; null: no log */
-  int reading;                    /* 1 at first. 0: nothing more is read or accepted, also in the round in progress */
-  int status;                     /* of the last wait */
-  int count;                      /* clients */
-  MqServerClient** clients;       /* in the order of their nodes' places in memory; behind them, unused records */
-  MqServerClient** others;        /* this and what follows belong to the server */
-  MqServerClient* records;        /* of all clients, used and unused */
-  MQNode** nodes;                 /* waited for, ended by a null pointer */
-  MQNode** listening;             /* outcome of the wait */
-  MQNode** readable;              /* outcome of the wait */
-  MQNode** writable;              /* outcome of the wait */
-  MQNode* added[MQ_SERVER_NODES]; /* the application's nodes */
-  int secure[MQ_SERVER_NODES];    /* of each */
-  int nodeCount;                  /* of both */
-  int accepting;                  /* listening nodes are waited for */
-  int ending;                     /* in mq_server_end */
-  int lines;                      /* of the log in this second */
-  int64_t now;                    /* milliseconds, after the last wait */
-  int64_t looked;                 /* milliseconds, of the last look at the clients */
+  int reading;                    /* 1 at first. 0: nothing more is read or accepted, even in the current round */
+  int status;                     /* status of the last wait */
+  int count;                      /* number of clients */
+  MqServerClient** clients;       /* in order of the addresses of their nodes; unused records follow */
+  MqServerClient** others;        /* this field and the following ones are internal to the server */
+  MqServerClient* records;        /* records of all clients, used and unused */
+  MQNode** nodes;                 /* nodes to wait on, terminated by a null pointer */
+  MQNode** listening;             /* result of the wait */
+  MQNode** readable;              /* result of the wait */
+  MQNode** writable;              /* result of the wait */
+  MQNode* added[MQ_SERVER_NODES]; /* nodes of the application */
+  int secure[MQ_SERVER_NODES];    /* whether their messages are signed */
+  int nodeCount;                  /* number of entries of both */
+  int accepting;                  /* 1: listening nodes are included in waits */
+  int ending;                     /* 1: in mq_server_end */
+  int lines;                      /* lines of the log in this second */
+  int64_t now;                    /* milliseconds: end of the last wait */
+  int64_t looked;                 /* milliseconds: last check of the clients */
   PcfMessage* in;                 /* the message that was read last */
-  SockPostData work;              /* of the waits */
+  SockPostData work;              /* work record of the waits */
 };
 
-/* mq_server_limits - the default limits, which MqServerLimits names. */
+/* mq_server_limits - get the default limits, which MqServerLimits documents. */
 static inline MqServerLimits mq_server_limits(void) {
   const MqServerLimits limits = {1000,   1000, 128,   32,     1,     20,    10000, 10000,
                                  600000, 1000, 65536, 262144, 65536, 65536, 0};
@@ -181,14 +183,14 @@ static inline MqServerLimits mq_server_limits(void) {
 
 /* ---- Log ---- */
 
-/* Internal: the log that a server has at first. */
+/* Internal: the initial log function of a server. */
 static inline void mq_server_print(MqServer* server, const char* line) {
   (void)server;
   fprintf(stderr, "%s\n", line);
 }
 
-/* mq_server_say - write the line "what IP:PORT: why" to the log, unless this second has had its lines. At most 1000
- * characters are written. */
+/* mq_server_say - write the line "what IP:PORT: why" to the log, cut to 1000 characters. Nothing is written if the
+ * limit of lines for this second is reached. */
 static inline void mq_server_say(MqServer* server, const char* what, const SockAddrRec* peer, const char* why) {
   char line[1001];
   if (server->lines++ >= server->limits.logLinesPerSecond || server->log == NULL) return;
@@ -196,7 +198,7 @@ static inline void mq_server_say(MqServer* server, const char* what, const SockA
   server->log(server, line);
 }
 
-/* Internal: end a second. Say how many lines were left out in it. */
+/* Internal: end a second, and log the number of lines that were omitted in it. */
 static inline void mq_server_end_second(MqServer* server) {
   char line[40];
   const int untold = server->lines - server->limits.logLinesPerSecond;
@@ -208,9 +210,9 @@ static inline void mq_server_end_second(MqServer* server) {
 
 /* ---- Clients ---- */
 
-/* mq_server_drop - close a client's node. The client is released later, after its dropped event.
- *   why   in   for the log and the event; null: nothing is logged
- * A second call for the same client does nothing. */
+/* mq_server_drop - close the node of a client. The client is released later, after its dropped event.
+ *   why   in   reason for the log and the event; null: nothing is logged
+ * A second call for the same client has no effect. */
 static inline void mq_server_drop(MqServer* server, MqServerClient* client, const char* why) {
   if (client->leaving) return;
   client->leaving = 1;
@@ -226,14 +228,14 @@ static inline void mq_server_drop(MqServer* server, MqServerClient* client, cons
   mnClose(client->node);
 }
 
-/* mq_server_wrote - the answer of a message event that ends with a write.
- *   result   in   of mnWrite or another write to client->node, which has just returned
- * Result   null after 1; after 0 the name of the cause: the write was refused or lost, and the client must go */
+/* mq_server_wrote - convert the result of a write to the result of a message event.
+ *   result   in   result of mnWrite, or another write to client->node, which has just returned
+ * Result   null for 1; for 0 the name of the cause: the write was refused or lost, and the client must be dropped */
 static inline const char* mq_server_wrote(const MqServerClient* client, int result) {
   return result ? NULL : mq_error_name(mq_node_cause(client->node, NULL));
 }
 
-/* Internal: where the client with this node is in the table, or would be. */
+/* Internal: the index at which the client with this node is in the table, or would be inserted. */
 static inline int mq_server_place(const MqServer* server, const MQNode* node) {
   int low = 0, high = server->count;
   while (low < high) {
@@ -247,8 +249,8 @@ static inline int mq_server_place(const MqServer* server, const MQNode* node) {
   return low;
 }
 
-/* Internal: release clients that were dropped, or whose node the application has closed. Not done while the outcome of
- * a wait is walked: a node may be in two of its lists. */
+/* Internal: release clients that were dropped, or whose node the application has closed. Not to be called while the
+ * lists of a wait are processed, because a node may be in two of them. */
 static inline void mq_server_sweep(MqServer* server) {
   int kept = 0, gone = 0;
   for (int i = 0; i < server->count; ++i) {
@@ -271,8 +273,8 @@ static inline void mq_server_sweep(MqServer* server) {
   }
 }
 
-/* Internal: arm the receive area of a client that is between two messages for the next header. An area that a long
- * message has made large is replaced; without memory the next read fails, and the client is dropped. */
+/* Internal: prepare the receive area of a client that is between two messages for the next header. An area that was
+ * enlarged for a long message is replaced. If there is no memory, the next read fails, and the client is dropped. */
 static inline void mq_server_arm(const MqServerClient* client) {
   IoBuffer* const area = &client->node->recvBuffer;
   if (area->received > 0) return;
@@ -285,7 +287,7 @@ static inline void mq_server_arm(const MqServerClient* client) {
 
 /* ---- Time ---- */
 
-/* Internal: milliseconds since a client was last seen to make progress. A byte now and then is none. */
+/* Internal: milliseconds since a client last made progress. A few bytes are not progress. */
 static inline int64_t mq_server_quiet(const MqServer* server, MqServerClient* client) {
   const MQNode* const node = client->node;
   const uint32_t done = node->msgsRead + node->writesCompleted;
@@ -300,7 +302,7 @@ static inline int64_t mq_server_quiet(const MqServer* server, MqServerClient* cl
   return server->now - client->since;
 }
 
-/* Internal: why a client is to be dropped now, or null. */
+/* Internal: the reason to drop a client that exceeds a time limit, or null. */
 static inline const char* mq_server_overdue(const MqServer* server, MqServerClient* client) {
   const MqServerLimits* const limits = &server->limits;
   const int64_t quiet = mq_server_quiet(server, client);
@@ -312,7 +314,7 @@ static inline const char* mq_server_overdue(const MqServer* server, MqServerClie
   return client->midway ? MQ_SERVER_TOO_SLOW : MQ_SERVER_IDLE;
 }
 
-/* Internal: give back what a long message has made large. */
+/* Internal: give back memory that was enlarged for a long message. */
 static inline void mq_server_shrink(MqServer* server) {
   PcfMessage* const fresh = server->in->raw.capacity > MQ_SERVER_AREA ? mqc_message_new(0) : NULL;
   if (fresh == NULL) return;
@@ -320,8 +322,8 @@ static inline void mq_server_shrink(MqServer* server) {
   server->in = fresh;
 }
 
-/* Internal: look at all clients, ten times a second at most; once a second give memory back and accept again.
- * waited: the time that the wait could take. */
+/* Internal: check all clients, at most ten times a second. Once a second, give memory back and accept again.
+ * waited: maximum duration of the wait. */
 static inline void mq_server_look(MqServer* server, int waited) {
   const int64_t passed = server->now - server->looked;
   if (passed < MQ_SERVER_LOOK_MSEC) return;
@@ -344,7 +346,7 @@ static inline void mq_server_look(MqServer* server, int waited) {
 
 /* ---- Places ---- */
 
-/* Internal: order clients by address, those of one address by turn. */
+/* Internal: order clients by address, and clients of one address by turn. */
 static inline int mq_server_compare(const void* a, const void* b) {
   const MqServerClient* const x = *(MqServerClient* const*)a;
   const MqServerClient* const y = *(MqServerClient* const*)b;
@@ -352,7 +354,7 @@ static inline int mq_server_compare(const void* a, const void* b) {
   return (x->turn > y->turn) - (x->turn < y->turn);
 }
 
-/* Internal: the client whose place a newcomer takes; null when none has had its place long enough. */
+/* Internal: the client that a new client replaces; null if none has been connected for keptMsec. */
 static inline MqServerClient* mq_server_choose(MqServer* server) {
   MqServerClient** const sorted = server->others;
   int chosen = 0, most = 0, first = 0;
@@ -372,7 +374,7 @@ static inline MqServerClient* mq_server_choose(MqServer* server) {
   return server->count > 0 && sorted[chosen]->turn <= server->now ? sorted[chosen] : NULL;
 }
 
-/* Internal: drop the client that was chosen. 1; 0 when none was. */
+/* Internal: drop the client that was chosen. Returns 1, or 0 if none was chosen. */
 static inline int mq_server_make_room(MqServer* server, MqServerClient* chosen) {
   if (chosen == NULL) return 0;
   mq_server_drop(server, chosen, MQ_SERVER_PLACE_NEEDED);
@@ -380,7 +382,7 @@ static inline int mq_server_make_room(MqServer* server, MqServerClient* chosen) 
   return 1;
 }
 
-/* Internal: whether an address has as many clients as it may have. */
+/* Internal: whether an address has reached its limit of clients. */
 static inline int mq_server_is_crowded(const MqServer* server, in_addr_t address) {
   int same = 0;
   for (int i = 0; i < server->count; ++i) same += server->clients[i]->address == address;
@@ -389,8 +391,8 @@ static inline int mq_server_is_crowded(const MqServer* server, in_addr_t address
 
 /* ---- Accepting ---- */
 
-/* Internal: why an accepted connection cannot become a client; null when it did. chosen: who makes room for it, or
- * null. */
+/* Internal: make an accepted connection a client. Returns null, or the reason why this is not possible.
+ * chosen: the client that it replaces, or null. */
 static inline const char* mq_server_admit(MqServer* server, int index, MQNode* node, MqServerClient* chosen) {
   const in_addr_t address = inet_addr(node->sock.name.ip);
   if (mq_server_is_crowded(server, address)) return MQ_SERVER_NO_PLACE;
@@ -414,8 +416,8 @@ static inline const char* mq_server_admit(MqServer* server, int index, MQNode* n
   return NULL;
 }
 
-/* Internal: accept what waits on a listening node; one connection when the table is full. Connections that stay in the
- * queue make the next wait return at once. */
+/* Internal: accept the waiting connections of a listening node, but only one if the table is full. If connections
+ * remain in the accept queue, the next wait returns immediately. */
 static inline void mq_server_accept(MqServer* server, int index) {
   MQNode* const listener = server->added[index];
   MqServerClient* const chosen = server->count == server->limits.clients ? mq_server_choose(server) : NULL;
@@ -442,7 +444,7 @@ static inline void mq_server_accept(MqServer* server, int index) {
 
 /* ---- Reading ---- */
 
-/* Internal: bytes of answers that wait behind the oldest one, which may be of any size. */
+/* Internal: bytes of answers queued behind the oldest one, which may have any size. */
 static inline uint64_t mq_server_waiting(const MQNode* node) {
   uint64_t bytes = 0;
   if (node->pending == NULL || node->pending->head == NULL) return 0;
@@ -452,8 +454,8 @@ static inline uint64_t mq_server_waiting(const MQNode* node) {
   return bytes;
 }
 
-/* Internal: the length that the header in a client's receive area announces. The header is as its sender wrote it: its
- * first word, which is its own length, tells in which byte order. */
+/* Internal: the length that the header in a client's receive area announces. The header has the byte order of its
+ * sender, which its first word shows: that is the length of the header. */
 static inline uint32_t mq_server_announced(const MqServerClient* client) {
   const IoBuffer* const area = &client->node->recvBuffer;
   const uint32_t size = client->secure ? sizeof(SecureHeader) : sizeof(MsgHeader);
@@ -465,22 +467,22 @@ static inline uint32_t mq_server_announced(const MqServerClient* client) {
   return first == size ? length : __builtin_bswap32(length);
 }
 
-/* Internal: a read gave no message. 1 when the next one can be read. */
+/* Internal: handle a read that returned no message. Returns 1 if the next one can be read. */
 static inline int mq_server_read_failed(MqServer* server, MqServerClient* client) {
   const MQNode* const node = client->node;
   const int gone = node->error == SOCK_PEER_CLOSED || node->error == ECONNRESET;
   const int whole = node->error == MQ_BAD_BODY || node->error == MQ_NOT_AUTHENTIC;
   const int midway = node->sock.bytesReceived != client->whole || node->pending != NULL;
   const char* why = !gone ? mq_error_name(node->error) : midway ? MQ_SERVER_LEFT_MIDWAY : NULL;
-  if (node->error == MQ_AGAIN) return 0; /* the node keeps what it has, the next read goes on */
+  if (node->error == MQ_AGAIN) return 0; /* the node keeps the bytes received so far; the next read continues */
   if (why != NULL && server->events.failed != NULL) why = server->events.failed(server, client, why);
   if (whole) client->whole = node->sock.bytesReceived;
   if (!whole || why != NULL) mq_server_drop(server, client, why);
   return !client->leaving;
 }
 
-/* Internal: read what has arrived of a client's message, the header first, and hand over a whole one. 1 when there may
- * be another one. */
+/* Internal: read a message of a client, the header first, and pass it to the event if it is complete. Returns 1 if
+ * there may be another one. */
 static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   MQNode* const node = client->node;
   if (!(client->secure ? mnSReadMsg(node) : mnReadMsg(node))) return mq_server_read_failed(server, client);
@@ -495,7 +497,7 @@ static inline int mq_server_read(MqServer* server, MqServerClient* client) {
   return !client->leaving && node->openState;
 }
 
-/* Internal: read the messages that a client may have in this round. */
+/* Internal: read the messages that the limits allow a client in this round. */
 static inline void mq_server_read_some(MqServer* server, MqServerClient* client) {
   if (mq_server_waiting(client->node) > server->limits.waitingBytes) {
     if (!server->limits.pauses) mq_server_drop(server, client, MQ_SERVER_TAKES_NO_ANSWERS);
@@ -506,7 +508,7 @@ static inline void mq_server_read_some(MqServer* server, MqServerClient* client)
   }
 }
 
-/* Internal: at the end of a server, read what a client still sends and forget it, until the client has closed. */
+/* Internal: while a server ends, discard what a client sends until it has closed the connection. */
 static inline void mq_server_drain(MqServer* server, MqServerClient* client) {
   char unread[16384];
   const ssize_t got = recv(client->node->sock.fd, unread, sizeof unread, MSG_DONTWAIT);
@@ -516,11 +518,11 @@ static inline void mq_server_drain(MqServer* server, MqServerClient* client) {
 
 /* ---- The server ---- */
 
-/* mq_server_open - make a server without nodes.
+/* mq_server_open - initialise a server without nodes.
  *   limits   in   copied
  *   events   in   copied
- *   data     in   what server->data is set to
- * Result   1; 0 without memory. mq_server_close is called in both cases */
+ *   data     in   stored in server->data
+ * Result   1; 0 if there is no memory. In both cases, release the server with mq_server_close */
 static inline int mq_server_open(MqServer* server, const MqServerLimits* limits, const MqServerEvents* events,
                                  void* data) {
   memset(server, 0, sizeof *server);
@@ -531,7 +533,7 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
   server->reading = 1;
   server->accepting = 1;
   server->now = server->looked = mq_clock();
-  const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, its end included */
+  const int entries = limits->clients + MQ_SERVER_NODES + 1; /* of each list, including the null pointer */
   server->clients = (MqServerClient**)calloc((size_t)entries, sizeof *server->clients);
   server->others = (MqServerClient**)calloc((size_t)entries, sizeof *server->others);
   server->records = (MqServerClient*)calloc((size_t)entries, sizeof *server->records);
@@ -549,9 +551,9 @@ static inline int mq_server_open(MqServer* server, const MqServerLimits* limits,
   return 1;
 }
 
-/* mq_server_add - serve a listening node, or wait for a datagram node.
- *   node     in   from a creator, whose failure is reported here; may be null. It is made non-blocking and stays the
- *                 caller's, who deletes it after mq_server_close
+/* mq_server_add - serve a listening node, or wait on a datagram node.
+ *   node     in   from a creator, whose failure is reported here; may be null. It is made non-blocking. The caller
+ *                 still owns it, and deletes it after mq_server_close
  *   secure   in   1: the clients of this node send signed messages; 0: plain ones
  * Result   1; 0 after a failure, with the reason in node->error: ENOMEM for the ninth node */
 static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
@@ -560,7 +562,7 @@ static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
     node->error = ENOMEM;
     return 0;
   }
-  const uint32_t size = server->limits.socketBytes; /* accepted sockets take it over */
+  const uint32_t size = server->limits.socketBytes; /* accepted sockets inherit it */
   if (!NoblockSocket(&node->sock) ||
       (node->role == MQ_ROLE_LISTEN &&
        ((size > 0 && !mnSetBufferSize(node, size)) || !ListenSocket(&node->sock, server->limits.backlog)))) {
@@ -572,13 +574,13 @@ static inline int mq_server_add(MqServer* server, MQNode* node, int secure) {
   return 1;
 }
 
-/* Internal: whether a client is left out of the wait, which would list it as readable. */
+/* Internal: whether a client must be left out of the wait, which would list it as readable. */
 static inline int mq_server_is_paused(const MqServer* server, const MqServerClient* client) {
   if (server->ending) return 0;
   return !server->reading || (server->limits.pauses && mq_server_waiting(client->node) > server->limits.waitingBytes);
 }
 
-/* Internal: one wait. 0 when waiting is not possible; else the lists are filled, or empty. */
+/* Internal: wait once. Returns 0 if waiting is not possible; otherwise the lists are filled, or empty. */
 static inline int mq_server_wait(MqServer* server, int msec) {
   MQNode** end = server->nodes;
   int paused = !server->reading;
@@ -607,7 +609,7 @@ static inline MqServerClient* mq_server_client_of(const MqServer* server, const 
   return client != NULL && client->node == node && !client->leaving && node->openState ? client : NULL;
 }
 
-/* Internal: finish the writes of a node. client: null for a node that was added. */
+/* Internal: continue the queued writes of a node. client: null for a node that was added. */
 static inline void mq_server_finish_writes(MqServer* server, MQNode* node, MqServerClient* client) {
   if (mnFinishWrite(node)) return;
   const char* const why = mq_error_name(mq_node_cause(node, NULL));
@@ -619,7 +621,8 @@ static inline void mq_server_finish_writes(MqServer* server, MQNode* node, MqSer
   mq_server_drop(server, client, why);
 }
 
-/* Internal: finish the writes, and read, of the nodes that the wait has listed; finish those of paused clients. */
+/* Internal: continue the writes of paused clients, and of the nodes that are writable; read the nodes that are
+ * readable. */
 static inline void mq_server_transfer(MqServer* server) {
   for (int i = 0; i < server->count; ++i) {
     MqServerClient* const client = server->clients[i];
@@ -641,9 +644,9 @@ static inline void mq_server_transfer(MqServer* server) {
   }
 }
 
-/* mq_server_round - wait once and do what is due: finish writes, read messages, drop clients, accept.
- *   msec   in   of the wait at most; a signal ends it early. More than 1000 delays the rules on time
- * Result   1; 0 when waiting is not possible: server->status says why */
+/* mq_server_round - wait once; then continue writes, read messages, drop clients and accept connections.
+ *   msec   in   upper bound of the wait in milliseconds; a signal ends it early. Above 1000, time limits act late
+ * Result   1; 0 if waiting is not possible, with the reason in server->status */
 static inline int mq_server_round(MqServer* server, int msec) {
   mq_server_sweep(server);
   if (!mq_server_wait(server, msec)) return 0;
@@ -658,10 +661,10 @@ static inline int mq_server_round(MqServer* server, int msec) {
   return 1;
 }
 
-/* mq_server_end - end in order: accept and read nothing more, send the answers that wait, shut the sending side down,
- * and wait until the clients have closed. Only mq_server_close may follow.
- *   msec   in   for all of this. The clients that are left then are dropped
- * Result   1 all answers were sent, and each client closed after that; 0 not */
+/* mq_server_end - end gracefully: accept and read nothing more, send the queued answers, shut down the sending side,
+ * and wait until the clients have closed their connections. Only mq_server_close may follow.
+ *   msec   in   upper bound for all of this, in milliseconds. Clients that are left after it are dropped
+ * Result   1 if all answers were sent and each client then closed its connection; else 0 */
 static inline int mq_server_end(MqServer* server, int msec) {
   const int64_t until = mq_clock() + msec;
   int taken = 1;
@@ -686,8 +689,8 @@ static inline int mq_server_end(MqServer* server, int msec) {
   return taken;
 }
 
-/* mq_server_close - drop the clients that are left and release everything but the nodes that were added. A second call
- * does nothing. */
+/* mq_server_close - drop the remaining clients, and release everything except the nodes that were added. A second call
+ * has no effect. */
 static inline void mq_server_close(MqServer* server) {
   for (int i = 0; i < server->count; ++i) mq_server_drop(server, server->clients[i], NULL);
   mq_server_sweep(server);

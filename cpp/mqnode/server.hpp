@@ -1,4 +1,4 @@
-// server.hpp - the server of server.h as a C++17 class: derive from it and answer messages. Header-only.
+// server.hpp - the server of server.h as a C++17 class. Derive from it, and override message(). Header-only.
 //
 //   class Echo : public mqnode::Server {
 //     const char* message(ServerClient client, MessageRef msg) noexcept override {
@@ -11,8 +11,8 @@
 //   while (!stop && server.round(1s)) continue;
 //   server.end(2s);
 //
-// server.h has the rules and the limits. Each operation is the C function that its comment names, and noexcept. The
-// nodes that are added belong to the application, and live until the last round is over.
+// server.h documents the rules and the limits. Each operation calls the C function that its comment names, and is
+// noexcept. The nodes that are added belong to the application, and must live until the last round has returned.
 #ifndef MQNODE_MQNODE_SERVER_HPP
 #define MQNODE_MQNODE_SERVER_HPP
 
@@ -30,10 +30,10 @@ class ServerClient {
 
   MqServerClient* get() const noexcept { return pointer_; }
   MqServerClient& record() const noexcept { return *pointer_; }
-  // Its node: write to it, do not read from it. The listening node that accepted it.
+  // Its node, to which the application may write but from which it must not read; the listening node that accepted it.
   NodeRef node() const noexcept { return pointer_->node; }
   const MQNode* origin() const noexcept { return pointer_->origin; }
-  // The application's pointer; null at first.
+  // A pointer for the application; null at first.
   void set_data(void* data) const noexcept { pointer_->data = data; }
   template <class Type>
   Type* data() const noexcept {
@@ -53,7 +53,8 @@ class Server {
     failed_ = mq_server_open(&server_, &limits, &events, this) == 0;
     server_.log = on_log;
   }
-  // Clients that are left are released without dropped() and log(), whose class is gone by then: call close() before.
+  // Releases remaining clients without calling dropped() and log(), because the derived class is already destroyed. To
+  // have them called, call close() before.
   virtual ~Server() {
     server_.events.dropped = nullptr;
     server_.log = mq_server_print;
@@ -62,7 +63,7 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Whether there was no memory for the server: only destroying is allowed then.
+  // True if there was no memory for the server: it can only be destroyed then.
   bool failed() const noexcept { return failed_; }
   MqServer& record() noexcept { return server_; }
   int size() const noexcept { return server_.count; }
@@ -78,9 +79,9 @@ class Server {
     const int waited = mq_server_round(&server_, detail::to_int(time));
     return {waited, waited != 0 ? MQ_OK : server_.status, MQ_IN_STATUS};
   }
-  // mq_server_end. True: all answers were sent, and each client closed after that.
+  // mq_server_end. True if all answers were sent and each client then closed its connection.
   bool end(std::chrono::milliseconds time) noexcept { return mq_server_end(&server_, detail::to_int(time)) != 0; }
-  // mq_server_close. Only destroying, or another close(), may follow.
+  // mq_server_close. Only destruction or another close() may follow.
   void close() noexcept { mq_server_close(&server_); }
   // mq_server_drop, mq_server_say.
   void drop(ServerClient client, const char* why) noexcept { mq_server_drop(&server_, client.get(), why); }
@@ -95,10 +96,10 @@ class Server {
   virtual void dropped(ServerClient, const char*) noexcept {}
   virtual void ready(NodeRef) noexcept {}
   virtual const char* failed(ServerClient, const char* why) noexcept { return why; }
-  // A line of the log, without its end.
+  // Receives a line of the log, without a newline.
   virtual void log(const char* line) noexcept { mq_server_print(&server_, line); }
 
-  // What message() returns after a write.
+  // Converts the result of a write to the result of message().
   static const char* sent(const Result& result) noexcept { return result ? nullptr : result.name(); }
 
  private:

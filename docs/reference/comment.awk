@@ -1,4 +1,4 @@
-# comment.awk - what the comments of the public headers consist of; read by man.awk and filter.awk.
+# comment.awk - parses the comments of the public headers, for man.awk and filter.awk.
 #
 # A comment is prose at the margin, entries of a list (a label, at least two blanks, its text), and examples, which are
 # indented. Arguments are indented by two blanks; results, errors and the like are at the margin.
@@ -86,7 +86,7 @@ function capital(text) {
   return text
 }
 
-# A text as a sentence: with a capital, unless it begins with a name, and with a full stop.
+# Makes a sentence of a text: adds a full stop, and a capital unless the text begins with a name.
 function sentence(text) {
   text = capital(text)
   return text ~ /[.:?]$/ || text == "" ? text : text "."

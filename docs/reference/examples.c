@@ -95,7 +95,7 @@ int read_signed(MQNode* node, PcfMessage* msg) {
 
 // mnSWrite, mnSWriteTo, mnSWriteMsg, mnSWriteMsgWithPriority, mnSWriteAltUser, mnSWriteAltUserHigh, mqc_signer_load,
 // mqc_signer_new, mqc_signer_free, mqc_signer_user, mqc_signer_public_key, mqc_signer_until, mqc_sign, mqc_sign_error
-/* Sends a signed message. The node has to have the user of the key. */
+/* Sends a signed message. The user of the node must be the user of the key. */
 int write_signed(MQNode* node, PcfMessage* msg) {
   char error[256];
   MqcSigner* signer = mqc_signer_load("alice.key", "alice", error, sizeof error);
@@ -127,7 +127,7 @@ int create_key(void) {
 }
 
 // mqnode/finish.h, mnClose, mnClearPeningIO, DeleteMQNode
-/* Ends a conversation: DeleteMQNode alone would discard what the system has not sent yet. */
+/* Ends a connection. DeleteMQNode alone would discard what the system has not sent yet. */
 int end(MQNode* node) {
   const int taken = mq_finish(node, 5000);
   if (!taken) fprintf(stderr, "the last messages may be lost: %s\n", mq_error_meaning(node->error));
@@ -181,7 +181,7 @@ static void trace(const char* point, MQNode* node) { fprintf(stderr, "%s: error 
 void trace_all(void) { mnGSetTraceCallBack(trace); }
 
 // mqnode/identity.h
-/* Names the program in the messages of a node, instead of a name found by TEVRA_HOME. */
+/* Sets the application name in the messages of a node, instead of a name found by TEVRA_HOME. */
 void name_program(MQNode* node) {
   memset(node->applName, 0, sizeof node->applName);
   memcpy(node->applName, "PAYROLL", 7);
@@ -279,7 +279,7 @@ void start_receiver(void) {
 }
 
 // runtime/runtime.h, runtime/message.h, SizePcfMessage
-/* Queues a copy of a message of the application's own making, as a write does that cannot complete. */
+/* Queues a copy of a message, like a write that cannot complete. */
 int queue_bytes(MQNode* node, const PcfRawData* raw) {
   void* place;
   if (node->pending == NULL || !fNewMemory(&place, sizeof(IoBuffer), "MQNODE")) return 0;
@@ -311,7 +311,7 @@ int log_start(void) {
 }
 
 // mqc_fail_allocation
-/* Runs a scenario again and again while its 1st, 2nd, 3rd ... allocation fails. Returns how many there were. */
+/* Repeats a scenario, each time with its 1st, 2nd, 3rd ... allocation failing. Returns their number. */
 uint64_t fail_in_turn(int (*scenario)(void)) {
   for (uint64_t nth = 1;; ++nth) {
     const uint64_t before = mqc_allocations();

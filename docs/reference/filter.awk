@@ -1,4 +1,4 @@
-# filter.awk - what Doxygen sees of the public headers: their plain comments as comments of its own.
+# filter.awk - converts the plain comments of the public headers to comments for Doxygen.
 #
 #   awk -f comment.awk -f filter.awk HEADER
 #
@@ -13,7 +13,7 @@ function escaped(text) {
   return text
 }
 
-# A text for Doxygen, without commands of its own. Inner entries have a line each.
+# A text for Doxygen, with its commands escaped. Each inner entry gets a line.
 function plain(text) {
   text = escaped(text)
   gsub(/\n/, "<br>", text)
@@ -26,7 +26,7 @@ function entry(i,   direction) {
   return "<dl><dt><b>" escaped(block_label[i]) "</b>" direction "</dt><dd>" plain(block_text[i]) "</dd></dl>"
 }
 
-# A comment for Doxygen. The first sentence is the brief description where there is one.
+# A comment for Doxygen. Its first sentence, if any, is the brief description.
 function described(text, brief,   i, made, shown) {
   shown = brief ? escaped(capital(first_sentence(text))) ".\n\n" : ""
   read_blocks(text)
@@ -44,7 +44,7 @@ function described(text, brief,   i, made, shown) {
   return shown
 }
 
-# A section's title and text, added to what is said of the file.
+# Adds the title and text of a section to the description of the file.
 function section(text,   title) {
   title = text
   sub(/^---- /, "", title)
@@ -53,7 +53,7 @@ function section(text,   title) {
   if (text != "") print "/** @file\n@par " escaped(title) "\n\n" described(text, 0) "*/\n"
 }
 
-# A whole comment was read.
+# Handles a complete comment.
 function keep(text) {
   if (opening) {
     opening = 0
@@ -85,7 +85,7 @@ FNR == 1 {
   mark = slashes ? "^ *// ?" : "^(/\\*| \\*) ?"
 }
 
-# Comments of the C++ header: a run of lines. Those of statements stand deeper and stay as they are.
+# Comments of the C++ header are runs of lines. Comments of statements are indented further and do not change.
 slashes && /^( ? ?)\/\/( |$)/ {
   line = $0
   sub(mark, "", line)
@@ -116,7 +116,7 @@ inside {
 
 /^ *$/ { comment = "" }
 
-# The first line of a declaration takes the comment; lines that go on with it are indented further.
+# The comment goes before the first line of a declaration; continuation lines are indented further.
 comment != "" && !going_on { say_comment() }
 {
   line = $0

@@ -3,13 +3,13 @@
 #   awk -v out=FOLDER -v version=VERSION -f comment.awk -f man.awk examples.c mqnode/node.h ...
 #
 # A comment "name, name - what they do." documents the declarations that follow it; a comment "---- Title ----" begins a
-# section and may say more about it. A label that a function's comment lacks (arguments, Result, error, ...) is taken
+# section and may describe it. A label that a function's comment lacks (arguments, Result, error, ...) is taken
 # from the opening comment of its header, the result also from the header with the conventions of the layer.
 # The headers are named as they are included. FOLDER must exist.
 
 # ---- Reading ----
 
-# Remembers what the comment in hand documents.
+# Stores what the current comment documents.
 function keep_group(   text, first) {
   split(names, first, " ")
   text = comment
@@ -82,7 +82,7 @@ function keep_comment(text,   called, parts, n, i) {
   else comment = text
 }
 
-# A constant and its comment. The codes of a layer are remembered by number.
+# A constant and its comment. The codes of a layer are stored by number.
 function keep_constant(line,   name, value, text) {
   name = trim(line)
   if (match(name, /\/\* .* \*\//)) text = substr(name, RSTART + 3, RLENGTH - 6)
@@ -96,7 +96,7 @@ function keep_constant(line,   name, value, text) {
   if (comment ~ /^Codes of/ && value != 0) code[header, value] = name
 }
 
-# A line of a record: the declaration and its comment, which may be in front of it.
+# A line of a record: the declaration and its comment, which may precede it.
 function keep_field(line,   text) {
   if (match(line, /\/\* .*/)) {
     text = substr(line, RSTART + 3)
@@ -129,7 +129,7 @@ FNR == 1 {
   in_comment = in_body = in_declaration = in_enum = in_record = in_class = in_detail = in_member = 0
 }
 
-# Examples: lines that begin with // say what the code below them is an example of.
+# Examples: lines that begin with // name the pages that show the code below them.
 examples {
   if (/^\/\/ /) example_names = (before ~ /^\/\/ / ? example_names " " : "") substr($0, 4)
   else if (example_names != "") example_code[example_names] = example_code[example_names] $0 "\n"
@@ -137,7 +137,7 @@ examples {
   next
 }
 
-# The table of errors, as docs/errors.md has it.
+# The table of errors, as in docs/errors.md.
 FILENAME ~ /errors\.md$/ {
   gsub(/`/, "")
   split($0, each, / *\| */)
@@ -357,7 +357,7 @@ function code_lines(text,   lines, n, i) {
   put(".fi\n.RE")
 }
 
-# An entry of a list. Inner entries have a line each.
+# An entry of a list. Each inner entry gets a line.
 function entry(label, direction, text,   lines, n, i) {
   put(".TP\n\\fB" roff(label) "\\fP" (direction == "" ? "" : " (" direction ")"))
   n = split(text, lines, "\n")
@@ -371,7 +371,7 @@ function is_result(label) { return label ~ /^[Rr]esults?$/ }
 function is_error(label) { return label ~ /^([Ee]rrors?|status)$/ }
 function is_note(label) { return label ~ /^(Trace points?|Blocks|blocking|Memory)$/ }
 
-# The blocks in hand. which: "lead" the first paragraph, "arguments", "rest" what has no section of its own, or "all".
+# The current blocks. which: "lead" the first paragraph, "arguments", "rest" blocks without a section, or "all".
 function put_blocks(which,   i, argument, own) {
   for (i = 1; i <= blocks; ++i) {
     argument = block_argument[i]
@@ -385,7 +385,7 @@ function put_blocks(which,   i, argument, own) {
   }
 }
 
-# Prose without the sentence that says what the function returns, which has a section of its own.
+# Prose without the sentence on the return value, which has a section of its own.
 function put_prose(text, which) {
   if (which != "all" && match(text, /Returns [^.]*[.]/)) {
     returned = trim(substr(text, RSTART + 8, RLENGTH - 8))
@@ -395,7 +395,7 @@ function put_prose(text, which) {
   if (text != "") prose(which == "lead" ? sentence(text) : text)
 }
 
-# The text of the first entry in hand with a label of that kind.
+# The text of the first current entry with a label of that kind.
 function labelled(wanted,   i) {
   for (i = 1; i <= blocks; ++i) {
     if (block_kind[i] != "entry" || block_argument[i] && !layer_labels) continue
@@ -404,14 +404,14 @@ function labelled(wanted,   i) {
   return ""
 }
 
-# The header with the conventions of a header's layer.
+# The header that documents the conventions of a header's layer.
 function layer_of(header) {
   if (header ~ /^socksin\//) return "socksin/record.h"
   if (header ~ /^mqnode\// && header !~ /errors|server|finish|hpp/) return "mqnode/node.h"
   return header
 }
 
-# A name for each number in text that is a code of the layer.
+# Adds the name to each number in text that is a code of the layer.
 function name_codes(text, header,   done, before, token, name) {
   while (match(text, /-?[0-9]+/)) {
     before = substr(text, 1, RSTART - 1)
@@ -473,7 +473,7 @@ function put_errors(text, header,   parts, n, i, line, label) {
   }
 }
 
-# A declaration in lines that fit a terminal, broken behind commas.
+# A declaration in lines that fit a terminal, broken after commas.
 function put_declaration(text,   words, n, i, line) {
   n = split(text, words, /, /)
   line = words[1]
@@ -545,7 +545,7 @@ function put_header_example(header,   i) {
   code_lines(block_text[i])
 }
 
-# What the functions of a header have in common: arguments that are in the declaration, notes that the function lacks.
+# Text common to the functions of a header: arguments that are in the declaration, notes that the function lacks.
 function put_inherited(text, declaration, which,   i, n, parts, p, wanted) {
   read_blocks(text)
   for (i = 1; i <= blocks; ++i) {
@@ -678,7 +678,7 @@ function put_constants(header,   lines, n, i, parts) {
   }
 }
 
-# Every code with its meaning and, on a line of its own, its remedy.
+# Each code with its meaning and, on a separate line, its remedy.
 function put_error_table(   i, parts) {
   head("ERRORS")
   for (i = 1; i <= error_count; ++i) {
@@ -687,7 +687,7 @@ function put_error_table(   i, parts) {
   }
 }
 
-# Records, types and functions with what each is, in the order of the header.
+# Records, types and functions with their descriptions, in the order of the header.
 function put_members(header,   g, shown, begun) {
   for (g = 1; g <= groups; ++g) {
     if (group_header[g] != header) continue

@@ -1,4 +1,4 @@
-# markdown.awk - what Doxygen sees of the documents: links that work on its pages.
+# markdown.awk - converts the documents for Doxygen, so that links work on its pages.
 #
 #   awk -f markdown.awk docs/guide.md
 #

@@ -1,20 +1,20 @@
 /* step.h - one node in an event loop: which calls to make when it is ready, and what to wait for next.
  *
  * Internal: mqnode/uv.h and mqnode/asio.hpp share it; applications use those. Header-only, for C11 with POSIX
- * (-std=gnu11) and C++17. No function here waits; mq_step_wants says what to wait for on node->sock.fd.
+ * (-std=gnu11) and C++17. No function here waits; mq_step_wants returns the readiness of node->sock.fd to wait for.
  *
  * Rules for an engine
  *   Readiness   level-triggered. A node never receives bytes beyond the message that it reads, so an engine may return
- *               to its loop after any call: what is left is reported again
+ *               to its loop after any call: the loop reports remaining data again
  *   Fairness    mq_step_turn begins a turn of a node that is readable. mq_step_read and mq_step_accept return
- *               MQ_STEP_WAIT when the share of this turn is used. A node that had one message and no second one reads
- *               one message a turn for a while, which saves a system call per message
+ *               MQ_STEP_WAIT when the share of this turn is used. A node that had only one message in a turn reads one
+ *               message per turn for a while, which saves a system call per message
  *   Writing     pass the result of each write function of compose.h to mq_step_wrote. Writes complete in order;
  *               mq_step_completed counts them. Call mq_step_flush when the node is writable
  *   Marks       a node is not read while more than highBytes are queued, until no more than lowBytes are left
- *   Accepting   without a descriptor or memory mq_step_accept returns MQ_STEP_FULL, and the listening node waits for
- *               nothing. Call mq_step_resume a moment later, and when a connection was closed
- *   Ending      mq_step_begin_end, then mq_step_end, as mqnode/finish.h documents. The engine limits the time
+ *   Accepting   if there is no descriptor or memory, mq_step_accept returns MQ_STEP_FULL, and the listening node waits
+ *               for nothing. Call mq_step_resume a moment later, and when a connection was closed
+ *   Ending      call mq_step_begin_end, then mq_step_end, as mqnode/finish.h documents. The engine limits the time
  *   Closing     stop waiting for the descriptor, then call mq_step_close. A callback may do so in the middle of a turn:
  *               check the phase after each callback, and release the node and the step only after the turn */
 #ifndef MQNODE_MQNODE_STEP_H
@@ -35,18 +35,18 @@
 // NOLINTBEGIN(modernize-use-nullptr): C reads this as well.
 
 enum {
-  MQ_STEP_AREA = 16520,      /* bytes of a node's first receive area */
-  MQ_STEP_SINGLE_TURNS = 15, /* of one message, after a second look that found nothing */
-  MQ_STEP_CONFIRM_MSEC = 10  /* before mq_step_end is called again when it waits for nothing */
+  MQ_STEP_AREA = 16520,      /* bytes of a node's initial receive area */
+  MQ_STEP_SINGLE_TURNS = 15, /* turns of one message, after a second read that found nothing */
+  MQ_STEP_CONFIRM_MSEC = 10  /* pause before mq_step_end is called again when it waits for nothing */
 };
 
 /* Results of the functions below. */
 enum {
-  MQ_STEP_FAILED = 0, /* step->error says why: the node cannot go on, close it */
+  MQ_STEP_FAILED = 0, /* the node has failed, with the reason in step->error: close it */
   MQ_STEP_DONE = 1,   /* done */
-  MQ_STEP_WAIT = 2,   /* not yet: wait for mq_step_wants */
-  MQ_STEP_LOST = 3,   /* step->error says why one datagram or one connection was lost: call again */
-  MQ_STEP_FULL = 4    /* no descriptor or no memory for a connection: step->error; mq_step_resume later */
+  MQ_STEP_WAIT = 2,   /* incomplete: wait for mq_step_wants */
+  MQ_STEP_LOST = 3,   /* one datagram or connection was lost, with the reason in step->error: call again */
+  MQ_STEP_FULL = 4    /* no descriptor or memory for a connection (step->error): call mq_step_resume later */
 };
 
 /* Results of mq_step_wants. */
@@ -64,21 +64,22 @@ typedef struct MqStep {
   const MqLoopLimits* limits;
   int secure;         /* 1: signed messages; 0: plain ones */
   int phase;          /* MQ_STEP_OPEN ... */
-  int error;          /* of the last result other than DONE and WAIT */
+  int error;          /* code of the last result other than DONE and WAIT */
   int paused;         /* 1: the engine or its application wants no messages */
-  int held;           /* 1: too much is queued to read, or nothing is left to accept with */
+  int held;           /* 1: too much is queued to read, or no descriptor or memory is left to accept */
   int accepted;       /* 1: a listening node accepted it */
-  uint32_t left;      /* of this turn: messages or connections */
-  uint32_t got;       /* in this turn */
-  uint32_t single;    /* coming turns of one message */
-  uint64_t whole;     /* bytes received until the end of the last message */
+  uint32_t left;      /* messages or connections that are left in this turn */
+  uint32_t got;       /* messages read in this turn */
+  uint32_t single;    /* number of following turns with one message only */
+  uint64_t whole;     /* bytes received up to the end of the last message */
   uint64_t taken;     /* writes that were sent or queued */
-  uint64_t sentAtEnd; /* the node's bytesSent when its queue will be empty */
-  uint64_t moved;     /* bytes sent and received when progress was last seen */
-  int64_t since;      /* milliseconds: when progress was last seen */
-  uint32_t done;      /* messages read and written then */
-  int midway;         /* in a message or with queued writes then */
-  MqFinish finish;    /* of an end */
+  uint64_t sentAtEnd; /* value that bytesSent of the node will have when its queue is empty */
+  uint64_t moved;     /* bytes sent and received at the last progress */
+  int64_t begun;      /* milliseconds: when the engine took the node in */
+  int64_t since;      /* milliseconds: time of the last progress */
+  uint32_t done;      /* messages read and written at the last progress */
+  int midway;         /* 1: at the last progress, the node was in a message or had queued writes */
+  MqFinish finish;    /* progress of an end */
 } MqStep;
 
 static inline int mq_step_fail(MqStep* step, int code) {
@@ -90,7 +91,7 @@ static inline int mq_step_is_stream(const MqStep* step) { return step->node->soc
 
 /* ---- Begin ---- */
 
-/* Internal: count the bytes of the queue anew: at first, and after one of its datagrams was dropped. */
+/* Internal: recount the bytes of the queue, initially and after one of its datagrams was dropped. */
 static inline void mq_step_recount(MqStep* step) {
   Queue* const queue = step->node->pending;
   const IoBuffer* write;
@@ -100,8 +101,8 @@ static inline void mq_step_recount(MqStep* step) {
   while ((write = (const IoBuffer*)Qnext(queue)) != NULL) step->sentAtEnd += write->length - write->sent;
 }
 
-/* mq_step_trim - arm the receive area of a node that is between two messages for the next one. An area that a long
- * message has made large is replaced; without memory the next read fails. */
+/* mq_step_trim - prepare the receive area of a node that is between two messages for the next one. An area that was
+ * enlarged for a long message is replaced; if there is no memory, the next read fails. */
 static inline void mq_step_trim(MqStep* step) {
   IoBuffer* const area = &step->node->recvBuffer;
   if (area->received > 0) return;
@@ -111,9 +112,9 @@ static inline void mq_step_trim(MqStep* step) {
   if (area->capacity > 0) ResetBuffer(area, mq_step_is_stream(step) ? header : area->capacity);
 }
 
-/* mq_step_begin - take a node in: it becomes non-blocking.
+/* mq_step_begin - initialise the step of a node, and make the node non-blocking.
  *   limits   in   must outlive the step
- *   now      in   milliseconds of a clock that only goes forward
+ *   now      in   milliseconds of a clock that never goes back
  * Result   MQ_STEP_DONE or MQ_STEP_FAILED */
 static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const MqLoopLimits* limits, int64_t now) {
   memset(step, 0, sizeof *step);
@@ -121,7 +122,7 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   step->secure = secure;
   step->limits = limits;
   step->phase = MQ_STEP_OPEN;
-  step->since = now;
+  step->begun = step->since = now;
   step->whole = node->sock.bytesReceived;
   step->moved = node->sock.bytesReceived + node->sock.bytesSent;
   step->done = node->msgsRead + node->writesCompleted;
@@ -133,8 +134,8 @@ static inline int mq_step_begin(MqStep* step, MQNode* node, int secure, const Mq
   return NoblockSocket(&node->sock) ? MQ_STEP_DONE : mq_step_fail(step, node->sock.error);
 }
 
-/* mq_step_listen - let a listening node accept within its limits: with an accept queue of backlog connections, which
- * the system may shorten, and buffers of socketBytes. */
+/* mq_step_listen - prepare a listening node to accept, with an accept queue of backlog connections, which the system
+ * may shorten, and buffers of socketBytes. */
 static inline int mq_step_listen(MqStep* step, int backlog) {
   SockRec* const sock = &step->node->sock;
   const uint32_t size = step->limits->socketBytes;
@@ -142,7 +143,7 @@ static inline int mq_step_listen(MqStep* step, int backlog) {
   return ListenSocket(sock, backlog) ? MQ_STEP_DONE : mq_step_fail(step, sock->error);
 }
 
-/* mq_step_connect - begin to connect a node, or see whether its connect has ended, when it is writable.
+/* mq_step_connect - begin to connect a node, or, when it is writable, check whether its connect has completed.
  * The first call blocks while a name is looked up. */
 static inline int mq_step_connect(MqStep* step) {
   MQNode* const node = step->node;
@@ -168,7 +169,7 @@ static inline int mq_step_connect(MqStep* step) {
 
 /* ---- Wait ---- */
 
-/* mq_step_wants - for which readiness to wait: MQ_STEP_READABLE, MQ_STEP_WRITABLE, both or 0. */
+/* mq_step_wants - get the readiness to wait for: MQ_STEP_READABLE, MQ_STEP_WRITABLE, both or 0. */
 static inline int mq_step_wants(const MqStep* step) {
   const int write = step->node->pending != NULL ? MQ_STEP_WRITABLE : 0;
   switch (step->phase) {
@@ -198,8 +199,8 @@ static inline void mq_step_resume(MqStep* step) { step->held = 0; }
 
 /* ---- Accept ---- */
 
-/* Internal: why nothing was accepted. The system asks for a descriptor before it looks for a connection: when none is
- * left, it may be that none is wanted. */
+/* Internal: determine why nothing was accepted. The system allocates a descriptor before it looks for a connection, so
+ * if there is no descriptor, there may be no connection either. */
 static inline int mq_step_accept_failed(MqStep* step) {
   struct pollfd state = {step->node->sock.fd, POLLIN, 0};
   step->error = step->node->error;
@@ -225,8 +226,9 @@ static inline int mq_step_accept_failed(MqStep* step) {
 }
 
 /* mq_step_accept - accept one connection of a listening node.
- *   child   out   the caller's with MQ_STEP_DONE, else null; for mq_step_begin. Its writes are not delayed
- * Result   each of the five */
+ *   child   out   after MQ_STEP_DONE the new node, owned by the caller, for mq_step_begin; else null. Its writes are
+ *                 not delayed
+ * Result   any of the five results */
 static inline int mq_step_accept(MqStep* step, MQNode** child) {
   MQNode* const node = step->node;
   *child = NULL;
@@ -250,7 +252,7 @@ static inline int mq_step_is_cut(const MqStep* step) {
   return mq_step_is_stream(step) && step->node->sock.bytesReceived != step->whole;
 }
 
-/* Internal: the length that the header in the receive area announces, in the byte order that its first word tells. */
+/* Internal: the length that the header in the receive area announces, in the byte order that its first word shows. */
 static inline uint32_t mq_step_announced(const MqStep* step) {
   const IoBuffer* const area = &step->node->recvBuffer;
   const uint32_t size = step->secure ? (uint32_t)sizeof(SecureHeader) : (uint32_t)sizeof(MsgHeader);
@@ -262,7 +264,7 @@ static inline uint32_t mq_step_announced(const MqStep* step) {
   return first == size ? length : __builtin_bswap32(length);
 }
 
-/* Internal: a read gave no message. */
+/* Internal: handle a read that returned no message. */
 static inline int mq_step_read_failed(MqStep* step) {
   const int code = step->node->error;
   if (code == MQ_AGAIN) {
@@ -280,8 +282,7 @@ static inline int mq_step_read_failed(MqStep* step) {
  *   in   in/out   receives the message
  * Result   MQ_STEP_DONE a message; MQ_STEP_WAIT none now; MQ_STEP_LOST a datagram was not a message; MQ_STEP_FAILED:
  *          EMSGSIZE the message is longer than messageBytes; 9004 the peer has closed (mq_step_is_cut: in the middle
- *          of a message); another code of mnRead or mnSRead. With 9004 answers that are queued can still be sent:
- *          mq_step_end */
+ *          of a message); another code of mnRead or mnSRead. After 9004, mq_step_end can still send queued answers */
 static inline int mq_step_read(MqStep* step, PcfMessage* in) {
   MQNode* const node = step->node;
   if (step->held || step->paused || step->left == 0) return MQ_STEP_WAIT;
@@ -298,17 +299,18 @@ static inline int mq_step_read(MqStep* step, PcfMessage* in) {
 
 /* ---- Write ---- */
 
-/* mq_step_queued - bytes of writes that wait in the node's queue. */
+/* mq_step_queued - get the number of bytes in the node's queue. */
 static inline uint64_t mq_step_queued(const MqStep* step) {
   return step->node->pending != NULL ? step->sentAtEnd - step->node->sock.bytesSent : 0;
 }
 
-/* mq_step_completed - writes that are no longer queued: the taken-th write is done when this reaches its number. */
+/* mq_step_completed - get the number of writes that are no longer queued. Write n is done when it is at least n. */
 static inline uint64_t mq_step_completed(const MqStep* step) {
   return step->taken - (uint64_t)Qdepth(step->node->pending);
 }
 
-/* mq_step_may_write - whether another write may be queued. 1; else 0 with -1111 in step->error and node->error. */
+/* mq_step_may_write - check whether another write may be queued. Returns 1, or 0 with -1111 in step->error and
+ * node->error. */
 static inline int mq_step_may_write(MqStep* step) {
   if (mq_step_queued(step) <= step->limits->queueBytes) return 1;
   step->error = step->node->error = MQ_WRITE_LIMIT;
@@ -316,9 +318,9 @@ static inline int mq_step_may_write(MqStep* step) {
 }
 
 /* mq_step_wrote - account for a write to the node.
- *   result   in   of mnWrite or another write function, which has just returned
- * Result   MQ_STEP_DONE the write is number step->taken; MQ_STEP_LOST it was refused, or a datagram that could not be
- *          sent: nothing else changes; MQ_STEP_FAILED the connection has failed */
+ *   result   in   result of mnWrite or another write function, which has just returned
+ * Result   MQ_STEP_DONE the write is number step->taken; MQ_STEP_LOST it was refused, or a datagram could not be sent:
+ *          nothing else changes; MQ_STEP_FAILED the connection has failed */
 static inline int mq_step_wrote(MqStep* step, int result) {
   const MQNode* const node = step->node;
   if (!result) {
@@ -335,7 +337,7 @@ static inline int mq_step_wrote(MqStep* step, int result) {
   return MQ_STEP_DONE;
 }
 
-/* mq_step_flush - send what is queued, when the node is writable.
+/* mq_step_flush - send queued messages, when the node is writable.
  * Result   MQ_STEP_DONE the queue is empty; MQ_STEP_WAIT it is not; MQ_STEP_LOST write number mq_step_completed, a
  *          datagram, was dropped; MQ_STEP_FAILED the connection has failed in the middle of that write */
 static inline int mq_step_flush(MqStep* step) {
@@ -353,14 +355,14 @@ static inline int mq_step_flush(MqStep* step) {
 
 /* ---- Time ---- */
 
-/* mq_step_owes - whether a peer has to go on: it is in the middle of a message, does not take what is queued, or was
- * accepted and has sent no message yet. */
+/* mq_step_owes - check whether the peer must act: it is in the middle of a message, does not receive queued messages,
+ * or was accepted and has sent no message yet. */
 static inline int mq_step_owes(const MqStep* step) {
   return step->node->pending != NULL || mq_step_is_cut(step) ||
          (step->accepted && step->node->msgsRead == 0 && step->limits->firstMsec > 0);
 }
 
-/* mq_step_progress - note progress after a turn: a message read or sent, or begun, or progressBytes of one. */
+/* mq_step_progress - record progress after a turn: a message was read, sent or begun, or progressBytes of one moved. */
 static inline void mq_step_progress(MqStep* step, int64_t now) {
   const MQNode* const node = step->node;
   const uint32_t done = node->msgsRead + node->writesCompleted;
@@ -373,7 +375,8 @@ static inline void mq_step_progress(MqStep* step, int64_t now) {
   step->since = now;
 }
 
-/* mq_step_deadline - when a node is overdue, in milliseconds of the clock of mq_step_progress; INT64_MAX: never. */
+/* mq_step_deadline - get the time at which a node exceeds its limits, in milliseconds of the clock of mq_step_progress;
+ * INT64_MAX: never. */
 static inline int64_t mq_step_deadline(const MqStep* step) {
   const int midway = step->node->pending != NULL || mq_step_is_cut(step);
   const int first = !midway && mq_step_owes(step);
@@ -381,10 +384,39 @@ static inline int64_t mq_step_deadline(const MqStep* step) {
   return msec > 0 ? step->since + msec : INT64_MAX;
 }
 
+/* mq_step_gives_way - whether a, rather than b, gives way to a new connection: the one whose address has more accepted
+ * nodes, else the one that was not accepted after the time before, else the one that has been quiet longer. */
+static inline int mq_step_gives_way(const MqStep* a, int nodesLikeA, const MqStep* b, int nodesLikeB, int64_t before) {
+  if (nodesLikeA != nodesLikeB) return nodesLikeA > nodesLikeB;
+  if ((a->begun > before) != (b->begun > before)) return a->begun <= before;
+  return a->since < b->since;
+}
+
+/* mq_step_why - why a node ends, as text for a log. Call it before the queue is discarded.
+ *   code   in   of the read or write that failed; 9000 for a node that is overdue; ECONNABORTED for one that gives way
+ * Result   null for a peer that left between two messages */
+static inline const char* mq_step_why(const MqStep* step, int code) {
+  const int queued = step->node->pending != NULL;
+  switch (code) {
+    case SOCK_PEER_CLOSED:
+    case ECONNRESET:
+      if (step->phase != MQ_STEP_CLOSED && !queued && !mq_step_is_cut(step)) return NULL;
+      return "left in the middle of a message, or before its answer";
+    case EMSGSIZE:
+      return "its message is too long";
+    case ECONNABORTED:
+      return "its place is needed";
+    case SOCK_WAIT_TIMEOUT:
+      return queued ? "takes no answers" : mq_step_owes(step) ? "too slow" : "idle";
+    default:
+      return mq_error_name(code);
+  }
+}
+
 /* ---- End ---- */
 
-/* mq_step_begin_end - let no read and no write follow; lingering is switched off, so that what the system has taken is
- * sent even if the node is closed before the end.
+/* mq_step_begin_end - begin the end of a connection, after which no read or write may follow. Lingering is switched
+ * off, so that the system sends what it has accepted even if the node is closed before the end.
  *   step   in/out   neither connecting nor listening */
 static inline void mq_step_begin_end(MqStep* step) {
   SockOption noLinger = {SOCK_OPT_LINGER, 0, 0};
@@ -393,7 +425,7 @@ static inline void mq_step_begin_end(MqStep* step) {
   step->finish.events = POLLOUT; /* the first call is due at once */
 }
 
-/* mq_step_end - go on with the end, when the node is ready. A datagram node is only flushed.
+/* mq_step_end - continue the end, when the node is ready. A datagram node is only flushed.
  * Result   MQ_STEP_DONE the peer's system has received all bytes, and the peer has closed: close the node.
  *          MQ_STEP_WAIT: when mq_step_wants is 0, call again after MQ_STEP_CONFIRM_MSEC.
  *          MQ_STEP_LOST a queued datagram was dropped: call again.
@@ -405,7 +437,7 @@ static inline int mq_step_end(MqStep* step) {
   return result ? MQ_STEP_DONE : mq_step_fail(step, mq_node_cause(step->node, NULL));
 }
 
-/* mq_step_close - close the node. Its record stays until the engine deletes it. Nothing happens the second time. */
+/* mq_step_close - close the node. Its record remains until the engine deletes it. A second call has no effect. */
 static inline void mq_step_close(MqStep* step) {
   if (step->phase == MQ_STEP_CLOSED) return;
   step->phase = MQ_STEP_CLOSED;

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# lint.sh BUILD_DIR - what reads the sources instead of running them. Does all of it, names what failed, and ends with 1
-# when anything did. BUILD_DIR is configured with the tests: its compile_commands.json is read.
+# lint.sh BUILD_DIR - static checks of the sources. Runs all of them, names those that failed, and exits with 1 if any
+# did. BUILD_DIR is configured with the tests: its compile_commands.json is used.
 set -uo pipefail
 build=$(cd "${1:?usage: lint.sh BUILD_DIR}" && pwd) || exit
 cd "$(dirname "$0")/../.." || exit 2
 
 failed=()
-# step NAME COMMAND ... - what the command prints is shown when it fails.
+# step NAME COMMAND ...: runs the command, and shows its output if it fails.
 step() {
   local name=$1 output
   shift
@@ -18,7 +18,7 @@ step() {
   fi
 }
 
-# none TEXT COMMAND ... - the command finds nothing.
+# none TEXT COMMAND ...: fails if the command finds anything.
 none() {
   local found
   found=$("${@:2}") || return 0
@@ -29,24 +29,24 @@ none() {
 mapfile -t sources < <(git ls-files '*.h' '*.hh' '*.hpp' '*.cc' '*.c')
 mapfile -t scripts < <(git ls-files '*.sh' run .ci/run)
 mapfile -t libraries < <(git ls-files '*.cc' | grep -E '^(mqnode|queue|sockutil|socksin|companion)/')
-# What the build compiles; an option may have left parts out. clang 14 finds no coroutines in Asio 1.22.
+# What the build compiles; an option may exclude parts. clang 14 does not detect coroutine support in Asio 1.22.
 mapfile -t programs < <(git ls-files '*.cc' | grep -E "^(${LINT_PROGRAMS:-tools|demo|examples|tests})/" | grep -v asio_ |
   grep -xFf <(sed -n "s,^  \"file\": \"$PWD/\(.*\)\".*,\1,p" "$build/compile_commands.json"))
 
-# each COMMAND ... - the files of standard input, a process for each.
+# each COMMAND ...: runs the command on each file named on standard input, in parallel.
 each() { xargs -P "$(nproc)" -n 1 "$@"; }
 tidy() { each clang-tidy --quiet -p "$build" "$@" 2>/dev/null; }
 
-# Of programs and tests, most of whose text is headers from outside: what is cheap and is a fault when it is found.
+# For programs and tests, whose text is mostly system headers: cheap checks with few false positives.
 few='-*,bugprone-*use-after-move,bugprone-dangling*,bugprone-infinite-loop,bugprone-suspicious-*,bugprone-unused-*'
 few+=',bugprone-string-*,bugprone-macro-*,misc-redundant-expression,misc-unused-*,performance-*'
-# Left out: speed pays nothing there; iconv_open and signal return pointers made from -1; whole records are compared on
-# purpose.
+# Excluded: speed does not matter there; iconv_open and signal return pointers made from -1; comparing whole records is
+# intended.
 few+=',-performance-no-int-to-ptr,-performance-no-automatic-move,-performance-inefficient-vector-operation'
 few+=',-bugprone-suspicious-memory-comparison'
 
-# Of C++ the analyzer understands the part that the libraries keep to. Leaks are left out there: it follows a block by
-# its first byte, and every block of the companion is handed out behind a head; the tests look for leaks.
+# The analyzer understands the subset of C++ that the libraries use. It does not check for leaks there: it follows a
+# block by its first byte, but the companion returns addresses behind a block's head. The tests detect leaks.
 check_analyzer() {
   local flags=(-O2 -Wall -Werror -fanalyzer -I. -Icpp -Iloop -c -o /dev/null)
   printf '%s\n' "${libraries[@]}" |
@@ -62,7 +62,7 @@ check_scripts() {
   shellcheck --external-sources --source-path=SCRIPTDIR --severity=warning "${scripts[@]}"
 }
 
-# What a checker is told to pass over has its reason beside it: "NOLINT(check): why".
+# Suppressions must state their reason: "NOLINT(check): why".
 without_reason() {
   local reason='(NOLINT[A-Z]*\([^)]*\)|cppcheck-suppress [A-Za-z]+|diagnostic.*//|EXCL_BR_LINE): [A-Za-z]|SC[0-9]+ # '
   local any='NOLINT|cppcheck-suppress|pragma.*diagnostic|GCOVR_EXCL|shellcheck .*disable='
@@ -70,19 +70,19 @@ without_reason() {
 }
 
 export LC_ALL=C.UTF-8
-step 'format (./run format puts it right)' clang-format --dry-run -Werror "${sources[@]}"
+step 'format (./run format fixes it)' clang-format --dry-run -Werror "${sources[@]}"
 step 'line length' none 'lines of more than 120 columns' git grep -nE '^.{121,}$' -- '*.h' '*.hh' '*.hpp' '*.cc' '*.c' \
   '*.cmake' '*CMakeLists.txt' run
 step 'paths' none 'paths of one machine' git grep -nIE '(^|[^A-Za-z0-9_.$}])/(work|home|root|Users)/[A-Za-z0-9_.]'
 step 'suppressions with reasons' none 'without a reason' without_reason
 step 'shellcheck' check_scripts
-# cppcheck knows libc by tables of its own; the headers of the system are not read, and it need not say so. It does not
+# cppcheck has its own model of libc and does not read system headers, so it need not report that. It does not
 # understand all C++ of the programs.
 step 'cppcheck' cppcheck --quiet --enable=warning,performance,portability --inline-suppr --std=c++20 -I . \
   -j "$(nproc)" --error-exitcode=1 --suppress=missingIncludeSystem "${libraries[@]}"
 step 'analyzer (gcc)' check_analyzer
 step 'clang-tidy: libraries' tidy < <(printf '%s\n' "${libraries[@]}")
-# clang takes the system calls that tests and chaos.cc define for second definitions of the fortified ones.
+# clang would reject the system calls that tests and chaos.cc define as redefinitions of the fortified ones.
 step 'clang-tidy, some checks: programs and tests' tidy --checks="$few" --extra-arg=-U_FORTIFY_SOURCE \
   < <(printf '%s\n' "${programs[@]}")
 ((${#failed[@]} == 0)) || { printf 'lint: failed:%s\n' "$(printf ' %s;' "${failed[@]}")" >&2; exit 1; }

@@ -1,13 +1,12 @@
 #!/usr/bin/env bash
-# valgrind.sh BUILD_DIR - the test programs and the examples under valgrind's memcheck: no read of a byte that was never
-# written or is outside its block, and at the end no block that nothing refers to. Access to the two blocks that the
-# companion keeps for reuse is not seen. There are no suppressions. Not run here: packaging, fuzz corpus and
-# demonstration, which the address sanitizer watches; they would take hours.
+# valgrind.sh BUILD_DIR - runs the test programs and the examples under valgrind's memcheck: no uninitialised or
+# out-of-bounds reads, no leaks. Access to the two blocks that the companion keeps for reuse is not detected. There are
+# no suppressions. Packaging, fuzz corpus and demonstration would take hours; the address sanitizer covers them.
 set -uo pipefail
 build=$(cd "${1:?usage: valgrind.sh BUILD_DIR}" && pwd)
 cd "$(dirname "$0")/../.." || exit
-# "Possibly lost" is not reported: blocks of the companion are known by an address behind their head. The programs' own
-# malloc, which makes allocations fail, is left to them.
+# "Possibly lost" is not reported, because the companion refers to its blocks by an address behind their head. The
+# programs keep their own malloc, which makes allocations fail.
 export MEMCHECK="valgrind -q --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds=definite \
 --error-exitcode=99 --soname-synonyms=somalloc=nouserintercepts"
 run() {

@@ -1,7 +1,7 @@
-// app.hh - an application that does as the headers say, and a model of what has to arrive. It tries again what may be
-// tried again, goes on where a stream is still in step, and closes a link that a reported failure has left out of step.
-// When one call fails once, the second attempt of everything succeeds and every message that a write took arrives; only
-// a link that was closed for its failure may lose some.
+// app.hh - an application that follows the headers, and a model of what has to arrive. It retries what may be retried,
+// continues while a stream is intact, and closes a link that a reported failure has broken. If one call fails once,
+// every second attempt succeeds and every message accepted by a write arrives; only a link closed for its failure may
+// lose messages.
 #pragma once
 
 #include <deque>
@@ -11,11 +11,11 @@
 
 namespace faults {
 
-constexpr int kPatience = 10;  // rounds in which nothing moves before the application gives up
+constexpr int kPatience = 10;  // rounds without progress before the application gives up
 constexpr uint32_t kCapacity = 65536;
 constexpr int32_t kNoError = 0;
 
-// The messages that a write took, in one direction of a link, and how far they got, in bytes since it was opened.
+// The accepted messages in one direction of a link, and their progress, in bytes since the link was opened.
 struct Flow {
   struct Item {
     std::string text;  // see Message
@@ -30,7 +30,7 @@ struct Flow {
 
 struct Link {
   bool secure = false, datagram = false, open = false;
-  MQNode* nodes[2] = {};  // [0] connected, [1] was accepted
+  MQNode* nodes[2] = {};  // [0] connected, [1] accepted
   Flow flows[2] = {};     // flows[i] leaves nodes[i]
 };
 
@@ -38,9 +38,9 @@ enum class Run { kClean, kOnce, kOnwards };
 
 class App {
  public:
-  // small: short messages only, for runs in which every transfer is cut short.
+  // small: only short messages, for runs in which all transfers are cut short.
   App(Run how, bool small) : kind(how), small_(small) {
-    // Callbacks change the way that some operations take: half of the runs have them.
+    // Callbacks change the code path of some operations: half of the runs have them.
     OnGSocketTrace(how == Run::kOnwards ? +[](const char*, SockRec*) {} : nullptr);
     mnGSetTraceCallBack(how == Run::kOnwards ? +[](const char*, MQNode*) {} : nullptr);
   }
@@ -51,7 +51,7 @@ class App {
     if (!good && verdicts.size() < 8) verdicts.push_back(otherwise);
   }
 
-  // Runs one operation and judges it by its result and, when it is over, by what it left as errors.
+  // Runs one operation and judges it by its result and by the errors that it left.
   int Do(std::string_view operation, const std::function<int()>& run, const int32_t* error = &kNoError,
          const int32_t* socket_error = &kNoError) {
     Platform::Forget();
@@ -60,7 +60,7 @@ class App {
     const uint64_t refusals = Refusals();
     const int result = run() != 0;
     calls_ = Platform::Records();
-    // A failed allocation of the library is injected, and no call.
+    // An injected failure that is not a call is a failed allocation of the library.
     const auto injected = static_cast<size_t>(std::ranges::count(calls_, true, &Call::injected));
     const bool refused = Refusals() != refusals || Platform::Injections() - injections > injected;
     if (!IsPromised(operation, calls_, refused, {result, *error, *socket_error})) {
@@ -83,7 +83,7 @@ class App {
     return false;
   }
 
-  // Runs a creator. A node that has failed is deleted; null then.
+  // Runs a creator. Deletes a node that has failed, and returns null.
   MQNode* Create(const std::function<MQNode*()>& make) {
     MQNode* node = nullptr;
     int32_t error = 0;
@@ -116,18 +116,18 @@ class App {
     return link->open;
   }
 
-  // Writes one message; false when it was refused twice or the link is closed.
+  // Writes one message. False if it was refused twice or the link is closed.
   bool Write(Link* link, int from, size_t size) {
     bool taken = false;
     Twice("a write", [&] {
       taken = link->open && WriteOnce(link, from, size);
-      // A closed link takes no more, and a full queue has to be finished first.
+      // A closed link accepts no messages, and a full queue has to be finished first.
       return taken || !link->open || link->nodes[from]->error == MQ_WRITE_LIMIT;
     });
     return taken;
   }
 
-  // Finishes what is queued and reads until everything that was taken was delivered, or the links are closed.
+  // Finishes queued writes and reads until all accepted messages were delivered, or the links are closed.
   void Pump(std::span<Link> links) {
     const auto outstanding = [](const Link& link) {
       return link.open && (!link.flows[0].items.empty() || !link.flows[1].items.empty());
@@ -159,14 +159,14 @@ class App {
   }
 
  private:
-  // Allocations that were refused since the process began.
+  // Allocations refused since the process began.
   static uint64_t Refusals() {
     MqcMemory all;
     mqc_memory(nullptr, &all);
     return mqc_allocations() - all.total_blocks;
   }
 
-  // What an application does with a fresh node. An option that cannot be set changes nothing that matters here.
+  // Prepares a new node as an application does. Options that cannot be set make no difference here.
   bool Prepare(MQNode* node) {
     SockRec* const sock = &node->sock;
     OnSocketError(sock, [](SockRec*) { return ++reports_; });
@@ -192,7 +192,7 @@ class App {
       std::vector<MQNode*> nodes = {node};
       if (link->nodes[1] == nullptr) nodes.push_back(listener);
       if (!Wait(nodes)) continue;
-      if (IsReady(1, node)) {  // nobody has written yet: the connect failed, and reading tells why
+      if (IsReady(1, node)) {  // nothing was written yet: the connect failed, and a read reports why
         Do("read", node, [&] { return mnRead(in_, node); });
         return false;
       }
@@ -202,16 +202,16 @@ class App {
     return false;
   }
 
-  // Accepts the link's own connection, if there is one yet.
+  // Accepts the link's own connection, if it has arrived.
   void Accept(Link* link, MQNode* listener) {
     if (!Do("accept", listener, [&] { return mnOpen(listener); })) return;
     MQNode* child = std::exchange(listener->child, nullptr);
-    if (child == nullptr) return;  // no memory; the connection is closed
+    if (child == nullptr) return;  // out of memory; the connection was closed
     const bool own = static_cast<int>(child->sock.name.port) == PortOf(link->nodes[0]->sock.fd);
     own ? void(link->nodes[1] = child) : Delete(&child);  // of an earlier attempt
   }
 
-  // Runs an operation of a link's end, and takes what its calls moved into the model.
+  // Runs an operation at one end of a link, and adds the bytes moved by its calls to the model.
   int DoOn(std::string_view operation, Link* link, int end, const std::function<int(MQNode*)>& run) {
     MQNode* const node = link->nodes[end];
     const int result = Do(operation, node, [&] { return run(node); });
@@ -230,7 +230,7 @@ class App {
     return result;
   }
 
-  // A node's counters are those of the model.
+  // A node's counters must equal those of the model.
   void Check(const Link& link, int end) {
     if (!link.open) return;
     const MQNode& node = *link.nodes[end];
@@ -242,7 +242,7 @@ class App {
     Expect(is == must, format("{}; must be {}", is, must));
   }
 
-  // A failure was reported that cost a message; a link that it left out of step is closed.
+  // Accounts for a reported failure that cost a message, and closes the link if the stream is broken.
   void Lose(const std::string& why, Link* link, bool out_of_step) {
     lost_ += 1;
     Expect(kind != Run::kClean && (kind != Run::kOnce || lost_ == 1), why + ", and no failure explains it");
@@ -309,7 +309,7 @@ class App {
     Check(*link, to);
   }
 
-  // Takes a step of a link's end until it moves nothing.
+  // Repeats a step at one end of a link until it moves nothing.
   void Repeat(void (App::*step)(Link*, int), Link* link, int end) {
     for (uint64_t before = moved_ + 1; link->open && moved_ != before;) {
       before = moved_;
@@ -328,7 +328,7 @@ class App {
   }
   bool IsReady(int list, const MQNode* node) const { return std::ranges::count(ready_[list], node) != 0; }
 
-  // Finishes what can go on, reads what can be read.
+  // Finishes and reads where the wait says so.
   void Round(std::span<Link> links) {
     std::vector<std::pair<Link*, int>> ends;
     std::vector<MQNode*> nodes;
@@ -351,7 +351,7 @@ class App {
   const bool small_;
   const Message out_ = Message(kCapacity), in_;  // no write allocates for out_
   std::vector<Call> calls_;                      // of the last operation
-  std::vector<MQNode*> ready_[3];                // what the last wait listed: to accept on, to read, to write
+  std::vector<MQNode*> ready_[3];                // result of the last wait: to accept on, to read, to write
   uint32_t number_ = 0;
   uint64_t moved_ = 0;  // bytes
   int lost_ = 0;

@@ -1,4 +1,4 @@
-// calls.hh - the calls that the library makes outside itself and that can fail, and how each of them fails.
+// calls.hh - the external calls of the library that can fail, and how each of them fails.
 #pragma once
 
 #include <cerrno>
@@ -7,8 +7,8 @@
 
 namespace faults {
 
-// Codes beside errno values. kZero: the call returns 0 (the peer ended, the wait timed out). kNone: a failure without
-// an errno. kCut: a transfer moves one byte.
+// Codes other than errno values. kZero: the call returns 0 (the peer ended, the wait timed out). kNone: a failure
+// without an errno. kCut: a transfer moves one byte.
 constexpr int kZero = Platform::kZero, kNone = 0, kCut = kZero - 1;
 
 inline std::string CodeName(int code) {
@@ -20,7 +20,7 @@ struct FailingCalls {
   std::vector<int> codes;  // each way in which they can fail
 };
 
-// The last two names are not calls of the library: the mallocs of the companion, and the allocations that it refuses.
+// The last two names are not calls of the library: the companion's mallocs, and the allocations that it refuses.
 const FailingCalls kFailing[] = {
     {{"socket"}, {EMFILE, ENFILE, ENOBUFS, ENOMEM, EACCES, EAFNOSUPPORT}},
     {{"connect"}, {EINTR, EAGAIN, EINPROGRESS, EALREADY, EISCONN, ECONNREFUSED, ENETUNREACH, EADDRNOTAVAIL, EBADF}},
@@ -39,7 +39,7 @@ const FailingCalls kFailing[] = {
     {{"malloc", "calloc", "companion malloc", "allocation"}, {ENOMEM}},
 };
 
-// Whether a text of words and blanks has this word.
+// Whether a list of words separated by blanks contains this word.
 inline bool Lists(std::string_view words, std::string_view word) {
   for (size_t at = words.find(word); at != words.npos; at = words.find(word, at + 1)) {
     const size_t end = at + word.size();

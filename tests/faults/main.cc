@@ -1,5 +1,5 @@
-// main.cc - mqfaults: runs each scenario with one call failing after the other, all in this process, and prints what
-// fell. What a run leaves behind is compared with what was there before it. A run that crashes or hangs is the last.
+// main.cc - mqfaults: runs each scenario with one call after another failing, all in this process, and prints failures.
+// What a run leaves behind is compared with the state before it. A run that crashes or hangs ends the program.
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -15,7 +15,7 @@ namespace {
 using namespace faults;
 using Counts = std::map<std::string, size_t, std::less<>>;
 
-// Each scenario runs so often with nothing failing: what is lost now and then is seen too.
+// Clean runs of each scenario, to detect occasional failures as well.
 constexpr int kCleanRuns = 64;
 constexpr size_t kMostFell = 20;
 constexpr unsigned kHangs = 20;  // seconds
@@ -23,14 +23,14 @@ constexpr unsigned kHangs = 20;  // seconds
 struct Situation {
   const Scenario* scenario;
   std::string call;  // empty: none fails
-  uint64_t nth;      // 1 the first
+  uint64_t nth;      // from 1
   int code;
-  bool onwards;  // the nth and all after it
+  bool onwards;  // the nth and all later ones
 };
 
-std::string only;  // from here on the options
+std::string only;  // options: only, every
 size_t every = 1;
-std::string now;  // the situation that is tried
+std::string now;  // the current situation
 size_t situations, fell;
 
 void Arm(const Situation& tried) {
@@ -48,14 +48,14 @@ void Arm(const Situation& tried) {
   }
 }
 
-// What must be as it was when a scenario is over.
+// What must be the same before and after a scenario.
 std::string WhatIsLeft() {
   std::string text = format("{} blocks of the library", Platform::LibraryBlocks());
   for (const auto& [tag, count] : LiveBlocks()) text += format(", {} of the companion: {}", count, tag);
   return format("{}, descriptors {}", text, fmt::join(OpenDescriptors(), " "));
 }
 
-// Runs a situation; what is wrong afterwards goes to verdicts. Returns the calls.
+// Runs a situation, and adds what is wrong afterwards to verdicts. Returns the number of calls by name.
 Counts Try(const Situation& tried, const std::string& when, Lines* verdicts) {
   alarm(kHangs);
   Platform::Reset();
@@ -84,7 +84,7 @@ Counts Try(const Situation& tried, const std::string& when, Lines* verdicts) {
 void Report(const Lines& verdicts) {
   if (verdicts.empty()) return;
   ++fell;
-  fmt::print(stderr, "fell: {}\n  {}\n", now, fmt::join(verdicts, "\n  "));
+  fmt::print(stderr, "FAILED: {}\n  {}\n", now, fmt::join(verdicts, "\n  "));
 }
 
 void Fail(const Situation& tried) {
@@ -92,7 +92,7 @@ void Fail(const Situation& tried) {
   now = format("{}/{}/{}/{}/{}", tried.scenario->name, tried.call, tried.nth, CodeName(tried.code),
                tried.onwards ? "onwards" : "once");
   if (!now.starts_with(only) || fell == kMostFell) return;
-  // One turn in so many, without a period that the lists of errors could share.
+  // Runs one of `every` situations, without a period that the lists of errors could share.
   if ((turn++ * 2654435761u >> 16) % every != 0) return;
   Lines verdicts;
   Try(tried, "", &verdicts);
@@ -101,7 +101,7 @@ void Fail(const Situation& tried) {
   Report(verdicts);
 }
 
-// One call at each of its places, in each way in which it can fail.
+// Fails each occurrence of a call in each way.
 void FailCall(const Scenario& scenario, const std::string& call, uint64_t last, const std::vector<int>& codes) {
   for (uint64_t nth = 1; nth <= last; ++nth) {
     for (const int code : codes) {
@@ -111,7 +111,7 @@ void FailCall(const Scenario& scenario, const std::string& call, uint64_t last, 
   }
 }
 
-// Runs a scenario with nothing failing, many times, then with each call failing.
+// Runs a scenario many times without failures, then with each call failing.
 void RunScenario(const Scenario& scenario) {
   const Situation clean = {&scenario, "", 0, 0, false};
   Lines verdicts;
@@ -127,7 +127,7 @@ void RunScenario(const Scenario& scenario) {
 }
 
 void Die(int number) {
-  fmt::print(stderr, "fell: {}\n  {}\n", now, number == SIGALRM ? "hangs" : sigdescr_np(number));
+  fmt::print(stderr, "FAILED: {}\n  {}\n", now, number == SIGALRM ? "hangs" : sigdescr_np(number));
   _exit(1);
 }
 
@@ -136,10 +136,11 @@ void Die(int number) {
 int main(int argc, char** argv) {
   CLI::App app(
       "Runs whole scenarios of the library again and again while one of its calls, or one of the allocations, fails:\n"
-      "the 1st, the 2nd, the 3rd ..., once and from there on, in each way that it can. After each everything is as\n"
-      "promised, nothing leaked, and the same scenario passes clean. Ends with 1 when something fell.");
-  app.add_option("--only", only, "only those whose names begin so: plain, plain/send, plain/send/8/EAGAIN/once");
-  app.add_option("--every", every, "only one situation in so many")->check(CLI::PositiveNumber);
+      "the 1st, the 2nd, the 3rd ..., once and from there on, in each way that it can. After each, the outcome must "
+      "be\n"
+      "as documented, nothing leaked, and a clean run of the scenario must pass. Exits with 1 if a situation failed.");
+  app.add_option("--only", only, "only names that begin with this: plain, plain/send, plain/send/8/EAGAIN/once");
+  app.add_option("--every", every, "only one of this many situations")->check(CLI::PositiveNumber);
   CLI11_PARSE(app, argc, argv);
   signal(SIGPIPE, SIG_IGN);
   for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(number, Die);
@@ -148,12 +149,12 @@ int main(int argc, char** argv) {
   setrlimit(RLIMIT_NOFILE, &files);
   mqc_log_to("/dev/null");
   unsetenv("TEVRA_HOME");
-  // The library says on standard output that a close failed.
+  // Discards the library's message about a failed close.
   if (freopen("/dev/null", "w", stdout) == nullptr) perror("mqfaults");
   for (const Scenario& scenario : kScenarios) {
     const std::string name = scenario.name + "/";
     if (name.starts_with(only) || only.starts_with(name)) RunScenario(scenario);
   }
-  fmt::print(stderr, "{} situations, {} fell\n", situations, fell);
+  fmt::print(stderr, "{} situations, {} failed\n", situations, fell);
   return fell == 0 && situations != 0 ? 0 : 1;
 }

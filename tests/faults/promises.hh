@@ -1,5 +1,5 @@
-// promises.hh - what each operation owes its caller when a call that it makes fails, as the headers state it: one table
-// for all scenarios. The last call of an operation that decides is looked up.
+// promises.hh - the documented outcome of each operation when one of its calls fails: one table for all scenarios. The
+// last relevant call of an operation decides.
 #pragma once
 
 #include <algorithm>
@@ -10,20 +10,20 @@
 
 namespace faults {
 
-// How an operation ended: 1 or 0, the code it left (a wait's: the status word; else node->error or rec->error), and the
-// one in the node's socket record.
+// Outcome of an operation: 1 or 0, its error (of a wait: the status word; else node->error or rec->error), and the
+// error in the node's socket record.
 struct Outcome {
   int result, error, socket_error;
 };
 constexpr int kUntouched = 7777;  // the status word before a wait
 
-// How a call ended, beside the codes of calls.hh: in any way, not with success, with success, with fewer bytes.
+// Endings of a call, other than the codes of calls.hh: any, failure, success, fewer bytes.
 constexpr int kEnds = INT_MIN, kFails = INT_MIN + 1, kWhole = INT_MIN + 2, kPart = INT_MIN + 3;
-// What is left in error, beside codes: not stated, the errno of the call (0 after a success), a code that is not 0.
+// Values of error, other than codes: not specified, the errno of the call (0 after a success), any code except 0.
 constexpr int kAny = INT_MIN, kItself = INT_MIN + 1, kSome = INT_MIN + 2;
-// In place of a result: the call decides nothing.
+// As a result: the call does not decide.
 constexpr int kIgnored = -1;
-// In place of calls: any; none that decides was made; memory was refused, when this outcome is right too.
+// As calls: any; no deciding call was made; memory was refused, which makes this outcome valid as well.
 constexpr std::string_view kAnyCall, kNoCall = "no-call", kMemory = "memory";
 
 struct Promise {
@@ -31,16 +31,16 @@ struct Promise {
   int ending, result, error, socket_error = kAny;
 };
 
-// The first row that fits decides.
+// The first matching row applies.
 constexpr Promise kPromises[] = {
     {"create connect accept close browse", "uname close fcntl poll nanosleep", kEnds, kIgnored, kAny},
-    // A creator returns the node whatever its socket does; the error is that of the last socket call.
+    // A creator returns the node even if its socket fails, with the error of the last socket call.
     {"create", "getservbyname gethostbyname", kFails, 1, kSome},
     {"create", kAnyCall, kFails, 1, kItself},
     {"create", kMemory, kEnds, 0, kAny},
     {"connect", "connect", EISCONN, 1, 0},
     {"connect", "connect", EINPROGRESS, 0, SOCK_WOULD_BLOCK},
-    {"accept", "accept", kWhole, 1, kAny},  // without memory for the child the result is 1 too
+    {"accept", "accept", kWhole, 1, kAny},  // also 1 without memory for the child
 
     {"write finish", "send sendto", EAGAIN, 1, MQ_AGAIN},
     {"write finish", "send sendto", kFails, 0, MQ_AGAIN, kItself},
@@ -63,7 +63,7 @@ constexpr Promise kPromises[] = {
     {"", kAnyCall, kEnds, 1, 0},
 };
 
-// The code with which a call failed, if it did.
+// The code with which a call failed, if it failed.
 inline std::optional<int> FailureOf(const Call& call) {
   if (call.result == -1) return call.error;
   if (call.result != 0) return std::nullopt;
@@ -75,7 +75,7 @@ inline bool IsFor(const Promise& row, std::string_view operation) {
   return row.operations.empty() || Lists(row.operations, operation);
 }
 
-// Whether an outcome is promised to an operation that made these calls, in order.
+// Whether the table promises an outcome to an operation that made these calls, in this order.
 inline bool IsPromised(std::string_view operation, const std::vector<Call>& calls, bool refused, const Outcome& is) {
   const Promise* decided = nullptr;
   int itself = 0;

@@ -1,4 +1,4 @@
-// scenarios.hh - what is done in which order, from the first node to the last one's end.
+// scenarios.hh - the scenarios, each from the creation of its nodes to their deletion.
 #pragma once
 
 #include <fcntl.h>
@@ -9,10 +9,10 @@
 namespace faults {
 
 constexpr int kHighDescriptor = 1100;  // a wait allocates for it
-constexpr int kPauses = 3;             // of the library until the rest of a header arrives
+constexpr int kPauses = 3;             // until the rest of a header arrives
 constexpr int kLimit = 5;              // writes in a full queue
 
-// The system takes a part of a message, then nothing for a while: writes are queued, until the limit refuses one.
+// The system accepts a part of a message, then nothing for a while: writes are queued until the limit refuses one.
 inline void Fill(App* app, Link* link) {
   const std::vector<size_t> sizes = app->Sizes(*link);
   MQNode* const node = link->nodes[0];
@@ -26,7 +26,7 @@ inline void Fill(App* app, Link* link) {
   if (full) app->Expect(!app->Write(link, 0, 1), "the limit of outstanding writes does not count");
 }
 
-// Messages of all sizes both ways; a queue that is filled and drained; one that is filled and thrown away.
+// Messages of all sizes in both directions; a queue that is filled and drained; one that is filled and discarded.
 inline void Talk(App* app, bool secure, bool datagram) {
   Link link = {secure, datagram};
   MQNode* listener = link.datagram ? nullptr : app->Listener();
@@ -60,7 +60,7 @@ inline void Many(App* app) {
   app->Delete(&listener);
 }
 
-// A header that arrives in two pieces, browsed on a blocking node over a descriptor that was there before it.
+// A header that arrives in two parts, browsed on a blocking node over an existing descriptor.
 inline void Browse(App* app) {
   static const std::string header = Wire(1, 1000).substr(0, kHeader);
   const Peer listener = Peer::Listen(), peer = Peer::Connect(listener.port());
@@ -80,7 +80,7 @@ inline void Browse(App* app) {
   app->Delete(&node);
 }
 
-// Names instead of numbers.
+// Names of host and service instead of numbers.
 inline void Names(App* app) {
   MQNode* listener = app->Listener("localhost", "faults");
   app->Delete(&listener);
@@ -90,7 +90,7 @@ struct Scenario {
   std::string name;
   void (*run)(App* app);
   bool streams = false;  // its receives may be cut
-  size_t cut = 0;        // every send and receive moves at most so many bytes; 0: what the system takes
+  size_t cut = 0;        // most bytes moved by a send or receive; 0: no limit
 };
 
 const Scenario kScenarios[] = {

@@ -1,5 +1,5 @@
-// capture.cc - files for mqcat decode, which arrive in pieces. The input bounds the output; a dump that mqcat writes is
-// read back.
+// capture.cc - files for mqcat decode, arriving in pieces. The input's size bounds the output; a dump written by mqcat
+// is read back.
 #include "tools/mqcat/capture.hh"
 
 #include "tests/fuzz/fuzz.hh"
@@ -26,11 +26,11 @@ struct Total : mqcat::Receiver {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  constexpr size_t kMostRepeated = 64u << 20;  // bytes that all '*' of a dump stand for
+  constexpr size_t kMostRepeated = 64u << 20;  // bytes that all '*' of a dump may repeat
   fuzz::Input input(data, size);
   const uint8_t options = input.Byte();
   std::vector<uint8_t> file = fuzz::Copy(input.Rest());
-  if ((options & 8) == 0) std::replace(file.begin(), file.end(), '*', '#');  // most of the time would go into repeating
+  if ((options & 8) == 0) std::replace(file.begin(), file.end(), '*', '#');  // repeating would take most of the time
   Total total;
   mqcat::Bytes rest = file;
   const auto next = [&, chunk = 1u + options / 16]() mutable {

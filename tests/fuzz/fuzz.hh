@@ -1,7 +1,7 @@
-// fuzz.hh - what the targets share: the input as options and bytes, requirements.
+// fuzz.hh - code shared by the targets: the input as options and bytes, requirements.
 //
-// A target is one source with LLVMFuzzerTestOneInput. The first bytes of an input choose options, the code under test
-// gets the rest. The same input always does the same: no clock, no randomness, no network.
+// A target is one source file with LLVMFuzzerTestOneInput. The first bytes of an input choose options, the others go to
+// the code under test. Targets are deterministic: no clock, no randomness, no network.
 #pragma once
 
 #include <algorithm>
@@ -25,14 +25,14 @@ namespace fuzz {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr int64_t kPresent = 1'700'000'000'000;  // where the clock is stopped
+constexpr int64_t kPresent = 1'700'000'000'000;  // time of the stopped clock
 
 [[noreturn]] inline void Fail(const char* condition, const char* file, int line) {
   fprintf(stderr, "%s:%d: requirement failed: %s\n", file, line, condition);
   abort();
 }
 
-// Splits an input from its front; behind its end are zeros.
+// Takes parts from the front of an input; returns zeros at its end.
 class Input {
  public:
   Input(const uint8_t* data, size_t size) : rest_(data, size) {}
@@ -48,7 +48,7 @@ class Input {
   Bytes rest_;
 };
 
-// A copy in a block of exactly this size, so that the sanitizer sees an access to the first byte beyond it.
+// A copy in a block of exactly this size, so that the sanitizer detects an access to the first byte after it.
 inline std::vector<uint8_t> Copy(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
 inline std::string TextOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
 

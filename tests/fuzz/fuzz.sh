@@ -5,17 +5,17 @@ usage() {
   cat <<'TEXT'
 usage: ./run fuzz [--seconds N] [TARGET ...]
 
-Feeds invented inputs to what reads bytes of others, under the address and undefined-behaviour sanitizers, for N
-seconds in all (60), shared equally by the targets:
-  reader    reads and looks of plain and signed messages, streams and datagrams, arrivals cut anywhere; the verifier
+Feeds generated inputs to code that reads untrusted bytes, under the address and undefined-behaviour sanitizers, for
+N seconds in all (60), shared equally by the targets:
+  reader    reads and browses of plain and signed messages, in streams cut anywhere and datagrams; the verifier
   message   conversion, parser, mqcat decode
   keys      key and ring files
   capture   the files that mqcat decode reads
-  planted   a fault that has to be found, else the fuzzers find nothing
+  planted   a planted fault, which proves that the fuzzers find faults
 
-What is learnt is kept in build/fuzz/corpus and used by the next run; inputs that break something are saved in
-build/fuzz/findings, and build/fuzz/bin/fuzz_TARGET FILE repeats one. Ends with 1 when anything was found, or the
-planted fault was not. A target uses at most 1 GiB of memory, an input 10 seconds.
+The next run starts from the corpus in build/fuzz/corpus. Inputs that cause a failure are saved in build/fuzz/findings,
+and build/fuzz/bin/fuzz_TARGET FILE repeats one. Exits with 1 if there were findings, or if the planted fault was not
+found. A target may use 1 GiB of memory, an input 10 seconds.
 TEXT
 }
 
@@ -38,7 +38,7 @@ done
 share=$((seconds / ${#targets[@]}))
 
 export ASAN_OPTIONS=quarantine_size_mb=16 MQCOMPANION_LOG=/dev/null
-rm -rf "$build/corpus/planted" # to be found anew
+rm -rf "$build/corpus/planted" # so that it has to be found again
 mkdir -p "$build/findings" "$build/logs"
 failed=0
 for target in "${targets[@]}"; do
@@ -48,7 +48,7 @@ for target in "${targets[@]}"; do
     -max_total_time=$((share ? share : 1)) -artifact_prefix="$build/findings/$target-" \
     "$corpus" "$here/corpus/$target" "$build/tests/fuzz/seeds/$target" >"$log" 2>&1 || status=$?
   if [ "$target" = planted ]; then
-    verdict='found, as it has to be'
+    verdict='found, as expected'
     grep >/dev/null 'heap-buffer-overflow' "$log" || { verdict='NOT FOUND' failed=1; }
     rm -f "$build/findings/planted-"*
   elif ((status)); then

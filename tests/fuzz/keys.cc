@@ -1,5 +1,5 @@
-// keys.cc - key files and ring files. The companion takes no file of which mqc_key_read refuses a line, a signer
-// exactly when one line is right for it, and no secret key into the ring; a key that was written is read back.
+// keys.cc - key files and ring files. The companion refuses files with a line that mqc_key_read refuses, loads a signer
+// exactly if one line is suitable, and accepts no secret key in a ring. Written keys can be read back.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@ using Keys = std::vector<MqcKey>;
 
 bool SameKey(const MqcKey& a, const MqcKey& b) { return memcmp(a.key, b.key, sizeof a.key) == 0; }
 
-// False when a line is malformed. Each is read from a block of its own.
+// False if a line is malformed. Reads each from a block of its own.
 bool ReadLines(fuzz::Bytes bytes, Keys* keys) {
   while (!bytes.empty()) {
     const auto end = std::find(bytes.begin(), bytes.end(), '\n');

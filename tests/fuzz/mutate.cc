@@ -1,6 +1,6 @@
-// mutate.cc - invents inputs. Most changes are libFuzzer's own, or of a random byte where it is not linked; some cut
-// the end off a message, or off an input without one. Then most let header and envelope announce what is there, so that
-// the parser sees the fault.
+// mutate.cc - the mutator. Most mutations are libFuzzer's own, or change a random byte where it is not linked; some cut
+// off the end of a message, or of an input without one. Most of the time, header and envelope are then adjusted to
+// announce the bytes present, so that the parser processes the fault.
 #include <cstring>
 #include <random>
 
@@ -23,7 +23,7 @@ void Store(uint8_t* at, bool big, size_t value) {
 }
 bool IsLength(const uint8_t* at, uint32_t length) { return Load(at, false) == length || Load(at, true) == length; }
 
-// Lets header and envelope announce a body that ends there.
+// Makes header and envelope announce a body that ends there.
 void Fit(uint8_t* data, size_t size, size_t begin, size_t end) {
   if (end < begin + kHeader || end > size) return;
   uint8_t *const header = data + begin, *const envelope = header - kEnvelope;
@@ -39,7 +39,7 @@ void Fit(uint8_t* data, size_t size, size_t begin, size_t end) {
 
 size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed) {
   std::minstd_rand random(seed);
-  size_t begin = random() % (size + 1) / 2;  // of a header
+  size_t begin = random() % (size + 1) / 2;  // of the header
   while (begin + kHeader <= size && !IsLength(data + begin, kHeader)) ++begin;
   const size_t body = begin + kHeader;
   if (body > size) return size == 0 || random() % 4 != 0 ? LLVMFuzzerMutate(data, size, most) : 1 + random() % size;

@@ -1,5 +1,7 @@
-// oracle.hh - what becomes of a message, signed by alice if at all, whose signatures are right when they are zeros.
+// oracle.hh - the expected fate of a message, whose signature, if any, is alice's and valid if it is all zeros.
 #pragma once
+
+#include <sodium.h>
 
 #include <cstring>
 #include <optional>
@@ -38,7 +40,7 @@ inline int AddParam(PcfMessage* msg, const MqcParam& param) {
   return param.type == MQC_BYTES && mqc_add_bytes(msg, param.id, param.bytes, param.length);
 }
 
-// Requires a native header that says the length, and parameters from which the same body can be composed again.
+// Requires a native header with the right length, and parameters from which the same body can be composed.
 inline void CheckDelivered(const PcfMessage* msg) {
   const PcfRawData& raw = msg->raw;
   REQUIRE(raw.length > kHeader && raw.length <= MQ_MAX_MESSAGE && raw.length <= raw.capacity);
@@ -55,8 +57,7 @@ inline void CheckDelivered(const PcfMessage* msg) {
   mqc_message_free(copy);
 }
 
-// What a reader has to hand out for a plain message: header and body in native form, the body as it came when it is
-// broken.
+// What a reader must deliver for a plain message: header and body in native form; a broken body as it arrived.
 inline std::vector<uint8_t> Native(Bytes plain) {
   Record record(plain);
   PcfMessage* const msg = record;
@@ -64,12 +65,21 @@ inline std::vector<uint8_t> Native(Bytes plain) {
   return record.raw();
 }
 
-// The rules that mqcat decode finds broken in a whole message or a datagram.
-inline std::set<std::string> BrokenRules(Bytes message) {
+// Opens a sealed message whose tag is zero as if it were not encrypted. The key in the seal must be valid.
+inline std::string OpenZeroTag(std::span<uint8_t> message) {
+  const uint8_t* const seal = message.last(kTrailer + kSeal).data();
+  const uint8_t secret[32] = {1};
+  uint8_t shared[32];
+  return sodium_is_zero(seal + 48, 16) && crypto_scalarmult(shared, secret, seal + 16) == 0 ? "" : "the seal is broken";
+}
+
+// The rules that a whole message or a datagram breaks, according to mqcat decode.
+inline std::set<std::string> BrokenRules(Bytes message, const mqcat::MessageOpener& opener = {}) {
   std::set<std::string> rules;
-  mqcat::DecodeDatagram(message, [&rules](const mqcat::Piece& piece) {
+  const auto add = [&rules](const mqcat::Piece& piece) {
     for (const mqcat::Fault& fault : piece.faults) rules.emplace(fault.rule);
-  });
+  };
+  mqcat::DecodeDatagram(message, add, opener);
   return rules;
 }
 
@@ -79,17 +89,22 @@ inline bool IsSealed(Bytes message) {
   return (message[0] == 0 ? __builtin_bswap32(version) : version) == 2;
 }
 
-// Whether a reader has to accept a signed message that it has not accepted before; nothing when that depends on what is
-// sealed, or when a text field is not zero-filled, which is a fault in users and passed on in the program's name.
+// Whether a reader must accept a new signed message, which may be sealed for alice. Nothing if a text field is not
+// zero-filled, which is a fault in the user but allowed in the program's name.
 inline std::optional<bool> IsAcceptable(Bytes message) {
   const Bytes trailer = message.last(kTrailer), signature = trailer.subspan(kAtSignature);
   uint64_t time;
   memcpy(&time, trailer.data() + kAtTime, sizeof time);
   const bool fresh = __builtin_bswap64(time) - (kPresent - kWindow) <= uint64_t{2 * kWindow};
   if (!fresh || std::count(signature.begin(), signature.end(), 0) != std::ssize(signature)) return false;
-  if (IsSealed(message)) return std::nullopt;
-  std::set<std::string> broken = BrokenRules(message);
-  std::erase_if(broken, [](const std::string& rule) {  // nobody looks at the body before the signature was verified
+  if (IsSealed(message)) {
+    const size_t behind = kTrailer + kSeal;
+    const char recipient[12] = "alice";
+    if (message.size() < kEnvelope + kHeader + behind) return false;
+    if (memcmp(message.last(behind).data(), recipient, sizeof recipient) != 0) return false;
+  }
+  std::set<std::string> broken = BrokenRules(message, {"alice", OpenZeroTag});
+  std::erase_if(broken, [](const std::string& rule) {  // the body is not parsed before verification
     return rule.starts_with("parameter-") || rule == "body-head" || rule == "body-rest" || rule == "text-zero-byte" ||
            rule == "encoding-version" || rule == "origin-word";
   });

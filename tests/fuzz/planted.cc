@@ -1,5 +1,5 @@
-// planted.cc - a fault that has to be found: behind four comparisons a byte beyond a block is read. ./run fuzz fails
-// when it is not found in time, and the tests fail when the sanitizer does not report the input that reaches it.
+// planted.cc - a planted fault: after four comparisons, a byte beyond a block is read. ./run fuzz fails if it is not
+// found in time, and the tests fail if the sanitizer does not report the input that triggers it.
 #include "tests/fuzz/fuzz.hh"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,10 +1,9 @@
-// reader.cc - the reads and looks of the library, while a peer's bytes arrive in pieces. After each call result, error
-// and counters fit what was received and delivered, and a signed message is accepted exactly when it has to be. Then
-// the bytes are read again in one piece, without looks and by a new node for each message, with the same outcome.
-//
-// The program defines recvfrom, to which libmqnode binds: the next piece arrives when a reader finds nothing to
-// receive. It also defines what verifies signatures and decrypts, whose results a fuzzer never guesses: signatures and
-// tags of zeros are right, and what is encrypted reads as it is.
+// reader.cc - the library's reads and browses, while a peer's bytes arrive in pieces. After each call, its result, its
+// error and the counters must match what was received and delivered, and a signed message must be accepted exactly if
+// it is valid. Then the bytes are read again in one piece, without browses and by a new node for each message, with the
+// same outcome. The program defines recvfrom, to which libmqnode binds: the next piece arrives when a reader finds
+// nothing to receive. It also defines verification and decryption, which a fuzzer could never satisfy: signatures and
+// tags of zeros are valid, and decryption changes nothing.
 #include <fcntl.h>
 #include <sodium.h>
 #include <sys/socket.h>
@@ -23,11 +22,11 @@ constexpr ptrdiff_t kBehind = fuzz::kSeal + fuzz::kTrailer;
 enum Mode : uint8_t { kDatagram = 1, kSecure = 2, kPrompt = 4 };  // kPrompt: pieces arrive without an EAGAIN
 enum Call : uint8_t { kRead, kBrowse, kReadAgain, kReadOther };   // kReadOther: as a message of the other framing
 
-// What an input asks for.
+// The parts of an input.
 struct Plan {
   uint8_t mode;
   uint8_t calls;     // the last three of each four calls, two bits each; the first is kRead
-  fuzz::Bytes cuts;  // sizes of the pieces, 255 for 4080; all that is left arrives at once behind the last of them
+  fuzz::Bytes cuts;  // sizes of the pieces, 255 for 4080; the last piece, after these, has all that is left
   fuzz::Bytes bytes;
 
   bool Has(Mode bit) const { return (mode & bit) != 0; }
@@ -36,8 +35,7 @@ struct Plan {
   bool Mixes() const { return At(1) == kReadOther || At(2) == kReadOther || At(3) == kReadOther; }
 };
 
-// The bytes on their way to a socket. Behind the last of them the peer closes; on a datagram node the last datagrams
-// are empty ones.
+// The bytes on their way to a socket, after which the peer closes. On a datagram node, the last datagrams are empty.
 class Wire {
  public:
   explicit Wire(const Plan& plan) : plan_(plan) {
@@ -75,7 +73,7 @@ class Wire {
 
 Wire* wire;
 
-// The error of a read and what it made of one message; empty when it was not counted.
+// The error of a read, and the message that it made, which is empty if it was not counted.
 using Outcome = std::pair<int, std::vector<uint8_t>>;
 
 class Session {
@@ -94,7 +92,7 @@ class Session {
   }
   ~Session() { mqc_message_free(msg_); }
 
-  // Every outcome to the end, but for reads that have to be made again.
+  // All outcomes, except of reads that have to be repeated.
   std::vector<Outcome> Run(bool renew) {
     std::vector<Outcome> outcomes;
     NewNode();
@@ -133,7 +131,7 @@ class Session {
     return result != 0;
   }
 
-  // A look changes nothing, and shows the header that is next on the wire.
+  // A browse changes nothing, and shows the next header on the wire.
   Outcome Browse() {
     const MQNode before = *node_;
     const size_t taken = wire_.taken();
@@ -166,8 +164,8 @@ class Session {
     return {error, fuzz::Copy({msg_->raw.data, msg_->raw.length})};
   }
 
-  // The record holds what came, as it came when it was refused, else in native form. A sealed message that was refused
-  // may have been wiped.
+  // The record contains what was received: unchanged if it was refused, else in native form. A sealed message that was
+  // refused may have been wiped.
   void CheckCounted(fuzz::Bytes came, bool secure, bool refused) {
     const bool sealed = secure && fuzz::IsSealed(came);
     const size_t front = secure ? fuzz::kEnvelope : 0;
@@ -179,7 +177,7 @@ class Session {
     REQUIRE(refused || memcmp(msg_->secHeader.userId, msg_->raw.data + offsetof(MsgHeader, userId), 12) == 0);
   }
 
-  // What has to be accepted is accepted once. A sealed message may be remembered although it was refused.
+  // A valid message is accepted once. A sealed message may be remembered although it was refused.
   void CheckAccepted(fuzz::Bytes came, bool accepted) {
     const bool sealed = fuzz::IsSealed(came), wanted = plan_.Sealing() != (sealed ? MQC_SEAL_NEVER : MQC_SEAL_MUST);
     const std::optional<bool> acceptable = wanted ? fuzz::IsAcceptable(came) : false;
@@ -193,8 +191,8 @@ class Session {
   Wire wire_;
   PcfMessage* msg_;
   MQNode* node_ = nullptr;
-  size_t begin_ = 0;                      // of the message that is being read
-  std::set<std::string> seen_, refused_;  // times and nonces of messages that were accepted, or sealed and refused
+  size_t begin_ = 0;                      // of the current message
+  std::set<std::string> seen_, refused_;  // times and nonces of accepted messages; of refused sealed ones
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
-// replay.cc - main of the targets where no fuzzer is linked: runs each input in the folders of its arguments, then, but
-// for those that once found something, with some changes, which are the same every time.
+// replay.cc - main of the targets where no fuzzer is linked. Runs each input in the given folders, followed by fixed
+// mutations of it unless it is a former finding.
 #include <filesystem>
 #include <fstream>
 #include <iterator>

@@ -1,5 +1,5 @@
-// seeds.cc - writes the messages that fuzzing begins with: DIRECTORY/TARGET/NAME. tests/support/sender.hh makes them in
-// every form, signed ones with a signature of zeros.
+// seeds.cc - writes the messages with which fuzzing starts: DIRECTORY/TARGET/NAME. tests/support/sender.hh makes them
+// in every form; signatures are zeros.
 #include <filesystem>
 #include <fstream>
 
@@ -18,13 +18,13 @@ void Put(const char* target, const std::string& name, std::initializer_list<int>
   Check((file << Bytes(options.begin(), options.end()) << bytes).flush().good(), "write a seed");
 }
 
-// Signed so many seconds off the present, with a nonce of zeros.
+// Signed this many seconds after the present, with a nonce of zeros.
 Bytes ToSign(Form form, const Bytes& message, int seconds = 0) {
   const Encoder trailer = Encoder({true, false}).Raw("MQSIGN01").Number(fuzz::kPresent + seconds * 1000, 8);
   return Enveloped(form, message, "alice", trailer.bytes + Bytes(16 + 64, '\0'));
 }
 
-// Sealed for alice with a tag of zeros. What is encrypted reads as it is.
+// Sealed for alice with a tag of zeros, and not encrypted.
 Bytes ToOpen(Form form, const Bytes& message) {
   const Bytes seal = Encoder({}).Text("alice", 16).Raw(Bytes(32, 'k')).Raw(Bytes(16, '\0')).bytes;
   const Encoder trailer = Encoder({true, false}).Raw("MQSIGN02").Number(fuzz::kPresent, 8);
@@ -44,9 +44,10 @@ void PutMessages(Form form) {
   Put("reader", name + "-signed-datagram", {3, 12, 0}, to_sign);
   Put("message", name, {0}, message);
   Put("message", name + "-stream", {0}, message + "?" + to_sign);
+  Put("message", name + "-sealed", {6}, to_open + message + to_open);
 }
 
-// On both sides of every bound.
+// Values on both sides of every bound.
 void PutBounds() {
   for (const uint32_t size : {0u, (64u << 20) - 136, (64u << 20) - 135, UINT32_MAX}) {
     Put("reader", "announces-" + std::to_string(size), {0, 4, 2, 136, 1}, Encoder({}).Header(size, "alice").bytes);

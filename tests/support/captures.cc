@@ -1,7 +1,8 @@
-// captures.cc - writes messages as dumps, a line each, for text2pcap and mqcat decode, and what is to be seen in them.
+// captures.cc - writes messages as dumps, one a line, for text2pcap and mqcat decode, and what decoders should show.
 //   captures DIRECTORY SEED
 //
-// A datagram node reads every message; the error that it reports is the expected verdict.
+// A datagram node reads every message; its error is the expected verdict.
+//   moritz.key                  secret key of the user who signs messages, and for whom they are sealed
 //   sample-N.hex  samples.txt: the columns that wireshark_test.sh asks for; stream-N.hex: all in segments of N bytes
 //   broken.hex, mutants.hex     broken.txt, mutants.txt: error, first rule broken in a stream, part of the expert info
 #include <arpa/inet.h>
@@ -36,14 +37,29 @@ void Dump(const std::string& path, const std::vector<Bytes>& packets) {
   }
 }
 
-// Signed by "moritz", whom the ring knows.
-Bytes Sign(Form form, const Bytes& plain, uint64_t milliseconds) {
-  static uint8_t seed[MQC_KEY_BYTES], open[MQC_KEY_BYTES];
-  static const bool known = mqc_generate_key(seed, open) && mqc_ring_add("moritz", open, nullptr, 0);
-  static uint64_t count = 0;
-  Check(known, "a key");
-  return Signed(form, plain, "moritz", seed, milliseconds, Encoder(form).Number(++count, 8).bytes);
-}
+// Signs messages as "moritz", who is in the ring, and seals them for him.
+class Signer {
+ public:
+  explicit Signer(const std::string& path) {
+    const bool known = mqc_generate_key(seed_, open_) && mqc_ring_add("moritz", open_, nullptr, 0);
+    const mqnode::Signer signer = mqnode::Signer::create("moritz", seed_);
+    Check(known && mqc_set_opener(signer.get()), "a key");
+    Check(mqc_secret_file_write((path + "moritz.key").c_str(), "moritz", seed_, nullptr, 0), "moritz.key");
+  }
+  Bytes Sign(Form form, const Bytes& plain, uint64_t milliseconds) {
+    return Signed(form, plain, "moritz", seed_, milliseconds, Nonce());
+  }
+  Bytes Seal(Form form, const Bytes& plain, uint64_t milliseconds) {
+    const Bytes nonce = Nonce(), sealed = Sealed(plain, "moritz", "moritz", open_, milliseconds, nonce);
+    return Signed(form, sealed, "moritz", seed_, milliseconds, nonce, 2);
+  }
+
+ private:
+  Bytes Nonce() { return Encoder({}).Number(++count_, 8).bytes; }
+
+  uint8_t seed_[MQC_KEY_BYTES], open_[MQC_KEY_BYTES];
+  uint64_t count_ = 0;
+};
 
 class Reader {
  public:
@@ -68,12 +84,12 @@ class Reader {
 
 // ---- Good messages ----
 
-// Each message as a packet of its own, and all of them in segments. The last is longer than most segments.
-std::vector<Bytes> WriteSamples(const std::string& path, uint64_t now) {
+// Each message as a packet of its own, and all in segments. The last message is longer than most segments.
+std::vector<Bytes> WriteSamples(const std::string& path, Signer& signer, uint64_t now) {
   fmt::ostream seen = fmt::output_file(path + "samples.txt");
   std::vector<Bytes> samples = {Plain(kNative, Encoder(kNative).Word(0).Word(0).bytes)};
-  seen.print("0\tmoritz\tforeign sender{:\t>8}\n", "");
-  std::string printable;  // all of ISO-8859-1 that can be seen, but the backslash, which tshark writes twice
+  seen.print("0\tmoritz\tforeign sender{:\t>9}\n", "");
+  std::string printable;  // all visible characters of ISO-8859-1 except the backslash, which tshark doubles
   for (int c = 32; c < 256; ++c) {
     if ((c < 127 || c > 160) && c != '\\') printable += static_cast<char>(c);
   }
@@ -82,12 +98,14 @@ std::vector<Bytes> WriteSamples(const std::string& path, uint64_t now) {
                                    {{true, false}, std::string(6000, 'x')},
                                    {{true, true}, printable}}) {
     samples.push_back(Plain(form, Body(form, text)));
-    samples.push_back(Sign(form, samples.back(), now));
+    samples.push_back(signer.Sign(form, samples.back(), now));
     const std::string row =
         fmt::format("77\tmoritz\tforeign sender\t1|2|3|4|1\t{}|4|8|3|0\t-5\t-9223372036854775807\t{}|\t00feff\t",
                     text.size(), form.ebcdic ? Convert(text, "ISO-8859-1", "UTF-8") : text);
-    seen.print("{0}\t\n{0}moritz\t{1}\n", row, now);
+    seen.print("{0}\t\t\n{0}moritz\t{1}\t\n", row, now);
   }
+  samples.push_back(signer.Seal({true, true}, samples[7], now));
+  seen.print("{:\t>9}moritz\t{}\tmoritz\n", "", now);
   for (size_t i = 0; i < samples.size(); ++i) Dump(path + fmt::format("sample-{}", i), {samples[i]});
   const Bytes stream = fmt::format("{}", fmt::join(samples, ""));
   for (size_t size : {7, 100, 1460, 60000}) {
@@ -98,7 +116,7 @@ std::vector<Bytes> WriteSamples(const std::string& path, uint64_t now) {
   return samples;
 }
 
-// ---- What is wrong with messages ----
+// ---- Broken messages ----
 
 struct Broken {
   Bytes wire;
@@ -112,8 +130,10 @@ Bytes WithBody(std::initializer_list<uint32_t> words) {
   return Plain(kNative, body.bytes);
 }
 
-std::vector<Broken> BrokenMessages(uint64_t now) {
-  const Bytes plain = Plain(kNative, Body(kNative, "text")), good = Sign(kNative, plain, now);
+std::vector<Broken> BrokenMessages(Signer& signer, uint64_t now) {
+  const Bytes plain = Plain(kNative, Body(kNative, "text")), good = signer.Sign(kNative, plain, now);
+  const Bytes sealed = signer.Seal(kNative, plain, now);
+  const size_t seal = sealed.size() - 96 - 64;
   const Bytes big = Plain({true, false}, Body({true, false}, "text"));
   const Bytes long_body = Encoder(kNative).Word(99).Word(1).Word(1).Word(4).Word(17000).Raw(Bytes(17000, 'x')).bytes;
   const Bytes unsafe = "\x1b[2J\a\r\n\x7f\xc2\x9b\xd8\x9c\xe2\x80\xae\xe2\x81\xa6";
@@ -146,14 +166,18 @@ std::vector<Broken> BrokenMessages(uint64_t now) {
       {Plain(kNative, Body(kNative, unsafe), "\x1b\n\x7f\xe2\x80\xaeq"), "none", ""},
       {Plain(kNative, Body(kNative, "not UTF-8: \x9b\xff"), "\x9b\xff"), "none", ""},
       {Plain(kNative, Body(kNative, "text"), Bytes("u\0x", 3)), "zero-fill", ""},
-      {With(good, 4, 2), "envelope-version", "an envelope of version 2"},
+      {With(good, 4, 3), "envelope-version", "an envelope of version 3"},
       {With(good, 16, 0), "message-length", "nothing follows the header"},
       {With(good.substr(0, 32 + 232), 16, 232), "message-length", "232 bytes are too short for a signature"},
       {With(good, 32, 1), "header-in-envelope", "behind the envelope: the first word is 1, not the length 136"},
       {With(good, 32 + 64, 5), "message-length", "the header says 5 bytes of body"},
       {With(good, 20, 0x61616161), "user-mismatch", "header and envelope name different users"},
-      {With(With(good, 20, 0x20202020), 104, 0x20202020), "none", "the user in the envelope is not valid"},
+      {With(With(good, 20, 0x20202020), 104, 0x20202020), "user-name", "the user in the envelope is not valid"},
       {With(good, good.size() - 96, 0), "trailer-mark", "no signature follows the message"},
+      {With(sealed, sealed.size() - 96, 0), "trailer-mark", "no signature follows the message"},
+      {With(sealed, seal + 12, 1), "seal-reserved", "the reserved bytes of the seal are not zero"},
+      {With(sealed, seal + 4, 0x20202020), "user-name", "the user that it is sealed for is not valid"},
+      {With(sealed.substr(0, 32 + 296), 16, 296), "message-length", "296 bytes are too short for a signature"},
   };
 }
 
@@ -177,7 +201,7 @@ void Write(const std::string& path, Reader& reader, const std::vector<Broken>& m
 
 }  // namespace
 
-// One of the mutator's changes, where no fuzzer is linked: a word becomes one that a length, a type or a flag may be.
+// A mutation for builds without a fuzzer: a word is set to a plausible length, type or flag.
 size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t) {
   static const uint8_t kBytes[] = {0, 1, 2, 3, 4, 5, 8, 12, 32, 136, 0x7f, 0xff};
   for (size_t at = Below(size / 4 + 1) * 4, end = std::min(size, at + 1 + Below(2) * 3); at < end; ++at) {
@@ -192,9 +216,10 @@ int main(int argc, char** argv) {
   generator.seed(static_cast<unsigned>(strtoul(argv[2], nullptr, 10)));
   const uint64_t now = static_cast<uint64_t>(time(nullptr)) * 1000;
   Reader reader;
-  const std::vector<Bytes> samples = WriteSamples(path, now);
+  Signer signer(path);
+  const std::vector<Bytes> samples = WriteSamples(path, signer, now);
   for (const Bytes& sample : samples) Check(reader.Error(sample) == 0, "read a sample");
-  Write(path + "broken", reader, BrokenMessages(now));
+  Write(path + "broken", reader, BrokenMessages(signer, now));
   std::vector<Broken> mutants;
   for (int i = 0; i < kMutants; ++i) mutants.push_back({Mutant(samples[Below(samples.size())]), "any", "any"});
   Write(path + "mutants", reader, mutants);

@@ -1,7 +1,7 @@
 """cluster.py - bridges, workers, nodes and nats-servers for scripts, whose first argument is the build directory.
 
-Servers get free ports of 127.0.0.1 and a temporary directory; finish() ends all that was started, by process id. Nodes
-and the NATS protocol are spoken here by plain sockets.
+Servers get free ports of 127.0.0.1 and a temporary directory; finish() kills all started processes, by process id. The
+protocols of nodes and of NATS are implemented here, on plain sockets.
 """
 import base64
 import itertools
@@ -50,7 +50,7 @@ def start(*command):
 
 
 class Bridge:
-    """mqbridge, and the events that it tells."""
+    """mqbridge, and the events that it reports."""
 
     def __init__(self, *arguments, event):
         self.events = []
@@ -75,7 +75,7 @@ class Bridge:
 
 
 class Node:
-    """A client of a node; several messages may be on their way."""
+    """A client of a node; several messages may be unanswered."""
 
     def __init__(self, port, user="tester"):
         self.user = user.encode()
@@ -90,7 +90,7 @@ class Node:
         self.socket.sendall(struct.pack("<IIII48xII12s48sI", 136, 1, 0, 1, len(body), 0, self.user, b"test", 0) + body)
 
     def receive(self):
-        """Command, and the parameters by their ids."""
+        """Returns the command, and the parameters by their ids."""
         header = self.file.read(136)
         if len(header) < 136:
             raise ConnectionError
@@ -126,13 +126,13 @@ class Nats:
         self.write(f"PUB {subject} {reply} {len(body.encode())}", body)
 
     def subscribe(self, subject):
-        """Returns when the server knows of it."""
+        """Returns once the server has processed the subscription."""
         self.write(f"SUB {subject} 2", "PING")
         while self.file.readline() != b"PONG\r\n":
             continue
 
     def next(self):
-        """Subject, reply, headers and body of the next message."""
+        """Returns subject, reply, headers and body of the next message."""
         while True:
             words = self.file.readline().decode().split()
             if not words:

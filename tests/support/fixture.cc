@@ -26,7 +26,7 @@ void Note(char kind, const void* object, const std::string& what) {
   Platform::Note(kind, name == Trace::Now().names.end() ? what : name->second + " " + what);
 }
 
-// A helper that fails means that the test tells nothing: stop.
+// A failed helper makes the test meaningless: stop.
 template <typename Result>
 Result Check(Result result, const char* what) {
   if (result >= 0) return result;
@@ -68,7 +68,7 @@ int Trace::OnError(SockRec* rec) {
 
 std::string Take(std::string_view kinds) {
   std::string text;
-  Lines open;  // operations between their two trace points
+  Lines open;  // operations between their Before and After points
   for (const Call& call : Platform::Records()) {
     if (kinds.find(call.kind) == kinds.npos) continue;
     const std::string event = call.Text(), name = event.substr(0, event.find(':'));
@@ -203,7 +203,7 @@ Lines OpenDescriptors() {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
     const std::string target = std::filesystem::read_symlink(entry, gone);
-    const bool folder = target == format("/proc/{}/fd", getpid());  // the one that is being read
+    const bool folder = target == format("/proc/{}/fd", getpid());  // the directory being read
     if (!gone && !folder) open.push_back(entry.path().filename().string() + " -> " + target);
   }
   std::sort(open.begin(), open.end());

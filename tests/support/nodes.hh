@@ -1,6 +1,5 @@
-// nodes.hh - nodes and messages for tests, and the companion's functions as tests want them: recorded, failing, with an
-// identity that does not depend on who runs the test. It defines functions that libmqnode binds to: one source of a
-// test program includes it.
+// nodes.hh - nodes and messages for tests, and the companion's functions: recorded, able to fail, with a fixed
+// identity. It defines functions that libmqnode binds to: include it in one source file of a test program.
 #pragma once
 
 #include <dlfcn.h>
@@ -25,7 +24,7 @@ struct Companion {
   }
 };
 
-// The table of the message functions: noted as events of kind 'm', failed when asked for, passed on.
+// The message functions: recorded as events of kind 'm', failed on request, passed on.
 #define NOTED(name, parameters, arguments, ...)                                            \
   inline __attribute__((used)) int name parameters {                                       \
     Platform::Note('m', format(#name __VA_ARGS__));                                        \
@@ -56,13 +55,13 @@ NOTED(mqc_authenticate, (SecureHeader * envelope, IoBuffer* part, PcfMessage* ms
 
 }  // extern "C"
 
-// Words of a header, in this host's byte order.
+// A word of a header, in this host's byte order.
 inline uint32_t WordAt(std::string_view bytes, size_t at) {
   uint32_t word;
   memcpy(&word, bytes.data() + at, sizeof word);
   return word;
 }
-// The same header or message as a host of the other byte order sends it.
+// The same header or message as sent by a host with the other byte order.
 inline std::string Foreign(std::string wire) {
   wire = With(std::move(wire), 8, 1);
   const bool plain = WordAt(wire, 0) != 32;
@@ -81,11 +80,11 @@ inline std::string Field(std::string_view text, size_t size) {
 
 constexpr size_t kHeader = 136;
 constexpr size_t kEnvelope = 32;
-constexpr size_t kTrailer = 96;  // what the companion's signature takes
+constexpr size_t kTrailer = 96;  // bytes of the companion's signature trailer
 constexpr size_t kAtBody = 64;   // of bodyLength
 constexpr size_t kAtUser = 72;   // of userId
 
-// A record, owned. One that Put filled holds a message with bytes as its only parameter.
+// Owns a record. After Put, the message has bytes as its only parameter.
 struct Message : mqnode::Message {
   explicit Message(uint32_t capacity = 0) : mqnode::Message(mqc_message_new(capacity)) {}
   Message(uint32_t command, size_t bytes) : Message() { Put(command, bytes); }
@@ -93,7 +92,7 @@ struct Message : mqnode::Message {
   operator PcfMessage*() const { return get(); }
   void Put(uint32_t command, size_t bytes) const { EXPECT_TRUE(begin(command) && add(1, Value(command, bytes))); }
   std::string raw() const { return {reinterpret_cast<const char*>(get()->raw.data), get()->raw.length}; }
-  // "command:bytes from sender" when the parameter is what Put puts.
+  // "command:bytes from sender" if the parameter is what Put adds.
   std::string Text() const {
     const mqnode::Bytes value = find(1).bytes();
     const std::string_view bytes(reinterpret_cast<const char*>(value.data()), value.size());
@@ -108,12 +107,12 @@ struct Message : mqnode::Message {
   }
 };
 
-// The bytes of a plain message from somebody who signs with "peer": 156 and the value, rounded up to a multiple of 4.
+// A plain message from user "peer": 156 bytes and the value, rounded up to a multiple of 4.
 inline std::string Wire(uint32_t command, size_t bytes = 4) {
   return Message(command, bytes).raw().replace(kAtUser, 4, "peer");
 }
 
-// A node, owned.
+// Owns a node.
 struct Node : mqnode::Node {
   using mqnode::Node::Node;
   MQNode* operator->() const { return get(); }
@@ -156,7 +155,7 @@ inline std::string WriteState(const MQNode* node) {
 }
 inline std::string Error(const MQNode* node) { return std::to_string(node->error); }
 
-// Messages signed by "tester", whom the ring knows.
+// Messages signed by "tester", who is in the ring.
 class Keys {
  public:
   Keys() {
@@ -165,7 +164,7 @@ class Keys {
     signer = mqnode::Signer::create("tester", secret);
   }
   ~Keys() { mqc_ring_clear(); }
-  // The bytes of a signed message as a node puts them on the wire: 128 more than the plain one.
+  // The bytes of a signed message as sent by a node: 128 more than the plain one.
   std::string Sign(uint32_t command, size_t bytes = 4) const {
     const Link link = Connect();
     const Message out(command, bytes);
@@ -185,7 +184,7 @@ class NodeTest : public Fixture {
     Platform::SetNodeName("testnode");
   }
 
-  // Notes every trace point and error callback of a node and its socket, the node's with what show says.
+  // Records all trace points and error callbacks of a node and its socket; show is called for the node's.
   static void Watch(MQNode* node, std::string (*show)(const MQNode*) = nullptr) {
     mnSetTraceCallBack(Trace::OnNode, node);
     OnSocketTrace(&node->sock, Trace::OnSocket);

@@ -1,5 +1,5 @@
 // platform.cc - the interposed system library of the test programs.
-// Invariant: only calls whose caller lies in libmqnode.so are looked at; all others go straight on.
+// Invariant: only calls from libmqnode.so are recorded or changed; all others are passed on.
 #include "tests/support/platform.hh"
 
 #include <arpa/inet.h>
@@ -31,10 +31,10 @@ struct Place {
 };
 Place library = {"libmqnode.so", 0, 0};
 Place companion = {"libmqcompanion.so", 0, 0};
-// Blocks that the library has from malloc and calloc; null where there is none.
+// Blocks that the library has from malloc and calloc; null entries are free.
 void* library_blocks[64];
 
-// What the companion allocates is looked at once counting began: it may be used by many threads.
+// The companion's allocations are only recorded once counting began, because many threads may use it.
 constexpr char kCompanionMalloc[] = "companion malloc";
 bool counting;
 
@@ -65,7 +65,7 @@ Function* Next(Function*& slot, const char* name) {
   return slot;
 }
 
-// The errno that a rule wants for this call, if one does. errno itself stays.
+// The errno that a rule injects into this call, if any. Does not change errno.
 std::optional<int> Injected(const char* name) {
   const int before = errno;
   std::optional<int> code;
@@ -99,7 +99,7 @@ void Record(Call call) {
   errno = before;
 }
 
-// Runs one call: injected failure or the real thing, then the record. errno is the call's afterwards.
+// Runs one call, real or failing by injection, and records it. Leaves the call's errno.
 template <typename Run>
 auto Do(Call call, Run run) -> decltype(run()) {
   const int before = errno;
@@ -118,7 +118,7 @@ auto Do(Call call, Run run) -> decltype(run()) {
   return result;
 }
 
-// A lookup: find says whether there is an answer. errno stays, unless a failure with a code is injected.
+// A lookup: find says whether there is an answer. errno is unchanged unless a failure with a code is injected.
 template <typename Find>
 bool Look(Call call, Find find) {
   const int before = errno;
@@ -132,13 +132,13 @@ bool Look(Call call, Find find) {
   return found;
 }
 
-// Notes that the library has a block, or no longer has it.
+// Records that the library has got or released a block.
 void Exchange(void* from, void* to) {
   void** const place = std::find(std::begin(library_blocks), std::end(library_blocks), from);
   if (place != std::end(library_blocks)) *place = to;
 }
 
-// An allocation of the library's or the companion's that has to fail.
+// Whether an allocation of the library or the companion has to fail.
 bool Refused(const char* name) {
   if (name != kCompanionMalloc) ++Now().allocations;
   if (!Injected(name)) return false;
@@ -153,7 +153,7 @@ std::string AddressText(const sockaddr* address) {
   return fmt::format("{}:{}", inet_ntoa(in.sin_addr), ntohs(in.sin_port));
 }
 
-// The first host that fits, in static storage as the real entries are.
+// The first matching host, in static storage like real entries.
 template <typename Fits>
 hostent* LookHost(Call call, Fits fits) {
   static std::string host_name;
@@ -174,7 +174,7 @@ hostent* LookHost(Call call, Fits fits) {
   return &entry;
 }
 
-// The last service that fits.
+// The last matching service.
 template <typename Fits>
 servent* LookService(Call call, Fits fits) {
   static Service found;
@@ -188,20 +188,20 @@ servent* LookService(Call call, Fits fits) {
   return &entry;
 }
 
-// Runs the hook of pauses, then passes detail on to the record.
+// Runs the pause hook and returns detail for the record.
 std::string Pause(std::string detail) {
   Now().on_pause();
   return detail;
 }
 
-// The value of a socket option: one word, or two.
+// The value of a socket option, one word or two.
 std::string OptionText(const void* value, socklen_t length) {
   int words[2] = {};
   memcpy(words, value, std::min<size_t>(length, sizeof words));
   return fmt::format(fmt::runtime(length > 4 ? "{}, {}" : "{}"), words[0], words[1]);
 }
 
-// While next is looked up, and only then, libc's own serves.
+// libc's own allocator is used while the next one is looked up.
 template <typename Function>
 Function* Allocator(Function*& next, const char* name, Function* sanitizers, Function* libcs) {
   static bool looking = false;
@@ -225,7 +225,7 @@ std::string Call::Text() const {
 
 Platform::State& Platform::Now() {
   static State state;
-  // What the library's destructors call at the end of the process, as they do in a coverage build, goes past.
+  // Ignores what the library's destructors call at exit, as in a coverage build.
   static const struct End {
     ~End() { library.end = companion.end = 0; }
   } end;
@@ -251,8 +251,8 @@ void Platform::StartCounting() {
 }
 long Platform::LibraryBlocks() { return 64 - std::count(library_blocks, library_blocks + 64, nullptr); }
 
-// The definitions that libmqnode.so binds to. REAL names the next definition; FOREIGN leaves when the caller is not the
-// library; ENTER does both.
+// The definitions that libmqnode.so binds to. REAL declares the next definition; FOREIGN returns if the caller is not
+// the library; ENTER does both.
 #define REAL(name)                                \
   static decltype(&::name) next_##name = nullptr; \
   const auto real = Next(next_##name, #name)
@@ -261,13 +261,13 @@ long Platform::LibraryBlocks() { return 64 - std::count(library_blocks, library_
 #define ENTER(name, arguments) \
   REAL(name);                  \
   FOREIGN(real arguments)
-// The table: each row is a call that is recorded and passed on, with what the record says of it.
+// Each row is a call that is recorded with these details and passed on.
 #define PASS_ON(type, name, parameters, arguments, exceptions, ...)  \
   type name parameters exceptions {                                  \
     ENTER(name, arguments);                                          \
     return Do({#name, __VA_ARGS__}, [&] { return real arguments; }); \
   }
-// The same for those that move bytes, perhaps fewer than asked for.
+// The same for calls that move bytes, possibly fewer than asked for.
 #define MOVE(name, parameters, arguments, detail)                                                             \
   ssize_t name parameters {                                                                                   \
     ENTER(name, arguments);                                                                                   \
@@ -301,7 +301,7 @@ PASS_ON(int, setsockopt, (int fd, int level, int option, const void* value, sock
 PASS_ON(int, poll, (pollfd * fds, nfds_t count, int milliseconds), (fds, count, milliseconds), ,
         Pause(TEXT("{}, {}", count, milliseconds)))
 
-// An injected failure leaves the descriptor closed all the same, as the system does.
+// An injected failure still closes the descriptor, like a failing close of the system.
 int close(int fd) {
   ENTER(close, (fd));
   const int result = real(fd);
@@ -380,7 +380,7 @@ time_t time(time_t* out) noexcept {
   return now;
 }
 
-// A companion may leave any errno behind. Its handler is called from a signal only while the test waits for that.
+// A companion may leave any errno behind. Signal handlers call this only while the test waits for that.
 void LOGMSG(const char* text, int kind) {
   ENTER(LOGMSG, (text, kind));
   Record({"LOGMSG", TEXT("{}, {}", text, kind)});
@@ -388,7 +388,7 @@ void LOGMSG(const char* text, int kind) {
   errno = EBADMSG;
 }
 
-// The allocator: the sanitizers' own when they are there; else the next one, which may be valgrind's.
+// The allocator: the sanitizer's if there is one; else the next one, which may be valgrind's.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void __libc_free(void* block);
@@ -416,7 +416,7 @@ void* calloc(size_t count, size_t size) noexcept {
 }
 
 void free(void* block) noexcept {
-  // The caller does not tell: what the companion frees last may seem to be freed by the library.
+  // The caller is not significant: the companion's last free may seem to come from the library.
   if (block != nullptr) Exchange(block, nullptr);
   static decltype(&__libc_free) next = nullptr;
   Allocator(next, "free", __interceptor_free, __libc_free)(block);

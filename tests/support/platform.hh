@@ -1,13 +1,13 @@
-// platform.hh - the system library as the tests want it: every call that libmqnode makes is recorded and can be failed,
-// shortened or answered.
+// platform.hh - the system calls of libmqnode in tests: each is recorded, and can be made to fail, shortened or
+// answered.
 //
-// The test programs define the system calls themselves and libmqnode.so.1 binds to those definitions. A call from the
+// The test programs define the system calls themselves, and libmqnode.so.1 binds to those definitions. A call from the
 // library is recorded, looked up in the scripts below and then passed on; a call from anywhere else (the test itself,
-// GoogleTest, the companion) is passed on untouched. Names are never looked up outside: the library resolves only what
-// AddHost and AddService named ("localhost" is always there), and its sleep returns at once.
+// GoogleTest, the companion) is passed on unchanged. The library resolves only names added by AddHost and AddService,
+// and "localhost"; its sleep returns at once.
 //
-// The table in platform.cc lists the calls. malloc and calloc are counted and can be failed, and so are the mallocs of
-// the companion, under the name "companion malloc", once StartCounting was called.
+// The table in platform.cc lists the calls. malloc and calloc are counted and can be made to fail, and after
+// StartCounting also the companion's mallocs, under the name "companion malloc".
 #pragma once
 
 #include <ctime>
@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-// A time whose year no date has: ctime answers null.
+// A time beyond the range of dates: ctime returns null.
 constexpr time_t kNoDate = std::numeric_limits<time_t>::max();
 
 struct Call {
@@ -33,7 +33,7 @@ struct Call {
   long result = 0;
   int error = 0;  // errno when the call failed
   bool injected = false;
-  char kind = 'c';  // 'c' a call; anything else is an event that a test noted
+  char kind = 'c';  // 'c' a call; else an event recorded by a test
 
   // "recvfrom(136) = 100", "send(36, flags 2) = -1 EAGAIN", "socket(2, 1, 0) = fd", "sleep(5) = 0".
   std::string Text() const;
@@ -42,46 +42,46 @@ struct Call {
 class Platform {
  public:
   static constexpr int kOnwards = -1;
-  static constexpr int kZero = -1;  // in place of an errno: the call returns 0 and does nothing
+  static constexpr int kZero = -1;  // instead of an errno: the call returns 0 and does nothing
 
-  // No scripts, no records, nothing faked but name lookups and sleep. The fixture calls it before each test.
+  // No scripts and no records; only name lookups and sleep are simulated. The fixture calls it before each test.
   static void Reset() { Now() = State(); }
   // Makes the nth call of name from now on fail with errno code, and the count - 1 calls after it (kOnwards: all).
-  // Lookups find nothing and set errno only when code is not 0.
+  // Lookups then find nothing, and set errno only if code is not 0.
   static void Fail(std::string_view name, int nth, int code, int count = 1) {
     Now().rules.push_back({std::string(name), nth - 1, count, code});
   }
   // No failures from now on.
   static void Mend() { Now().rules.clear(); }
-  // The coming calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; those after them are free.
+  // The next calls of send, sendto or recvfrom move at most sizes[0], sizes[1] ... bytes; later calls are not limited.
   static void Limit(std::string_view name, const std::vector<size_t>& sizes) {
     Now().limits[std::string(name)].coming = {sizes.begin(), sizes.end()};
   }
-  // Every call moves at most size bytes.
+  // Limits the bytes moved by every call.
   static void LimitAll(std::string_view name, size_t size) { Now().limits[std::string(name)].others = size; }
 
-  // Answers of lookups. A host may have several addresses.
+  // Results of lookups. A host may have several addresses.
   static void AddHost(const std::string& name, std::vector<std::string> quads) { Now().hosts[name] = std::move(quads); }
   static void AddService(std::string_view name, std::string_view protocol, int port) {
     Now().services.push_back({std::string(name), std::string(protocol), port});
   }
   static void SetNodeName(std::string_view name) { Now().node_name = name; }  // of uname
   static void SetTime(time_t now) { Now().now = now; }                        // what time returns
-  // Called instead of the shell; its result is system's.
+  // Called instead of the shell; provides the result of system.
   static void OnSystem(std::function<int(const char* command)> run) { Now().run_system = std::move(run); }
-  // Called at every sleep, nanosleep or poll that the library makes, before it is carried out.
+  // Called before each sleep, nanosleep or poll of the library.
   static void OnPause(std::function<void()> run) { Now().on_pause = std::move(run); }
-  // nanosleep returns at once.
+  // Makes nanosleep return at once.
   static void SkipPauses() { Now().skip_pauses = true; }
 
-  // What happened since Reset or Forget: the library's calls and noted events, all or only the names given.
+  // The library's calls and the recorded events since Reset or Forget; all, or those of the given names.
   static std::vector<Call> Records(std::initializer_list<std::string_view> names = {});
   static std::vector<std::string> Calls(std::initializer_list<std::string_view> names = {});
   static void Note(char kind, std::string event);
   static void Forget() { Now().records.clear(); }
 
-  // Calls that a failure can be injected into. In a process that has begun to count, which has one thread, the mallocs
-  // of the companion are among them.
+  // Starts to count calls that a failure can be injected into. In a process that counts, which has one thread, the
+  // companion's mallocs are included.
   static void StartCounting();
   static std::map<std::string, size_t, std::less<>> Counts() { return Now().counts; }
   static size_t Injections() { return Now().injections; }    // failures injected since Reset

@@ -1,5 +1,5 @@
-// records.hh - what the tests of the companion share: messages of any sender, records that hold exactly one, files in a
-// folder of their own, and transfers that fail. One source of a test program includes it.
+// records.hh - helpers for tests of the companion: messages of any sender, records of exact size, files in a temporary
+// folder, failing transfers. Include it in one source file of a test program.
 #pragma once
 
 #include <sys/stat.h>
@@ -23,7 +23,7 @@ using Bytes = std::string;
 
 constexpr Form kForms[] = {{false, false}, {false, true}, {true, false}, {true, true}};
 
-// What the next read or write of the process fails with; 0: it moves nothing.
+// The errno of the next read or write of the process; 0: it moves nothing.
 inline std::optional<int> next_transfer;
 
 inline ssize_t Transfer(long number, int fd, void* data, size_t size) {
@@ -47,7 +47,7 @@ inline MqcMemory Account(const char* tag) {
   return memory;
 }
 
-// A folder that goes away with what is in it.
+// A folder that is removed with its content.
 class Folder {
  public:
   Folder() { EXPECT_NE(mkdtemp(place_), nullptr); }
@@ -69,7 +69,7 @@ inline std::string Content(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// A host's record whose raw area is exactly as large as what it holds, so that a sanitizer sees one byte too far.
+// A record whose raw area has exactly the size of its content, so that a sanitizer detects access beyond it.
 class Exact : public mqnode::MessageRef {
  public:
   explicit Exact(const Bytes& bytes) : MessageRef(&record_), area_(new uint8_t[bytes.size()]) {
@@ -79,7 +79,7 @@ class Exact : public mqnode::MessageRef {
     record_.raw.capacity = record_.raw.length = static_cast<uint32_t>(bytes.size());
   }
   PcfMessage* operator->() { return &record_; }
-  // What a plain read does with a message that has arrived.
+  // Processes an arrived message like a plain read.
   bool Read() { return AlienToNative(&record_.raw) && AlienPcfToNative(&record_) && RawToPcf(&record_); }
 
  private:
@@ -91,7 +91,7 @@ inline Bytes RawOf(mqnode::MessageRef msg) {
   return {reinterpret_cast<const char*>(msg.raw().data()), msg.raw().size()};
 }
 
-// Everything that a host can see of a message: "command: id=value ...; user, application, sender".
+// All that an application can read of a message: "command: id=value ...; user, application, sender".
 inline std::string Show(mqnode::MessageRef msg) {
   std::string text = format("{}:", msg.command());
   for (const mqnode::Param param : msg.params()) {
@@ -108,7 +108,7 @@ inline std::string Show(mqnode::MessageRef msg) {
   return format("{}; {}, {}, {}", text, user, application, sender);
 }
 
-// The sample: what any sender sends, what this host builds, what it shows.
+// The sample, the same from any sender: its text as printed by Show, and the length of its body.
 constexpr char kSample[] = "77: 1='four' 2=-5 3=-9223372036854775807 4=00feff 1=''; ";
 constexpr uint32_t kSampleBody = 8 + 20 + 16 + 20 + 16 + 16;
 

@@ -1,5 +1,5 @@
-// sender.hh - a sender of any byte order and character set, written from the description of the format alone: nothing
-// of the library or its companion is in it.
+// sender.hh - a sender with any byte order and character set. It is independent: it uses only the description of the
+// format, and nothing of the library or its companion.
 #pragma once
 
 #include <iconv.h>
@@ -62,7 +62,7 @@ class Encoder {
   Form form_;
 };
 
-// The bytes with this word at that place, in a sender's order.
+// Replaces the word at this offset, in the sender's byte order.
 inline Bytes With(Bytes bytes, size_t at, uint32_t word, bool big = false) {
   return bytes.replace(at, 4, Encoder({big, false}).Word(word).bytes);
 }
@@ -81,7 +81,7 @@ inline Bytes Body(Form form, const std::string& text) {
   return body.Word(1).Word(3).Word(0).Word(0).bytes;
 }
 
-// A signed message but for the signature, which is a part of the trailer. part: the plain message, or what Sealed made.
+// A signed message; trailer contains the signature. part: the plain message, or a result of Sealed.
 inline Bytes Enveloped(Form form, const Bytes& part, const std::string& user, const Bytes& trailer,
                        uint32_t version = 1) {
   const auto length = static_cast<uint32_t>(part.size() + trailer.size());
@@ -89,12 +89,12 @@ inline Bytes Enveloped(Form form, const Bytes& part, const std::string& user, co
          part + trailer;
 }
 
-// The envelope as a signature covers it.
+// The part of the envelope that a signature covers.
 inline Bytes Words(uint32_t version, size_t part, const std::string& user) {
   return Encoder({true, false}).Word(version).Word(static_cast<uint32_t>(part + 96)).Text(user, 12).bytes;
 }
 
-// A message signed with the key of this seed, of 32 bytes; a nonce of up to 16 bytes is filled up with zeros.
+// A message signed with the key of this 32-byte seed. The nonce of up to 16 bytes is padded with zeros.
 inline Bytes Signed(Form form, const Bytes& part, const std::string& user, const uint8_t* seed, uint64_t milliseconds,
                     Bytes nonce, uint32_t version = 1) {
   nonce.resize(16);
@@ -110,8 +110,8 @@ inline Bytes Signed(Form form, const Bytes& part, const std::string& user, const
   return Enveloped(form, part, user, head + Bytes(reinterpret_cast<char*>(signature), sizeof signature), version);
 }
 
-// A message of this user, encrypted for a recipient with this public key, and its seal; to be signed as version 2 with
-// the same time and nonce. weak: the key made for the message is zero, and so is what it has in common with any key.
+// A message of this user, encrypted for a recipient with this public key, and its seal; must be signed as version 2
+// with the same time and nonce. weak: the one-time public key is zero, and therefore the shared secret as well.
 inline Bytes Sealed(const Bytes& plain, const std::string& user, const std::string& recipient, const uint8_t* open,
                     uint64_t milliseconds, Bytes nonce, bool weak = false) {
   nonce.resize(16);

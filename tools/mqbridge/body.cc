@@ -11,7 +11,7 @@ namespace {
 
 [[noreturn]] void Refuse(const std::string& why) { throw mqcat::Failure{mqcat::kExitBadMessage, why}; }
 
-// Checks what the functions of the companion rely on before it is theirs.
+// Checks what the companion's functions rely on, before they use it.
 void FromRaw(std::string_view body, PcfMessage* msg) {
   if (body.size() <= sizeof(MsgHeader) || body.size() > MQ_MAX_MESSAGE) {
     Refuse(fmt::format("a raw message of {} bytes", body.size()));

@@ -1,4 +1,4 @@
-// bus.cc - see bus.hh. Invariant: what libnats calls on its threads touches the atomics and, under the lock, the queue.
+// bus.cc - see bus.hh. Invariant: callbacks on libnats threads touch only the atomics and, under the lock, the queue.
 #include "bus.hh"
 
 #include <unistd.h>
@@ -17,7 +17,7 @@ namespace {
 constexpr size_t kMostArrived = 4096;
 constexpr int64_t kConnectMsec = 2000;
 constexpr int64_t kReconnectMsec = 250;
-constexpr int64_t kPingMsec = 5000;  // a server that answers none of two pings is left
+constexpr int64_t kPingMsec = 5000;  // a connection with two unanswered pings is dropped
 constexpr int64_t kThreadsEndMsec = 2000;
 
 struct OptionsDeleter {
@@ -30,7 +30,7 @@ mqcat::Failure NatsFailure(const std::string& what, natsStatus status) {
   return {code, fmt::format("{}: {}", what, natsStatus_GetText(status))};
 }
 
-// What libnats says of the last failure of this thread, without the place in its sources: "(conn.c:1905): text".
+// What libnats reports about this thread's last failure, without the source location: "(conn.c:1905): text".
 std::string LastError(natsStatus status) {
   const char* const last = nats_GetLastError(nullptr);
   const std::string text = last != nullptr && *last != '\0' ? last : natsStatus_GetText(status);
@@ -161,7 +161,7 @@ void Bus::Check(const BusOptions& options) { MakeOptions(options); }
 Bus::~Bus() {
   for (const auto& listener : listeners_) natsSubscription_Destroy(listener->subscription);
   natsConnection_Destroy(connection_);
-  nats_CloseAndWait(kThreadsEndMsec);  // its threads may still look at this
+  nats_CloseAndWait(kThreadsEndMsec);  // its threads may still use this object
 }
 
 std::string Bus::Connect() {
@@ -182,7 +182,7 @@ std::string Bus::server() const {
   char url[256] = "";
   if (connection_ != nullptr) natsConnection_GetConnectedUrl(connection_, url, sizeof url);
   const std::string text = url;
-  const size_t at = text.rfind('@');  // what is before it may be a password
+  const size_t at = text.rfind('@');  // the text before it may be a password
   return at == std::string::npos ? text : text.substr(at + 1);
 }
 

@@ -1,11 +1,11 @@
 // bus.hh - the connection to a NATS cluster, in a libuv loop.
 //
-// Sockets: the loop reads and writes them (poller.hh), because libnats would otherwise write from within a publish and
-// block the loop when the socket is full. A call that waits for an answer of the cluster must not be made
-// from the loop: nobody would read the answer. All requests are therefore made by calls.hh, with subjects for answers.
-// Messages: libnats hands them over on threads of its own. They pass a bounded queue, which wakes the loop; a full
-// queue holds libnats up. A synchronous subscription would need no thread, but hides which request had no responder.
-// Reconnects are made by libnats, to any member of the cluster that it has heard of.
+// Sockets: the loop reads and writes them (poller.hh). Otherwise libnats would write within a publish, and block the
+// loop when the socket is full. The loop must not make a call that waits for an answer from the cluster, because only
+// the loop reads answers: calls.hh makes all requests, with subjects for the answers.
+// Messages: libnats delivers them on its own threads. They pass through a bounded queue, which wakes the loop; a full
+// queue blocks libnats. A synchronous subscription would need no thread, but hides which request had no responder.
+// Reconnects: libnats connects to any member of the cluster that it has heard of.
 #pragma once
 
 #include <nats/nats.h>
@@ -71,17 +71,17 @@ class Bus {
   uint64_t reconnects() const { return reconnects_; }
   std::string server() const;
 
-  // Messages of a subject, with a queue group unless it is empty. Throws a Failure.
+  // Subscribes to a subject, in a queue group unless that is empty. Throws a Failure.
   void Subscribe(const std::string& subject, const std::string& queue, OnMessage fn);
 
-  // Result: NATS_OK when the message is in the buffer that the loop writes from.
+  // Returns NATS_OK once the message is in the buffer that the loop writes.
   natsStatus Publish(natsMsg* msg) { return natsConnection_PublishMsg(connection_, msg); }
   natsStatus Publish(const std::string& subject, std::string_view body);
 
-  // Bytes that are not with the system yet.
+  // Bytes not yet passed to the system.
   int buffered() const { return connection_ == nullptr ? 0 : natsConnection_Buffered(connection_); }
 
-  // A fresh subject for answers.
+  // A new subject for answers.
   static std::string Inbox();
 
   // Ends the connection and the handles in the loop. Nothing is called afterwards.
@@ -115,7 +115,7 @@ class Bus {
   std::atomic<bool> has_changed_ = false;
   std::atomic<uint64_t> reconnects_ = 0;
 
-  std::mutex lock_;  // of what follows
+  std::mutex lock_;  // protects the members below
   std::condition_variable has_space_;
   std::deque<Arrived> arrived_;
   std::string failure_;  // the last one that was not told yet

@@ -15,7 +15,7 @@ constexpr int64_t kBusyMsec = 250;
 constexpr int kMostUnsent = 1 << 20;
 constexpr size_t kLongestError = 1000;  // bytes of an answer that is searched for an error
 
-// An error of the cluster that goes away by itself: its code is 503.
+// True for a temporary error of the cluster: its code is 503.
 bool IsBusy(std::string_view body) {
   if (body.size() > kLongestError || body.find("\"error\"") == std::string_view::npos) return false;
   const Json json = Json::parse(body, nullptr, false);
@@ -73,7 +73,7 @@ void Calls::Publish(uint64_t id, Call& call) {
     call.published = true;
     call.why = "no answer in time";
   } else if (status == NATS_MAX_PAYLOAD || status == NATS_INVALID_SUBJECT || status == NATS_NO_SERVER_SUPPORT) {
-    call.outcome = Outcome::kRefused;  // told at the next tick
+    call.outcome = Outcome::kRefused;  // reported at the next tick
     call.why = natsStatus_GetText(status);
     LookAgain(id, call, call.deadline = now);
   } else {
@@ -86,7 +86,7 @@ void Calls::Reconnected() {
   for (const auto& [id, call] : calls_) {
     if (call.repeat == Repeat::kYes || !call.published) again.push_back(id);
   }
-  std::sort(again.begin(), again.end());  // as they came
+  std::sort(again.begin(), again.end());  // in their original order
   for (const uint64_t id : again) Publish(id, calls_.at(id));
 }
 
@@ -108,7 +108,7 @@ void Calls::OnAnswer(NatsMsg msg) {
   const std::string_view subject = natsMsg_GetSubject(msg.get());
   const auto id = mqcat::ParseNumber<uint64_t>(subject.substr(subject.rfind('.') + 1), 1, UINT64_MAX);
   const auto place = id ? calls_.find(*id) : calls_.end();
-  if (place == calls_.end()) return;  // a second answer, or one that comes too late
+  if (place == calls_.end()) return;  // a second answer, or a late one
   Call& call = place->second;
   const bool no_responder = natsMsg_IsNoResponders(msg.get());
   if (call.repeat == Repeat::kYes && (no_responder || IsBusy(BodyOf(msg.get())))) {

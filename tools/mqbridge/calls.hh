@@ -1,10 +1,10 @@
-// calls.hh - questions to the cluster and their answers, without waiting: requests to workers, messages to be stored,
-// the interface of JetStream. Each has a deadline.
+// calls.hh - asynchronous calls to the cluster, each with a deadline: requests to workers, messages to store, requests
+// to JetStream.
 //
-// A call that may be repeated is published again until it is answered: after two seconds, after a reconnect, and while
-// the cluster has no responder (a stream without a leader looks like that) or says that it is busy. Such a message must
-// carry a Nats-Msg-Id, or be one that does no harm the second time. Others are published once: if the connection is
-// lost behind them, it is not known whether somebody has worked on them.
+// A repeatable call is published again until it is answered: after two seconds, after a reconnect, and while the
+// cluster has no responder (as for a stream without a leader) or says that it is busy. Such a message must carry a
+// Nats-Msg-Id or do no harm when repeated. Other calls are published once: if the connection is lost afterwards, it is
+// not known whether a worker has processed them.
 #pragma once
 
 #include <cstdint>
@@ -30,21 +30,21 @@ enum class Repeat { kNo, kYes };
 
 class Calls {
  public:
-  // msg: the answer. why: for a person, with other outcomes. Runs from the loop, once for each call, and never from
-  // within Start.
+  // msg: the answer. why: for users, with other outcomes. Called once for each call, from the loop, never from within
+  // Start.
   using Done = std::function<void(Outcome outcome, NatsMsg msg, const std::string& why)>;
 
   Calls(Bus& bus, Report& report) : bus_(bus), report_(report), inbox_(Bus::Inbox()) {}
 
-  // Once, when the bus has connected.
+  // Called once, when the bus has connected.
   void Open();
 
   void Start(const std::string& subject, std::string_view body, const Headers& headers, double timeout, Repeat repeat,
              Done done);
 
-  // The connection is there again.
+  // Called after a reconnect.
   void Reconnected();
-  // Ten times a second.
+  // Called ten times a second.
   void Tick(int64_t now);
 
   size_t count() const { return calls_.size(); }
@@ -54,10 +54,10 @@ class Calls {
     NatsMsg msg;
     Done done;
     int64_t deadline;
-    int64_t due;  // the next look at it
+    int64_t due;  // time of the next tick that handles it
     Repeat repeat;
     bool published = false;
-    Outcome outcome = Outcome::kTimeOver;  // if nothing else happens
+    Outcome outcome = Outcome::kTimeOver;  // unless something else happens
     std::string why;
   };
   using Table = std::unordered_map<uint64_t, Call>;

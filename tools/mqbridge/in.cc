@@ -23,13 +23,13 @@
 namespace mqbridge {
 namespace {
 
-constexpr uint64_t kRestBytes = 512;  // of a message that waits: headers, subject, tables
+constexpr uint64_t kRestBytes = 512;  // overhead of a waiting message: headers, subject, tables
 constexpr int kEndMsec = 2000;
 constexpr uint64_t kWorthTrimming = 4u << 20;
 
 struct Client;
 
-// A message of a client, until its answer has left.
+// A message of a client, until its answer was sent.
 struct Slot {
   Client* client;  // null when it has gone
   std::string subject;
@@ -46,7 +46,7 @@ struct Client {
   Inlet* inlet;
   MqUvNode* node;
   std::string peer;
-  std::string id;  // of the connection, among all of all bridges
+  std::string id;  // of the connection, unique across all bridges
   uint64_t messages = 0;
   bool is_paused = false;
   std::deque<std::shared_ptr<Slot>> slots;
@@ -173,7 +173,7 @@ class Inlet : public Side {
     SettleMemory();
   }
 
-  // ---- A message on its way ----
+  // ---- Messages ----
 
   std::string SubjectOf(const Client* client, const PcfMessage* msg) const {
     char user[13], application[49];
@@ -196,8 +196,8 @@ class Inlet : public Side {
     return headers;
   }
 
-  // A signed message is stored once, whichever bridges it is sent to. An unsigned one has no name of its own: only what
-  // this bridge itself publishes again is recognised.
+  // A signed message is stored once, whichever bridges it is sent to. An unsigned one has no identity of its own: only
+  // repetitions by this bridge are recognised.
   std::string IdOf(const Client* client, const PcfMessage* msg) const {
     if (!session_.is_signed()) return fmt::format("{}/{}", client->id, client->messages);
     uint8_t nonce[16];
@@ -228,7 +228,7 @@ class Inlet : public Side {
       const std::shared_ptr<Slot> slot = client->slots.front();
       client->slots.pop_front();
       held_ -= slot->bytes;
-      // A missing answer would shift all that follow.
+      // Without this answer, the client would assign all later ones to the wrong messages.
       if (!Compose(*slot) || !mq_uv_write(client->node, answer_.get(), nullptr, nullptr)) mq_uv_stop(client->node);
     }
     mq_uv_set_owed(client->node, static_cast<int>(client->slots.size()));
@@ -284,7 +284,7 @@ class Inlet : public Side {
            mqc_add_int64(msg, 2, json["seq"].get<int64_t>()) && mqc_add_int32(msg, 3, is_duplicate);
   }
 
-  // ---- Who is read ----
+  // ---- Pausing clients ----
 
   void Settle(Client* client) {
     const bool pause = is_full_ || listener_ == nullptr || client->slots.size() >= options_.per_client;
@@ -297,8 +297,8 @@ class Inlet : public Side {
     for (Client* const client : clients_) Settle(client);
   }
 
-  // All clients at once, so that no more than one message goes beyond the bound; from half of it on they are read
-  // again.
+  // Pauses all clients at once, so that the bound is exceeded by one message at most; resumes them at half of the
+  // bound.
   void SettleMemory() {
     const bool is_full = held_ > (is_full_ ? options_.memory / 2 : options_.memory);
     if (is_full == is_full_) return;
@@ -338,7 +338,7 @@ class Inlet : public Side {
   SockAddrRec place_;
   Session session_;
   mqcat::MessagePtr answer_;
-  std::string run_;  // a name that no other run of a bridge has
+  std::string run_;  // unique to this run of the bridge
   MqUvNode* listener_ = nullptr;
   std::unordered_set<Client*> clients_;
   uint64_t connections_ = 0;

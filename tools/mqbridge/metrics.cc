@@ -1,4 +1,4 @@
-// metrics.cc - see metrics.hh. What a visitor may cost: a kilobyte, five seconds; eight visitors at once.
+// metrics.cc - see metrics.hh. Limits: a kilobyte and five seconds per connection, eight connections.
 #include "metrics.hh"
 
 #include <netinet/in.h>

@@ -9,7 +9,7 @@ namespace mqbridge {
 
 class Metrics {
  public:
-  // port 0: the system picks one. An event tells it. Throws a Failure.
+  // port 0: the system chooses one, which an event reports. Throws a Failure.
   Metrics(uv_loop_t* loop, int port, Report& report);
   void Close();
 

@@ -1,4 +1,4 @@
-// options.hh - the command line of mqbridge, as the two sides get it.
+// options.hh - the options of mqbridge.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace mqbridge {
 
-// How to reach the cluster. What is empty is left to libnats.
+// How to reach the cluster. Empty members leave the choice to libnats.
 struct BusOptions {
   std::string servers = "nats://127.0.0.1:4222";  // separated by commas
   std::string credentials, nkey_user, nkey_seed;  // files, and the public key that belongs to the seed
@@ -46,7 +46,7 @@ struct OutOptions : Options {
   double ack_wait = 30;
 };
 
-// Run until a signal has ended them in order. Throw a Failure.
+// Run until a signal ends them gracefully. Throw a Failure.
 void RunIn(const InOptions& options);
 void RunOut(const OutOptions& options);
 

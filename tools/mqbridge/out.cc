@@ -1,11 +1,11 @@
-// out.cc - mqbridge out: messages of the cluster go to a node, one connection, and what the node answers decides.
+// out.cc - mqbridge out: messages of the cluster go to a node over one connection, and its answers decide their fate.
 //
 // With --durable, messages come from a stream. They are fetched (pulled) only while the peer is connected and there is
 // space for them. A message is acknowledged after the peer's answer. If the connection ends first, or no answer comes
-// in time, the message is given back and delivered again, here or by another bridge. A message that is delivered again
-// is handed over alone: if it is the one that the peer cannot stand, it takes no others along. A message that cannot be
-// converted, or was delivered too often, goes to the dead-letter subject, and leaves its stream when it is stored
-// there. With --queue, messages come from a queue group, at most once; the answer goes to who asked.
+// in time, the message is returned and delivered again, here or by another bridge. A redelivered message is sent alone,
+// so that one that makes the peer fail does not fail others. A message that cannot be converted, or was delivered too
+// often, goes to the dead-letter subject, and leaves its stream once it is stored there. With --queue, messages come
+// from a queue group, at most once; the answer goes to the requester.
 #include <deque>
 #include <optional>
 
@@ -24,14 +24,13 @@
 namespace mqbridge {
 namespace {
 
-constexpr size_t kMostQueued = 4096;  // messages of a queue group that wait
+constexpr size_t kMostQueued = 4096;  // waiting messages of a queue group
 constexpr int64_t kFirstPauseMsec = 100, kLastPauseMsec = 5000;
-constexpr int64_t kPatienceMsec =
-    15000;  // with an absent peer: longer than a fetch is open, to be delivered nothing twice
+constexpr int64_t kPatienceMsec = 15000;  // without the peer; longer than a fetch, lest messages be delivered twice
 constexpr double kDeadLetterTimeout = 10;
 constexpr int64_t kNever = INT64_MAX;
 
-// A message of the cluster that is here.
+// A message received from the cluster.
 struct Item {
   NatsMsg msg;
   uint64_t deliveries = 1;
@@ -96,7 +95,7 @@ class Outlet : public Side {
     Fetch(now);
   }
 
-  // Also when the peer is out of reach: another bridge may reach its own.
+  // Also called when the peer is unreachable: another bridge may reach its own.
   void Drain() override {
     for (Item& item : held_) GiveBack(item, 0);
     held_.clear();
@@ -134,7 +133,7 @@ class Outlet : public Side {
 
   void OnAnswer(PcfMessage* answer) {
     pause_ = kFirstPauseMsec;
-    if (sent_.empty()) return Drop();  // answers that nobody asked for: the order is lost
+    if (sent_.empty()) return Drop();  // an unexpected answer: answers no longer match messages
     const Item item = std::move(sent_.front());
     sent_.pop_front();
     Report& report = session_.report();
@@ -176,7 +175,7 @@ class Outlet : public Side {
     pause_ = std::min(pause_ * 2, kLastPauseMsec);
   }
 
-  // The connection is of no use any more; OnEnd follows.
+  // Gives up the connection; OnEnd follows.
   void Drop() {
     if (node_ != nullptr) mq_uv_stop(node_);
     is_open_ = false;
@@ -232,7 +231,7 @@ class Outlet : public Side {
     puller_->Fetch(now, may ? options_.in_flight - static_cast<uint32_t>(here) : 0);
   }
 
-  // ---- What becomes of a message that the peer has not answered ----
+  // ---- Unanswered messages ----
 
   void Failed(Item& item) {
     if (!puller_) {
@@ -255,7 +254,7 @@ class Outlet : public Side {
     if (to != nullptr && *to != '\0') session_.bus().Publish(MakeMsg(to, "", body, headers).get());
   }
 
-  // To the dead-letter subject. Only when a stream has it there, the message leaves its own.
+  // Sends the message to the dead-letter subject. It leaves its stream only once it is stored there.
   void Bury(Item item, const std::string& reason) {
     session_.report().Event("dead letter", {{"subject", natsMsg_GetSubject(item.msg.get())}, {"because", reason}});
     if (!puller_) {
@@ -288,8 +287,8 @@ class Outlet : public Side {
     GiveBack(item, kLastPauseMsec);
   }
 
-  // The cluster delivers again what it hears nothing of for the time of --ack-wait: while this bridge has a message, it
-  // says so three times as often.
+  // The cluster redelivers messages of which it hears nothing for the time of --ack-wait. Reports progress on all
+  // messages three times as often.
   void TellProgress(int64_t now) {
     next_progress_ = now + static_cast<int64_t>(options_.ack_wait * 1000 / 3);
     for (const auto* items : {&sent_, &held_}) {
@@ -317,9 +316,9 @@ class Outlet : public Side {
   std::optional<Puller> puller_;  // with --durable
   MqUvNode* node_ = nullptr;
   bool is_open_ = false;
-  std::deque<Item> held_;  // not handed over yet
-  std::deque<Item> sent_;  // handed over, not answered, in order
-  size_t dying_ = 0;       // on their way to the dead-letter subject
+  std::deque<Item> held_;  // not sent to the peer yet
+  std::deque<Item> sent_;  // sent, not answered, in order
+  size_t dying_ = 0;       // being stored under the dead-letter subject
   int64_t next_connect_ = 0, next_progress_ = 0, reached_ = mq_clock(), pause_ = kFirstPauseMsec;
 };
 

@@ -52,7 +52,7 @@ natsStatus Poller::OnWrite(void* self, bool add) {
 
 natsStatus Poller::OnDetach(void* self) { return static_cast<Poller*>(self)->Put({Command::kDetach, 0, nullptr}); }
 
-// At once if this is the loop's thread and nothing came before.
+// Runs the command at once if this is the loop's thread and no command is queued.
 natsStatus Poller::Put(Command command) {
   {
     const std::lock_guard guard(lock_);
@@ -96,7 +96,7 @@ void Poller::Run(const Command& command) {
   }
 }
 
-// Without a handle the connection is silent, which its pings notice.
+// Without a handle the connection stays silent, and unanswered pings end it.
 void Poller::Attach(int fd, natsConnection* connection) {
   Drop();
   auto* const watch = new Watch{{}, fd, 0, connection};
@@ -126,7 +126,7 @@ void Poller::Drop() {
   watch_ = nullptr;
 }
 
-// libnats finds out by reading what an error is, and reconnects. The first event may end the watch.
+// On an error libnats reads, to find the cause, and reconnects. The first event may end the watch.
 void Poller::OnReady(uv_poll_t* handle, int status, int events) {
   natsConnection* const connection = static_cast<Watch*>(handle->data)->connection;
   if (status != 0 || (events & UV_READABLE) != 0) natsConnection_ProcessReadEvent(connection);

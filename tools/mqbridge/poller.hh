@@ -1,9 +1,9 @@
 // poller.hh - the socket of a connection of libnats in a libuv loop (natsOptions_SetEventLoop).
 //
-// libnats closes its socket from several threads, while the loop may still wait for it, or have its number in a change
-// that the system has not been told of: libuv then aborts the process, or takes another socket with the same number for
-// it. The adapter that comes with libnats has this fault. This one waits for a duplicate of the descriptor, which is
-// closed by the loop and nobody else.
+// libnats closes its socket on any of several threads, while the loop may still wait for it, or may have a pending
+// change for its number: libuv then aborts the process, or mistakes another socket with the same number for it. The
+// adapter shipped with libnats has this fault. This one waits for a duplicate of the descriptor, which only the loop
+// closes.
 #pragma once
 
 #include <nats/nats.h>
@@ -21,10 +21,10 @@ class Poller {
   Poller(const Poller&) = delete;
   Poller& operator=(const Poller&) = delete;
 
-  // Before the connection is made.
+  // Called before the connection is made.
   void Use(natsOptions* options);
 
-  // Ends the handles in the loop, after the connection was closed.
+  // Ends the handles in the loop. Called after the connection was closed.
   void Close();
 
  private:
@@ -53,7 +53,7 @@ class Poller {
   uv_async_t wake_ = {};
   Watch* watch_ = nullptr;
 
-  std::mutex lock_;  // of what follows
+  std::mutex lock_;  // protects the members below
   std::deque<Command> queued_;
   bool closed_ = false;
 };

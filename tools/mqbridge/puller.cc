@@ -15,13 +15,13 @@ constexpr double kCallTimeout = 5;
 constexpr int64_t kPrepareEveryMsec = 1000;
 constexpr int64_t kFetchMsec = 10000;
 constexpr int64_t kNoLeaderMsec = 250;
-constexpr int64_t kNanoseconds = 1000000;  // of a millisecond
+constexpr int64_t kNanoseconds = 1000000;  // per millisecond
 
 struct AckSubject {
   std::string_view stream, delivered, sequence;
 };
 
-// $JS.ACK.STREAM.CONSUMER.DELIVERED.SEQUENCE...., or with domain and account behind ACK.
+// $JS.ACK.STREAM.CONSUMER.DELIVERED.SEQUENCE...., or with domain and account after ACK.
 AckSubject ParseAck(const natsMsg* msg) {
   const char* const reply = natsMsg_GetReply(msg);
   std::vector<std::string_view> tokens;
@@ -75,7 +75,7 @@ void Puller::CreateConsumer() {
                           {"deliver_policy", "all"},
                           {"ack_policy", "explicit"},
                           {"ack_wait", static_cast<int64_t>(options_.ack_wait * 1e9)},
-                          {"max_deliver", -1},  // the bridge counts: it knows a reason, and a place for dead letters
+                          {"max_deliver", -1},  // the bridge counts, to store dead letters with a reason
                           {"filter_subject", options_.subject},
                           {"replay_policy", "instant"}}}};
   session_.calls().Start(

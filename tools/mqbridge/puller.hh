@@ -1,7 +1,7 @@
-// puller.hh - messages of a durable consumer of a stream, fetched as many as there is space for.
+// puller.hh - fetches messages of a durable consumer of a stream, as many as there is space for.
 //
-// libnats fetches in a call that waits, which a loop cannot; these are the same requests of JetStream. One fetch is
-// open at a time. It ends when all its messages have come, when the cluster says so, or a second after its time.
+// libnats only fetches in a blocking call, which a loop cannot make; this makes the same JetStream requests. One fetch
+// is open at a time. It ends with its last message, when the cluster says so, or a second after its time-out.
 #pragma once
 
 #include <cstdint>
@@ -16,17 +16,16 @@ class Puller {
  public:
   Puller(const OutOptions& options, Session& session, Bus::OnMessage fn);
 
-  // Finds the stream if it is not given, and creates the consumer if there is none; again and again until both are
-  // there.
+  // Finds the stream unless it is given, and creates the consumer if there is none. Retries until both exist.
   void Begin();
 
-  // What was asked for before is not to be expected.
+  // Called after a reconnect: the messages of an open fetch will not come.
   void Reconnected();
 
-  // Asks for so many messages, if no fetch is open. Ten times a second, and when there is space.
+  // Asks for `space` messages unless a fetch is open. Called ten times a second, and when there is space.
   void Fetch(int64_t now, uint32_t space);
 
-  // From the subject for acknowledgements: how often the message was delivered, and stream and sequence.
+  // From the subject for acknowledgements: number of deliveries of the message; stream and sequence.
   static uint64_t DeliveriesOf(const natsMsg* msg);
   static std::string NameOf(const natsMsg* msg);
 
@@ -44,7 +43,7 @@ class Puller {
   int64_t next_prepare_ = 0;
   std::string last_failure_;
   uint64_t fetch_ = 0;     // number of the last fetch, the end of its subject for answers
-  uint32_t expected_ = 0;  // messages that are still to come of it
+  uint32_t expected_ = 0;  // messages of it that have not arrived
   int64_t fetch_ends_ = 0, next_fetch_ = 0;
 };
 

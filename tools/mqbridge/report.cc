@@ -1,4 +1,4 @@
-// report.cc - see report.hh. Nothing here fails: a bridge goes on when nobody reads what it prints.
+// report.cc - see report.hh. Failures are ignored: a bridge keeps running when its output cannot be written.
 #include "report.hh"
 
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// report.hh - what mqbridge tells: events and a status line every few seconds, as JSON on standard output or as text on
-// standard error, and the counters behind both, which the metrics port shows as well.
+// report.hh - the output of mqbridge: events, and a status line every few seconds, as JSON on standard output or as
+// text on standard error. Also the counters behind both, which the metrics port shows as well.
 #pragma once
 
 #include <array>
@@ -44,7 +44,7 @@ class Report {
   // the next one says how many were left out.
   void Event(const std::string& name, const Json& fields = Json::object());
 
-  // Every counter. As text only what is not zero.
+  // Prints all counters; as text, only those that are not zero.
   void Status();
 
   // The counters in the text format of Prometheus.

@@ -15,6 +15,14 @@ constexpr uint64_t kTickMsec = 100;
 constexpr int64_t kConnectEveryMsec = 1000;
 constexpr int64_t kEndMsec = 3000;
 
+mqcat::KeyOptions KeysOf(const Options& options) {
+  mqcat::KeyOptions keys;
+  keys.sign = options.sign;
+  keys.ring = options.ring;
+  keys.user = options.user;
+  return keys;
+}
+
 }  // namespace
 
 SockAddrRec PlaceOf(const std::vector<std::string>& words) {
@@ -23,9 +31,7 @@ SockAddrRec PlaceOf(const std::vector<std::string>& words) {
 }
 
 Session::Session(const Options& options, const MqLoopLimits& limits)
-    : options_(options),
-      report_(options.json),
-      security_(mqcat::LoadSecurity(options.sign, options.user, options.ring)) {
+    : options_(options), report_(options.json), security_(mqcat::LoadSecurity(KeysOf(options))) {
   Bus::Check(options.bus);  // before there is anything to be undone
   uv_loop_init(&loop_);
   nodes_ = mq_uv_new(&loop_, &limits);

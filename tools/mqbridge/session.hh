@@ -1,7 +1,7 @@
 // session.hh - what both sides of the bridge share: the loop, the cluster, signals, the metrics port, and the order in
 // which a bridge begins and ends.
-//   1. Connect to the cluster, again and again; then Side::Begin.
-//   2. Run. Side::Connected and Side::Lost tell of reconnects, Side::Tick comes ten times a second.
+//   1. Connect to the cluster, with retries; then Side::Begin.
+//   2. Run. Side::Connected and Side::Lost report reconnects, Side::Tick is called ten times a second.
 //   3. SIGTERM or SIGINT: Side::Drain; wait until Side::IsDrained, for at most the time of --drain.
 //   4. Side::End; wait until its nodes are closed and the cluster has everything; close.
 // A second signal ends the process.
@@ -40,7 +40,7 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Until the end. Throws a Failure.
+  // Runs until the end. Throws a Failure.
   void Run(Side& side);
 
   Report& report() { return report_; }
@@ -51,7 +51,7 @@ class Session {
   bool is_signed() const { return security_.check; }
   bool is_running() const { return phase_ == Phase::kRunning; }
 
-  // Names a node and gives it the signer's user.
+  // Sets the node's name, and its user to the signer's.
   void Name(MQNode* node) const;
 
  private:
@@ -80,7 +80,7 @@ class Session {
   std::string last_failure_;
   uint64_t reconnects_ = 0;
   int64_t next_connect_ = 0, next_status_ = 0, deadline_ = 0;
-  std::exception_ptr failure_;  // of what ran in the loop
+  std::exception_ptr failure_;  // thrown in the loop
 };
 
 // The place of the command line. Throws a Failure.

@@ -1,4 +1,4 @@
-// subject.hh - subjects of the cluster, made from what a message says of its sender.
+// subject.hh - subjects of the cluster, made from what a message states about its sender.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace mqbridge {
 
-// What a template may name.
+// Values that a template may refer to.
 struct SubjectValues {
   std::string_view user, application, command, peer;
 };
@@ -22,14 +22,14 @@ std::string HeaderValue(std::string_view value);
 // Whether messages can be published to the subject: tokens between single dots, no blanks, no wildcards.
 bool IsSubject(std::string_view subject);
 
-// Whether the subject is one of those that the pattern, which may have wildcards, stands for.
+// Whether the subject matches the pattern, which may have wildcards.
 bool Matches(std::string_view pattern, std::string_view subject);
 
 // A template such as mq.{user}.{command}.
 class SubjectTemplate {
  public:
-  // Throws a Failure for unknown names, for a subject that cannot be one, and when the first token is not a fixed text:
-  // a client could choose subjects that the cluster keeps to itself.
+  // Throws a Failure for unknown names, for an invalid subject, and unless the first token is a fixed text: a client
+  // could otherwise choose subjects that the cluster reserves.
   explicit SubjectTemplate(const std::string& text);
 
   std::string Make(const SubjectValues& values) const;

@@ -1,5 +1,5 @@
 // address.cc - see address.hh. Names are looked up here, so that a failure names the host or the service: a node only
-// leaves a code.
+// reports a code.
 #include "address.hh"
 
 #include <arpa/inet.h>

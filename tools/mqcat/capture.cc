@@ -17,7 +17,7 @@ namespace {
 constexpr uint64_t kMaxRepeat = 64u << 20;   // bytes that all '*' of a dump may repeat
 constexpr size_t kMostUndecided = 1u << 30;  // bytes of text that are held
 
-// Whether a file begins as pcap (microseconds or nanoseconds, either byte order) or pcapng.
+// Whether a file begins like pcap (microseconds or nanoseconds, either byte order) or pcapng.
 bool IsPcap(Bytes file) {
   uint32_t mark = 0;
   if (file.size() >= sizeof mark) memcpy(&mark, file.data(), sizeof mark);
@@ -63,7 +63,7 @@ std::optional<uint64_t> TakeOffset(std::string_view& line) {
 // Reads a dump as it arrives.
 class HexReader {
  public:
-  // Appends what the complete lines say. False at a line that is not part of a dump.
+  // Appends the bytes of the complete lines. False at a line that is not part of a dump.
   bool Take(Bytes text, std::vector<uint8_t>& bytes) {
     std::string_view rest(reinterpret_cast<const char*>(text.data()), text.size());
     for (size_t end; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
@@ -100,7 +100,7 @@ class HexReader {
     return true;
   }
 
-  // The line before, over and over, until there are end bytes.
+  // Repeats the previous line until there are end bytes.
   bool RepeatTo(uint64_t end, std::vector<uint8_t>& bytes) {
     repeat_ = false;
     if (end < total_ || end - total_ > repeatable_) return false;
@@ -109,8 +109,8 @@ class HexReader {
     return true;
   }
 
-  // Into last_. The characters column of a dump begins with a bar, or two blanks after the digits of a line with an
-  // offset.
+  // Stores the line's bytes in last_. The characters column of a dump begins with a bar, or with two blanks after the
+  // digits of a line with an offset.
   bool Digits(std::string_view line, bool dump) {
     constexpr size_t kLine = 16;
     for (bool first = true;; first = false) {
@@ -123,8 +123,8 @@ class HexReader {
     }
   }
 
-  std::string begun_;          // a line that is not complete
-  std::vector<uint8_t> last_;  // the bytes of the line before
+  std::string begun_;          // an incomplete line
+  std::vector<uint8_t> last_;  // the bytes of the previous line
   uint64_t total_ = 0;         // bytes so far
   uint64_t base_ = 0;          // offset of the first byte, once a line has one
   bool has_base_ = false;
@@ -138,7 +138,7 @@ bool IsText(Bytes bytes) {
                      [](uint8_t c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\r' || c == '\t'; });
 }
 
-// A dump, of which bytes were read.
+// Reads the rest of a dump; bytes has its beginning.
 void ReadHex(HexReader reader, std::vector<uint8_t> bytes, const ByteSource& next, Receiver& receiver) {
   const auto stream = receiver.Begin("");
   const auto hand_on = [&] {

@@ -45,7 +45,7 @@ void ReadCapture(const ByteSource& next, CaptureFormat format, Receiver& receive
 // first line that is not part of a dump
 bool ReadHexDump(Bytes text, std::vector<uint8_t>& bytes, size_t& bad_line);
 
-// Reads a pcap or pcapng file, of which begin has arrived. pcap.cc
+// Reads a pcap or pcapng file, whose first bytes are begin. pcap.cc
 void ReadPcap(Bytes begin, const ByteSource& next, Receiver& receiver);
 
 // Captures up to count packets that match the filter (pcap-filter(7)) from an interface; fewer after SIGINT or SIGTERM.

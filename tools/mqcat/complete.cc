@@ -45,7 +45,7 @@ Words ErrorNames() {
   return names;
 }
 
-// The first phrase of a help text.
+// The first phrase of a help text, for completions.
 std::string Phrase(const std::string& text) {
   size_t end = text.size();
   for (const char* mark : {"; ", ": ", ", ", " ("}) end = std::min(end, text.find(mark));
@@ -60,7 +60,7 @@ Words NamesOf(const CLI::App& app) {
   return names;
 }
 
-// By the type's name, which has the allowed values behind it: "FORMAT:{text,json}".
+// Found by the type's name, which may be followed by the allowed values: "FORMAT:{text,json}".
 Words ValuesOf(const std::string& type, const CLI::App& root) {
   const auto is_one_of = [&](std::initializer_list<const char*> names) {
     return std::find(names.begin(), names.end(), type) != names.end();
@@ -107,7 +107,7 @@ const Command& Inner(const std::vector<Command>& commands, const Command& of, co
   return *std::find_if(commands.begin(), commands.end(), [&](const Command& c) { return c.path == path; });
 }
 
-// A text for single quotes, with a backslash before each of these characters.
+// Escapes a text for single quotes, with a backslash before each special character.
 std::string Escaped(const std::string& text, std::string_view special, const char* quote) {
   std::string escaped;
   for (const char c : text) {

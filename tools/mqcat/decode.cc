@@ -14,6 +14,10 @@ namespace {
 constexpr uint64_t kHeader = 136;
 constexpr uint64_t kEnvelope = 32;
 constexpr uint64_t kTrailer = 96;
+constexpr uint64_t kSeal = 64;
+constexpr uint64_t kUser = 12;
+constexpr uint32_t kSignedVersion = 1;
+constexpr uint32_t kSealedVersion = 2;
 constexpr uint64_t kBodyHead = 8;
 constexpr uint64_t kParamHead = 12;
 constexpr uint64_t kMaxMessage = 67108864;
@@ -22,7 +26,8 @@ constexpr uint32_t kEncoding = 1;
 constexpr uint64_t kFlags = 16;          // first word, a word, byte order, character set
 constexpr uint64_t kLook = 68;           // bytes that LooksLikeMessage looks at
 constexpr uint64_t kFreeLook = 1 << 20;  // bytes that the search inside broken messages may cost in any stream
-constexpr char kMark[] = "MQSIGN01";
+constexpr std::string_view kSignedMark = "MQSIGN01";
+constexpr std::string_view kSealedMark = "MQSIGN02";
 enum ParamType : uint32_t { kInt32 = 1, kInt64 = 2, kText = 3, kBytes = 4 };
 
 uint32_t Word(Bytes bytes, uint64_t at, bool big) {
@@ -84,6 +89,8 @@ class Part {
     announced_ = size;
     bytes_ = bytes_.first(std::min<uint64_t>(size, bytes_.size()));
   }
+  // The same bytes, decrypted.
+  void Replace(Bytes bytes) { bytes_ = bytes; }
   bool Announces(uint64_t at, uint64_t size) const { return at <= announced_ && size <= announced_ - at; }
 
   // name and meaning are constant texts.
@@ -95,9 +102,6 @@ class Part {
   void AddBytes(uint64_t at, uint64_t size, std::string_view name, ValueKind kind, uint64_t shown,
                 std::string_view meaning = "") {
     piece_.fields.push_back({start_ + at, size, name, kind, 0, Range(at, shown), meaning, "", parameter_});
-  }
-  void AddText(uint64_t at, uint64_t size, std::string_view name, uint64_t shown, std::string_view meaning = "") {
-    AddBytes(at, size, name, ebcdic() ? ValueKind::kEbcdic : ValueKind::kText, shown, meaning);
   }
   uint32_t AddWord(uint64_t at, std::string_view name, std::string_view meaning = "") {
     const uint32_t word = At(at);
@@ -122,10 +126,10 @@ class Part {
 const char* CharsetName(bool ebcdic) { return ebcdic ? "EBCDIC (IBM1047)" : "ASCII or a superset"; }
 
 // A fixed text field, filled with zeros after its characters.
-void AddTextField(Part& part, uint64_t at, uint64_t size, const char* name, const char* meaning) {
+void AddTextField(Part& part, uint64_t at, uint64_t size, const char* name, const char* meaning, bool ebcdic) {
   const Bytes field = part.Range(at, size);
   const auto end = static_cast<uint64_t>(std::find(field.begin(), field.end(), 0) - field.begin());
-  part.AddText(at, size, name, end, meaning);
+  part.AddBytes(at, size, name, ebcdic ? ValueKind::kEbcdic : ValueKind::kText, end, meaning);
   const bool filled =
       std::all_of(field.begin() + static_cast<ptrdiff_t>(end), field.end(), [](uint8_t b) { return b == 0; });
   if (!filled)
@@ -160,19 +164,21 @@ void AddHeader(Part& part, uint64_t at) {
   part.AddWord(at + 64, "bodyLength", "bytes that follow the header");
   const uint32_t origin = part.AddWord(at + 68, "origin", "0 on the wire");
   if (origin != 0) part.Break(at + 68, "origin-word", fmt::format(FMT_COMPILE("the origin word is {}, not 0"), origin));
-  AddTextField(part, at + 72, 12, "userId", "sending user");
-  AddTextField(part, at + 84, 48, "applName", "sending application");
+  AddTextField(part, at + 72, 12, "userId", "sending user", part.ebcdic());
+  AddTextField(part, at + 84, 48, "applName", "sending application", part.ebcdic());
   part.AddBytes(at + 132, 4, "reserved", ValueKind::kReserved, 4, "ignored");
 }
 
 void AddEnvelope(Part& part) {
   part.AddWord(0, "hdrLength", "envelope");
   const uint32_t version = part.AddWord(4, "version");
-  if (version != 1)
-    part.Break(4, "envelope-version", fmt::format(FMT_COMPILE("the version of the envelope is {}, not 1"), version));
+  if (version != kSignedVersion && version != kSealedVersion) {
+    part.Break(4, "envelope-version",
+               fmt::format(FMT_COMPILE("the version of the envelope is {}, neither 1 nor 2"), version));
+  }
   AddFlags(part, 0);
   part.AddWord(16, "msgLength", "bytes that follow the envelope");
-  AddTextField(part, 20, 12, "userId", "signing user");
+  AddTextField(part, 20, 12, "userId", "signing user", part.ebcdic());
 }
 
 uint64_t StoredLength(uint32_t type, uint64_t length) { return (length + (type == kText ? 1 : 0) + 3) & ~uint64_t{3}; }
@@ -190,7 +196,7 @@ struct Param {
   uint32_t id;
   uint32_t type;
   uint64_t length;
-  uint64_t at;  // of its value
+  uint64_t at;  // offset of the value
 };
 
 const char* TypeName(uint32_t type) {
@@ -206,7 +212,8 @@ void AddValue(Part& part, const Param& param) {
     case kInt64:
       return part.AddNumber(param.at, 8, "value", ValueKind::kSigned, part.LongAt(param.at));
     case kText:
-      return part.AddText(param.at, param.length, "value", param.length);
+      return part.AddBytes(param.at, param.length, "value", part.ebcdic() ? ValueKind::kEbcdic : ValueKind::kText,
+                           param.length);
     default:
       return part.AddBytes(param.at, param.length, "value", ValueKind::kBytes, param.length);
   }
@@ -295,10 +302,11 @@ void AddBodyOrBytes(Part& part, uint64_t header, uint64_t body) {
   if (part.size() > body) part.AddBytes(body, part.size() - body, "body", ValueKind::kBytes, part.size() - body);
 }
 
-void AddTrailer(Part& part, uint64_t at) {
+// The same from every sender.
+void AddTrailer(Part& part, uint64_t at, std::string_view mark) {
   part.AddBytes(at, 8, "mark", ValueKind::kText, 8, "signature trailer");
-  if (memcmp(part.Range(at, 8).data(), kMark, 8) != 0) {
-    part.Break(at, "trailer-mark", fmt::format(FMT_COMPILE("the trailer does not begin with {}"), kMark));
+  if (memcmp(part.Range(at, 8).data(), mark.data(), 8) != 0) {
+    part.Break(at, "trailer-mark", fmt::format(FMT_COMPILE("the trailer does not begin with {}"), mark));
   }
   const uint64_t time = LongWord(part.Range(at + 8, 8), 0, true);
   part.AddNumber(at + 8, 8, "time", ValueKind::kUnsigned, time, "signed",
@@ -346,6 +354,16 @@ std::string UserAt(const Part& part, uint64_t at, bool ebcdic) {
   return ebcdic ? FromEbcdic(raw).value_or(raw) : raw;
 }
 
+// A user of a signed message: 1 to 12 printable ASCII characters other than blank and '#', filled up with zeros.
+void CheckUserName(Part& part, uint64_t at, bool ebcdic, const char* whose) {
+  const std::string field = UserAt(part, at, ebcdic);
+  const size_t length = std::min(field.find('\0'), field.size());
+  const bool is_filled = field.find_first_not_of('\0', length) == std::string::npos;
+  const bool is_name = length > 0 && std::all_of(field.begin(), field.begin() + static_cast<ptrdiff_t>(length),
+                                                 [](char c) { return c > ' ' && c <= '~' && c != '#'; });
+  if (!is_filled || !is_name) part.Break(at, "user-name", fmt::format(FMT_COMPILE("the {} user is not valid"), whose));
+}
+
 // Envelope and header each state their own character set.
 void CheckUsers(Part& part) {
   if (UserAt(part, 20, part.At(12) == 0) != UserAt(part, kEnvelope + 72, part.ebcdic())) {
@@ -353,36 +371,79 @@ void CheckUsers(Part& part) {
   }
 }
 
-// The signed part, after the envelope. end: of the message, as the envelope announces it.
-void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
-  if (!part.Has(kEnvelope, 4)) return;
+// The same from every sender.
+void AddSeal(Part& part, uint64_t at) {
+  AddTextField(part, at, kUser, "sealedFor", "user whose key opens the message", false);
+  CheckUserName(part, at, false, "receiving");
+  part.AddBytes(at + kUser, 4, "reserved", ValueKind::kReserved, 4);
+  if (Word(part.Range(at + kUser, 4), 0, true) != 0) {
+    part.Break(at + kUser, "seal-reserved", "the reserved bytes of the seal are not zero");
+  }
+  part.AddBytes(at + 16, 32, "ephemeralKey", ValueKind::kBytes, 32);
+  part.AddBytes(at + 48, 16, "tag", ValueKind::kBytes, 16);
+}
+
+// Header and body after the envelope. end: of the message, as the envelope announces it; behind: bytes of it that
+// follow the body. Returns where the body ends according to its header; 0 if there is no header.
+uint64_t DecodeEnveloped(Part& part, Piece& piece, uint64_t end, uint64_t behind) {
+  if (!part.Has(kEnvelope, 4)) return 0;
   const First first = FirstWord(part.Range(kEnvelope, 4));
   if (first.length != kHeader) {
-    return part.Break(
-        kEnvelope, "header-in-envelope",
-        fmt::format(FMT_COMPILE("the signed message begins with {}, not with 136, the length of a header"),
-                    part.At(kEnvelope)));
+    part.Break(kEnvelope, "header-in-envelope",
+               fmt::format(FMT_COMPILE("the signed message begins with {}, not with 136, the length of a header"),
+                           part.At(kEnvelope)));
+    return 0;
   }
-  if (!part.Has(kEnvelope, kHeader)) return;
+  if (!part.Has(kEnvelope, kHeader)) return 0;
   piece.big_endian = first.big;
   piece.ebcdic = part.At(kEnvelope + 12) == 0;
   AddHeader(part, kEnvelope);
   CheckUsers(part);
   const uint64_t body_length = part.At(kEnvelope + 64);
   CheckBodyLength(part, kEnvelope, body_length);
-  const uint64_t trailer = kEnvelope + kHeader + body_length;
-  if (trailer + kTrailer != end) {
+  const uint64_t body_end = kEnvelope + kHeader + body_length;
+  if (body_end + behind != end) {
     part.Break(kEnvelope + 64, "message-length",
                fmt::format(FMT_COMPILE("header and trailer take {} bytes of the {} that the envelope announces"),
-                           kHeader + body_length + kTrailer, end - kEnvelope));
+                           kHeader + body_length + behind, end - kEnvelope));
   }
   Part body = part;
-  body.EndAt(std::min(trailer, end));
+  body.EndAt(std::min(body_end, end));
   AddBodyOrBytes(body, kEnvelope, kEnvelope + kHeader);
-  if (trailer + kTrailer <= end && part.Has(trailer, kTrailer)) AddTrailer(part, trailer);
+  return body_end;
 }
 
-Extent DecodeSecure(Part& part, Piece& piece) {
+void DecodeSigned(Part& part, Piece& piece, uint64_t end) {
+  const uint64_t trailer = DecodeEnveloped(part, piece, end, kTrailer);
+  if (trailer != 0 && trailer + kTrailer <= end && part.Has(trailer, kTrailer)) AddTrailer(part, trailer, kSignedMark);
+}
+
+// Decrypts a copy of a sealed message that is present as a whole. False if it remains encrypted.
+bool OpenCopy(Part& part, Piece& piece, uint64_t end, uint64_t seal, const MessageOpener& opener) {
+  if (!opener.open || !part.Has(0, end) || UserAt(part, seal, false).c_str() != opener.user) return false;
+  const Bytes sealed = part.Range(0, end);
+  piece.opened.assign(sealed.begin(), sealed.end());
+  const std::string why = opener.open(piece.opened);
+  if (why.empty()) return true;
+  piece.opened.clear();
+  part.Break(seal, "seal-broken", why);
+  return false;
+}
+
+void DecodeSealed(Part& part, Piece& piece, uint64_t end, const MessageOpener& opener) {
+  const uint64_t seal = end - kTrailer - kSeal;
+  if (OpenCopy(part, piece, end, seal, opener)) {
+    part.Replace(piece.opened);
+    DecodeEnveloped(part, piece, end, kSeal + kTrailer);
+  } else if (part.size() > kEnvelope) {
+    const uint64_t present = std::min(part.size(), seal) - kEnvelope;
+    part.AddBytes(kEnvelope, present, "message", ValueKind::kBytes, present, "encrypted header and body");
+  }
+  if (part.Has(seal, kSeal)) AddSeal(part, seal);
+  if (part.Has(seal + kSeal, kTrailer)) AddTrailer(part, seal + kSeal, kSealedMark);
+}
+
+Extent DecodeSecure(Part& part, Piece& piece, const MessageOpener& opener) {
   AddEnvelope(part);
   const uint64_t announced = part.At(16);
   if (!LengthIsPossible(kEnvelope, announced)) {
@@ -398,26 +459,45 @@ Extent DecodeSecure(Part& part, Piece& piece) {
                fmt::format(FMT_COMPILE("the message announces {} bytes, {} are present"), end, part.size()));
   }
   part.EndAt(end);
+  CheckUserName(part, 20, piece.ebcdic, "signing");
   const size_t before = piece.faults.size();
-  DecodeSigned(part, piece, end);
+  if (announced <= kHeader + (piece.kind == PieceKind::kSealed ? kSeal : 0) + kTrailer) {
+    part.Break(16, "message-length", fmt::format(FMT_COMPILE("{} bytes are too short for a signature"), announced));
+    return {end, true};
+  }
+  piece.kind == PieceKind::kSealed ? DecodeSealed(part, piece, end, opener) : DecodeSigned(part, piece, end);
   return {end, piece.faults.size() > before};
 }
 
+PieceKind KindOf(Bytes message, const First& first) {
+  if (first.length == kHeader) return PieceKind::kPlain;
+  const bool sealed = message.size() >= 8 && Word(message, 4, first.big) == kSealedVersion;
+  return sealed ? PieceKind::kSealed : PieceKind::kSigned;
+}
+
 // Decodes the message that begins rest, at offset start of the stream, into a piece that was begun.
-Extent DecodeMessage(Bytes rest, uint64_t start, Piece& piece) {
+Extent DecodeMessage(Bytes rest, uint64_t start, Piece& piece, const MessageOpener& opener) {
   const First first = FirstWord(rest);
-  piece.kind = first.length == kHeader ? PieceKind::kPlain : PieceKind::kSecure;
+  piece.kind = KindOf(rest, first);
   piece.big_endian = first.big;
   if (rest.size() >= kFlags) piece.ebcdic = Word(rest, 12, first.big) == 0;
   Part part(rest, start, piece);
   if (rest.size() >= first.length) {
-    return piece.kind == PieceKind::kPlain ? DecodePlain(part, piece) : DecodeSecure(part, piece);
+    return piece.kind == PieceKind::kPlain ? DecodePlain(part, piece) : DecodeSecure(part, piece, opener);
   }
   const char* const head = piece.kind == PieceKind::kPlain ? "header" : "envelope";
   part.AddWord(0, "hdrLength", piece.kind == PieceKind::kPlain ? "plain header" : "envelope");
   part.Break(rest.size(), "truncated",
              fmt::format(FMT_COMPILE("the {} has {} bytes, {} are present"), head, first.length, rest.size()));
   return {rest.size(), false};
+}
+
+// Passes a piece on. What was decrypted is wiped and released.
+void Deliver(Piece& piece, const PieceSink& sink) {
+  sink(piece);
+  if (piece.opened.empty()) return;
+  explicit_bzero(piece.opened.data(), piece.opened.size());
+  std::vector<uint8_t>().swap(piece.opened);
 }
 
 // Begins a piece. Its lists keep their memory.
@@ -430,7 +510,7 @@ void Begin(Piece& piece, uint64_t offset) {
   piece.faults.clear();
 }
 
-// A run of stray bytes, of which begin has the first.
+// Fills the piece for a run of stray bytes; begin contains its first bytes.
 void FillStray(Piece& piece, Bytes begin, uint64_t size) {
   piece.size = size;
   std::string text = begin.size() < 4 ? std::string("too few bytes for a first word")
@@ -460,12 +540,15 @@ bool LooksLikeMessage(Bytes bytes) {
   if (first.length == kHeader) {
     return bytes.size() < kLook || LengthIsPossible(kHeader, Word(bytes, 64, first.big));
   }
-  if (Word(bytes, 4, first.big) != 1) return false;
+  const uint32_t version = Word(bytes, 4, first.big);
+  if (version != kSignedVersion && version != kSealedVersion) return false;
   if (bytes.size() >= 20 && !LengthIsPossible(kEnvelope, Word(bytes, 16, first.big))) return false;
-  return bytes.size() < kEnvelope + 4 || FirstWord(bytes.subspan(kEnvelope)).length == kHeader;
+  return version == kSealedVersion || bytes.size() < kEnvelope + 4 ||
+         FirstWord(bytes.subspan(kEnvelope)).length == kHeader;
 }
 
-Decoder::Decoder(PieceSink sink, size_t keep) : sink_(std::move(sink)), keep_(std::max<size_t>(keep, 4)) {}
+Decoder::Decoder(PieceSink sink, size_t keep, MessageOpener opener)
+    : sink_(std::move(sink)), keep_(std::max<size_t>(keep, 4)), opener_(std::move(opener)) {}
 
 void Decoder::Take(Bytes bytes) {
   if (held_.empty()) {
@@ -511,7 +594,7 @@ bool Decoder::Message() {
   if (!ended_ && (base_ + bytes_.size() < wait_ || !IsWhole())) return false;
   Begin(piece_, base_ + next_);
   const uint64_t start = next_;
-  const Extent extent = DecodeMessage(bytes_.subspan(start), base_ + start, piece_);
+  const Extent extent = DecodeMessage(bytes_.subspan(start), base_ + start, piece_, opener_);
   uint64_t end = std::min<uint64_t>(start + extent.size, bytes_.size());
   const uint64_t inner = start + (piece_.kind == PieceKind::kPlain ? kHeader : kEnvelope + kHeader);
   if (extent.body_broken && inner < end) {
@@ -523,7 +606,7 @@ bool Decoder::Message() {
   }
   next_ = end;
   piece_.size = end - start;
-  sink_(piece_);
+  Deliver(piece_, sink_);
   return true;
 }
 
@@ -556,7 +639,7 @@ bool Decoder::Stray() {
   return true;
 }
 
-void DecodeDatagram(Bytes bytes, const PieceSink& sink) {
+void DecodeDatagram(Bytes bytes, const PieceSink& sink, const MessageOpener& opener) {
   if (bytes.empty()) return;
   Piece piece;
   Begin(piece, 0);
@@ -564,14 +647,14 @@ void DecodeDatagram(Bytes bytes, const PieceSink& sink) {
     FillStray(piece, bytes, bytes.size());
     return sink(piece);
   }
-  const Extent extent = DecodeMessage(bytes, 0, piece);
+  const Extent extent = DecodeMessage(bytes, 0, piece, opener);
   piece.size = bytes.size();
   if (extent.size < bytes.size()) {
     piece.faults.push_back(
         {extent.size, "datagram-size",
          fmt::format(FMT_COMPILE("the datagram has {} bytes, the message {}"), bytes.size(), extent.size)});
   }
-  sink(piece);
+  Deliver(piece, sink);
 }
 
 }  // namespace mqcat

@@ -17,7 +17,8 @@ namespace mqcat {
 
 enum class PieceKind {
   kPlain,   // header and body
-  kSecure,  // envelope, header, body, trailer
+  kSigned,  // envelope, header, body, trailer
+  kSealed,  // the same, with header and body encrypted and a seal before the trailer
   kStray    // bytes that belong to no message
 };
 
@@ -62,17 +63,26 @@ struct Piece {
   bool ebcdic;
   std::vector<Field> fields;
   std::vector<Fault> faults;
+  std::vector<uint8_t> opened;  // of a sealed message: its bytes with header and body decrypted; else empty
 };
 
 using PieceSink = std::function<void(const Piece&)>;
+
+// Opens the messages that are sealed for a user.
+struct MessageOpener {
+  std::string user;
+  // Decrypts a whole message in place. Returns an empty text, or the reason why it cannot.
+  std::function<std::string(std::span<uint8_t> message)> open;
+};
 
 // Decodes a stream as it arrives. Each piece goes to the sink, in order, as soon as its end is known; together the
 // pieces cover every byte. How the stream is cut into calls of Take makes no difference. The end of a message with a
 // broken body, and of stray bytes, is known 68 bytes later, when it is certain that a message begins there.
 class Decoder {
  public:
-  // keep: bytes kept of each run of stray bytes, to be shown.
-  explicit Decoder(PieceSink sink, size_t keep = 64);
+  // keep: bytes kept of each run of stray bytes, to be shown. Messages that are not sealed for the opener's user
+  // remain encrypted.
+  explicit Decoder(PieceSink sink, size_t keep = 64, MessageOpener opener = {});
 
   void Take(Bytes bytes);
   void Finish();  // ends the stream: decodes the bytes that are held
@@ -89,6 +99,7 @@ class Decoder {
 
   PieceSink sink_;
   size_t keep_;
+  MessageOpener opener_;
   bool ended_ = false;
   uint64_t base_ = 0;           // offset of bytes_[0], between two calls of held_[0]
   std::vector<uint8_t> held_;   // the bytes of the piece that is not complete
@@ -102,7 +113,7 @@ class Decoder {
 };
 
 // One datagram is one message.
-void DecodeDatagram(Bytes bytes, const PieceSink& sink);
+void DecodeDatagram(Bytes bytes, const PieceSink& sink, const MessageOpener& opener = {});
 
 // Whether bytes begin with the first word of a message, which is all that a receiver looks at.
 bool BeginsMessage(Bytes bytes);

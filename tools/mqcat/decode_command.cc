@@ -5,6 +5,7 @@
 #include "capture.hh"
 #include "decode.hh"
 #include "input.hh"
+#include "link.hh"
 #include "options.hh"
 #include "output.hh"
 #include "signals.hh"
@@ -25,6 +26,8 @@ struct Options {
   uint64_t count = 10000;
   std::string format = "text";
   bool full = false;
+  std::string key;
+  std::string user;
 };
 
 struct Totals {
@@ -44,8 +47,10 @@ const char* KindName(PieceKind kind) {
   switch (kind) {
     case PieceKind::kPlain:
       return "plain message";
-    case PieceKind::kSecure:
+    case PieceKind::kSigned:
       return "signed message";
+    case PieceKind::kSealed:
+      return "sealed message";
     default:
       return "stray bytes";
   }
@@ -234,6 +239,17 @@ void AppendJson(std::string& out, const Piece& piece, const std::string& stream,
 
 // ---- The run ----
 
+// Opens with the secret key of user, or the only one, in a file; an empty path opens nothing.
+MessageOpener OpenerFrom(const std::string& path, const std::string& user) {
+  if (path.empty()) return {};
+  const std::shared_ptr<MqcSigner> key = LoadSigner(path, user);
+  return {mqc_signer_user(key.get()), [key](std::span<uint8_t> message) {
+            char error[512];
+            mqc_open_captured(key.get(), message.data(), static_cast<uint32_t>(message.size()), error, sizeof error);
+            return std::string(error);
+          }};
+}
+
 // Notes for the end of the run: the first ones, and how many more there are.
 class Notes {
  public:
@@ -270,7 +286,10 @@ struct Counts {
 // Prints the pieces of all streams as they arrive, and counts them.
 class Report final : public Receiver {
  public:
-  explicit Report(const Options& options) : options_(options), limit_(options.full ? kAllText : kSomeText) {}
+  explicit Report(const Options& options)
+      : options_(options),
+        limit_(options.full ? kAllText : kSomeText),
+        opener_(OpenerFrom(options.key, options.user)) {}
 
   std::unique_ptr<Stream> Begin(std::string name) override;
   void Datagram(const std::string& name, Bytes bytes) override;
@@ -278,6 +297,7 @@ class Report final : public Receiver {
   void Note(std::string text) override { notes_.Add(std::move(text)); }
 
   size_t limit() const { return limit_; }
+  const MessageOpener& opener() const { return opener_; }
   void Add(const Piece& piece, const std::string& stream);
   void LeaveOut(const std::string& stream, uint64_t bytes) {
     foreign_.Add(fmt::format("{}: {} bytes without a message, left out", stream, bytes));
@@ -291,6 +311,7 @@ class Report final : public Receiver {
 
   const Options& options_;
   const size_t limit_;
+  const MessageOpener opener_;
   const Page page_;
   Counts counts_;
   std::string shown_stream_;  // of the piece that was printed last
@@ -306,7 +327,7 @@ class StreamReport final : public Stream {
       : report_(report),
         name_(std::move(name)),
         is_ours_(name_.empty()),
-        decoder_([this](const Piece& piece) { Add(piece); }, report.limit()) {}
+        decoder_([this](const Piece& piece) { Add(piece); }, report.limit(), report.opener()) {}
 
   void Take(Bytes bytes) override { decoder_.Take(bytes); }
   void End() override {
@@ -347,9 +368,10 @@ std::unique_ptr<Stream> Report::Begin(std::string name) {
 }
 
 void Report::Datagram(const std::string& name, Bytes bytes) {
-  DecodeDatagram(bytes, [&](const Piece& piece) {
+  const auto add = [&](const Piece& piece) {
     piece.kind == PieceKind::kStray ? LeaveOut(name, bytes.size()) : Add(piece, name);
-  });
+  };
+  DecodeDatagram(bytes, add, opener_);
 }
 
 void Report::Add(const Piece& piece, const std::string& stream) {
@@ -421,13 +443,15 @@ void AddDecode(CLI::App& app, ExitCode& exit) {
       ->check(CLI::IsMember({"text", "json"}))
       ->type_name("FORMAT")
       ->capture_default_str();
+  CLI::Option* const key =
+      AddKeyFile(*command, "--key", options->key, "Open messages that are sealed for the user of this secret key");
+  AddUser(*command, options->user, "User whose key --key takes from the file")->needs(key);
   command->add_flag("--full", options->full, "Show long texts and byte strings in full");
   command->footer(
-      "Shows offset, size, name, value and meaning of every field, in either byte order and character set, plain and "
-      "signed, as soon as a message is complete. Signatures are shown, not verified. Exit code 6: a message breaks a "
-      "rule "
-      "of the wire format. Ctrl-C ends with the summary; the exit code is then 130, with --interface that of the "
-      "messages.\n\n"
+      "Shows offset, size, name, value and meaning of every field, in either byte order and character set, as soon as "
+      "a message is complete. Signatures are shown, but not verified; a sealed message remains encrypted without its "
+      "key. The exit code is 6 if a message violates the wire format. Ctrl-C ends decode with the summary; the exit "
+      "code is then 130, or with --interface that of the messages.\n\n"
       "Examples:\n  mqcat decode stream.bin\n  xxd stream.bin | mqcat decode\n"
       "  mqcat decode talk.pcapng\n  tcpdump -i lo -U -w - port 5000 | mqcat decode\n"
       "  mqcat decode --interface lo --filter 'port 5000' --count 20");

@@ -1,4 +1,4 @@
-// explain.cc - mqcat explain: what an error code means, where it comes from, what to do.
+// explain.cc - mqcat explain: what an error code means, where it comes from, and what to do about it.
 // docs/errors.md is the output of mqcat explain --all --format markdown.
 #include <algorithm>
 #include <cctype>

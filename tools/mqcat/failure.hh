@@ -27,7 +27,7 @@ struct Failure {
   std::string text;
 };
 
-// "ECONNREFUSED (111): no program listens on that port": a code of errors.h as it is read in that place.
+// "ECONNREFUSED (111): no program listens on that port": the text of a code of errors.h in that place.
 std::string CodeText(int code, unsigned place);
 
 // What the user of mqcat can do about a code, on a line of its own; empty when there is nothing to say.

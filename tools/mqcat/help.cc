@@ -30,7 +30,7 @@ class HelpFormatter : public CLI::Formatter {
     const std::string name = CLI::detail::find_and_replace(option->get_name(false, true), ",", ", ");
     return option->get_snames().empty() ? "    " + name : name;
   }
-  // The allowed values are a part of the type's name; the help says them in its own words.
+  // The allowed values are a part of the type's name, and the help describes them in words of its own.
   std::string make_option_opts(const CLI::Option* option) const override {
     const std::string type = option->get_type_name();
     return option->get_positional() || type.empty() ? "" : " " + type.substr(0, type.find(':'));
@@ -47,7 +47,7 @@ class HelpFormatter : public CLI::Formatter {
   }
 };
 
-// The command that the command line has come to.
+// The innermost command on the command line.
 const CLI::App* Innermost(const CLI::App& app) {
   const CLI::App* command = &app;
   while (!command->get_subcommands().empty()) command = command->get_subcommands().back();
@@ -138,15 +138,35 @@ void AddFormat(CLI::App& app, FormatOptions& options, const std::string& help) {
 void CheckFormat(const FormatOptions& options) {
   if (options.format != "raw" || options.force || !OutputIsTerminal()) return;
   throw Failure{kExitUsage,
-                "--format raw: raw bytes can put the terminal out of order"
+                "--format raw: raw bytes can disturb the terminal"
                 "\n  redirect standard output, use --format hex, or add --force"};
+}
+
+std::string NotEmpty(const std::string& value) { return value.empty() ? "the value is empty" : ""; }
+
+CLI::Option* AddKeyFile(CLI::App& app, const std::string& name, std::string& path, const std::string& help) {
+  return app.add_option(name, path, help)->check(NotEmpty)->type_name("KEYFILE");
 }
 
 void AddKeyOptions(CLI::App& app, KeyOptions& options, const std::string& sign, const std::string& ring,
                    const std::string& user) {
-  app.add_option("--sign", options.sign, sign)->type_name("KEYFILE");
-  app.add_option("--ring", options.ring, ring)->type_name("FILE");
-  app.add_option("--user", options.user, user)
+  AddKeyFile(app, "--sign", options.sign, sign);
+  app.add_option("--ring", options.ring, ring)->check(NotEmpty)->type_name("FILE");
+  AddUser(app, options.user, user);
+}
+
+void AddSealTo(CLI::App& app, KeyOptions& options) {
+  app.add_option("--seal-to", options.seal_to,
+                 "Encrypt messages for this user of the ring, who alone can read them; open answers that are sealed "
+                 "for the signer")
+      ->check(NotEmpty)
+      ->type_name("USER")
+      ->needs("--sign")
+      ->needs("--ring");
+}
+
+CLI::Option* AddUser(CLI::App& app, std::string& user, const std::string& help) {
+  return app.add_option("--user", user, help)
       ->check([](const std::string& name) {
         const bool fits = !name.empty() && name.size() <= MQC_USER_MAX;
         return fits ? "" : fmt::format("{}: a user name has 1 to {} characters", Quote(name, 40), MQC_USER_MAX);

@@ -12,8 +12,8 @@ void FormatHelp(CLI::App& app);
 // "mqcat keys add": a command as it is typed.
 std::string FullName(const CLI::App& command);
 
-// What is wrong with the command line that was parsed last: the word that is not known, and the one that may have been
-// meant, or the message of the error.
+// What is wrong with the command line that was parsed last: an unknown word and the most similar known one, or the
+// message of the error.
 std::string UsageText(const CLI::App& app, const CLI::ParseError& error);
 
 }  // namespace mqcat

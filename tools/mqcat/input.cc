@@ -18,13 +18,13 @@ namespace mqcat {
 namespace {
 
 constexpr size_t kChunk = 64 * 1024;
-constexpr int kWait = 500;  // milliseconds, after which a signal is noticed that came just before a wait
+constexpr int kWait = 500;  // milliseconds, upper bound of the delay of a signal that came just before a wait
 
 Failure ReadFailure(const std::string& path) {
   return {kExitInput, fmt::format("read {}: {} ({})", path, strerror(errno), strerrorname_np(errno))};
 }
 
-// Bytes appended to text; 0 at the end, and after an interruption.
+// Appends bytes to text and returns their number; 0 at the end, and after an interruption.
 size_t ReadChunk(int fd, const std::string& path, std::string& text) {
   const size_t before = text.size();
   text.resize(before + kChunk);

@@ -29,7 +29,7 @@ constexpr size_t kMaxText = 16u << 20;
 constexpr size_t kFirstText = 64u << 10;
 constexpr mode_t kRingMode = 0644;
 constexpr auto kLockWait = std::chrono::seconds(10);
-// Comments that mark all keys of a file. Lines written today carry a word of their own.
+// Comments that mark all keys of a file. Lines that mqcat writes have a mark of their own.
 constexpr std::string_view kSecretMark = "# secret key: keep it to yourself";
 constexpr std::string_view kRingMark = "# ring of public keys";
 
@@ -90,7 +90,7 @@ class KeyText {
     text_.get()[at_ - 1] = '\0';
     ++number_;
     const bool whole = line_.find('\0') == std::string_view::npos;
-    // Nothing of the line is shown: it may hold a secret key in the wrong place.
+    // The line is not shown: it may contain a secret key in the wrong place.
     if (!whole || !mqc_key_read(line_.data(), key_.get())) {
       Refuse(where(), fmt::format("expected a user of 1 to {} characters, a key of {} hexadecimal digits and any of: "
                                   "public, secret, until=YYYY-MM-DD, revoked",
@@ -104,7 +104,7 @@ class KeyText {
   const MqcKey& key() const { return *key_; }
   std::string where() const { return fmt::format("{}:{}", name_, number_); }
 
-  // What the key of this line is, when the caller knows no more than unmarked says.
+  // The kind of the key on this line; that of unmarked if neither the line nor the file is marked.
   Unmarked KindOfKey(Unmarked unmarked) const {
     if (key_->kind == MQC_KEY_PUBLIC) return Unmarked::kPublic;
     if (key_->kind == MQC_KEY_SECRET || marks_ == Unmarked::kSecret) return Unmarked::kSecret;
@@ -184,7 +184,7 @@ class Ring {
     lines_.push_back({std::string(text), key});
   }
 
-  // False when nothing has to change.
+  // False if nothing has to change.
   bool Put(const MqcKey& key, bool replace) {
     size_t same = SIZE_MAX, other = SIZE_MAX;
     bool revoked = false;
@@ -206,7 +206,7 @@ class Ring {
     return Set(same != SIZE_MAX ? same : other, key);
   }
 
-  // How many lines were removed.
+  // Returns how many lines were removed.
   size_t Remove(const std::string& user) {
     return std::erase_if(lines_, [&user](const Line& line) { return user == line.key.user; });
   }
@@ -223,7 +223,7 @@ class Ring {
     MqcKey key;
   };
 
-  // In place of a line, or behind the last one.
+  // Replaces a line, or appends one.
   bool Set(size_t at, const MqcKey& key) {
     if (at < lines_.size()) {
       lines_[at] = {LineOf(key), key};
@@ -242,8 +242,7 @@ size_t PutAll(Ring& ring, const std::vector<MqcKey>& keys, bool replace) {
       std::count_if(keys.begin(), keys.end(), [&](const MqcKey& key) { return ring.Put(key, replace); }));
 }
 
-// Opens the ring and locks it. create: O_CREAT, or 0. After a wait for the lock the file may be the one that its last
-// owner has replaced: then once more.
+// Opens the ring and locks it. create: O_CREAT, or 0. Begins again if another process has replaced the file meanwhile.
 struct stat LockRing(const std::string& path, Descriptor& ring, int create) {
   const auto deadline = std::chrono::steady_clock::now() + kLockWait;
   for (;;) {
@@ -283,7 +282,7 @@ bool KeepOwnerAndMode(int fd, const struct stat& about) {
   return (same || fchown(fd, about.st_uid, about.st_gid) == 0) && fchmod(fd, about.st_mode & 07777) == 0;
 }
 
-// Writes beside the file and renames, so that the ring is never half written. A symbolic link stays one.
+// Writes a new file beside the ring and renames it, so that the ring is never half written. A symbolic link is kept.
 void ReplaceFile(const std::string& path, const std::string& text, const struct stat& about) {
   char target[PATH_MAX];
   if (realpath(path.c_str(), target) == nullptr) throw SystemFailure(kExitOutput, "write", path);
@@ -381,7 +380,7 @@ int64_t EndOf(const std::string& day) {
 
 size_t AddToRing(const std::string& path, const std::vector<MqcKey>& keys, bool replace) {
   Ring fresh;
-  PutAll(fresh, keys, replace);  // keys that contradict each other create no ring
+  PutAll(fresh, keys, replace);  // contradictory keys do not create a ring
   Descriptor file;
   const struct stat about = LockRing(path, file, O_CREAT);
   Ring ring;

@@ -1,4 +1,4 @@
-// keyfile.hh - what a person does with key files. The companion defines their lines (mqc_key_read).
+// keyfile.hh - what users do with key files. The companion defines their lines (mqc_key_read).
 // Invariant: no secret key leaves this module. Text that may hold one lies in memory that is locked, left out of core
 // dumps and wiped.
 #pragma once
@@ -10,23 +10,23 @@
 
 namespace mqcat {
 
-// What the caller knows of lines that are marked neither by a word of their own nor by a comment of their file.
+// The kind of lines that are marked neither by a word of their own nor by a comment of their file.
 enum class Unmarked { kUnknown, kPublic, kSecret };
 
-// Makes a key pair and writes the secret key, good until then, into a new file.
+// Generates a key pair and writes the secret key, valid until the given time, into a new file.
 void NewSecretFile(const std::string& path, const std::string& user, int64_t until);
 
 // The public keys of a ring, or those that belong to the secret keys of a file. Throws a Failure for a line that is not
 // known to be secret or public, and if the companion refuses the file.
 std::vector<MqcKey> PublicKeysOf(const std::string& path, Unmarked unmarked);
 
-// The public key that belongs to a user's secret key in a file; user empty for the only one.
+// The public key of a user's secret key in a file; an empty user: the only key of the file.
 MqcKey PublicKeyOf(const std::string& path, const std::string& user);
 
 // Public keys from standard input. Throws a Failure for a secret key, and for a key that is not marked as public.
 std::vector<MqcKey> PublicKeysFromInput(Unmarked unmarked);
 
-// A key from the command line, whose user says that it is public.
+// A key from the command line, which the user declares to be public.
 MqcKey PublicKeyFrom(const std::string& user, const std::string& digits);
 
 // The last millisecond of a day, YYYY-MM-DD; MQC_NO_END for an empty text.

@@ -34,7 +34,7 @@ void New(const Options& options) {
 void Public(const Options& options) { PrintKey(PublicKeyOf(options.file, options.user)); }
 
 void Add(const Options& options) {
-  // The word in the place of the user is not shown: it may be a secret key.
+  // The word in the user's place is not shown: it may be a secret key.
   if (!options.user.empty() && options.key.empty()) {
     throw Failure{kExitUsage, "keys add: a user without a key: give both, or lines on standard input"};
   }
@@ -69,45 +69,45 @@ void AddKeys(CLI::App& app, ExitCode&) {
   CLI::App* const keys = app.add_subcommand("keys", "Manage secret key files and rings of public keys");
   keys->require_subcommand(1);
 
-  CLI::App* const fresh = keys->add_subcommand("new", "Make a key pair, and print its line for rings");
+  CLI::App* const fresh = keys->add_subcommand("new", "Generate a key pair, and print its line for rings");
   fresh->add_option("USER", options->user, "Name of 1 to 12 characters; it need not be your login name")->required();
   fresh->add_option("FILE", options->file, "New file for the secret key; only its owner can read it")->required();
   fresh->add_option("--until", options->until, "Last day of the key, UTC (default: no end)")->type_name("YYYY-MM-DD");
   fresh->callback([options] { New(*options); });
 
-  CLI::App* const open = keys->add_subcommand("public", "Print the line for rings that belongs to a secret key");
+  CLI::App* const open = keys->add_subcommand("public", "Print the line for rings of a secret key");
   open->add_option("FILE", options->file, "Secret key file")->required();
-  open->add_option("USER", options->user, "The key's user, if the file has keys of several");
+  open->add_option("USER", options->user, "User whose key to print, if the file contains several keys");
   open->callback([options] { Public(*options); });
 
   CLI::App* const add = keys->add_subcommand("add", "Add public keys to a ring; a new file is created");
   add->add_option("RING", options->file, "Ring file")->required();
-  add->add_option("USER", options->user, "The key's user; without USER and KEY, lines from standard input");
+  add->add_option("USER", options->user, "User of the key; without USER and KEY, lines are read from standard input");
   add->add_option("KEY", options->key, "The public key, 64 hexadecimal digits");
-  add->add_option("--until", options->until, "Last day of these keys, UTC (default: as their lines say)")
+  add->add_option("--until", options->until, "Last day of these keys, UTC (default: the day in their lines)")
       ->type_name("YYYY-MM-DD");
   add->add_flag("--revoke", options->revoke, "Revoke these keys: messages signed with them are refused");
   add->add_flag("--replace", options->replace, "Replace another key of the same user, or another last day");
-  add->add_flag("--public", options->is_public, "Take unmarked keys on standard input as public");
+  add->add_flag("--public", options->is_public, "Accept unmarked keys on standard input as public");
   add->callback([options] { Add(*options); });
 
   CLI::App* const remove = keys->add_subcommand("remove", "Remove a user's keys from a ring");
   remove->add_option("RING", options->file, "Ring file")->required();
-  remove->add_option("USER", options->user, "The user whose keys are removed, revoked ones too")->required();
+  remove->add_option("USER", options->user, "User whose keys are removed, including revoked ones")->required();
   remove->footer(
-      "A removed key can be added again. A key that others may know is better revoked: mqcat keys add --revoke.\n\n"
+      "A removed key can be added again. To disable a key that others may know, use mqcat keys add --revoke.\n\n"
       "Example:\n  mqcat keys remove ring alice");
   remove->callback([options] { Remove(*options); });
 
   CLI::App* const list = keys->add_subcommand("list", "Print the public keys of a ring or of a secret key file");
   list->add_option("FILE", options->file, "Ring or secret key file")->required();
-  CLI::Option* const open_keys = list->add_flag("--public", options->is_public, "Take unmarked keys as public");
-  list->add_flag("--secret", options->is_secret, "Take unmarked keys as secret, and print their public ones")
+  CLI::Option* const open_keys = list->add_flag("--public", options->is_public, "Treat unmarked keys as public");
+  list->add_flag("--secret", options->is_secret, "Treat unmarked keys as secret, and print their public keys")
       ->excludes(open_keys);
   list->callback([options] { List(*options); });
   keys->footer(
-      "A secret key file and a ring have one key a line: a user, 64 hexadecimal digits, and any of the words secret or "
-      "public, until=YYYY-MM-DD, revoked. No secret key is ever printed.\n\n"
+      "A secret key file and a ring contain one key per line: a user, 64 hexadecimal digits, and any of the words "
+      "secret or public, until=YYYY-MM-DD, revoked. No secret key is ever printed.\n\n"
       "Examples:\n  mqcat keys new alice alice.key\n  mqcat keys public alice.key | mqcat keys add ring\n"
       "  mqcat keys list ring\n  mqcat keys public alice.key | mqcat keys add ring --revoke\n  mqcat listen 5000 "
       "--ring ring\n  mqcat send 127.0.0.1:5000 -c 1 --sign alice.key");

@@ -61,7 +61,7 @@ void SetOption(MQNode* node, int id, int value) {
   SetSocketOptions(&node->sock, &option);
 }
 
-// Closing sends what is on its way. By themselves nodes discard it.
+// Lets the system send what is queued in it after a close. By default nodes discard it.
 void LingerNot(MQNode* node) { SetOption(node, SOCK_OPT_LINGER, 0); }
 
 bool IsLoopback(const SockAddrRec& address) { return strncmp(address.ip, "127.", 4) == 0; }
@@ -123,18 +123,35 @@ void Waiter::Wait(std::vector<MQNode*> nodes, Clock::time_point deadline) {
   throw Failure{kExitResources, fmt::format("wait on {} nodes: {}", room - 1, CodeText(status, MQ_IN_STATUS))};
 }
 
-Security LoadSecurity(const std::string& sign, const std::string& user, const std::string& ring) {
+SignerPtr LoadSigner(const std::string& path, const std::string& user) {
+  char error[512];
+  SignerPtr signer(mqc_signer_load(path.c_str(), user.empty() ? nullptr : user.c_str(), error, sizeof error));
+  if (signer == nullptr) throw Failure{kExitSecurity, fmt::format("secret key file {}", error)};
+  return signer;
+}
+
+SignerPtr SealingSigner(const MqcSigner* signer, const std::string& user) {
+  char error[512];
+  SignerPtr seals(mqc_signer_sealing(signer, user.c_str(), error, sizeof error));
+  if (seals == nullptr) throw Failure{kExitSecurity, fmt::format("seal for {}: {}", Quote(user), error)};
+  return seals;
+}
+
+Security LoadSecurity(const KeyOptions& keys) {
   char error[512];
   Security security;
-  if (!sign.empty()) {
-    security.signer.reset(mqc_signer_load(sign.c_str(), user.empty() ? nullptr : user.c_str(), error, sizeof error));
-    if (security.signer == nullptr) throw Failure{kExitSecurity, fmt::format("secret key file {}", error)};
-  }
-  if (!ring.empty()) {
-    if (!mqc_ring_load(ring.c_str(), error, sizeof error)) throw Failure{kExitSecurity, fmt::format("ring {}", error)};
+  if (!keys.sign.empty()) security.signer = LoadSigner(keys.sign, keys.user);
+  if (!keys.ring.empty()) {
+    const char* const ring = keys.ring.c_str();
+    if (!mqc_ring_load(ring, error, sizeof error)) throw Failure{kExitSecurity, fmt::format("ring {}", error)};
     if (mqc_ring_count() == 0) throw Failure{kExitSecurity, fmt::format("ring {}: contains no key", ring)};
     security.check = true;
   }
+  const SignerPtr key = keys.key.empty() ? nullptr : LoadSigner(keys.key, keys.user);
+  const MqcSigner* const opener = keys.seal_to.empty() ? key.get() : security.signer.get();
+  if (opener != nullptr && !mqc_set_opener(opener)) throw Failure{kExitResources, "out of memory for a key"};
+  security.seals = !keys.seal_to.empty();
+  if (security.seals) security.signer = SealingSigner(security.signer.get(), keys.seal_to);
   return security;
 }
 
@@ -201,7 +218,7 @@ void Link::Flush(Clock::time_point deadline, int most_pending) {
     waiter_.Wait({node_.get()}, deadline);
     if (const int code = discard_ && !waiter_.to_read().empty() ? Discard() : 0; code != 0) throw Fail(code);
     if (waiter_.to_write().empty()) {
-      std::this_thread::sleep_for(kBreath);  // an answer that is not read yet ends every wait at once
+      std::this_thread::sleep_for(kBreath);  // an unread answer would end every wait at once
     } else if (!mnFinishWrite(node_.get())) {
       throw NodeFailure(what, node_.get());
     }
@@ -274,11 +291,12 @@ uint64_t Link::Taken(uint64_t written) const {
 void Link::Write(PcfMessage* msg, Clock::time_point deadline) {
   const std::string what = fmt::format("send {} bytes to {}", msg->raw.length, target_text_);
   const bool datagram = transport_ == Transport::kUdp;
-  if (datagram && msg->raw.length > kMaxDatagram) {
-    throw Failure{kExitInput, fmt::format("{}: a datagram carries a message of at most {} bytes", what, kMaxDatagram)};
+  MqcSigner* const signer = security_ != nullptr ? security_->signer.get() : nullptr;
+  const uint32_t most = kMaxDatagram - AddedBytes(signer != nullptr, signer != nullptr && security_->seals);
+  if (datagram && msg->raw.length > most) {
+    throw Failure{kExitInput, fmt::format("{}: a datagram carries a message of at most {} bytes", what, most)};
   }
   Flush(deadline, kMostPending);
-  MqcSigner* const signer = security_ != nullptr ? security_->signer.get() : nullptr;
   const char* const user = user_.empty() ? node_->user : user_.c_str();
   if (!mnSWriteMsg(msg, node_.get(), datagram ? &target_ : nullptr, user, signer != nullptr, signer, 0)) {
     throw NodeFailure(what, node_.get());

@@ -1,4 +1,4 @@
-// link.hh - nodes with an owner: connect, send and receive within a deadline.
+// link.hh - nodes with owners: connect, send and receive within a deadline.
 #pragma once
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include "companion/host.h"
 #include "failure.hh"
 #include "mqnode/mqnode.h"
+#include "options.hh"
 
 namespace mqcat {
 
@@ -17,7 +18,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kMaxDatagram = 16520;  // bytes that a reader takes
 
-// Seconds from now; far away for a value beyond a year.
+// Bytes that signing adds to a message, envelope and trailer, and that sealing adds.
+inline uint32_t AddedBytes(bool is_signed, bool is_sealed) {
+  return (is_signed ? 32u + 96u : 0u) + (is_sealed ? 64u : 0u);
+}
+
+// The time this many seconds from now; far away for more than a year.
 Clock::time_point In(double seconds);
 
 struct NodeDeleter {
@@ -37,7 +43,7 @@ using MessagePtr = std::unique_ptr<PcfMessage, MessageDeleter>;
 
 MessagePtr NewMessage();
 
-// Messages of the node, and of those it accepts, name this program.
+// Messages of the node, and of nodes that it accepts, name this program.
 void SetApplication(MQNode* node);
 
 // "NAME (code): meaning" of the code that a node's last operation left.
@@ -72,10 +78,18 @@ class Waiter {
 struct Security {
   SignerPtr signer;    // null: plain writes
   bool check = false;  // signed reads, against the process's ring
+  bool seals = false;  // what the signer signs
 };
 
-// Loads a signer (the key of user, or the only one) and a ring; empty paths leave them out.
-Security LoadSecurity(const std::string& sign, const std::string& user, const std::string& ring);
+// Loads a signer: the key of user, or the only one.
+SignerPtr LoadSigner(const std::string& path, const std::string& user);
+
+// A signer that also seals for a user of the ring.
+SignerPtr SealingSigner(const MqcSigner* signer, const std::string& user);
+
+// Loads what the options name. The process opens messages that are sealed for the user of keys.key, or with
+// keys.seal_to, for the signer.
+Security LoadSecurity(const KeyOptions& keys);
 
 // One connection, or one datagram socket with the peer it talks to. Non-blocking.
 class Link {
@@ -86,13 +100,13 @@ class Link {
   void Use(const Security* security);
   void set_user(const std::string& user) { user_ = user; }
 
-  // Writes the message; waits while the peer does not take what was written before. user is that of the header.
+  // Writes the message; waits while the peer does not read what was written before. The header names user.
   void Write(PcfMessage* msg, Clock::time_point deadline);
 
   // Waits until everything written is with the system.
   void Drain(Clock::time_point deadline);
 
-  // Answers are not wanted: they are discarded as they come, so that the peer can go on reading.
+  // Discards answers as they arrive, so that a peer that waits for answers to be read can continue.
   void DiscardAnswers() { discard_ = true; }
 
   // Sends what is queued, shuts the sending side down and waits until the peer's system has confirmed everything, and
@@ -104,7 +118,7 @@ class Link {
   // Reads the next message before the deadline. False when none came; throws a Failure for everything else.
   bool Read(PcfMessage* msg, Clock::time_point deadline);
 
-  // How many of so many written messages the system has taken whole.
+  // How many of the written messages the system has accepted whole.
   uint64_t Taken(uint64_t written) const;
 
   const std::string& target() const { return target_text_; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <memory>
 
 #include "examples/answers.h"
@@ -25,10 +26,10 @@ using mqnode::ServerClient;
 
 constexpr int kMostPending = 64;  // answers that may be queued on a datagram node
 constexpr int kMostAtOnce = 64;   // messages of one client, or clients accepted, before the others have their turn
-constexpr double kMostSeconds = 2.1e6;   // of a limit: the server counts milliseconds in an int
-constexpr double kLastAnswers = 2;       // seconds for answers that are queued at the end
-constexpr size_t kSignedRest = 32 + 96;  // bytes that signing adds: envelope and trailer
-constexpr size_t kShownBytes = 32;       // of something that is not a message
+constexpr double kMostSeconds = 2.1e6;  // of a limit: the server counts milliseconds in an int
+constexpr double kLastAnswers = 2;      // seconds for answers that are queued at the end
+constexpr size_t kMostSealing = 256;    // signers for answers to sealed messages that are kept
+constexpr size_t kShownBytes = 32;      // of something that is not a message
 constexpr auto kTick = std::chrono::milliseconds(200);
 
 // The limits that the options change, by the reason that the server gives.
@@ -51,6 +52,7 @@ struct Options {
   bool udp = false;
   bool trace = false;
   KeyOptions keys;
+  bool only_sealed = false;
   uint64_t count = UINT64_MAX;
   int backlog = 128;
   int max_clients = 256;
@@ -114,8 +116,9 @@ class Listener : public mqnode::Server {
       : Server(LimitsOf(options)),
         options_(options),
         format_(ShowFormatOf(options.format.format)),
-        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        security_(LoadSecurity(options.keys)),
         datagram_(NewMessage()) {
+    if (options.only_sealed) mqc_set_sealing(MQC_SEAL_MUST);
     if (Server::failed()) throw Failure{kExitResources, "out of memory for a server"};
   }
 
@@ -207,7 +210,7 @@ class Listener : public mqnode::Server {
       MQNode* const node = client.node().get();
       const std::string peer = AddressText(node->sock.name);
       Deliver(node, msg.get(), peer);
-      if (!options_.echo || Answer(node, msg.get(), nullptr, peer)) return;
+      if (!options_.echo || Answer(node, msg.get(), nullptr, peer, msg.sealed())) return;
       drop(client, nullptr);  // a part of the answer may have been sent
     });
     return nullptr;
@@ -238,7 +241,8 @@ class Listener : public mqnode::Server {
           const std::string peer = AddressText(node->sock.from);
           Deliver(node, msg, peer);
           SockAddrRec to = node->sock.from;
-          if (options_.echo && MayAnswer(msg, to)) Answer(node, msg, &to, peer);
+          const bool sealed = mqc_sealed(msg) != 0;
+          if (options_.echo && MayAnswer(msg, to, sealed)) Answer(node, msg, &to, peer, sealed);
         } else if (node->error == MQ_AGAIN) {
           return;
         } else {
@@ -260,7 +264,7 @@ class Listener : public mqnode::Server {
 
   // ---- What peers do ----
 
-  // A client that left between two messages, with its answers, is not worth a line.
+  // A client that left between two messages and has received its answers is not logged.
   void TellLeft(const MQNode* node, Bytes bytes) {
     std::string text = "left before it took its answers";
     if (!bytes.empty()) {
@@ -303,23 +307,34 @@ class Listener : public mqnode::Server {
   // ---- Answering ----
 
   // A datagram may carry a forged sender: only questions are answered, no address too often, and the answer is marked.
-  bool MayAnswer(PcfMessage* msg, const SockAddrRec& to) {
+  bool MayAnswer(PcfMessage* msg, const SockAddrRec& to, bool sealed) {
     if (is_answer(msg)) return false;
     if (!may_answer(answers_.get(), &to, Second(), options_.answer_rate)) {
       ++totals_.answers_held;
       say("answer held back to", to, fmt::format("{} a second (--answer-rate)", options_.answer_rate).c_str());
       return false;
     }
-    const size_t rest = security_.signer != nullptr ? kSignedRest : 0;
-    if (mark_answer(msg) && msg->raw.length + rest <= kMaxDatagram) return true;
+    const size_t most = kMaxDatagram - AddedBytes(security_.signer != nullptr, sealed);
+    if (mark_answer(msg) && msg->raw.length <= most) return true;
     ++totals_.answers_lost;
-    say("no answer to", to, fmt::format("a datagram carries at most {} bytes", kMaxDatagram).c_str());
+    say("no answer to", to, fmt::format("a datagram carries a message of at most {} bytes", most).c_str());
     return false;
   }
 
-  // to: null on a connection.
-  bool Answer(MQNode* node, PcfMessage* msg, SockAddrRec* to, const std::string& peer) {
-    MqcSigner* const signer = security_.signer.get();
+  // Signs answers. The answer to a sealed message is sealed for its sender. Throws a Failure if there is no key for it.
+  MqcSigner* SignerFor(const PcfMessage* msg, bool sealed) {
+    if (!sealed) return security_.signer.get();
+    char user[13];
+    mqc_sender(msg, user);
+    if (sealing_.size() >= kMostSealing) sealing_.clear();
+    SignerPtr& signer = sealing_[user];
+    if (signer == nullptr) signer = SealingSigner(security_.signer.get(), user);
+    return signer.get();
+  }
+
+  // to: null on a connection. sealed: the message was.
+  bool Answer(MQNode* node, PcfMessage* msg, SockAddrRec* to, const std::string& peer, bool sealed) try {
+    MqcSigner* const signer = SignerFor(msg, sealed);
     if (mnSWriteMsg(msg, node, to, node->user, signer != nullptr, signer, 0)) {
       TraceMessage(node, "message to", peer, msg);
       return true;
@@ -329,12 +344,17 @@ class Listener : public mqnode::Server {
     const std::string why = code == MQ_NOT_SIGNED ? std::string("\n  ") + mqc_sign_error() : AdviceText(code);
     say("no answer to", to != nullptr ? *to : node->sock.name, (NodeCodeText(node) + why).c_str());
     return false;
+  } catch (const Failure& failure) {
+    ++totals_.answers_lost;
+    say("no answer to", to != nullptr ? *to : node->sock.name, failure.text.c_str());
+    return false;
   }
 
   const Options& options_;
   ShowFormat format_;
   Security security_;
-  MessagePtr datagram_;  // the one that was read last
+  std::map<std::string, SignerPtr> sealing_;  // by sender, who is in the ring
+  MessagePtr datagram_;                       // the one that was read last
   NodePtr node_;
   std::unique_ptr<Answers> answers_ = std::make_unique<Answers>();
   std::exception_ptr failure_;
@@ -345,6 +365,9 @@ class Listener : public mqnode::Server {
 void RunListen(const Options& options) {
   CatchSignals();
   CheckFormat(options.format);
+  if (options.echo && !options.keys.key.empty() && options.keys.sign.empty()) {
+    throw Failure{kExitUsage, "listen: --echo with --key requires --sign: the answer to a sealed message is sealed"};
+  }
   if (options.trace) StartTrace();
   Listener listener(options);
   listener.Open();
@@ -361,20 +384,20 @@ void RunListen(const Options& options) {
 void AddLimits(CLI::App& command, Options& options) {
   AddNumber<uint64_t>(command, "--count", options.count, 1, UINT64_MAX, "Stop after this many messages");
   AddNumber<int>(command, "--backlog", options.backlog, 1, 65535,
-                 "Connections that wait to be accepted; net.core.somaxconn may allow fewer");
+                 "Maximum number of connections that wait to be accepted; net.core.somaxconn may allow fewer");
   AddNumber<int>(command, "--max-clients", options.max_clients, 1, 2500,
-                 "Clients at once; a newcomer takes the place of the quietest one");
+                 "Maximum number of connected clients; above it, a new client replaces the longest idle one");
   AddNumber<int>(command, "--max-per-address", options.max_per_address, 1, 2500,
-                 "Clients at once from one address; others are refused (default: no limit)");
+                 "Maximum number of clients from one address; others are refused (default: no limit)");
   AddNumber<uint32_t>(command, "--max-message", options.max_message, 256, MQ_MAX_MESSAGE,
-                      "Bytes of a message, headers included; a client that announces a longer one is dropped");
+                      "Maximum size of a message, including headers; a client that announces a longer one is dropped");
   AddNumber<uint32_t>(command, "--max-waiting", options.max_waiting, 0, UINT32_MAX - 1,
-                      "Bytes of answers that may wait behind the oldest one; a client is not read from while more do");
+                      "Maximum size of the answers queued behind the oldest one; above it, the client is not read");
   AddSeconds(command, "--midway", options.midway, 0.1, kMostSeconds,
-             "Drop a client that stops in the middle of a message, or does not take its answers, for this long");
+             "Drop a client that stops in the middle of a message, or does not read its answers, for this long");
   AddSeconds(command, "--idle", options.idle, 0.1, kMostSeconds, "Drop a client that sends nothing for this long");
   AddNumber<uint32_t>(command, "--answer-rate", options.answer_rate, 1, UINT32_MAX - 1,
-                      "Answers to one address in a second, with --udp");
+                      "Maximum number of answers to one address per second, with --udp");
 }
 
 }  // namespace
@@ -383,22 +406,26 @@ void AddListen(CLI::App& app, ExitCode&) {
   auto options = std::make_shared<Options>();
   CLI::App* const command = app.add_subcommand("listen", "Receive messages and print them");
   command
-      ->add_option(
-          "[HOST:]PORT", options->place,
-          "Where to listen: an address of this host and a port or a service name; also HOST SERVICE. Without a "
-          "host 127.0.0.1, with * every address; port 0 lets the system choose")
+      ->add_option("[HOST:]PORT", options->place,
+                   "Address to listen on: a host and a port or service name, also as HOST SERVICE. The default host is "
+                   "127.0.0.1; * means all addresses. With port 0, the system chooses a port")
       ->required()
       ->expected(1, 2);
-  AddFormat(*command, options->format, "Print messages as text, json (one object a line), hex, raw or quiet");
-  command->add_flag("--echo", options->echo, "Send every message back; a datagram that is marked as an answer is not");
+  AddFormat(*command, options->format, "Print messages as text, json (one object per line), hex, raw or quiet");
+  command->add_flag("--echo", options->echo, "Send every message back, except datagrams that are marked as answers");
   command->add_flag("--udp", options->udp, "Receive datagrams");
   AddKeyOptions(*command, options->keys, "Sign the answers of --echo with the secret key in this file",
                 "Accept only messages that are signed by a user in this ring",
-                "User whose key --sign takes from the file");
+                "User whose key to take from the files of --sign and --key");
+  CLI::Option* const key =
+      AddKeyFile(*command, "--key", options->keys.key,
+                 "Open messages that are sealed for the user of this secret key; --echo then requires --sign")
+          ->needs("--ring");
+  command->add_flag("--only-sealed", options->only_sealed, "Refuse messages that are not sealed")->needs(key);
   AddLimits(*command, *options);
   command->add_flag("-v,--trace", options->trace, "Print every step of every connection on standard error");
   command->footer(
-      "Messages are printed on standard output, everything else on standard error. Ctrl-C ends with a summary.\n\n"
+      "Messages are printed on standard output, everything else on standard error. Ctrl-C ends it with a summary.\n\n"
       "Examples:\n  mqcat listen 5000 --echo\n  mqcat listen '*:5000' --format json --count 10\n"
       "  mqcat listen 5000 --ring ring --trace\n  mqcat listen 5000 --udp --format hex");
   command->callback([options] { RunListen(*options); });

@@ -24,17 +24,17 @@ constexpr char kFooter[] =
     "  0    success\n"
     "  1    internal error of mqcat\n"
     "  2    usage error\n"
-    "  3    input that cannot be read, or is malformed: a file, an interface, JSON\n"
+    "  3    unreadable or malformed input: a file, an interface, JSON\n"
     "  4    connection: unknown name, refused, reset, address in use\n"
     "  5    no answer in time\n"
-    "  6    bytes that break the rules of the wire format\n"
+    "  6    bytes that violate the wire format\n"
     "  7    keys, signatures\n"
     "  8    output that cannot be written\n"
-    "  9    the reader of the output has closed it\n"
+    "  9    output closed by its reader\n"
     "  10   out of memory or file descriptors\n"
     "  130  interrupted before the work was done\n"
     "\n"
-    "mqcat COMMAND --help describes a command; man mqcat has everything.";
+    "mqcat COMMAND --help describes a command; man mqcat describes all of them.";
 
 int ParseFailed(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {

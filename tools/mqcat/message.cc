@@ -20,9 +20,9 @@ namespace {
 constexpr size_t kMaxFile = MQ_MAX_MESSAGE;
 constexpr std::array<const char*, 4> kTypes = {"int32", "int64", "text", "bytes"};
 
-// Of a message, and those that mqcat listen adds: its output can be sent again.
-const std::set<std::string> kKnownKeys = {"command", "parameters",  "time",   "peer",
-                                          "user",    "application", "signed", "bytes"};
+// Keys of a message, and those that mqcat listen adds, so that its output can be sent again.
+const std::set<std::string> kKnownKeys = {"command",     "parameters", "time",   "peer", "user",
+                                          "application", "signed",     "sealed", "bytes"};
 
 [[noreturn]] void Refuse(const std::string& where, const std::string& why) {
   throw Failure{kExitInput, fmt::format("{}: {}", where, why)};
@@ -86,7 +86,7 @@ size_t TokenBegin(std::string_view text, size_t end) {
   return at;
 }
 
-// The same for a number or a literal, of which the parser knows the end only with the character after it.
+// The same for a number or a literal, whose end the parser finds only at the next character.
 size_t WordBegin(std::string_view text, size_t end) {
   while (end > 1 && !IsWordCharacter(text[end - 1])) --end;
   return TokenBegin(text, end);
@@ -102,7 +102,7 @@ std::string PlaceOf(const Source& source, std::string_view text, size_t at) {
                      std::max<size_t>(source.line, 1) + static_cast<size_t>(lines), column);
 }
 
-// A text as the parser reads it; says how many characters it has taken.
+// Iterates over a text; counts the characters that the parser has read.
 class CountingIterator {
  public:
   using iterator_category = std::input_iterator_tag;
@@ -131,8 +131,8 @@ class CountingIterator {
   size_t* taken_;
 };
 
-// Builds a value. Anything that is in no message is refused where it begins, so that the value is small beside the
-// text.
+// Builds a value. Values that no message contains are refused where they begin, which keeps the tree small relative to
+// the text.
 class JsonBuilder : public nlohmann::json_sax<Json> {
  public:
   JsonBuilder(const std::string& text, const Source& source) : text_(text), source_(source) {}

@@ -9,7 +9,7 @@
 
 namespace mqcat {
 
-// Decimal, or hexadecimal behind 0x; a sign only where T has one.
+// Decimal, or hexadecimal after 0x; a sign only where T has one.
 template <typename T>
 std::optional<T> ParseNumber(std::string_view text, T min, T max) {
   int base = 10;

@@ -77,11 +77,20 @@ void AddFormat(CLI::App& app, FormatOptions& options, const std::string& help);
 // Throws a Failure for raw bytes on a terminal.
 void CheckFormat(const FormatOptions& options);
 
-// Files of keys, and the user of messages.
+// Files of keys, and users. What is empty was not given.
 struct KeyOptions {
-  std::string sign, ring, user;
+  std::string sign;     // secret key file
+  std::string ring;     // ring file
+  std::string user;     // whose key to take, or the sender of unsigned messages
+  std::string seal_to;  // user of the ring
+  std::string key;      // secret key file, to open sealed messages
 };
 void AddKeyOptions(CLI::App& app, KeyOptions& options, const std::string& sign, const std::string& ring,
                    const std::string& user);
+// An option that takes the path of a secret key file.
+CLI::Option* AddKeyFile(CLI::App& app, const std::string& name, std::string& path, const std::string& help);
+void AddSealTo(CLI::App& app, KeyOptions& options);
+// --user, for a name that a message can have.
+CLI::Option* AddUser(CLI::App& app, std::string& user, const std::string& help);
 
 }  // namespace mqcat

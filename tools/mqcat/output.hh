@@ -21,7 +21,7 @@ size_t OutputWidth();
 bool OutputIsTerminal();
 bool NotesAreOnTerminal();
 
-// One line or more to standard error, behind "mqcat: ", fit for a terminal. Errors there are ignored, because they
+// One line or more to standard error, after "mqcat: ", fit for a terminal. Errors there are ignored, because they
 // could not be reported.
 void Note(std::string_view text);
 

@@ -39,7 +39,7 @@ struct Options {
   KeyOptions keys;
 };
 
-// For JSON: whole nanoseconds, so that a figure has no more digits than it is worth.
+// For JSON: whole nanoseconds, so that figures have only significant digits.
 double Rounded(double milliseconds) { return std::round(milliseconds * 1e6) / 1e6; }
 
 double MillisecondsSince(Clock::time_point then) {
@@ -50,7 +50,7 @@ class Pinger {
  public:
   explicit Pinger(const Options& options)
       : options_(options),
-        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        security_(LoadSecurity(options.keys)),
         link_(AddressOf(options), TransportOf(options), In(std::max(options.timeout, 1.0))),
         msg_(NewMessage()),
         answer_(NewMessage()),
@@ -75,7 +75,7 @@ class Pinger {
     }
   }
 
-  // The connection has ended: nothing that is on its way comes back.
+  // The connection has ended: outstanding answers will not come.
   void Fail() { waiting_.clear(); }
 
   void Finish() {
@@ -84,7 +84,7 @@ class Pinger {
     Flush();
   }
 
-  // As with ping: 0 when something came back; with both count and deadline only when everything did.
+  // As ping does: 0 if something came back; with both count and deadline only if everything did.
   ExitCode Result() const {
     const bool all = options_.deadline > 0 && options_.count != UINT64_MAX;
     return trips_.count() == 0 || (all && trips_.count() < options_.count) ? kExitTimeout : kExitOk;
@@ -99,7 +99,7 @@ class Pinger {
 
   bool Done() const { return sent_ >= options_.count && waiting_.empty(); }
 
-  // The interval is 0: the next one goes out when the last one is back, or lost.
+  // At an interval of 0, the next ping goes out when the last one came back or was lost.
   Clock::time_point NextMoment(Clock::time_point next, Clock::time_point end) const {
     Clock::time_point moment = end;
     const bool flood = options_.interval == 0 && !waiting_.empty();
@@ -124,7 +124,7 @@ class Pinger {
     waiting_[sent_++] = now;
   }
 
-  // Takes answers until the moment has come; at an interval of 0 until one has.
+  // Receives answers until the given time; at an interval of 0 until one has arrived.
   void Receive(Clock::time_point moment) {
     while (link_.Read(answer_.get(), moment)) {
       Take();
@@ -250,21 +250,21 @@ void AddPing(CLI::App& app, ExitCode& exit) {
   AddPeer(*command, options->peer);
   AddNumber<uint64_t>(*command, "-c,--count", options->count, 1, UINT64_MAX, "Stop after this many pings");
   AddSeconds(*command, "-i,--interval", options->interval, 0, 86400,
-             "Time between two pings; 0 sends the next one when the last one is back");
+             "Time between two pings; 0: send each ping when the previous one has returned");
   AddNumber<uint32_t>(*command, "-s,--size", options->size, 0, kMostFill, "Bytes of data in a ping");
   AddSeconds(*command, "-w,--deadline", options->deadline, 0.001, 86400 * 365.0, "Stop after this time");
   AddSeconds(*command, "-W,--timeout", options->timeout, 0.001, 86400, "Count a ping as lost after this time");
   AddKeyOptions(*command, options->keys, "Sign with the secret key in this file",
                 "Accept only answers that are signed by a user in this ring",
                 "Name this user as the sender, instead of your login name; with --sign, the user whose key to take");
+  AddSealTo(*command, options->keys);
   command->add_flag("-q,--quiet", options->quiet, "Print only the summary");
   command->add_flag("--json", options->json, "Print only the summary, as one JSON object");
   command->add_flag("--udp", options->udp, "Send datagrams");
   command->add_flag("-v,--trace", options->trace, "Print every step of the connection on standard error");
   command->footer(
-      "mqcat listen --echo sends messages back. Ctrl-C ends with the summary. Exits with 5 if no ping was answered, "
-      "and "
-      "with both --count and --deadline if any was not.\n\n"
+      "mqcat listen --echo sends messages back. Ctrl-C ends ping with the summary. The exit code is 5 if no ping was "
+      "answered; with both --count and --deadline, also if any ping was not answered.\n\n"
       "Examples:\n  mqcat ping 127.0.0.1:5000\n  mqcat ping 127.0.0.1:5000 -c 1000 -i 0 -s 4096 -q");
   command->callback([options, &exit] { exit = RunPing(*options); });
 }

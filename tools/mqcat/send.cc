@@ -44,7 +44,7 @@ class Sender {
   explicit Sender(const Options& options)
       : options_(options),
         transport_(options.udp ? Transport::kUdp : Transport::kTcp),
-        security_(LoadSecurity(options.keys.sign, options.keys.user, options.keys.ring)),
+        security_(LoadSecurity(options.keys)),
         msg_(NewMessage()) {}
 
   void Connect() {
@@ -211,7 +211,7 @@ void AddMessageOptions(CLI::App& command, Options& options) {
       ->type_name("[ID=]PATH");
   command.add_option("--json", options.json, "Send the message that this JSON object describes")->type_name("JSON");
   command.add_flag("--stdin", options.from_input,
-                   "Send messages from standard input, one JSON object a line; the default without a message");
+                   "Send messages from standard input, one JSON object per line; the default if no message is given");
 }
 
 void AddSendingOptions(CLI::App& command, Options& options) {
@@ -223,8 +223,9 @@ void AddSendingOptions(CLI::App& command, Options& options) {
   AddKeyOptions(command, options.keys, "Sign with the secret key in this file",
                 "Accept only answers that are signed by a user in this ring",
                 "Name this user as the sender, instead of your login name; with --sign, the user whose key to take");
-  command.add_flag("--udp", options.udp, "Send datagrams; only answers can tell whether they arrive");
-  AddFormat(command, options.format, "Print answers as text, json (one object a line), hex, raw or quiet");
+  AddSealTo(command, options.keys);
+  command.add_flag("--udp", options.udp, "Send datagrams; only answers show that they have arrived");
+  AddFormat(command, options.format, "Print answers as text, json (one object per line), hex, raw or quiet");
   command.add_flag("-q,--quiet", options.quiet, "Print no summary and no progress");
   command.add_flag("-v,--trace", options.trace, "Print every step of the connection on standard error");
 }
@@ -238,9 +239,8 @@ void AddSend(CLI::App& app, ExitCode&) {
   AddMessageOptions(*command, *options);
   AddSendingOptions(*command, *options);
   command->footer(
-      "Only an answer shows that the peer has read a message. Without --reply a message counts as handed to the "
-      "system; "
-      "a peer that resets the connection makes send exit with 4.\n\n"
+      "Only an answer shows that the peer has read a message. Without --reply, a message counts as handed to the "
+      "system. If the peer resets the connection, the exit code is 4.\n\n"
       "Examples:\n  mqcat send 127.0.0.1:5000 -c 7 -p 1=hello -p 2:int32=-5 --reply\n"
       "  mqcat send 127.0.0.1:5000 --json '{\"command\":7,\"parameters\":[{\"id\":1,\"value\":\"hello\"}]}'\n"
       "  mqcat listen 5001 --format json | mqcat send 127.0.0.1:5000\n"

@@ -35,9 +35,9 @@ std::string Sender(const PcfMessage* msg) {
 }
 
 std::string Headline(const PcfMessage* msg, const std::string& peer, bool is_signed) {
-  return fmt::format("{} {} {} {} with {}, command {}, {}, {} bytes", LocalTime(), peer,
-                     is_signed ? "signed by" : "from", Quote(Sender(msg)), Quote(Application(msg)), mqc_command(msg),
-                     Count(mqc_count(msg), "parameter"), msg->raw.length);
+  const char* const how = mqc_sealed(msg) ? "sealed by" : is_signed ? "signed by" : "from";
+  return fmt::format("{} {} {} {} with {}, command {}, {}, {} bytes", LocalTime(), peer, how, Quote(Sender(msg)),
+                     Quote(Application(msg)), mqc_command(msg), Count(mqc_count(msg), "parameter"), msg->raw.length);
 }
 
 std::string ParamText(const MqcParam& param) {
@@ -64,7 +64,8 @@ Json ToJson(const PcfMessage* msg, const std::string& peer, bool is_signed) {
   const std::string application = Application(msg);
   Json json = {{"time", UtcTime()},          {"peer", peer},
                {"user", Plain(Sender(msg))}, {"application", Plain(application)},
-               {"signed", is_signed},        {"bytes", msg->raw.length}};
+               {"signed", is_signed},        {"sealed", mqc_sealed(msg) != 0},
+               {"bytes", msg->raw.length}};
   json.update(MessageToJson(msg));
   return json;
 }

@@ -58,7 +58,7 @@ bool IsSafe(uint32_t point) {
   return point < 0x2066 || point > 0x2069;
 }
 
-// Which bytes are appended as they are, and which of them within quotes.
+// Bytes that are appended unchanged: [0] without quotes, [1] within quotes.
 constexpr std::array<std::array<bool, 256>, 2> kStays = [] {
   std::array<std::array<bool, 256>, 2> stays{};
   for (int c = 0x20; c < 0x7f; ++c) stays[0][c] = stays[1][c] = true;

@@ -19,7 +19,7 @@ uint64_t moved = 0;  // bytes that the socket had moved before the transfer in p
 
 uint64_t Moved(const SockRec& rec) { return rec.bytesSent + rec.bytesReceived; }
 
-// Of a datagram the peer, else the socket's name: an accepted socket has its peer's.
+// The peer of a datagram; else the socket's name, which for an accepted socket is its peer's.
 std::string Peer(const SockRec& rec) {
   const bool has_sender = rec.type == SOCK_TYPE_DATAGRAM && rec.from.ip[0] != '\0';
   const SockAddrRec& address = has_sender ? rec.from : rec.name;

@@ -1,4 +1,4 @@
-// trace.hh - what --trace shows: each trace point of nodes and sockets, and each message, on standard error.
+// trace.hh - the output of --trace: each trace point of nodes and sockets, and each message, on standard error.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace mqcat {
 
-// Traces the nodes that are created from now on. Accepted ones are passed to TraceAccepted.
+// Traces the nodes created from now on. Accepted ones must be passed to TraceAccepted.
 void StartTrace();
 void TraceAccepted(MQNode* node);
 

@@ -1,10 +1,11 @@
--- mqnode.lua - takes mqnode messages apart in Wireshark and tshark, on TCP and UDP.
+-- mqnode.lua - dissects mqnode messages in Wireshark and tshark, over TCP and UDP.
 --
--- What it shows: plain messages and signed ones, of senders of either byte order and character set; every header field,
--- the parameters by type, the trailer of a signature. Where a rule is broken, the first rule in the order in which a
--- reader checks them, with the error code that the reader reports (field mqnode.error).
--- Not here: the check of the signature itself, which needs the sender's public key.
--- Invariant: no byte is read before Held said that it was captured; lengths come from the wire and are never trusted.
+-- Shows plain and signed messages of senders with either byte order and character set: every header field, the
+-- parameters by type, the trailer of a signature. Of a sealed message, which is encrypted, shows the user that it is
+-- sealed for. If a message breaks rules, shows the first one, in the order in which a reader checks them, with the
+-- error code that the reader reports (field mqnode.error).
+-- Not here: the verification of the signature, which needs the sender's public key.
+-- Invariant: no byte is read before Held has confirmed that it was captured; lengths on the wire are never trusted.
 --
 -- Runs on Lua 5.2 to 5.4: numbers may be floats or integers, so there are no bit operations and no integer overflow.
 
@@ -12,16 +13,17 @@ local mqnode = Proto("mqnode", "mqnode messages")
 
 local HEADER = 136
 local ENVELOPE = 32
+local SEAL = 64
 local TRAILER = 96
-local MARK = "MQSIGN01"
+local MARK, SEALED_MARK = "MQSIGN01", "MQSIGN02"
 local MAX_MESSAGE = 67108864
 local MAX_PARAMS = 3740
-local DATAGRAM_ROOM = 16520  -- longest datagram, unless the receiving host enlarges its node's buffer, bytes
-local WINDOW = 300           -- seconds between signing and receiving that a receiver accepts at first
-local TEXT_SHOWN = 65536     -- bytes of one text in the tree
-local INFO_TEXT = 40         -- bytes of one text in the Info column
-local INFO_PARAMS = 8        -- parameters of one message in the Info column
-local INFO_LENGTH = 1000     -- of all messages of one call in the Info column
+local DATAGRAM_ROOM = 16520  -- bytes, longest datagram, unless the receiving host has enlarged its node's buffer
+local WINDOW = 300           -- seconds between signing and receiving that a receiver accepts by default
+local TEXT_SHOWN = 65536     -- bytes of one text shown in the tree
+local INFO_TEXT = 40         -- bytes of one text shown in the Info column
+local INFO_PARAMS = 8        -- parameters of one message shown in the Info column
+local INFO_LENGTH = 1000     -- bytes of all messages of one call in the Info column
 
 local INT32, INT64, TEXT, BYTES = 1, 2, 3, 4
 
@@ -79,6 +81,13 @@ local f = {
   int64 = ProtoField.int64("mqnode.param.int64", "Value"),
   text = ProtoField.string("mqnode.param.text", "Value"),
   bytes = ProtoField.bytes("mqnode.param.bytes", "Value"),
+
+  encrypted = ProtoField.bytes("mqnode.encrypted", "Encrypted header and body"),
+  seal = ProtoField.none("mqnode.seal", "Seal"),
+  seal_user = ProtoField.string("mqnode.seal.user", "Sealed for"),
+  seal_reserved = ProtoField.uint32("mqnode.seal.reserved", "Reserved", base.HEX),
+  seal_key = ProtoField.bytes("mqnode.seal.key", "Ephemeral key"),
+  seal_tag = ProtoField.bytes("mqnode.seal.tag", "Tag"),
 
   trailer = ProtoField.none("mqnode.trailer", "Trailer"),
   mark = ProtoField.string("mqnode.trailer.mark", "Mark"),
@@ -165,18 +174,18 @@ local function IsUtf8(bytes)
   return not bytes:find("[\128-\255]")
 end
 
--- The sender's text as a receiver in ASCII holds it, byte for byte.
+-- The sender's text as an ASCII receiver stores it, byte for byte.
 local function Received(bytes, ebcdic)
   return ebcdic and (bytes:gsub(".", latin_of_ebcdic)) or bytes
 end
 
--- At most limit bytes of text, no part of a character at its end.
+-- At most limit bytes of text, without a partial character at its end.
 local function Shorten(text, limit)
   if #text <= limit then return text end
   return text:sub(1, limit):gsub("[\192-\255][\128-\191]*$", "") .. "..."
 end
 
--- Control characters of ASCII by their pictures, U+2400 to U+2421.
+-- The pictures of the ASCII control characters, U+2400 to U+2421.
 local pictures = {["\127"] = "\226\144\161"}
 for c = 0, 31 do pictures[string.char(c)] = "\226\144" .. string.char(128 + c) end
 
@@ -191,8 +200,8 @@ local function CodePoint(sequence)
   return string.format("<U+%04X>", code)
 end
 
--- Every text of a sender, as Wireshark wants it and a terminal takes no harm from it: UTF-8 without control characters.
--- Text that is not UTF-8 is taken for ISO-8859-1.
+-- Makes a sender's text safe for Wireshark and for terminals: UTF-8 without control characters. Text that is not UTF-8
+-- is read as ISO-8859-1.
 local function Readable(bytes, ebcdic)
   local text = Received(bytes, ebcdic)
   if ebcdic or not IsUtf8(text) then text = text:gsub("[\128-\255]", utf8_of_latin) end
@@ -201,13 +210,13 @@ local function Readable(bytes, ebcdic)
   return text
 end
 
--- A field that is filled with zero bytes.
+-- The text of a field that is padded with zero bytes.
 local function FieldText(bytes, ebcdic) return Readable(bytes:gsub("\0.*$", ""), ebcdic) end
 
--- ---- What is found out about one message ----
+-- ---- Analysis of one message ----
 --
 -- A message m: tvb, pinfo, at (its start), item (its tree item), params (texts for the Info column), error (the code of
--- the first rule that was broken), fault (that rule), cut (not all was captured), and what the Show functions add.
+-- the first broken rule), fault (that rule), cut (not all was captured), and what the Show functions add.
 
 local function Break(m, tree, info, code, format, ...)
   local text = string.format(format, ...)
@@ -217,7 +226,7 @@ local function Break(m, tree, info, code, format, ...)
   m.fault = text
 end
 
--- False, with a note, when these bytes of a message were not captured.
+-- False, with a note in the tree, if these bytes of a message were not captured.
 local function Captured(m, tree, at, length)
   if Held(m.tvb, at, length) then return true end
   if not m.cut then tree:add_proto_expert_info(x.cut) end
@@ -225,7 +234,7 @@ local function Captured(m, tree, at, length)
   return false
 end
 
--- Shows bytes, or as many of them as were captured, under a field.
+-- Shows bytes under a field, as far as they were captured.
 local function AddBytes(m, tree, field, at, length)
   local held = math.min(length, m.tvb:len() - at)
   if held > 0 then tree:add(field, m.tvb(at, held)) end
@@ -233,8 +242,8 @@ end
 
 -- ---- Headers ----
 
--- The form in which a header or an envelope was written: little, ebcdic. With a fault and its expert info when the
--- words contradict. At least 16 bytes of it are held.
+-- The form in which a header or an envelope was written: little, ebcdic; if its words contradict each other, also a
+-- fault and its expert info. At least 16 bytes of it must be captured.
 local function FormOf(tvb, at, length)
   local form = {little = Word(tvb, at, true) == length}
   if not form.little and Word(tvb, at, false) ~= length then
@@ -266,6 +275,7 @@ local function ShowEnvelope(m, form)
   AddWord(tree, f.env_announced, tvb, at + 16, form.little)
   local text
   text, m.env_user = ShowText(m, tree, f.env_user, at + 20, 12, form)
+  m.env_text = text
   tree:append_text(string.format(": %d bytes of %s", Word(tvb, at + 16, form.little), text))
   return tree
 end
@@ -302,7 +312,7 @@ local function FitsType(type, length)
   return type == TEXT or type == BYTES
 end
 
--- Value of a parameter in the tree, and as text for the Info column. It is held.
+-- Shows a parameter's value, which must be captured, in the tree and returns it as text for the Info column.
 local show_value = {
   [INT32] = function(m, tree, param, form)
     AddWord(tree, f.int32, m.tvb, param.value, form.little)
@@ -325,7 +335,7 @@ local show_value = {
   end
 }
 
--- Rules that need the value's bytes. They are held.
+-- Checks the rules that need the value's bytes, which must be captured.
 local function CheckValue(m, tree, param, Fail)
   local stored = StoredLength(param.type, param.length)
   if Bytes(m.tvb, param.value + param.length, stored - param.length):find("[^\0]") then
@@ -335,8 +345,8 @@ local function CheckValue(m, tree, param, Fail)
   end
 end
 
--- Shows the parameter at `at`; room is what the body has behind its head. Returns where the next one begins, nil when
--- the walk ends here.
+-- Shows the parameter at `at`; room is the length of the body after the parameter's head. Returns where the next one
+-- begins, or nil at the end of the walk.
 local function ShowParam(m, body, index, at, room, form)
   local tvb = m.tvb
   local param = {id = Word(tvb, at, form.little), type = Word(tvb, at + 4, form.little),
@@ -375,7 +385,7 @@ local function ShowParams(m, tree, at, stop, form)
   if at ~= stop then Break(m, tree, x.body, BAD_BODY, "%d bytes follow the last parameter", stop - at) end
 end
 
--- A header in the form of an x86-64 host keeps its origin word on arrival, and the receiver takes the body for what the
+-- A header in the form of an x86-64 host keeps its origin word on arrival, and the receiver interprets the body as that
 -- word says: bit 0 the other byte order, bit 1 the other character set.
 local function FormOfBody(m, tree, form, origin)
   if origin == 0 then return form end
@@ -450,9 +460,19 @@ local function ShowTrailer(m, at)
   CheckReplay(m, nonce, Bytes(m.tvb, at + 16, 16))
 end
 
--- Rules between envelope, header and trailer; at is where the header begins, length what the envelope announces.
+local function IsUser(bytes) return bytes:find("^[!\"$-~]+\0*$") ~= nil end
+
+-- Rules of the mark in a trailer and of the user in the envelope, which a reader checks last.
+local function CheckTrailer(m, envelope, trailer, mark)
+  if Held(m.tvb, trailer, #mark) and Bytes(m.tvb, trailer, #mark) ~= mark then
+    Break(m, m.item, x.sign, NOT_AUTHENTIC, "no signature follows the message")
+  elseif not IsUser(m.env_user) then
+    Break(m, envelope, x.sign, NOT_AUTHENTIC, "the user in the envelope is not valid")
+  end
+end
+
+-- Checks rules on envelope, header and trailer; at is where the header begins, length what the envelope announces.
 local function CheckSigned(m, envelope, header, at, length)
-  local trailer = at + length - TRAILER
   if m.version ~= 1 then Break(m, m.version_item, x.sign, NOT_AUTHENTIC, "an envelope of version %d", m.version) end
   if m.body_length ~= length - TRAILER - HEADER then
     Break(m, header, x.sign, NOT_AUTHENTIC, "the header says %d bytes of body, there are %d", m.body_length,
@@ -460,16 +480,31 @@ local function CheckSigned(m, envelope, header, at, length)
   end
   if m.env_user ~= m.hdr_user then
     Break(m, envelope, x.sign, NOT_AUTHENTIC, "header and envelope name different users")
-  elseif Held(m.tvb, trailer, #MARK) and Bytes(m.tvb, trailer, #MARK) ~= MARK then
-    Break(m, m.item, x.sign, NOT_AUTHENTIC, "no signature follows the message")
-  elseif not m.env_user:find("^[!\"$-~]+\0*$") then
-    Break(m, envelope, x.sign, NOT_AUTHENTIC, "the user in the envelope is not valid")
+  else
+    CheckTrailer(m, envelope, at + length - TRAILER, MARK)
+  end
+end
+
+-- The form of a seal is the same from every sender.
+local function ShowSeal(m, at)
+  if not Captured(m, m.item, at, SEAL) then return end
+  local tree = m.item:add(f.seal, m.tvb(at, SEAL))
+  local text, user = ShowText(m, tree, f.seal_user, at, 12, {})
+  local reserved = tree:add(f.seal_reserved, m.tvb(at + 12, 4))
+  tree:add(f.seal_key, m.tvb(at + 16, 32))
+  tree:add(f.seal_tag, m.tvb(at + 48, 16))
+  tree:append_text(": for " .. text)
+  m.sealed_for = text
+  if Word(m.tvb, at + 12, true) ~= 0 then
+    Break(m, reserved, x.sign, NOT_AUTHENTIC, "the reserved bytes of the seal are not zero")
+  elseif not IsUser(user) then
+    Break(m, tree, x.sign, NOT_AUTHENTIC, "the user that it is sealed for is not valid")
   end
 end
 
 -- ---- Messages ----
 
--- Shows a message of another companion runtime behind its envelope: the header when it is one, the rest as bytes.
+-- Shows a signed message of another companion: the header if it is valid, the rest as bytes.
 local function ShowForeignSigned(m, at, length)
   if length < HEADER or not Captured(m, m.item, at, HEADER) then return AddBytes(m, m.item, f.undecoded, at, length) end
   local form, fault = FormOf(m.tvb, at, HEADER)
@@ -478,15 +513,25 @@ local function ShowForeignSigned(m, at, length)
   AddBytes(m, m.item, f.undecoded, at + HEADER, length - HEADER)
 end
 
+local function ShowSealed(m, envelope, at, length)
+  local trailer = at + length - TRAILER
+  AddBytes(m, m.item, f.encrypted, at, length - TRAILER - SEAL)
+  ShowSeal(m, trailer - SEAL)
+  if not m.error then CheckTrailer(m, envelope, trailer, SEALED_MARK) end
+  ShowTrailer(m, trailer)
+end
+
 local function ShowSigned(m, shape)
   local envelope = ShowEnvelope(m, shape.form)
   local at, length = m.at + ENVELOPE, shape.announced
   if m.error then return AddBytes(m, m.item, f.undecoded, at, math.min(shape.total, shape.present) - ENVELOPE) end
   if not mqnode.prefs.companion then return ShowForeignSigned(m, at, length) end
-  if length <= HEADER + TRAILER then
+  local sealed = m.version == 2
+  if length <= HEADER + TRAILER + (sealed and SEAL or 0) then
     Break(m, envelope, x.sign, NOT_AUTHENTIC, "%d bytes are too short for a signature", length)
     return AddBytes(m, m.item, f.undecoded, at, length)
   end
+  if sealed then return ShowSealed(m, envelope, at, length) end
   if not Captured(m, m.item, at, HEADER) then return AddBytes(m, m.item, f.undecoded, at, length) end
   local form, fault, info = FormOf(m.tvb, at, HEADER)
   if fault then
@@ -506,13 +551,13 @@ local function ShowPlain(m, shape)
   AddBytes(m, m.item, f.undecoded, m.at + HEADER, math.min(shape.total, shape.present) - HEADER)
 end
 
--- What can be said of the bytes at `at`, of which `present` were on the wire:
---   need        so many bytes are needed to say more; nothing else is set then
---   header      136 or 32; nil when the first word is neither
+-- Determines what the bytes at `at` are, of which `present` were on the wire:
+--   need        this many bytes are needed to tell; nothing else is set then
+--   header      136 or 32; nil if the first word is neither
 --   form        the sender's
---   announced   bytes behind the header, total  bytes of the message. After a fault: 0, header alone, which is what a
---               reader of a stream drops
---   fault, info the rule that is broken, if one is
+--   announced   bytes after the header, total  bytes of the message. After a fault: 0 and the header alone, which is
+--               what a reader of a stream drops
+--   fault, info the rule that is broken, if any
 local function ShapeOf(tvb, at, present)
   if not Held(tvb, at, 4) then return {need = 4, present = present} end
   local header
@@ -540,21 +585,23 @@ local function ShapeOf(tvb, at, present)
 end
 
 local function Describe(m, shape)
-  local kind = shape.header == ENVELOPE and "signed " or ""
+  local kind = shape.header ~= ENVELOPE and "" or m.version == 2 and "sealed " or "signed "
   local text
   if m.command then
     text = string.format("%scommand %d from %s", kind, m.command, m.user)
     if #m.params > 0 then text = text .. ": " .. table.concat(m.params, ", ") end
     if m.count > #m.params and #m.params >= INFO_PARAMS then text = text .. ", ..." end
   else
-    text = kind .. "message" .. (m.user and " from " .. m.user or "")
+    local user = m.user or m.env_text
+    text = kind .. "message" .. (user and " from " .. user or "")
+    if m.sealed_for then text = text .. " for " .. m.sealed_for end
   end
   if m.fault then text = string.format("%s [error %d: %s]", text, m.error, m.fault) end
   if m.cut then text = text .. " [cut]" end
   return text
 end
 
--- Shows one message, or the bytes that are none, and returns its text for the Info column.
+-- Shows one message, or bytes that are not a message, and returns the text for the Info column.
 local function ShowMessage(tvb, at, pinfo, root, shape)
   local length = math.min(shape.total or shape.present, tvb:len() - at)
   local m = {tvb = tvb, pinfo = pinfo, at = at, params = {}}
@@ -582,21 +629,21 @@ local function ShowMessage(tvb, at, pinfo, root, shape)
   return text
 end
 
--- ---- Roads ----
+-- ---- Transports ----
 
--- Several calls may concern one frame, a reassembled message and what follows it: the fence keeps what is there.
+-- Several calls may concern one frame: a reassembled message and what follows it. The fence keeps the earlier text.
 local function ShowColumns(pinfo, texts)
   if #texts == 0 then return end
   pinfo.cols.protocol = "mqnode"
   pinfo.cols.info:clear()
-  local before = tostring(pinfo.cols.info)  -- "(nil)" when nobody wants columns
+  local before = tostring(pinfo.cols.info)  -- "(nil)" if no columns are requested
   local is_first = before == "" or before == "(nil)"
   pinfo.cols.info:append((is_first and "" or " | ") .. Shorten(table.concat(texts, " | "), INFO_LENGTH))
   pinfo.cols.info:fence()
 end
 
--- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) when it
--- does not reassemble, or when packets were cut.
+-- Whether TCP was asked for the bytes that the message at `at` still lacks. It cannot be asked (can_desegment 0) if it
+-- does not reassemble, or if packets were cut.
 local function AskForMore(tvb, at, pinfo, shape)
   local lacking = (shape.need or shape.total or 0) - (tvb:len() - at)
   if lacking <= 0 or pinfo.can_desegment == 0 then return false end
@@ -617,7 +664,7 @@ local function DissectStream(tvb, pinfo, root)
   ShowColumns(pinfo, texts)
 end
 
--- One message a datagram, neither less nor more.
+-- A datagram is exactly one message.
 local function DissectDatagram(tvb, pinfo, root)
   if tvb:len() == 0 then return end
   local present = tvb:reported_len()
@@ -643,7 +690,7 @@ end
 
 mqnode.dissector = Dissect
 
--- The first 16 bytes of a message are nearly fixed: that is enough to tell one.
+-- The first 16 bytes of a message are nearly fixed, which is enough to recognise one.
 local function IsMessage(tvb)
   if not Held(tvb, 0, 16) then return false end
   for _, length in ipairs({HEADER, ENVELOPE}) do
@@ -656,7 +703,7 @@ end
 local function Recognise(tvb, pinfo, root)
   if not IsMessage(tvb) then return false end
   pinfo.conversation = mqnode
-  -- Not through mqnode.dissector: a second dissector in the way may not ask TCP for more.
+  -- Not through mqnode.dissector: through a second dissector, TCP could not be asked for more bytes.
   Dissect(tvb, pinfo, root)
   return true
 end
