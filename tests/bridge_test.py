@@ -339,10 +339,10 @@ def main(names):
             print(f"{test.__name__}: {time.monotonic() - begin:.1f} s", flush=True)
 
 
-if missing():
-    print("skipped: no", missing())
-    sys.exit(77)
 try:
+    if missing():
+        print("skipped: no", missing())
+        sys.exit(77)
     main(sys.argv[2:])
 finally:
     finish()
