@@ -109,7 +109,7 @@ TEST_F(AsioTest, TimeOutsLoseNothing) {
   EXPECT_EQ(peer.Read(1156 + 156).size(), 1312U);
   EXPECT_EQ(WriteState(node.node().get()), "0, sent 2, out 0");
 
-  // A read sends what a cancelled write has left queued.
+  // A read sends what a cancelled write has left.
   Platform::Limit("send", {100});
   Platform::Fail("send", 2, EAGAIN, Platform::kOnwards);
   EXPECT_EQ(Run(within(10ms, node.write(out))), "SOCK_WAIT_TIMEOUT");

@@ -59,9 +59,9 @@ class AsyncNode;
 namespace detail {
 
 constexpr std::chrono::milliseconds kAcceptPause{50};  // before the next attempt, while no connection can be accepted
-constexpr std::chrono::milliseconds kNoPause{0};       // but the other nodes have a turn
-constexpr std::chrono::milliseconds kAway{500};        // a timer that is so late shows that the loop did not run
-constexpr std::chrono::milliseconds kCatchUp{100};     // to read what has arrived in the meantime
+constexpr std::chrono::milliseconds kNoPause{0};       // but lets the other nodes have their turn
+constexpr std::chrono::milliseconds kAway{500};        // a timer that expires this late shows that the loop did not run
+constexpr std::chrono::milliseconds kCatchUp{100};     // time to process what has arrived meanwhile
 
 struct AsyncState;
 
@@ -72,7 +72,7 @@ struct AsyncCommon {
 
   MqLoopLimits limits;
   std::unordered_set<AsyncState*> accepted = {};          // accepted nodes that are not closed
-  std::unordered_map<std::uint32_t, int> addresses = {};  // their number for each address
+  std::unordered_map<std::uint32_t, int> addresses = {};  // number of accepted nodes of each address
 };
 
 // A node and its descriptor in the loop. Operations share ownership, so that it outlives its AsyncNode until they end.
@@ -111,7 +111,7 @@ struct AsyncState {
     step.accepted = 1;
   }
 
-  // Waits until the node is ready; code is set if the wait failed.
+  // Waits until the node is ready; code is set if the wait failed. The node may have been closed meanwhile.
   asio::awaitable<void> wait(Wait type, asio::error_code& code) {
     mq_step_progress(&step, mq_clock());
     if (!descriptor.is_open()) descriptor.assign(node.descriptor(), code);
@@ -170,7 +170,7 @@ inline asio::awaitable<Result> async_open(AsyncShared own) {
   }
 }
 
-// Waits until the node is ready for its next step. If it waits for two events, the first one ends the wait.
+// Waits for the readiness that the node requires next; if it requires both, for either.
 inline asio::awaitable<void> async_wait(AsyncShared own, asio::error_code& code) {
   using namespace asio::experimental::awaitable_operators;
   const int wants = mq_step_wants(&own->step);
@@ -282,8 +282,8 @@ class AsyncNode {
   AsyncNode() noexcept = default;
   // Takes ownership of a node from a creator, and makes it non-blocking. status() tells whether it can be used.
   //   framing   messages that read() accepts: plain or signed
-  //   limits    limits of this node; those of a listener also apply to the nodes that it accepts. Of its time limits,
-  //             only keptMsec is used
+  //   limits    limits of this node; those of a listener also apply to the nodes that it accepts. Of its time
+  //             limits, only keptMsec is used
   AsyncNode(const asio::any_io_executor& executor, Node node, Framing framing = Framing::kPlain,
             const MqLoopLimits& limits = mq_loop_limits())
       : state_(
@@ -317,15 +317,16 @@ class AsyncNode {
   // Connects. A host name is looked up first, which blocks the loop.
   asio::awaitable<Result> open() const { return detail::async_open(state_); }
 
-  // Waits for a connection on a listener and moves it to child, with the framing and the limits of the listener. If
-  // limits.nodes nodes are open, or no descriptor is left, the connection replaces another node as described for
-  // limits.keptMsec: that node is closed, and its operations return ECONNABORTED. If no node may be replaced, or no
-  // memory is left, connections wait. The code of the result tells what was lacking, such as EMFILE.
+  // Waits for a connection on a listener and moves it to child, with the framing and the limits of the listener. While
+  // limits.nodes nodes are open, or no descriptor is left, a new connection takes the place of another node, as
+  // documented for limits.keptMsec: that node is closed, and its operations return ECONNABORTED. If no node has to
+  // leave, or there is no memory, connections wait. The result may be true with a code, such as EMFILE: connections had
+  // to wait.
   asio::awaitable<Result> accept(AsyncNode& child) const { return detail::async_accept(state_, child); }
 
-  // Waits until there is something to read: the beginning or the rest of a message, a datagram, or the end of a
-  // connection. A server can thus allow a long silence between messages and a short time for each one: await
-  // within(10min, readable()), then within(10s, read(msg)). A silent client then needs no message record.
+  // Waits until there is something to read: a part of a message, a datagram, or the end of a connection. A server can
+  // allow a long silence between two messages but little time for each message: within(10min, readable()), then
+  // within(10s, read(msg)). A silent client then needs no message record.
   asio::awaitable<Result> readable() const { return detail::async_readable(state_); }
 
   // Reads one message. False with EMSGSIZE if it is longer than limits.messageBytes, and with peer_gone() at the end of
@@ -346,7 +347,7 @@ class AsyncNode {
     return detail::async_write(state_, mnSWriteTo, msg, &to, 1, static_cast<void*>(signer.get()));
   }
 
-  // Waits until nothing is queued, for example after a cancelled write.
+  // Waits until nothing is queued, for example after a write was cancelled.
   asio::awaitable<Result> flush() const { return detail::async_flush(state_, state_->step.taken); }
 
   // As mq_finish: sends the queued messages, shuts down the sending side, and waits until the peer has received
@@ -423,7 +424,7 @@ inline asio::awaitable<void> async_expire(asio::steady_timer& timer, asio::error
 }  // namespace detail
 
 // within - perform an operation with a time limit. After that it is cancelled; the result is false with timed_out(). If
-// the loop did not run when the time expired, the operation has another 100 ms, because the peer may not be the cause.
+// the loop did not run when the time expired, the operation has another 100 ms: the peer may not be at fault.
 //   if (const Result read = co_await within(10s, node.read(msg)); read.timed_out()) ...
 inline asio::awaitable<Result> within(std::chrono::milliseconds longest, asio::awaitable<Result> operation) {
   using namespace asio::experimental::awaitable_operators;

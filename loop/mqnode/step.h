@@ -75,7 +75,7 @@ typedef struct MqStep {
   uint64_t taken;     /* writes that were sent or queued */
   uint64_t sentAtEnd; /* value that bytesSent of the node will have when its queue is empty */
   uint64_t moved;     /* bytes sent and received at the last progress */
-  int64_t begun;      /* milliseconds: when the engine took the node in */
+  int64_t begun;      /* milliseconds: time at which the engine took the node */
   int64_t since;      /* milliseconds: time of the last progress */
   uint32_t done;      /* messages read and written at the last progress */
   int midway;         /* 1: at the last progress, the node was in a message or had queued writes */
