@@ -4,20 +4,21 @@ nats-servers, two bridges, three workers and many clients. One of the servers is
 
 With --soak, something is killed every few seconds and started again: a server, a bridge or a worker. Other clients then
 store numbered messages in a stream with three replicas, which are counted at the end.
-Exit code: 0 every message was answered and, if stored, is there; 1 not so.
+Exit code: 0 every message was answered and, if stored, is there; 1 not so; after Ctrl-C 130, with the results so far.
 """
 import argparse
 import collections
 import itertools
 import os
 import random
+import signal
 import sys
 import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "support"))
-from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, is_possible, make_cluster,  # noqa: E402
-                     make_stream, worker)
+from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, make_cluster,  # noqa: E402
+                     make_stream, missing, worker)
 
 
 class Client(threading.Thread):
@@ -138,25 +139,33 @@ def main():
     parser.add_argument("--seconds", type=float, default=8, help="length of the demonstration (8)")
     parser.add_argument("--soak", type=float, metavar="SECONDS", help="kill and restart processes for this long")
     options = parser.parse_args()
-    if not is_possible():
-        sys.exit("nats-server or mqbridge is missing")
+    if missing():
+        sys.exit("run: no " + missing())
     print("three nats-servers, three workers, two bridges" + (" of each mode" if options.soak else ""), flush=True)
     world = World(options)
     clients = world.make_clients()
     for client in clients:
         client.start()
-    world.stir()
+    code = 0
+    try:
+        world.stir()
+    except SystemExit as interrupt:
+        code = interrupt.code
     for client in clients:
         client.stop = True
     for client in clients:
         client.join(30)
     good = report(world, clients)
     print("nothing is lost" if good else "SOMETHING IS LOST")
-    return 0 if good else 1
+    return code or int(not good)
 
 
+for number in (signal.SIGINT, signal.SIGTERM):
+    signal.signal(number, lambda caught, _: sys.exit(128 + caught))
 try:
     code = main()
+except AssertionError as failure:
+    code = f"run: {failure}"
 finally:
     finish()
 sys.exit(code)

@@ -19,6 +19,7 @@ using namespace demo;
 
 constexpr int kExitWrong = 1;
 constexpr int kExitCannot = 2;
+constexpr int kExitSkipped = 77;
 constexpr int kExitSignal = 128;  // plus the number of the signal
 constexpr const char* kInterrupts =
     "Ctrl-C ends it early with the results so far: exit code 130 (SIGINT) or 143 (SIGTERM).\n";
@@ -79,8 +80,10 @@ void DescribeHostile(CLI::App* app, SiegeOptions* options) {
   app->add_flag("--list", options->list, "list servers and attacks");
   AddRange(app, "--seconds", &options->seconds, 0.1, 600.0, "duration of each attack; some take a little longer");
   app->add_flag("--together", options->together, "all attacks at the same time: quicker, but the times mean little");
-  app->footer(fmt::format("Exit code: 0 every attack was withstood, 1 one was not, 2 the test could not be run.\n{}",
-                          kInterrupts));
+  app->footer(
+      fmt::format("Exit code: 0 every attack was withstood, 1 one was not, 2 the test could not be run,\n"
+                  "77 the servers were not built. {}",
+                  kInterrupts));
 }
 
 void RaiseDescriptorLimit(rlim_t needed) {
@@ -136,7 +139,12 @@ int RunHostile(const SiegeOptions& options) {
     return names.empty() || std::ranges::count(names, name) != 0;
   };
   std::vector<Trial> trials;
+  bool isLeftOut = false;
   for (const Target& target : Targets()) {
+    const std::string missing = isChosen(options.servers, target.name) ? MissingFor(target) : "";
+    if (!missing.empty()) fmt::print(stderr, "mqdemo: {} is left out: no {}\n", target.name, missing);
+    isLeftOut = isLeftOut || !missing.empty();
+    if (!missing.empty()) continue;
     for (const Peer& peer : Peers()) {
       if (!IsFor(peer, target) || !isChosen(options.servers, target.name)) continue;
       if (!isChosen(options.attacks, peer.name)) continue;
@@ -145,6 +153,7 @@ int RunHostile(const SiegeOptions& options) {
     }
   }
   if (options.list) return 0;
+  if (trials.empty() && isLeftOut) return kExitSkipped;
   if (trials.empty()) throw std::runtime_error("none of these attacks applies to one of these servers");
   Prepare(kSiegeDescriptors);
   TryAll(&trials, options.seconds, options.together);
@@ -161,8 +170,8 @@ int Run(int argc, char** argv) {
   CLI::App* const soaking =
       app.add_subcommand("soak", "Long run through a bad network; every message is accounted for");
   CLI::App* const hostile = app.add_subcommand("hostile",
-                                               "Hostile peers against this server, those of the examples, and mqcat "
-                                               "listen. Each attack has a server of its own;\n"
+                                               "Hostile peers against this server, those of the examples, mqcat listen "
+                                               "and mqbridge. Each attack has a server of its own;\n"
                                                "honest clients are measured before and during the attack.");
   DescribeSoak(soaking, &soak);
   DescribeHostile(hostile, &siege);

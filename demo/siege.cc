@@ -8,6 +8,8 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <sstream>
 
 #include "demo/arena.hh"
 #include "demo/child.hh"
@@ -27,6 +29,7 @@ constexpr long kMostGrowthKb = 16 << 10;  // growth that may remain afterwards, 
 constexpr uint64_t kSeed = 1;
 constexpr Limits kLimits = {1000, 4, 1000};
 constexpr const char* kRing = "RING";
+constexpr const char* kCluster = "CLUSTER";  // the address of a cluster in which something answers
 
 const Target kTargets[] = {
     {"mqdemo", kPlain, nullptr, {}, Echo::kAll},
@@ -46,6 +49,14 @@ const Target kTargets[] = {
     {"uv_server", kPlain, "uv_server", {"127.0.0.1", "0", "1000", "4"}, Echo::kTextAlone, false, 6},
     // A client of this one costs more memory, of which the heap keeps some: it has fewer places.
     {"asio_server", kPlain, "asio_server", {"127.0.0.1", "0", "900", "4"}, Echo::kTextAlone, false, 6},
+    // Here after 10 seconds.
+    {"mqbridge",
+     kPlain,
+     "mqbridge",
+     {"in", "127.0.0.1:0", "--server", kCluster, "--clients", "1000", "--memory", "16777216", "--timeout", "60"},
+     Echo::kSame,
+     false,
+     14},
     {"datagram_server", kDatagram, "datagram_server", {"127.0.0.1", "0"}, Echo::kTextAlone},
     {"mqcat", kPlain, "mqcat", {"listen", "0", "--echo", "--format", "quiet"}, Echo::kSame, true},
     {"mqcat_signed",
@@ -76,26 +87,67 @@ class Ring {
   std::string path_ = std::filesystem::temp_directory_path() / "mqdemo-XXXXXX";
 };
 
-int Become(const Target& target, const std::string& ring) {
+// The path of a program: in the directory of this one, or else in PATH. Empty if there is none.
+std::string PathOf(const std::string& program) {
+  const char* const path = getenv("PATH");
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
-  const std::string program = self.parent_path() / target.program;
-  std::vector<char*> arguments = {const_cast<char*>(program.c_str())};
-  for (const char* argument : target.arguments) {
-    arguments.push_back(const_cast<char*>(argument == kRing ? ring.c_str() : argument));
+  std::istringstream folders(fmt::format("{}:{}:/usr/sbin", self.parent_path().string(), path == nullptr ? "" : path));
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const std::string file = folder + "/" + program;
+    if (access(file.c_str(), X_OK) == 0) return file;
   }
-  arguments.push_back(nullptr);
+  return "";
+}
+
+int Become(const std::string& program, std::vector<std::string> arguments) {
+  const std::string path = PathOf(program);
+  std::vector<char*> words = {const_cast<char*>(path.c_str())};
+  for (std::string& argument : arguments) words.push_back(argument.data());
+  words.push_back(nullptr);
   close_range(STDERR_FILENO + 1, ~0u, 0);
-  execv(program.c_str(), arguments.data());
+  execv(path.c_str(), words.data());
   return 127;
 }
 
-// The number at the end of the first line; 0 if there is none yet.
+// The number at the end of the first line with "listening", or alone on a line; 0 if there is none yet.
 int PortIn(const std::string& log) {
-  const size_t end = log.find('\n');
-  if (end == std::string::npos) return 0;
-  const size_t before = log.find_last_not_of("0123456789", end - 1);
-  return atoi(log.c_str() + (before == std::string::npos ? 0 : before + 1));
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line) && !lines.eof();) {
+    const size_t before = line.find_last_not_of("0123456789");
+    const bool is_alone = before == std::string::npos;
+    if (is_alone || line.find("istening") != std::string::npos) return atoi(line.c_str() + (is_alone ? 0 : before + 1));
+  }
+  return 0;
 }
+
+// What mqbridge publishes comes back: nats-server, a bridge out of it, and mqcat, which sends back.
+class Cluster {
+ public:
+  // Waits until all are connected.
+  std::string Url() {
+    Await([this] { return out_.Log().find("peer connected") != std::string::npos; });
+    return UrlOf(nats_);
+  }
+
+ private:
+  static int PortOf(const Child& child) {
+    int port = 0;
+    Await([&] { return (port = PortIn(child.Log())) != 0; });
+    return port;
+  }
+  static std::string UrlOf(const Child& nats) { return fmt::format("nats://127.0.0.1:{}", PortOf(nats)); }
+
+  int BridgeOut() {
+    return Become("mqbridge", {"out", "mq.>", fmt::format("127.0.0.1:{}", PortOf(echo_)), "--server", UrlOf(nats_),
+                               "--queue", "echo", "--in-flight", "256"});
+  }
+
+  Child nats_{"nats-server", [] { return Become("nats-server", {"-a", "127.0.0.1", "-p", "-1"}); }, true};
+  Child echo_{"mqcat", [] { return Become("mqcat", {"listen", "0", "--echo", "--format", "quiet"}); }, true};
+  Child out_{"mqbridge out", [this] { return BridgeOut(); }, true};
+};
+
+bool NeedsCluster(const Target& target) { return std::ranges::count(target.arguments, kCluster) != 0; }
 
 // The number of a client with small messages on this port.
 uint32_t ClientFor(Port port) {
@@ -110,6 +162,7 @@ class Siege {
         peer_(*trial.peer),
         shared_(*trial.shared),
         seconds_(std::max(seconds, target_.seconds)),
+        cluster_(NeedsCluster(target_) ? std::make_unique<Cluster>() : nullptr),
         server_(
             "server", [this] { return Serve(); }, true, peer_.descriptors),
         steady_("steady client", [this] { return Talk(kSteady); }),
@@ -137,8 +190,11 @@ class Siege {
 
  private:
   int Serve() {
-    if (target_.program != nullptr) return Become(target_, ring_.path());
-    return RunServer(&shared_, kSeed, keys_, kLimits, target_.engine);
+    if (target_.program == nullptr) return RunServer(&shared_, kSeed, keys_, kLimits, target_.engine);
+    std::vector<std::string> arguments = target_.arguments;
+    std::ranges::replace(arguments, kRing, ring_.path());
+    if (cluster_ != nullptr) std::ranges::replace(arguments, kCluster, cluster_->Url());
+    return Become(target_.program, arguments);
   }
 
   int Talk(uint32_t process) {
@@ -214,6 +270,7 @@ class Siege {
   double rest_ = 0;
   const Keys keys_ = MakeKeys();
   const Ring ring_{keys_};
+  const std::unique_ptr<Cluster> cluster_;
   Child server_, steady_, newcomer_;
 };
 
@@ -233,6 +290,14 @@ void Conclude(const Trial& trial, const Child& child) {
 }  // namespace
 
 std::span<const Target> Targets() { return kTargets; }
+
+std::string MissingFor(const Target& target) {
+  std::vector<std::string> programs;
+  if (target.program != nullptr) programs.emplace_back(target.program);
+  if (NeedsCluster(target)) programs.emplace_back("nats-server");
+  const auto missing = std::ranges::find_if(programs, [](const std::string& name) { return PathOf(name).empty(); });
+  return missing == programs.end() ? "" : *missing;
+}
 
 bool IsFor(const Peer& peer, const Target& target) {
   const bool isPort = peer.port == target.port || std::string_view(peer.name) == kHonestOnly;

@@ -10,13 +10,13 @@
 
 namespace demo {
 
-// A server to attack: this program's own, or another program in its directory, which prints its port or
-// "listening on ...:PORT".
+// A server to attack: this program's own, or another program in its directory, which prints its port, alone or at the
+// end of a line with "listening".
 struct Target {
   const char* name;
   Port port;
   const char* program;                 // null: this program's own server
-  std::vector<const char*> arguments;  // kRing: the path of a file with the keys of both users
+  std::vector<std::string> arguments;  // kRing: the path of a file with the keys of both users; kCluster: see there
   Echo echo;
   bool isMqcat = false;
   double seconds = 0;           // that an attack takes at least
@@ -24,6 +24,9 @@ struct Target {
 };
 
 std::span<const Target> Targets();
+
+// What a target needs and this machine lacks; empty if nothing.
+std::string MissingFor(const Target& target);
 
 struct Trial {
   const Target* target;

@@ -51,6 +51,8 @@ struct MqUvNode {
   int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
   int turning;    /* 1: in on_poll, which ends with settle */
   int watching;   /* what the poll handle waits for */
+  int owed;       /* answers that the application still has to write */
+  int half;       /* 1: the peer has closed its side and waits for them */
   int code;       /* for on_end */
   const char* why;
   uint64_t written; /* writes that were sent */
@@ -282,7 +284,10 @@ static void begin_end(MqUvNode* node, int code) {
 
 static void read_failed(MqUvNode* node) {
   const int code = node->step.error;
-  if (code == SOCK_PEER_CLOSED && !mq_step_is_cut(&node->step)) {
+  const int left = code == SOCK_PEER_CLOSED && !mq_step_is_cut(&node->step);
+  if (left && node->owed > 0) {
+    node->half = node->step.paused = 1;
+  } else if (left) {
     begin_end(node, code);
     end_turn(node);
   } else {
@@ -639,8 +644,15 @@ void mq_uv_pause(MqUvNode* node) {
 }
 
 void mq_uv_resume(MqUvNode* node) {
-  node->step.paused = 0;
+  node->step.paused = node->half;
   node->step.since = clock_of(node->uv);
+  settle(node);
+}
+
+void mq_uv_set_owed(MqUvNode* node, int answers) {
+  node->owed = answers;
+  if (answers > 0 || !node->half || node->step.phase != MQ_STEP_OPEN) return;
+  begin_end(node, SOCK_PEER_CLOSED);
   settle(node);
 }
 

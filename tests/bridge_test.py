@@ -2,9 +2,12 @@
 """bridge_test.py BUILD_DIR TEST ... - mqbridge between real nodes and real nats-servers, which die in the middle.
 
 Messages are numbered: what a client was answered for is counted in the cluster.
-TEST: requests, signed, delivered, refused, away; with a cluster of three: storing, working.
+TEST: requests, signed, delivered, refused, secured, away; with a cluster of three: storing, working.
 """
+import base64
+import binascii
 import collections
+import ctypes
 import itertools
 import json
 import os
@@ -15,12 +18,13 @@ import subprocess
 import sys
 import threading
 import time
+import urllib.request
 
 if len(sys.argv) < 3:
     sys.exit(__doc__)
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "support"))
 from cluster import (BIN, ERROR, NO_RESPONDER, STORED, TIME_OVER, WORK, Bridge, Nats, Node, Server, finish,  # noqa: E402
-                     free_ports, is_possible, make_cluster, make_stream, until, worker)
+                     free_ports, make_cluster, make_stream, missing, until, worker)
 
 
 # ---- One server ----
@@ -28,7 +32,8 @@ from cluster import (BIN, ERROR, NO_RESPONDER, STORED, TIME_OVER, WORK, Bridge, 
 
 def requests(server):
     """Answers in order; no responder, time over and errors; names of users that are not words; the drain."""
-    bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--timeout", "1", event="listening")
+    bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--timeout", "1", "--metrics", 0,
+                    event="listening")
     node = Node(bridge.port, "a.b >*")
     assert node.ask(1, "x") == (NO_RESPONDER, {1: "nobody answers on this subject", 2: "mq.a%2Eb%20%3E%2A.1"})
     one = worker(server, "one")
@@ -40,6 +45,8 @@ def requests(server):
         assert node.receive() == (2, {1: str(i), 2: "one"})
         if i % 50 == 0:
             assert node.receive() == (ERROR, {1: "a question has a text, parameter 1", 2: "mq.a%2Eb%20%3E%2A.1"})
+    with urllib.request.urlopen(f"http://127.0.0.1:{bridge.find('metrics')['port']}/metrics") as counters:
+        assert b"\nmqbridge_answers_total 200\n" in counters.read()
     nats = Nats(server.port)
     nats.subscribe("mq.*.7")
     node.send(7, "in time")
@@ -83,10 +90,11 @@ def signed(server):
 
 
 def away(server):
-    """While the cluster is away, a bridge stays within its memory bound, and loses nothing that it has read."""
-    make_stream(server, "A", ["a.>"])
+    """A bridge tells of refusals. While the cluster is away, it stays within its memory bound, and loses nothing."""
+    make_stream(server, "A", ["a.>"], max_msg_size=5000)
     bridge = Bridge("in", "127.0.0.1:0", "--server", server.url, "--mode", "store", "--subject", "a.{command}", "--memory",
                     "65536", "--timeout", "60", "--per-client", "1000", event="listening")
+    assert Node(bridge.port).ask(5, "x" * 5000) == (ERROR, {1: "message size exceeds maximum allowed", 2: "a.5"})
     server.kill()
     until("disconnected", lambda: bridge.find("disconnected"))
     nodes = [Node(bridge.port) for _ in range(4)]
@@ -170,19 +178,65 @@ def delivered(server):
     third.end()
 
 
-def refused(server):
+def refuses(rows):
     """One line and an exit code for what cannot be."""
+    for code, text, *arguments in rows:
+        done = subprocess.run([f"{BIN}/mqbridge", *arguments], stderr=subprocess.PIPE, text=True, timeout=20)
+        lines = done.stderr.splitlines()
+        assert len(lines) == 1 or "connected" in lines[0], (arguments, done)
+        assert done.returncode == code and text in lines[-1] and lines[-1].startswith("mqbridge: "), (arguments, done)
+
+
+def refused(server):
+    """What is wrong with the command line, and the places and files that it names."""
     with socket.create_server(("127.0.0.1", 0)) as taken:
         place = f"127.0.0.1:{taken.getsockname()[1]}"
         rows = [(2, "SUBJECT", "out"), (2, "fixed word", "in", "127.0.0.1:0", "--subject", "{user}.x"),
                 (2, "none of", "in", "127.0.0.1:0", "--subject", "mq.{name}"), (2, "HOST:PORT", "in", "5000"),
-                (2, "come back", "out", "dead.>", "127.0.0.1:1", "--durable", "x"),
+                (2, "no server", "in", "127.0.0.1:0", "--server", ","), (2, "come back", "out", "dead.>", "127.0.0.1:1", "--durable", "x"),
                 (4, "EADDRINUSE", "in", place, "--server", server.url),
                 (7, "nothing", "in", "127.0.0.1:0", "--ring", "nothing", "--sign", "nothing")]
-        for code, text, *arguments in rows:
-            done = subprocess.run([f"{BIN}/mqbridge", *arguments], stderr=subprocess.PIPE, text=True, timeout=20)
-            last = done.stderr.splitlines()[-1]
-            assert done.returncode == code and text in last and last.startswith("mqbridge: "), (arguments, done)
+        refuses(rows)
+
+
+def nkey():
+    """A key of a user: public text, and the text of its seed."""
+    def text(data):
+        return base64.b32encode(data + binascii.crc_hqx(data, 0).to_bytes(2, "little")).decode().rstrip("=")
+    seed, public, secret = os.urandom(32), ctypes.create_string_buffer(32), ctypes.create_string_buffer(64)
+    ctypes.CDLL("libsodium.so.23").crypto_sign_seed_keypair(public, secret, seed)
+    return text(b"\xa0" + public.raw), text(b"\x95\x00" + seed)
+
+
+def secured(_):
+    """TLS, and ways to say who the bridge is; the cluster, or who the bridge says it is, refused."""
+    for name in ("server", "stranger"):
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=test", "-addext",
+                        "subjectAltName=IP:127.0.0.1", "-keyout", f"{WORK}/{name}.key", "-out", f"{WORK}/{name}.pem"],
+                       check=True, stderr=subprocess.DEVNULL)
+    public, seed = nkey()
+    with open(f"{WORK}/seed", "w") as file, open(f"{WORK}/tls.conf", "w") as config:
+        file.write(seed)
+        config.write(f"""tls {{ cert_file: "{WORK}/server.pem", key_file: "{WORK}/server.key" }}
+            authorization {{ users: [ {{ nkey: {public} }}, {{ user: anna, password: secret }} ] }}""")
+    server, peer = Server("tls", free_ports(1)[0], ("-c", f"{WORK}/tls.conf")), Peer()
+    os.environ["MQBRIDGE_PASSWORD"] = "secret"
+    begin, key = ("in", "127.0.0.1:0", "--server", server.url), ("--nkey", public, "--nkey-seed", f"{WORK}/seed")
+    trusting = (*begin, "--tls-ca", f"{WORK}/server.pem")
+    out = Bridge("out", "mq.>", "127.0.0.1", peer.port, "--queue", "q", *trusting[2:], "--nats-user", "anna",
+                 event="peer connected")
+    bridge = Bridge(*trusting, *key, event="listening")
+    node = Node(bridge.port)
+    until("an answer", lambda: node.ask(1, "first") == (1, {1: "first"}))
+    for text in ("x", "x" * 1000, "x" * 100000):
+        for _ in range(8):
+            node.send(1, text)
+        assert [node.receive() for _ in range(8)] == [(1, {1: text})] * 8
+    bridge.end()
+    out.end()
+    refuses([(4, "self-signed", *begin, "--tls-ca", f"{WORK}/stranger.pem", *key),
+             (4, "no nkey user seed", *trusting, "--creds", f"{WORK}/server.pem"),
+             (4, "Authorization", *trusting, "--nats-user", "bert"), (2, "No such file", *begin, "--creds", "nothing")])
 
 
 # ---- A cluster of three ----
@@ -271,7 +325,7 @@ def working(servers):
     bridge.end()
 
 
-SINGLE = (requests, signed, delivered, refused, away)
+SINGLE = (requests, signed, delivered, refused, secured, away)
 CLUSTER = (storing, working)
 
 
@@ -285,10 +339,10 @@ def main(names):
             print(f"{test.__name__}: {time.monotonic() - begin:.1f} s", flush=True)
 
 
-if not is_possible():
-    print("skipped: no nats-server, or mqbridge was not built")
-    sys.exit(77)
 try:
+    if missing():
+        print("skipped: no", missing())
+        sys.exit(77)
     main(sys.argv[2:])
 finally:
     finish()

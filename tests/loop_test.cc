@@ -302,7 +302,8 @@ TEST_F(LoopTest, EndsInOrder) {
                          {"closes its side first", "end 0"},
                          {"resets", "end ECONNRESET, ECONNRESET"},
                          {"does nothing", "end ETIMEDOUT, did not close in time"},
-                         {"ends too", "end 0"}}) {
+                         {"ends too", "end 0"},
+                         {"closes before its answers", "end SOCK_PEER_CLOSED"}}) {
     const std::string_view peer = row.peer;
     App far;
     app = App();
@@ -317,9 +318,13 @@ TEST_F(LoopTest, EndsInOrder) {
       client = Client(port);
     }
     ASSERT_TRUE(loop.Until([&] { return app.nodes.size() == 1 && (client || far.nodes.size() == 1); }));
+    const bool is_owed = peer == "closes before its answers";
+    mq_uv_set_owed(app.nodes[0], is_owed);
+    if (is_owed) shutdown(client.descriptor(), SHUT_WR);
+    ASSERT_TRUE(!is_owed || loop.Until([&] { return mq_uv_node(app.nodes[0])->error == SOCK_PEER_CLOSED; }));
     for (int i = 0; i < 50; ++i) ASSERT_TRUE(Write(app.nodes[0], std::string(20000, 'x')));
     for (int i = 0; i < 50 && !client; ++i) ASSERT_TRUE(Write(far.nodes[0], std::string(20000, 'x')));
-    mq_uv_end(app.nodes[0]);
+    is_owed ? mq_uv_set_owed(app.nodes[0], 0) : mq_uv_end(app.nodes[0]);
     EXPECT_FALSE(Write(app.nodes[0], "too late"));
     if (!client) mq_uv_end(far.nodes[0]);
     if (peer == "resets") client.reset();

@@ -85,18 +85,26 @@ table <<'END'
 END
 
 # Whatever the help names, the manual page names, too, and the completion offers.
-for command in listen send ping decode 'keys add' 'keys list' explain; do
-  # shellcheck disable=SC2086 # two words
-  mqcat help $command | grep -oE -e '^  (-.,|   ) --[a-z-]+' | grep -oE -e '--.*' || fail "no options of $command"
-done | sort -u >options
-for shell in bash zsh fish; do mqcat completion $shell >completion.$shell; done
-sed -i 's/ -l / --/g' completion.fish
-for page in "$tree/tools/mqcat/mqcat.1" completion.{bash,zsh,fish}; do
-  same "options that $page does not name" '' \
-    "$(sed 's/\\-/-/g' "$page" | grep -oE -e '--[a-z-]+' | sort -u | comm -23 options -)"
-done
-. ./completion.bash
-offers() { COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _mqcat; echo "${COMPREPLY[*]}"; }
+documented() {
+  local program=$build/bin/$1 command page
+  for command in "${@:2}"; do
+    # shellcheck disable=SC2086 # two words
+    "$program" $command --help | grep -oE -e '^  (-.,)? *--[a-z-]+' | grep -oE -e '--.*' || fail "no options of $command"
+  done | sort -u >options
+  for shell in bash zsh fish; do "$program" completion $shell >completion.$shell; done
+  sed -i 's/ -l / --/g' completion.fish
+  for page in "$tree/tools/$1/$1.1" completion.{bash,zsh,fish}; do
+    same "options that $page does not name" '' \
+      "$(sed 's/\\-/-/g' "$page" | grep -oE -e '--[a-z-]+' | sort -u | comm -23 options -)"
+  done
+  . ./completion.bash
+}
+offers() { COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); "_$1"; echo "${COMPREPLY[*]}"; }
+documented mqcat listen send ping decode 'keys add' 'keys list' explain
+if [ -x "$build/bin/mqbridge" ]; then
+  documented mqbridge in out
+  check 0 "offers mqbridge in '*:0' --mode ''" 'request store'
+fi
 table <<'END'
 0 offers mqcat keys re => remove
 0 offers mqcat send -q 127.0.0.1 : 5000 --format = '' => text json hex raw quiet

@@ -125,6 +125,11 @@ MQ_API uint64_t mq_uv_queued(const MqUvNode* node);
 MQ_API void mq_uv_pause(MqUvNode* node);
 MQ_API void mq_uv_resume(MqUvNode* node);
 
+/* mq_uv_set_owed - say how many answers the application still has to write to a node; 0 at first. When the peer closes
+ * its side between two messages, the node ends: at once, or when this number is 0 again. Until then it can be written,
+ * is not read, and has no time-outs unless writes are queued. For applications that answer after on_message. */
+MQ_API void mq_uv_set_owed(MqUvNode* node, int answers);
+
 /* mq_uv_end - end a connection without losing messages, as mq_finish does; then on_end is called with code 0. After
  * endMsec it is called with ETIMEDOUT, and the system continues to send what it has accepted. Messages that arrive are
  * discarded. A connecting or listening node is stopped. A datagram node sends its queued messages. */

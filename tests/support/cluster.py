@@ -20,6 +20,7 @@ import time
 BIN = os.path.join(os.path.abspath(sys.argv[1]), "bin")
 WORK = tempfile.mkdtemp(prefix="mqbridge-test-")
 STORED, NO_RESPONDER, TIME_OVER, ERROR = range(0xFFFF0001, 0xFFFF0005)
+os.environ["PATH"] += ":/usr/sbin"  # nats-server is there
 started = []
 
 
@@ -42,7 +43,8 @@ def until(what, check, seconds=20):
 
 
 def start(*command):
-    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                               start_new_session=True)  # Ctrl-C is for the script alone
     started.append(process)
     return process
 
@@ -153,10 +155,14 @@ class Nats:
 
     def messages(self, stream):
         """All messages of a stream: headers and body."""
-        found = []
-        for sequence in range(1, self.call(f"$JS.API.STREAM.INFO.{stream}")["state"]["last_seq"] + 1):
-            message = self.call(f"$JS.API.STREAM.MSG.GET.{stream}", {"seq": sequence})["message"]
-            found.append([base64.b64decode(message.get(key, "")).decode("latin-1") for key in ("hdrs", "data")])
+        found, end = [], self.call(f"$JS.API.STREAM.INFO.{stream}")["state"]["last_seq"] + 1
+        for first in range(1, end, 100):
+            batch = range(first, min(first + 100, end))
+            for sequence in batch:
+                self.publish(f"$JS.API.STREAM.MSG.GET.{stream}", json.dumps({"seq": sequence}), "_T.message")
+            for _ in batch:
+                message = json.loads(self.next()[3])["message"]
+                found.append([base64.b64decode(message.get(key, "")).decode("latin-1") for key in ("hdrs", "data")])
         return found
 
 
@@ -194,11 +200,11 @@ def make_cluster():
                                        "--routes", all_routes)) for i in range(3)]
 
 
-def make_stream(server, name, subjects, replicas=1):
+def make_stream(server, name, subjects, replicas=1, **more):
     def made():
         try:  # a cluster without a leader does not answer
             answer = Nats(server.port, 3).call(f"$JS.API.STREAM.CREATE.{name}", {
-                "name": name, "subjects": subjects, "num_replicas": replicas, "storage": "file"})
+                "name": name, "subjects": subjects, "num_replicas": replicas, "storage": "file", **more})
             return "error" not in answer and answer
         except OSError:
             return None
@@ -211,8 +217,11 @@ def worker(server, *arguments):
     return process
 
 
-def is_possible():
-    return shutil.which("nats-server") and os.path.exists(f"{BIN}/mqbridge")
+def missing():
+    """What is not there of what all this needs."""
+    if not os.path.exists(f"{BIN}/mqbridge"):
+        return "mqbridge: without libuv and libnats it is not built"
+    return "" if shutil.which("nats-server") else "nats-server"
 
 
 def finish():

@@ -1,7 +1,11 @@
 // bus.cc - see bus.hh. Invariant: callbacks on libnats threads touch only the atomics and, under the lock, the queue.
 #include "bus.hh"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <new>
 
 #include "fmt/format.h"
@@ -40,6 +44,13 @@ void Check(natsStatus status, const std::string& what) {
   throw mqcat::Failure{mqcat::kExitUsage, what + ": " + LastError(status)};
 }
 
+// Failures to connect that may go away by themselves. Others are credentials, certificates, a URL.
+bool IsPassing(natsStatus status) {
+  return status == NATS_NO_SERVER || status == NATS_TIMEOUT || status == NATS_IO_ERROR ||
+         status == NATS_CONNECTION_CLOSED || status == NATS_CONNECTION_DISCONNECTED ||
+         status == NATS_STALE_CONNECTION || status == NATS_PROTOCOL_ERROR;
+}
+
 std::vector<std::string> Split(const std::string& text) {
   std::vector<std::string> parts;
   for (size_t at = 0; at <= text.size();) {
@@ -52,12 +63,21 @@ std::vector<std::string> Split(const std::string& text) {
 
 void SetServers(natsOptions* made, const BusOptions& options) {
   const std::vector<std::string> servers = Split(options.servers);
+  if (servers.empty()) throw mqcat::Failure{mqcat::kExitUsage, "--server: no server is named"};
   std::vector<const char*> texts;
   for (const std::string& server : servers) texts.push_back(server.c_str());
   Check(natsOptions_SetServers(made, texts.data(), static_cast<int>(texts.size())), "servers " + options.servers);
 }
 
+// libnats reads these files when it connects.
+void CheckFile(const std::string& path) {
+  if (!path.empty() && access(path.c_str(), R_OK) != 0) {
+    throw mqcat::Failure{mqcat::kExitUsage, fmt::format("{}: {}", path, strerror(errno))};
+  }
+}
+
 void SetIdentity(natsOptions* made, const BusOptions& options) {
+  for (const std::string& path : {options.credentials, options.nkey_seed}) CheckFile(path);
   if (!options.credentials.empty()) {
     Check(natsOptions_SetUserCredentialsFromFiles(made, options.credentials.c_str(), nullptr), options.credentials);
   }
@@ -71,7 +91,8 @@ void SetIdentity(natsOptions* made, const BusOptions& options) {
 }
 
 void SetTls(natsOptions* made, const BusOptions& options) {
-  if (options.tls) Check(natsOptions_SetSecure(made, true), "TLS");
+  const bool required = options.tls || !options.ca.empty() || !options.certificate.empty();
+  if (required) Check(natsOptions_SetSecure(made, true), "TLS");
   if (!options.ca.empty()) Check(natsOptions_LoadCATrustedCertificates(made, options.ca.c_str()), options.ca);
   if (!options.certificate.empty()) {
     Check(natsOptions_LoadCertificatesChain(made, options.certificate.c_str(), options.key.c_str()),
@@ -124,12 +145,18 @@ std::string HeaderOf(const natsMsg* msg, const char* name) {
   return natsMsgHeader_Get(const_cast<natsMsg*>(msg), name, &value) == NATS_OK && value != nullptr ? value : "";
 }
 
-Bus::Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed)
-    : options_(options), changed_(std::move(changed)), poller_(loop) {
-  MakeOptions(options);  // what is wrong with them is told before anything else happens
+mqcat::Failure RefusalOf(const std::string& why) {
+  return {mqcat::kExitConnection, "no connection to the cluster: " + why};
+}
+
+Bus::Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed,
+         std::function<void(const std::string&)> failed)
+    : options_(options), changed_(std::move(changed)), failed_(std::move(failed)), poller_(loop) {
   uv_async_init(loop, &wake_, OnWake);
   wake_.data = this;
 }
+
+void Bus::Check(const BusOptions& options) { MakeOptions(options); }
 
 Bus::~Bus() {
   for (const auto& listener : listeners_) natsSubscription_Destroy(listener->subscription);
@@ -143,9 +170,11 @@ std::string Bus::Connect() {
   natsOptions_SetDisconnectedCB(made.get(), OnChange, this);
   natsOptions_SetReconnectedCB(made.get(), OnReconnect, this);
   natsOptions_SetClosedCB(made.get(), OnChange, this);
+  natsOptions_SetErrorHandler(made.get(), OnError, this);  // libnats would print it
   const natsStatus status = natsConnection_Connect(&connection_, made.get());
   if (status == NATS_OK) return "";
   connection_ = nullptr;
+  if (!IsPassing(status)) throw RefusalOf(LastError(status));
   return LastError(status);
 }
 
@@ -223,6 +252,16 @@ void Bus::OnReconnect(natsConnection* connection, void* closure) {
   OnChange(connection, closure);
 }
 
+void Bus::OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
+  Bus* const bus = static_cast<Bus*>(closure);
+  const char* text = nullptr;
+  natsConnection_GetLastError(connection, &text);
+  const bool has_text = status != NATS_SLOW_CONSUMER && text != nullptr && *text != '\0';
+  const std::lock_guard guard(bus->lock_);
+  bus->failure_ = has_text ? text : natsStatus_GetText(status);
+  if (!bus->closed_) uv_async_send(&bus->wake_);
+}
+
 // ---- In the loop ----
 
 void Bus::OnWake(uv_async_t* handle) { static_cast<Bus*>(handle->data)->Deliver(); }
@@ -230,11 +269,14 @@ void Bus::OnWake(uv_async_t* handle) { static_cast<Bus*>(handle->data)->Deliver(
 void Bus::Deliver() {
   if (has_changed_.exchange(false)) changed_();
   std::deque<Arrived> arrived;
+  std::string failure;
   {
     const std::lock_guard guard(lock_);
     arrived.swap(arrived_);
+    failure.swap(failure_);
   }
   has_space_.notify_all();
+  if (!failure.empty()) failed_(failure);
   for (Arrived& one : arrived) one.listener->fn(std::move(one.msg));
 }
 

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "mqcat/failure.hh"
 #include "options.hh"
 #include "poller.hh"
 
@@ -41,17 +42,26 @@ std::string_view BodyOf(const natsMsg* msg);
 // Empty if there is none.
 std::string HeaderOf(const natsMsg* msg, const char* name);
 
+// The end of a bridge that the cluster does not want, or that does not trust the cluster.
+mqcat::Failure RefusalOf(const std::string& why);
+
 class Bus {
  public:
   using OnMessage = std::function<void(NatsMsg)>;
 
-  // changed: the connection was lost or is there again; runs in the loop.
-  Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed);
+  // changed: the connection was lost or is there again. failed: something else went wrong, such as a message that the
+  // cluster does not permit. Both run in the loop.
+  Bus(uv_loop_t* loop, const BusOptions& options, std::function<void()> changed,
+      std::function<void(const std::string& why)> failed);
   ~Bus();
+
+  // Throws a Failure for options that cannot be right.
+  static void Check(const BusOptions& options);
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  // The first connection. Blocks for up to two seconds for each server. Result: empty, or why it failed.
+  // The first connection. Blocks for up to two seconds for each server. Result: empty, or why it failed and may succeed
+  // later. Throws a Failure if the cluster refuses the bridge.
   std::string Connect();
 
   bool up() const { return connection_ != nullptr && natsConnection_Status(connection_) == NATS_CONN_STATUS_CONNECTED; }
@@ -60,7 +70,6 @@ class Bus {
   std::string last_error() const;
   uint64_t reconnects() const { return reconnects_; }
   std::string server() const;
-  int64_t max_payload() const { return connection_ == nullptr ? 0 : natsConnection_GetMaxPayload(connection_); }
 
   // Subscribes to a subject, in a queue group unless that is empty. Throws a Failure.
   void Subscribe(const std::string& subject, const std::string& queue, OnMessage fn);
@@ -91,12 +100,14 @@ class Bus {
 
   static void OnArrival(natsConnection*, natsSubscription*, natsMsg* msg, void* listener);
   static void OnChange(natsConnection*, void* bus);
+  static void OnError(natsConnection*, natsSubscription*, natsStatus status, void* bus);
   static void OnReconnect(natsConnection*, void* bus);
   static void OnWake(uv_async_t* handle);
   void Deliver();
 
   BusOptions options_;
   std::function<void()> changed_;
+  std::function<void(const std::string&)> failed_;
   Poller poller_;
   natsConnection* connection_ = nullptr;
   uv_async_t wake_ = {};
@@ -107,6 +118,7 @@ class Bus {
   std::mutex lock_;  // protects the members below
   std::condition_variable has_space_;
   std::deque<Arrived> arrived_;
+  std::string failure_;  // the last one that was not told yet
   bool closed_ = false;
 };
 

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int64_t kRepeatMsec = 2000;
 constexpr int64_t kBusyMsec = 250;
+constexpr int kMostUnsent = 1 << 20;
 constexpr size_t kLongestError = 1000;  // bytes of an answer that is searched for an error
 
 // True for a temporary error of the cluster: its code is 503.
@@ -23,6 +24,14 @@ bool IsBusy(std::string_view body) {
 }
 
 }  // namespace
+
+std::string ErrorOf(const Json& answer) {
+  if (!answer.is_object()) return "not an answer of JetStream";
+  if (!answer.contains("error")) return "";
+  const Json& error = answer["error"];
+  const Json text = error.is_object() ? error.value("description", Json()) : Json();
+  return text.is_string() ? text.get<std::string>() : error.dump();
+}
 
 void Calls::Open() {
   bus_.Subscribe(inbox_ + ".*", "", [this](NatsMsg msg) { OnAnswer(std::move(msg)); });
@@ -87,6 +96,8 @@ void Calls::Tick(int64_t now) {
     Call& call = place->second;
     if (now >= call.deadline) {
       Finish(place, call.outcome, nullptr, std::string(call.why));
+    } else if (call.published && bus_.buffered() > kMostUnsent) {
+      LookAgain(place->first, call, now + kRepeatMsec);  // the socket is full, and the first copy may be in front of it
     } else {
       Publish(place->first, call);
     }

@@ -20,6 +20,10 @@
 
 namespace mqbridge {
 
+// Why JetStream refuses; empty if it does not. The answer to a message that is not stored may have a stream and a
+// sequence beside the error.
+std::string ErrorOf(const Json& answer);
+
 enum class Outcome { kAnswered, kNoResponder, kTimeOver, kRefused };
 
 enum class Repeat { kNo, kYes };

@@ -4,6 +4,9 @@
 // Bound: a client has at most per_client messages without an answer, and the messages and answers of all clients take
 // at most the bytes of --memory and one message; beyond that clients are not read. So nothing is lost while the cluster
 // is away: what was read waits here, the rest at the clients.
+#include <malloc.h>
+
+#include <algorithm>
 #include <deque>
 #include <memory>
 #include <unordered_set>
@@ -22,6 +25,7 @@ namespace {
 
 constexpr uint64_t kRestBytes = 512;  // overhead of a waiting message: headers, subject, tables
 constexpr int kEndMsec = 2000;
+constexpr uint64_t kWorthTrimming = 4u << 20;
 
 struct Client;
 
@@ -77,7 +81,7 @@ class Inlet : public Side {
     SockOption reuse = {SOCK_OPT_REUSEADDR, 0, 1};
     mqcat::NodePtr node(CreateMQNodeWithOpt(&place_, MQ_ROLE_LISTEN, &reuse));
     if (node == nullptr) throw mqcat::Failure{mqcat::kExitResources, "no memory for a node"};
-    const auto failure = [&] { return mqcat::NodeFailure("listen on " + options_.place, node.get()); };
+    const auto failure = [&] { return mqcat::NodeFailure("listen on " + mqcat::AddressText(place_), node.get()); };
     if (IsNodeFailed(node.get())) throw failure();
     session_.Name(node.get());
     sockaddr_in bound = {};
@@ -87,13 +91,18 @@ class Inlet : public Side {
     if (listener_ == nullptr) throw failure();
     static_cast<void>(node.release());
     mq_uv_set_signer(listener_, session_.security().signer.get());
-    session_.report().Event("listening", {{"port", ntohs(bound.sin_port)}, {"mode", options_.mode}});
+    session_.report().Event("listening", {{"mode", options_.mode}, {"port", ntohs(bound.sin_port)}});
   }
 
   void Connected() override {}
   void Lost() override {}
 
   void Tick(int64_t) override {
+    most_held_ = std::max(most_held_, held_);
+    if (most_held_ > held_ + kWorthTrimming) {
+      malloc_trim(0);  // messages are allocated and released by different threads, which leaves holes
+      most_held_ = held_;
+    }
     session_.report()[Count::kNodes] = clients_.size();
     session_.report()[Count::kInFlight] = waiting_;
     session_.report()[Count::kHeldBytes] = held_;
@@ -139,6 +148,7 @@ class Inlet : public Side {
     slot->bytes = body.size() + kRestBytes;
     if (stores_) headers.emplace_back(kMsgIdHeader, IdOf(client, msg));
     client->slots.push_back(slot);
+    mq_uv_set_owed(client->node, static_cast<int>(client->slots.size()));
     held_ += slot->bytes;
     ++waiting_;
     session_.calls().Start(slot->subject, body, headers, options_.timeout, stores_ ? Repeat::kYes : Repeat::kNo,
@@ -221,6 +231,7 @@ class Inlet : public Side {
       // Without this answer, the client would assign all later ones to the wrong messages.
       if (!Compose(*slot) || !mq_uv_write(client->node, answer_.get(), nullptr, nullptr)) mq_uv_stop(client->node);
     }
+    mq_uv_set_owed(client->node, static_cast<int>(client->slots.size()));
     Settle(client);
   }
 
@@ -260,11 +271,10 @@ class Inlet : public Side {
   // {"stream": ..., "seq": ..., "duplicate": true} or {"error": {"description": ...}}
   bool ComposeStored(const Slot& slot) {
     const Json json = Json::parse(BodyOf(slot.reply.get()), nullptr, false);
-    const bool is_object = json.is_object();
-    if (!is_object || !json.contains("seq") || !json["seq"].is_number_unsigned() || !json.contains("stream")) {
-      const std::string why = is_object && json.contains("error") ? json["error"].dump() : "not an acknowledgement";
-      return ComposeFailure(Count::kErrors, kErrorAnswer, why, slot);
-    }
+    std::string error = ErrorOf(json);
+    const bool is_stored = error.empty() && json.contains("seq") && json["seq"].is_number_unsigned();
+    if (error.empty()) error = "not an acknowledgement";
+    if (!is_stored || !json.contains("stream")) return ComposeFailure(Count::kErrors, kErrorAnswer, error, slot);
     const bool is_duplicate = json.value("duplicate", Json()) == true;
     ++session_.report()[Count::kStored];
     if (is_duplicate) ++session_.report()[Count::kDuplicates];
@@ -332,8 +342,9 @@ class Inlet : public Side {
   MqUvNode* listener_ = nullptr;
   std::unordered_set<Client*> clients_;
   uint64_t connections_ = 0;
-  uint64_t waiting_ = 0;  // messages that the cluster has not answered
-  uint64_t held_ = 0;     // bytes of these messages, and of answers that wait for earlier ones
+  uint64_t waiting_ = 0;    // messages that the cluster has not answered
+  uint64_t held_ = 0;       // bytes of these messages, and of answers that wait for earlier ones
+  uint64_t most_held_ = 0;  // since memory was given back to the system
   bool is_full_ = false;
 };
 

@@ -9,6 +9,7 @@
 #include "fmt/format.h"
 #include "mqcat/failure.hh"
 #include "mqcat/options.hh"
+#include "mqcat/output.hh"
 #include "mqcat/text.hh"
 #include "options.hh"
 #include "runtime/message.h"
@@ -25,25 +26,29 @@ constexpr char kFooter[] =
     "Defaults are in parentheses. After SIGTERM or SIGINT, mqbridge accepts nothing more, waits for outstanding\n"
     "answers, and ends. A second signal ends it immediately.\n"
     "\n"
-    "Exit codes: 0 ended by a signal; 1 internal error; 2 usage error; 4 an address is unknown or in use; 7 keys;\n"
-    "10 out of memory or file descriptors.";
+    "Exit codes: 0 ended by a signal; 1 internal error; 2 usage error, or a file that cannot be read; 4 an address is\n"
+    "unknown or in use, or the cluster and the bridge refuse each other; 7 keys; 10 out of memory or file descriptors.";
 
 void AddBus(CLI::App& app, BusOptions& bus) {
   app.add_option("--server", bus.servers, "Members of the cluster, separated by commas (nats://127.0.0.1:4222)")
       ->type_name("URL,...");
   app.add_option("--creds", bus.credentials, "Credentials file for the cluster")->type_name("FILE");
   auto* const nkey = app.add_option("--nkey", bus.nkey_user, "Public NKey for the cluster")->type_name("KEY");
-  app.add_option("--nkey-seed", bus.nkey_seed, "File with the seed of the NKey")->type_name("FILE")->needs(nkey);
+  auto* const seed = app.add_option("--nkey-seed", bus.nkey_seed, "File with the seed of the NKey")->type_name("FILE");
+  nkey->needs(seed);
+  seed->needs(nkey);
   app.add_option("--nats-user", bus.user,
                  "User of the cluster. Password and token come from the environment variables\n"
                  "MQBRIDGE_PASSWORD and MQBRIDGE_TOKEN")
       ->type_name("USER");
   app.add_option("--nats-password", bus.password)->envname("MQBRIDGE_PASSWORD")->group("");
   app.add_option("--nats-token", bus.token)->envname("MQBRIDGE_TOKEN")->group("");
-  app.add_flag("--tls", bus.tls, "Require TLS");
+  app.add_flag("--tls", bus.tls, "Require TLS, as the options below do");
   app.add_option("--tls-ca", bus.ca, "Certificates to trust, PEM")->type_name("FILE");
   auto* const certificate = app.add_option("--tls-cert", bus.certificate, "Own certificate, PEM")->type_name("FILE");
-  app.add_option("--tls-key", bus.key, "Its key, PEM")->type_name("FILE")->needs(certificate);
+  auto* const key = app.add_option("--tls-key", bus.key, "Its key, PEM")->type_name("FILE");
+  certificate->needs(key);
+  key->needs(certificate);
 }
 
 void AddCommon(CLI::App& app, Options& options) {
@@ -67,8 +72,10 @@ void AddCommon(CLI::App& app, Options& options) {
 void AddIn(CLI::App& app, InOptions& options) {
   CLI::App* const in =
       app.add_subcommand("in", "Listen as a node; send clients' messages to workers or streams of the cluster");
-  in->add_option("PLACE", options.place, "HOST:PORT to listen on; host *: all addresses; port 0: chosen by the system")
-      ->required();
+  in->add_option("HOST:PORT", options.place,
+                 "Address to listen on, also HOST SERVICE; host *: all addresses; port 0: chosen by the system")
+      ->required()
+      ->expected(1, 2);
   in->add_option("--subject", options.subject,
                  "Subject to which messages are published. {user}, {application}, {command} and {peer} are\n"
                  "replaced by the values of the message (mq.{user}.{command})");
@@ -94,19 +101,19 @@ void AddIn(CLI::App& app, InOptions& options) {
 void AddOut(CLI::App& app, OutOptions& options) {
   CLI::App* const out = app.add_subcommand("out", "Send messages from the cluster to a node, which answers each");
   out->add_option("SUBJECT", options.subject, "Subject of the messages; may contain wildcards")->required();
-  out->add_option("PLACE", options.place, "HOST:PORT of the node")->required();
+  mqcat::AddPeer(*out, options.place);
   auto* const durable = out->add_option("--durable", options.durable,
                                         "Take messages from a stream with this durable consumer, created if it does "
                                         "not exist.\nBridges with the same consumer share the messages");
-  durable->type_name("NAME");
+  durable->type_name("CONSUMER");
   out->add_option("--queue", options.queue, "Take messages as a member of this queue group, at most once")
       ->type_name("GROUP")
       ->excludes(durable);
   out->add_option("--stream", options.stream, "Name of the stream (the stream that has the subject)")
-      ->type_name("NAME")
+      ->type_name("STREAM")
       ->needs(durable);
   out->add_option("--dead-letter", options.dead_letter,
-                  "Subject for messages that cannot be delivered; a stream must have it (dead.NAME)")
+                  "Subject for messages that cannot be delivered; a stream must have it (dead.CONSUMER)")
       ->type_name("SUBJECT")
       ->needs(durable);
   AddNumber<uint32_t>(*out, "--in-flight", options.in_flight, 1, 10000,
@@ -128,8 +135,10 @@ int Run(int argc, char** argv) {
   app.require_subcommand(1);
   AddIn(app, in);
   AddOut(app, out);
+  mqcat::AddCompletion(app);
   try {
     app.parse(argc, argv);
+    mqcat::Flush();
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
     fmt::print(stderr, "mqbridge: {} (see mqbridge COMMAND --help)\n", mqcat::Plain(error.what()));

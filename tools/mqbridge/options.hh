@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace mqbridge {
 
@@ -17,8 +18,8 @@ struct BusOptions {
 
 struct Options {
   BusOptions bus;
-  std::string place;          // HOST:PORT of the node
-  std::string body = "json";  // or raw
+  std::vector<std::string> place;  // of the node: HOST:PORT, or HOST and SERVICE
+  std::string body = "json";       // or raw
   std::string sign, user, ring;
   bool json = false;
   int metrics = -1;  // port; -1: none

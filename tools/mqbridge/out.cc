@@ -11,6 +11,7 @@
 
 #include "body.hh"
 #include "fmt/format.h"
+#include "mqcat/address.hh"
 #include "mqcat/failure.hh"
 #include "mqcat/message.hh"
 #include "mqcat/number.hh"
@@ -51,6 +52,7 @@ class Outlet : public Side {
       : options_(options),
         form_(FormOf(options.body)),
         place_(PlaceOf(options.place)),
+        peer_(mqcat::AddressText(place_)),
         session_(options, LimitsOf(options)),
         message_(mqcat::NewMessage()) {
     if (!options.durable.empty()) {
@@ -83,7 +85,7 @@ class Outlet : public Side {
     if (node_ == nullptr && session_.is_running() && now >= next_connect_) ConnectPeer();
     if (!sent_.empty() && now >= sent_.front().deadline) {
       sent_.front().last_error = fmt::format("no answer within {} s", options_.timeout);
-      report.Event("no answer", {{"peer", options_.place}, {"within", options_.timeout}});
+      report.Event("no answer", {{"peer", peer_}, {"within", options_.timeout}});
       Drop();
     }
     if (!puller_) return;
@@ -124,7 +126,7 @@ class Outlet : public Side {
   void OnOpen() {
     is_open_ = true;
     session_.report()[Count::kPeerUp] = 1;
-    session_.report().Event("peer connected", {{"peer", options_.place}});
+    session_.report().Event("peer connected", {{"peer", peer_}});
     Send();
     Fetch(mq_clock());
   }
@@ -157,13 +159,13 @@ class Outlet : public Side {
     }
     sent_.clear();
     if (!session_.is_running()) return;
-    if (was_open) session_.report().Event("peer lost", {{"peer", options_.place}, {"because", text}});
+    if (was_open) session_.report().Event("peer lost", {{"peer", peer_}, {"because", text}});
     was_open ? PauseConnecting() : PeerFailed(text);
   }
 
   void PeerFailed(const std::string& why) {
     if (pause_ == kFirstPauseMsec) {
-      session_.report().Event("cannot reach the peer", {{"peer", options_.place}, {"because", why}});
+      session_.report().Event("cannot reach the peer", {{"peer", peer_}, {"because", why}});
     }
     PauseConnecting();
   }
@@ -273,14 +275,15 @@ class Outlet : public Side {
 
   void OnBuried(const Item& item, Outcome outcome, const natsMsg* reply, const std::string& why) {
     --dying_;
-    const bool stored = outcome == Outcome::kAnswered && Json::parse(BodyOf(reply), nullptr, false).contains("seq");
-    if (stored) {
+    const Json answer = reply != nullptr ? Json::parse(BodyOf(reply), nullptr, false) : Json();
+    const std::string error = outcome == Outcome::kAnswered ? ErrorOf(answer) : why;
+    if (error.empty() && answer.contains("seq")) {
       ++session_.report()[Count::kDead];
       session_.bus().Publish(natsMsg_GetReply(item.msg.get()), "+TERM");
       return;
     }
     session_.report().Event("dead letter not stored",
-                            {{"subject", options_.dead_letter}, {"because", why.empty() ? "no such stream" : why}});
+                            {{"subject", options_.dead_letter}, {"because", error.empty() ? "no such stream" : error}});
     GiveBack(item, kLastPauseMsec);
   }
 
@@ -307,6 +310,7 @@ class Outlet : public Side {
   const OutOptions& options_;
   Form form_;
   SockAddrRec place_;
+  std::string peer_;  // its address
   Session session_;
   mqcat::MessagePtr message_;
   std::optional<Puller> puller_;  // with --durable

@@ -35,13 +35,6 @@ AckSubject ParseAck(const natsMsg* msg) {
   return {tokens[at], tokens[at + 2], tokens[at + 3]};
 }
 
-std::string ErrorOf(const Json& answer) {
-  if (!answer.is_object()) return "not an answer of JetStream";
-  if (!answer.contains("error")) return "";
-  const Json& error = answer["error"];
-  return error.is_object() && error.contains("description") ? error["description"].dump() : error.dump();
-}
-
 }  // namespace
 
 Puller::Puller(const OutOptions& options, Session& session, Bus::OnMessage fn)

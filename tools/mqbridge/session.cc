@@ -25,20 +25,22 @@ mqcat::KeyOptions KeysOf(const Options& options) {
 
 }  // namespace
 
-SockAddrRec PlaceOf(const std::string& place) {
-  const size_t colon = place.rfind(':');
-  if (colon == std::string::npos) {
-    throw mqcat::Failure{mqcat::kExitUsage, fmt::format("{}: expected HOST:PORT, such as 127.0.0.1:5000", place)};
-  }
-  return mqcat::MakeAddress(place.substr(0, colon), place.substr(colon + 1), mqcat::Transport::kTcp);
+SockAddrRec PlaceOf(const std::vector<std::string>& words) {
+  const mqcat::Place place = mqcat::ParsePlace(words, true);
+  return mqcat::MakeAddress(place.host, place.service, mqcat::Transport::kTcp);
 }
 
 Session::Session(const Options& options, const MqLoopLimits& limits)
     : options_(options), report_(options.json), security_(mqcat::LoadSecurity(KeysOf(options))) {
+  Bus::Check(options.bus);  // before there is anything to be undone
   uv_loop_init(&loop_);
   nodes_ = mq_uv_new(&loop_, &limits);
   if (nodes_ == nullptr) throw mqcat::Failure{mqcat::kExitResources, "no memory for a loop"};
-  bus_ = std::make_unique<Bus>(&loop_, options.bus, [this] { OnBusChanged(); });
+  bus_ = std::make_unique<Bus>(
+      &loop_, options.bus, [this] { OnBusChanged(); },
+      [this](const std::string& why) {
+        report_.Event("error", {{"because", why}});
+      });
   calls_ = std::make_unique<Calls>(*bus_, report_);
   if (options.metrics >= 0) metrics_ = std::make_unique<Metrics>(&loop_, options.metrics, report_);
   uv_timer_init(&loop_, &timer_);
@@ -70,8 +72,8 @@ void Session::Run(Side& side) {
   next_status_ = mq_clock() + static_cast<int64_t>(options_.status * 1000);
   uv_timer_start(&timer_, OnTick, 0, kTickMsec);
   uv_run(&loop_, UV_RUN_DEFAULT);
-  report_.Event("end");
   if (failure_ != nullptr) std::rethrow_exception(failure_);
+  report_.Event("end");
 }
 
 // No exception may pass through libuv.
@@ -90,8 +92,7 @@ void Session::OnSignal(uv_signal_t* handle, int) { static_cast<Session*>(handle-
 void Session::OnBusChanged() {
   if (phase_ == Phase::kConnecting || phase_ == Phase::kClosed) return;
   if (bus_->is_over()) {
-    failure_ = std::make_exception_ptr(
-        mqcat::Failure{mqcat::kExitConnection, "the cluster refuses the connection: " + bus_->last_error()});
+    failure_ = std::make_exception_ptr(RefusalOf(bus_->last_error()));
     return Close();
   }
   const uint64_t reconnects = bus_->reconnects();
@@ -152,8 +153,8 @@ void Session::Drain() {
 
 void Session::Close() {
   if (phase_ == Phase::kClosed) return;
+  if (phase_ != Phase::kConnecting) report_.Status();
   phase_ = Phase::kClosed;
-  report_.Status();
   uv_close(reinterpret_cast<uv_handle_t*>(&timer_), nullptr);
   for (uv_signal_t& handle : signals_) uv_close(reinterpret_cast<uv_handle_t*>(&handle), nullptr);
   if (metrics_ != nullptr) metrics_->Close();

@@ -83,7 +83,7 @@ class Session {
   std::exception_ptr failure_;  // thrown in the loop
 };
 
-// HOST:PORT of the command line.
-SockAddrRec PlaceOf(const std::string& place);
+// The place of the command line. Throws a Failure.
+SockAddrRec PlaceOf(const std::vector<std::string>& words);
 
 }  // namespace mqbridge

@@ -1,4 +1,5 @@
-// complete.cc - mqcat completion: a script for bash, zsh or fish, made from the options of the commands.
+// complete.cc - PROGRAM completion: a script for bash, zsh or fish, made from the options of the commands. In the
+// scripts PROGRAM is replaced by the name of the program: mqcat or mqbridge.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -25,7 +26,7 @@ struct Option {
 };
 
 struct Command {
-  std::string path;  // "keys add"; empty for mqcat itself
+  std::string path;  // "keys add"; empty for the program itself
   std::string about;
   Words inner;  // names of its own commands
   std::vector<Option> options;
@@ -69,7 +70,7 @@ Words ValuesOf(const std::string& type, const CLI::App& root) {
   }
   if (is_one_of({"FILE", "KEYFILE", "RING", "[ID=]PATH"})) return {"@files"};
   if (is_one_of({"HOST:PORT"})) return {"@hosts"};
-  if (is_one_of({"INTERFACE", "NAME"})) return {"@interfaces"};
+  if (is_one_of({"INTERFACE"})) return {"@interfaces"};
   if (is_one_of({"CODE"})) return ErrorNames();
   if (is_one_of({"COMMAND"})) return NamesOf(root);
   return {};
@@ -92,6 +93,7 @@ Option Describe(const CLI::Option& from, const CLI::App& root) {
 void Describe(const CLI::App& app, const std::string& path, const CLI::App& root, std::vector<Command>& commands) {
   Command command{path, Phrase(app.get_description()), NamesOf(app), {}, {}};
   for (const CLI::Option* option : app.get_options()) {
+    if (option->get_group().empty()) continue;
     (option->get_positional() ? command.arguments : command.options).push_back(Describe(*option, root));
   }
   commands.push_back(command);
@@ -119,7 +121,7 @@ std::string Escaped(const std::string& text, std::string_view special, const cha
 
 constexpr char kBash[] = R"bash(
 # What completes "$value".
-_mqcat_reply() {
+_PROGRAM_reply() {
   local word=${1#[=:]}
   case $value in
     '') return ;;
@@ -132,33 +134,33 @@ _mqcat_reply() {
   esac
 }
 
-_mqcat() {
+_PROGRAM() {
   local command='' argument=1 options='' inner='' value='' waits='' i word=${COMP_WORDS[COMP_CWORD]}
   COMPREPLY=()
-  _mqcat_command ''
+  _PROGRAM_command ''
   for ((i = 1; i < COMP_CWORD; ++i)); do
     local passed=${COMP_WORDS[i]} before=${COMP_WORDS[i - 1]}
     if [[ $passed == [=:] ]]; then continue; fi
     if [[ -n $waits ]]; then waits=''
     elif [[ $passed == -* ]]; then
-      value=- && _mqcat_value "$command" "$passed"
+      value=- && _PROGRAM_value "$command" "$passed"
       [[ $value == - ]] || waits=$passed
     elif [[ " $inner " == *" $passed "* ]]; then
-      command=${command:+$command }$passed && _mqcat_command "$command"
+      command=${command:+$command }$passed && _PROGRAM_command "$command"
     elif [[ $before != : ]]; then
       ((++argument))
     fi
   done
   value=''
-  if [[ -n $waits ]]; then _mqcat_value "$command" "$waits"
+  if [[ -n $waits ]]; then _PROGRAM_value "$command" "$waits"
   elif [[ $word == -* ]]; then value=$options
   elif [[ -n $inner ]]; then value=$inner
-  elif [[ $word != : && ${COMP_WORDS[COMP_CWORD - 1]} != : ]]; then _mqcat_value "$command" "$argument"
+  elif [[ $word != : && ${COMP_WORDS[COMP_CWORD - 1]} != : ]]; then _PROGRAM_value "$command" "$argument"
   fi
-  _mqcat_reply "$word"
+  _PROGRAM_reply "$word"
 }
 
-complete -F _mqcat mqcat
+complete -F _PROGRAM PROGRAM
 )bash";
 
 std::string BashNames(const std::string& path, const Words& names) {
@@ -184,21 +186,21 @@ std::string Bash(const std::vector<Command>& commands) {
       values += fmt::format("    '{} '{}) value='{}' ;;\n", command.path, number, Join(argument.values));
     }
   }
-  return "# Completion of mqcat for bash, made by mqcat completion bash.\n\n"
+  return "# Completion of PROGRAM for bash, made by PROGRAM completion bash.\n\n"
          "# The options and the commands of a command.\n"
-         "_mqcat_command() {\n  case $1 in\n" +
+         "_PROGRAM_command() {\n  case $1 in\n" +
          lists +
          "  esac\n}\n\n"
          "# What completes the value of an option or an argument of a command. An option without a value leaves it "
          "alone.\n"
-         "_mqcat_value() {\n  case \"$1 $2\" in\n" +
+         "_PROGRAM_value() {\n  case \"$1 $2\" in\n" +
          values + "  esac\n}\n" + kBash;
 }
 
 // ---- zsh ----
 
 std::string ZshName(const std::string& path) {
-  return "_mqcat" + CLI::detail::find_and_replace((path.empty() ? "" : "_") + path, " ", "_");
+  return "_PROGRAM" + CLI::detail::find_and_replace((path.empty() ? "" : "_") + path, " ", "_");
 }
 
 std::string ZshAction(const Words& values) {
@@ -248,17 +250,17 @@ std::string ZshFunction(const Command& command, const std::vector<Command>& comm
 }
 
 std::string Zsh(const std::vector<Command>& commands) {
-  std::string text = "#compdef mqcat\n# Completion of mqcat for zsh, made by mqcat completion zsh.\n\n";
+  std::string text = "#compdef PROGRAM\n# Completion of PROGRAM for zsh, made by PROGRAM completion zsh.\n\n";
   for (const Command& command : commands) text += ZshFunction(command, commands);
-  return text + "if [[ $funcstack[1] == _mqcat ]]; then _mqcat \"$@\"; else compdef _mqcat mqcat; fi\n";
+  return text + "if [[ $funcstack[1] == _PROGRAM ]]; then _PROGRAM \"$@\"; else compdef _PROGRAM PROGRAM; fi\n";
 }
 
 // ---- fish ----
 
-constexpr char kFish[] = R"fish(# Completion of mqcat for fish, made by mqcat completion fish.
+constexpr char kFish[] = R"fish(# Completion of PROGRAM for fish, made by PROGRAM completion fish.
 
 # Whether the command line begins with this command, and with no more than that when --only is given.
-function __fish_mqcat_in
+function __fish_PROGRAM_in
     set -l words (commandline -opc)
     set -l only 0
     if test "$argv[1]" = --only
@@ -269,7 +271,7 @@ function __fish_mqcat_in
     test $only = 0 -o (count $words) = $last; and test "$words[2..$last]" = "$argv" -o (count $argv) = 0
 end
 
-complete -c mqcat -f
+complete -c PROGRAM -f
 )fish";
 
 std::string FishValues(const Words& values) {
@@ -285,7 +287,7 @@ std::string FishText(const std::string& text) { return "'" + Escaped(text, "\\",
 std::string Fish(const std::vector<Command>& commands) {
   std::string text = kFish;
   for (const Command& command : commands) {
-    const std::string in = "complete -c mqcat -n '__fish_mqcat_in ";
+    const std::string in = "complete -c PROGRAM -n '__fish_PROGRAM_in ";
     for (const std::string& name : command.inner) {
       text += fmt::format("{}--only {}' -a {} -d {}\n", in, command.path, name,
                           FishText(Inner(commands, command, name).about));
@@ -308,7 +310,7 @@ std::string Fish(const std::vector<Command>& commands) {
 
 }  // namespace
 
-void AddCompletion(CLI::App& app, ExitCode&) {
+void AddCompletion(CLI::App& app) {
   auto shell = std::make_shared<std::string>();
   CLI::App* const command = app.add_subcommand("completion", "Print a completion script for bash, zsh or fish");
   command->group("");  // not in the help: the packages install the scripts
@@ -316,7 +318,8 @@ void AddCompletion(CLI::App& app, ExitCode&) {
   command->callback([&app, shell] {
     std::vector<Command> commands;
     Describe(app, "", app, commands);
-    Print(*shell == "bash" ? Bash(commands) : *shell == "zsh" ? Zsh(commands) : Fish(commands));
+    const std::string text = *shell == "bash" ? Bash(commands) : *shell == "zsh" ? Zsh(commands) : Fish(commands);
+    Print(CLI::detail::find_and_replace(text, "PROGRAM", app.get_name()));
   });
 }
 

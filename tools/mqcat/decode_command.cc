@@ -430,7 +430,7 @@ void AddDecode(CLI::App& app, ExitCode& exit) {
           ->capture_default_str();
   CLI::Option* const interface =
       command->add_option("--interface", options->interface, "Capture packets from this network interface instead")
-          ->type_name("NAME")
+          ->type_name("INTERFACE")
           ->excludes(file)
           ->excludes(input);
   command->add_option("--filter", options->filter, "Packets to capture, such as \"port 5000\" (see pcap-filter(7))")

@@ -57,7 +57,7 @@ int Run(int argc, char** argv) {
   app.footer(kFooter);
   for (const auto add : {AddListen, AddSend, AddPing, AddDecode, AddKeys, AddExplain, AddHelp}) add(app, exit);
   for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
-  AddCompletion(app, exit);
+  AddCompletion(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

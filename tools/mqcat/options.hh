@@ -22,7 +22,9 @@ void AddDecode(CLI::App& app, ExitCode& exit);
 void AddKeys(CLI::App& app, ExitCode& exit);
 void AddExplain(CLI::App& app, ExitCode& exit);
 void AddHelp(CLI::App& app, ExitCode& exit);
-void AddCompletion(CLI::App& app, ExitCode& exit);
+
+// The command that prints completion scripts. Not only of mqcat.
+void AddCompletion(CLI::App& app);
 
 // An option that takes a whole number from min to max. Its value so far is the default; the largest of T means none.
 template <typename T>
