@@ -20,24 +20,22 @@ std::vector<Contestant> OtherContestants() {
   return others;
 }
 
-std::vector<EchoServer> EchoServers() {
-  std::vector<EchoServer> servers;
+std::vector<std::vector<EchoServer>> EchoServers() {
+  std::vector<std::vector<EchoServer>> groups;
 #ifdef MQBENCH_UV
-  servers.push_back(EchoNodesUv());
-  servers.push_back(EchoBareUv());
+  groups.push_back({EchoNodesUv(), EchoBareUv()});
 #endif
 #ifdef MQBENCH_ASIO
-  servers.push_back(EchoNodesAsio());
-  servers.push_back(EchoBareAsio());
+  groups.push_back({EchoNodesAsio(), EchoBareAsio()});
 #endif
-  servers.push_back(EchoNodesWait());
+  groups.push_back({EchoNodesWait()});
 #ifdef MQBENCH_ZMQ
-  servers.push_back(EchoZmq());
+  groups.push_back({EchoZmq()});
 #endif
 #ifdef MQBENCH_NNG
-  servers.push_back(EchoNng());
+  groups.push_back({EchoNng()});
 #endif
-  return servers;
+  return groups;
 }
 
 std::vector<uint8_t> SomeBytes(size_t size) {

@@ -37,6 +37,8 @@ Wire PlainWire() { return {sizeof(MsgHeader), PlainMessage, nullptr}; }
 size_t RaiseConnectionLimit(size_t wanted) {
   rlimit limit = {};
   Check(getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
+  const rlimit more = {wanted + kReserve, std::max<rlim_t>(wanted + kReserve, limit.rlim_max)};
+  if (setrlimit(RLIMIT_NOFILE, &more) == 0) return wanted;  // the hard limit too, if permitted
   limit.rlim_cur = limit.rlim_max;
   Check(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
   return std::min<size_t>(wanted, limit.rlim_cur - kReserve);

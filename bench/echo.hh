@@ -26,8 +26,8 @@ struct EchoServer {
   Wire wire;
 };
 
-// The servers found at build time. The bare server of an engine follows the server with nodes on that engine.
-std::vector<EchoServer> EchoServers();
+// The servers found at build time: an engine's server with nodes and the bare one, other servers alone.
+std::vector<std::vector<EchoServer>> EchoServers();
 
 EchoServer EchoNodesWait();  // the wait over many nodes of mqnode/server.h
 // Only if the engine or the library was found at build time.
@@ -86,8 +86,8 @@ class EchoClients {
   double server_bytes_ = 0;
 };
 
-// Raises the limit of descriptors as far as permitted. Returns how many connections a process can then have, at most
-// wanted.
+// Raises the limit of descriptors as far as permitted, at least to wanted connections and some other descriptors.
+// Returns how many connections a process can then have, at most wanted.
 size_t RaiseConnectionLimit(size_t wanted);
 
 }  // namespace bench

@@ -1,7 +1,7 @@
 // loop.cc - servers in event loops: connections that are idle, connections that are active.
 #include <fmt/format.h>
 
-#include <string_view>
+#include <memory>
 #include <utility>
 
 #include "bench/echo.hh"
@@ -12,17 +12,15 @@ namespace {
 
 constexpr size_t kBody = 64;
 constexpr size_t kMostConnections = 10000;
+constexpr size_t kFewConnections = 20;
+constexpr size_t kActive = 10;
 constexpr double kMicro = 1e6;
 
 struct Case {
+  EchoServer server;
   size_t connections;
-  std::vector<size_t> active;
+  size_t active;
 };
-
-std::vector<Case> Cases() {
-  const size_t most = RaiseConnectionLimit(kMostConnections);
-  return {{10, {1, 10}}, {20, {10}}, {1000, {1, 100, 1000}}, {most, {1, 10, 100, most}}};
-}
 
 struct Figures {
   std::vector<double> rate;
@@ -32,71 +30,106 @@ struct Figures {
   std::vector<double> memory;
 };
 
-// Runs the servers in turn, so that other load on the machine affects all of them alike.
-std::vector<std::vector<Figures>> RunAll(const std::vector<EchoServer>& servers, const Case& of, const Effort& effort) {
-  std::vector<std::vector<Figures>> all(of.active.size(), std::vector<Figures>(servers.size()));
-  for (size_t round = 0; round < effort.rounds; ++round) {
-    for (size_t i = 0; i < servers.size(); ++i) {
-      const size_t s = (i + round) % servers.size();
-      EchoClients clients(servers[s], of.connections, kBody);
-      for (size_t a = 0; a < of.active.size(); ++a) {
-        const EchoClients::Outcome outcome = clients.Run(of.active[a], effort.slice);
-        Figures& figures = all[a][s];
-        figures.rate.push_back(outcome.rate);
-        figures.half.push_back(outcome.half);
-        figures.most.push_back(outcome.most);
-        figures.processor.push_back(outcome.processor);
-        figures.memory.push_back(clients.ServerBytes());
-      }
+// Measures the cases in short slices in turn. All servers run at the same time, but only one of them has work. Each
+// process has memory areas of its own, so the processes are started several times.
+std::vector<Figures> RunInTurn(const std::vector<Case>& cases, const Settings& settings) {
+  std::vector<Figures> all(cases.size());
+  for (size_t start = 0; start < settings.loopStarts; ++start) {
+    std::vector<std::unique_ptr<EchoClients>> clients;
+    for (size_t c = 0; c < cases.size(); ++c) {
+      clients.push_back(std::make_unique<EchoClients>(cases[c].server, cases[c].connections, kBody));
+      clients[c]->Run(cases[c].active, settings.loop.slice);
+      all[c].memory.push_back(clients[c]->ServerBytes());
     }
+    Interleave(cases.size(), settings.loop.rounds, [&](size_t c) {
+      const EchoClients::Outcome outcome = clients[c]->Run(cases[c].active, settings.loop.slice);
+      all[c].rate.push_back(outcome.rate);
+      all[c].half.push_back(outcome.half);
+      all[c].most.push_back(outcome.most);
+      all[c].processor.push_back(outcome.processor);
+      return outcome.rate;
+    });
   }
   return all;
 }
 
-// Rate and processor time relative to the bare server that follows in the list; empty cells if none follows.
-std::vector<Cell> BesideBare(const std::vector<EchoServer>& servers, const std::vector<Figures>& figures, size_t s) {
-  constexpr std::string_view kBare = "bare";
-  const bool has_bare = s + 1 < servers.size() && std::string_view(servers[s + 1].name).starts_with(kBare) &&
-                        !std::string_view(servers[s].name).starts_with(kBare);
-  if (!has_bare) return {Text(""), Text(""), Text("")};
-  const Ratio rate = RatioOfMedians(figures[s].rate, figures[s + 1].rate);
-  const Ratio processor = RatioOfMedians(figures[s].processor, figures[s + 1].processor);
-  return {Number(rate.value, 3), Number(rate.Spread(), 3), Number(processor.value, 3)};
+// Rate and processor time relative to another case that was measured in the same slices.
+std::vector<Cell> Beside(const Figures& figures, const Figures& other) {
+  std::vector<Cell> cells;
+  for (const Ratio& ratio :
+       {RatioOfMedians(figures.rate, other.rate), RatioOfMedians(figures.processor, other.processor)}) {
+    cells.push_back(Number(ratio.value, 3));
+    cells.push_back(Number(ratio.Spread(), 3));
+  }
+  return cells;
+}
+
+void AddRows(Section* section, const std::vector<EchoServer>& group, size_t connections, size_t active,
+             const Settings& settings) {
+  std::vector<Case> cases;
+  for (const EchoServer& server : group) cases.push_back({server, connections, active});
+  const std::vector<Figures> all = RunInTurn(cases, settings);
+  for (size_t c = 0; c < cases.size(); ++c) {
+    std::vector<Cell> row = {Text(cases[c].server.name),
+                             Number(static_cast<double>(connections), 0),
+                             Number(static_cast<double>(active), 0),
+                             Count(Median(all[c].rate)),
+                             Number(Median(all[c].half) * kMicro, 1),
+                             Number(Median(all[c].most) * kMicro, 1),
+                             Number(Median(all[c].processor) * kMicro, 2),
+                             Count(Median(all[c].memory))};
+    const bool has_bare = c + 1 < cases.size();
+    for (Cell& cell : has_bare ? Beside(all[c], all[c + 1]) : std::vector<Cell>(4)) row.push_back(std::move(cell));
+    section->rows.push_back(std::move(row));
+  }
+}
+
+void MeasureServers(Report* report, const Settings& settings, size_t most) {
+  Section section = {"loop",
+                     "Servers that send 64 B back, server and clients on a processor each (aim: rate beside bare 0.95)",
+                     {"server", "connected", "active", "messages/s", "p50 us", "p99 us", "cpu us", "bytes each",
+                      "of bare", "+-", "cpu/bare", "+- cpu"},
+                     {},
+                     {"cpu: time that the server's process ran for a message, the system's work included",
+                      "bytes each: growth of the server's resident memory for a connection that has sent one message",
+                      "libzmq and nng serve with threads of their own, on the same processor"}};
+  const std::vector<std::pair<size_t, std::vector<size_t>>> sizes = {
+      {kActive, {1, kActive}}, {1000, {1, 100, 1000}}, {most, {1, 100, most}}};
+  for (const auto& [connections, actives] : sizes) {
+    for (const size_t active : actives) {
+      for (const auto& group : EchoServers()) AddRows(&section, group, connections, active, settings);
+    }
+  }
+  report->Add(std::move(section));
+}
+
+void MeasureIdle(Report* report, const Settings& settings, size_t most) {
+  Section section = {"idle",
+                     fmt::format("{} active connections, with {} in all relative to {} in all (aim: 1/1.1 of the rate)",
+                                 kActive, most, kFewConnections),
+                     {"server", "few us", "many us", "rate", "+-", "cpu", "+- cpu"},
+                     {},
+                     {"us: processor time of the server for a message"}};
+  for (const auto& group : EchoServers()) {
+    for (const EchoServer& server : group) {
+      const auto all = RunInTurn({{server, kFewConnections, kActive}, {server, most, kActive}}, settings);
+      std::vector<Cell> row = {Text(server.name)};
+      for (const Figures& figures : all) row.push_back(Number(Median(figures.processor) * kMicro, 2));
+      for (Cell& cell : Beside(all[1], all[0])) row.push_back(std::move(cell));
+      section.rows.push_back(std::move(row));
+    }
+  }
+  report->Add(std::move(section));
 }
 
 }  // namespace
 
 void MeasureLoops(Report* report, const Settings& settings) {
-  const std::vector<EchoServer> servers = EchoServers();
-  Section section = {"loop",
-                     "Servers that send 64 B back, server and clients on a processor each (aim: rate beside bare 0.95)",
-                     {"server", "connected", "active", "messages/s", "p50 us", "p99 us", "cpu us", "bytes each",
-                      "of bare", "+-", "cpu/bare"},
-                     {},
-                     {"cpu: time that the server's process ran for a message, the system's work included",
-                      "bytes each: growth of the server's resident memory for a connection that has sent one message",
-                      "libzmq and nng serve with threads of their own, on the same processor"}};
+  const size_t most = RaiseConnectionLimit(2 * kMostConnections) / 2;  // of each of two servers
   PinToProcessor(0);
-  for (const Case& of : Cases()) {
-    const auto all = RunAll(servers, of, settings.loop);
-    for (size_t a = 0; a < of.active.size(); ++a) {
-      for (size_t s = 0; s < servers.size(); ++s) {
-        const Figures& figures = all[a][s];
-        std::vector<Cell> row = {Text(servers[s].name),
-                                 Number(static_cast<double>(of.connections), 0),
-                                 Number(static_cast<double>(of.active[a]), 0),
-                                 Count(Median(figures.rate)),
-                                 Number(Median(figures.half) * kMicro, 1),
-                                 Number(Median(figures.most) * kMicro, 1),
-                                 Number(Median(figures.processor) * kMicro, 2),
-                                 Count(Median(figures.memory))};
-        for (Cell& cell : BesideBare(servers, all[a], s)) row.push_back(std::move(cell));
-        section.rows.push_back(std::move(row));
-      }
-    }
-  }
+  MeasureServers(report, settings, most);
+  MeasureIdle(report, settings, most);
   UnpinProcessor();
-  report->Add(std::move(section));
 }
 
 }  // namespace bench

@@ -67,7 +67,8 @@ int main(int argc, char** argv) {
   settings.exchange = settings.quick ? bench::Effort{0.001, 2} : bench::Effort{0.0015, 25};
   settings.others = settings.quick ? bench::Effort{0.002, 2} : bench::Effort{0.002, 10};
   settings.wait = settings.quick ? bench::Effort{0.0005, 20} : bench::Effort{0.0005, 300};
-  settings.loop = settings.quick ? bench::Effort{0.1, 1} : bench::Effort{0.3, 5};
+  settings.loop = settings.quick ? bench::Effort{0.02, 2} : bench::Effort{0.02, 40};
+  settings.loopStarts = settings.quick ? 1 : 3;
   signal(SIGPIPE, SIG_IGN);
 
   bench::Report report;

@@ -16,6 +16,7 @@ struct Settings {
   Effort others;
   Effort wait;
   Effort loop;
+  size_t loopStarts = 1;  // of the processes
 };
 
 // Round trips and one-way streams between two processes. placement, for the titles, says on which processors they run.

@@ -28,6 +28,7 @@ class Client(threading.Thread):
         super().__init__(daemon=True)
         self.name_, self.ports, self.right, self.pause = name, itertools.cycle(ports), right, pause
         self.by, self.again, self.asked, self.wrong, self.stop = collections.Counter(), 0, 0, 0, False
+        self.told = []  # of each stored message, what its answer said: stream, sequence, whether it is a duplicate
 
     def run(self):
         node = None
@@ -45,6 +46,8 @@ class Client(threading.Thread):
                 if command == self.right:
                     break
                 self.again += 1
+            if self.right == STORED:
+                self.told.append(params)
             self.by[params[2] if self.right == 2 else "stored"] += 1
             self.wrong += self.right == 2 and params[1] != text
             time.sleep(random.uniform(0, self.pause))
@@ -109,7 +112,20 @@ class World:
 
     def stored(self):
         alive = next(server for server in self.servers if server.process.poll() is None)
-        return collections.Counter(body.split('"value":"')[1].split('"')[0] for _, body in Nats(alive.port).messages("DEMO"))
+        return [body.split('"value":"')[1].split('"')[0] for _, body in Nats(alive.port).messages("DEMO")]
+
+
+def count_stored(texts, clients):
+    """Rows about the stream. Prints the messages that are not there although a client was told so."""
+    stored = collections.Counter(texts)
+    told = {f"{c.name_}:{i}": params for c in clients for i, params in enumerate(c.told)}
+    lost = [text for text in told if text not in stored]
+    for text in lost:
+        number, is_duplicate = told[text][2], told[text][3]
+        there = texts[number - 1] if number <= len(texts) else "nothing"
+        print(f"  not in the stream: {text}, told number {number}{' as a duplicate' * is_duplicate}, where {there} is")
+    return [("in the stream", len(stored)), ("of them more than once", sum(n > 1 for n in stored.values())),
+            ("missing there", len(lost))]
 
 
 def report(world, clients):
@@ -122,11 +138,8 @@ def report(world, clients):
             ("without an answer", asked - answered)]
     missing = 0
     if world.options.soak:
-        stored = world.stored()
-        expected = {f"{c.name_}:{i}" for c in clients if c.right == STORED for i in range(c.asked)}
-        missing = len(expected - set(stored))
-        rows += [("in the stream", len(stored)), ("of them more than once", sum(n > 1 for n in stored.values())),
-                 ("missing there", missing)]
+        rows += count_stored(world.stored(), clients)
+        missing = rows[-1][1]
     for name, count in rows:
         print(f"  {name:20} {count:8}")
     return asked == answered and asked > 0 and wrong == 0 and missing == 0
