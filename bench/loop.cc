@@ -41,7 +41,8 @@ std::vector<Figures> RunInTurn(const std::vector<Case>& cases, const Settings& s
       clients[c]->Run(cases[c].active, settings.loop.slice);
       all[c].memory.push_back(clients[c]->ServerBytes());
     }
-    Interleave(cases.size(), settings.loop.rounds, [&](size_t c) {
+    const size_t rounds = cases.size() > 1 ? settings.loop.rounds : settings.loop.rounds / 4 + 1;  // no ratio
+    Interleave(cases.size(), rounds, [&](size_t c) {
       const EchoClients::Outcome outcome = clients[c]->Run(cases[c].active, settings.loop.slice);
       all[c].rate.push_back(outcome.rate);
       all[c].half.push_back(outcome.half);

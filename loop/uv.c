@@ -36,27 +36,28 @@ typedef struct Origin {
   int nodes;
 } Origin;
 
+/* What each turn uses is at the end of poll and the beginning of step, and between them. */
 struct MqUvNode {
-  MqStep step;
   uv_poll_t poll;
   MqUv* uv;
   const MqUvEvents* events;
-  void* data;
   void* signer;
+  uint64_t written; /* writes that were sent */
+  Link timed;       /* of uv->wheel */
+  int64_t tick;     /* of timed */
+  int turning;      /* 1: in on_poll, which ends with settle */
+  int watching;     /* what the poll handle waits for */
+  MqStep step;
+  void* data;
+  Completion *first, *last;
   Link member;    /* of uv->nodes or uv->listeners */
   Link soon;      /* of uv->soon */
-  Link timed;     /* of uv->wheel */
-  int64_t tick;   /* of timed */
   Origin* origin; /* null unless it was accepted, and is open */
   int64_t until;  /* milliseconds: when a connect or an end takes too long, or accepting is tried again */
-  int turning;    /* 1: in on_poll, which ends with settle */
-  int watching;   /* what the poll handle waits for */
   int owed;       /* answers that the application still has to write */
   int half;       /* 1: the peer has closed its side and waits for them */
   int code;       /* for on_end */
   const char* why;
-  uint64_t written; /* writes that were sent */
-  Completion *first, *last;
 };
 
 struct MqUv {
@@ -176,7 +177,7 @@ static void forget_handle(MqUv* uv) {
 }
 
 static void on_node_closed(uv_handle_t* handle) {
-  MqUvNode* const node = (MqUvNode*)handle->data;
+  MqUvNode* const node = OWNER(MqUvNode, poll, handle);
   MqUv* const uv = node->uv;
   tell_sent(node);
   while (node->first != NULL) tell_first(node, node->code != 0 ? node->code : ECONNABORTED);
@@ -335,7 +336,6 @@ static MqUvNode* add(MqUv* uv, MQNode* mqnode, int secure) {
     free(node);
     return NULL;
   }
-  node->poll.data = node;
   list_append(is_listening(node) ? &uv->listeners : &uv->nodes, &node->member);
   ++uv->count;
   ++uv->handles;
@@ -429,7 +429,7 @@ static void connect_turn(MqUvNode* node) {
 }
 
 static void on_poll(uv_poll_t* handle, int status, int events) {
-  MqUvNode* const node = (MqUvNode*)handle->data;
+  MqUvNode* const node = OWNER(MqUvNode, poll, handle);
   if (status < 0) { /* a socket error, after which libuv has stopped watching: the calls below report it */
     events = node->watching;
     node->watching = 0;

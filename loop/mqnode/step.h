@@ -59,26 +59,27 @@ enum {
   MQ_STEP_CLOSED      /* the descriptor is closed */
 };
 
+/* What each turn uses comes first, in as few cache lines as possible. */
 typedef struct MqStep {
   MQNode* node;
   const MqLoopLimits* limits;
-  int secure;         /* 1: signed messages; 0: plain ones */
-  int phase;          /* MQ_STEP_OPEN ... */
-  int error;          /* code of the last result other than DONE and WAIT */
-  int paused;         /* 1: the engine or its application wants no messages */
-  int held;           /* 1: too much is queued to read, or no descriptor or memory is left to accept */
-  int accepted;       /* 1: a listening node accepted it */
-  uint32_t left;      /* messages or connections that are left in this turn */
-  uint32_t got;       /* messages read in this turn */
-  uint32_t single;    /* number of following turns with one message only */
   uint64_t whole;     /* bytes received up to the end of the last message */
   uint64_t taken;     /* writes that were sent or queued */
-  uint64_t sentAtEnd; /* value that bytesSent of the node will have when its queue is empty */
   uint64_t moved;     /* bytes sent and received at the last progress */
-  int64_t begun;      /* milliseconds: time at which the engine took the node */
   int64_t since;      /* milliseconds: time of the last progress */
   uint32_t done;      /* messages read and written at the last progress */
   int midway;         /* 1: at the last progress, the node was in a message or had queued writes */
+  int secure;         /* 1: signed messages; 0: plain ones */
+  int phase;          /* MQ_STEP_OPEN ... */
+  int paused;         /* 1: the engine or its application wants no messages */
+  int held;           /* 1: too much is queued to read, or no descriptor or memory is left to accept */
+  uint32_t left;      /* messages or connections that are left in this turn */
+  uint32_t got;       /* messages read in this turn */
+  uint32_t single;    /* number of following turns with one message only */
+  int error;          /* code of the last result other than DONE and WAIT */
+  int accepted;       /* 1: a listening node accepted it */
+  uint64_t sentAtEnd; /* value that bytesSent of the node will have when its queue is empty */
+  int64_t begun;      /* milliseconds: time at which the engine took the node */
   MqFinish finish;    /* progress of an end */
 } MqStep;
 
