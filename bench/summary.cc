@@ -13,8 +13,9 @@ struct Aim {
   bool at_least;
   double limit;
   int decimals;
-  int row;  // -1: all rows, named by their first cells
+  int row;  // -1: all rows that have a figure, named by their first cells
   const char* what;
+  size_t names = 1;  // how many of the first cells name a row
 };
 
 constexpr Aim kAims[] = {
@@ -27,6 +28,8 @@ constexpr Aim kAims[] = {
      "instructions per node of a wait, mnPost"},
     {"instructions_wait", "a node, from 10 to 410", nullptr, false, 46.5, 1, 1,
      "instructions per node of a wait, mnNPost"},
+    {"loop", "of bare", "+-", true, 0.95, 3, -1, "rate relative to bare sockets; connected, active", 3},
+    {"idle", "cpu", "+- cpu", false, 1.1, 3, -1, "processor time with many idle connections relative to few"},
 };
 
 // "yes", "no", or "within +-" if the figure misses the aim by no more than its spread.
@@ -40,7 +43,10 @@ void AddRow(Section* table, const Section& from, const Aim& aim, size_t row) {
   const std::optional<double> figure = from.Figure(row, aim.column);
   if (!figure) return;
   const double spread = aim.spread == nullptr ? 0 : from.Figure(row, aim.spread).value_or(0);
-  const std::string name = aim.row == -1 ? fmt::format("{}: {}", aim.what, from.rows[row][0].text) : aim.what;
+  std::string name = aim.what;
+  for (size_t cell = 0; aim.row == -1 && cell < aim.names; ++cell) {
+    name += fmt::format("{} {}", cell == 0 ? ":" : ",", from.rows[row][cell].text);
+  }
   table->rows.push_back({Text(name), Number(*figure, aim.decimals),
                          aim.spread == nullptr ? Text("") : Number(spread, 3),
                          Text(fmt::format("{} {:g}", aim.at_least ? "at least" : "at most", aim.limit)),

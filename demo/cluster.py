@@ -3,7 +3,8 @@
 nats-servers, two bridges, three workers and many clients. One of the servers is killed in the middle.
 
 With --soak, something is killed every few seconds and started again: a server, a bridge or a worker. Other clients then
-store numbered messages in a stream with three replicas, which are counted at the end.
+store numbered messages in a stream with three replicas, which are counted at the end. The stream tolerates one failure
+at a time: the next server is killed when the last one has caught up.
 Exit code: 0 every message was answered and, if stored, is there; 1 not so; after Ctrl-C 130, with the results so far.
 """
 import argparse
@@ -17,8 +18,8 @@ import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "support"))
-from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, make_cluster,  # noqa: E402
-                     make_stream, missing, worker)
+from cluster import (STORED, Bridge, Nats, Node, finish, free_ports, is_whole, make_cluster,  # noqa: E402
+                     make_stream, missing, until, worker)
 
 
 class Client(threading.Thread):
@@ -78,6 +79,7 @@ class World:
                 for mode, right in kinds if (ports := by_mode[mode]) for i in range(self.options.clients)]
 
     def kill_server(self):
+        until("all replicas are up to date", lambda: is_whole(random.choice(self.servers), "DEMO"), 60)
         server = random.choice(self.servers)
         server.kill()
         print(f"  killed nats-server {server.name}", flush=True)

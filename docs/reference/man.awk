@@ -617,11 +617,16 @@ function put_function_body(group, declaration,   header, text, result, error, uv
   put_notes(text, header)
 }
 
-function put_record_body(group,   lines, n, i, parts) {
-  head("DESCRIPTION")
-  read_blocks(group_text[group])
+# A whole text, whose first sentence may begin in lower case.
+function put_text(text) {
+  read_blocks(text)
   block_text[1] = sentence(block_text[1])
   put_blocks("all")
+}
+
+function put_record_body(group,   lines, n, i, parts) {
+  head("DESCRIPTION")
+  put_text(group_text[group])
   n = split(group_fields[group], lines, "\n")
   for (i = 1; i < n; ++i) {
     split(lines[i], parts, "\t")
@@ -656,9 +661,7 @@ function write_group_page(name, group,   lines, n, i, shown, header, text) {
 
 function put_class(class,   i, line) {
   put(".SS \"" roff(class_line[class]) "\"")
-  read_blocks(class_text[class])
-  block_text[1] = sentence(block_text[1])
-  put_blocks("all")
+  put_text(class_text[class])
   for (i = 1; i <= class_members[class]; ++i) {
     line = member_line[class, i]
     put(i == 1 || member_text[class, i] != member_text[class, i - 1] || member_text[class, i] == "" ? ".TP" : ".TQ")
@@ -705,9 +708,7 @@ function write_header_page(header,   name, c, n, i, titles) {
   begin_page(name, name, first_sentence(essay[header]), header)
   put(".fi")
   head("DESCRIPTION")
-  read_blocks(essay[header])
-  block_text[1] = sentence(block_text[1])
-  put_blocks("all")
+  put_text(essay[header])
   n = split(section_list[header], titles, "\n")
   for (i = 1; i < n; ++i) {
     if (section_text[header, titles[i]] == "") continue

@@ -211,6 +211,15 @@ def make_stream(server, name, subjects, replicas=1, **more):
     return until(f"stream {name}", made, 60)
 
 
+def is_whole(server, stream):
+    """Whether all replicas of a stream have all messages."""
+    try:
+        state = Nats(server.port, 3).call(f"$JS.API.STREAM.INFO.{stream}").get("cluster", {})
+        return "leader" in state and all(r["current"] and not r.get("offline") for r in state["replicas"])
+    except OSError:
+        return False
+
+
 def worker(server, *arguments):
     process = start(f"{BIN}/worker", server.url, *arguments)
     assert "ready" in process.stdout.readline()
