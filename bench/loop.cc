@@ -105,12 +105,13 @@ void MeasureServers(Report* report, const Settings& settings, size_t most) {
 }
 
 void MeasureIdle(Report* report, const Settings& settings, size_t most) {
-  Section section = {"idle",
-                     fmt::format("{} active connections, with {} in all relative to {} in all (aim: processor time 1.1 or less)",
-                                 kActive, most, kFewConnections),
-                     {"server", "few us", "many us", "rate", "+-", "cpu", "+- cpu"},
-                     {},
-                     {"us: processor time of the server for a message"}};
+  Section section = {
+      "idle",
+      fmt::format("{} active connections, {} in all relative to {} in all (aim: processor time 1.1 or less)", kActive,
+                  most, kFewConnections),
+      {"server", "few us", "many us", "rate", "+-", "cpu", "+- cpu"},
+      {},
+      {"us: processor time of the server for a message"}};
   for (const auto& group : EchoServers()) {
     if (group.size() == 1) continue;  // not on an engine
     const EchoServer& server = group.front();
