@@ -89,7 +89,7 @@ enum {
 typedef struct MqServerLimits {
   int clients;            /* connected clients (1000) */
   int clientsPerAddress;  /* connected clients from one address (1000); further ones are refused */
-  int backlog;            /* connections that wait to be accepted (128); the system may allow fewer */
+  int backlog;            /* connections that wait to be accepted (1024); the system may allow fewer */
   int acceptsPerRound;    /* connections that are accepted before connected clients are served (32) */
   int messagesPerRound;   /* messages that are read from one client in a round (1) */
   int logLinesPerSecond;  /* lines in the log per second (20) */
@@ -176,7 +176,7 @@ struct MqServer {
 
 /* mq_server_limits - get the default limits, which MqServerLimits documents. */
 static inline MqServerLimits mq_server_limits(void) {
-  const MqServerLimits limits = {1000,   1000, 128,   32,     1,     20,    10000, 10000,
+  const MqServerLimits limits = {1000,   1000, 1024,  32,     1,     20,    10000, 10000,
                                  600000, 1000, 65536, 262144, 65536, 65536, 0};
   return limits;
 }

@@ -54,7 +54,7 @@ struct Options {
   KeyOptions keys;
   bool only_sealed = false;
   uint64_t count = UINT64_MAX;
-  int backlog = 128;
+  int backlog = 1024;
   int max_clients = 256;
   int max_per_address = INT_MAX;
   uint32_t max_message = 1 << 20;  // bytes, headers included
